@@ -1,0 +1,39 @@
+# What every target of the project is built with, and the shapes that targets come in.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(PROTOBUF_C REQUIRED IMPORTED_TARGET libprotobuf-c)
+
+add_library(plx_options INTERFACE)
+target_compile_options(plx_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+if(PLX_SANITIZE)
+  target_compile_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE})
+else()
+  target_compile_options(plx_options INTERFACE -fstack-protector-strong $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+                                               $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  target_link_options(plx_options INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack,-z,defs)
+endif()
+
+# A shared library with SONAME lib<name>.so.1. With MAP it exports what that file lists, otherwise what its sources mark.
+function(plx_shared_library name)
+  cmake_parse_arguments(ARG "" "MAP" "SOURCES" ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE plx_options)
+  set_target_properties(${name} PROPERTIES SOVERSION 1 VERSION ${PROJECT_VERSION})
+  if(ARG_MAP)
+    target_link_options(${name} PRIVATE -Wl,--version-script=${ARG_MAP})
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${ARG_MAP})
+  endif()
+endfunction()

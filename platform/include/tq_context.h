@@ -1,0 +1,31 @@
+/* tq_context.h: what applications of this platform pass to the library as g_ssd_fp_global. */
+#ifndef TQ_CONTEXT_H
+#define TQ_CONTEXT_H
+
+#include "tq_time.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct tq_mom_client;
+
+typedef struct tq_context {
+    struct tq_mom_client *mom;
+    tq_thread_master *master;
+} tq_context;
+
+/* A context with a loop of its own and a store client that connects on first use. `store_url` is "mem:" or "mem:NAME"
+ * for the embedded store, shared by name within the process, or the address of a server: "unix:/path",
+ * "redis://[user[:password]@]host[:port]". NULL: the environment's PLX_STORE, else "mem:". NULL is returned, with errno
+ * set, when the address is malformed (EINVAL) or memory is short (ENOMEM). */
+tq_context *tq_context_new(const char *store_url);
+
+/* Ends the subscriptions, timers and watches of the context. */
+void tq_context_free(tq_context *context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
