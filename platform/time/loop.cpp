@@ -1,0 +1,321 @@
+// The event loop: one-shot timers of our own over libuv's polling.
+//
+// Timers stand in a queue ordered by due time, and libuv is asked to wait no longer than the first one allows. Keeping
+// them here makes the promises of tq_time.h simple: a pass fires what was due when the pass began, so a timer that
+// inserts itself again with no interval cannot keep descriptors from being served; equal times fire in the order of
+// insertion; a fired timer has left the queue before its function runs, so the function may do anything to the loop.
+//
+// The loop owns its timers and watches. A timer's handle is cleared only while it still points at that timer: the
+// application may have put another one there.
+#include "tq_loop.h"
+
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <new>
+#include <uv.h>
+
+using timer_queue = std::multimap<uint64_t, std::unique_ptr<tq_thread>>;
+
+struct tq_thread {
+    tq_thread_master *master;
+    tq_thread **handle;
+    tq_thread_func func;
+    void *arg;
+    timer_queue::iterator place; // end() while the function runs
+};
+
+struct tq_loop_watch {
+    uv_poll_t poll;
+    tq_thread_master *master;
+    tq_loop_func func;
+    void *arg;
+    int fd;
+    int events;
+};
+
+struct tq_thread_master {
+    uv_loop_t loop;
+    uv_timer_t bound; // active while a wait is bounded, never otherwise
+    timer_queue timers;
+    uint64_t pass_time = 0; // nanoseconds; what is inserted from now on is due later than the current pass
+    bool stopped = false;
+    bool progress = false; // a callback ran in this step
+};
+
+namespace {
+
+constexpr uint64_t ns_per_us = 1000;
+constexpr uint64_t ns_per_ms = 1000000;
+constexpr uint64_t longest_us = uint64_t{INT64_MAX} / ns_per_us / 2;
+
+uint64_t due_after(const tq_thread_master &master, const timeval &interval)
+{
+    uint64_t us = tq_timeval_to_us(&interval);
+    if (us > uint64_t{INT64_MAX})
+        us = 0; // a negative interval is over already
+    if (us > longest_us)
+        us = longest_us;
+    const uint64_t due = uv_hrtime() + us * ns_per_us;
+    return due > master.pass_time ? due : master.pass_time + 1;
+}
+
+void clear_handle(const tq_thread &timer)
+{
+    if (timer.handle && *timer.handle == &timer)
+        *timer.handle = nullptr;
+}
+
+void fire(tq_thread_master &master)
+{
+    auto first = master.timers.begin();
+    const std::unique_ptr<tq_thread> timer = std::move(first->second);
+    master.timers.erase(first);
+    timer->place = master.timers.end();
+    clear_handle(*timer);
+    master.progress = true;
+    timer->func(timer.get());
+}
+
+void fire_due(tq_thread_master &master)
+{
+    const uint64_t now = uv_hrtime();
+    master.pass_time = now;
+    while (!master.stopped && !master.timers.empty() && master.timers.begin()->first <= now)
+        fire(master);
+}
+
+// Milliseconds until the first timer, rounded up; -1 without one.
+int next_timer(const tq_thread_master &master)
+{
+    if (master.timers.empty())
+        return -1;
+    const uint64_t now = uv_hrtime();
+    const uint64_t due = master.timers.begin()->first;
+    if (due <= now)
+        return 0;
+    const uint64_t ms = (due - now + ns_per_ms - 1) / ns_per_ms;
+    return ms < INT_MAX ? static_cast<int>(ms) : INT_MAX;
+}
+
+void do_nothing(uv_timer_t *) {}
+
+// Serves descriptors, waiting at most `timeout_ms` for the first of them.
+void poll_once(tq_thread_master &master, int timeout_ms)
+{
+    if (timeout_ms > 0) {
+        uv_update_time(&master.loop);
+        uv_timer_start(&master.bound, do_nothing, static_cast<uint64_t>(timeout_ms), 0);
+    }
+    uv_run(&master.loop, timeout_ms == 0 ? UV_RUN_NOWAIT : UV_RUN_ONCE);
+    uv_timer_stop(&master.bound);
+}
+
+int shorter(int a, int b)
+{
+    if (a < 0 || b < 0)
+        return a < 0 ? b : a;
+    return a < b ? a : b;
+}
+
+void step(tq_thread_master &master, int timeout_ms)
+{
+    master.progress = false;
+    fire_due(master);
+    if (master.stopped)
+        return;
+    poll_once(master, master.progress ? 0 : shorter(timeout_ms, next_timer(master)));
+    if (!master.progress)
+        fire_due(master);
+}
+
+bool alive(const tq_thread_master &master)
+{
+    return !master.timers.empty() || uv_loop_alive(&master.loop);
+}
+
+int milliseconds_since(uint64_t start)
+{
+    const uint64_t passed = (uv_hrtime() - start) / ns_per_ms;
+    return passed < INT_MAX ? static_cast<int>(passed) : INT_MAX;
+}
+
+void delete_watch(uv_handle_t *handle)
+{
+    delete static_cast<tq_loop_watch *>(handle->data);
+}
+
+void close_watch(uv_handle_t *handle, void *)
+{
+    if (!uv_is_closing(handle))
+        uv_close(handle, handle->type == UV_POLL ? delete_watch : nullptr);
+}
+
+void on_poll(uv_poll_t *poll, int status, int events)
+{
+    auto *watch = static_cast<tq_loop_watch *>(poll->data);
+    if (watch->master->stopped)
+        return; // level-triggered: the next run sees it again
+    if (status < 0) {
+        // libuv ended the watch at an error condition. The owner finds the error by reading or writing, and decides.
+        events = watch->events;
+        uv_poll_start(poll, watch->events, on_poll);
+    }
+    watch->master->progress = true;
+    watch->func(watch, watch->fd, events, watch->arg);
+}
+
+constexpr int known_events = TQ_LOOP_READABLE | TQ_LOOP_WRITABLE | TQ_LOOP_DISCONNECTED;
+static_assert(TQ_LOOP_READABLE == int{UV_READABLE} && TQ_LOOP_WRITABLE == int{UV_WRITABLE} &&
+              TQ_LOOP_DISCONNECTED == int{UV_DISCONNECT});
+
+// libuv makes a watched descriptor non-blocking; whether it blocks is the business of its owner.
+int init_poll(tq_thread_master &master, uv_poll_t &poll, int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0)
+        return -1;
+    const int result = uv_poll_init(&master.loop, &poll, fd);
+    if (!(flags & O_NONBLOCK))
+        fcntl(fd, F_SETFL, flags);
+    return result;
+}
+
+} // namespace
+
+int tq_thread_insert_timer_timeval(tq_thread_master *master, tq_thread **handle, tq_thread_func func, void *arg,
+                                   const timeval *interval, const char *)
+try {
+    if (!master || !func || !interval)
+        return EINVAL;
+    const auto place = master->timers.emplace(due_after(*master, *interval), nullptr);
+    auto *timer = new (std::nothrow) tq_thread{master, handle, func, arg, place};
+    if (!timer) {
+        master->timers.erase(place);
+        return ENOMEM;
+    }
+    place->second.reset(timer);
+    if (handle)
+        *handle = timer;
+    return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
+}
+
+void *tq_thread_arg(const tq_thread *thread)
+{
+    return thread->arg;
+}
+
+void tq_thread_cancel(tq_thread *thread)
+{
+    if (!thread || thread->place == thread->master->timers.end())
+        return;
+    clear_handle(*thread);
+    thread->master->timers.erase(thread->place);
+}
+
+tq_thread_master *tq_loop_new(void)
+{
+    std::unique_ptr<tq_thread_master> master(new (std::nothrow) tq_thread_master);
+    if (!master || uv_loop_init(&master->loop) != 0)
+        return nullptr;
+    uv_timer_init(&master->loop, &master->bound);
+    return master.release();
+}
+
+void tq_loop_free(tq_thread_master *master)
+{
+    if (!master)
+        return;
+    for (const auto &[due, timer] : master->timers)
+        clear_handle(*timer);
+    uv_walk(&master->loop, close_watch, nullptr);
+    uv_run(&master->loop, UV_RUN_DEFAULT);
+    uv_loop_close(&master->loop);
+    delete master;
+}
+
+int tq_loop_run(tq_thread_master *master)
+{
+    if (!master)
+        return EINVAL;
+    while (!master->stopped) {
+        if (!alive(*master))
+            return ENOENT;
+        step(*master, -1);
+    }
+    master->stopped = false;
+    return 0;
+}
+
+int tq_loop_run_once(tq_thread_master *master, int timeout_ms)
+{
+    if (!master)
+        return EINVAL;
+    master->stopped = false;
+    const uint64_t start = uv_hrtime();
+    int remaining = timeout_ms;
+    do {
+        if (timeout_ms < 0 && !alive(*master))
+            return ENOENT;
+        step(*master, remaining);
+        if (timeout_ms > 0)
+            remaining = timeout_ms - milliseconds_since(start);
+    } while (!master->progress && (timeout_ms < 0 || remaining > 0));
+    master->stopped = false;
+    return 0;
+}
+
+void tq_loop_stop(tq_thread_master *master)
+{
+    if (master)
+        master->stopped = true;
+}
+
+tq_loop_watch *tq_loop_watch_fd(tq_thread_master *master, int fd, int events, tq_loop_func func, void *arg)
+{
+    if (!master || fd < 0 || !func)
+        return nullptr;
+    auto *watch = new (std::nothrow) tq_loop_watch{{}, master, func, arg, fd, events & known_events};
+    if (!watch)
+        return nullptr;
+    if (init_poll(*master, watch->poll, fd) != 0) {
+        delete watch;
+        return nullptr;
+    }
+    watch->poll.data = watch;
+    if (tq_loop_watch_events(watch, events) == 0)
+        return watch;
+    tq_loop_unwatch(watch);
+    return nullptr;
+}
+
+int tq_loop_watch_events(tq_loop_watch *watch, int events)
+{
+    if (!watch)
+        return EINVAL;
+    watch->events = events & known_events;
+    return uv_poll_start(&watch->poll, watch->events, on_poll);
+}
+
+void tq_loop_unwatch(tq_loop_watch *watch)
+{
+    if (watch)
+        uv_close(reinterpret_cast<uv_handle_t *>(&watch->poll), delete_watch);
+}
+
+int tq_loop_fd(const tq_thread_master *master)
+{
+    return uv_backend_fd(&master->loop);
+}
+
+int tq_loop_timeout(const tq_thread_master *master)
+{
+    // Zero also while libuv has to hand a new watch to the kernel, which it does when it next runs.
+    if (uv_loop_alive(&master->loop) && uv_backend_timeout(&master->loop) == 0)
+        return 0;
+    return next_timer(*master);
+}
