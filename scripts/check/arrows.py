@@ -1,0 +1,88 @@
+#!/usr/bin/env -S python3 -B
+"""Includes between the project's rooms run one way, and no files include each other in a circle.
+
+A room is the longest prefix of a file's path in ROOMS. It may include its own files and those of the rooms named
+there, and nothing else of ours. Tests, benchmarks and fuzzers are free: they look behind doors on purpose.
+"""
+import sys
+
+from includes import graph
+
+PUBLIC = {"include/", "platform/include/", "proto/"}
+ROOMS = {
+    "include/": set(),
+    "platform/include/": set(),
+    "proto/": set(),
+    "app/fp_udp_mgr/": PUBLIC | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/",
+                                 "app/fp_udp_dbg/channel", "app/fp_udp_dbg/commands"},
+    "app/fp_udp_acldb/": PUBLIC | {"app/fp_udp_req_mng/", "app/fp_udp_dbg/channel"},
+    "app/fp_udp_req_mng/": PUBLIC | {"app/fp_udp_dbg/channel"},
+    "app/fp_udp_log/": PUBLIC | {"app/fp_udp_dbg/channel"},
+    # The ground, on which all stand, and the roof, which reads what the areas below export: never each other.
+    "app/fp_udp_dbg/channel": PUBLIC,
+    "app/fp_udp_dbg/commands": PUBLIC,
+    # The reference platform knows no record type, and its libraries know each other by their contracts alone.
+    "platform/mom/": {"platform/include/"},
+    "platform/time/": {"platform/include/"},
+    "platform/zlog/": {"platform/include/"},
+    "platform/ssat/": {"platform/include/"},
+    "platform/topics/": {"platform/include/"},
+    "plane/": PUBLIC,
+    "tools/": PUBLIC | {"plane/"},
+    "examples/": PUBLIC,
+}
+FREE = ("tests/", "bench/", "fuzz/", "docs/")
+
+
+def room_of(name):
+    return max((room for room in ROOMS if name.startswith(room)), key=len, default=None)
+
+
+def arrow_faults(edges):
+    for name, targets in edges.items():
+        if name.startswith(FREE):
+            continue
+        room = room_of(name)
+        if room is None:
+            yield f"{name}: stands in no room of the plan"
+            continue
+        for target in targets:
+            if room_of(target) not in ROOMS[room] | {room}:
+                yield f"{name}: must not include {target}"
+
+
+def circle(edges):
+    """A path of files that comes back to its start, or None."""
+    done = set()
+
+    def walk(name, path):
+        if name in path:
+            return path[path.index(name):] + [name]
+        if name in done:
+            return None
+        for target in edges.get(name, ()):
+            found = walk(target, path + [name])
+            if found:
+                return found
+        done.add(name)
+        return None
+
+    return next(filter(None, (walk(name, []) for name in edges)), None)
+
+
+def main():
+    edges, lost = graph()
+    faults = [f'{name}: no file for #include "{text}"' for name, text in lost]
+    faults += arrow_faults(edges)
+    found = circle(edges)
+    if found:
+        faults.append("a circle of includes: " + " -> ".join(found))
+    for fault in faults:
+        print("arrows:", fault, file=sys.stderr)
+    arrows = sum(map(len, edges.values()))
+    print(f"arrows: {arrows} includes between {len(edges)} files, {len(faults)} faults")
+    return 1 if faults or not arrows else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,70 @@
+#!/usr/bin/env -S python3 -B
+"""clang-tidy finds nothing in app/, platform/, plane/ and tools/.
+
+A file that passed is not looked at again until it, a header of ours that it includes, its compile command, .clang-tidy
+or clang-tidy itself changes: build-clang/lint/ keeps a stamp for each.
+"""
+import concurrent.futures
+import hashlib
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+from includes import closure, graph
+
+BUILD = "build-clang"
+ROOMS = ("app/", "platform/", "plane/", "tools/")
+TIDY = "clang-tidy-14"
+
+
+def entries():
+    """(file, compile command) of everything that the rooms build"""
+    root = os.getcwd() + os.sep
+    with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as database:
+        for entry in json.load(database):
+            name = entry["file"].removeprefix(root)
+            if name.startswith(ROOMS):
+                yield name, entry["command"]
+
+
+def stamp_of(name, command, edges, common):
+    digest = hashlib.sha256(common + command.encode())
+    for part in sorted(closure(name, edges)):
+        digest.update(pathlib.Path(part).read_bytes())
+    return pathlib.Path(BUILD, "lint", digest.hexdigest())
+
+
+def lint(job):
+    name, stamp = job
+    if stamp.exists():
+        return True
+    done = subprocess.run([TIDY, "-p", BUILD, "--quiet", name], capture_output=True, text=True)
+    if done.returncode == 0:
+        stamp.touch()
+        return True
+    print(done.stdout, file=sys.stderr)
+    return False
+
+
+def main():
+    configured = subprocess.run(["scripts/configure", "clang", BUILD, "PLX_TESTS=OFF",
+                                 "CMAKE_COMPILE_WARNING_AS_ERROR=ON"], stdout=subprocess.DEVNULL)
+    generated = subprocess.run(["cmake", "--build", BUILD, "--target", "s_policy"], stdout=subprocess.DEVNULL)
+    if configured.returncode or generated.returncode:
+        return 1
+    edges, _ = graph()
+    version = subprocess.run([TIDY, "--version"], capture_output=True, check=True).stdout
+    common = version + pathlib.Path(".clang-tidy").read_bytes()
+    os.makedirs(f"{BUILD}/lint", exist_ok=True)
+    jobs = [(name, stamp_of(name, command, edges, common)) for name, command in entries()]
+    fresh = sum(not stamp.exists() for _, stamp in jobs)
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        results = list(pool.map(lint, jobs))
+    print(f"lint: {len(jobs)} files, {fresh} looked at, {results.count(False)} with findings")
+    return 0 if jobs and all(results) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
