@@ -49,16 +49,20 @@ namespace {
 
 constexpr uint64_t ns_per_us = 1000;
 constexpr uint64_t ns_per_ms = 1000000;
-constexpr uint64_t longest_us = uint64_t{INT64_MAX} / ns_per_us / 2;
+constexpr uint64_t longest_seconds = uint64_t{INT64_MAX} / 4 / 1000000000;
+
+// Microseconds; an interval that is negative is over already, and one beyond the clock is cut.
+uint64_t wait_of(const timeval &interval)
+{
+    const uint64_t seconds = tq_timeval_to_sec(&interval);
+    if (seconds > uint64_t{INT64_MAX})
+        return 0;
+    return seconds < longest_seconds ? tq_timeval_to_us(&interval) : longest_seconds * 1000000;
+}
 
 uint64_t due_after(const tq_thread_master &master, const timeval &interval)
 {
-    uint64_t us = tq_timeval_to_us(&interval);
-    if (us > uint64_t{INT64_MAX})
-        us = 0; // a negative interval is over already
-    if (us > longest_us)
-        us = longest_us;
-    const uint64_t due = uv_hrtime() + us * ns_per_us;
+    const uint64_t due = uv_hrtime() + wait_of(interval) * ns_per_us;
     return due > master.pass_time ? due : master.pass_time + 1;
 }
 
