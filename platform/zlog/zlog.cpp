@@ -1,0 +1,155 @@
+// The system log behind tq_zlog.h: zlog where that library is on the machine, syslog(3) otherwise.
+//
+// zlog is looked for once, when the first category is opened. Each category decides for itself: one that zlog does not
+// know (no library, a configuration that does not load, no rule for the name) goes to syslog, so that no line is lost.
+// zlog reads its configuration from the file that ZLOG_CONF_PATH names; an application that has initialised zlog itself
+// keeps its own. Categories are never freed. Whatever the text contains, it reaches either log as data.
+#include "tq_zlog.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <map>
+#include <memory>
+#include <new>
+#include <string>
+#include <syslog.h>
+
+namespace {
+
+struct zlog_library {
+    int (*init)(const char *configuration);
+    void *(*get_category)(const char *name);
+    void (*log)(void *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
+                int level, const char *format, ...);
+};
+
+struct category {
+    std::string name;
+    void *zlog; // NULL: syslog
+};
+
+template <typename function> bool resolve(void *library, const char *name, function *&entry)
+{
+    entry = reinterpret_cast<function *>(dlsym(library, name));
+    return entry;
+}
+
+bool open_library(const char *file_name, zlog_library &zlog)
+{
+    void *library = dlopen(file_name, RTLD_NOW | RTLD_LOCAL);
+    if (!library)
+        return false;
+    if (resolve(library, "zlog_init", zlog.init) && resolve(library, "zlog_get_category", zlog.get_category) &&
+        resolve(library, "zlog", zlog.log))
+        return true;
+    dlclose(library);
+    zlog = {};
+    return false;
+}
+
+const zlog_library &zlog()
+{
+    static const zlog_library library = [] {
+        zlog_library found{};
+        for (const char *file_name : {"libzlog.so.1.2", "libzlog.so.1", "libzlog.so"})
+            if (open_library(file_name, found))
+                break;
+        return found;
+    }();
+    return library;
+}
+
+void *open_zlog_category(const char *name)
+{
+    if (!zlog().get_category)
+        return nullptr;
+    if (void *open = zlog().get_category(name))
+        return open;
+    zlog().init(getenv("ZLOG_CONF_PATH"));
+    return zlog().get_category(name);
+}
+
+int syslog_priority(int level)
+{
+    if (level >= TQ_ZLOG_FATAL)
+        return LOG_CRIT;
+    if (level >= TQ_ZLOG_ERROR)
+        return LOG_ERR;
+    if (level >= TQ_ZLOG_WARN)
+        return LOG_WARNING;
+    if (level >= TQ_ZLOG_NOTICE)
+        return LOG_NOTICE;
+    return level >= TQ_ZLOG_INFO ? LOG_INFO : LOG_DEBUG;
+}
+
+void write_syslog(const category &to, const char *func, size_t func_len, long line, int level, const char *text)
+{
+    int length = static_cast<int>(strlen(text));
+    while (length > 0 && text[length - 1] == '\n')
+        --length;
+    const int func_length = func ? static_cast<int>(func_len) : 0;
+    syslog(syslog_priority(level), "%s: %.*s[%ld]: %.*s", to.name.c_str(), func_length, func ? func : "", line, length,
+           text);
+}
+
+// The formatted line, in `buffer` where it fits. Without memory for a longer one the line is cut.
+const char *format_line(char *buffer, size_t size, std::unique_ptr<char[]> &longer, const char *format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(buffer, size, format, args);
+    if (length < 0)
+        buffer[0] = '\0';
+    if (length >= 0 && static_cast<size_t>(length) >= size)
+        longer.reset(new (std::nothrow) char[static_cast<size_t>(length) + 1]);
+    if (longer)
+        vsnprintf(longer.get(), static_cast<size_t>(length) + 1, format, again);
+    va_end(again);
+    return longer ? longer.get() : buffer;
+}
+
+} // namespace
+
+void *tq_zlog_init(const char *name)
+try {
+    if (!name)
+        return nullptr;
+    static auto &categories = *new std::map<std::string, category>; // outlives whoever logs at exit
+    const auto [place, added] = categories.try_emplace(name, category{name, nullptr});
+    if (added)
+        place->second.zlog = open_zlog_category(name);
+    return &place->second;
+} catch (const std::bad_alloc &) {
+    return nullptr;
+}
+
+void tqdf_zlog(void *opened, const char *file, size_t file_len, const char *func, size_t func_len, long line, int level,
+               const char *format, ...)
+{
+    if (!opened)
+        return;
+    char buffer[1024];
+    std::unique_ptr<char[]> longer;
+    va_list args;
+    va_start(args, format);
+    const char *text = format_line(buffer, sizeof buffer, longer, format, args);
+    va_end(args);
+
+    const auto &to = *static_cast<const category *>(opened);
+    if (to.zlog)
+        zlog().log(to.zlog, file, file_len, func, func_len, line, level, "%s", text);
+    else
+        write_syslog(to, func, func_len, line, level, text);
+}
+
+int at_snprintf(char *buffer, size_t size, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(buffer, size, format, args);
+    va_end(args);
+    return length;
+}
