@@ -16,12 +16,17 @@ typedef struct tq_context {
 } tq_context;
 
 /* A context with a loop of its own and a store client that connects on first use. `store_url` is "mem:" or "mem:NAME"
- * for the embedded store, shared by name within the process, or the address of a server: "unix:/path",
+ * for the embedded store, shared by name between the contexts of one thread, or the address of a server: "unix:/path",
  * "redis://[user[:password]@]host[:port]". NULL: the environment's PLX_STORE, else "mem:". NULL is returned, with errno
  * set, when the address is malformed (EINVAL) or memory is short (ENOMEM). */
 tq_context *tq_context_new(const char *store_url);
 
-/* Ends the subscriptions, timers and watches of the context. */
+/* The same on a loop that stays the caller's, so that several contexts (say, an application and the service nodes beside
+ * it) live on one loop. The loop outlives the context. */
+tq_context *tq_context_new_on(const char *store_url, tq_thread_master *master);
+
+/* Ends the subscriptions of the context and the store client's watches, and frees the loop that tq_context_new() made.
+ * NULL is accepted. Not from inside a callback of this context. */
 void tq_context_free(tq_context *context);
 
 #ifdef __cplusplus
