@@ -73,7 +73,7 @@ def library_faults(library):
 def faults():
     yield from export_faults(dynamic_symbols(LIBRARY, "defined"), listed())
     for symbol in dynamic_symbols(LIBRARY, "undefined"):
-        if BANNED.match(symbol):
+        if BANNED.match(symbol.partition("@")[0]):
             yield f"{LIBRARY} imports {symbol}"
     for name in sorted(set(tag(LIBRARY, "NEEDED")) - NEEDED):
         yield f"{LIBRARY} needs {name} at run time"

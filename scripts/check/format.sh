@@ -3,4 +3,8 @@
 set -eu
 files=$(git -c safe.directory='*' ls-files '*.c' '*.h' '*.cpp' '*.hpp')
 [ -n "$files" ] || { echo "format: no files?" >&2; exit 1; }
-echo "$files" | tr '\n' '\0' | xargs -0 clang-format-14 --dry-run -Werror
+status=0
+for file in $files; do
+    [ ! -f "$file" ] || clang-format-14 --dry-run -Werror --ferror-limit=1 "$file" || status=1
+done
+exit "$status"
