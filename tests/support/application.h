@@ -1,0 +1,96 @@
+// The application in the tests: a callback table whose callbacks write what they were told as a line of text, and short
+// ways to build what an application hands to the library.
+//
+// Private data is a run of counting bytes, priv(7) = 07 08 09 ..., so that a line shows it as "<7:32>".
+#pragma once
+
+#include "fakes.h"
+
+#include <gtest/gtest.h>
+#include <plx/libplx.h>
+#include <plx/s_policy.pb-c.h>
+
+using fake::lines;
+
+struct application {
+    lines events;
+    int32_t result = 0;                                // what every callback returns
+    std::function<void(const std::string &)> on_event; // runs inside the callback
+
+    lines take() { return std::exchange(events, {}); }
+    static fp_udp_acl_handler handler(); // all callbacks
+};
+extern application app;
+
+// A context as the library sees it: the thread master is the second member.
+struct application_context {
+    void *client;
+    tq_thread_master *master;
+};
+extern application_context context;
+
+// 32 bytes that hold a name, without a terminator when it is longer than 31 characters.
+void put_name(char (&field)[FP_UDP_APP_TYPE_SIZE], const std::string &name);
+void put_priv(uint8_t *bytes, size_t length, uint8_t first);
+
+fp_udp_acl make_acl(const std::string &type, uint32_t id, uint8_t cls = 0, uint8_t priv = 0);
+fp_udp_acl_key make_key(const std::string &type, uint32_t id);
+fp_udp_acl_info make_info(const std::string &type, uint32_t id);
+fp_udp_ace_info make_ace_info(uint64_t sn);
+fp_udp_apply_info make_apply_info(const std::string &apply_type, uint32_t phyid, uint32_t pri = 0, uint32_t dir = 0);
+
+// The library under test with everything registered the short way. The fakes' recordings start empty after start().
+class library_case : public testing::Test {
+  protected:
+    library_case();
+    ~library_case() override;
+
+    // Registers the types, the callbacks and database 5, and takes the operation table.
+    void start(const fp_udp_acl_handler &handler = application::handler(),
+               const lines &types = {"security_app", "my_app"});
+    // Calls with the private data that `priv` starts.
+    int32_t set_acl(const std::string &type, uint32_t id, uint8_t cls = 0, uint8_t priv = 0);
+    int32_t set_ace(const std::string &type, uint32_t id, uint64_t sn, uint8_t priv = 0);
+    int32_t set_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
+                      uint32_t pri = 0, uint8_t priv = 0, uint32_t cls = 0);
+
+    // What a service node answers, and what it says while it is alive.
+    int32_t answer_ace(const std::string &type, uint32_t id, uint64_t sn, int32_t status, uint64_t uuid);
+    int32_t answer_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
+                         uint32_t pri, int32_t status, uint64_t uuid);
+    int32_t heartbeat(uint32_t dev, uint32_t slot = 0, uint32_t id = 0);
+    void forget_calls(); // of store, log and application
+
+    fp_udp_acl_node *cached_acl(const std::string &type, uint32_t id);
+    fp_udp_ace_node *cached_ace(const std::string &type, uint32_t id, uint64_t sn);
+    fp_udp_apply_node *cached_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
+                                    uint32_t pri = 0);
+    static size_t pending();
+    static uint64_t now() { return fake::clock.now_us; }
+
+    fp_udp_mgr *mgr = nullptr;
+    std::string process; // this process's name, unlike any other's
+};
+
+// Elements of a list, after checking its links both ways.
+size_t list_length(const fp_udp_list &head);
+
+using owned_ace = std::unique_ptr<fp_udp_ace, void (*)(fp_udp_ace *)>;
+owned_ace make_ace(fp_udp_mgr *mgr, uint64_t sn, uint8_t priv = 0, uint64_t pri = 0, uint8_t default_ace = 0);
+using owned_apply = std::unique_ptr<fp_udp_apply, void (*)(fp_udp_apply *)>;
+owned_apply make_apply(fp_udp_mgr *mgr, const std::string &apply_type, uint32_t phyid, uint32_t pri = 0,
+                       uint32_t dir = 0, uint8_t priv = 0);
+template <class Object> void push(Object &object, const char *name, uint32_t cls, const std::vector<uint8_t> &value)
+{
+    fp_udp_attr attr{};
+    object->tlv->construct(&attr, name, cls, value.data(), static_cast<int32_t>(value.size()));
+    object->tlv->push(&object->tlv, attr);
+}
+
+// What the library prints while `work` runs.
+template <class Work> std::string printed(Work work)
+{
+    testing::internal::CaptureStdout();
+    work();
+    return testing::internal::GetCapturedStdout();
+}

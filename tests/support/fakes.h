@@ -1,0 +1,143 @@
+// The other side of the platform headers, as the library's tests need it: a store that records every call, a clock that
+// the test moves, a log that keeps its lines, a debug shell and a topic registry that keep what they were given.
+//
+// The functions of the platform headers are defined in the test program, so that they come before the shared libraries'
+// own. One instance of each fake lives as long as the process; every case runs in a process of its own (main.cpp).
+// Fakes refuse what the real thing refuses. Calls are kept as lines of text, which is what cases compare:
+//     "hmset 5 ace[my_app,1,7] 6,7 value=0a0b c_status=0"
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <libcgstctrl.h>
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <ssat.h>
+#include <string>
+#include <tq_mom.h>
+#include <tq_time.h>
+#include <tq_zlog.h>
+#include <utility>
+#include <vector>
+
+struct tq_thread_master {};
+
+namespace fake {
+
+using lines = std::vector<std::string>;
+
+// Two lower-case digits a byte; a run of eight or more counting bytes, as the tests' private data is, as
+// "<first:length>".
+std::string hex(const uint8_t *bytes, size_t length);
+// A "%s"-like formatter for expectations.
+std::string format(const char *form, ...) __attribute__((format(printf, 1, 2)));
+// "ace[my_app,1,7]": the table and the key.
+std::string address(const ProtobufCMessage &record);
+
+// Results handed out one by one, and 0 after the last.
+struct results : std::deque<int> {
+    using std::deque<int>::deque;
+    int next();
+};
+
+struct subscription {
+    uint32_t db;
+    std::string table;
+    void *handle;
+    tq_mom_callback callback;
+    void *arg;
+};
+
+struct store_double {
+    static constexpr int no_answer = -1; // a read that comes back without a result
+
+    lines calls;
+    std::map<std::string, results> script; // by operation: "hmset", "set", "get", "del", ...
+    int down = 0;                          // the result of every call while non-zero
+    std::vector<subscription> subscriptions;
+    std::map<std::string, std::string> records; // packed, by "db table[key]"
+    std::set<std::string> marks;
+    std::set<tq_mom_hash_res *> unreleased;
+    std::vector<std::pair<std::string, tq_mom_notification>> scan_entries; // delivered after the records of that table
+
+    lines take() { return std::exchange(calls, {}); }
+    void put(uint32_t db, const ProtobufCMessage &record);
+    bool holds(uint32_t db, const std::string &where) const;
+    // Calls the newest subscription of a table; its result, or -1000 when there is none.
+    int32_t deliver(const std::string &table, int32_t event, const ProtobufCMessage *record, int32_t result = 0,
+                    int32_t flag = 0);
+};
+
+struct timer {
+    tq_thread_master *master;
+    tq_thread **handle;
+    tq_thread_func func;
+    uint64_t due_us;
+    std::unique_ptr<tq_thread> thread;
+};
+
+struct clock_double {
+    uint64_t now_us = 1'000'000'000;
+    lines inserted; // "fp_udp_api 0s 10000000us"
+    std::list<timer> timers;
+    results insertions;
+    bool wall_clock_works = true; // the wall clock always shows "NOW"
+
+    // Moves the clock and fires what becomes due on the way.
+    void advance(uint64_t us);
+    void advance_seconds(uint64_t seconds) { advance(seconds * 1'000'000); }
+};
+
+struct log_line {
+    std::string file, func, text;
+    int level;
+};
+
+struct log_double {
+    std::vector<log_line> kept;
+    int formatted = 0; // calls of at_snprintf
+    bool opens = true;
+    std::string category;
+
+    // The texts logged since the last call, each behind its level's letter (E, I, N, D); only the levels asked for.
+    lines take(const std::string &levels = "EID");
+};
+
+struct shell_command {
+    std::string module, name, description;
+    ssat_handler handler;
+};
+
+struct shell_double {
+    std::string opened; // module
+    void *context = nullptr;
+    results openings;
+    std::vector<shell_command> commands;
+
+    int run(const std::string &name, std::vector<ssat_value> arguments);
+};
+
+struct topics_double {
+    lines calls;
+    results script;
+};
+
+extern store_double store;
+extern clock_double clock;
+extern log_double log;
+extern shell_double shell;
+extern topics_double topics;
+
+// Makes the n-th allocation that libplx itself asks for fail, while an instance lives; n = 0 only counts.
+class failing_allocation {
+  public:
+    explicit failing_allocation(int n);
+    ~failing_allocation();
+    failing_allocation(const failing_allocation &) = delete;
+    failing_allocation &operator=(const failing_allocation &) = delete;
+    static int seen(); // allocations asked for since the last instance was made
+};
+
+} // namespace fake
