@@ -13,13 +13,14 @@ ROOMS = {
     "include/": set(),
     "platform/include/": set(),
     "proto/": set(),
-    "app/fp_udp_mgr/": PUBLIC | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/",
-                                 "app/fp_udp_dbg/channel", "app/fp_udp_dbg/commands"},
-    "app/fp_udp_acldb/": PUBLIC | {"app/fp_udp_req_mng/", "app/fp_udp_dbg/channel"},
-    "app/fp_udp_req_mng/": PUBLIC | {"app/fp_udp_dbg/channel"},
-    "app/fp_udp_log/": PUBLIC | {"app/fp_udp_dbg/channel"},
-    # The ground, on which all stand, and the roof, which reads what the areas below export: never each other.
-    "app/fp_udp_dbg/channel": PUBLIC,
+    "app/fp_udp_mgr/": PUBLIC | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/", "app/fp_udp_dbg/",
+                                 "app/fp_udp_dbg/commands"},
+    "app/fp_udp_acldb/": PUBLIC | {"app/fp_udp_req_mng/", "app/fp_udp_dbg/"},
+    "app/fp_udp_req_mng/": PUBLIC | {"app/fp_udp_dbg/"},
+    "app/fp_udp_log/": PUBLIC | {"app/fp_udp_dbg/"},
+    # The diagnostic channel is the ground, on which all stand; the commands are the roof, which reads what the areas
+    # below export. They never include each other.
+    "app/fp_udp_dbg/": PUBLIC,
     "app/fp_udp_dbg/commands": PUBLIC,
     # The reference platform knows no record type, and its libraries know each other by their contracts alone.
     "platform/mom/": {"platform/include/"},

@@ -1,27 +1,30 @@
 """The project's include graph: which of our files includes which. Used by the checks beside this file.
 
 A quoted or angled include is ours when it names a tracked file, seen from the including file's folder or from one of
-the folders that the build gives the compiler. What is left is the system's, except that a quoted include must be ours.
+the folders that the build gives the compiler. A generated header counts as the schema that it is made from. What is left is the
+system's, except that a quoted include must be ours.
 """
 import os
 import re
 import subprocess
 
 SOURCES = (".c", ".cpp", ".h", ".hpp")
+SCHEMA = ".proto"
 ROOTS = ("include", "platform/include", "app", "plane", "plane/include", "tools/plx", "tests", "bench", "")
-GENERATED = {"plx/s_policy.pb-c.h": "proto/s_policy.proto", "s_policy.pb-c.h": "proto/s_policy.proto"}
+GENERATED = ".pb-c.h"
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 
 
 def tracked():
     listing = subprocess.run(["git", "-c", "safe.directory=*", "ls-files"], check=True, capture_output=True, text=True)
-    return [name for name in listing.stdout.splitlines() if name.endswith(SOURCES) and os.path.exists(name)]
+    return [name for name in listing.stdout.splitlines() if name.endswith(SOURCES + (SCHEMA,)) and os.path.exists(name)]
 
 
 def resolve(including, text, quoted, ours):
     """The tracked file behind an include, or None when it is the system's."""
-    if text in GENERATED:
-        return GENERATED[text]
+    if text.endswith(GENERATED):
+        schema = os.path.basename(text).removesuffix(GENERATED) + SCHEMA
+        return next((name for name in ours if os.path.basename(name) == schema), None)
     folders = ([os.path.dirname(including)] if quoted else []) + list(ROOTS)
     for folder in folders:
         name = os.path.normpath(os.path.join(folder, text))
@@ -35,9 +38,9 @@ def graph():
     ours = set(tracked())
     edges, lost = {}, []
     for name in sorted(ours):
-        with open(name, encoding="utf-8") as source:
-            found = INCLUDE.findall(source.read())
         edges[name] = []
+        with open(name, encoding="utf-8") as source:
+            found = INCLUDE.findall(source.read()) if name.endswith(SOURCES) else []
         for mark, text in found:
             target = resolve(name, text, mark == '"', ours)
             if target is not None:
