@@ -40,15 +40,22 @@ typedef struct fp_udp_apply_node {
 } fp_udp_apply_node;
 
 /* The table of one kind of node: an open-addressing hash set of node pointers, keyed by fields inside the nodes, that
- * owns no node. acl:   app_type, acl_id           ace: app_type, acl_id, sn apply: app_type, acl_id, apply_type, phyid,
- * pri A search key is a node of which only the key's fields are filled. A table must be initialised before it is used.
+ * owns no node.
+ *   acl:   app_type, acl_id
+ *   ace:   app_type, acl_id, sn
+ *   apply: app_type, acl_id, apply_type, phyid, pri
+ * A search key is a node of which only the key's fields are filled. A table must be initialised before it is used.
  *
- * init      makes an empty table, once; 0.
- * insert    stores the node. When an equal key is stored already, or the table cannot grow, the node is not stored.
- * Always 0. find      the stored node with an equal key, or NULL. remove    takes the node with an equal key out,
- * without freeing it. size      number of stored nodes. traverse  calls back for each node in bucket order until a
- * callback returns non-zero, and returns that. The callback may remove nodes, but not insert. traverse_with_index  the
- * same over `count` buckets from bucket `start`. traverse_op          traverse, with its result dropped: 0. */
+ *   init      makes an empty table, once; 0.
+ *   insert    stores the node. When an equal key is stored already, or the table cannot grow, the node is not stored.
+ *             Always 0.
+ *   find      the stored node with an equal key, or NULL.
+ *   remove    takes the node with an equal key out, without freeing it.
+ *   size      number of stored nodes.
+ *   traverse  calls back for each node in bucket order until a callback returns non-zero, and returns that. The
+ *             callback may remove nodes, but not insert.
+ *   traverse_with_index  the same over `count` buckets from bucket `start`.
+ *   traverse_op          traverse, with its result dropped: 0. */
 #define FP_UDP_NODE_TABLE(kind)                                                                                        \
     typedef struct fp_udp_##kind##_table {                                                                             \
         uint32_t n_buckets;   /* 0 or a power of two, at least 4 */                                                    \

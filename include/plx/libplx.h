@@ -14,17 +14,17 @@
  * Conventions
  *  1. Thread. The library creates no thread and takes no lock. Every call is made on the thread of the event loop whose
  *     master is the second member of the context; timers and store notifications run there too.
- *  2. Event loop. Outcomes arrive only while the application runs that loop. Calls that reach the store block until it
- * has answered, for the time that the store client allows.
- *  3. Context. `g_ssd_fp_global` is the application's: the platform's tq_context (tq_context.h), or a structure that
- * begins like it. It must outlive the library's use, which ends with the process: there is no shutdown call.
- *  4. Ownership. The library copies what it is given. ACE and apply objects are the application's, made and freed
- * through the table. What a callback receives lives until the callback returns.
+ *  2. Event loop. Outcomes arrive only while the application runs that loop. Calls that reach the store block until
+ *     it has answered, for the time that the store client allows.
+ *  3. Context. `g_ssd_fp_global` is the application's: the platform's tq_context (tq_context.h), or a structure
+ *     that begins like it. It must outlive the library's use, which ends with the process: there is no shutdown call.
+ *  4. Ownership. The library copies what it is given. ACE and apply objects are the application's, made and
+ *     freed through the table. What a callback receives lives until the callback returns.
  *  5. Names. An application type is at most 31 characters with its terminator in a 32-byte field. A field without a
  *     terminator is too long a name: -4, and nothing happens.
  *  6. Results. 0 is success, negative codes are enum fp_udp_result, other codes are the store client's or a callback's.
- *  7. Callbacks may call any operation, for any node, the reported one and its ACL included. They must not run the
- * event loop, and must return normally: no exception, no longjmp.
+ *  7. Callbacks may call any operation, for any node, the reported one and its ACL included. They must not run
+ *     the event loop, and must return normally: no exception, no longjmp.
  *  8. Null arguments are refused with -4 unless the operation says otherwise. A null callback is an event not wanted.
  *  9. Byte order. Integers in packed attributes and in private data are the host's; the values of match fields are in
  *     network byte order.

@@ -21,8 +21,8 @@ typedef struct tq_context {
  * set, when the address is malformed (EINVAL) or memory is short (ENOMEM). */
 tq_context *tq_context_new(const char *store_url);
 
-/* The same on a loop that stays the caller's, so that several contexts (say, an application and the service nodes beside
- * it) live on one loop. The loop outlives the context. */
+/* The same on a loop that stays the caller's, so that several contexts (say, an application and the service nodes
+ * beside it) live on one loop. The loop outlives the context. */
 tq_context *tq_context_new_on(const char *store_url, tq_thread_master *master);
 
 /* Ends the subscriptions of the context and the store client's watches, and frees the loop that tq_context_new() made.
