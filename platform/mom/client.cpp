@@ -1,0 +1,271 @@
+// tq_mom.h over an engine: arguments are checked, records encoded and decoded, and exceptions stopped here.
+#include "client.hpp"
+
+#include "wire.hpp"
+
+#include <cstdlib>
+#include <new>
+
+using namespace mom;
+
+namespace {
+
+struct target {
+    tq_mom_client *client;
+    table_ref table;
+    const ProtobufCMessage *key;
+};
+
+int resolve(void *handle, uint32_t db, const ProtobufCMessage *record, target &out)
+{
+    out.client = handle == nullptr ? nullptr : static_cast<tq_context *>(handle)->mom;
+    if (out.client == nullptr || !is_message(record))
+        return TQ_MOM_INVALID;
+    const auto *type = out.client->types.find(record->descriptor);
+    if (type == nullptr)
+        return TQ_MOM_INVALID;
+    out.table = {db, type};
+    out.key = key_of(*type, *record);
+    const bool foreign_key = out.key != nullptr && out.key->descriptor != type->index->descriptor;
+    return foreign_key ? TQ_MOM_INVALID : TQ_MOM_OK;
+}
+
+// Runs `body` on what the arguments name; no exception leaves.
+template <typename Body> int call(void *handle, uint32_t db, const ProtobufCMessage *record, Body body) noexcept
+{
+    try {
+        target target{};
+        const int resolved = resolve(handle, db, record, target);
+        return resolved != TQ_MOM_OK ? resolved : body(target);
+    } catch (const std::bad_alloc &) {
+        return TQ_MOM_NO_MEMORY;
+    } catch (...) {
+        return TQ_MOM_STORE_ERROR;
+    }
+}
+
+template <typename Body>
+int call_selected(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, Body body) noexcept
+{
+    return call(handle, db, record, [&](const target &target) -> int {
+        const auto &fields = target.table.type->key_fields;
+        if (selection > fields.size())
+            return TQ_MOM_INVALID;
+        return body(target, select_keys(fields, target.key, selection));
+    });
+}
+
+std::string_view key_text(const target &target)
+{
+    auto &text = target.client->key;
+    const auto &fields = target.table.type->key_fields;
+    text.clear();
+    append_key_text(text, fields, target.key, fields.size());
+    return text;
+}
+
+class scan_sink final : public record_sink {
+  public:
+    scan_sink(const target &target, const listener &to) : target_(target), to_(to) {}
+    void record(std::string_view key, field_values fields, int result) override
+    {
+        target_.client->notify(to_, *target_.table.type, key, fields, {TQ_MOM_EVENT_SET, nullptr, result, 0});
+    }
+
+  private:
+    target target_;
+    listener to_;
+};
+
+class read_sink final : public record_sink {
+  public:
+    read_sink(const target &target, tq_mom_hash_res &out) : target_(target), out_(out) {}
+    void record(std::string_view key, field_values fields, int result) override
+    {
+        if (result == TQ_MOM_OK)
+            out_.record = decode_record(*target_.table.type, key, fields, target_.client->scratch);
+        out_.status = out_.record == nullptr ? TQ_MOM_CORRUPT : TQ_MOM_OK;
+    }
+
+  private:
+    target target_;
+    tq_mom_hash_res &out_;
+};
+
+int32_t event_of(const record_type &type, change_kind kind)
+{
+    if (kind == change_kind::resync)
+        return TQ_MOM_EVENT_RESYNC;
+    if (kind == change_kind::deleted)
+        return TQ_MOM_EVENT_DELETED;
+    switch (type.kind) {
+    case record_kind::requested:
+        return TQ_MOM_EVENT_SET;
+    case record_kind::status:
+        return TQ_MOM_EVENT_STATUS;
+    case record_kind::publication:
+        break;
+    }
+    return TQ_MOM_EVENT_PUBLISHED;
+}
+
+} // namespace
+
+void subscription::deliver(const change &change)
+{
+    const tq_mom_notification told{event_of(type_, change.kind), nullptr, change.result, change.echo ? 1 : 0};
+    if (change.kind == change_kind::resync)
+        to_.callback(to_.handle, &told, to_.arg);
+    else
+        client_.notify(to_, type_, change.key, change.fields, told);
+}
+
+void tq_mom_client::notify(const listener &to, const record_type &type, std::string_view key_text, field_values fields,
+                           tq_mom_notification notification)
+{
+    ProtobufCMessage *record = nullptr;
+    if (notification.result == TQ_MOM_OK) {
+        record = decode_record(type, key_text, fields, scratch);
+        notification.result = record == nullptr ? TQ_MOM_CORRUPT : TQ_MOM_OK;
+    }
+    notification.record = record;
+    to.callback(to.handle, &notification, to.arg);
+    protobuf_c_message_free_unpacked(record, nullptr);
+}
+
+int tq_mom_client_connect_sync(void *handle, uint32_t)
+{
+    if (handle == nullptr || static_cast<tq_context *>(handle)->mom == nullptr)
+        return TQ_MOM_INVALID;
+    try {
+        return static_cast<tq_context *>(handle)->mom->engine->connect();
+    } catch (...) {
+        return TQ_MOM_NO_MEMORY;
+    }
+}
+
+int tq_mom_state_get(void *handle, uint32_t, int)
+{
+    if (handle == nullptr || static_cast<tq_context *>(handle)->mom == nullptr)
+        return TQ_MOM_INVALID;
+    try {
+        return static_cast<tq_context *>(handle)->mom->engine->state();
+    } catch (...) {
+        return TQ_MOM_NO_MEMORY;
+    }
+}
+
+int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields, uint32_t count)
+{
+    return call(handle, db, record, [&](const target &target) -> int {
+        auto &encoder = target.client->encoder;
+        if ((fields == nullptr && count > 0) || !encoder.encode_listed(*target.table.type, *record, {fields, count}))
+            return TQ_MOM_INVALID;
+        return target.client->engine->write(target.table, key_text(target), encoder.values(), write_mode::merge);
+    });
+}
+
+int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
+{
+    return call(handle, db, record, [&](const target &target) -> int {
+        auto &encoder = target.client->encoder;
+        encoder.encode_all(*target.table.type, *record);
+        return target.client->engine->write(target.table, key_text(target), encoder.values(), write_mode::replace);
+    });
+}
+
+tq_mom_hash_res *tq_mom_hgetall_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
+{
+    tq_mom_hash_res found{TQ_MOM_OK, nullptr};
+    const int read = call(handle, db, record, [&](const target &target) -> int {
+        read_sink sink(target, found);
+        const std::string key(key_text(target));
+        return target.client->engine->read(target.table, key, sink);
+    });
+    const bool not_asked = read == TQ_MOM_INVALID || read == TQ_MOM_NO_MEMORY || read == TQ_MOM_DISCONNECTED;
+    auto *result = not_asked ? nullptr : static_cast<tq_mom_hash_res *>(std::malloc(sizeof found));
+    if (result == nullptr) {
+        protobuf_c_message_free_unpacked(found.record, nullptr);
+        return nullptr;
+    }
+    *result = found;
+    if (read != TQ_MOM_OK)
+        result->status = read;
+    return result;
+}
+
+void tq_mom_hash_res_free(tq_mom_hash_res *res)
+{
+    if (res == nullptr)
+        return;
+    protobuf_c_message_free_unpacked(res->record, nullptr);
+    std::free(res);
+}
+
+int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
+{
+    return call(handle, db, record,
+                [](const target &target) { return target.client->engine->remove(target.table, key_text(target)); });
+}
+
+int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
+                     void *arg)
+{
+    if (cb == nullptr)
+        return TQ_MOM_INVALID;
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+        scan_sink sink(target, {handle, cb, arg});
+        return target.client->engine->scan(target.table, range, sink);
+    });
+}
+
+int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
+                     void *arg)
+{
+    if (cb == nullptr)
+        return TQ_MOM_INVALID;
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+        auto &client = *target.client;
+        auto added = std::make_unique<subscription>(client, *target.table.type, listener{handle, cb, arg});
+        client.subscriptions.push_back(std::move(added));
+        const auto at = client.subscriptions.back().get();
+        const int subscribed = client.engine->subscribe(target.table, range, *at);
+        if (subscribed != TQ_MOM_OK)
+            client.subscriptions.pop_back();
+        return subscribed;
+    });
+}
+
+int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint64_t bound)
+{
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+        return target.client->engine->mark(target.table, range, bound);
+    });
+}
+
+int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound)
+{
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+        return target.client->engine->sweep(target.table, range, bound);
+    });
+}
+
+const char *tq_mom_strerror(int result)
+{
+    static constexpr const char *texts[] = {
+        "success",
+        "invalid argument",
+        "out of memory",
+        "the store cannot be reached",
+        "no answer in time",
+        "no rewrite was begun, or its time ran out",
+        "what is stored under this key is not such a record",
+        "the store refuses this user the operation",
+        "the store's server is a replica and takes no writes",
+        "the store's server is still loading its data",
+        "the store's server is out of memory",
+        "the store refused the operation",
+    };
+    const bool known = result >= 0 && static_cast<size_t>(result) < sizeof texts / sizeof *texts;
+    return known ? texts[result] : "unknown result";
+}

@@ -1,0 +1,52 @@
+// The store client behind a context: types, buffers and subscriptions around one engine.
+//
+// Made and freed with its context. The buffers are reused from call to call and are free again before a callback runs,
+// so that callbacks may call anything. Subscriptions are the engine's sinks and outlive it.
+#ifndef TQ_MOM_CLIENT_HPP
+#define TQ_MOM_CLIENT_HPP
+
+#include "engine.hpp"
+
+#include <tq_context.h>
+#include <tq_loop.h>
+
+namespace mom {
+
+/// Who is told: the arguments of tq_mom_subscribe() and tq_mom_scan_sync().
+struct listener {
+    void *handle;
+    tq_mom_callback callback;
+    void *arg;
+};
+
+class subscription final : public change_sink {
+  public:
+    subscription(tq_mom_client &client, const record_type &type, const listener &to)
+        : client_(client), type_(type), to_(to)
+    {
+    }
+    void deliver(const change &change) override;
+
+  private:
+    tq_mom_client &client_;
+    const record_type &type_;
+    listener to_;
+};
+
+} // namespace mom
+
+struct tq_mom_client {
+    /// Decodes and tells; a record that cannot be decoded is told as a result.
+    void notify(const mom::listener &to, const mom::record_type &type, std::string_view key, mom::field_values fields,
+                tq_mom_notification notification);
+
+    mom::type_book types;
+    mom::field_encoder encoder;
+    std::string key;
+    std::string scratch;
+    std::vector<std::unique_ptr<mom::subscription>> subscriptions;
+    std::unique_ptr<mom::engine> engine;
+    tq_thread_master *own_loop = nullptr; ///< null when the loop is the application's
+};
+
+#endif

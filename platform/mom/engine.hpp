@@ -1,0 +1,81 @@
+// What a store must do for the client, whatever it is made of.
+//
+// The client (client.hpp) owns one engine per context and hands it tables, key texts and encoded fields; an engine knows
+// no record. Results are those of tq_mom.h. An engine calls change sinks from the event loop only, at most a bounded
+// number in one round, and expects that a sink calls back into it: subscribe, write, scan. A record sink is called from
+// inside read() and scan() under the same rule; what it is given is its own only until it returns.
+#ifndef TQ_MOM_ENGINE_HPP
+#define TQ_MOM_ENGINE_HPP
+
+#include "codec.hpp"
+#include "url.hpp"
+
+#include <memory>
+#include <tq_mom.h>
+#include <tq_time.h>
+
+namespace mom {
+
+struct table_ref {
+    uint32_t db;
+    const record_type *type;
+};
+
+enum class change_kind {
+    written, ///< the whole record as of this change
+    deleted, ///< no fields
+    resync,  ///< changes are lost: neither key nor fields
+};
+
+struct change {
+    change_kind kind;
+    std::string_view key;
+    field_values fields;
+    bool echo;              ///< made through this engine
+    int result = TQ_MOM_OK; ///< other than 0: the change could not be read
+};
+
+class change_sink {
+  public:
+    virtual void deliver(const change &change) = 0;
+
+  protected:
+    ~change_sink() = default;
+};
+
+class record_sink {
+  public:
+    /// `result` other than 0: what is stored under `key` is no record; `fields` is empty then.
+    virtual void record(std::string_view key, field_values fields, int result) = 0;
+
+  protected:
+    ~record_sink() = default;
+};
+
+enum class write_mode {
+    merge,   ///< fields not given keep their value
+    replace, ///< fields not given go
+};
+
+class engine {
+  public:
+    virtual ~engine() = default;
+    virtual int connect() = 0;
+    virtual int state() = 0;
+    virtual int write(table_ref table, std::string_view key, field_values fields, write_mode mode) = 0;
+    virtual int remove(table_ref table, std::string_view key) = 0;
+    /// Calls the sink once if the record exists.
+    virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;
+    virtual int scan(table_ref table, const key_range &range, record_sink &sink) = 0;
+    /// The sink outlives the engine's last round.
+    virtual int subscribe(table_ref table, const key_range &range, change_sink &sink) = 0;
+    virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;
+    virtual int sweep(table_ref table, const key_range &range, uint32_t bound_ms) = 0;
+};
+
+/// Throws std::bad_alloc or std::runtime_error.
+std::unique_ptr<engine> make_engine(const store_url &url, tq_thread_master *master);
+
+} // namespace mom
+
+#endif

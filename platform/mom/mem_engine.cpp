@@ -1,0 +1,234 @@
+// See mem_engine.hpp.
+#include "mem_engine.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace mom {
+namespace {
+
+constexpr int changes_per_round = 64;
+constexpr unsigned records_per_clock_read = 256;
+
+} // namespace
+
+loop_bell::loop_bell(tq_thread_master *master, tq_loop_func func, void *arg)
+    : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (fd_ >= 0)
+        watch_ = tq_loop_watch_fd(master, fd_, TQ_LOOP_READABLE, func, arg);
+    if (watch_ == nullptr) {
+        close(fd_);
+        throw std::runtime_error("no descriptor for notifications");
+    }
+}
+
+loop_bell::~loop_bell()
+{
+    tq_loop_unwatch(watch_);
+    close(fd_);
+}
+
+void loop_bell::ring()
+{
+    if (!rung_)
+        rung_ = eventfd_write(fd_, 1) == 0;
+}
+
+void loop_bell::silence()
+{
+    eventfd_t count = 0;
+    eventfd_read(fd_, &count);
+    rung_ = false;
+}
+
+mem_subscription::mem_subscription(mem_engine &owner, mem_table &table, table_ref ref, const key_range &range,
+                                   change_sink &sink)
+    : owner_(owner), table_(table), ref_(ref), range_(range), sink_(sink), seen_(table.last())
+{
+    table_.add_reader(*this);
+}
+
+mem_subscription::~mem_subscription()
+{
+    table_.remove_reader(*this);
+}
+
+void mem_subscription::wake()
+{
+    owner_.wake();
+}
+
+bool mem_subscription::round()
+{
+    int left = changes_per_round;
+    while (left > 0 && step())
+        --left;
+    table_.trim();
+    return left == 0;
+}
+
+bool mem_subscription::step()
+{
+    if (!missed_.empty()) {
+        deliver_missed();
+        return true;
+    }
+    if (seen_ == table_.last())
+        return false;
+    const auto change = table_.change_at(seen_ + 1);
+    if (change == nullptr) {
+        recover();
+        return true;
+    }
+    ++seen_;
+    if (range_.contains(change->key))
+        deliver(*change);
+    return true;
+}
+
+void mem_subscription::deliver(const mem_change &change)
+{
+    const bool echo = change.writer == owner_.writer();
+    if (change.image == nullptr)
+        return sink_.deliver({change_kind::deleted, change.key, {}, echo});
+    std::vector<field_value> fields;
+    change.image->list(fields);
+    sink_.deliver({change_kind::written, change.key, fields, echo});
+}
+
+// The log no longer reaches back to what was seen last. Who follows requested state scans again; nobody does that for
+// other tables, so there the records that changed since are delivered, oldest change first.
+void mem_subscription::recover()
+{
+    const uint64_t since = seen_;
+    seen_ = table_.last();
+    if (ref_.type->kind == record_kind::requested)
+        return sink_.deliver({change_kind::resync, {}, {}, false});
+    std::vector<std::pair<uint64_t, std::string>> changed;
+    for (const auto &[key, record] : table_.records())
+        if (record.stamp > since && range_.contains(key))
+            changed.emplace_back(record.stamp, key);
+    std::sort(changed.begin(), changed.end());
+    for (auto &[stamp, key] : changed)
+        missed_.push_back(std::move(key));
+}
+
+// A record that was written again since comes with its own change.
+void mem_subscription::deliver_missed()
+{
+    const std::string key = std::move(missed_.front());
+    missed_.pop_front();
+    const auto record = table_.records().find(key);
+    if (record != table_.records().end() && record->second.stamp <= seen_)
+        deliver({key, record->second.image, 0});
+}
+
+mem_engine::mem_engine(const store_url &url, tq_thread_master *master)
+    : store_(mem_store::open(url)), master_(master), writer_(store_->next_writer())
+{
+}
+
+int mem_engine::write(table_ref table, std::string_view key, field_values fields, write_mode mode)
+{
+    store_->table(table).write(key, fields, mode, writer_);
+    return TQ_MOM_OK;
+}
+
+int mem_engine::remove(table_ref table, std::string_view key)
+{
+    store_->table(table).remove(key, writer_);
+    return TQ_MOM_OK;
+}
+
+int mem_engine::read(table_ref table, std::string_view key, record_sink &sink)
+{
+    const auto &records = store_->table(table).records();
+    const auto record = records.find(key);
+    if (record == records.end())
+        return TQ_MOM_OK;
+    std::vector<field_value> fields;
+    record->second.image->list(fields);
+    sink.record(key, fields, TQ_MOM_OK);
+    return TQ_MOM_OK;
+}
+
+// The sink may write: each step looks its record up by the key before it.
+int mem_engine::scan(table_ref table, const key_range &range, record_sink &sink)
+{
+    const auto &records = store_->table(table).records();
+    std::vector<field_value> fields;
+    auto record = records.lower_bound(range.begin);
+    while (record != records.end() && range.contains(record->first)) {
+        const std::string key = record->first;
+        const image_ptr image = record->second.image;
+        image->list(fields);
+        sink.record(key, fields, TQ_MOM_OK);
+        record = records.upper_bound(key);
+    }
+    return TQ_MOM_OK;
+}
+
+int mem_engine::subscribe(table_ref table, const key_range &range, change_sink &sink)
+{
+    if (bell_ == nullptr)
+        bell_ = std::make_unique<loop_bell>(master_, on_bell, this);
+    subscriptions_.push_back(std::make_unique<mem_subscription>(*this, store_->table(table), table, range, sink));
+    return TQ_MOM_OK;
+}
+
+int mem_engine::mark(table_ref table, const key_range &range, uint64_t bound_seconds)
+{
+    marks_.set(table, range, store_->table(table).last(), bound_seconds);
+    return TQ_MOM_OK;
+}
+
+// When the time runs out the mark stays: another call goes on.
+int mem_engine::sweep(table_ref table, const key_range &range, uint32_t bound_ms)
+{
+    const auto mark = marks_.find(table, range);
+    if (!mark)
+        return TQ_MOM_NO_MARK;
+    const uint64_t deadline = now_ms() + bound_ms;
+    auto &records = store_->table(table);
+    unsigned walked = 0;
+    auto record = records.records().lower_bound(range.begin);
+    while (record != records.records().end() && range.contains(record->first)) {
+        const auto current = record++;
+        if (current->second.stamp <= *mark)
+            records.remove(current->first, writer_);
+        if (++walked % records_per_clock_read == 0 && now_ms() >= deadline)
+            return TQ_MOM_TIMEOUT;
+    }
+    marks_.erase(table, range);
+    return TQ_MOM_OK;
+}
+
+void mem_engine::wake()
+{
+    bell_->ring();
+}
+
+void mem_engine::on_bell(tq_loop_watch *, int, int, void *arg)
+{
+    auto *self = static_cast<mem_engine *>(arg);
+    try {
+        self->round();
+    } catch (...) { // out of memory: the next round goes on
+        self->wake();
+    }
+}
+
+void mem_engine::round()
+{
+    bell_->silence();
+    bool more = false;
+    for (size_t i = 0; i < subscriptions_.size(); ++i)
+        more |= subscriptions_[i]->round();
+    if (more)
+        bell_->ring();
+}
+
+} // namespace mom

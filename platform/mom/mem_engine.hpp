@@ -1,0 +1,90 @@
+// The engine of "mem:" addresses: one handle's view of an embedded store.
+//
+// A descriptor that the loop watches is made readable while changes wait, so delivery takes turns with everything else
+// on the loop. Each round gives every subscription a bounded number of changes. Subscriptions are only ever added, at
+// the end, and a round walks them by position: a callback may subscribe.
+#ifndef TQ_MOM_MEM_ENGINE_HPP
+#define TQ_MOM_MEM_ENGINE_HPP
+
+#include "marks.hpp"
+#include "mem_store.hpp"
+
+#include <tq_loop.h>
+
+namespace mom {
+
+/// A descriptor that makes a loop call back; raised any number of times, it calls once.
+class loop_bell {
+  public:
+    loop_bell(tq_thread_master *master, tq_loop_func func, void *arg);
+    ~loop_bell();
+    loop_bell(const loop_bell &) = delete;
+    loop_bell &operator=(const loop_bell &) = delete;
+    void ring();
+    void silence();
+
+  private:
+    int fd_;
+    bool rung_ = false;
+    tq_loop_watch *watch_ = nullptr;
+};
+
+class mem_engine;
+
+class mem_subscription final : public mem_reader {
+  public:
+    mem_subscription(mem_engine &owner, mem_table &table, table_ref ref, const key_range &range, change_sink &sink);
+    ~mem_subscription();
+    mem_subscription(const mem_subscription &) = delete;
+    mem_subscription &operator=(const mem_subscription &) = delete;
+    uint64_t seen() const override { return seen_; }
+    void wake() override;
+    /// Delivers a bounded number of changes; true when more are waiting.
+    bool round();
+
+  private:
+    bool step();
+    void deliver(const mem_change &change);
+    void recover();
+    void deliver_missed();
+
+    mem_engine &owner_;
+    mem_table &table_;
+    table_ref ref_;
+    key_range range_;
+    change_sink &sink_;
+    uint64_t seen_;
+    std::deque<std::string> missed_; // records to deliver for changes that the log lost; not changed after seen_
+};
+
+class mem_engine final : public engine {
+  public:
+    mem_engine(const store_url &url, tq_thread_master *master);
+    int connect() override { return TQ_MOM_OK; }
+    int state() override { return TQ_MOM_OK; }
+    int write(table_ref table, std::string_view key, field_values fields, write_mode mode) override;
+    int remove(table_ref table, std::string_view key) override;
+    int read(table_ref table, std::string_view key, record_sink &sink) override;
+    int scan(table_ref table, const key_range &range, record_sink &sink) override;
+    int subscribe(table_ref table, const key_range &range, change_sink &sink) override;
+    int mark(table_ref table, const key_range &range, uint64_t bound_seconds) override;
+    int sweep(table_ref table, const key_range &range, uint32_t bound_ms) override;
+
+    uint64_t writer() const { return writer_; }
+    void wake();
+
+  private:
+    static void on_bell(tq_loop_watch *watch, int fd, int events, void *arg);
+    void round();
+
+    std::shared_ptr<mem_store> store_;
+    tq_thread_master *master_;
+    uint64_t writer_;
+    mark_book<uint64_t> marks_;
+    std::unique_ptr<loop_bell> bell_;
+    std::vector<std::unique_ptr<mem_subscription>> subscriptions_; // end before what they ring
+};
+
+} // namespace mom
+
+#endif

@@ -1,0 +1,133 @@
+// See mem_store.hpp.
+#include "mem_store.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace mom {
+namespace {
+
+struct field_head {
+    uint32_t number;
+    uint32_t size;
+};
+
+bool by_number(const field_value &a, const field_value &b)
+{
+    return a.number < b.number;
+}
+
+// `fields` over `older`, ordered by number; of a number given twice the last one counts.
+void merge_fields(std::vector<field_value> &older, field_values fields)
+{
+    for (const auto &field : fields) {
+        const auto at = std::lower_bound(older.begin(), older.end(), field, by_number);
+        if (at != older.end() && at->number == field.number)
+            at->bytes = field.bytes;
+        else
+            older.insert(at, field);
+    }
+}
+
+} // namespace
+
+field_image::field_image(field_values fields)
+{
+    size_t size = 0;
+    for (const auto &field : fields)
+        size += sizeof(field_head) + field.bytes.size();
+    block_.reserve(size);
+    for (const auto &field : fields) {
+        const field_head head{field.number, static_cast<uint32_t>(field.bytes.size())};
+        block_.append(reinterpret_cast<const char *>(&head), sizeof head);
+        block_.append(field.bytes);
+    }
+}
+
+void field_image::list(std::vector<field_value> &out) const
+{
+    out.clear();
+    for (std::string_view rest = block_; !rest.empty();) {
+        field_head head;
+        std::memcpy(&head, rest.data(), sizeof head);
+        out.push_back({head.number, rest.substr(sizeof head, head.size)});
+        rest.remove_prefix(sizeof head + head.size);
+    }
+}
+
+void mem_table::write(std::string_view key, field_values fields, write_mode mode, uint64_t writer)
+{
+    auto record = records_.find(key);
+    merged_.clear();
+    if (record != records_.end() && mode == write_mode::merge)
+        record->second.image->list(merged_);
+    merge_fields(merged_, fields);
+    auto image = std::make_shared<const field_image>(merged_);
+    if (record == records_.end())
+        record = records_.emplace(std::string(key), mem_record{}).first;
+    record->second = {image, last_ + 1};
+    log(key, std::move(image), writer);
+}
+
+void mem_table::remove(std::string_view key, uint64_t writer)
+{
+    const auto record = records_.find(key);
+    if (record == records_.end())
+        return;
+    log(key, nullptr, writer);
+    records_.erase(record);
+}
+
+void mem_table::log(std::string_view key, image_ptr image, uint64_t writer)
+{
+    if (readers_.empty()) {
+        ++last_;
+        return;
+    }
+    log_.push_back(std::make_shared<const mem_change>(mem_change{std::string(key), std::move(image), writer}));
+    ++last_;
+    while (log_.size() > log_limit_)
+        log_.pop_front();
+    for (auto *reader : readers_)
+        reader->wake();
+}
+
+std::shared_ptr<const mem_change> mem_table::change_at(uint64_t number) const
+{
+    return number < first() || number > last_ ? nullptr : log_[number - first()];
+}
+
+void mem_table::remove_reader(mem_reader &reader)
+{
+    std::erase(readers_, &reader);
+    trim();
+}
+
+void mem_table::trim()
+{
+    uint64_t seen = last_;
+    for (const auto *reader : readers_)
+        seen = std::min(seen, reader->seen());
+    while (!log_.empty() && first() <= seen)
+        log_.pop_front();
+}
+
+std::shared_ptr<mem_store> mem_store::open(const store_url &url)
+{
+    static std::map<std::string, std::weak_ptr<mem_store>> stores;
+    std::erase_if(stores, [](const auto &known) { return known.second.expired(); });
+    auto store = stores[url.name].lock();
+    if (store == nullptr) {
+        store = std::make_shared<mem_store>();
+        stores[url.name] = store;
+    }
+    store->log_limit_ = url.log_limit.value_or(store->log_limit_);
+    return store;
+}
+
+mem_table &mem_store::table(const table_ref &table)
+{
+    return tables_.try_emplace({table.db, table.type->table}, log_limit_).first->second;
+}
+
+} // namespace mom

@@ -1,0 +1,42 @@
+// Store addresses: "mem:[NAME]", "unix:/path", "redis://[user[:password]@]host[:port]",
+// "sentinel://host[:port][,host[:port]...]/name", each with options behind '?', joined by '&':
+//   log=N              changes kept per table (a server may keep a few more)
+//   timeout=MS         bound of a call
+//   spin=US            how long a call polls for its answer before it sleeps; 0 switches that off
+//   user=, password-file=  credentials of a server; the file's first line
+// Parsing touches neither files nor the network.
+#ifndef TQ_MOM_URL_HPP
+#define TQ_MOM_URL_HPP
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mom {
+
+enum class store_scheme { mem, unix_socket, tcp, sentinel };
+
+struct endpoint {
+    std::string host;
+    uint16_t port;
+};
+
+struct store_url {
+    store_scheme scheme = store_scheme::mem;
+    std::string name; ///< of the embedded store; path of the socket; name of the master
+    std::vector<endpoint> hosts;
+    std::string user;
+    std::string password;
+    std::string password_file;
+    std::optional<uint64_t> log_limit;
+    uint32_t timeout_ms = 1000;
+    uint32_t spin_us = 50;
+};
+
+std::optional<store_url> parse_store_url(std::string_view text);
+
+} // namespace mom
+
+#endif
