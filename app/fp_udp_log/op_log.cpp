@@ -1,0 +1,310 @@
+// The operation log: one line per ACL, ACE and apply operation, in two files per process that take turns at 5 MiB.
+//
+// Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records. The directory is under /tmp, so nothing on the
+// way to a file is followed if it is a link. Failures are reported and drop the record, never the operation.
+#include "../fp_udp_dbg/channel.hpp"
+#include "../fp_udp_dbg/proc_name.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <iterator>
+#include <sys/stat.h>
+#include <tq_time.h>
+#include <unistd.h>
+#include <utility>
+
+namespace plx::oplog {
+
+inline constexpr char source[] = "app/fp_udp_log.cpp";
+template <diag::Word W> inline constexpr diag::reporter<W, source> report{};
+using enum diag::Word;
+
+namespace {
+
+constexpr off_t turn_size = 0x500000;
+constexpr char header_text[] = "\n--------------log file-------------\n";
+constexpr char second_header_text[] = "\n--------------log file1-------------\n";
+
+enum Which : uint8_t {
+    Main,
+    Second,
+    None // the files have not been made yet
+};
+
+struct {
+    char name[2][dbg::proc_name_size + sizeof "_1.log"]; // of the main and the second file, within the directory
+    bool named;
+    Which current = None;
+} state;
+
+const char *name_of(uint32_t op)
+{
+    constexpr const char *names[] = {"add", "del", "expire", "del_exp", "itera", "get", "success", "fail"};
+    return op < std::size(names) ? names[op] : "";
+}
+
+class descriptor {
+  public:
+    explicit descriptor(int fd) : fd_(fd) {}
+    ~descriptor()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    descriptor(const descriptor &) = delete;
+    descriptor &operator=(const descriptor &) = delete;
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+    void write_text(const char *text) const
+    {
+        for (size_t left = std::strlen(text); left > 0;) {
+            const ssize_t n = TEMP_FAILURE_RETRY(write(fd_, text, left));
+            if (n <= 0)
+                return;
+            text += n;
+            left -= static_cast<size_t>(n);
+        }
+    }
+
+  private:
+    int fd_;
+};
+
+int step_into(int parent, const char *name)
+{
+    return openat(parent, name, O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_RDONLY);
+}
+
+// The log directory, reached without following a link.
+int open_directory()
+{
+    const descriptor tmp(open("/tmp", O_DIRECTORY | O_CLOEXEC | O_RDONLY));
+    const descriptor zlog(tmp ? step_into(tmp.get(), "zlog") : -1);
+    return zlog ? step_into(zlog.get(), "udp_fp_log") : -1;
+}
+
+enum class Open { Append, Truncate };
+
+int open_file(Which which, Open how)
+{
+    const descriptor directory(open_directory());
+    if (!directory || !state.named)
+        return -1;
+    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    descriptor file(openat(directory.get(), state.name[which], flags, 0666));
+    struct stat found = {};
+    if (!file || fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode))
+        return -1;
+    if (how == Open::Truncate && ftruncate(file.get(), 0) != 0)
+        return -1;
+    return file.release();
+}
+
+bool begin_file(Which which, Open how, const char *text)
+{
+    const descriptor file(open_file(which, how));
+    if (file)
+        file.write_text(text);
+    return static_cast<bool>(file);
+}
+
+off_t size_of(Which which)
+{
+    const descriptor directory(open_directory());
+    struct stat found = {};
+    if (!directory || fstatat(directory.get(), state.name[which], &found, AT_SYMLINK_NOFOLLOW) != 0)
+        return 0;
+    return found.st_size;
+}
+
+bool make_files()
+{
+    if (!begin_file(Main, Open::Append, header_text)) {
+        report<Error>("fp_udp_open log fail.\n");
+        return false;
+    }
+    if (!begin_file(Second, Open::Append, second_header_text)) {
+        report<Error>("fp_udp_open log 1 fail.\n");
+        return false;
+    }
+    state.current = Main;
+    return true;
+}
+
+// Both files are begun anew with the main file's header.
+void turn_to(Which which)
+{
+    state.current = which;
+    if (!begin_file(which, Open::Truncate, header_text))
+        report<Error>("open file fail");
+}
+
+bool choose_file()
+{
+    if (state.current == None && !make_files())
+        return false;
+    const off_t main_size = size_of(Main);
+    const off_t second_size = size_of(Second);
+    if (state.current == Main && main_size > turn_size)
+        turn_to(Second);
+    else if (state.current == Second && second_size > turn_size)
+        turn_to(Main);
+    return true;
+}
+
+// One record's text. What does not fit is left out; the newline always fits.
+class line {
+  public:
+    [[gnu::format(printf, 2, 3)]] void add(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        const int n = std::vsnprintf(text_ + used_, room(), format, arguments);
+        va_end(arguments);
+        used_ = std::min(used_ + static_cast<size_t>(std::max(n, 0)), sizeof text_ - 2);
+    }
+
+    void add_acl(const fp_udp_acl_info *acl)
+    {
+        if (acl != nullptr)
+            add("app :%.31s, acl_id :%d, ", acl->app_type, static_cast<int32_t>(acl->acl_id));
+    }
+
+    // The separator behind the word differs between the writers and is kept so.
+    void add_private(const char *separator, const uint8_t *priv)
+    {
+        constexpr int shown = 16;
+        if (priv == nullptr)
+            return;
+        add("priv%s", separator);
+        for (int i = 0; i < shown; ++i)
+            add("%02x ", priv[i]);
+    }
+
+    const char *finish()
+    {
+        text_[used_] = '\n';
+        text_[used_ + 1] = '\0';
+        return text_;
+    }
+
+  private:
+    size_t room() const { return sizeof text_ - 1 - used_; }
+
+    char text_[1024] = {};
+    size_t used_ = 0;
+};
+
+bool wanted()
+{
+    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0;
+}
+
+// The current file, open, and the time at the head of the record.
+int begin_record(line &record)
+{
+    if (!choose_file())
+        return -1;
+    char now[30] = {};
+    if (tq_time_2_string(now, sizeof now) == 0) {
+        report<Error>("log acl get time failed.\n");
+        return -1;
+    }
+    const int fd = open_file(state.current, Open::Append);
+    if (fd < 0)
+        report<Error>("log acl open fail.\n");
+    record.add("%.29s--", now);
+    return fd;
+}
+
+} // namespace
+} // namespace plx::oplog
+
+using namespace plx::oplog;
+
+extern "C" {
+
+int32_t fp_udp_op_log_init(void)
+{
+    char name[plx::dbg::proc_name_size] = {};
+    state.named = false;
+    if (fp_udp_dbg_get_proc_name(name) != 0) {
+        report<Error>("fp_udp_op_log_init fail.\n");
+        return -1;
+    }
+    plx::dbg::make_file_name(name);
+    std::snprintf(state.name[Main], sizeof state.name[Main], "%s.log", name);
+    std::snprintf(state.name[Second], sizeof state.name[Second], "%s_1.log", name);
+    state.named = true;
+    if (const int status = std::system("mkdir -p /tmp/zlog/udp_fp_log"); status != 0) {
+        report<Error>("fp_udp_dir create fail.\n");
+        return status;
+    }
+    state.current = None;
+    return 0;
+}
+
+void fp_udp_log_op_acl(const fp_udp_acl_info *acl, const char *app, const uint8_t *priv, uint32_t op)
+{
+    if (!wanted())
+        return;
+    line record;
+    const descriptor file(begin_record(record));
+    if (!file)
+        return;
+    record.add("acl_%s, ", name_of(op));
+    record.add_acl(acl);
+    if (app != nullptr)
+        record.add("app :%s, ", app);
+    record.add_private(", ", priv);
+    file.write_text(record.finish());
+}
+
+void fp_udp_log_op_ace(const fp_udp_acl_info *acl, const uint64_t *sn, const char *app, const uint8_t *priv,
+                       const uint64_t *ace_pri, uint32_t op)
+{
+    if (!wanted())
+        return;
+    line record;
+    const descriptor file(begin_record(record));
+    if (!file)
+        return;
+    record.add("ace_%s, ", name_of(op));
+    record.add_acl(acl);
+    if (sn != nullptr)
+        record.add("sn :%llx, ", static_cast<unsigned long long>(*sn));
+    if (app != nullptr)
+        record.add("app :%s, ", app);
+    if (ace_pri != nullptr)
+        record.add("ace_pri :%llu, ", static_cast<unsigned long long>(*ace_pri));
+    record.add_private(": ", priv);
+    file.write_text(record.finish());
+}
+
+void fp_udp_log_op_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, const char *app,
+                         const uint8_t *priv, uint32_t op)
+{
+    if (!wanted())
+        return;
+    line record;
+    const descriptor file(begin_record(record));
+    if (!file)
+        return;
+    record.add("apply_%s, ", name_of(op));
+    record.add_acl(acl);
+    if (apply != nullptr)
+        record.add("apply :%.31s, phyid :%x, pri :%x, dir :%d, ", apply->apply_type, apply->phyid, apply->pri,
+                   static_cast<int32_t>(apply->dir));
+    if (app != nullptr)
+        record.add("apply :%s, ", app);
+    record.add_private(", ", priv);
+    file.write_text(record.finish());
+}
+
+} // extern "C"

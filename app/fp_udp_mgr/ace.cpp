@@ -1,0 +1,199 @@
+// ACE operations: cached, written, and, where the forwarding plane has to confirm, handed to the request tracker.
+//
+// A failed write removes the ACE from the cache, also one that was there before. The outcome of a tracked write comes later, from the
+// event loop; an ACE that no port uses needs no confirmation and is answered at once.
+#include "../fp_udp_req_mng/list.hpp"
+#include "operations.hpp"
+#include "record.hpp"
+
+#include <cstdlib>
+#include <plx/diag.h>
+#include <plx/request.h>
+
+namespace plx::mgr {
+namespace {
+
+// Caches a new ACE, or starts a cached one over; that one keeps its `def`. The node, or null and the reason in *rv.
+fp_udp_ace_node *cache(const fp_udp_acl_info &acl, const fp_udp_ace_info &info, int32_t *rv)
+{
+    fp_udp_ace_node *node = nullptr;
+    if (fp_udp_acldb_get_ace(&acl, &info, &node) != FP_UDP_OK) {
+        *rv = fp_udp_acldb_add_ace(&acl, &info, &node);
+        return *rv == FP_UDP_OK ? node : nullptr;
+    }
+    node->ace.stat = 0;
+    node->ace.uuid = info.uuid;
+    std::memcpy(node->ace.priv, info.priv, sizeof info.priv);
+    node->ace.req_count = 0;
+    node->ace.is_req = 0;
+    return node;
+}
+
+int write(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, uint64_t request_id)
+{
+    store_record<SPolicy__Ace> record;
+    fill(record.key, acl, ace.sn);
+    record.values.value = field_bytes(ace.tlv);
+    record.values.c_status = 0;
+    record.values.req_uuid = request_id;
+    record.values.default_ace = ace.default_ace != 0;
+    record.values.priv = field_bytes(ace.priv);
+    record.values.ace_pri = ace.ace_pri;
+    return record.write(ctx);
+}
+
+// Only the security application's ACLs are in force without being applied to a port.
+bool needs_confirmation(const fp_udp_acl_info &acl)
+{
+    if (std::strcmp(acl.app_type, security_app) == 0)
+        return true;
+    fp_udp_acl_node *owner = nullptr;
+    return fp_udp_acldb_get_acl(&acl, &owner) == FP_UDP_OK && !list::empty(owner->apply_list);
+}
+
+// Tells the application of a write that failed; without a callback the operation's result is `fallback`.
+int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32_t fallback, int32_t result,
+             const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+{
+    if (para.handler.ace_fail_cb == nullptr)
+        return fallback;
+    fp_udp_log_op_ace(&acl, &ace.sn, nullptr, ace.priv, &ace.ace_pri, FP_UDP_OP_FAIL);
+    const int32_t answer = para.handler.ace_fail_cb(ctx, &acl, ace.sn, result, ace.priv);
+    report<Error>(diag::place{function, line}, "plx reply set ace fail, app_type : %s, acl_id : %d, sn : %llx\n",
+                  acl.app_type, acl.acl_id, ace.sn);
+    return answer;
+}
+
+// Goes on from a write that reached the store.
+int32_t track(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, fp_udp_ace_node *node)
+{
+    if (para.handler.ace_reply_ok_cb == nullptr)
+        return FP_UDP_OK;
+    fp_udp_log_op_ace(&acl, &ace.sn, nullptr, ace.priv, &ace.ace_pri, FP_UDP_OP_SUCCESS);
+    if (needs_confirmation(acl))
+        return fp_udp_req_node_add(FP_UDP_REQ_ACE, node);
+    // An earlier write that was still waited for is answered by this.
+    fp_udp_req_node_del(FP_UDP_REQ_ACE, node);
+    node->ace.is_req = 1;
+    return para.handler.ace_reply_ok_cb(ctx, &acl, ace.sn, ace.priv);
+}
+
+} // namespace
+} // namespace plx::mgr
+
+using namespace plx::mgr;
+
+extern "C" {
+
+int32_t fp_udp_set_ace(void *ctx, const fp_udp_acl_key *key, const fp_udp_ace *ace)
+{
+    if (!valid(key))
+        return refuse_name();
+    if (ace == nullptr)
+        return FP_UDP_INVALID;
+    const fp_udp_acl_info acl = acl_descriptor(key->app_type, key->acl_id);
+    fp_udp_log_op_ace(&acl, &ace->sn, nullptr, ace->priv, &ace->ace_pri, FP_UDP_OP_ADD);
+    report<Detail>("ace info, app_type : %s, acl_id : %d, sn : %llx\n", key->app_type, key->acl_id, ace->sn);
+
+    fp_udp_ace_info info = ace_descriptor(ace->sn);
+    info.def = ace->default_ace;
+    info.uuid = new_request_id();
+    std::memcpy(info.priv, ace->priv, sizeof info.priv);
+
+    int32_t result = FP_UDP_OK;
+    fp_udp_ace_node *node = cache(acl, info, &result);
+    if (node == nullptr) {
+        report<Impt>("get&add ace to acldb failed while set ace, rv:%d!\n", result);
+        return fail(ctx, acl, *ace, result, result);
+    }
+    result = write(ctx, acl, *ace, info.uuid);
+    if (result == 0)
+        return track(ctx, acl, *ace, node);
+    report<Error>("ace entry hmset failed.\n");
+    return fail(ctx, acl, *ace, fp_udp_acldb_del_ace(&acl, &info), result);
+}
+
+int32_t fp_udp_delete_ace(void *ctx, const fp_udp_acl_key *key, uint64_t sn)
+{
+    if (!valid(key))
+        return refuse_name();
+    const fp_udp_acl_info acl = acl_descriptor(key->app_type, key->acl_id);
+    fp_udp_log_op_ace(&acl, &sn, nullptr, nullptr, nullptr, FP_UDP_OP_DEL);
+    report<Detail>("ace info, app_type : %s, acl_id : %d, sn : %lld\n", key->app_type, key->acl_id, sn);
+
+    store_record<SPolicy__Ace> record;
+    fill(record.key, acl, sn);
+    if (record.del(ctx) != 0)
+        report<Error>("Del failed.\n");
+    const fp_udp_ace_info info = ace_descriptor(sn);
+    return fp_udp_acldb_del_ace(&acl, &info);
+}
+
+int32_t fp_udp_expire_ace(void *ctx, const char *app_type)
+{
+    if (!valid(app_type))
+        return refuse_name();
+    fp_udp_log_op_ace(nullptr, nullptr, app_type, nullptr, nullptr, FP_UDP_OP_EXPIRE);
+    report<Detail>("app_type : %s\n", app_type);
+    const int rv = begin_rewrite<SPolicy__Ace>(ctx, app_type);
+    if (rv != 0)
+        report<Error>("Expire ace fail.\n");
+    return rv;
+}
+
+int32_t fp_udp_del_expire_ace(void *ctx, const char *app_type)
+{
+    if (!valid(app_type))
+        return refuse_name();
+    fp_udp_log_op_ace(nullptr, nullptr, app_type, nullptr, nullptr, FP_UDP_OP_DEL_EXPIRE);
+    report<Detail>("app_type : %s\n", app_type);
+    const int rv = end_rewrite<SPolicy__Ace>(ctx, app_type);
+    if (rv != 0)
+        report<Error>("Expire del ace fail.\n");
+    return rv;
+}
+
+fp_udp_ace *fp_udp_get_ace(void *ctx, const fp_udp_acl_key *key, uint64_t sn)
+{
+    if (!valid(key)) {
+        refuse_name();
+        return nullptr;
+    }
+    const fp_udp_acl_info acl = acl_descriptor(key->app_type, key->acl_id);
+    fp_udp_log_op_ace(&acl, &sn, nullptr, nullptr, nullptr, FP_UDP_OP_GET);
+    report<Detail>("ace info, app_type : %s, acl_id : %d, sn : %lld\n", key->app_type, key->acl_id, sn);
+
+    store_record<SPolicy__Ace> record;
+    fill(record.key, acl, sn);
+    const store_result result(tq_mom_hgetall_sync(ctx, security_db, record.message()));
+    if (!result.answered()) {
+        report<Error>("Get ace entry by sn fail.\n");
+        return nullptr;
+    }
+    if (result.status() != 0) {
+        report<Error>("Get ace entry by sn error_code:%d.\n", result.status());
+        return nullptr;
+    }
+    const auto *found = result.record<SPolicy__Ace>();
+    if (found == nullptr) {
+        report<Notice>("get ace found ace entry empty.\n");
+        return nullptr;
+    }
+    fp_udp_ace *ace = fp_udp_alloc_ace(sn, found->default_ace != 0 ? 1 : 0);
+    if (ace == nullptr)
+        return nullptr;
+    const size_t len = found->value.data == nullptr ? 0 : found->value.len;
+    fp_udp_ace_tlv *tlv = resize_tlv(ace->tlv, len);
+    if (tlv == nullptr) {
+        report<Error>("realloc ace memory fail for get ace.\n");
+        fp_udp_free_ace(ace);
+        return nullptr;
+    }
+    ace->tlv = tlv;
+    tlv->len = static_cast<uint16_t>(len);
+    if (len != 0)
+        std::memcpy(tlv->data, found->value.data, len);
+    return ace;
+}
+
+} // extern "C"

@@ -1,0 +1,221 @@
+// Apply operations: an ACL bound to a port, cached, written with its ACL's class, and handed to the request tracker.
+//
+// An apply object is shorter than the cache's descriptor, so the cache always gets a descriptor made from it.
+#include "operations.hpp"
+#include "record.hpp"
+
+#include <cstdlib>
+#include <plx/diag.h>
+#include <plx/request.h>
+
+namespace plx::mgr {
+namespace {
+
+// An apply call's arguments, as the cache, the log and the callbacks want them.
+struct apply_call {
+    void *ctx;
+    const fp_udp_acl_info &acl;
+    const fp_udp_apply &apply;
+    fp_udp_apply_info info;
+};
+
+bool valid_names(const fp_udp_acl_info &acl, const fp_udp_apply &apply)
+{
+    return valid(acl.app_type) && valid(apply.apply_type);
+}
+
+fp_udp_apply_info descriptor_of(const fp_udp_apply &apply)
+{
+    fp_udp_apply_info info = apply_descriptor(apply.apply_type, apply.phyid, apply.priority, apply.direction);
+    std::memcpy(info.priv, apply.priv, sizeof info.priv);
+    return info;
+}
+
+// Deletes the apply record and its status, whatever becomes of the first.
+void fp_udp_del_mom_apply(void *ctx, const fp_udp_acl_info &acl, const fp_udp_apply_info &info)
+{
+    store_record<SPolicy__Apply> record;
+    fill(record.key, acl, info);
+    if (record.del(ctx) != 0)
+        report<Error>("apply entry del failed.\n");
+    store_record<SPolicy__ApplyPsta> status;
+    fill(status.key, acl, info);
+    if (status.del(ctx) != 0)
+        report<Error>("apply pstate entry del failed.\n");
+}
+
+// Caches a new apply, or starts a cached one over. While priorities are skipped that one may have another priority: its records go.
+// The node, or null and the reason in *rv.
+fp_udp_apply_node *cache(const apply_call &call, int32_t *rv)
+{
+    fp_udp_apply_node *node = nullptr;
+    if (fp_udp_acldb_get_apply(&call.acl, &call.info, &node) != FP_UDP_OK) {
+        *rv = fp_udp_acldb_add_apply(&call.acl, &call.info, &node);
+        return *rv == FP_UDP_OK ? node : nullptr;
+    }
+    if (node->apply.value_pri != call.info.value_pri) {
+        fp_udp_apply_info old = call.info;
+        old.value_pri = node->apply.value_pri;
+        fp_udp_del_mom_apply(call.ctx, call.acl, old);
+    }
+    node->apply.value_pri = call.info.value_pri;
+    node->apply.stat = 0;
+    node->apply.uuid = call.info.uuid;
+    std::memcpy(node->apply.priv, call.info.priv, sizeof call.info.priv);
+    node->apply.req_count = 0;
+    node->apply.is_req = 0;
+    return node;
+}
+
+// The class that the record carries: what the store says the ACL has, else the low 8 bits of what the caller believes.
+uint8_t class_of(void *ctx, const fp_udp_acl_info &acl, uint32_t believed, const fp_udp_apply &apply,
+                 const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+{
+    const auto believed_cls = static_cast<uint8_t>(believed);
+    uint8_t cls = believed_cls;
+    const int32_t rv = std::strcmp(acl.app_type, security_app) == 0
+                           ? fp_udp_get_acl_cls(ctx, static_cast<int32_t>(acl.acl_id), &cls)
+                           : fp_get_acl_cls(ctx, para.db, acl.app_type, acl.acl_id, &cls);
+    if (rv != FP_UDP_OK)
+        report<Error>(diag::place{function, line},
+                      "acl_cls get failed! app:%s acl:%d apply:%s acl_cls:%d acl_cls_real:%d", acl.app_type, acl.acl_id,
+                      apply.apply_type, believed, cls);
+    else if (cls != believed_cls)
+        report<Error>(diag::place{function, line},
+                      "acl_cls is not match! app:%s acl:%d apply:%s acl_cls:%d acl_cls_real:%d", acl.app_type,
+                      acl.acl_id, apply.apply_type, believed, cls);
+    return cls;
+}
+
+int write(const apply_call &call, uint8_t acl_cls)
+{
+    store_record<SPolicy__Apply> record;
+    fill(record.key, call.acl, call.info);
+    record.values.value = field_bytes(call.apply.tlv);
+    record.values.c_status = 0;
+    record.values.req_uuid = call.info.uuid;
+    record.values.acl_cls = acl_cls;
+    record.values.priv = field_bytes(call.apply.priv);
+    return record.write(call.ctx);
+}
+
+// Tells the application of a write that failed; without a callback the operation's result is `fallback`.
+int32_t fail(const apply_call &call, int32_t fallback, int32_t result)
+{
+    if (para.handler.apply_fail_cb == nullptr)
+        return fallback;
+    fp_udp_log_op_apply(&call.acl, &call.info, nullptr, call.apply.priv, FP_UDP_OP_FAIL);
+    return para.handler.apply_fail_cb(call.ctx, &call.acl, &call.info, result, call.apply.priv);
+}
+
+} // namespace
+} // namespace plx::mgr
+
+using namespace plx::mgr;
+
+extern "C" {
+
+fp_udp_apply *fp_udp_alloc_apply(const fp_udp_apply_key *key)
+{
+    if (key == nullptr)
+        return nullptr;
+    auto *apply = static_cast<fp_udp_apply *>(std::calloc(1, sizeof(fp_udp_apply)));
+    fp_udp_ace_tlv *tlv = apply == nullptr ? nullptr : new_tlv();
+    if (tlv == nullptr) {
+        report<Error>("allc apply fail.\n");
+        std::free(apply);
+        return nullptr;
+    }
+    std::memcpy(apply->apply_type, key->apply_type, sizeof apply->apply_type);
+    apply->phyid = key->phyid;
+    apply->priority = key->priority;
+    apply->direction = key->direction;
+    apply->tlv = tlv;
+    return apply;
+}
+
+void fp_udp_free_apply(fp_udp_apply *apply)
+{
+    if (apply == nullptr)
+        return;
+    std::free(apply->tlv);
+    std::free(apply);
+}
+
+int32_t fp_udp_set_apply(void *ctx, const fp_udp_acl_info *acl, uint32_t acl_cls, const fp_udp_apply *apply)
+{
+    if (acl == nullptr || apply == nullptr)
+        return FP_UDP_OK;
+    if (!valid_names(*acl, *apply))
+        return refuse_name();
+    apply_call call = {ctx, *acl, *apply, descriptor_of(*apply)};
+    fp_udp_log_op_apply(acl, &call.info, nullptr, apply->priv, FP_UDP_OP_ADD);
+    report<Detail>(
+        "apply info, acl_apptype : %s, acl_id : %d, apply_apptype : %s, phyid : 0x%x,priority : %d, direction : %d\n",
+        acl->app_type, acl->acl_id, apply->apply_type, apply->phyid, apply->priority, apply->direction);
+
+    call.info.uuid = new_request_id();
+    int32_t result = FP_UDP_OK;
+    fp_udp_apply_node *node = cache(call, &result);
+    if (node == nullptr)
+        return fail(call, result, result);
+    result = write(call, class_of(ctx, *acl, acl_cls, *apply));
+    if (result != 0) {
+        report<Error>("apply entry hmset failed.\n");
+        return fail(call, fp_udp_acldb_del_apply(acl, &call.info), result);
+    }
+    if (para.handler.apply_reply_ok_cb == nullptr)
+        return FP_UDP_OK;
+    fp_udp_log_op_apply(acl, &call.info, nullptr, apply->priv, FP_UDP_OP_SUCCESS);
+    return fp_udp_req_node_add(FP_UDP_REQ_APPLY, node);
+}
+
+int32_t fp_udp_del_apply(void *ctx, const fp_udp_acl_info *acl, const fp_udp_apply *apply)
+{
+    if (acl == nullptr || apply == nullptr)
+        return FP_UDP_OK;
+    if (!valid_names(*acl, *apply))
+        return refuse_name();
+    const fp_udp_apply_info info = descriptor_of(*apply);
+    fp_udp_log_op_apply(acl, &info, nullptr, nullptr, FP_UDP_OP_DEL);
+    report<Detail>(
+        "apply info, acl_apptype : %s, acl_id : %d, apply_apptype : %s, phyid : 0x%x,priority : %d, direction : %d\n",
+        acl->app_type, acl->acl_id, apply->apply_type, apply->phyid, apply->priority, apply->direction);
+    fp_udp_del_mom_apply(ctx, *acl, info);
+    return fp_udp_acldb_del_apply(acl, &info);
+}
+
+// The pair's result is the second call's.
+int32_t fp_udp_expire_apply(void *ctx, const char *apply_type)
+{
+    if (apply_type == nullptr)
+        return FP_UDP_OK;
+    if (!valid(apply_type))
+        return refuse_name();
+    fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_EXPIRE);
+    report<Detail>("app_type : %s\n", apply_type);
+    if (begin_rewrite<SPolicy__Apply>(ctx, apply_type) != 0)
+        report<Error>("Expire apply fail.\n");
+    const int rv = begin_rewrite<SPolicy__ApplyPsta>(ctx, apply_type);
+    if (rv != 0)
+        report<Error>("Expire apply pstate fail.\n");
+    return rv;
+}
+
+int32_t fp_udp_del_expire_apply(void *ctx, const char *apply_type)
+{
+    if (apply_type == nullptr)
+        return FP_UDP_OK;
+    if (!valid(apply_type))
+        return refuse_name();
+    fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_DEL_EXPIRE);
+    report<Detail>("app_type : %s\n", apply_type);
+    if (end_rewrite<SPolicy__Apply>(ctx, apply_type) != 0)
+        report<Error>("Expire del apply fail.\n");
+    const int rv = end_rewrite<SPolicy__ApplyPsta>(ctx, apply_type);
+    if (rv != 0)
+        report<Error>("Expire del apply pstate fail.\n");
+    return rv;
+}
+
+} // extern "C"

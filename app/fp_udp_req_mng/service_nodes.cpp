@@ -1,0 +1,110 @@
+// The forwarding plane's service nodes: those heard from recently. Their number is how many answers a request needs.
+//
+// A node is known by its first record, refreshed by each further one, and leaves by silence alone.
+#include "area.hpp"
+#include "list.hpp"
+
+#include <cstdlib>
+#include <plx/request.h>
+#include <plx/s_policy.pb-c.h>
+#include <tq_mom.h>
+
+extern "C" {
+constinit fp_udp_service g_fp_service = {{&g_fp_service.nodes, &g_fp_service.nodes}, 0};
+}
+
+namespace plx::req {
+namespace {
+
+constexpr uint64_t silence_seconds = 19; // a node silent for longer is gone
+constexpr int32_t bad_notification = 4;  // positive, unlike the library's other codes
+
+int32_t fp_udp_service_node_callback(void *, const tq_mom_notification *notification, void *)
+{
+    if (notification == nullptr || notification->record == nullptr) {
+        report<Error>("msg para ERROR.");
+        return bad_notification;
+    }
+    if (notification->event != TQ_MOM_EVENT_PUBLISHED)
+        return FP_UDP_OK;
+    const auto *index = reinterpret_cast<const SPolicy__ServiceNode *>(notification->record)->index;
+    if (index == nullptr) {
+        report<Error>("msg para ERROR.");
+        return bad_notification;
+    }
+    const fp_udp_service_node_key key = {index->dev, index->slot, index->id};
+    return fp_udp_fp_service_node_add(&key);
+}
+
+// The node is freed; the texts speak of the count without it.
+void drop(fp_udp_service_node &node)
+{
+    --g_fp_service.count;
+    list::unlink(node.links);
+    report<Error>("service node expired:dev[%d] slot[%d] id[%d] might be wrong with fe.fp or lc offline. The current "
+                  "total number of "
+                  "service node is: %d\n",
+                  node.dev, node.slot, node.id, g_fp_service.count);
+    std::free(&node);
+}
+
+} // namespace
+} // namespace plx::req
+
+using namespace plx::req;
+
+extern "C" {
+
+int32_t fp_udp_service_node_subscribe(void *g_ssd_fp_global, uint32_t db)
+{
+    SPolicy__ServiceNodeIndex index = S_POLICY__SERVICE_NODE_INDEX__INIT;
+    SPolicy__ServiceNode record = S_POLICY__SERVICE_NODE__INIT;
+    record.index = &index;
+    return tq_mom_subscribe(g_ssd_fp_global, db, &record.base, 0, fp_udp_service_node_callback, nullptr);
+}
+
+fp_udp_service_node *fp_udp_fp_service_node_search(const fp_udp_service_node_key *key)
+{
+    if (key == nullptr)
+        return nullptr;
+    for (fp_udp_service_node &node : plx::elements<fp_udp_service_node>(g_fp_service.nodes))
+        if (node.dev == key->dev && node.slot == key->slot && node.id == key->id)
+            return &node;
+    return nullptr;
+}
+
+int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key)
+{
+    if (key == nullptr)
+        return FP_UDP_INVALID;
+    if (fp_udp_service_node *known = fp_udp_fp_service_node_search(key); known != nullptr) {
+        tq_monotime(&known->up_time);
+        return FP_UDP_OK;
+    }
+    auto *added = static_cast<fp_udp_service_node *>(std::malloc(sizeof(fp_udp_service_node)));
+    if (added == nullptr) {
+        report<Error>("malloc for fp node fail.");
+        return FP_UDP_NO_MEMORY;
+    }
+    added->dev = key->dev;
+    added->slot = key->slot;
+    added->id = key->id;
+    tq_monotime(&added->up_time);
+    plx::list::push_back(g_fp_service.nodes, added->links);
+    ++g_fp_service.count;
+    return FP_UDP_OK;
+}
+
+void fp_udp_fp_service_node_expire(void)
+{
+    timeval now = {};
+    tq_monotime(&now);
+    const int32_t known = g_fp_service.count;
+    for (fp_udp_service_node &node : plx::elements<fp_udp_service_node>(g_fp_service.nodes))
+        if (age_seconds(now, node.up_time) > silence_seconds)
+            drop(node);
+    if (g_fp_service.count != known)
+        fp_udp_req_check_proc(1);
+}
+
+} // extern "C"
