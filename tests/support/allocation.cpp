@@ -93,6 +93,13 @@ failing_allocation::~failing_allocation()
     counting = false;
 }
 
+failing_allocation::pause::pause() : was(std::exchange(counting, false)) {}
+
+failing_allocation::pause::~pause()
+{
+    counting = was;
+}
+
 int failing_allocation::seen()
 {
     return seen_so_far;

@@ -159,6 +159,7 @@ fp_udp_apply_info make_apply_info(const std::string &apply_type, uint32_t phyid,
 
 owned_ace make_ace(fp_udp_mgr *mgr, uint64_t sn, uint8_t priv, uint64_t pri, uint8_t default_ace)
 {
+    fake::failing_allocation::pause pause;
     owned_ace ace(mgr->alloc_ace(sn, default_ace), mgr->free_ace);
     put_priv(ace->priv, sizeof ace->priv, priv);
     ace->ace_pri = pri;
@@ -173,6 +174,7 @@ owned_apply make_apply(fp_udp_mgr *mgr, const std::string &apply_type, uint32_t 
     key.phyid = phyid;
     key.priority = pri;
     key.direction = dir;
+    fake::failing_allocation::pause pause;
     owned_apply apply(mgr->alloc_apply(&key), mgr->free_apply);
     put_priv(apply->priv, sizeof apply->priv, priv);
     return apply;

@@ -138,6 +138,13 @@ class failing_allocation {
     failing_allocation(const failing_allocation &) = delete;
     failing_allocation &operator=(const failing_allocation &) = delete;
     static int seen(); // allocations asked for since the last instance was made
+
+    // While one lives, allocations pass uncounted: for what a case itself makes through the library.
+    struct pause {
+        pause();
+        ~pause();
+        bool was;
+    };
 };
 
 } // namespace fake

@@ -142,7 +142,7 @@ static bool refuses(const void *handle, const ProtobufCMessage *record, uint32_t
 // Notes a call and tells its result.
 static int called(const std::string &operation, uint32_t db, const std::string &what)
 {
-    store.calls.push_back(place(db, what).insert(0, operation + " "));
+    store.calls.push_back(operation + " " + (what.empty() ? std::to_string(db) : place(db, what)));
     int scripted = store.script[operation].next();
     return store.down ? store.down : scripted;
 }

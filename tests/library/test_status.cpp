@@ -1,0 +1,375 @@
+// Status and counter records: which answers count, what they end, and what hostile or odd ones do.
+#include <support/application.h>
+
+namespace {
+
+class replies : public library_case {
+  protected:
+    replies()
+    {
+        start();
+        set_acl("security_app", 4);
+        fake::clock.advance(7);
+        set_ace("security_app", 4, 1, 40);
+        set_apply("security_app", 4, "my_app", 0x101, 9, 50);
+        uuid = now();
+        heartbeat(1);
+        heartbeat(2);
+        forget_calls();
+    }
+    int32_t ace_answer(int32_t status) { return answer_ace("security_app", 4, 1, status, uuid); }
+    int32_t apply_answer(int32_t status) { return answer_apply("security_app", 4, "my_app", 0x101, 9, status, uuid); }
+    uint64_t uuid;
+};
+
+const lines ace_said = {"N ace return.", "N app_type : security_app, acl_id : 4, sn : 1"};
+const lines apply_said = {"N apply return.", "N app_type : security_app, acl_id : 4, apply_type : my_app, phyid : "
+                                             "0x101, pri : 9, dir : 0"};
+
+lines with(lines said, const std::string &more)
+{
+    said.push_back(more);
+    return said;
+}
+
+// Without the comparison notices of tables that happen to collide.
+lines notices()
+{
+    lines all = fake::log.take("EN");
+    std::erase_if(all, [](const std::string &line) { return line.find("EQUAL") != std::string::npos; });
+    return all;
+}
+
+TEST_F(replies, an_entrys_answers_are_counted_until_the_last_service_node)
+{
+    EXPECT_EQ(ace_answer(0), 0);
+    EXPECT_EQ(notices(), ace_said);
+    EXPECT_EQ(pending(), 2U);
+    EXPECT_EQ(app.take(), lines{});
+    EXPECT_EQ(ace_answer(0), 0);
+    EXPECT_EQ(app.take(), lines{"ace ok security_app/4/1 <40:32>"});
+    EXPECT_EQ(pending(), 1U);
+    EXPECT_EQ(apply_answer(0), 0);
+    EXPECT_EQ(pending(), 1U);
+    fake::log.take();
+    EXPECT_EQ(apply_answer(0), 0);
+    EXPECT_EQ(notices(), apply_said);
+    EXPECT_EQ(app.take(), lines{"apply ok security_app/4@my_app/101/9/0 <50:32>"});
+    EXPECT_EQ(pending(), 0U);
+}
+
+TEST_F(replies, a_failure_ends_the_request_and_later_answers_are_dropped)
+{
+    EXPECT_EQ(ace_answer(3), 0);
+    EXPECT_EQ(apply_answer(4), 0);
+    EXPECT_EQ(app.take(),
+              (lines{"ace fail security_app/4/1 3 <40:32>", "apply fail security_app/4@my_app/101/9/0 4 <50:32>"}));
+    EXPECT_EQ(pending(), 0U);
+    fake::log.take();
+    EXPECT_EQ(ace_answer(0), 0);
+    EXPECT_EQ(notices(), with(ace_said, "N status has update"));
+    EXPECT_EQ(apply_answer(0), 0);
+    EXPECT_EQ(notices(), with(apply_said, "N apply status is not 0"));
+    EXPECT_EQ(app.take(), lines{});
+}
+
+TEST_F(replies, answers_to_an_older_write_or_for_an_unknown_entry_change_nothing)
+{
+    fake::clock.advance(1);
+    set_ace("security_app", 4, 1);
+    set_apply("security_app", 4, "my_app", 0x101, 9);
+    fake::log.take();
+    EXPECT_EQ(ace_answer(3), 0);
+    EXPECT_EQ(notices(), with(ace_said, "N uuid is not the newest."));
+    EXPECT_EQ(apply_answer(3), 0);
+    EXPECT_EQ(notices(), with(apply_said, "N apply uuid is not newest"));
+    EXPECT_EQ(answer_ace("security_app", 4, 0x100000001, 3, now()), 0);
+    EXPECT_EQ(notices().back(), "N get ace from acldb fail");
+    EXPECT_EQ(answer_apply("security_app", 4, "my_app", 0x102, 9, 3, now()), 0);
+    EXPECT_EQ(notices().back(), "N get apply fail");
+    EXPECT_EQ(app.take(), lines{});
+    EXPECT_EQ(pending(), 2U);
+}
+
+TEST_F(replies, other_events_are_ignored)
+{
+    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
+    key.t_app_type = const_cast<char *>("security_app");
+    key.acl_id = 4;
+    key.sn = 1;
+    SPolicy__AcePsta status = S_POLICY__ACE_PSTA__INIT;
+    SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
+    status.index = counter.index = &key;
+    status.p_status = 3;
+    status.rep_uuid = uuid;
+    for (int32_t event : {0, 3, 4, 24, 29})
+        EXPECT_EQ(fake::store.deliver("ace_psta", event, &status.base), 0);
+    for (int32_t event : {0, 1, 3, 4, 29})
+        EXPECT_EQ(fake::store.deliver("ace_counter", event, &counter.base), 0);
+    EXPECT_EQ(app.take(), lines{});
+}
+
+TEST_F(replies, records_may_lack_anything)
+{
+    EXPECT_EQ(fake::store.deliver("ace_psta", 1, nullptr), -5);
+    EXPECT_EQ(notices(), (lines{"N ace return.", "E SPolicy__AcePsta is NULL"}));
+    EXPECT_EQ(fake::store.deliver("apply_psta", 1, nullptr), -5);
+    EXPECT_EQ(notices(), (lines{"N apply return.", "E SPolicy__ApplyPsta is NULL"}));
+    fake::store.deliver("ace_counter", 24, nullptr);
+
+    SPolicy__AcePsta ace = S_POLICY__ACE_PSTA__INIT;
+    SPolicy__ApplyPsta apply = S_POLICY__APPLY_PSTA__INIT;
+    SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
+    SPolicy__AceKey ace_key = S_POLICY__ACE_KEY__INIT;
+    SPolicy__ApplyKey apply_key = S_POLICY__APPLY_KEY__INIT;
+    for (int lacking = 0; lacking < 2; lacking++) { // the key, then its strings
+        fake::store.deliver("ace_psta", 1, &ace.base);
+        fake::store.deliver("apply_psta", 1, &apply.base);
+        app.take();
+        fake::store.deliver("ace_counter", 24, &counter.base);
+        ace_key.t_app_type = apply_key.app_type = apply_key.t_apply_type = nullptr;
+        ace.index = counter.index = &ace_key;
+        apply.index = &apply_key;
+    }
+    EXPECT_EQ(app.take(), lines{"counter /0/0 0 0 0 0 0 0"}) << "without a type the key's is empty";
+    for (const fake::subscription &subscription : fake::store.subscriptions)
+        subscription.callback(subscription.handle, nullptr, subscription.arg);
+    EXPECT_EQ(pending(), 2U);
+}
+
+TEST_F(replies, a_type_of_31_characters_is_taken_and_one_of_32_is_refused)
+{
+    const std::string fits(31, 'x'), tall(32, 'x'), taller(5000, 'x');
+    set_acl(fits, 1);
+    set_apply(fits, 1, fits, 7);
+    set_ace(fits, 1, 1);
+    forget_calls();
+    EXPECT_EQ(answer_ace(fits, 1, 1, 3, now()), 0);
+    EXPECT_EQ(answer_apply(fits, 1, fits, 7, 0, 3, now()), 0);
+    EXPECT_EQ(app.take().size(), 2U);
+    fake::log.take();
+    for (const std::string &type : {tall, taller}) {
+        EXPECT_EQ(answer_ace(type, 1, 1, 3, now()), -4);
+        EXPECT_EQ(notices(), (lines{"N ace return.", "E app_type is invalid"}));
+        EXPECT_EQ(answer_apply(type, 1, "my_app", 7, 0, 3, now()), -4);
+        EXPECT_EQ(notices(), (lines{"N apply return.", "E app_type is invalid"}));
+        answer_apply(fits, 1, type, 7, 0, 3, now()); // finds nothing
+        fake::log.take();
+        SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
+        key.t_app_type = const_cast<char *>(type.c_str());
+        SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
+        counter.index = &key;
+        EXPECT_EQ(fake::store.deliver("ace_counter", 24, &counter.base), -4);
+        EXPECT_EQ(notices(), lines{"E app_type is invalid"});
+    }
+    EXPECT_EQ(app.take(), lines{});
+}
+
+TEST_F(replies, counters_go_straight_to_the_application_in_their_mixed_order)
+{
+    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
+    key.t_app_type = const_cast<char *>("never_cached");
+    key.acl_id = 9;
+    key.sn = 0x300000002;
+    SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
+    counter.index = &key;
+    counter.counter_byte = 1;
+    counter.counter_pkt = 2;
+    counter.timestamp = 3;
+    counter.counter_byte1 = 4;
+    counter.counter_pkt1 = 5;
+    counter.timestamp_rt = 6;
+    EXPECT_EQ(fake::store.deliver("ace_counter", 24, &counter.base), 0);
+    EXPECT_EQ(app.take(), lines{"counter never_cached/9/300000002 2 1 3 4 5 6"});
+    EXPECT_EQ(fake::store.take(), lines{});
+}
+
+// What a callback does to the node it is called about, or to others, while the library is in the middle of a walk. Each
+// deed runs in reply handling, in the ageing pass and in the forced pass; the sanitized build watches the memory.
+struct deed {
+    const char *what;
+    void (*act)(fp_udp_mgr *mgr);
+    size_t left; // of the five requests once all have been reported
+};
+
+void remove_ace(fp_udp_mgr *mgr, uint64_t sn)
+{
+    const fp_udp_acl_key key = make_key("security_app", 7);
+    mgr->delete_ace(&context, &key, sn);
+}
+
+void write_ace(fp_udp_mgr *mgr, uint64_t sn)
+{
+    const fp_udp_acl_key key = make_key("security_app", 7);
+    mgr->set_ace(&context, &key, make_ace(mgr, sn).get());
+}
+
+const deed deeds[] = {
+    {"nothing", [](fp_udp_mgr *) {}, 0},
+    {"deletes the reported entry", [](fp_udp_mgr *mgr) { remove_ace(mgr, 3); }, 0},
+    {"deletes its neighbours",
+     [](fp_udp_mgr *mgr) {
+         remove_ace(mgr, 2);
+         remove_ace(mgr, 4);
+     },
+     0},
+    {"deletes the first and the last",
+     [](fp_udp_mgr *mgr) {
+         remove_ace(mgr, 1);
+         remove_ace(mgr, 5);
+     },
+     0},
+    {"deletes the whole ACL",
+     [](fp_udp_mgr *mgr) {
+         const fp_udp_acl_key key = make_key("security_app", 7);
+         mgr->del_acl(&context, &key);
+     },
+     0},
+    {"sets the reported entry again", [](fp_udp_mgr *mgr) { write_ace(mgr, 3); }, 1},
+    {"deletes and sets it again",
+     [](fp_udp_mgr *mgr) {
+         remove_ace(mgr, 3);
+         write_ace(mgr, 3);
+     },
+     1},
+    {"sets a new entry", [](fp_udp_mgr *mgr) { write_ace(mgr, 99); }, 1},
+    {"expires service nodes and ages all",
+     [](fp_udp_mgr *) {
+         fp_udp_fp_service_node_expire();
+         fp_udp_req_check_proc(0);
+     },
+     0},
+};
+
+class callbacks : public library_case {
+  protected:
+    callbacks()
+    {
+        start();
+        set_acl("security_app", 7);
+        for (uint64_t sn = 1; sn <= 5; sn++)
+            set_ace("security_app", 7, sn);
+        heartbeat(1);
+        heartbeat(2);
+        forget_calls();
+    }
+    // Runs a way to end all requests; the deed runs when entry 3's outcome is first heard, not nested. The nodes' own
+    // life is checked by what the walk reports: each entry at most once, entry 3 once.
+    void run(const deed &deed, const std::function<void()> &ending)
+    {
+        bool done = false;
+        app.on_event = [&](const std::string &event) {
+            if (done || event.find("security_app/7/3 ") == std::string::npos)
+                return;
+            done = true;
+            deed.act(mgr);
+        };
+        ending();
+        EXPECT_TRUE(done) << deed.what;
+        lines heard = app.take();
+        std::sort(heard.begin(), heard.end());
+        EXPECT_EQ(std::adjacent_find(heard.begin(), heard.end()), heard.end()) << deed.what;
+        EXPECT_EQ(pending(), deed.left) << deed.what;
+        const fp_udp_acl_node *acl = cached_acl("security_app", 7);
+        EXPECT_TRUE(!acl || list_length(acl->ace_list) == acl->ace_count) << deed.what;
+        app.on_event = nullptr;
+    }
+    void again()
+    {
+        set_acl("security_app", 7);
+        for (uint64_t sn : {1, 2, 3, 4, 5, 99})
+            remove_ace(mgr, sn);
+        for (uint64_t sn = 1; sn <= 5; sn++)
+            write_ace(mgr, sn);
+        forget_calls();
+    }
+};
+
+TEST_F(callbacks, may_do_anything_inside_the_ageing_pass)
+{
+    for (const deed &deed : deeds) {
+        again();
+        fake::clock.now_us += 200'000'000;
+        heartbeat(1);
+        run(deed, [] { fp_udp_req_check_proc(0); });
+    }
+}
+
+TEST_F(callbacks, may_do_anything_inside_the_forced_pass)
+{
+    for (const deed &deed : deeds) {
+        heartbeat(1);
+        fake::clock.now_us += 15'000'000;
+        heartbeat(2);
+        again();
+        for (uint64_t sn = 1; sn <= 5; sn++)
+            answer_ace("security_app", 7, sn, 0, now());
+        fake::clock.now_us += 5'000'000;
+        run(deed, [] { fp_udp_fp_service_node_expire(); });
+    }
+}
+
+TEST_F(callbacks, may_do_anything_inside_reply_handling)
+{
+    for (int32_t status : {0, 3}) {
+        for (const deed &deed : deeds) {
+            again();
+            heartbeat(1);
+            heartbeat(2);
+            run(deed, [&] {
+                const uint64_t uuid = now();
+                fake::clock.now_us++;
+                for (uint64_t sn : {1, 2, 3, 4, 5, 3})
+                    for (int node = 0; node < 2; node++)
+                        answer_ace("security_app", 7, sn, status, uuid);
+            });
+        }
+    }
+}
+
+TEST_F(callbacks, may_do_anything_inside_an_applys_outcome)
+{
+    const fp_udp_acl_info acl = make_info("security_app", 7);
+    owned_apply apply = make_apply(mgr, "my_app", 3);
+    const std::function<void()> apply_deeds[] = {
+        [&] { mgr->del_apply(&context, &acl, apply.get()); },
+        [&] { fp_udp_acldb_del_acl(&acl); },
+        [&] { mgr->set_apply(&context, &acl, 0, apply.get()); },
+        [&] {
+            mgr->del_apply(&context, &acl, apply.get());
+            mgr->set_apply(&context, &acl, 0, apply.get());
+        },
+    };
+    for (int way = 0; way < 3; way++) {
+        for (const auto &act : apply_deeds) {
+            again();
+            heartbeat(1);
+            for (uint32_t phyid = 1; phyid <= 5; phyid++)
+                set_apply("security_app", 7, "my_app", phyid);
+            const uint64_t uuid = now();
+            int times = 0;
+            app.on_event = [&](const std::string &event) {
+                if (event.find("@my_app/3/") != std::string::npos && times++ == 0) {
+                    fake::clock.now_us++;
+                    act();
+                }
+            };
+            if (way == 0)
+                answer_apply("security_app", 7, "my_app", 3, 0, 3, uuid);
+            fake::clock.now_us += way ? 200'000'000 : 0;
+            fp_udp_req_check_proc(way == 2);
+            EXPECT_EQ(times, 1);
+            for (fp_udp_list *at = g_req_para.pending.next; at != &g_req_para.pending; at = at->next) {
+                auto *request = reinterpret_cast<fp_udp_req_node *>(at);
+                EXPECT_EQ(request->type == FP_UDP_REQ_ACE ? static_cast<fp_udp_ace_node *>(request->node)->req
+                                                          : static_cast<fp_udp_apply_node *>(request->node)->req,
+                          request);
+            }
+            app.on_event = nullptr;
+            fp_udp_acldb_del_acl(&acl);
+            EXPECT_EQ(pending(), 0U);
+        }
+    }
+}
+
+} // namespace
