@@ -80,6 +80,8 @@ bool parse_options(store_url &url, std::string_view options)
 bool parse_endpoint(store_url &url, std::string_view text, uint16_t default_port)
 {
     endpoint where{{}, default_port};
+    if (text.ends_with(':')) // a port is missing, or an IPv6 address is not in brackets
+        return false;
     if (text.starts_with('[')) { // an IPv6 address
         text.remove_prefix(1);
         if (text.find(']') == std::string_view::npos)
