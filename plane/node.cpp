@@ -1,0 +1,275 @@
+// The node's side towards the store: subscriptions, commit markers, heartbeat, answers and counters. How the tables are
+// compared and changes are made is in node_changes.cpp.
+#include "plane/node.hpp"
+
+#include <algorithm>
+#include <plx/s_policy.pb-c.h>
+#include <sys/time.h>
+
+namespace plx::plane {
+
+namespace {
+
+// Work between two looks at the loop is bounded, so that a node with a million entries still shows that it lives.
+constexpr int replies_per_pass = 1000;
+constexpr int counters_per_pass = 500;
+constexpr uint64_t longest_commit_seconds = 60;
+
+uint64_t wall_clock_ms()
+{
+    timeval time{};
+    gettimeofday(&time, nullptr);
+    return tq_timeval_to_ms(&time);
+}
+
+Record marker_key(const std::string &app, SPolicy__AppCommitOpTypeT marker)
+{
+    Record record(s_policy__app_commit__descriptor);
+    record.set_key_text(0, app.c_str());
+    record.set_key_number(1, marker);
+    return record;
+}
+
+} // namespace
+
+Node::Node(Context context, Plane &plane, NodeOptions options)
+    : options_(options), plane_(plane), context_(std::move(context)),
+      inbox_timer_(context_->master, [this] { take_changes(); }),
+      compare_timer_(context_->master, [this] { compare(); }),
+      commit_timer_(context_->master, [this] { end_commits(); }),
+      reply_timer_(context_->master, [this] { send_replies(); }),
+      heartbeat_timer_(context_->master, [this] { beat(); }),
+      counter_timer_(context_->master, [this] { publish_counters(); })
+{
+}
+
+// The heartbeat comes first: an application that counts on this node waits for its answers, one that does not could
+// take a request for complete without them.
+int Node::start()
+{
+    if (const int result = tq_mom_client_connect_sync(context_.get(), options_.db); result != 0)
+        return result;
+    beat();
+    if (const int result = subscribe(); result != 0)
+        return result;
+    take_up_installed();
+    compare();
+    counter_timer_.start(options_.counters);
+    return 0;
+}
+
+int Node::subscribe()
+{
+    const Record markers(s_policy__app_commit__descriptor);
+    int result = tq_mom_subscribe(context_.get(), options_.db, markers.message(), 0, &Node::on_commit, this);
+    for (const Table &table : tables()) {
+        if (result != 0)
+            break;
+        const Record whole(*table.requested);
+        result = tq_mom_subscribe(context_.get(), options_.db, whole.message(), 0, &Node::on_change, this);
+    }
+    return result;
+}
+
+void Node::arm(Timer &timer, milliseconds delay)
+{
+    if (!timer.pending())
+        timer.start(delay);
+}
+
+// ---- notifications --------------------------------------------------------------------------------------------------
+
+int32_t Node::on_change(void *, const tq_mom_notification *notification, void *arg) noexcept
+{
+    auto *self = static_cast<Node *>(arg);
+    if (notification->event == TQ_MOM_EVENT_RESYNC) {
+        self->compare_timer_.start(milliseconds(0));
+        return 0;
+    }
+    const bool deleted = notification->event == TQ_MOM_EVENT_DELETED;
+    if (!deleted && notification->event != TQ_MOM_EVENT_SET)
+        return 0;
+    if (notification->record == nullptr || notification->result != 0) {
+        self->arm(self->compare_timer_, self->options_.retry);
+        return 0;
+    }
+    if (auto key = key_of(notification->record)) {
+        self->inbox_.push_back({std::move(*key), std::nullopt});
+        if (!deleted)
+            self->inbox_.back().wanted = requested_of(notification->record);
+        self->arm(self->inbox_timer_, milliseconds(0));
+    }
+    return 0;
+}
+
+int32_t Node::on_commit(void *, const tq_mom_notification *notification, void *arg) noexcept
+{
+    auto *self = static_cast<Node *>(arg);
+    if (notification->event == TQ_MOM_EVENT_RESYNC) {
+        self->commits_.clear(); // each is read again when it matters
+        self->compare_timer_.start(milliseconds(0));
+        return 0;
+    }
+    const bool deleted = notification->event == TQ_MOM_EVENT_DELETED;
+    if (notification->record == nullptr || notification->result != 0 ||
+        notification->record->descriptor != &s_policy__app_commit__descriptor ||
+        (!deleted && notification->event != TQ_MOM_EVENT_PUBLISHED))
+        return 0;
+    const auto *marker = reinterpret_cast<const SPolicy__AppCommit *>(notification->record);
+    if (marker->index != nullptr && marker->index->apply_type != nullptr)
+        self->take_marker(marker->index->apply_type, *notification->record, deleted);
+    return 0;
+}
+
+// ---- commits --------------------------------------------------------------------------------------------------------
+
+void Node::take_marker(const std::string &app, const ProtobufCMessage &record, bool deleted)
+{
+    const auto *marker = reinterpret_cast<const SPolicy__AppCommit *>(&record);
+    switch (marker->index->commit_op_type) {
+    case S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE:
+        if (deleted)
+            finish_commit(app, false);
+        else
+            open_commit(app, marker->tm_val);
+        break;
+    case S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_PUBLISH:
+        if (!deleted)
+            finish_commit(app, true);
+        break;
+    default:
+        break;
+    }
+}
+
+// A marker that is written again starts its seconds anew. Seconds beyond the bound that applications are held to are
+// cut to it.
+void Node::open_commit(const std::string &app, uint64_t seconds)
+{
+    const auto length = std::chrono::seconds(std::min(seconds, longest_commit_seconds));
+    commits_[app] = {.until = now() + length, .spent = false};
+    end_commits();
+}
+
+// Makes what was staged. `stands`: the enable marker is still there, so that later changes are staged again.
+void Node::finish_commit(const std::string &app, bool stands)
+{
+    const auto commit = commits_.find(app);
+    if (commit == commits_.end())
+        return;
+    const bool open = !commit->second.spent;
+    if (!stands)
+        commits_.erase(commit);
+    if (open && !compare(&app) && stands)
+        commits_[app].spent = true; // the next comparison must not take the application for staged
+}
+
+// Ends the commits whose time has come and sets the timer for the next.
+void Node::end_commits()
+{
+    const milliseconds time = now();
+    std::vector<std::string> ended;
+    std::optional<milliseconds> next;
+    for (auto &[app, commit] : commits_) {
+        if (commit.spent)
+            continue;
+        if (commit.until <= time) {
+            commit.spent = true;
+            ended.push_back(app);
+        } else {
+            next = next ? std::min(*next, commit.until) : commit.until;
+        }
+    }
+    for (const std::string &app : ended)
+        compare(&app);
+    if (next)
+        commit_timer_.start(*next - time);
+}
+
+// An application's changes and its markers are different tables, so a change may be heard of before the marker that was
+// written ahead of it: an application without a known marker is looked up.
+bool Node::staged(const std::string &app)
+{
+    if (!commits_.contains(app)) {
+        const Record enable = marker_key(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
+        tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, enable.message());
+        if (found != nullptr && found->status == 0 && found->record != nullptr)
+            open_commit(app, number_field(found->record, "tm_val"));
+        tq_mom_hash_res_free(found);
+    }
+    const auto commit = commits_.find(app);
+    return commit != commits_.end() && !commit->second.spent;
+}
+
+// ---- what the node writes -------------------------------------------------------------------------------------------
+
+void Node::beat()
+{
+    Record record(s_policy__service_node__descriptor);
+    record.set_key_number(0, options_.dev);
+    record.set_key_number(1, options_.slot);
+    record.set_key_number(2, options_.id);
+    tq_mom_set_sync(context_.get(), options_.db, record.message()); // a failed one is as good as a late one
+    heartbeat_timer_.start(options_.heartbeat);
+}
+
+void Node::send_replies()
+{
+    milliseconds pause{0};
+    for (int count = 0; count < replies_per_pass && !replies_.empty() && replies_.begin()->first <= now(); ++count) {
+        const int result = send(replies_.begin()->second);
+        if (result != 0 && result != TQ_MOM_INVALID) {
+            pause = options_.retry;
+            break;
+        }
+        replies_.erase(replies_.begin());
+    }
+    if (!replies_.empty())
+        reply_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
+}
+
+// Writes a status record, unless the entry is gone or has been asked for anew. Every node writes its own answer, also
+// when the record says the same already: applications count the changes.
+int Node::send(const Reply &reply)
+{
+    const auto entry = entries_.find(reply.key);
+    if (entry == entries_.end() || entry->second.request != reply.request)
+        return 0;
+    Record record(*tables()[reply.key.index()].status, reply.key);
+    record.set_number("p_status", static_cast<uint32_t>(reply.status));
+    record.set_number("rep_uuid", reply.request);
+    return tq_mom_set_sync(context_.get(), options_.db, record.message());
+}
+
+// Publishes the counters that changed, some entries at a time.
+void Node::publish_counters()
+{
+    auto entry = last_counted_ ? entries_.upper_bound(*last_counted_) : entries_.begin();
+    last_counted_.reset();
+    for (int count = 0; entry != entries_.end() && std::holds_alternative<AceKey>(entry->first); ++entry, ++count) {
+        if (count == counters_per_pass) {
+            last_counted_ = std::prev(entry)->first;
+            break;
+        }
+        const auto counters = plane_.counters(std::get<AceKey>(entry->first));
+        if (counters)
+            publish(entry->first, *counters);
+    }
+    counter_timer_.start(last_counted_ ? milliseconds(0) : options_.counters);
+}
+
+// The second pair of counters stays 0: no plane here counts twice.
+void Node::publish(const Key &ace, const Counters &counters)
+{
+    const auto published = published_.find(ace);
+    if (published != published_.end() && published->second == counters)
+        return;
+    Record record(s_policy__ace_counter__descriptor, ace);
+    record.set_number("counter_byte", counters.bytes);
+    record.set_number("counter_pkt", counters.packets);
+    record.set_number("timestamp", wall_clock_ms());
+    if (tq_mom_set_sync(context_.get(), options_.db, record.message()) == 0)
+        published_[ace] = counters;
+}
+
+} // namespace plx::plane

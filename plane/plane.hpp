@@ -1,0 +1,54 @@
+// What a service node needs of the forwarding plane behind it.
+//
+// The node (node.hpp) knows the store: what is wanted, what has been answered, when changes take effect together. A
+// plane knows how to make it so. It is called on the event loop's thread only, and it does not call back.
+#pragma once
+
+#include "plane/record.hpp"
+#include "plane/status.hpp"
+#include "plane/timer.hpp"
+#include <map>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace plx::plane {
+
+struct Change {
+    Key key;
+    std::optional<Requested> wanted; // nullopt: remove what is programmed under the key
+};
+
+struct Answer {
+    Status status = Status::ok;
+    milliseconds delay{0}; // the node gives the answer so much later
+    bool silent = false;   // the node gives none
+};
+
+struct Installed {
+    uint64_t request = 0; // identifier of the request that it was programmed for
+    uint64_t fingerprint = 0;
+};
+
+struct Counters {
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+    auto operator<=>(const Counters &) const = default;
+};
+
+class Plane {
+  public:
+    virtual ~Plane() = default;
+
+    // Makes the changes, in order, so that traffic sees all of them at once. One answer for each change: a change that
+    // fails leaves what was programmed under its key before, and stops none of the others.
+    virtual std::vector<Answer> program(std::span<const Change> changes) = 0;
+
+    // What is programmed: a plane may have outlived the node that programmed it.
+    virtual std::map<Key, Installed> installed() const = 0;
+
+    // Hits of a programmed entry since it was first programmed; nullopt when there is none.
+    virtual std::optional<Counters> counters(const AceKey &key) = 0;
+};
+
+} // namespace plx::plane

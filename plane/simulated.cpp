@@ -1,0 +1,170 @@
+// See simulated.hpp.
+#include "plane/simulated.hpp"
+
+#include "plane/attribute.hpp"
+#include <algorithm>
+#include <charconv>
+
+namespace plx::plane {
+
+namespace {
+
+template <typename Number> bool parse_number(std::string_view text, Number &value)
+{
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+// Takes what stands before the next `separator` off `text`.
+std::string_view take_part(std::string_view &text, char separator)
+{
+    const size_t at = std::min(text.find(separator), text.size());
+    const std::string_view part = text.substr(0, at);
+    text.remove_prefix(std::min(at + 1, text.size()));
+    return part;
+}
+
+template <typename Number> bool parse_part(std::string_view text, std::optional<Number> &value)
+{
+    if (text.empty() || text == "*")
+        return true;
+    return parse_number(text, value.emplace());
+}
+
+bool is_entry(const Key &key)
+{
+    return std::holds_alternative<AceKey>(key);
+}
+
+Status judge_attributes(std::span<const uint8_t> packed)
+{
+    const auto attributes = unpack(packed);
+    if (!attributes)
+        return Status::malformed;
+    for (const Attribute &attribute : *attributes) {
+        bool known = false;
+        if (form_of(attribute, known) == nullptr)
+            return known ? Status::bad_value : Status::unsupported;
+    }
+    return Status::ok;
+}
+
+} // namespace
+
+bool Pattern::matches(const Key &key) const
+{
+    if (app && *app != application_of(key))
+        return false;
+    if (const auto *ace = std::get_if<AceKey>(&key))
+        return (!acl || *acl == ace->acl) && (!sn || *sn == ace->sn);
+    if (const auto *apply = std::get_if<ApplyKey>(&key))
+        return (!acl || *acl == apply->acl) && !sn;
+    return !acl && !sn;
+}
+
+std::optional<Pattern> parse_pattern(std::string_view text)
+{
+    Pattern pattern;
+    if (const std::string_view app = take_part(text, '/'); !app.empty() && app != "*")
+        pattern.app = app;
+    const bool numbers = parse_part(take_part(text, '/'), pattern.acl) && parse_part(take_part(text, '/'), pattern.sn);
+    return numbers && text.empty() ? std::optional(pattern) : std::nullopt;
+}
+
+bool SimulatedOptions::add(std::string_view text)
+{
+    const std::string_view what = take_part(text, '=');
+    if (what == "size")
+        return parse_number(text, table_size);
+
+    Rule rule{};
+    if (what == "refuse") {
+        rule.effect = Effect::refuse;
+    } else if (what == "silent") {
+        rule.effect = Effect::silence;
+    } else if (what == "delay") {
+        rule.effect = Effect::delay;
+        uint32_t count = 0;
+        if (!parse_number(take_part(text, '@'), count))
+            return false;
+        rule.delay = milliseconds(count);
+    } else {
+        return false;
+    }
+    const auto pattern = parse_pattern(text);
+    if (!pattern)
+        return false;
+    rule.pattern = *pattern;
+    rules.push_back(std::move(rule));
+    return true;
+}
+
+std::vector<Answer> SimulatedPlane::program(std::span<const Change> changes)
+{
+    std::vector<Answer> answers;
+    answers.reserve(changes.size());
+    ++batches_;
+    for (const Change &change : changes) {
+        ++touched_;
+        answers.push_back(make(change));
+    }
+    return answers;
+}
+
+Answer SimulatedPlane::make(const Change &change)
+{
+    if (!change.wanted) {
+        if (rows_.erase(change.key) != 0 && is_entry(change.key))
+            --entries_;
+        return {};
+    }
+    Answer answer{.status = judge(change.key, *change.wanted)};
+    for (const Rule &rule : options_.rules) {
+        if (!rule.pattern.matches(change.key))
+            continue;
+        answer.silent = answer.silent || rule.effect == Effect::silence;
+        answer.delay += rule.delay;
+    }
+    if (answer.status != Status::ok)
+        return answer;
+    const auto [row, added] = rows_.try_emplace(change.key);
+    row->second.installed = {change.wanted->request, change.wanted->fingerprint()};
+    entries_ += added && is_entry(change.key) ? 1 : 0;
+    return answer;
+}
+
+Status SimulatedPlane::judge(const Key &key, const Requested &wanted) const
+{
+    const bool refused = std::any_of(options_.rules.begin(), options_.rules.end(), [&key](const Rule &rule) {
+        return rule.effect == Effect::refuse && rule.pattern.matches(key);
+    });
+    if (refused)
+        return Status::refused;
+    if (const Status status = judge_attributes(wanted.value); status != Status::ok)
+        return status;
+    if (const auto *bind = std::get_if<PortBindKey>(&key);
+        bind != nullptr && (bind->bind_type < 1 || bind->bind_type > 3))
+        return Status::out_of_range;
+    return is_entry(key) && entries_ >= options_.table_size && !rows_.contains(key) ? Status::table_full : Status::ok;
+}
+
+std::map<Key, Installed> SimulatedPlane::installed() const
+{
+    std::map<Key, Installed> all;
+    for (const auto &[key, row] : rows_)
+        all.emplace_hint(all.end(), key, row.installed);
+    return all;
+}
+
+std::optional<Counters> SimulatedPlane::counters(const AceKey &key)
+{
+    const auto row = rows_.find(key);
+    if (row == rows_.end())
+        return std::nullopt;
+    Counters &counters = row->second.counters;
+    counters.packets += options_.packets_per_reading;
+    counters.bytes += options_.packets_per_reading * 64;
+    return counters;
+}
+
+} // namespace plx::plane

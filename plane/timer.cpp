@@ -1,0 +1,32 @@
+// See timer.hpp.
+#include "plane/timer.hpp"
+
+namespace plx::plane {
+
+milliseconds now()
+{
+    timeval time{};
+    tq_monotime(&time);
+    return milliseconds(tq_timeval_to_ms(&time));
+}
+
+bool Timer::start(milliseconds interval)
+{
+    cancel();
+    const timeval time{interval.count() / 1000, (interval.count() % 1000) * 1000};
+    return tq_thread_insert_timer_timeval(master_, &thread_, &Timer::fire, this, &time, "plx_plane") == 0;
+}
+
+void Timer::cancel()
+{
+    tq_thread_cancel(thread_);
+    thread_ = nullptr;
+}
+
+int Timer::fire(tq_thread *thread) noexcept
+{
+    static_cast<Timer *>(tq_thread_arg(thread))->func_();
+    return 0;
+}
+
+} // namespace plx::plane

@@ -1,0 +1,263 @@
+// The node on an embedded store: what it answers, when it touches its plane, and what it survives.
+#include "world.hpp"
+
+#include <gmock/gmock.h>
+#include <plx/s_policy.pb-c.h>
+
+namespace plx::plane {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr int32_t full = static_cast<int32_t>(Status::table_full);
+
+SimulatedOptions simulated(std::initializer_list<std::string_view> texts)
+{
+    SimulatedOptions made;
+    for (const std::string_view text : texts)
+        EXPECT_TRUE(made.add(text)) << text;
+    return made;
+}
+
+class NodeTest : public World {};
+
+TEST_F(NodeTest, answers_what_was_written_before_it_started)
+{
+    set(ace(1), 100);
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    settle();
+    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), 0, 100}));
+}
+
+TEST_F(NodeTest, answers_every_change_after_that)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    set(apply(1), 101);
+    settle();
+    set(ace(1), 102, packed(0x202, {1}));
+    settle();
+    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), 0, 100}, Heard{ace(1), 0, 102}));
+    EXPECT_THAT(answers(apply(1)), ElementsAre(Heard{apply(1), 0, 101}));
+}
+
+TEST_F(NodeTest, answers_settings_of_every_table)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    const std::vector<Key> keys{PortBindKey{"edge", 1, 2, 1, 3}, PortBindKey{"edge", 1, 2, 9, 3}, PortOffKey{5},
+                                UplinkKey{6, 1}, SviRouterKey{}};
+    for (const Key &key : keys)
+        set(key, 7);
+    settle();
+    for (const Key &key : keys)
+        EXPECT_EQ(1, heard_of(key)) << key.index();
+    EXPECT_EQ(static_cast<int32_t>(Status::out_of_range), answers(keys[1]).at(0).status);
+}
+
+TEST_F(NodeTest, answers_a_request_once_however_often_it_is_written)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    settle();
+    set(ace(1), 100);
+    settle();
+    EXPECT_EQ(1, heard_of(ace(1)));
+    const uint64_t touched = plane.touched();
+    set(ace(1), 101);
+    settle();
+    EXPECT_EQ(2, heard_of(ace(1)));
+    EXPECT_EQ(1U + touched, plane.touched()) << "only the settling was programmed: the entry's content is the same";
+}
+
+TEST_F(NodeTest, answers_beside_other_nodes_also_when_the_record_says_the_same)
+{
+    SimulatedPlane first({}), second({}), third(simulated({"size=0"}));
+    const auto nodes = {node(first, 0), node(second, 1), node(third, 2)};
+    set(ace(1), 100);
+    settle(nodes.size());
+    EXPECT_THAT(answers(ace(1)),
+                testing::UnorderedElementsAre(Heard{ace(1), 0, 100}, Heard{ace(1), 0, 100}, Heard{ace(1), full, 100}));
+}
+
+TEST_F(NodeTest, takes_deleted_entries_out_so_that_others_fit)
+{
+    SimulatedPlane plane(simulated({"size=1"}));
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    set(ace(2), 101);
+    settle();
+    EXPECT_EQ(full, answers(ace(2)).at(0).status);
+    del(ace(1));
+    set(ace(2), 102);
+    settle();
+    EXPECT_EQ(0, answers(ace(2)).at(1).status);
+    EXPECT_EQ(1U, plane.entries());
+}
+
+TEST_F(NodeTest, makes_the_last_of_changes_that_it_hears_of_together)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    del(ace(1));
+    set(ace(2), 101);
+    set(ace(2), 102);
+    settle();
+    EXPECT_EQ(1U, plane.entries());
+    EXPECT_THAT(answers(ace(1)), IsEmpty());
+    EXPECT_EQ(102U, answers(ace(2)).back().request);
+}
+
+TEST_F(NodeTest, ignores_names_that_no_application_can_have)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1, 10, std::string(40, 'x')), 100);
+    set(ace(2), 101);
+    settle();
+    EXPECT_EQ(1U, plane.entries());
+    EXPECT_EQ(1, heard_of(ace(2)));
+}
+
+TEST_F(NodeTest, answers_attributes_that_make_no_sense_with_a_failure)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1), 100, {0xff, 0xff, 0xff, 0xff, 0xff});
+    settle();
+    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), static_cast<int32_t>(Status::malformed), 100}));
+}
+
+TEST_F(NodeTest, stays_silent_where_it_is_told_to)
+{
+    SimulatedPlane plane(simulated({"silent=edge/10/1"}));
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    set(ace(2), 101);
+    settle();
+    EXPECT_EQ(0, heard_of(ace(1)));
+    EXPECT_EQ(1, heard_of(ace(2)));
+}
+
+TEST_F(NodeTest, does_not_give_a_late_answer_to_a_request_that_was_replaced)
+{
+    SimulatedPlane plane(simulated({"delay=3@edge"}));
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
+    EXPECT_EQ(0, heard_of(ace(1)));
+    set(ace(1), 101);
+    EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
+    settle();
+    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), 0, 101}));
+}
+
+TEST_F(NodeTest, does_not_answer_for_an_entry_that_is_gone)
+{
+    SimulatedPlane plane(simulated({"delay=1@edge"}));
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
+    del(ace(1));
+    set(ace(2), 101);
+    EXPECT_TRUE(run_until([&] { return heard_of(ace(2)) == 1; }));
+    settle();
+    EXPECT_THAT(answers(ace(1)), IsEmpty());
+}
+
+TEST_F(NodeTest, keeps_showing_that_it_lives)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    EXPECT_TRUE(run_until([&] { return heartbeats_ >= 3; }));
+}
+
+TEST_F(NodeTest, publishes_counters_of_programmed_entries_alone)
+{
+    SimulatedPlane plane(simulated({"refuse=edge/10/2"}));
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    set(ace(2), 101);
+    EXPECT_TRUE(run_until([&] { return counters_.size() >= 2; }));
+    EXPECT_EQ((Heard{ace(1), 16, 1024}), counters_[0]);
+    EXPECT_EQ((Heard{ace(1), 32, 2048}), counters_[1]);
+}
+
+TEST_F(NodeTest, does_not_publish_counters_that_stand_still)
+{
+    SimulatedOptions quiet;
+    quiet.packets_per_reading = 0;
+    SimulatedPlane plane(quiet);
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    EXPECT_TRUE(run_until([&] { return heartbeats_ >= 10; }));
+    EXPECT_EQ(1U, counters_.size());
+}
+
+// ---- restart --------------------------------------------------------------------------------------------------------
+
+TEST_F(NodeTest, touches_after_a_restart_only_what_differs)
+{
+    SimulatedPlane plane({});
+    {
+        const auto before = node(plane);
+        for (uint64_t sn = 1; sn <= 4; ++sn)
+            set(ace(sn), 100 + sn);
+        settle();
+    }
+    const uint64_t touched = plane.touched();
+    del(ace(1));
+    set(ace(2), 202, packed(0x202, {0}));
+    set(ace(5), 205);
+    const auto after = node(plane);
+    EXPECT_EQ(3U + touched, plane.touched());
+    EXPECT_EQ(4U + 1U, plane.installed().size()) << "four entries and the settling's port";
+    settle();
+    EXPECT_EQ(1, heard_of(ace(3))) << "an answer that is in the store is not repeated";
+    EXPECT_EQ(202U, answers(ace(2)).back().request);
+}
+
+TEST_F(NodeTest, answers_after_a_restart_what_it_had_programmed_but_not_answered)
+{
+    SimulatedPlane plane(simulated({"delay=3600000@edge"}));
+    {
+        const auto before = node(plane);
+        set(ace(1), 100);
+        EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
+    }
+    const uint64_t touched = plane.touched();
+    const auto after = node(plane);
+    EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
+    EXPECT_EQ(touched, plane.touched());
+}
+
+// ---- changes that the store could not keep --------------------------------------------------------------------------
+
+class NodeOnAShortLog : public World {
+  protected:
+    NodeOnAShortLog() : World("?log=2") {}
+};
+
+TEST_F(NodeOnAShortLog, compares_the_tables_when_changes_were_missed)
+{
+    SimulatedPlane plane({});
+    const auto node = this->node(plane);
+    set(ace(1), 100);
+    set(ace(2), 101);
+    settle();
+    const uint64_t touched = plane.touched();
+    del(ace(2));
+    for (uint64_t sn = 3; sn <= 9; ++sn)
+        set(ace(sn), 100 + sn);
+    EXPECT_TRUE(run_until([&] { return plane.entries() == 8; }));
+    EXPECT_FALSE(plane.installed().contains(ace(2)));
+    EXPECT_EQ(8U + touched, plane.touched()) << "entry 1 is not touched";
+}
+
+} // namespace
+} // namespace plx::plane

@@ -1,0 +1,135 @@
+// The simulated plane by itself.
+#include "plane/simulated.hpp"
+
+#include "world.hpp"
+
+namespace plx::plane {
+namespace {
+
+Change wanted(const Key &key, std::vector<uint8_t> value = {})
+{
+    return {key, Requested{.request = 1, .value = std::move(value)}};
+}
+
+Status make(SimulatedPlane &plane, const Change &change)
+{
+    return plane.program(std::span(&change, 1)).at(0).status;
+}
+
+SimulatedOptions options(std::initializer_list<std::string_view> texts)
+{
+    SimulatedOptions made;
+    for (const std::string_view text : texts)
+        EXPECT_TRUE(made.add(text)) << text;
+    return made;
+}
+
+TEST(SimulatedPlane, takes_entries_until_its_table_is_full)
+{
+    SimulatedPlane plane(options({"size=2"}));
+    EXPECT_EQ(Status::ok, make(plane, wanted(ace(1))));
+    EXPECT_EQ(Status::ok, make(plane, wanted(ace(2))));
+    EXPECT_EQ(Status::table_full, make(plane, wanted(ace(3))));
+    EXPECT_EQ(Status::ok, make(plane, wanted(ace(2), packed(0x202, {0})))) << "an entry that is there needs no room";
+    EXPECT_EQ(Status::ok, make(plane, wanted(apply(1)))) << "bindings take none";
+    EXPECT_EQ(Status::ok, make(plane, {ace(1), std::nullopt}));
+    EXPECT_EQ(Status::ok, make(plane, wanted(ace(3))));
+    EXPECT_EQ(2U, plane.entries());
+}
+
+TEST(SimulatedPlane, keeps_what_was_programmed_when_a_change_of_it_fails)
+{
+    SimulatedPlane plane({});
+    EXPECT_EQ(Status::ok, make(plane, wanted(ace(1))));
+    const uint64_t before = plane.installed().at(ace(1)).fingerprint;
+    EXPECT_EQ(Status::malformed, make(plane, wanted(ace(1), {1, 2, 3})));
+    EXPECT_EQ(before, plane.installed().at(ace(1)).fingerprint);
+    EXPECT_TRUE(plane.counters({"edge", 10, 1}).has_value());
+    EXPECT_FALSE(plane.counters({"edge", 10, 2}).has_value());
+}
+
+struct Judged {
+    std::vector<uint8_t> value;
+    Status status;
+};
+
+class AttributesOfAnEntry : public testing::TestWithParam<Judged> {};
+
+TEST_P(AttributesOfAnEntry, are_judged)
+{
+    SimulatedPlane plane({});
+    EXPECT_EQ(GetParam().status, make(plane, wanted(ace(1), GetParam().value)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, AttributesOfAnEntry,
+                         testing::Values(Judged{{}, Status::ok}, Judged{packed(0x202, {1}), Status::ok},
+                                         Judged{packed(0x202, {1, 0}), Status::bad_value},
+                                         Judged{packed(0x202, {}), Status::bad_value},
+                                         Judged{packed(0x1101, {10, 0, 0, 0, 255, 0, 0, 0}), Status::ok},
+                                         Judged{packed(0x5901, {1}), Status::unsupported},
+                                         Judged{packed(0x203, {1}), Status::unsupported},
+                                         Judged{{0, 0, 0}, Status::malformed}));
+
+struct Matched {
+    std::string pattern;
+    bool entry;  // ACE 10/5 of "edge"
+    bool bind;   // apply of ACL 10 of "edge"
+    bool uplink; // which has no application
+};
+
+class Patterns : public testing::TestWithParam<Matched> {};
+
+TEST_P(Patterns, match_by_their_parts)
+{
+    const auto pattern = parse_pattern(GetParam().pattern);
+    ASSERT_TRUE(pattern.has_value());
+    EXPECT_EQ(GetParam().entry, pattern->matches(ace(5)));
+    EXPECT_EQ(GetParam().bind, pattern->matches(apply(1)));
+    EXPECT_EQ(GetParam().uplink, pattern->matches(UplinkKey{1, 1}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, Patterns,
+                         testing::Values(Matched{"", true, true, true}, Matched{"*", true, true, true},
+                                         Matched{"edge", true, true, false}, Matched{"core", false, false, false},
+                                         Matched{"edge/10", true, true, false}, Matched{"*/11", false, false, false},
+                                         Matched{"edge/10/5", true, false, false}, Matched{"*/*/5", true, false, false},
+                                         Matched{"edge/10/6", false, false, false}));
+
+TEST(SimulatedOptions, refuse_what_they_do_not_understand)
+{
+    SimulatedOptions made;
+    for (const char *text : {"", "siz=3", "size", "size=", "size=x", "size=-1", "size=1x", "delay", "delay=",
+                             "delay=5x", "delay=5@a/b", "refuse=a/b/c", "refuse=a/1/2/3", "refuse=a/99999999999"})
+        EXPECT_FALSE(made.add(text)) << text;
+    EXPECT_TRUE(made.rules.empty());
+}
+
+TEST(SimulatedPlane, follows_every_rule_that_matches)
+{
+    SimulatedPlane plane(options({"refuse=edge/10/1", "delay=5@edge", "delay=7@*/10", "silent=*/11"}));
+    const std::vector<Change> changes{wanted(ace(1)), wanted(ace(2)), wanted(ace(1, 11)), wanted(ace(1, 12, "core"))};
+    const std::vector<Answer> answers = plane.program(changes);
+    EXPECT_EQ(Status::refused, answers.at(0).status);
+    EXPECT_EQ(milliseconds(12), answers.at(0).delay);
+    EXPECT_EQ(Status::ok, answers.at(1).status);
+    EXPECT_TRUE(answers.at(2).silent);
+    EXPECT_EQ(milliseconds(5), answers.at(2).delay);
+    EXPECT_FALSE(answers.at(3).silent);
+    EXPECT_EQ(milliseconds(0), answers.at(3).delay);
+}
+
+TEST(SimulatedPlane, refuses_a_binding_of_a_kind_that_does_not_exist)
+{
+    SimulatedPlane plane({});
+    EXPECT_EQ(Status::ok, make(plane, wanted(PortBindKey{"edge", 1, 1, 3, 1})));
+    EXPECT_EQ(Status::out_of_range, make(plane, wanted(PortBindKey{"edge", 1, 1, 4, 1})));
+}
+
+TEST(StatusText, is_there_for_every_number)
+{
+    EXPECT_EQ("table full", status_text(101));
+    EXPECT_EQ("unknown status", status_text(-7));
+}
+
+} // namespace
+} // namespace plx::plane
