@@ -95,8 +95,9 @@ template <size_t... Index>
 std::optional<Key> read_key_of_table(size_t table, const ProtobufCMessage *index, std::index_sequence<Index...>)
 {
     std::optional<Key> key;
-    ((table == Index && (key = read_key<std::variant_alternative_t<Index, Key>>(index), true)) || ...);
-    return key;
+    const bool known =
+        ((table == Index && (key = read_key<std::variant_alternative_t<Index, Key>>(index), true)) || ...);
+    return known ? key : std::nullopt;
 }
 
 std::vector<uint8_t> byte_field(const ProtobufCMessage *record, const char *name)
