@@ -158,14 +158,52 @@ bool choose_file()
     return true;
 }
 
-// One record's text. What does not fit is left out; the newline always fits.
-class line {
+bool wanted()
+{
+    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0;
+}
+
+// The current file, open for one record.
+int open_current(char *now, size_t size)
+{
+    if (!choose_file())
+        return -1;
+    if (tq_time_2_string(now, size) == 0) {
+        report<Error>("log acl get time failed.\n");
+        return -1;
+    }
+    const int fd = open_file(state.current, Open::Append);
+    if (fd < 0)
+        report<Error>("log acl open fail.\n");
+    return fd;
+}
+
+// One record: begun with the time and the operation, written as a line when it goes. A null argument leaves its field out; so does a
+// line that is full, though its newline always fits.
+class record {
   public:
+    record(const char *kind, uint32_t op) : file_(wanted() ? open_current(now_, sizeof now_) : -1)
+    {
+        if (file_)
+            add("%.29s--%s_%s, ", now_, kind, name_of(op));
+    }
+    ~record()
+    {
+        if (!file_)
+            return;
+        text_[used_] = '\n';
+        text_[used_ + 1] = '\0';
+        file_.write_text(text_);
+    }
+    record(const record &) = delete;
+    record &operator=(const record &) = delete;
+    explicit operator bool() const { return static_cast<bool>(file_); }
+
     [[gnu::format(printf, 2, 3)]] void add(const char *format, ...)
     {
         va_list arguments;
         va_start(arguments, format);
-        const int n = std::vsnprintf(text_ + used_, room(), format, arguments);
+        const int n = std::vsnprintf(text_ + used_, sizeof text_ - 1 - used_, format, arguments);
         va_end(arguments);
         used_ = std::min(used_ + static_cast<size_t>(std::max(n, 0)), sizeof text_ - 2);
     }
@@ -174,6 +212,12 @@ class line {
     {
         if (acl != nullptr)
             add("app :%.31s, acl_id :%d, ", acl->app_type, static_cast<int32_t>(acl->acl_id));
+    }
+
+    void add_text(const char *label, const char *text)
+    {
+        if (text != nullptr)
+            add("%s :%s, ", label, text);
     }
 
     // The separator behind the word differs between the writers and is kept so.
@@ -187,41 +231,12 @@ class line {
             add("%02x ", priv[i]);
     }
 
-    const char *finish()
-    {
-        text_[used_] = '\n';
-        text_[used_ + 1] = '\0';
-        return text_;
-    }
-
   private:
-    size_t room() const { return sizeof text_ - 1 - used_; }
-
-    char text_[1024] = {};
+    char now_[30];
+    descriptor file_;
+    char text_[1024];
     size_t used_ = 0;
 };
-
-bool wanted()
-{
-    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0;
-}
-
-// The current file, open, and the time at the head of the record.
-int begin_record(line &record)
-{
-    if (!choose_file())
-        return -1;
-    char now[30] = {};
-    if (tq_time_2_string(now, sizeof now) == 0) {
-        report<Error>("log acl get time failed.\n");
-        return -1;
-    }
-    const int fd = open_file(state.current, Open::Append);
-    if (fd < 0)
-        report<Error>("log acl open fail.\n");
-    record.add("%.29s--", now);
-    return fd;
-}
 
 } // namespace
 } // namespace plx::oplog
@@ -252,59 +267,41 @@ int32_t fp_udp_op_log_init(void)
 
 void fp_udp_log_op_acl(const fp_udp_acl_info *acl, const char *app, const uint8_t *priv, uint32_t op)
 {
-    if (!wanted())
+    record entry("acl", op);
+    if (!entry)
         return;
-    line record;
-    const descriptor file(begin_record(record));
-    if (!file)
-        return;
-    record.add("acl_%s, ", name_of(op));
-    record.add_acl(acl);
-    if (app != nullptr)
-        record.add("app :%s, ", app);
-    record.add_private(", ", priv);
-    file.write_text(record.finish());
+    entry.add_acl(acl);
+    entry.add_text("app", app);
+    entry.add_private(", ", priv);
 }
 
 void fp_udp_log_op_ace(const fp_udp_acl_info *acl, const uint64_t *sn, const char *app, const uint8_t *priv,
                        const uint64_t *ace_pri, uint32_t op)
 {
-    if (!wanted())
+    record entry("ace", op);
+    if (!entry)
         return;
-    line record;
-    const descriptor file(begin_record(record));
-    if (!file)
-        return;
-    record.add("ace_%s, ", name_of(op));
-    record.add_acl(acl);
+    entry.add_acl(acl);
     if (sn != nullptr)
-        record.add("sn :%llx, ", static_cast<unsigned long long>(*sn));
-    if (app != nullptr)
-        record.add("app :%s, ", app);
+        entry.add("sn :%llx, ", static_cast<unsigned long long>(*sn));
+    entry.add_text("app", app);
     if (ace_pri != nullptr)
-        record.add("ace_pri :%llu, ", static_cast<unsigned long long>(*ace_pri));
-    record.add_private(": ", priv);
-    file.write_text(record.finish());
+        entry.add("ace_pri :%llu, ", static_cast<unsigned long long>(*ace_pri));
+    entry.add_private(": ", priv);
 }
 
 void fp_udp_log_op_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, const char *app,
                          const uint8_t *priv, uint32_t op)
 {
-    if (!wanted())
+    record entry("apply", op);
+    if (!entry)
         return;
-    line record;
-    const descriptor file(begin_record(record));
-    if (!file)
-        return;
-    record.add("apply_%s, ", name_of(op));
-    record.add_acl(acl);
+    entry.add_acl(acl);
     if (apply != nullptr)
-        record.add("apply :%.31s, phyid :%x, pri :%x, dir :%d, ", apply->apply_type, apply->phyid, apply->pri,
-                   static_cast<int32_t>(apply->dir));
-    if (app != nullptr)
-        record.add("apply :%s, ", app);
-    record.add_private(", ", priv);
-    file.write_text(record.finish());
+        entry.add("apply :%.31s, phyid :%x, pri :%x, dir :%d, ", apply->apply_type, apply->phyid, apply->pri,
+                  static_cast<int32_t>(apply->dir));
+    entry.add_text("apply", app);
+    entry.add_private(", ", priv);
 }
 
 } // extern "C"

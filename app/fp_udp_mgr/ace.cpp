@@ -78,6 +78,27 @@ int32_t track(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, fp_u
     return para.handler.ace_reply_ok_cb(ctx, &acl, ace.sn, ace.priv);
 }
 
+// An ACE object made from a record. Its private bytes and priority are not read back.
+fp_udp_ace *ace_of(const SPolicy__Ace &record, uint64_t sn, const char *function = __builtin_FUNCTION(),
+                   int line = __builtin_LINE())
+{
+    fp_udp_ace *ace = fp_udp_alloc_ace(sn, record.default_ace != 0 ? 1 : 0);
+    if (ace == nullptr)
+        return nullptr;
+    const size_t len = record.value.data == nullptr ? 0 : record.value.len;
+    fp_udp_ace_tlv *tlv = resize_tlv(ace->tlv, len);
+    if (tlv == nullptr) {
+        report<Error>(diag::place{function, line}, "realloc ace memory fail for get ace.\n");
+        fp_udp_free_ace(ace);
+        return nullptr;
+    }
+    ace->tlv = tlv;
+    tlv->len = static_cast<uint16_t>(len);
+    if (len != 0)
+        std::memcpy(tlv->data, record.value.data, len);
+    return ace;
+}
+
 } // namespace
 } // namespace plx::mgr
 
@@ -135,10 +156,7 @@ int32_t fp_udp_expire_ace(void *ctx, const char *app_type)
         return refuse_name();
     fp_udp_log_op_ace(nullptr, nullptr, app_type, nullptr, nullptr, FP_UDP_OP_EXPIRE);
     report<Detail>("app_type : %s\n", app_type);
-    const int rv = begin_rewrite<SPolicy__Ace>(ctx, app_type);
-    if (rv != 0)
-        report<Error>("Expire ace fail.\n");
-    return rv;
+    return begin_rewrite<SPolicy__Ace>(ctx, app_type, "Expire ace fail.\n");
 }
 
 int32_t fp_udp_del_expire_ace(void *ctx, const char *app_type)
@@ -147,10 +165,7 @@ int32_t fp_udp_del_expire_ace(void *ctx, const char *app_type)
         return refuse_name();
     fp_udp_log_op_ace(nullptr, nullptr, app_type, nullptr, nullptr, FP_UDP_OP_DEL_EXPIRE);
     report<Detail>("app_type : %s\n", app_type);
-    const int rv = end_rewrite<SPolicy__Ace>(ctx, app_type);
-    if (rv != 0)
-        report<Error>("Expire del ace fail.\n");
-    return rv;
+    return end_rewrite<SPolicy__Ace>(ctx, app_type, "Expire del ace fail.\n");
 }
 
 fp_udp_ace *fp_udp_get_ace(void *ctx, const fp_udp_acl_key *key, uint64_t sn)
@@ -179,21 +194,7 @@ fp_udp_ace *fp_udp_get_ace(void *ctx, const fp_udp_acl_key *key, uint64_t sn)
         report<Notice>("get ace found ace entry empty.\n");
         return nullptr;
     }
-    fp_udp_ace *ace = fp_udp_alloc_ace(sn, found->default_ace != 0 ? 1 : 0);
-    if (ace == nullptr)
-        return nullptr;
-    const size_t len = found->value.data == nullptr ? 0 : found->value.len;
-    fp_udp_ace_tlv *tlv = resize_tlv(ace->tlv, len);
-    if (tlv == nullptr) {
-        report<Error>("realloc ace memory fail for get ace.\n");
-        fp_udp_free_ace(ace);
-        return nullptr;
-    }
-    ace->tlv = tlv;
-    tlv->len = static_cast<uint16_t>(len);
-    if (len != 0)
-        std::memcpy(tlv->data, found->value.data, len);
-    return ace;
+    return ace_of(*found, sn);
 }
 
 } // extern "C"

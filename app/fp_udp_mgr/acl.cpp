@@ -122,10 +122,7 @@ int32_t fp_udp_expire_acl(void *ctx, const char *app_type)
         return refuse_name();
     fp_udp_log_op_acl(nullptr, app_type, nullptr, FP_UDP_OP_EXPIRE);
     report<Detail>("app_type : %s\n", app_type);
-    const int rv = begin_rewrite<SPolicy__Acl>(ctx, app_type);
-    if (rv != 0)
-        report<Error>("Expire acl fail.\n");
-    return rv;
+    return begin_rewrite<SPolicy__Acl>(ctx, app_type, "Expire acl fail.\n");
 }
 
 int32_t fp_udp_del_expire_acl(void *ctx, const char *app_type)
@@ -134,10 +131,7 @@ int32_t fp_udp_del_expire_acl(void *ctx, const char *app_type)
         return refuse_name();
     fp_udp_log_op_acl(nullptr, app_type, nullptr, FP_UDP_OP_DEL_EXPIRE);
     report<Detail>("app_type : %s\n", app_type);
-    const int rv = end_rewrite<SPolicy__Acl>(ctx, app_type);
-    if (rv != 0)
-        report<Error>("Expire del acl fail.\n");
-    return rv;
+    return end_rewrite<SPolicy__Acl>(ctx, app_type, "Expire del acl fail.\n");
 }
 
 uint64_t *fp_udp_iterator_ace(void *, const fp_udp_acl_key *key, uint64_t **sn, uint32_t *count)

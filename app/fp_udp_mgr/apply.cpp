@@ -194,12 +194,8 @@ int32_t fp_udp_expire_apply(void *ctx, const char *apply_type)
         return refuse_name();
     fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_EXPIRE);
     report<Detail>("app_type : %s\n", apply_type);
-    if (begin_rewrite<SPolicy__Apply>(ctx, apply_type) != 0)
-        report<Error>("Expire apply fail.\n");
-    const int rv = begin_rewrite<SPolicy__ApplyPsta>(ctx, apply_type);
-    if (rv != 0)
-        report<Error>("Expire apply pstate fail.\n");
-    return rv;
+    begin_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire apply fail.\n");
+    return begin_rewrite<SPolicy__ApplyPsta>(ctx, apply_type, "Expire apply pstate fail.\n");
 }
 
 int32_t fp_udp_del_expire_apply(void *ctx, const char *apply_type)
@@ -210,12 +206,8 @@ int32_t fp_udp_del_expire_apply(void *ctx, const char *apply_type)
         return refuse_name();
     fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_DEL_EXPIRE);
     report<Detail>("app_type : %s\n", apply_type);
-    if (end_rewrite<SPolicy__Apply>(ctx, apply_type) != 0)
-        report<Error>("Expire del apply fail.\n");
-    const int rv = end_rewrite<SPolicy__ApplyPsta>(ctx, apply_type);
-    if (rv != 0)
-        report<Error>("Expire del apply pstate fail.\n");
-    return rv;
+    end_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire del apply fail.\n");
+    return end_rewrite<SPolicy__ApplyPsta>(ctx, apply_type, "Expire del apply pstate fail.\n");
 }
 
 } // extern "C"

@@ -5,8 +5,6 @@
 #include "operations.hpp"
 #include "record.hpp"
 
-#include <algorithm>
-
 namespace plx::mgr {
 namespace {
 
@@ -55,23 +53,15 @@ template <class Ok, class Fail> int32_t answer(results rv, bool has_ok, Ok ok, b
 template <class Setting, class Status>
 int32_t begin_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
 {
-    if (store_record<Setting>().begin_rewrite(ctx, SelectAll) != 0)
-        report<Error>(setting_failed);
-    const int rv = store_record<Status>().begin_rewrite(ctx, SelectAll);
-    if (rv != 0)
-        report<Error>(status_failed);
-    return rv;
+    store_record<Setting>().begin_rewrite(ctx, SelectAll, setting_failed);
+    return store_record<Status>().begin_rewrite(ctx, SelectAll, status_failed);
 }
 
 template <class Setting, class Status>
 int32_t end_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
 {
-    if (store_record<Setting>().end_rewrite(ctx, SelectAll) != 0)
-        report<Error>(setting_failed);
-    const int rv = store_record<Status>().end_rewrite(ctx, SelectAll);
-    if (rv != 0)
-        report<Error>(status_failed);
-    return rv;
+    store_record<Setting>().end_rewrite(ctx, SelectAll, setting_failed);
+    return store_record<Status>().end_rewrite(ctx, SelectAll, status_failed);
 }
 
 struct port_off_records {

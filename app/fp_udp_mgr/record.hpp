@@ -94,19 +94,27 @@ template <class Message> class store_record {
     int write_whole(void *ctx) const { return tq_mom_set_sync(ctx, para.db, message()); }
     int del(void *ctx) const { return tq_mom_del_sync(ctx, para.db, message()); }
 
-    // The time bound of a rewrite, at its begin and at its end.
+    // Begin and end a rewrite of the records that the first `selection` key fields select. A failure is reported as `failed`.
     static constexpr uint32_t rewrite_bound = 1000;
-    int begin_rewrite(void *ctx, uint32_t selection) const
+    int begin_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
-        return tq_mom_dsbegin_sync(ctx, para.db, message(), selection, uint64_t{rewrite_bound});
+        return reported(tq_mom_dsbegin_sync(ctx, para.db, message(), selection, uint64_t{rewrite_bound}), failed);
     }
-    int end_rewrite(void *ctx, uint32_t selection) const
+    int end_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
-        return tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound);
+        return reported(tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound), failed);
     }
 
     typename schema<Message>::key key;
     Message values;
+
+  private:
+    static int reported(int rv, diag::text<> failed)
+    {
+        if (rv != 0)
+            report<Error>(failed);
+        return rv;
+    }
 };
 
 // How many leading key fields select: all records of a table, or those of one application type.
@@ -193,19 +201,19 @@ class store_result {
     tq_mom_hash_res *result_;
 };
 
-// Begins or ends the rewrite of one table's records of an application type.
-template <class Message> int begin_rewrite(void *ctx, const char *app_type)
+// Begin and end the rewrite of one table's records of an application type.
+template <class Message> int begin_rewrite(void *ctx, const char *app_type, diag::text<> failed)
 {
     store_record<Message> record;
     select(record.key, app_type);
-    return record.begin_rewrite(ctx, SelectAppType);
+    return record.begin_rewrite(ctx, SelectAppType, failed);
 }
 
-template <class Message> int end_rewrite(void *ctx, const char *app_type)
+template <class Message> int end_rewrite(void *ctx, const char *app_type, diag::text<> failed)
 {
     store_record<Message> record;
     select(record.key, app_type);
-    return record.end_rewrite(ctx, SelectAppType);
+    return record.end_rewrite(ctx, SelectAppType, failed);
 }
 
 } // namespace plx::mgr
