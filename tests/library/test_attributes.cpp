@@ -202,7 +202,7 @@ TEST_F(attributes, a_copy_without_forwarding_is_nine_bytes_shorter_whatever_it_h
     for (const auto &row : rows) {
         owned_ace ace = make_ace(mgr, 7);
         ace->tlv = static_cast<fp_udp_ace_tlv *>(realloc(ace->tlv, offsetof(fp_udp_ace_tlv, data) + row.bytes.size()));
-        memcpy(ace->tlv->data, row.bytes.data(), row.bytes.size());
+        std::copy(row.bytes.begin(), row.bytes.end(), ace->tlv->data);
         ace->tlv->len = static_cast<uint16_t>(row.bytes.size());
         uint8_t fwd_zero = 77;
         owned_ace copy(mgr->copy_ace(ace.get(), 0, &fwd_zero), mgr->free_ace);

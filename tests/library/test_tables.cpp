@@ -104,7 +104,6 @@ TEST_F(tables, a_table_doubles_at_its_bound)
 TEST_F(tables, a_table_half_empty_at_its_bound_is_purged_and_a_fuller_one_doubles)
 {
     for (auto [removed, buckets, occupied] : {std::tuple{5U, 16U, 8U}, {4U, 32U, 9U}}) {
-        fp_udp_acl_node_hash_init();
         std::deque<fp_udp_acl_node> nodes;
         for (uint32_t i = 0; i < 12; i++)
             fp_udp_acl_node_hash_insert(&nodes.emplace_back(acl_node(i)));
@@ -119,6 +118,7 @@ TEST_F(tables, a_table_half_empty_at_its_bound_is_purged_and_a_fuller_one_double
         free(fp_udp_acl_node_list->keys);
         free(fp_udp_acl_node_list->flags);
         free(fp_udp_acl_node_list);
+        fp_udp_acl_node_hash_init();
     }
 }
 

@@ -1,0 +1,294 @@
+// The diagnostic channel's two sides, and the operation log's files.
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <support/application.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+class channel : public library_case {
+  protected:
+    channel()
+    {
+        mgr = fp_udp_get_mgr();
+        fp_udp_acldb_init();
+        fp_udp_acl_node_hash_insert(&node);
+    }
+    // At least one message of each severity.
+    void say()
+    {
+        fp_udp_acl_node other{};
+        other.acl = make_info("b", 1);
+        fp_udp_acl_node_hash_find(&other);
+        set_ace("my_app", 9, 1);
+    }
+    fp_udp_acl_node node = [] {
+        fp_udp_acl_node n{};
+        n.acl = make_info("a", 1);
+        return n;
+    }();
+};
+
+TEST_F(channel, each_severity_has_its_console_bit_and_log_threshold)
+{
+    const std::string heard[] = {"", "E", "EI", "EIN", "EIN", "EIND"};
+    for (uint32_t level = 0; level <= 5; level++) {
+        g_policy_plx_zlog_level = level;
+        say();
+        for (char letter : std::string("EIND")) {
+            const auto kept = fake::log.kept;
+            EXPECT_EQ(fake::log.take({letter}).empty(), heard[level].find(letter) == std::string::npos) << level;
+            fake::log.kept = kept;
+        }
+        EXPECT_EQ(fake::log.take("?"), lines{});
+    }
+    g_policy_plx_zlog_level = 0;
+    fake::log.formatted = 0;
+    const std::map<uint32_t, std::string> words = {{0x4, "Impt"}, {0x8, "Error"}, {0x10, "Notice"}, {0x20, "Detail"}};
+    for (uint32_t bit = 1; bit < 0x100; bit <<= 1) {
+        fp_udp_debug_sw = bit;
+        const std::string text = printed([&] { say(); });
+        for (const auto &[at, word] : words)
+            EXPECT_EQ(text.find("\n [" + word + "] ") != std::string::npos, at == bit) << word << bit;
+    }
+    EXPECT_EQ(fake::log.formatted, 0) << "the log side is closed";
+}
+
+TEST_F(channel, a_message_carries_its_modules_source_path)
+{
+    say();
+    std::set<std::string> files;
+    for (const auto &line : fake::log.kept)
+        files.insert(line.file);
+    EXPECT_EQ(files, (std::set<std::string>{"app/fp_udp_acldb.cpp", "app/fp_udp_mgr.cpp"}));
+}
+
+TEST_F(channel, the_frame_names_the_word_the_function_and_the_line)
+{
+    fp_udp_debug_sw = 0x08;
+    const std::string text = printed([&] { fp_udp_register_app_type(nullptr); });
+    EXPECT_EQ(text.find("\n [Error] fp_udp_register_app_type["), 0U);
+    EXPECT_EQ(text.substr(text.find("]:")), "]:invalid app_type.\n");
+    EXPECT_EQ(fake::log.kept.at(0).func, "fp_udp_register_app_type");
+    EXPECT_EQ(fake::log.kept.at(0).text, "invalid app_type.\n");
+}
+
+TEST_F(channel, the_sides_are_independent)
+{
+    fp_udp_debug_sw = 0x3C;
+    g_policy_plx_zlog_category = nullptr;
+    EXPECT_NE(printed([] { fp_udp_register_app_type(nullptr); }), "");
+    EXPECT_TRUE(fake::log.kept.empty());
+    g_policy_plx_zlog_category = &fake::log;
+    fp_udp_debug_sw = 0;
+    EXPECT_EQ(printed([] { fp_udp_register_app_type(nullptr); }), "");
+    EXPECT_EQ(fake::log.take(), lines{"E invalid app_type.\n"});
+}
+
+TEST_F(channel, a_long_message_is_cut_in_the_log_alone_and_a_percent_sign_is_data)
+{
+    fp_udp_debug_sw = 0x08;
+    fp_udp_attr attr{};
+    owned_ace ace = make_ace(mgr, 1);
+    const std::string name = std::string(2000, 'x') + "%s%n";
+    const std::string message = "invalid string name:" + name + ", max_len:18!";
+    EXPECT_NE(printed([&] { ace->tlv->construct(&attr, name.c_str(), 1, attr.value, 1); }).find(message),
+              std::string::npos);
+    EXPECT_EQ(fake::log.take(), lines{"E " + message.substr(0, 1023)});
+    printed([&] { ace->tlv->construct(&attr, "%s%s%n%s%s%n%s%s%n%s", 1, attr.value, 1); });
+    EXPECT_EQ(fake::log.take(), lines{"E invalid string name:%s%s%n%s%s%n%s%s%n%s, max_len:18!"});
+}
+
+class operation_log : public library_case {
+  protected:
+    operation_log()
+    {
+        mgr = fp_udp_get_mgr();
+        fp_udp_debug_sw = 0x100;
+        acl = make_info("my_app", 4);
+        put_priv(priv, sizeof priv, 10);
+        remove();
+    }
+    ~operation_log() override
+    {
+        remove();
+        unlink(elsewhere.c_str());
+    }
+    void remove()
+    {
+        unlink(first.c_str());
+        unlink(second.c_str());
+    }
+    static std::string content(const std::string &path)
+    {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void record() { fp_udp_log_op_acl(nullptr, "my_app", nullptr, FP_UDP_OP_EXPIRE); }
+
+    const std::string first = "/tmp/zlog/udp_fp_log/" + process + ".log";
+    const std::string second = "/tmp/zlog/udp_fp_log/" + process + "_1.log";
+    const std::string elsewhere = "/tmp/" + process + ".elsewhere";
+    fp_udp_acl_info acl;
+    uint8_t priv[32];
+};
+
+const std::string head = "\n--------------log file-------------\n", head1 = "\n--------------log file1-------------\n",
+                  expired = "NOW--acl_expire, app :my_app, \n",
+                  bytes = "0a 0b 0c 0d 0e 0f 10 11 12 13 14 15 16 17 18 19 ";
+
+TEST_F(operation_log, nothing_is_made_while_its_bit_is_clear)
+{
+    fp_udp_debug_sw = 0xFF;
+    record();
+    EXPECT_NE(access(first.c_str(), F_OK), 0);
+    EXPECT_NE(access(second.c_str(), F_OK), 0);
+}
+
+TEST_F(operation_log, records_hold_what_they_are_given)
+{
+    const uint64_t sn = 0xABC, pri = 77;
+    fp_udp_apply_info apply = make_apply_info("b_app", 0x101, 0x1F, 1);
+    const char *names[] = {"add", "del", "expire", "del_exp", "itera", "get", "success", "fail"};
+    std::string expected = head;
+    for (uint32_t op = 0; op < 8; op++) {
+        fp_udp_log_op_acl(&acl, nullptr, nullptr, op);
+        expected += fake::format("NOW--acl_%s, app :my_app, acl_id :4, \n", names[op]);
+    }
+    record();
+    fp_udp_log_op_acl(&acl, "x", priv, 0);
+    fp_udp_log_op_ace(nullptr, nullptr, nullptr, nullptr, nullptr, 5);
+    fp_udp_log_op_ace(&acl, &sn, "x", priv, &pri, 0);
+    fp_udp_log_op_apply(nullptr, nullptr, "x", nullptr, 3);
+    fp_udp_log_op_apply(&acl, &apply, "x", priv, 0);
+    expected += expired + "NOW--acl_add, app :my_app, acl_id :4, app :x, priv, " + bytes + "\nNOW--ace_get, \n" +
+                "NOW--ace_add, app :my_app, acl_id :4, sn :abc, app :x, ace_pri :77, priv: " + bytes + "\n" +
+                "NOW--apply_del_exp, apply :x, \n" +
+                "NOW--apply_add, app :my_app, acl_id :4, apply :b_app, phyid :101, pri :1f, dir :1, apply :x, priv, " +
+                bytes + "\n";
+    EXPECT_EQ(content(first), expected);
+    EXPECT_EQ(content(second), head1);
+    EXPECT_EQ(fake::log.take(), lines{});
+}
+
+TEST_F(operation_log, a_fetch_of_the_operation_table_starts_anew_in_the_same_files)
+{
+    record();
+    fp_udp_get_mgr();
+    record();
+    EXPECT_EQ(content(first), head + expired + head + expired);
+    EXPECT_EQ(content(second), head1 + head1);
+}
+
+TEST_F(operation_log, the_files_take_turns_beyond_5_mib)
+{
+    record();
+    for (const auto &[full, other] : {std::pair{first, second}, {second, first}, {first, second}}) {
+        ASSERT_EQ(truncate(full.c_str(), 0x500000), 0);
+        record();
+        EXPECT_EQ(content(full).size(), 0x500000 + expired.size()) << "5 MiB is not beyond";
+        record();
+        EXPECT_EQ(content(other), head + expired);
+        record();
+        EXPECT_EQ(content(other), head + expired + expired);
+    }
+}
+
+TEST_F(operation_log, failures_drop_the_record_and_are_reported)
+{
+    const auto messages = [] { return fake::log.take("E"); };
+    mkdir(first.c_str(), 0700);
+    record();
+    EXPECT_EQ(messages(), lines{"E fp_udp_open log fail.\n"});
+    rmdir(first.c_str());
+    mkdir(second.c_str(), 0700);
+    record();
+    EXPECT_EQ(messages(), lines{"E fp_udp_open log 1 fail.\n"});
+    rmdir(second.c_str());
+    fake::clock.wall_clock_works = false;
+    record();
+    EXPECT_EQ(messages(), lines{"E log acl get time failed.\n"});
+    fake::clock.wall_clock_works = true;
+    unlink(first.c_str());
+    mkdir(first.c_str(), 0700);
+    record();
+    EXPECT_EQ(messages(), lines{"E log acl open fail.\n"});
+    rmdir(first.c_str());
+    record();
+    EXPECT_EQ(content(first), expired);
+    truncate(first.c_str(), 0x500001);
+    unlink(second.c_str());
+    mkdir(second.c_str(), 0700);
+    record();
+    EXPECT_EQ(messages(), (lines{"E open file fail", "E log acl open fail.\n"})) << "the turn stands";
+    rmdir(second.c_str());
+    record();
+    EXPECT_EQ(content(second), expired);
+}
+
+TEST_F(operation_log, a_planted_link_is_not_followed)
+{
+    std::ofstream(elsewhere) << "precious";
+    for (const std::string &path : {first, second}) {
+        remove();
+        fp_udp_get_mgr();
+        ASSERT_EQ(symlink(elsewhere.c_str(), path.c_str()), 0);
+        record();
+        EXPECT_EQ(content(elsewhere), "precious");
+    }
+    remove();
+    mkfifo(first.c_str(), 0600); // must not hang
+    record();
+}
+
+TEST_F(operation_log, writers_leave_their_trail)
+{
+    fp_udp_debug_sw = 0;
+    start();
+    fp_udp_debug_sw = 0x100;
+    set_acl("my_app", 4, 0, 10);
+    const fp_udp_acl_key key = make_key("my_app", 4);
+    mgr->set_ace(&context, &key, make_ace(mgr, 0xABC, 10, 77).get());
+    fake::store.script["hmset"] = {3, 3};
+    set_apply("my_app", 4, "b_app", 7, 0, 10);
+    set_ace("my_app", 4, 1, 10);
+    uint64_t *sns;
+    uint32_t count;
+    free(mgr->iterator_ace(&context, &key, &sns, &count));
+    mgr->get_ace(&context, &key, 5);
+    mgr->delete_ace(&context, &key, 5);
+    mgr->del_acl(&context, &key);
+    mgr->expire_acl(&context, "my_app");
+    mgr->del_expire_ace(&context, "my_app");
+    mgr->expire_apply(&context, "my_app");
+    const std::string my = "app :my_app, acl_id :4, ", apply = my + "apply :b_app, phyid :7, pri :0, dir :0, ";
+    EXPECT_EQ(content(first), head + "NOW--acl_add, " + my + "priv, " + bytes + "\nNOW--acl_success, " + my + "priv, " +
+                                  bytes + "\nNOW--ace_add, " + my + "sn :abc, ace_pri :77, priv: " + bytes +
+                                  "\nNOW--ace_success, " + my + "sn :abc, ace_pri :77, priv: " + bytes +
+                                  "\nNOW--apply_add, " + apply + "priv, " + bytes + "\nNOW--apply_fail, " + apply +
+                                  "priv, " + bytes + "\nNOW--ace_add, " + my + "sn :1, ace_pri :0, priv: " + bytes +
+                                  "\nNOW--ace_fail, " + my + "sn :1, ace_pri :0, priv: " + bytes +
+                                  "\nNOW--acl_itera, " + my + "\nNOW--ace_get, " + my + "sn :5, \nNOW--ace_del, " + my +
+                                  "sn :5, \nNOW--acl_del, " + my +
+                                  "\nNOW--acl_expire, app :my_app, \nNOW--ace_del_exp, app :my_app, \n"
+                                  "NOW--apply_expire, apply :my_app, \n");
+}
+
+TEST_F(operation_log, a_success_is_logged_only_where_the_callback_exists)
+{
+    fp_udp_debug_sw = 0;
+    start({});
+    fp_udp_debug_sw = 0x100;
+    set_acl("my_app", 4);
+    set_ace("my_app", 4, 1);
+    set_apply("my_app", 4, "b_app", 7);
+    fake::store.script["hmset"] = {3};
+    set_apply("my_app", 4, "b_app", 7);
+    const std::string text = content(first);
+    EXPECT_EQ(text.find("success"), std::string::npos);
+    EXPECT_EQ(text.find("fail"), std::string::npos);
+}
+
+} // namespace
