@@ -1,0 +1,199 @@
+#include "module.hpp"
+
+#include "capture.hpp"
+#include "directory.hpp"
+#include "log.hpp"
+#include "tq_context.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+
+namespace ssat {
+
+namespace {
+
+constexpr size_t most_sessions = 8;
+bool command_runs = false;
+
+struct running {
+    running() { command_runs = true; }
+    ~running() { command_runs = false; }
+};
+
+// No exception of a handler may reach the loop.
+int call(ssat_handler handler, const std::vector<ssat_value> &values)
+{
+    const running now;
+    try {
+        return handler(static_cast<int>(values.size()), values.data());
+    } catch (...) {
+        return -1;
+    }
+}
+
+answer call_captured(ssat_handler handler, const std::vector<ssat_value> &values)
+{
+    capture output;
+    if (!output)
+        return make_answer("failed", std::string("standard output cannot be taken: ") + strerror(errno) + '\n');
+    const int result = call(handler, values);
+
+    answer answer;
+    bool cut = false;
+    answer.output = output.finish(answer.output_size, cut);
+    answer.text = (result == 0 ? "ok " : "failed ") + std::to_string(answer.output_size) + (cut ? " cut\n" : "\n");
+    return answer;
+}
+
+std::string help_line(const command &command)
+{
+    return usage(command) + '\t' + command.description + '\n';
+}
+
+answer unknown(const std::string &name)
+{
+    return make_answer("unknown", "no command is named '" + name + "'; help lists the commands\n");
+}
+
+bool may_enter(int connection)
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == geteuid() || peer.uid == 0))
+        return true;
+    const answer denied = make_answer("denied", "this module belongs to another user\n");
+    send(connection, denied.text.data(), denied.text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    log(TQ_ZLOG_WARN, __func__, "refused a connection of uid %u, pid %d", peer.uid, peer.pid);
+    return false;
+}
+
+} // namespace
+
+bool busy()
+{
+    return command_runs;
+}
+
+std::unique_ptr<module> module::open(void *context, const char *name)
+{
+    std::unique_ptr<module> opened(new module(context));
+    opened->master_ = static_cast<tq_context *>(context)->master;
+    opened->directory_ = open_directory(true);
+    if (!opened->directory_)
+        return nullptr;
+    opened->listener_ = listen_as(opened->directory_.get(), name, opened->file_name_);
+    if (!opened->listener_)
+        return nullptr;
+    opened->owner_ = getpid();
+    opened->watch_ =
+        tq_loop_watch_fd(opened->master_, opened->listener_.get(), TQ_LOOP_READABLE, on_connection, opened.get());
+    errno = ENOMEM;
+    return opened->watch_ ? std::move(opened) : nullptr;
+}
+
+module::~module()
+{
+    remove_socket();
+    tq_loop_unwatch(watch_);
+}
+
+void module::remove_socket()
+{
+    if (owner_ == getpid())
+        unlinkat(directory_.get(), file_name_.c_str(), 0);
+}
+
+int module::add(command command)
+{
+    std::string name = command.name;
+    return commands_.try_emplace(std::move(name), std::move(command)).second ? 0 : EEXIST;
+}
+
+answer module::run(std::string_view line)
+{
+    std::vector<word> words;
+    if (const std::string error = split_line(line, words); !error.empty())
+        return make_answer("usage", error + '\n');
+    if (words.empty())
+        return {};
+    const std::string &name = words.front().text;
+    const auto arguments = std::span<const word>(words).subspan(1);
+    if (name == "help")
+        return help(arguments);
+    const auto found = commands_.find(name);
+    if (found == commands_.end())
+        return unknown(name);
+
+    std::vector<ssat_value> values;
+    if (const std::string error = bind_arguments(found->second, arguments, values); !error.empty())
+        return make_answer("usage", error + "\nusage: " + usage(found->second) + '\n');
+    return call_captured(found->second.handler, values);
+}
+
+answer module::help(std::span<const word> names) const
+{
+    if (names.size() > 1)
+        return make_answer("usage", "usage: help [COMMAND]\n");
+    std::string text;
+    for (const auto &[name, command] : commands_)
+        if (names.empty() || names.front().text == name)
+            text += help_line(command);
+    return text.empty() && !names.empty() ? unknown(names.front().text) : make_answer("ok", text);
+}
+
+std::list<std::unique_ptr<session>>::iterator module::place_of(const session &wanted)
+{
+    return std::ranges::find(sessions_, &wanted, [](const auto &held) { return held.get(); });
+}
+
+void module::drop(const session &gone)
+{
+    sessions_.erase(place_of(gone));
+}
+
+void module::touch(const session &active)
+{
+    sessions_.splice(sessions_.end(), sessions_, place_of(active));
+}
+
+void module::on_connection(tq_loop_watch *, int, int, void *arg)
+try {
+    if (!busy())
+        static_cast<module *>(arg)->accept_one();
+} catch (const std::bad_alloc &) {
+    log(TQ_ZLOG_ERROR, __func__, "no memory for another connection");
+}
+
+void module::accept_one()
+{
+    owned_fd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!connection) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+            pause_listening();
+        return;
+    }
+    if (!may_enter(connection.get()))
+        return;
+    if (sessions_.size() == most_sessions)
+        sessions_.pop_front();
+    sessions_.push_back(std::make_unique<session>(*this, std::move(connection)));
+    if (!sessions_.back()->start(master_))
+        sessions_.pop_back();
+}
+
+// The waiting connection stays readable: without a pause the loop would spin until a descriptor is free.
+void module::pause_listening()
+{
+    constexpr timeval pause{1, 0};
+    if (tq_thread_insert_timer_timeval(master_, nullptr, on_pause_end, this, &pause, "ssat") == 0)
+        tq_loop_watch_events(watch_, 0);
+}
+
+int module::on_pause_end(tq_thread *timer)
+{
+    return tq_loop_watch_events(static_cast<module *>(tq_thread_arg(timer))->watch_, TQ_LOOP_READABLE);
+}
+
+} // namespace ssat
