@@ -98,6 +98,7 @@ TEST_F(loop_test, a_handle_is_cleared_before_its_function_runs_and_may_be_used_a
     EXPECT_EQ(tq_loop_run(master), 0);
     EXPECT_EQ(calls, "ttt");
     EXPECT_NE(handle, nullptr) << "the last insertion is still pending";
+    tq_thread_cancel(handle); // which is gone before the loop is
 }
 
 TEST_F(loop_test, a_timer_that_fires_leaves_another_one_in_its_handle_alone)
@@ -109,6 +110,7 @@ TEST_F(loop_test, a_timer_that_fires_leaves_another_one_in_its_handle_alone)
     tq_thread *const pending = handle;
     tq_loop_run(master);
     EXPECT_EQ(handle, pending);
+    tq_thread_cancel(pending);
 }
 
 TEST_F(loop_test, a_timer_may_cancel_one_that_is_due_with_it_and_itself)
