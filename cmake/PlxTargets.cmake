@@ -16,6 +16,9 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(PROTOBUF_C REQUIRED IMPORTED_TARGET libprotobuf-c)
 
 add_library(plx_options INTERFACE)
+# On 32-bit targets files may be large, and file systems number their files with 64 bits. time_t stays the platform's own:
+# struct timeval is part of the interface.
+target_compile_definitions(plx_options INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(plx_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
 if(PLX_SANITIZE)
   target_compile_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
