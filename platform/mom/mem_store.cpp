@@ -94,7 +94,7 @@ void mem_table::log(std::string_view key, image_ptr image, uint64_t writer)
 
 std::shared_ptr<const mem_change> mem_table::change_at(uint64_t number) const
 {
-    return number < first() || number > last_ ? nullptr : log_[number - first()];
+    return number < first() || number > last_ ? nullptr : log_[static_cast<size_t>(number - first())];
 }
 
 void mem_table::remove_reader(mem_reader &reader)
