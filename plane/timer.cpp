@@ -13,7 +13,8 @@ milliseconds now()
 bool Timer::start(milliseconds interval)
 {
     cancel();
-    const timeval time{interval.count() / 1000, (interval.count() % 1000) * 1000};
+    const timeval time{static_cast<time_t>(interval.count() / 1000),
+                       static_cast<suseconds_t>(interval.count() % 1000 * 1000)};
     return tq_thread_insert_timer_timeval(master_, &thread_, &Timer::fire, this, &time, "plx_plane") == 0;
 }
 
