@@ -89,7 +89,7 @@ TEST_F(tables, a_table_doubles_at_its_bound)
         {1, {4, 3}}, {4, {8, 6}}, {7, {16, 12}}, {13, {32, 25}}, {26, {64, 49}}, {50, {128, 99}}, {100, {256, 197}}};
     std::pair<uint32_t, uint32_t> expected;
     for (size_t i = 1; i <= 197; i++) {
-        nodes.push_back(ace_node(static_cast<uint32_t>(i), i << 33));
+        nodes.push_back(ace_node(static_cast<uint32_t>(i), uint64_t{i} << 33));
         EXPECT_EQ(fp_udp_ace_node_hash_insert(&nodes.back()), 0);
         if (auto at = sizes.find(i); at != sizes.end())
             expected = at->second;
