@@ -80,7 +80,7 @@ struct acl_kind {
     using table = fp_udp_acl_table;
     static uint32_t hash(const node &n) { return word_hash(n.acl.acl_id); }
     static bool equal(const node &a, const node &b) { return fp_udp_acl_node_key_cmp(a, b) != 0; }
-    static void prefetch(const node &n) { __builtin_prefetch(&n.acl.acl_id); }
+    [[gnu::always_inline]] static void prefetch(const node &n) { __builtin_prefetch(&n.acl.acl_id); }
 };
 
 struct ace_kind {
@@ -91,7 +91,7 @@ struct ace_kind {
         return word_hash(n.acl.acl_id, static_cast<uint32_t>(n.ace.sn), static_cast<uint32_t>(n.ace.sn >> 32));
     }
     static bool equal(const node &a, const node &b) { return fp_udp_ace_node_key_cmp(a, b) != 0; }
-    static void prefetch(const node &n)
+    [[gnu::always_inline]] static void prefetch(const node &n)
     {
         __builtin_prefetch(&n.acl.acl_id);
         __builtin_prefetch(&n.ace.sn);
@@ -103,7 +103,7 @@ struct apply_kind {
     using table = fp_udp_apply_table;
     static uint32_t hash(const node &n) { return word_hash(n.apply.phyid, n.apply.pri, n.acl.acl_id); }
     static bool equal(const node &a, const node &b) { return fp_udp_apply_node_key_cmp(a, b) != 0; }
-    static void prefetch(const node &n)
+    [[gnu::always_inline]] static void prefetch(const node &n)
     {
         __builtin_prefetch(&n.acl.acl_id);
         __builtin_prefetch(&n.apply.phyid);
