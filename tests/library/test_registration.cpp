@@ -1,5 +1,8 @@
 // Start-up: the registration of types, topics and callbacks, and the operation table.
+#include <filesystem>
+#include <fstream>
 #include <support/application.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
@@ -201,21 +204,87 @@ TEST_F(registration, three_tables_are_topics_and_the_first_refusal_ends_it)
     EXPECT_EQ(fake::topics.calls, lines{});
 }
 
-TEST_F(registration, initialising_opens_the_log)
+// A directory of this process alone in the place of /etc/plx_dbg.
+class level_files : public library_case {
+  protected:
+    level_files() { std::filesystem::create_directories(root + "/etc"); }
+    ~level_files() override { std::filesystem::remove_all(root); }
+
+    // The level after a start with 2 before it.
+    uint32_t level()
+    {
+        g_policy_plx_zlog_level = 2;
+        EXPECT_EQ(plx_initial(), 0);
+        return g_policy_plx_zlog_level;
+    }
+    const std::string root = testing::TempDir() + process;
+    const fake::led_elsewhere etc{"/etc/plx_dbg/", root + "/etc/"};
+};
+
+TEST_F(level_files, a_level_is_taken_from_1_to_5_and_is_1_otherwise)
 {
-    g_policy_plx_zlog_category = nullptr;
-    EXPECT_EQ(plx_initial(), 0);
+    EXPECT_EQ(level(), 2U) << "there is no file";
+    const std::pair<std::string, uint32_t> rows[] = {{"5", 5},
+                                                     {"3\n", 3},
+                                                     {" 4 of 5", 4},
+                                                     {"", 2},
+                                                     {"0", 1},
+                                                     {"6", 1},
+                                                     {"-3", 1},
+                                                     {"level", 1},
+                                                     {"\n", 1},
+                                                     {"99999999999999999999999", 1},
+                                                     {std::string(300, '0') + "5", 5},
+                                                     {std::string(301, '0') + "5", 1}}; // 301 bytes are read
+    for (const auto &[text, expected] : rows) {
+        std::ofstream(root + "/etc/" + process) << text;
+        EXPECT_EQ(level(), expected) << text;
+    }
+}
+
+TEST_F(level_files, the_process_has_its_own_file_before_the_common_one)
+{
+    std::ofstream(root + "/etc/plx") << "4";
+    EXPECT_EQ(level(), 4U);
+    std::ofstream(root + "/etc/" + process) << "";
+    EXPECT_EQ(level(), 2U) << "an empty file of its own is its own";
+    std::ofstream(root + "/secret") << "5";
+    prctl(PR_SET_NAME, "../secret");
+    EXPECT_EQ(level(), 4U) << "a name does not leave the directory";
+}
+
+TEST_F(level_files, without_a_log_no_file_is_read)
+{
+    std::ofstream(root + "/etc/plx") << "4";
+    fake::log.opens = false;
+    EXPECT_EQ(level(), 2U);
+    EXPECT_EQ(g_policy_plx_zlog_category, nullptr);
+    fake::log.opens = true;
+    EXPECT_EQ(level(), 4U);
     EXPECT_EQ(fake::log.category, "policy_plx");
     EXPECT_EQ(g_policy_plx_zlog_category, &fake::log);
-    g_policy_plx_zlog_level = 5; // whatever this machine's files say
-    fake::log.take();
-    EXPECT_EQ(plx_initial(), 0);
-    fake::log.opens = false;
-    EXPECT_EQ(plx_initial(), 0);
-    EXPECT_EQ(g_policy_plx_zlog_category, nullptr);
+    EXPECT_EQ(fake::log.take(), lines{"I plx zlog ready!\n"});
+}
+
+TEST_F(level_files, the_process_name_comes_from_its_status_file)
+{
+    const std::string status = fake::format("/proc/%d/status", getpid());
     char name[100] = "untouched";
     EXPECT_EQ(fp_udp_dbg_get_proc_name(name), 0);
     EXPECT_EQ(name, process);
+    std::ofstream(root + "/status") << "Name:\t" + std::string(200, 'x') + "\n";
+    const fake::led_elsewhere proc(status, root + "/status");
+    EXPECT_EQ(fp_udp_dbg_get_proc_name(name), 0);
+    EXPECT_EQ(name, std::string(93, 'x')) << "99 characters of the line";
+    std::filesystem::resize_file(root + "/status", 0);
+    EXPECT_EQ(fp_udp_dbg_get_proc_name(name), -1);
+    EXPECT_EQ(plx_initial(), -1);
+    EXPECT_EQ(fp_udp_op_log_init(), -1);
+    EXPECT_EQ(fake::log.take("E"), lines{"E fp_udp_op_log_init fail.\n"});
+    std::filesystem::remove(root + "/status");
+    name[0] = '\0';
+    EXPECT_EQ(fp_udp_dbg_get_proc_name(name), 0);
+    EXPECT_STREQ(name, "");
 }
 
 } // namespace

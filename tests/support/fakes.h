@@ -130,6 +130,19 @@ extern log_double log;
 extern shell_double shell;
 extern topics_double topics;
 
+// While one lives, paths that begin with `from` begin with `to` instead, for open(), access() and fopen().
+class led_elsewhere {
+  public:
+    led_elsewhere(const std::string &from, const std::string &to);
+    ~led_elsewhere();
+    led_elsewhere(const led_elsewhere &) = delete;
+    led_elsewhere &operator=(const led_elsewhere &) = delete;
+    static std::map<std::string, std::string> &paths();
+
+  private:
+    std::string from_;
+};
+
 // Makes the n-th allocation that libplx itself asks for fail, while an instance lives; n = 0 only counts.
 class failing_allocation {
   public:
