@@ -1,0 +1,317 @@
+// See application.hpp.
+#include "application.hpp"
+
+#include "plane/status.hpp"
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <tq_mom.h>
+
+namespace plx::tool {
+
+namespace {
+
+constexpr int writes_between_pauses = 64;
+constexpr uint32_t longest_commit_s = 60; // that the library allows
+
+// Names were checked to fit when the policy was read.
+template <size_t Size> void copy_name(char (&field)[Size], const std::string &name)
+{
+    std::memcpy(field, name.c_str(), std::min(name.size(), Size - 1));
+}
+
+void copy_name(uint8_t (&priv)[FP_UDP_PRIV_SIZE], const std::string &name)
+{
+    std::memcpy(priv, name.data(), std::min(name.size(), sizeof priv));
+}
+
+std::string write_error(int32_t result)
+{
+    if (result > 0)
+        return std::string("store: ") + tq_mom_strerror(result);
+    switch (result) {
+    case FP_UDP_NO_MEMORY:
+        return "library: out of memory";
+    case FP_UDP_INVALID:
+        return "library: invalid argument";
+    case FP_UDP_NOT_FOUND:
+        return "library: the ACL is not there";
+    default:
+        return "library: result " + std::to_string(result);
+    }
+}
+
+// False when memory ran short; the entry is without attributes then.
+bool push(fp_udp_ace *ace, const PolicyEntry &entry)
+{
+    ace->ace_pri = entry.priority;
+    copy_name(ace->priv, entry.name);
+    for (const PolicyAttribute &attribute : entry.attributes) {
+        if (ace->tlv == nullptr)
+            return false;
+        fp_udp_attr attr;
+        const std::string name(attribute.form->name);
+        ace->tlv->construct(&attr, name.c_str(), attribute.form->cls, attribute.value.data(),
+                            static_cast<int32_t>(attribute.value.size()));
+        ace->tlv->push(&ace->tlv, attr);
+    }
+    return ace->tlv != nullptr;
+}
+
+std::string node_error(int32_t status)
+{
+    return std::string(plane::status_text(status)) + " (" + std::to_string(status) + ")";
+}
+
+} // namespace
+
+Application *Application::current_ = nullptr;
+
+Application::Application(tq_context *context, uint32_t db, const Policy &policy)
+    : context_(context), db_(db), policy_(policy)
+{
+    current_ = this;
+    add_rows();
+}
+
+Application::~Application()
+{
+    current_ = nullptr;
+}
+
+void Application::add_rows()
+{
+    std::multimap<uint32_t, const PolicyApply *> applies;
+    for (const PolicyApply &apply : policy_.applies)
+        applies.emplace(apply.acl, &apply);
+    const auto named = [](const std::string &name) { return name.empty() ? name : " " + name; };
+    for (const PolicyAcl &acl : policy_.acls) {
+        const std::string label = "acl " + std::to_string(acl.id);
+        acls_[acl.id] = {.row = ledger_.add(label + named(acl.name)), .cls = acl.cls};
+        const auto [first, last] = applies.equal_range(acl.id);
+        for (auto apply = first; apply != last; ++apply)
+            add_row(label, *apply->second);
+        for (const PolicyEntry &entry : acl.entries)
+            ace_rows_[{acl.id, entry.sn}] = ledger_.add(label + " sn " + std::to_string(entry.sn) + named(entry.name));
+    }
+}
+
+void Application::add_row(const std::string &acl, const PolicyApply &apply)
+{
+    std::string label = acl + " on port " + std::to_string(apply.port) + ' ';
+    label += direction_name(apply.direction);
+    if (apply.priority != 0)
+        label += " priority " + std::to_string(apply.priority);
+    apply_rows_[{apply.acl, apply.port, apply.priority}] = ledger_.add(std::move(label));
+}
+
+// ---- what the library tells -----------------------------------------------------------------------------------------
+
+struct Application::Callbacks {
+    static int32_t acl_ok(void *, const fp_udp_acl *acl, const uint8_t *) noexcept
+    {
+        if (const auto known = current_->acls_.find(acl->acl_id); known != current_->acls_.end())
+            current_->ledger_.end(known->second.row, Outcome::stored, "ok");
+        return 0;
+    }
+
+    static int32_t acl_fail(void *, const fp_udp_acl *acl, int32_t result, const uint8_t *) noexcept
+    {
+        if (const auto known = current_->acls_.find(acl->acl_id); known != current_->acls_.end())
+            current_->refused(known->second.row, result);
+        return 0;
+    }
+
+    static int32_t ace_ok(void *, const fp_udp_acl_info *acl, uint64_t sn, const uint8_t *) noexcept
+    {
+        fp_udp_ace_info key{};
+        key.sn = sn;
+        fp_udp_ace_node *node = nullptr;
+        const bool cached = fp_udp_acldb_get_ace(acl, &key, &node) == 0;
+        if (const size_t *row = current_->find_ace(acl, sn))
+            current_->succeeded(*row, cached ? node->ace.req_count : 0);
+        return 0;
+    }
+
+    static int32_t ace_fail(void *, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *) noexcept
+    {
+        if (const size_t *row = current_->find_ace(acl, sn))
+            current_->refused(*row, status);
+        return 0;
+    }
+
+    static int32_t apply_ok(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply,
+                            const uint8_t *) noexcept
+    {
+        if (const size_t *row = current_->find_apply(acl, apply->phyid, apply->pri))
+            current_->succeeded(*row, apply->req_count);
+        return 0;
+    }
+
+    static int32_t apply_fail(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, int32_t status,
+                              const uint8_t *) noexcept
+    {
+        if (const size_t *row = current_->find_apply(acl, apply->phyid, apply->pri))
+            current_->refused(*row, status);
+        return 0;
+    }
+
+    static fp_udp_acl_handler table()
+    {
+        fp_udp_acl_handler made{};
+        made.set_acl_ok_cb = &acl_ok;
+        made.set_acl_fail_cb = &acl_fail;
+        made.ace_reply_ok_cb = &ace_ok;
+        made.ace_fail_cb = &ace_fail;
+        made.apply_reply_ok_cb = &apply_ok;
+        made.apply_fail_cb = &apply_fail;
+        return made;
+    }
+};
+
+const size_t *Application::find_ace(const fp_udp_acl_info *acl, uint64_t sn) const
+{
+    const auto row = ace_rows_.find({acl->acl_id, sn});
+    return row == ace_rows_.end() ? nullptr : &row->second;
+}
+
+const size_t *Application::find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const
+{
+    const auto row = apply_rows_.find({acl->acl_id, port, priority});
+    return row == apply_rows_.end() ? nullptr : &row->second;
+}
+
+// The library also tells of success when it has waited long enough without hearing of a failure; how many nodes have
+// answered shows which of the two it is.
+void Application::succeeded(size_t row, int answers)
+{
+    if (setting_)
+        return ledger_.end(row, Outcome::stored, "not applied to a port");
+    if (answers > 0 && answers >= live_nodes())
+        return ledger_.end(row, Outcome::programmed, "ok");
+    ledger_.end(row, Outcome::aged,
+                std::to_string(answers) + " of " + std::to_string(live_nodes()) + " nodes answered");
+}
+
+void Application::refused(size_t row, int32_t status)
+{
+    store_lost_ = store_lost_ || (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT));
+    ledger_.end(row, Outcome::failed, setting_ ? write_error(status) : node_error(status));
+}
+
+// ---- what the library is told ---------------------------------------------------------------------------------------
+
+int Application::start()
+{
+    if (plx_initial() != 0 || fp_udp_register_app_type(policy_.application.c_str()) != 0)
+        return FP_UDP_REFUSED;
+    const fp_udp_acl_handler handler = Callbacks::table();
+    const int result = fp_udp_register_acl_handler(context_, db_, &handler);
+    mgr_ = fp_udp_get_mgr();
+    return result;
+}
+
+int Application::bracket(std::initializer_list<Operation> operations)
+{
+    int first_failure = 0;
+    for (const Operation operation : operations) {
+        const int result = operation(context_, policy_.application.c_str());
+        first_failure = first_failure != 0 ? first_failure : result;
+    }
+    return first_failure;
+}
+
+// Applies stand before entries: an entry whose ACL is not applied yet would be answered by the library at once, and
+// nobody would hear what the service nodes say.
+int Application::write(const std::function<void()> &pause)
+{
+    if (const int result = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply}); result != 0)
+        return result;
+    int writes = 0;
+    const auto breathe = [&] {
+        if (++writes % writes_between_pauses == 0)
+            pause();
+    };
+    for (const PolicyAcl &acl : policy_.acls) {
+        set(acl);
+        breathe();
+    }
+    for (const PolicyApply &apply : policy_.applies) {
+        set(apply);
+        breathe();
+    }
+    for (const PolicyAcl &acl : policy_.acls) {
+        for (const PolicyEntry &entry : acl.entries) {
+            set(acl, entry);
+            breathe();
+        }
+    }
+    return store_lost_ ? 0 : bracket({mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply});
+}
+
+// The enable marker goes at the end, so that the application's next changes are not held back.
+int Application::write_atomically(const std::function<void()> &pause)
+{
+    const char *app_type = policy_.application.c_str();
+    if (const int result = mgr_->enable_app_commit(context_, app_type, longest_commit_s); result != 0)
+        return result;
+    int result = write(pause);
+    if (result == 0 && !store_lost_)
+        result = mgr_->publish_app_commit(context_, app_type);
+    const int disabled = mgr_->disable_app_commit(context_, app_type);
+    return result != 0 ? result : disabled;
+}
+
+// A refusal that no callback told of, an argument's, ends the row too.
+template <typename Write> void Application::set_row(size_t row, Write &&write)
+{
+    ledger_.begin(row);
+    setting_ = true;
+    const int32_t result = write();
+    if (result != 0)
+        refused(row, result);
+    setting_ = false;
+}
+
+void Application::set(const PolicyAcl &acl)
+{
+    fp_udp_acl object{};
+    copy_name(object.app_type, policy_.application);
+    object.acl_id = acl.id;
+    object.acl_cls = acl.cls;
+    copy_name(object.priv, acl.name);
+    set_row(acls_.at(acl.id).row, [&] { return mgr_->set_acl(context_, &object); });
+}
+
+void Application::set(const PolicyApply &apply)
+{
+    fp_udp_apply_key key{};
+    copy_name(key.apply_type, policy_.application);
+    key.phyid = apply.port;
+    key.priority = apply.priority;
+    key.direction = apply.direction;
+    const std::unique_ptr<fp_udp_apply, void (*)(fp_udp_apply *)> object(mgr_->alloc_apply(&key), mgr_->free_apply);
+    fp_udp_acl_info acl{};
+    copy_name(acl.app_type, policy_.application);
+    acl.acl_id = apply.acl;
+    set_row(apply_rows_.at({apply.acl, apply.port, apply.priority}), [&]() -> int32_t {
+        return object == nullptr ? FP_UDP_NO_MEMORY
+                                 : mgr_->set_apply(context_, &acl, acls_.at(apply.acl).cls, object.get());
+    });
+}
+
+void Application::set(const PolicyAcl &acl, const PolicyEntry &entry)
+{
+    const std::unique_ptr<fp_udp_ace, void (*)(fp_udp_ace *)> object(
+        mgr_->alloc_ace(entry.sn, entry.is_default ? 1 : 0), mgr_->free_ace);
+    fp_udp_acl_key key{};
+    copy_name(key.app_type, policy_.application);
+    key.acl_id = acl.id;
+    set_row(ace_rows_.at({acl.id, entry.sn}), [&]() -> int32_t {
+        if (object == nullptr || !push(object.get(), entry))
+            return FP_UDP_NO_MEMORY;
+        return mgr_->set_ace(context_, &key, object.get());
+    });
+}
+
+} // namespace plx::tool

@@ -1,0 +1,85 @@
+// A policy's way through libplx: plx as an application like any other, with the public interface alone.
+//
+// There is one Application at a time, since the library keeps one table of callbacks for the process. The callbacks
+// only note outcomes in the ledger.
+#pragma once
+
+#include "ledger.hpp"
+#include "policy.hpp"
+#include <functional>
+#include <map>
+#include <plx/libplx.h>
+#include <tq_context.h>
+#include <tuple>
+
+namespace plx::tool {
+
+class Application {
+  public:
+    // The context and the policy outlive the application.
+    Application(tq_context *context, uint32_t db, const Policy &policy);
+    ~Application();
+    Application(const Application &) = delete;
+    Application &operator=(const Application &) = delete;
+
+    // Registers with the library. 0, or the library's code.
+    int start();
+
+    // Rewrites the policy: everything in it is written, then what else the store holds of this application type is
+    // deleted; not so when a write failed, as the deletion could take the last good version with it. `pause` is called
+    // now and then, to run the event loop. 0, or the store's code for the bracket.
+    int write(const std::function<void()> &pause);
+
+    // The same between commit markers, so that the service nodes make all changes together. They wait for a minute at
+    // most: a rewrite that takes longer, or ends in the middle, is made as it stands then.
+    int write_atomically(const std::function<void()> &pause);
+
+    // Service nodes that the library counts as alive.
+    static int live_nodes() { return g_fp_service.count; }
+
+    // A write did not reach the store.
+    bool store_lost() const { return store_lost_; }
+
+    Ledger &ledger() { return ledger_; }
+
+  private:
+    using AceId = std::pair<uint32_t, uint64_t>;              // ACL, sn
+    using ApplyId = std::tuple<uint32_t, uint32_t, uint32_t>; // ACL, port, priority
+    using Operation = int32_t (*)(void *context, const char *app_type);
+
+    struct Callbacks;
+
+    struct Acl {
+        size_t row;
+        uint8_t cls;
+    };
+
+    void add_rows();
+    void add_row(const std::string &acl, const PolicyApply &apply);
+
+    int bracket(std::initializer_list<Operation> operations);
+    void set(const PolicyAcl &acl);
+    void set(const PolicyApply &apply);
+    void set(const PolicyAcl &acl, const PolicyEntry &entry);
+    template <typename Write> void set_row(size_t row, Write &&write);
+
+    void succeeded(size_t row, int answers);
+    void refused(size_t row, int32_t status);
+    const size_t *find_ace(const fp_udp_acl_info *acl, uint64_t sn) const;
+    const size_t *find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
+
+    static Application *current_;
+
+    tq_context *context_;
+    uint32_t db_;
+    const Policy &policy_;
+    fp_udp_mgr *mgr_ = nullptr;
+    Ledger ledger_;
+    std::map<uint32_t, Acl> acls_;
+    std::map<AceId, size_t> ace_rows_;
+    std::map<ApplyId, size_t> apply_rows_;
+    bool setting_ = false; // inside a set operation: what is told now is the write's own result
+    bool store_lost_ = false;
+};
+
+} // namespace plx::tool

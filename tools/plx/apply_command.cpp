@@ -1,0 +1,355 @@
+// `plx apply`: a policy file, through the library and the store, to the service nodes, and what they said.
+#include "application.hpp"
+#include "commands.hpp"
+#include "plane/fleet.hpp"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <plx/s_policy.pb-c.h>
+#include <tq_loop.h>
+#include <tq_mom.h>
+#include <unistd.h>
+
+namespace plx::tool {
+
+namespace {
+
+using plane::milliseconds;
+using plane::now;
+
+// A live node writes its record every 5 seconds.
+constexpr milliseconds heartbeat_heard{6500};
+
+struct ApplyOptions {
+    std::string file;
+    std::string store = "mem:";
+    uint32_t db = 8;
+    double timeout_s = 200; // above the 180 s after which the library itself stops waiting
+    bool atomic = false;
+    uint32_t nodes = 0; // 0: not given
+    std::vector<size_t> table_sizes;
+    std::vector<std::string> simulate;
+
+    bool embedded() const { return store.starts_with("mem:"); }
+};
+
+struct LoopDeleter {
+    void operator()(tq_thread_master *master) const { tq_loop_free(master); }
+};
+
+// A line that is written over while things go on, on a terminal; nothing elsewhere.
+class Progress {
+  public:
+    ~Progress() { clear(); }
+
+    void show(const std::string &text)
+    {
+        if (!terminal_ || now() < next_)
+            return;
+        next_ = now() + milliseconds(100);
+        std::cerr << "\r\x1b[K" << text << std::flush;
+        shown_ = true;
+    }
+
+    void clear()
+    {
+        if (shown_)
+            std::cerr << "\r\x1b[K" << std::flush;
+        shown_ = false;
+    }
+
+  private:
+    bool terminal_ = isatty(STDERR_FILENO) == 1;
+    bool shown_ = false;
+    milliseconds next_{0};
+};
+
+class ApplyRun {
+  public:
+    explicit ApplyRun(const ApplyOptions &options) : options_(options) {}
+    int run();
+
+  private:
+    bool read(Policy &policy);
+    int open_store();
+    int start_nodes();
+    int wait_for_nodes();
+    int write(Application &application);
+    void wait_for_outcomes(Application &application);
+    int report(Application &application, int result);
+    void turn(milliseconds until);
+    int fail(int exit_code, const std::string &message);
+
+    const ApplyOptions &options_;
+    std::unique_ptr<tq_thread_master, LoopDeleter> loop_;
+    plane::Context context_;
+    std::unique_ptr<plane::Fleet> fleet_;
+    Progress progress_;
+    uint32_t expected_nodes_ = 0;
+};
+
+int ApplyRun::run()
+{
+    Policy policy;
+    if (!read(policy))
+        return EXIT_BAD_FILE;
+    if (const int code = open_store(); code != EXIT_DONE)
+        return code;
+    // nodes start after the library listens: it hears of them at once, not at their second sign of life
+    Application application(context_.get(), options_.db, policy);
+    if (const int result = application.start(); result != 0)
+        return fail(EXIT_UNREACHABLE, "cannot register with the library: result " + std::to_string(result));
+    if (const int code = start_nodes(); code != EXIT_DONE)
+        return code;
+    if (const int code = wait_for_nodes(); code != EXIT_DONE)
+        return code;
+    const int result = write(application);
+    wait_for_outcomes(application);
+    return report(application, result);
+}
+
+int ApplyRun::fail(int exit_code, const std::string &message)
+{
+    progress_.clear();
+    std::cerr << "plx apply: " << message << '\n';
+    return exit_code;
+}
+
+bool ApplyRun::read(Policy &policy)
+{
+    Errors errors;
+    std::string content;
+    Part root;
+    if (read_file(options_.file, content, errors) && parse_document(content, root, errors)) {
+        if (auto checked = read_policy(root, errors))
+            policy = std::move(*checked);
+    }
+    for (const std::string &line : errors.lines(options_.file))
+        std::cerr << line << '\n';
+    if (!errors.empty())
+        std::cerr << "plx apply: nothing was written: " << errors.size() << (errors.size() == 1 ? " error" : " errors")
+                  << " in the policy\n";
+    return errors.empty();
+}
+
+int ApplyRun::open_store()
+{
+    loop_.reset(tq_loop_new());
+    if (loop_ != nullptr)
+        context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
+    if (context_ == nullptr)
+        return fail(EXIT_USAGE, "'" + options_.store + "' is not the address of a store");
+    const int result = tq_mom_client_connect_sync(context_.get(), options_.db);
+    if (result != 0)
+        return fail(EXIT_UNREACHABLE, "store " + options_.store + ": " + tq_mom_strerror(result));
+    return EXIT_DONE;
+}
+
+// ---- service nodes --------------------------------------------------------------------------------------------------
+
+// "2:silent" is for the second node.
+bool simulate(const std::string &text, std::vector<plane::SimulatedOptions> &nodes)
+{
+    const size_t colon = text.find(':');
+    const std::string number = text.substr(0, colon);
+    if (colon == std::string::npos || number.empty() || number.find_first_not_of("0123456789") != std::string::npos ||
+        number.size() > 4)
+        return false;
+    const size_t node = std::stoul(number);
+    return node >= 1 && node <= nodes.size() && nodes[node - 1].add(std::string_view(text).substr(colon + 1));
+}
+
+int ApplyRun::start_nodes()
+{
+    expected_nodes_ = options_.nodes;
+    if (!options_.embedded())
+        return EXIT_DONE;
+    expected_nodes_ = std::max(expected_nodes_, 1U);
+    std::vector<plane::SimulatedOptions> nodes(expected_nodes_);
+    for (size_t node = 0; node < std::min(nodes.size(), options_.table_sizes.size()); ++node)
+        nodes[node].table_size = options_.table_sizes[node];
+    for (const std::string &text : options_.simulate) {
+        if (!simulate(text, nodes))
+            return fail(EXIT_USAGE, "--simulate: '" + text + "' is not NODE:WHAT; see plx apply --help");
+    }
+    plane::NodeOptions node_options;
+    node_options.db = options_.db;
+    fleet_ = std::make_unique<plane::Fleet>(options_.store, loop_.get(), node_options);
+    for (plane::SimulatedOptions &node : nodes) {
+        if (const int result = fleet_->add(std::move(node)); result != 0)
+            return fail(EXIT_UNREACHABLE, std::string("cannot start a node: ") + tq_mom_strerror(result));
+    }
+    return EXIT_DONE;
+}
+
+int32_t count_record(void *, const tq_mom_notification *, void *arg)
+{
+    ++*static_cast<uint32_t *>(arg);
+    return 0;
+}
+
+// An outcome needs as many answers as the library knows nodes when it comes, so they must be known first.
+int ApplyRun::wait_for_nodes()
+{
+    const bool given = expected_nodes_ != 0;
+    if (!given) {
+        const plane::Record whole(s_policy__service_node__descriptor);
+        const int result =
+            tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &count_record, &expected_nodes_);
+        if (result != 0)
+            return fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(result));
+    }
+    const auto live = [] { return static_cast<uint32_t>(Application::live_nodes()); };
+    const milliseconds give_up = now() + heartbeat_heard;
+    while (live() < expected_nodes_ && now() < give_up) {
+        progress_.show("service nodes: " + std::to_string(live()) + " of " + std::to_string(expected_nodes_));
+        turn(give_up);
+    }
+    if (given && live() < expected_nodes_)
+        return fail(EXIT_NO_ANSWER, "only " + std::to_string(live()) + " of " + std::to_string(expected_nodes_) +
+                                        " service nodes are alive; nothing was written");
+    if (live() == 0)
+        fail(EXIT_DONE, "no service node is alive: nobody will confirm what is written");
+    return EXIT_DONE;
+}
+
+// ---- the policy -----------------------------------------------------------------------------------------------------
+
+// Handles what is due on the loop, waiting a moment for it at most.
+void ApplyRun::turn(milliseconds until)
+{
+    const auto left = std::max(until - now(), milliseconds(0));
+    tq_loop_run_once(loop_.get(), static_cast<int>(std::min(left, milliseconds(50)).count()));
+}
+
+std::string progress_text(Application &application)
+{
+    return std::to_string(Application::live_nodes()) + " nodes: " + application.ledger().summary();
+}
+
+int ApplyRun::write(Application &application)
+{
+    const auto pause = [&] {
+        tq_loop_run_once(loop_.get(), 0);
+        progress_.show(progress_text(application));
+    };
+    return options_.atomic ? application.write_atomically(pause) : application.write(pause);
+}
+
+void ApplyRun::wait_for_outcomes(Application &application)
+{
+    Ledger &ledger = application.ledger();
+    const milliseconds give_up = now() + milliseconds(static_cast<int64_t>(options_.timeout_s * 1000));
+    while (ledger.count(Outcome::waiting) != 0 && now() < give_up) {
+        progress_.show(progress_text(application));
+        turn(give_up);
+    }
+    ledger.end_waiting(Outcome::timed_out, "no answer in time");
+    progress_.clear();
+}
+
+int ApplyRun::report(Application &application, int result)
+{
+    const Ledger &ledger = application.ledger();
+    ledger.print(std::cout);
+    std::cout << ledger.summary() << "; service nodes: " << Application::live_nodes() << std::endl;
+    if (application.store_lost())
+        return fail(EXIT_UNREACHABLE, "the store went away; what it held of this policy before is not swept");
+    if (result != 0)
+        return fail(result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT ? EXIT_UNREACHABLE : EXIT_SOME_FAILED,
+                    std::string("cannot replace what the store held before: ") + tq_mom_strerror(result));
+    if (ledger.count(Outcome::failed) != 0)
+        return EXIT_SOME_FAILED;
+    const bool unanswered = ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) != 0;
+    return unanswered ? EXIT_NO_ANSWER : EXIT_DONE;
+}
+
+constexpr const char *footer = R"(A policy file:
+  application: edge_filter          # application type, at most 31 characters
+  acls:
+    - id: 10
+      class: 1                      # 0 to 255
+      name: anti-spoofing           # optional, at most 31 characters
+      entries:
+        - sn: 10                    # unique in its ACL
+          name: private-10          # optional
+          priority: 100             # optional, 0 when absent
+          match: {etype: ipv4, ipv4_src: 10.0.0.0/8}
+          action: {fwd: deny, counter: 10}
+        - sn: 9999
+          default: true             # the ACL's default entry, one at most
+          action: {fwd: permit}
+          control: {no_deny: true}
+  applies:
+    - {acl: 10, port: 1-4, direction: in, priority: 5}
+  docs/attributes.md lists every attribute and how its value is written.
+
+Outcomes:
+  programmed   every live service node has answered
+  stored       in the store, where it needs no confirmation: an ACL, or an entry of
+               an ACL that is applied to no port
+  failed       refused by a service node or by the store; the status says why
+  aged         the library stopped waiting before enough nodes had answered
+  timed out    this command did (--timeout)
+
+Simulated nodes (--simulate NODE:WHAT, NODE counted from 1), WHAT being one of:
+  size=N              room for N entries
+  refuse[=PATTERN]    refuse what matches
+  silent[=PATTERN]    take it, and never answer
+  delay=MS[@PATTERN]  answer MS milliseconds later
+  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.
+
+Exit codes:
+  0  everything is programmed or stored      3  some entries failed
+  1  wrong usage                             4  some entries aged or timed out
+  2  invalid file, nothing was written       5  store unreachable
+
+Examples:
+  plx apply policy.yaml
+  plx apply --nodes 3 --table-size 1024,1024,32 policy.yaml
+  plx apply --simulate 1:silent=edge_filter/10 --timeout 2 policy.yaml
+  plx apply --store unix:/run/policy.sock --nodes 2 policy.yaml)";
+
+} // namespace
+
+void add_apply_command(CLI::App &app, int &exit_code)
+{
+    const auto options = std::make_shared<ApplyOptions>();
+    CLI::App *command = app.add_subcommand(
+        "apply", "Write the policy of a file as a whole, replacing what the store holds of its application type, "
+                 "and wait until the service nodes have answered for every entry.");
+    command->add_option("FILE", options->file, "policy, in YAML")->required();
+    command->add_option("--store", options->store, "address of the store: mem:, unix:/path, redis://host:port")
+        ->envname("PLX_STORE")
+        ->capture_default_str();
+    command->add_option("--db", options->db, "number of the policy database")->capture_default_str();
+    command
+        ->add_option("--timeout", options->timeout_s, "seconds to wait for outcomes; the library itself waits for 180")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command->add_flag("--atomic", options->atomic,
+                      "have the service nodes hold the changes back until all are written, and make them together");
+    command
+        ->add_option("--nodes", options->nodes,
+                     "service nodes: on a mem: store, how many to simulate (1 when not given); on others, how many "
+                     "must be alive before anything is written (those with a record when not given)")
+        ->check(CLI::Range(1U, 255U));
+    auto *sizes = command
+                      ->add_option("--table-size", options->table_sizes,
+                                   "room of the simulated nodes in entries, of the first, the second ...")
+                      ->delimiter(',')
+                      ->allow_extra_args(false);
+    auto *simulated = command->add_option("--simulate", options->simulate, "how a simulated node behaves; see below")
+                          ->allow_extra_args(false);
+    command->footer(footer);
+    command->callback([options, sizes, simulated, &exit_code] {
+        if (!options->embedded() && sizes->count() + simulated->count() != 0)
+            throw CLI::ValidationError("--table-size and --simulate are for nodes on a mem: store");
+        if (options->table_sizes.size() > std::max(options->nodes, 1U))
+            throw CLI::ValidationError("--table-size has more sizes than there are nodes");
+        exit_code = ApplyRun(*options).run();
+    });
+}
+
+} // namespace plx::tool

@@ -1,0 +1,21 @@
+// The subcommands of plx. Each adds itself to the command line and, when it is the one that was called, leaves the
+// program's exit code behind.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace plx::tool {
+
+// A script may rely on these.
+enum ExitCode : int {
+    EXIT_DONE = 0,        // everything asked for is programmed or stored
+    EXIT_USAGE = 1,       // the command line is wrong
+    EXIT_BAD_FILE = 2,    // the policy file is invalid; nothing was written
+    EXIT_SOME_FAILED = 3, // the forwarding plane or the store refused some entries
+    EXIT_NO_ANSWER = 4,   // some entries aged, or the time to wait ran out
+    EXIT_UNREACHABLE = 5  // the store cannot be reached, or went away
+};
+
+void add_apply_command(CLI::App &app, int &exit_code);
+
+} // namespace plx::tool
