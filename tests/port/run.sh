@@ -9,7 +9,7 @@ mkdir -p "$work"
 protobuf=$(pkg-config --cflags --libs libprotobuf-c)
 # shellcheck disable=SC2086 # flags are words
 $CC -shared -fPIC -Wall -Wextra -Werror -I"$source/platform/include" "$source/tests/port/double.c" -o "$work/libswitch_platform.so" $protobuf
-cmake -S "$source" -B "$work/build" -DPLX_PLATFORM=external -DPLX_PLATFORM_LIBRARIES="$work/libswitch_platform.so" >"$work/log"
+cmake -S "$source" -B "$work/build" -G Ninja -DPLX_PLATFORM=external -DPLX_PLATFORM_LIBRARIES="$work/libswitch_platform.so" >"$work/log"
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 # shellcheck disable=SC2086
 $CC -std=c99 -Wall -Wextra -Werror -I"$source/include" -I"$work/build/proto" "$source/tests/port/program.c" -o "$work/program" \
