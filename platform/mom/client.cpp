@@ -161,7 +161,7 @@ int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
         auto &encoder = target.client->encoder;
         if ((fields == nullptr && count > 0) || !encoder.encode_listed(*target.table.type, *record, {fields, count}))
             return TQ_MOM_INVALID;
-        return target.client->engine->write(target.table, key_text(target), encoder.values(), write_mode::merge);
+        return target.client->engine->write(target.table, key_text(target), encoder.fields(), write_mode::merge);
     });
 }
 
@@ -170,7 +170,7 @@ int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
     return call(handle, db, record, [&](const target &target) -> int {
         auto &encoder = target.client->encoder;
         encoder.encode_all(*target.table.type, *record);
-        return target.client->engine->write(target.table, key_text(target), encoder.values(), write_mode::replace);
+        return target.client->engine->write(target.table, key_text(target), encoder.fields(), write_mode::replace);
     });
 }
 

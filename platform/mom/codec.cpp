@@ -55,6 +55,15 @@ wire_type unknown_wire_type(const ProtobufCMessageUnknownField &field)
     return static_cast<wire_type>(static_cast<uint32_t>(field.wire_type));
 }
 
+// No bytes of a value may bring a key of their own.
+bool is_value(const record_type &type, const field_value &field)
+{
+    const uint32_t key = type.index == nullptr ? 0 : type.index->id;
+    if (field.number == joined)
+        return holds_no_field(field.bytes, key);
+    return field.number != key && holds_only_field(field.bytes, field.number);
+}
+
 // Puts the key message's length behind its tag once its fields are there.
 void close_index(std::string &out, const record_type &type, size_t start)
 {
@@ -118,6 +127,8 @@ bool field_encoder::encode_listed(const record_type &type, const ProtobufCMessag
         const auto *field = value_field(type, number);
         if (field == nullptr)
             return false;
+        if (std::any_of(values_.begin(), values_.end(), [number](const auto &had) { return had.number == number; }))
+            continue;
         const size_t start = bytes_.size();
         append_field(bytes_, record, *field);
         end_field(number, start);
@@ -174,8 +185,7 @@ ProtobufCMessage *decode_record(const record_type &type, std::string_view key, f
         close_index(scratch, type, 0);
     }
     for (const auto &field : fields) {
-        const bool is_key = type.index != nullptr && field.number == type.index->id;
-        if (is_key || !holds_only_field(field.bytes, field.number))
+        if (!is_value(type, field))
             return nullptr;
         scratch.append(field.bytes);
     }

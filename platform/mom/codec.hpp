@@ -30,12 +30,20 @@ struct record_type {
     record_kind kind;
 };
 
-/// One value field: its number and its own encoding, empty for a default value.
+/// One value field: its number and its own encoding, empty for a default value. For reading, number `joined` stands for
+/// any fields, joined.
+constexpr uint32_t joined = 0;
 struct field_value {
     uint32_t number;
     std::string_view bytes;
 };
 using field_values = std::span<const field_value>;
+
+/// What a write brings: the fields one by one, each number once, and joined.
+struct encoded_fields {
+    field_values values;
+    std::string_view bytes;
+};
 
 /// The types in use, by descriptor.
 class type_book {
@@ -57,7 +65,7 @@ class field_encoder {
     bool encode_listed(const record_type &type, const ProtobufCMessage &record, std::span<const uint32_t> numbers);
     /// All that is not default, unknown fields included.
     void encode_all(const record_type &type, const ProtobufCMessage &record);
-    field_values values() const { return values_; }
+    encoded_fields fields() const { return {values_, bytes_}; }
 
   private:
     void begin();

@@ -2,8 +2,7 @@
 #include "engine.hpp"
 
 #include "mem_engine.hpp"
-
-#include <stdexcept>
+#include "redis_changes.hpp"
 
 namespace mom {
 
@@ -11,7 +10,7 @@ std::unique_ptr<engine> make_engine(const store_url &url, tq_thread_master *mast
 {
     if (url.scheme == store_scheme::mem)
         return std::make_unique<mem_engine>(url, master);
-    throw std::runtime_error("no engine for this kind of store");
+    return std::make_unique<redis_engine>(url, master);
 }
 
 } // namespace mom

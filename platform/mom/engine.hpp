@@ -62,7 +62,7 @@ class engine {
     virtual ~engine() = default;
     virtual int connect() = 0;
     virtual int state() = 0;
-    virtual int write(table_ref table, std::string_view key, field_values fields, write_mode mode) = 0;
+    virtual int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) = 0;
     virtual int remove(table_ref table, std::string_view key) = 0;
     /// Calls the sink once if the record exists.
     virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;

@@ -2,9 +2,6 @@
 #include "mem_engine.hpp"
 
 #include <algorithm>
-#include <stdexcept>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace mom {
 namespace {
@@ -13,36 +10,6 @@ constexpr int changes_per_round = 64;
 constexpr unsigned records_per_clock_read = 256;
 
 } // namespace
-
-loop_bell::loop_bell(tq_thread_master *master, tq_loop_func func, void *arg)
-    : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-{
-    if (fd_ >= 0)
-        watch_ = tq_loop_watch_fd(master, fd_, TQ_LOOP_READABLE, func, arg);
-    if (watch_ == nullptr) {
-        close(fd_);
-        throw std::runtime_error("no descriptor for notifications");
-    }
-}
-
-loop_bell::~loop_bell()
-{
-    tq_loop_unwatch(watch_);
-    close(fd_);
-}
-
-void loop_bell::ring()
-{
-    if (!rung_)
-        rung_ = eventfd_write(fd_, 1) == 0;
-}
-
-void loop_bell::silence()
-{
-    eventfd_t count = 0;
-    eventfd_read(fd_, &count);
-    rung_ = false;
-}
 
 mem_subscription::mem_subscription(mem_engine &owner, mem_table &table, table_ref ref, const key_range &range,
                                    change_sink &sink)
@@ -131,9 +98,9 @@ mem_engine::mem_engine(const store_url &url, tq_thread_master *master)
 {
 }
 
-int mem_engine::write(table_ref table, std::string_view key, field_values fields, write_mode mode)
+int mem_engine::write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode)
 {
-    store_->table(table).write(key, fields, mode, writer_);
+    store_->table(table).write(key, fields.values, mode, writer_);
     return TQ_MOM_OK;
 }
 

@@ -6,28 +6,11 @@
 #ifndef TQ_MOM_MEM_ENGINE_HPP
 #define TQ_MOM_MEM_ENGINE_HPP
 
+#include "loop_bell.hpp"
 #include "marks.hpp"
 #include "mem_store.hpp"
 
-#include <tq_loop.h>
-
 namespace mom {
-
-/// A descriptor that makes a loop call back; raised any number of times, it calls once.
-class loop_bell {
-  public:
-    loop_bell(tq_thread_master *master, tq_loop_func func, void *arg);
-    ~loop_bell();
-    loop_bell(const loop_bell &) = delete;
-    loop_bell &operator=(const loop_bell &) = delete;
-    void ring();
-    void silence();
-
-  private:
-    int fd_;
-    bool rung_ = false;
-    tq_loop_watch *watch_ = nullptr;
-};
 
 class mem_engine;
 
@@ -62,7 +45,7 @@ class mem_engine final : public engine {
     mem_engine(const store_url &url, tq_thread_master *master);
     int connect() override { return TQ_MOM_OK; }
     int state() override { return TQ_MOM_OK; }
-    int write(table_ref table, std::string_view key, field_values fields, write_mode mode) override;
+    int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref table, std::string_view key) override;
     int read(table_ref table, std::string_view key, record_sink &sink) override;
     int scan(table_ref table, const key_range &range, record_sink &sink) override;

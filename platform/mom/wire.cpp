@@ -169,7 +169,7 @@ bool skip(std::string_view &bytes, uint64_t size)
 {
     if (size > bytes.size())
         return false;
-    bytes.remove_prefix(size);
+    bytes.remove_prefix(static_cast<size_t>(size));
     return true;
 }
 
@@ -284,6 +284,16 @@ bool holds_only_field(std::string_view bytes, uint32_t number)
     while (!bytes.empty()) {
         uint64_t tag = 0;
         if (!take_varint(bytes, tag) || tag >> 3 != number || !skip_value(bytes, tag & 7))
+            return false;
+    }
+    return true;
+}
+
+bool holds_no_field(std::string_view bytes, uint32_t number)
+{
+    while (!bytes.empty()) {
+        uint64_t tag = 0;
+        if (!take_varint(bytes, tag) || tag >> 3 == 0 || tag >> 3 == number || !skip_value(bytes, tag & 7))
             return false;
     }
     return true;

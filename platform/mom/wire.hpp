@@ -31,6 +31,9 @@ void append_field(std::string &out, const ProtobufCMessage &message, const Proto
 /// True when `bytes` is any number of well-formed elements of field `number` and nothing else.
 bool holds_only_field(std::string_view bytes, uint32_t number);
 
+/// True when `bytes` is any number of well-formed elements, none of field `number`.
+bool holds_no_field(std::string_view bytes, uint32_t number);
+
 /// True when the pointer is a message that carries a usable descriptor.
 bool is_message(const ProtobufCMessage *message);
 

@@ -1,0 +1,326 @@
+// See redis_changes.hpp: the connection and the histories. Delivery is in redis_delivery.cpp.
+#include "redis_changes.hpp"
+
+#include "report.hpp"
+
+namespace mom {
+namespace {
+
+constexpr size_t identities_kept = 512;
+constexpr size_t queue_enough = 256; // as long as so much waits for delivery, nothing more is asked for
+constexpr char entries_per_read[] = "128";
+constexpr std::chrono::milliseconds nudge_pause{2};
+
+timeval to_timeval(std::chrono::milliseconds time)
+{
+    return {0, static_cast<suseconds_t>(time.count() * 1000)};
+}
+
+std::string log_id(uint64_t number)
+{
+    return "0-" + std::to_string(number);
+}
+
+} // namespace
+
+redis_changes::~redis_changes()
+{
+    disconnect();
+    tq_thread_cancel(reconnect_timer_);
+    tq_thread_cancel(nudge_timer_);
+}
+
+int redis_changes::subscribe(redis_table &table, const key_range &range, change_sink &sink)
+{
+    if (bell_ == nullptr)
+        bell_ = std::make_unique<loop_bell>(master_, on_bell, this);
+    const int added = add_subscriber(table, range, sink);
+    if (added != TQ_MOM_OK)
+        return added;
+    if (connection_ == nullptr && connect() != TQ_MOM_OK)
+        reconnect_in(engine_.link().pause());
+    else if (outstanding_)
+        nudge();
+    else
+        request();
+    return TQ_MOM_OK;
+}
+
+int redis_changes::add_subscriber(redis_table &table, const key_range &range, change_sink &sink)
+{
+    log_position now;
+    const int asked = engine_.position(table, now);
+    if (asked != TQ_MOM_OK)
+        return asked;
+    auto *known = find_feed(table.log);
+    if (known == nullptr) {
+        feeds_.push_back(std::make_unique<feed>(feed{table, now.epoch, now.last, {}, {}, {}}));
+        known = feeds_.back().get();
+        if (now.identity != 0)
+            remember(*known, now.identity);
+        stale_ = outstanding_;
+    }
+    known->subscribers.push_back({range, sink, now.last});
+    return TQ_MOM_OK;
+}
+
+redis_changes::feed *redis_changes::find_feed(std::string_view log)
+{
+    for (const auto &each : feeds_)
+        if (each->table.log == log)
+            return each.get();
+    return nullptr;
+}
+
+int redis_changes::connect()
+{
+    int result = engine_.link().ensure();
+    if (result != TQ_MOM_OK)
+        return result;
+    connection_ = engine_.link().open(result);
+    if (connection_ == nullptr)
+        return result;
+    commands_.clear();
+    commands_.command("CLIENT", "ID");
+    result = connection_->exchange(commands_);
+    if (result == TQ_MOM_OK)
+        client_id_ = std::to_string(connection_->replies().integer());
+    for (size_t i = 0; i < feeds_.size() && result == TQ_MOM_OK; ++i)
+        result = settle(*feeds_[i]);
+    if (result == TQ_MOM_OK)
+        watch_ = tq_loop_watch_fd(master_, connection_->fd(), TQ_LOOP_READABLE, on_readable, this);
+    if (watch_ == nullptr) {
+        disconnect();
+        return result == TQ_MOM_OK ? TQ_MOM_NO_MEMORY : result;
+    }
+    request();
+    bell_->ring();
+    return TQ_MOM_OK;
+}
+
+void redis_changes::disconnect()
+{
+    if (watch_ != nullptr)
+        tq_loop_unwatch(watch_);
+    watch_ = nullptr;
+    connection_.reset();
+    outstanding_ = false;
+    stale_ = false;
+}
+
+void redis_changes::reconnect_in(std::chrono::milliseconds pause)
+{
+    disconnect();
+    if (reconnect_timer_ != nullptr)
+        return;
+    const auto interval = to_timeval(std::max(pause, std::chrono::milliseconds{1}));
+    tq_thread_insert_timer_timeval(master_, &reconnect_timer_, on_reconnect, this, &interval, "tq_mom reconnect");
+}
+
+int redis_changes::on_reconnect(tq_thread *timer)
+{
+    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
+    try {
+        if (self->connection_ == nullptr && self->connect() != TQ_MOM_OK)
+            self->reconnect_in(std::max(self->engine_.link().pause(), std::chrono::milliseconds{50}));
+    } catch (...) { // out of memory
+        self->reconnect_in(std::chrono::milliseconds{1000});
+    }
+    return 0;
+}
+
+// Asks for what comes behind the cursors, unless an answer is due or enough is waiting.
+void redis_changes::request()
+{
+    if (connection_ == nullptr || outstanding_ || feeds_.empty() || queue_.size() >= queue_enough)
+        return;
+    commands_.clear();
+    commands_.begin(6 + 2 * feeds_.size());
+    commands_.add("XREAD").add("COUNT").add(entries_per_read).add("BLOCK").add("0").add("STREAMS");
+    for (const auto &each : feeds_)
+        commands_.add(each->table.log);
+    for (const auto &each : feeds_)
+        commands_.add(log_id(each->cursor));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    if (connection_->send(commands_.bytes(), deadline) != TQ_MOM_OK)
+        return reconnect_in(std::chrono::milliseconds{0});
+    outstanding_ = true;
+    stale_ = false;
+}
+
+// Makes the server answer an XREAD that lacks a new feed. It may not have read the XREAD yet: then again in a moment.
+void redis_changes::nudge()
+{
+    const int asked =
+        engine_.ask([this](command_buffer &commands) { commands.command("CLIENT", "UNBLOCK", client_id_); });
+    if (asked == TQ_MOM_OK && engine_.link().replies().integer() == 1)
+        return;
+    if (nudge_timer_ != nullptr)
+        return;
+    const auto interval = to_timeval(nudge_pause);
+    tq_thread_insert_timer_timeval(master_, &nudge_timer_, on_nudge, this, &interval, "tq_mom nudge");
+}
+
+int redis_changes::on_nudge(tq_thread *timer)
+{
+    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
+    try {
+        if (self->outstanding_ && self->stale_)
+            self->nudge();
+    } catch (...) { // out of memory: the next answer brings the feed in
+    }
+    return 0;
+}
+
+void redis_changes::on_readable(tq_loop_watch *, int, int, void *arg)
+{
+    auto *self = static_cast<redis_changes *>(arg);
+    try {
+        self->take_in();
+    } catch (...) { // out of memory: start again from the cursors
+        self->reconnect_in(std::chrono::milliseconds{1000});
+    }
+}
+
+void redis_changes::take_in()
+{
+    if (!connection_->take_in())
+        return reconnect_in(std::chrono::milliseconds{0});
+    const int parsed = connection_->parse();
+    if (parsed == 0)
+        return;
+    outstanding_ = false;
+    const bool accepted = parsed > 0 && accept(connection_->replies());
+    if (!accepted)
+        return reconnect_in(std::chrono::milliseconds{50});
+    connection_->tape().clear();
+    request();
+    round();
+}
+
+bool redis_changes::accept(reply_view reply)
+{
+    if (reply.is(reply_kind::error)) {
+        report(TQ_ZLOG_ERROR, "the policy store refused to tell changes: " + std::string(reply.text()));
+        return false;
+    }
+    auto stream = reply.first();
+    for (size_t i = 0; i < reply.size(); ++i, stream = stream.next())
+        if (!accept_stream(stream))
+            return false;
+    return true;
+}
+
+bool redis_changes::accept_stream(reply_view stream)
+{
+    auto *of = find_feed(stream.at(0).text());
+    const auto entries = stream.at(1);
+    if (of == nullptr)
+        return false;
+    auto reply = entries.first();
+    for (size_t i = 0; i < entries.size(); ++i, reply = reply.next()) {
+        log_entry entry;
+        if (!entry.parse(reply)) {
+            report(TQ_ZLOG_ERROR, "not a change: an entry of " + of->table.log);
+            return false;
+        }
+        if (!accept_entry(*of, entry))
+            return false;
+    }
+    return true;
+}
+
+bool redis_changes::accept_entry(feed &of, const log_entry &entry)
+{
+    if (entry.number <= of.cursor)
+        return true;
+    if (entry.number > of.cursor + 1) {
+        log_position now;
+        if (engine_.position(of.table, now) != TQ_MOM_OK)
+            return false;
+        lose(of, of.cursor, now);
+        return true;
+    }
+    of.cursor = entry.number;
+    remember(of, entry.identity());
+    const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
+    queue_.push_back({of, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
+                      engine_.is_own(entry.writer)});
+    return true;
+}
+
+void redis_changes::remember(feed &of, size_t identity)
+{
+    of.identities.push_back(identity);
+    if (of.identities.size() > identities_kept)
+        of.identities.pop_front();
+}
+
+// Compares what was seen with what the server holds now, and notes what was lost.
+int redis_changes::settle(feed &of)
+{
+    log_position now;
+    const int asked = engine_.position(of.table, now);
+    if (asked != TQ_MOM_OK)
+        return asked;
+    if (of.epoch.empty() && of.cursor == 0) // nothing had been written then: nothing can be lost
+        of.epoch = now.epoch;
+    uint64_t common = 0;
+    if (of.epoch == now.epoch) {
+        const int compared = common_history(of, common);
+        if (compared != TQ_MOM_OK)
+            return compared;
+        if (common == of.cursor && now.last >= of.cursor)
+            return TQ_MOM_OK;
+    }
+    lose(of, common, now);
+    return TQ_MOM_OK;
+}
+
+// The highest number up to which the server's history is the one that was seen. What is no longer in the log is taken as
+// the same: if changes behind it are missing, their numbers tell.
+int redis_changes::common_history(feed &of, uint64_t &common)
+{
+    common = of.cursor;
+    if (of.identities.empty())
+        return TQ_MOM_OK;
+    const uint64_t oldest = of.cursor - of.identities.size() + 1;
+    const int asked = engine_.ask([&](command_buffer &commands) {
+        commands.command("XRANGE", of.table.log, log_id(oldest), log_id(of.cursor));
+        commands.command("XREVRANGE", of.table.log, "+", "-", "COUNT", "1");
+    });
+    if (asked != TQ_MOM_OK)
+        return asked;
+    const auto held = engine_.link().replies();
+    log_entry latest, entry;
+    if (!latest.parse(held.next().at(0)))
+        latest.number = 0;
+    common = latest.number > of.cursor && held.size() == 0 ? of.cursor : 0;
+    auto reply = held.first();
+    for (size_t i = 0; i < held.size(); ++i, reply = reply.next())
+        if (entry.parse(reply) && entry.identity() == of.identities[entry.number - oldest])
+            common = entry.number;
+    return TQ_MOM_OK;
+}
+
+// Changes behind `base` cannot be had any more: go on from where the log stands, and make up for them.
+void redis_changes::lose(feed &of, uint64_t base, const log_position &now)
+{
+    ++losses_;
+    report(TQ_ZLOG_WARN, "changes " + std::to_string(base + 1) + " and later of " + of.table.log +
+                             " are lost, resynchronising (" + std::to_string(losses_) + " times so far)");
+    of.epoch = now.epoch;
+    of.cursor = now.last;
+    of.identities.clear();
+    if (now.identity != 0)
+        remember(of, now.identity);
+    if (of.table.requested()) {
+        queue_.push_back({of, change_kind::resync, now.last, {}, {}, false});
+        return;
+    }
+    if (of.lost)
+        base = std::min(base, of.lost->base);
+    of.lost = recovery{base, now.last, {}, false, {}};
+}
+
+} // namespace mom

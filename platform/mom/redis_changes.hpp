@@ -1,0 +1,112 @@
+// The reader of change logs: one connection of its own, on which a blocking XREAD over all followed logs is outstanding.
+//
+// A feed follows one table's log by number, for all subscriptions to that table. Numbers have no gaps, so a gap means
+// that the log was trimmed past the feed; after every reconnection the log's epoch, its last number and the entries seen
+// last are compared, so a server that came back with an older or another history is noticed, too. Then requested state
+// is told to scan again, and of other tables the records whose stamp is beyond what was seen are delivered, in the order
+// of their writing.
+//
+// Entries go from the connection to a queue, and from there to callbacks in rounds of bounded size. Subscriptions and
+// feeds are only ever added, and walked by position: a callback may subscribe.
+#ifndef TQ_MOM_REDIS_CHANGES_HPP
+#define TQ_MOM_REDIS_CHANGES_HPP
+
+#include "loop_bell.hpp"
+#include "redis_engine.hpp"
+
+#include <deque>
+#include <optional>
+
+namespace mom {
+
+class redis_changes {
+  public:
+    redis_changes(redis_engine &engine, tq_thread_master *master) : engine_(engine), master_(master) {}
+    ~redis_changes();
+    redis_changes(const redis_changes &) = delete;
+    redis_changes &operator=(const redis_changes &) = delete;
+
+    int subscribe(redis_table &table, const key_range &range, change_sink &sink);
+
+  private:
+    struct subscriber {
+        key_range range;
+        change_sink &sink;
+        uint64_t start; ///< changes up to this number came before the subscription
+    };
+    /// The records to deliver in place of changes that the log lost: those stamped above `base`, up to `last`.
+    struct recovery {
+        uint64_t base;
+        uint64_t last;
+        std::string after;
+        bool listed = false;
+        std::deque<std::pair<uint64_t, std::string>> found; ///< in the order of writing once all are listed
+    };
+    struct feed {
+        redis_table &table;
+        std::string epoch;
+        uint64_t cursor = 0;           ///< number of the latest change taken in
+        std::deque<size_t> identities; ///< of the latest changes taken in, up to `cursor`
+        std::vector<subscriber> subscribers;
+        std::optional<recovery> lost;
+    };
+    struct queued {
+        feed &of;
+        change_kind kind;
+        uint64_t number;
+        std::string key;
+        std::string body;
+        bool echo;
+    };
+
+    // The connection.
+    int connect();
+    void disconnect();
+    void reconnect_in(std::chrono::milliseconds pause);
+    void request();
+    void nudge();
+    static void on_readable(tq_loop_watch *watch, int fd, int events, void *arg);
+    static int on_reconnect(tq_thread *timer);
+    static int on_nudge(tq_thread *timer);
+    void take_in();
+    bool accept(reply_view reply);
+    bool accept_stream(reply_view stream);
+    bool accept_entry(feed &of, const log_entry &entry);
+
+    // Histories.
+    feed *find_feed(std::string_view log);
+    int add_subscriber(redis_table &table, const key_range &range, change_sink &sink);
+    void remember(feed &of, size_t identity);
+    int settle(feed &of);
+    int common_history(feed &of, uint64_t &common);
+    void lose(feed &of, uint64_t base, const log_position &now);
+
+    // Delivery.
+    static void on_bell(tq_loop_watch *watch, int fd, int events, void *arg);
+    void round();
+    bool deliver_next();
+    void deliver(feed &of, uint64_t number, const change &change);
+    bool recover(feed &of);
+    int list_lost(feed &of);
+    int deliver_lost(feed &of);
+
+    redis_engine &engine_;
+    tq_thread_master *master_;
+    std::unique_ptr<redis_connection> connection_;
+    tq_loop_watch *watch_ = nullptr;
+    std::string client_id_;
+    bool outstanding_ = false; ///< an XREAD is waiting in the server
+    bool stale_ = false;       ///< and lacks a feed that was added since
+    tq_thread *reconnect_timer_ = nullptr;
+    tq_thread *nudge_timer_ = nullptr;
+    std::unique_ptr<loop_bell> bell_;
+    command_buffer commands_;
+    std::vector<std::unique_ptr<feed>> feeds_;
+    std::deque<queued> queue_;
+    bool delivering_ = false;
+    uint64_t losses_ = 0;
+};
+
+} // namespace mom
+
+#endif

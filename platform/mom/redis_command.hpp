@@ -1,0 +1,72 @@
+// Commands as a server reads them, built into one reused buffer: several commands in a row leave in one send.
+#ifndef TQ_MOM_REDIS_COMMAND_HPP
+#define TQ_MOM_REDIS_COMMAND_HPP
+
+#include <charconv>
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace mom {
+
+class command_buffer {
+  public:
+    void clear()
+    {
+        bytes_.clear();
+        commands_ = 0;
+    }
+    std::string_view bytes() const { return bytes_; }
+    /// How many answers will come.
+    size_t commands() const { return commands_; }
+
+    /// Starts a command of this many arguments, its name among them.
+    void begin(size_t arguments)
+    {
+        head('*', arguments);
+        ++commands_;
+    }
+    command_buffer &add(std::string_view argument)
+    {
+        head('$', argument.size());
+        bytes_.append(argument);
+        bytes_.append("\r\n", 2);
+        return *this;
+    }
+    command_buffer &add(std::unsigned_integral auto number)
+    {
+        char digits[24];
+        const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+        return add(std::string_view(digits, static_cast<size_t>(end - digits)));
+    }
+    template <typename... Arguments> void command(const Arguments &...arguments)
+    {
+        begin(sizeof...(arguments));
+        (add(arguments), ...);
+    }
+
+    /// A whole command that was built before.
+    void append_built(std::string_view command)
+    {
+        bytes_.append(command);
+        ++commands_;
+    }
+
+  private:
+    void head(char kind, size_t number)
+    {
+        char text[32] = {kind};
+        char *end = std::to_chars(text + 1, text + 24, number).ptr;
+        *end++ = '\r';
+        *end++ = '\n';
+        bytes_.append(text, static_cast<size_t>(end - text));
+    }
+
+    std::string bytes_;
+    size_t commands_ = 0;
+};
+
+} // namespace mom
+
+#endif

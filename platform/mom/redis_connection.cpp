@@ -1,0 +1,169 @@
+// See redis_connection.hpp.
+#include "redis_connection.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <tq_mom.h>
+
+namespace mom {
+namespace {
+
+using std::chrono::steady_clock;
+
+timeval to_timeval(uint32_t milliseconds)
+{
+    return {static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
+}
+
+void set_option(int fd, int level, int name, int value)
+{
+    setsockopt(fd, level, name, &value, sizeof value);
+}
+
+// A peer that vanished without a word is noticed within about ten seconds.
+void keep_alive(int fd)
+{
+    set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 4);
+    set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 2);
+    set_option(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
+}
+
+} // namespace
+
+std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, const store_url &url)
+{
+    const auto timeout = to_timeval(url.timeout_ms);
+    auto *context = where.port == 0 ? redisConnectUnixWithTimeout(where.host.c_str(), timeout)
+                                    : redisConnectWithTimeout(where.host.c_str(), where.port, timeout);
+    if (context == nullptr || context->err != 0) {
+        if (context != nullptr)
+            redisFree(context);
+        return nullptr;
+    }
+    fcntl(context->fd, F_SETFL, fcntl(context->fd, F_GETFL) | O_NONBLOCK);
+    fcntl(context->fd, F_SETFD, FD_CLOEXEC);
+    if (where.port != 0)
+        keep_alive(context->fd);
+    return std::unique_ptr<redis_connection>(new redis_connection(context, url));
+}
+
+redis_connection::redis_connection(redisContext *context, const store_url &url)
+    : context_(context), reader_(make_reader(tape_)), timeout_(url.timeout_ms), spin_(url.spin_us)
+{
+}
+
+bool redis_connection::wait(short events, steady_time deadline) const
+{
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now()).count();
+        if (left <= 0)
+            return false;
+        pollfd watched{context_->fd, events, 0};
+        const int ready = poll(&watched, 1, static_cast<int>(std::min<long long>(left, 60'000)));
+        if (ready > 0)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+int redis_connection::send(std::string_view bytes, steady_time deadline)
+{
+    while (!bytes.empty()) {
+        const ssize_t sent = ::send(context_->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent > 0)
+            bytes.remove_prefix(static_cast<size_t>(sent));
+        else if (sent < 0 && errno != EAGAIN && errno != EINTR)
+            return TQ_MOM_DISCONNECTED;
+        else if (!wait(POLLOUT, deadline))
+            return TQ_MOM_TIMEOUT;
+    }
+    return TQ_MOM_OK;
+}
+
+// What recv() returned, with the bytes handed to the parser: 0 at the end of the stream, -1 when nothing is there.
+ssize_t redis_connection::read_once()
+{
+    std::array<char, 16 * 1024> buffer;
+    const ssize_t size = recv(context_->fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size < 0)
+        return errno == EAGAIN || errno == EINTR ? -1 : 0;
+    if (size > 0 && redisReaderFeed(reader_.get(), buffer.data(), static_cast<size_t>(size)) != REDIS_OK)
+        return 0;
+    return size;
+}
+
+int redis_connection::await_input(steady_time deadline)
+{
+    ssize_t size = read_once();
+    if (size < 0 && spin_.count() > 0) {
+        const auto spin_end = steady_clock::now() + spin_;
+        do {
+            sched_yield();
+            size = read_once();
+        } while (size < 0 && steady_clock::now() < spin_end);
+    }
+    while (size < 0) {
+        if (!wait(POLLIN, deadline))
+            return TQ_MOM_TIMEOUT;
+        size = read_once();
+    }
+    return size == 0 ? TQ_MOM_DISCONNECTED : TQ_MOM_OK;
+}
+
+int redis_connection::parse()
+{
+    void *reply = nullptr;
+    if (redisReaderGetReply(reader_.get(), &reply) != REDIS_OK)
+        return -1;
+    return reply == nullptr ? 0 : 1;
+}
+
+int redis_connection::receive(size_t count, steady_time deadline)
+{
+    while (count > 0) {
+        const int parsed = parse();
+        if (parsed < 0)
+            return TQ_MOM_DISCONNECTED;
+        count -= static_cast<size_t>(parsed);
+        if (parsed > 0)
+            continue;
+        const int waited = await_input(deadline);
+        if (waited != TQ_MOM_OK)
+            return waited;
+    }
+    return TQ_MOM_OK;
+}
+
+int redis_connection::exchange(const command_buffer &commands)
+{
+    const auto deadline = steady_clock::now() + timeout_;
+    tape_.clear();
+    const int sent = send(commands.bytes(), deadline);
+    return sent != TQ_MOM_OK ? sent : receive(commands.commands(), deadline);
+}
+
+bool redis_connection::take_in()
+{
+    ssize_t size = read_once();
+    while (size == 16 * 1024) // a whole buffer: there may be more
+        size = read_once();
+    return size != 0;
+}
+
+bool redis_connection::quiet() const
+{
+    char byte = 0;
+    return recv(context_->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EINTR);
+}
+
+} // namespace mom

@@ -1,0 +1,61 @@
+// One connection to a server: bytes out, replies in, each bounded by a deadline.
+//
+// Owned by a redis_link (calls) or the change reader. A connection on which anything went wrong, a missed deadline
+// included, is of no more use: an answer that comes late must not be taken for the next call's. While waiting it polls
+// for a moment, yielding the CPU, before it sleeps: the answer is mostly there sooner than a wake-up would take.
+#ifndef TQ_MOM_REDIS_CONNECTION_HPP
+#define TQ_MOM_REDIS_CONNECTION_HPP
+
+#include "redis_command.hpp"
+#include "redis_reply.hpp"
+#include "url.hpp"
+
+#include <chrono>
+
+namespace mom {
+
+using steady_time = std::chrono::steady_clock::time_point;
+
+struct context_closer {
+    void operator()(redisContext *context) const { redisFree(context); }
+};
+
+class redis_connection {
+  public:
+    /// Connects to a socket path (no port) or host within the URL's time; null when that fails.
+    static std::unique_ptr<redis_connection> open(const endpoint &where, const store_url &url);
+
+    int fd() const { return context_->fd; }
+    /// TQ_MOM_OK, or what ended the connection.
+    int send(std::string_view bytes, steady_time deadline);
+    /// Takes in replies until `count` more are on the tape.
+    int receive(size_t count, steady_time deadline);
+    /// Sends, clears the tape and receives the answers.
+    int exchange(const command_buffer &commands);
+
+    /// Takes in what has arrived without waiting; false when the connection ended.
+    bool take_in();
+    /// Parses one reply of what was taken in: 1 it is on the tape, 0 not yet complete, -1 not understood.
+    int parse();
+    /// True when the peer is still there and has not said anything unasked.
+    bool quiet() const;
+
+    reply_tape &tape() { return tape_; }
+    reply_view replies() const { return {tape_, 0}; }
+
+  private:
+    redis_connection(redisContext *context, const store_url &url);
+    bool wait(short events, steady_time deadline) const;
+    int await_input(steady_time deadline);
+    ssize_t read_once();
+
+    std::unique_ptr<redisContext, context_closer> context_;
+    reply_tape tape_;
+    reader_ptr reader_;
+    std::chrono::milliseconds timeout_;
+    std::chrono::microseconds spin_;
+};
+
+} // namespace mom
+
+#endif

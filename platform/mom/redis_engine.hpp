@@ -1,0 +1,85 @@
+// The engine of a server's addresses: "unix:", "redis://", "sentinel://".
+//
+// Each write is one send. Requested state, when the fields written are all that the table knows, goes as a transaction:
+// record, index, log. That is what the time of a policy write is made of. The stamp that the transaction puts on the
+// record is the table's generation, which every beginning rewrite raises, so the connection watches the table's
+// metadata: had it changed, the transaction does nothing, the metadata is read again, and the write is tried again.
+// Everything else (status and publications, whose stamp is the change's own number; partial writes, whose log entry
+// needs the rest of the record) is one call of a script.
+#ifndef TQ_MOM_REDIS_ENGINE_HPP
+#define TQ_MOM_REDIS_ENGINE_HPP
+
+#include "engine.hpp"
+#include "marks.hpp"
+#include "redis_scripts.hpp"
+#include "redis_table.hpp"
+
+#include <functional>
+#include <map>
+
+namespace mom {
+
+class redis_changes;
+
+class redis_engine final : public engine {
+  public:
+    redis_engine(const store_url &url, tq_thread_master *master);
+    ~redis_engine() override;
+    int connect() override { return link_.ensure(); }
+    int state() override { return link_.connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
+    int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
+    int remove(table_ref ref, std::string_view key) override;
+    int read(table_ref ref, std::string_view key, record_sink &sink) override;
+    int scan(table_ref ref, const key_range &range, record_sink &sink) override;
+    int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
+    int mark(table_ref ref, const key_range &range, uint64_t bound_seconds) override;
+    int sweep(table_ref ref, const key_range &range, uint32_t bound_ms) override;
+
+    // For the reader of changes, which asks its questions on the connection for calls.
+    redis_link &link() { return link_; }
+    bool is_own(std::string_view writer) const { return writer == writer_; }
+    int position(const redis_table &table, log_position &out);
+    /// Sends what `build` puts into the buffer, after connecting if need be.
+    int ask(const std::function<void(command_buffer &)> &build);
+
+  private:
+    struct mark_stamp {
+        std::string epoch;
+        std::string generation;
+        std::string token;
+        std::string stamp;
+    };
+
+    redis_table &table_of(table_ref ref);
+    int ready();
+    void forget_watches();
+    int know(redis_table &table, field_values fields);
+    int load_meta(redis_table &table);
+    int extend_meta(redis_table &table, field_values fields);
+    int write_by_transaction(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
+    int judge_transaction(redis_table &table, std::string_view key, size_t queued);
+    int write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
+    int run(redis_script &script, const std::function<void(command_buffer &)> &build);
+    int undo(redis_table &table, std::string_view key);
+    void add_log_arguments(std::string_view key);
+    int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
+    int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
+    int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
+                   bool &continued);
+
+    redis_link link_;
+    redis_scripts scripts_;
+    command_buffer commands_;
+    std::string writer_;    ///< this handle's name in the log
+    std::string log_limit_; ///< changes kept per table
+    std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;
+    uint64_t generation_ = 0; ///< the connection that the tables' watches belong to
+    std::string watch_;       ///< the command that watches the metadata of all known tables, ready to send
+    mark_book<mark_stamp> marks_;
+    std::string record_key_;
+    std::unique_ptr<redis_changes> changes_;
+};
+
+} // namespace mom
+
+#endif

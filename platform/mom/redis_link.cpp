@@ -1,0 +1,216 @@
+// See redis_link.hpp.
+#include "redis_link.hpp"
+
+#include "report.hpp"
+
+#include <algorithm>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <tq_mom.h>
+
+namespace mom {
+namespace {
+
+using std::chrono::steady_clock;
+constexpr std::chrono::milliseconds shortest_pause{50};
+constexpr std::chrono::milliseconds longest_pause{2000};
+
+// The value of a line "name:value" of an INFO answer.
+std::string_view info_value(std::string_view info, std::string_view name)
+{
+    const std::string line = std::string("\n") + std::string(name) + ":";
+    const size_t at = info.find(line);
+    if (at == std::string_view::npos)
+        return {};
+    info.remove_prefix(at + line.size());
+    return info.substr(0, info.find_first_of("\r\n"));
+}
+
+// A process with many contexts says a thing about a server once.
+void warn_once(const std::string &text)
+{
+    static std::mutex guard;
+    static std::set<std::string> said;
+    {
+        const std::lock_guard lock(guard);
+        if (!said.insert(text).second)
+            return;
+    }
+    report(TQ_ZLOG_WARN, text);
+}
+
+std::string name_of(const store_url &url)
+{
+    if (url.scheme == store_scheme::tcp)
+        return url.hosts.front().host + ":" + std::to_string(url.hosts.front().port);
+    return url.name;
+}
+
+} // namespace
+
+int redis_link::ensure()
+{
+    if (connection_ != nullptr)
+        return TQ_MOM_OK;
+    if (pause().count() > 0)
+        return last_failure_;
+    int result = TQ_MOM_OK;
+    connection_ = open(result);
+    note(result);
+    if (connection_ == nullptr)
+        return result;
+    ++generation_;
+    warn_about_server();
+    return connection_ == nullptr ? TQ_MOM_DISCONNECTED : TQ_MOM_OK;
+}
+
+std::chrono::milliseconds redis_link::pause() const
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_attempt_ - steady_clock::now());
+    return std::max(left, std::chrono::milliseconds{0});
+}
+
+void redis_link::note(int result)
+{
+    if (result == TQ_MOM_OK) {
+        back_off_ = std::chrono::milliseconds{0};
+        next_attempt_ = {};
+        return;
+    }
+    last_failure_ = result;
+    back_off_ = std::clamp(back_off_ * 2, shortest_pause, longest_pause);
+    next_attempt_ = steady_clock::now() + back_off_;
+}
+
+int redis_link::exchange(const command_buffer &commands)
+{
+    if (connection_ == nullptr)
+        return TQ_MOM_DISCONNECTED;
+    const int result = connection_->exchange(commands);
+    if (result != TQ_MOM_OK)
+        drop();
+    return result;
+}
+
+int redis_link::judge(reply_view reply)
+{
+    const int result = result_of(reply);
+    if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel)
+        drop();
+    return result;
+}
+
+std::unique_ptr<redis_connection> redis_link::open(int &result)
+{
+    result = TQ_MOM_DISCONNECTED;
+    switch (url_.scheme) {
+    case store_scheme::unix_socket:
+        return open_at({url_.name, 0}, result);
+    case store_scheme::tcp:
+        return open_at(url_.hosts.front(), result);
+    case store_scheme::sentinel: {
+        endpoint master;
+        return ask_sentinels(master) ? open_at(master, result) : nullptr;
+    }
+    case store_scheme::mem:
+        break;
+    }
+    return nullptr;
+}
+
+std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int &result)
+{
+    auto connection = redis_connection::open(where, url_);
+    if (connection == nullptr) {
+        result = TQ_MOM_DISCONNECTED;
+        return nullptr;
+    }
+    result = log_in(*connection);
+    return result == TQ_MOM_OK ? std::move(connection) : nullptr;
+}
+
+// A sentinel that knows the name tells where the master is; one that is down or does not know is passed over.
+bool redis_link::ask_sentinels(endpoint &master)
+{
+    command_buffer question;
+    question.command("SENTINEL", "get-master-addr-by-name", url_.name);
+    for (const auto &sentinel : url_.hosts) {
+        const auto connection = redis_connection::open(sentinel, url_);
+        if (connection == nullptr || connection->exchange(question) != TQ_MOM_OK || connection->replies().size() != 2)
+            continue;
+        const auto port = connection->replies().at(1).text();
+        master.host = connection->replies().at(0).text();
+        const auto parsed = std::from_chars(port.data(), port.data() + port.size(), master.port);
+        if (parsed.ec == std::errc{} && master.port != 0 && !master.host.empty())
+            return true;
+    }
+    return false;
+}
+
+bool redis_link::read_password(std::string &password) const
+{
+    password = url_.password;
+    if (url_.password_file.empty())
+        return true;
+    std::ifstream file(url_.password_file);
+    if (std::getline(file, password))
+        return true;
+    report(TQ_ZLOG_ERROR, "cannot read the password file " + url_.password_file);
+    return false;
+}
+
+// The last answer tells whether the server takes commands: it may be loading, or want a password that we have not.
+int redis_link::log_in(redis_connection &connection)
+{
+    std::string password;
+    if (!read_password(password))
+        return TQ_MOM_DENIED;
+    command_buffer commands;
+    if (!password.empty() && url_.user.empty())
+        commands.command("AUTH", password);
+    else if (!password.empty() || !url_.user.empty())
+        commands.command("AUTH", url_.user, password);
+    commands.command("PING");
+    if (url_.scheme == store_scheme::sentinel)
+        commands.command("ROLE");
+    const int exchanged = connection.exchange(commands);
+    if (exchanged != TQ_MOM_OK)
+        return exchanged;
+    for (auto reply = connection.replies(); !reply.at_end(); reply = reply.next()) {
+        const bool replica = reply.is(reply_kind::array) && reply.at(0).text() != "master";
+        const bool not_allowed = reply.is(reply_kind::error) && reply.text().starts_with("NOPERM");
+        const int result = replica ? TQ_MOM_READ_ONLY : result_of(reply);
+        if (result != TQ_MOM_OK && !not_allowed)
+            return result;
+    }
+    return TQ_MOM_OK;
+}
+
+// What an operator should know about the server: asked on the first connection, said once.
+void redis_link::warn_about_server()
+{
+    if (warned_)
+        return;
+    warned_ = true;
+    command_buffer question;
+    for (const std::string_view section : {"server", "persistence", "memory"})
+        question.command("INFO", section);
+    if (exchange(question) != TQ_MOM_OK)
+        return;
+    std::string info;
+    for (auto reply = replies(); !reply.at_end(); reply = reply.next())
+        info.append(reply.is(reply_kind::text) ? reply.text() : std::string_view{});
+    const std::string store = "the policy store at " + name_of(url_);
+    if (info_value(info, "aof_enabled") == "0")
+        warn_once(store + " does not persist every write (appendonly no): a crash of its server loses policy");
+    const auto limit = info_value(info, "maxmemory");
+    if (!limit.empty() && limit != "0" && info_value(info, "maxmemory_policy") != "noeviction")
+        warn_once(store + " may evict policy when it runs short of memory: set maxmemory-policy noeviction");
+    const auto port = info_value(info, "tcp_port");
+    const bool logged_in = !url_.password.empty() || !url_.password_file.empty() || !url_.user.empty();
+    if (!logged_in && !port.empty() && port != "0")
+        warn_once(store + " is open to everybody who reaches its TCP port " + std::string(port) + ": set a password");
+}
+
+} // namespace mom

@@ -1,0 +1,41 @@
+// The scripts that run inside the server: what must happen in one step and cannot be a plain transaction.
+//
+// A script is sent as text once per server and named by its digest from then on; a server that forgot it (restart,
+// SCRIPT FLUSH) says so and gets it again.
+#ifndef TQ_MOM_REDIS_SCRIPTS_HPP
+#define TQ_MOM_REDIS_SCRIPTS_HPP
+
+#include "redis_link.hpp"
+
+namespace mom {
+
+class redis_script {
+  public:
+    explicit constexpr redis_script(const char *text) : text_(text) {}
+    /// The digest, asking the server for it the first time.
+    int load(redis_link &link);
+    std::string_view digest() const { return digest_; }
+    void forget() { digest_.clear(); }
+
+    /// Starts a call in the buffer: the keys' count is given, keys and arguments follow by add().
+    void begin(command_buffer &commands, size_t keys, size_t arguments) const;
+
+  private:
+    const char *text_;
+    std::string digest_;
+};
+
+/// The scripts of one engine; their keys and arguments are listed with their texts.
+struct redis_scripts {
+    redis_scripts();
+    redis_script meta;   ///< makes sure of a table's metadata, extends its field list
+    redis_script mark;   ///< begins a rewrite
+    redis_script write;  ///< writes a record, log entry with the whole record included
+    redis_script remove; ///< deletes a record
+    redis_script undo;   ///< takes back the index entry of a write that met a foreign key
+    redis_script sweep;  ///< deletes one page of what was not written since a mark
+};
+
+} // namespace mom
+
+#endif

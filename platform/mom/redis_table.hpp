@@ -1,0 +1,70 @@
+// How a table lies in a server, and what a client knows of it. docs/store.md describes the layout.
+#ifndef TQ_MOM_REDIS_TABLE_HPP
+#define TQ_MOM_REDIS_TABLE_HPP
+
+#include "engine.hpp"
+#include "redis_reply.hpp"
+
+#include <algorithm>
+
+namespace mom {
+
+struct redis_table {
+    explicit redis_table(table_ref of) : ref(of)
+    {
+        const std::string tag = "plx{" + std::to_string(of.db) + ":" + of.type->table + "}";
+        prefix = tag + ":";
+        index = tag + "/index";
+        log = tag + "/log";
+        meta = tag + "/meta";
+    }
+    std::string record(std::string_view key) const { return prefix + std::string(key); }
+    bool requested() const { return ref.type->kind == record_kind::requested; }
+    bool has_field(uint32_t number) const { return std::binary_search(fields.begin(), fields.end(), number); }
+
+    table_ref ref;
+    std::string prefix; ///< of the records' keys
+    std::string index;
+    std::string log;
+    std::string meta;
+
+    // What the table's metadata says; current as long as the connection watches it.
+    bool watched = false;
+    std::string generation;       ///< stamp of the records being written
+    std::vector<uint32_t> fields; ///< all that were ever written, ascending
+};
+
+/// Where a table's change log stands.
+struct log_position {
+    std::string epoch;   ///< random name of the log's history; empty before the first write
+    uint64_t last = 0;   ///< number of the latest change
+    size_t identity = 0; ///< of the latest change, 0 when it is gone
+};
+
+/// One change in a log, as views of a reply.
+struct log_entry {
+    uint64_t number = 0;
+    std::string_view key;
+    std::string_view writer;
+    std::string_view body;
+    bool deleted = false;
+
+    /// False when the reply is no entry of ours.
+    bool parse(reply_view reply);
+    /// Tells changes with the same number apart.
+    size_t identity() const;
+};
+
+/// The number of an identifier "0-N"; false for any other.
+bool parse_log_id(std::string_view id, uint64_t &number);
+
+/// The fields of an HGETALL answer; false when one of them has no business there. `stamp` may be null.
+bool parse_record(reply_view reply, std::vector<field_value> &fields, std::string_view *stamp = nullptr);
+
+/// The bounds of a range for ZRANGEBYLEX, from behind `after` when that is not empty.
+std::string lex_from(const key_range &range, std::string_view after, bool continued);
+std::string lex_to(const key_range &range);
+
+} // namespace mom
+
+#endif

@@ -1,0 +1,163 @@
+// See redis_server.hpp.
+#include "redis_server.hpp"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <hiredis/hiredis.h>
+#include <memory>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+struct free_context {
+    void operator()(redisContext *context) const { redisFree(context); }
+};
+using context_ptr = std::unique_ptr<redisContext, free_context>;
+
+std::string text_of(const redisReply *reply)
+{
+    if (reply == nullptr)
+        return "no answer";
+    if (reply->type == REDIS_REPLY_INTEGER)
+        return std::to_string(reply->integer);
+    if (reply->type == REDIS_REPLY_NIL)
+        return "nil";
+    if (reply->type != REDIS_REPLY_ARRAY)
+        return {reply->str, reply->len};
+    std::string all;
+    for (size_t i = 0; i < reply->elements; ++i)
+        all += (i == 0 ? "" : " ") + text_of(reply->element[i]);
+    return all;
+}
+
+std::string ask(redisContext *context, const std::vector<std::string> &command)
+{
+    std::vector<const char *> words;
+    std::vector<size_t> sizes;
+    for (const auto &word : command) {
+        words.push_back(word.data());
+        sizes.push_back(word.size());
+    }
+    auto *reply = static_cast<redisReply *>(
+        redisCommandArgv(context, static_cast<int>(words.size()), words.data(), sizes.data()));
+    const std::string text = text_of(reply);
+    freeReplyObject(reply);
+    return text;
+}
+
+} // namespace
+
+redis_server::redis_server()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "plx-store-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("no temporary directory");
+    directory_ = pattern;
+    socket_ = directory_ + "/store.sock";
+    write_acl();
+    write_config();
+}
+
+redis_server::~redis_server()
+{
+    crash();
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+}
+
+void redis_server::write_acl() const
+{
+    std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.acl");
+    std::ofstream acl(directory_ + "/acl");
+    acl << shipped.rdbuf();
+    acl << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +client|id +client|unblock "
+           "+watch "
+           "+unwatch +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hexists +hlen +hset +hsetnx "
+           "+hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xread +xrange +xrevrange +xinfo|stream\n";
+}
+
+// The shipped configuration with the paths of this server.
+void redis_server::write_config() const
+{
+    std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.conf");
+    std::ofstream config(directory_ + "/conf");
+    for (std::string line; std::getline(shipped, line);)
+        if (!line.starts_with("dir ") && !line.starts_with("unixsocket ") && !line.starts_with("aclfile "))
+            config << line << "\n";
+    config << "dir " << directory_ << "\nunixsocket " << socket_ << "\naclfile " << directory_ << "/acl\nlogfile "
+           << directory_ << "/log\n";
+}
+
+void redis_server::start(const std::vector<std::string> &options)
+{
+    std::vector<std::string> words = {"redis-server", directory_ + "/conf"};
+    words.insert(words.end(), options.begin(), options.end());
+    std::vector<char *> arguments;
+    for (auto &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is killed leaves no server behind
+        if (getppid() == parent)
+            execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    for (int i = 0; i < 2000 && !answers() && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (!answers())
+        throw std::runtime_error("the server does not answer");
+}
+
+bool redis_server::answers() const
+{
+    return run({"PING"}) == "PONG";
+}
+
+std::string redis_server::run(const std::vector<std::string> &command) const
+{
+    const context_ptr context(redisConnectUnix(socket_.c_str()));
+    if (context == nullptr || context->err != 0)
+        return "no connection";
+    ask(context.get(), {"AUTH", "plx-operator", "change-me-operator"});
+    return ask(context.get(), command);
+}
+
+void redis_server::signal(int number) const
+{
+    if (pid_ > 0)
+        kill(pid_, number);
+}
+
+void redis_server::crash()
+{
+    if (pid_ <= 0)
+        return;
+    signal(SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = 0;
+}
+
+void redis_server::erase_data()
+{
+    for (const auto &entry : std::filesystem::directory_iterator(directory_))
+        if (entry.path().filename().string().starts_with("appendonly") || entry.path().extension() == ".rdb")
+            std::filesystem::remove_all(entry.path());
+}
+
+std::string redis_server::url(const std::string &user, const std::string &options) const
+{
+    const std::string password = user == "suite" ? "suite" : "change-me-" + user.substr(user.find('-') + 1);
+    std::ofstream(directory_ + "/" + user + ".password") << password << "\n";
+    return "unix:" + socket_ + "?user=" + user + "&password-file=" + directory_ + "/" + user + ".password" +
+           (options.empty() ? "" : "&" + options);
+}

@@ -1,0 +1,43 @@
+// A redis-server of the test's own: in a temporary directory, on a Unix socket, with the configuration that is shipped.
+//
+// Ends with the object. Its users are those of plx-store.acl and one more, "suite", who has the rights of all of them.
+#ifndef STORE_REDIS_SERVER_HPP
+#define STORE_REDIS_SERVER_HPP
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+class redis_server {
+  public:
+    redis_server();
+    ~redis_server();
+    redis_server(const redis_server &) = delete;
+    redis_server &operator=(const redis_server &) = delete;
+
+    /// Starts it and waits until it answers; `options` go behind the configuration.
+    void start(const std::vector<std::string> &options = {});
+    /// kill -9, as a crash.
+    void crash();
+    /// Forgets all data while stopped.
+    void erase_data();
+    void signal(int number) const;
+    bool running() const { return pid_ > 0; }
+
+    const std::string &socket() const { return socket_; }
+    const std::string &directory() const { return directory_; }
+    std::string url(const std::string &user = "suite", const std::string &options = "") const;
+    /// Runs one command as the operator and returns its answer in a readable form.
+    std::string run(const std::vector<std::string> &command) const;
+
+  private:
+    void write_acl() const;
+    void write_config() const;
+    bool answers() const;
+
+    std::string directory_;
+    std::string socket_;
+    pid_t pid_ = 0;
+};
+
+#endif
