@@ -146,7 +146,7 @@ TEST_F(NodeTest, stays_silent_where_it_is_told_to)
 
 TEST_F(NodeTest, does_not_give_a_late_answer_to_a_request_that_was_replaced)
 {
-    SimulatedPlane plane(simulated({"delay=3@edge"}));
+    SimulatedPlane plane(simulated({"delay=300@edge"}));
     const auto node = this->node(plane);
     set(ace(1), 100);
     EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
@@ -159,7 +159,7 @@ TEST_F(NodeTest, does_not_give_a_late_answer_to_a_request_that_was_replaced)
 
 TEST_F(NodeTest, does_not_answer_for_an_entry_that_is_gone)
 {
-    SimulatedPlane plane(simulated({"delay=1@edge"}));
+    SimulatedPlane plane(simulated({"delay=300@edge"}));
     const auto node = this->node(plane);
     set(ace(1), 100);
     EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
