@@ -1,7 +1,7 @@
 // The cache operations: the only way in which nodes are made, linked and freed.
 //
-// Every ACE and apply node hangs on its ACL's list and, unless the table could not grow, stands in its kind's table. A node's
-// pending request goes with it. Names without a terminator never get in.
+// Every ACE and apply node hangs on its ACL's list and, unless the table could not grow, stands in its kind's table. A
+// node's pending request goes with it. Names without a terminator never get in.
 #include "area.hpp"
 
 #include "../fp_udp_req_mng/list.hpp"

@@ -1,9 +1,9 @@
 // The diagnostic channel: the one way in which the library says anything.
 //
 // A message has a severity word, which names a bit of fp_udp_debug_sw (the console side) and a threshold of
-// g_policy_plx_zlog_level (the log side). The sides are independent. With both closed a call costs two word tests: the formatting is
-// out of line and cold. A message's format is checked against its arguments when it is compiled, and carries the name and line
-// of the function that reports, also when it is handed on to a shared helper.
+// g_policy_plx_zlog_level (the log side). The sides are independent. With both closed a call costs two word tests: the
+// formatting is out of line and cold. A message's format is checked against its arguments when it is compiled, and
+// carries the name and line of the function that reports, also when it is handed on to a shared helper.
 //
 // An area declares its reporter once:
 //     inline constexpr char source[] = "app/fp_udp_acldb.cpp";

@@ -1,7 +1,7 @@
 // The debug commands: switching the diagnostic channel, keeping the switch across restarts, and looking into the cache.
 //
-// The roof of the library: reads what the areas below export, and nothing includes it. Commands run on the event loop and print to
-// standard output.
+// The roof of the library: reads what the areas below export, and nothing includes it. Commands run on the event loop
+// and print to standard output.
 #include "channel.hpp"
 #include "proc_name.hpp"
 

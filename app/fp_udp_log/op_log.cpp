@@ -1,7 +1,8 @@
 // The operation log: one line per ACL, ACE and apply operation, in two files per process that take turns at 5 MiB.
 //
-// Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records. The directory is under /tmp, so nothing on the
-// way to a file is followed if it is a link. Failures are reported and drop the record, never the operation.
+// Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records. The directory is under /tmp, so
+// nothing on the way to a file is followed if it is a link. Failures are reported and drop the record, never the
+// operation.
 #include "../fp_udp_dbg/channel.hpp"
 #include "../fp_udp_dbg/proc_name.hpp"
 
@@ -178,8 +179,8 @@ int open_current(char *now, size_t size)
     return fd;
 }
 
-// One record: begun with the time and the operation, written as a line when it goes. A null argument leaves its field out; so does a
-// line that is full, though its newline always fits.
+// One record: begun with the time and the operation, written as a line when it goes. A null argument leaves its field
+// out; so does a line that is full, though its newline always fits.
 class record {
   public:
     record(const char *kind, uint32_t op) : file_(wanted() ? open_current(now_, sizeof now_) : -1)

@@ -1,7 +1,7 @@
 // ACE operations: cached, written, and, where the forwarding plane has to confirm, handed to the request tracker.
 //
-// A failed write removes the ACE from the cache, also one that was there before. The outcome of a tracked write comes later, from the
-// event loop; an ACE that no port uses needs no confirmation and is answered at once.
+// A failed write removes the ACE from the cache, also one that was there before. The outcome of a tracked write comes
+// later, from the event loop; an ACE that no port uses needs no confirmation and is answered at once.
 #include "../fp_udp_req_mng/list.hpp"
 #include "operations.hpp"
 #include "record.hpp"

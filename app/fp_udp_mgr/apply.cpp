@@ -44,8 +44,8 @@ void fp_udp_del_mom_apply(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ap
         report<Error>("apply pstate entry del failed.\n");
 }
 
-// Caches a new apply, or starts a cached one over. While priorities are skipped that one may have another priority: its records go.
-// The node, or null and the reason in *rv.
+// Caches a new apply, or starts a cached one over. While priorities are skipped that one may have another priority: its
+// records go. The node, or null and the reason in *rv.
 fp_udp_apply_node *cache(const apply_call &call, int32_t *rv)
 {
     fp_udp_apply_node *node = nullptr;

@@ -1,4 +1,5 @@
-// What the files of this area share: the source path that they report under, the registration state, names and descriptors.
+// What the files of this area share: the source path that they report under, the registration state, names and
+// descriptors.
 #pragma once
 
 #include "../fp_udp_dbg/channel.hpp"

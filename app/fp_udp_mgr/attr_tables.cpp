@@ -1,7 +1,7 @@
 // The attribute names and the ids that stand for them in packed attributes.
 //
-// The ids are wire values: gaps, two rows out of order, one misspelt name, and the id that `l2_sa_hit` and `act_em_class` share are
-// all part of the interface. Rows are looked up from the first on.
+// The ids are wire values: gaps, two rows out of order, one misspelt name, and the id that `l2_sa_hit` and
+// `act_em_class` share are all part of the interface. Rows are looked up from the first on.
 #include <plx/types.h>
 
 extern "C" {

@@ -1,7 +1,7 @@
 // ACE objects and their attribute buffers: names become type words, values are packed behind each other.
 //
-// A buffer is one heap block of exactly the header and its `len` data bytes; every append may move it. Lengths inside a buffer are the
-// application's word: whoever walks attributes stops at the buffer's end, whatever they claim.
+// A buffer is one heap block of exactly the header and its `len` data bytes; every append may move it. Lengths inside a
+// buffer are the application's word: whoever walks attributes stops at the buffer's end, whatever they claim.
 #include "operations.hpp"
 
 #include <algorithm>

@@ -1,7 +1,8 @@
 // Port and interface state: settings that the store's answer settles, without a pending request.
 //
-// A port disable, an uplink and the SVI router are each a setting, whose record's presence is the state, with a status record that
-// every write resets and every removal deletes. Both records are always tried, and each failure has its own text.
+// A port disable, an uplink and the SVI router are each a setting, whose record's presence is the state, with a status
+// record that every write resets and every removal deletes. Both records are always tried, and each failure has its own
+// text.
 #include "operations.hpp"
 #include "record.hpp"
 

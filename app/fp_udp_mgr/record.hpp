@@ -1,8 +1,9 @@
 // A store record with its key, for the time of one store call.
 //
-// store_record<SPolicy__Ace> starts both messages from their initial values and points the record at the key; an operation fills
-// what it selects by or writes. Each record type's row below names its key message and the fields that a partial write sets. A
-// record read back, or delivered, is looked at through record_cast, which trusts nothing about it.
+// store_record<SPolicy__Ace> starts both messages from their initial values and points the record at the key; an
+// operation fills what it selects by or writes. Each record type's row below names its key message and the fields that
+// a partial write sets. A record read back, or delivered, is looked at through record_cast, which trusts nothing about
+// it.
 #pragma once
 
 #include "area.hpp"
@@ -94,7 +95,8 @@ template <class Message> class store_record {
     int write_whole(void *ctx) const { return tq_mom_set_sync(ctx, para.db, message()); }
     int del(void *ctx) const { return tq_mom_del_sync(ctx, para.db, message()); }
 
-    // Begin and end a rewrite of the records that the first `selection` key fields select. A failure is reported as `failed`.
+    // Begin and end a rewrite of the records that the first `selection` key fields select. A failure is reported as
+    // `failed`.
     static constexpr uint32_t rewrite_bound = 1000;
     int begin_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {

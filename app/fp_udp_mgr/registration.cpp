@@ -1,7 +1,8 @@
 // Registration of the application's context, database and callbacks.
 //
-// Connection, cache, debug commands and timers are set up once in the process's life; subscriptions are made by every registration.
-// The databases differ on purpose: ACLs and ACEs are followed in 8, status and service nodes in the registered one.
+// Connection, cache, debug commands and timers are set up once in the process's life; subscriptions are made by every
+// registration. The databases differ on purpose: ACLs and ACEs are followed in 8, status and service nodes in the
+// registered one.
 #include "record.hpp"
 #include "status.hpp"
 #include "synchronisation.hpp"

@@ -19,7 +19,8 @@ struct level_path {
     explicit level_path(const char *name) { std::snprintf(text, sizeof text, "/etc/plx_dbg/%.300s", name); }
 };
 
-// A file that cannot be opened, or is empty, leaves the level as it is; a level out of range is the lowest, not the nearest.
+// A file that cannot be opened, or is empty, leaves the level as it is; a level out of range is the lowest, not the
+// nearest.
 void read_level(const level_path &path)
 {
     const int fd = open(path.text, O_RDONLY | O_CLOEXEC);

@@ -1,7 +1,8 @@
 // Status replies and counters from the forwarding plane.
 //
-// A reply counts only when it answers the node's newest write. The application's callback may have deleted the node, or written it
-// anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ, and are meant to.
+// A reply counts only when it answers the node's newest write. The application's callback may have deleted the node, or
+// written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ, and
+// are meant to.
 #include "status.hpp"
 #include "record.hpp"
 

@@ -1,7 +1,7 @@
 // Start-up scan and change handlers, for "security_app" in database 8 alone.
 //
-// Nothing is written to the store from here, and a scan only adds to the cache. Records are others' work: a key may be missing, its
-// name missing or of any length.
+// Nothing is written to the store from here, and a scan only adds to the cache. Records are others' work: a key may be
+// missing, its name missing or of any length.
 #include "synchronisation.hpp"
 #include "record.hpp"
 

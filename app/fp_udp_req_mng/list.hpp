@@ -1,6 +1,7 @@
 // Typed walks and links over the circular lists of the exported structures.
 //
-// An element's links are its first or only list; `Member` says where they lie. Unlinking leaves the element's own links as they were.
+// An element's links are its first or only list; `Member` says where they lie. Unlinking leaves the element's own links
+// as they were.
 #pragma once
 
 #include <cstddef>
@@ -47,7 +48,8 @@ inline void unlink(fp_udp_list &element)
 
 } // namespace list
 
-// The elements of a list whose links are their first member. The element at hand may be unlinked and freed; its neighbours may not.
+// The elements of a list whose links are their first member. The element at hand may be unlinked and freed; its
+// neighbours may not.
 template <class Element> class elements {
   public:
     explicit elements(const fp_udp_list &head) : head_(&head) { static_assert(offsetof(Element, links) == 0); }

@@ -1,11 +1,12 @@
 // Pending requests: one per ACE or apply node whose write the forwarding plane has yet to answer.
 //
-// A node and its request always point at each other. The list is ordered by first submission, oldest first. An outcome leaves through
-// judge() alone: whatever ends a request (reply, age, fewer service nodes), the application hears of it once.
+// A node and its request always point at each other. The list is ordered by first submission, oldest first. An outcome
+// leaves through judge() alone: whatever ends a request (reply, age, fewer service nodes), the application hears of it
+// once.
 //
-// The application's callbacks may delete, set or expire anything, the node being reported included. A callback therefore gets copies of
-// what it is told, `stat` and `is_req` are set before it runs, and the ageing pass detaches a request before it reports and never
-// trusts a neighbour across the call: every removal corrects the walks under way.
+// The application's callbacks may delete, set or expire anything, the node being reported included. A callback
+// therefore gets copies of what it is told, `stat` and `is_req` are set before it runs, and the ageing pass detaches a
+// request before it reports and never trusts a neighbour across the call: every removal corrects the walks under way.
 #include "area.hpp"
 #include "list.hpp"
 

@@ -1,9 +1,9 @@
 // What a store must do for the client, whatever it is made of.
 //
-// The client (client.hpp) owns one engine per context and hands it tables, key texts and encoded fields; an engine knows
-// no record. Results are those of tq_mom.h. An engine calls change sinks from the event loop only, at most a bounded
-// number in one round, and expects that a sink calls back into it: subscribe, write, scan. A record sink is called from
-// inside read() and scan() under the same rule; what it is given is its own only until it returns.
+// The client (client.hpp) owns one engine per context and hands it tables, key texts and encoded fields; an engine
+// knows no record. Results are those of tq_mom.h. An engine calls change sinks from the event loop only, at most a
+// bounded number in one round, and expects that a sink calls back into it: subscribe, write, scan. A record sink is
+// called from inside read() and scan() under the same rule; what it is given is its own only until it returns.
 #ifndef TQ_MOM_ENGINE_HPP
 #define TQ_MOM_ENGINE_HPP
 

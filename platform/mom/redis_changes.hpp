@@ -1,10 +1,11 @@
-// The reader of change logs: one connection of its own, on which a blocking XREAD over all followed logs is outstanding.
+// The reader of change logs: one connection of its own, on which a blocking XREAD over all followed logs is
+// outstanding.
 //
 // A feed follows one table's log by number, for all subscriptions to that table. Numbers have no gaps, so a gap means
-// that the log was trimmed past the feed; after every reconnection the log's epoch, its last number and the entries seen
-// last are compared, so a server that came back with an older or another history is noticed, too. Then requested state
-// is told to scan again, and of other tables the records whose stamp is beyond what was seen are delivered, in the order
-// of their writing.
+// that the log was trimmed past the feed; after every reconnection the log's epoch, its last number and the entries
+// seen last are compared, so a server that came back with an older or another history is noticed, too. Then requested
+// state is told to scan again, and of other tables the records whose stamp is beyond what was seen are delivered, in
+// the order of their writing.
 //
 // Entries go from the connection to a queue, and from there to callbacks in rounds of bounded size. Subscriptions and
 // feeds are only ever added, and walked by position: a callback may subscribe.

@@ -72,8 +72,8 @@ void redis_changes::deliver(feed &of, uint64_t number, const change &change)
     }
 }
 
-// One page of making up for lost changes; true when there is more to do. While the store does not answer, the rest waits
-// for the reconnection, which looks at the history anew.
+// One page of making up for lost changes; true when there is more to do. While the store does not answer, the rest
+// waits for the reconnection, which looks at the history anew.
 bool redis_changes::recover(feed &of)
 {
     const int result = of.lost->listed ? deliver_lost(of) : list_lost(of);

@@ -18,8 +18,8 @@ std::string unescape(std::string_view file_name);
 
 std::string directory_path();
 
-// Opens the directory, with `create` making it first. None, with errno set, unless it is a directory of this user's (for
-// root: anybody's, when not creating) that nobody else may enter; EPERM when it is another's or open to others.
+// Opens the directory, with `create` making it first. None, with errno set, unless it is a directory of this user's
+// (for root: anybody's, when not creating) that nobody else may enter; EPERM when it is another's or open to others.
 owned_fd open_directory(bool create);
 
 // A connected socket, or none with errno set: ENOENT without a socket of that name, ECONNREFUSED when it is a dead

@@ -1,4 +1,5 @@
-/* Measures what the library takes of a process's heap, and whether it starts threads. scripts/cross/footprint builds it.
+/* Measures what the library takes of a process's heap, and whether it starts threads. scripts/cross/footprint builds
+ * it.
  *
  * The program stands in for the store client, the timers, the log and the debug shell, and none of these takes memory
  * here: whatever the heap grows by, the library keeps. It prints one figure a line as "name value".

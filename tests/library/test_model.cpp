@@ -1,5 +1,5 @@
-// Random operations against a plain model: std::maps of what the cache, the pending list and the store must hold, and the
-// callbacks that must have been heard. A failure prints its seed; PLX_TEST_SEED repeats it.
+// Random operations against a plain model: std::maps of what the cache, the pending list and the store must hold, and
+// the callbacks that must have been heard. A failure prints its seed; PLX_TEST_SEED repeats it.
 #include <cstdlib>
 #include <random>
 #include <support/application.h>

@@ -124,7 +124,8 @@ TEST_F(tables, a_table_half_empty_at_its_bound_is_purged_and_a_fuller_one_double
 
 TEST_F(tables, rebuilding_moves_each_node_by_the_kick_out_walk)
 {
-    // The walk on plain numbers: each displaced id goes to its first empty bucket, changing places with one not yet moved.
+    // The walk on plain numbers: each displaced id goes to its first empty bucket, changing places with one not yet
+    // moved.
     std::deque<fp_udp_acl_node> nodes;
     std::vector<uint32_t> model; // bucket -> id + 1
     uint32_t bound = 0, size = 0;

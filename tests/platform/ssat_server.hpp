@@ -1,6 +1,8 @@
-// A module of the debug shell in a process of its own, with commands that print, fail, flood and misbehave, and a client.
+// A module of the debug shell in a process of its own, with commands that print, fail, flood and misbehave, and a
+// client.
 //
-// The process ends when the server object goes, in an orderly way (so that leak checks see it) unless crash() was asked.
+// The process ends when the server object goes, in an orderly way (so that leak checks see it) unless crash() was
+// asked.
 #ifndef PLX_TESTS_SSAT_SERVER_HPP
 #define PLX_TESTS_SSAT_SERVER_HPP
 

@@ -1,4 +1,5 @@
-/* An integrator's platform, as small as it can be: a store of the last write, a clock that stands, timers that are only counted. */
+/* An integrator's platform, as small as it can be: a store of the last write, a clock that stands, timers that are only
+ * counted. */
 #include <libcgstctrl.h>
 #include <ssat.h>
 #include <stdarg.h>

@@ -1,7 +1,7 @@
 // What the store client's suite stands on: a store of each kind, contexts on one loop, records and what was heard.
 //
-// The suite sees the public interface alone; a store_backend is all that an engine brings. Nothing here waits for a time
-// to pass: wait_for() runs the loop until something has been seen, and settle() until a last write has been heard.
+// The suite sees the public interface alone; a store_backend is all that an engine brings. Nothing here waits for a
+// time to pass: wait_for() runs the loop until something has been seen, and settle() until a last write has been heard.
 #ifndef STORE_SUITE_HPP
 #define STORE_SUITE_HPP
 

@@ -1,5 +1,5 @@
-// Fixed paths of the library, led elsewhere: open, access and fopen are defined here, before the C library's, and look up
-// each path in fake::paths. Nothing is led elsewhere until a case says so.
+// Fixed paths of the library, led elsewhere: open, access and fopen are defined here, before the C library's, and look
+// up each path in fake::paths. Nothing is led elsewhere until a case says so.
 #include "fakes.h"
 
 #include <cstdarg>

@@ -1,4 +1,5 @@
-// What was asked for and what became of it: one row for each ACL, apply and entry of a policy, in the order of the file.
+// What was asked for and what became of it: one row for each ACL, apply and entry of a policy, in the order of the
+// file.
 #pragma once
 
 #include <array>

@@ -1,5 +1,5 @@
-// `plx shell`: the debug shell's other end. It lists the modules alive on this machine, runs one command, runs the lines
-// of a file or pipe, or, on a terminal, talks with history and completion.
+// `plx shell`: the debug shell's other end. It lists the modules alive on this machine, runs one command, runs the
+// lines of a file or pipe, or, on a terminal, talks with history and completion.
 //
 // What a command prints goes to standard output as it is; whatever keeps it from running is an error. The exit code is
 // that of the first line that did not succeed, except on a terminal, where the user has seen it.
