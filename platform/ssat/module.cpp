@@ -65,7 +65,8 @@ bool may_enter(int connection)
         return true;
     const answer denied = make_answer("denied", "this module belongs to another user\n");
     send(connection, denied.text.data(), denied.text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    log(TQ_ZLOG_WARN, __func__, "refused a connection of uid %u, pid %d", peer.uid, peer.pid);
+    const std::string who = "uid " + std::to_string(peer.uid) + ", pid " + std::to_string(peer.pid);
+    log(TQ_ZLOG_WARN, __func__, ("refused a connection of " + who).c_str());
     return false;
 }
 
@@ -105,10 +106,10 @@ void module::remove_socket()
         unlinkat(directory_.get(), file_name_.c_str(), 0);
 }
 
-int module::add(command command)
+int module::add(command &&added)
 {
-    std::string name = command.name;
-    return commands_.try_emplace(std::move(name), std::move(command)).second ? 0 : EEXIST;
+    std::string name = added.name;
+    return commands_.try_emplace(std::move(name), std::move(added)).second ? 0 : EEXIST;
 }
 
 answer module::run(std::string_view line)

@@ -41,7 +41,8 @@ int open_module(void *context, const char *name)
     std::unique_ptr<ssat::module> opened = ssat::module::open(context, name);
     if (!opened) {
         const int error = errno ? errno : EIO;
-        ssat::log(TQ_ZLOG_ERROR, __func__, "the shell of %s does not open: %s", name, strerror(error));
+        const std::string text = std::string("the shell of ") + name + " does not open: " + strerror(error);
+        ssat::log(TQ_ZLOG_ERROR, __func__, text.c_str());
         return error;
     }
     modules().emplace(name, std::move(opened));
