@@ -53,6 +53,7 @@ class probe {
   public:
     probe(uint32_t hash, uint32_t buckets) : mask_(buckets - 1), first_(hash & mask_), at_(first_) {}
     uint32_t at() const { return at_; }
+    uint32_t following() const { return (at_ + step_ + 1) & mask_; }
     bool next() { return (at_ = (at_ + ++step_) & mask_) != first_; }
 
   private:
@@ -134,6 +135,7 @@ template <class Kind> class node_table {
         do {
             if (flags.empty(p.at()))
                 return none;
+            prefetch(p.following());
             if (!flags.deleted(p.at()) && Kind::equal(*t_->keys[p.at()], *key))
                 return p.at();
         } while (p.next());
@@ -150,6 +152,7 @@ template <class Kind> class node_table {
         do {
             if (flags.empty(p.at()))
                 return deleted == none ? p.at() : deleted;
+            prefetch(p.following());
             if (flags.deleted(p.at()))
                 deleted = p.at();
             else if (Kind::equal(*t_->keys[p.at()], n))
@@ -227,8 +230,9 @@ template <class Kind> class node_table {
         return displaced;
     }
 
-    // A rebuild reads every node for its hash, in memory order of none: asking early hides most of the wait. Always inline, and so are
-    // the kinds' prefetches: GCC takes a function that does nothing else for one without effect and drops the call.
+    // Nodes lie anywhere in memory. A rebuild reads each for its hash, a search those that share its way: asking for the next one
+    // early hides most of the wait. Always inline, and so are the kinds' prefetches: GCC takes a function that does nothing else for
+    // one without effect and drops the call.
     static constexpr uint32_t prefetch_distance = 16;
     [[gnu::always_inline]] void prefetch(uint32_t i) const
     {

@@ -5,14 +5,28 @@
 #include "node_table.hpp"
 #include "word_hash.hpp"
 
+#include <iterator>
 #include <plx/cache.h>
 
 namespace plx::acldb {
 namespace {
 
+// Equal in all of their bytes, as the fields of equal names nearly always are: compared as words, without a call.
+inline bool same_bytes(const char (&a)[FP_UDP_APP_TYPE_SIZE], const char (&b)[FP_UDP_APP_TYPE_SIZE])
+{
+    uint64_t x[FP_UDP_APP_TYPE_SIZE / sizeof(uint64_t)], y[std::size(x)], difference = 0;
+    std::memcpy(x, a, sizeof x);
+    std::memcpy(y, b, sizeof y);
+    for (size_t i = 0; i < std::size(x); ++i)
+        difference |= x[i] ^ y[i];
+    return difference == 0;
+}
+
 // 0 for equal names, 1 for different ones. Fields without a terminator are compared in their 32 bytes.
 int32_t fp_udp_app_type_cmp(const char (&a)[FP_UDP_APP_TYPE_SIZE], const char (&b)[FP_UDP_APP_TYPE_SIZE])
 {
+    if (same_bytes(a, b))
+        return 0;
     const size_t length = strnlen(a, sizeof a);
     if (length != strnlen(b, sizeof b)) {
         report<Notice>("NOT EQUAL");
