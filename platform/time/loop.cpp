@@ -106,12 +106,13 @@ int next_timer(const tq_thread_master &master)
 
 void do_nothing(uv_timer_t *) {}
 
-// Serves descriptors, waiting at most `timeout_ms` for the first of them.
+// Serves descriptors, waiting at most `timeout_ms` for the first of them. The bound repeats: libuv fires timers before it
+// waits, and one that had run out by then, because something kept this thread from running, would leave no bound.
 void poll_once(tq_thread_master &master, int timeout_ms)
 {
     if (timeout_ms > 0) {
         uv_update_time(&master.loop);
-        uv_timer_start(&master.bound, do_nothing, static_cast<uint64_t>(timeout_ms), 0);
+        uv_timer_start(&master.bound, do_nothing, static_cast<uint64_t>(timeout_ms), 1);
     }
     uv_run(&master.loop, timeout_ms == 0 ? UV_RUN_NOWAIT : UV_RUN_ONCE);
     uv_timer_stop(&master.bound);
