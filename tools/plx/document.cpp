@@ -126,6 +126,21 @@ class TreeBuilder final : public YAML::EventHandler {
     size_t spent_ = 0;
 };
 
+// The text with bytes that a terminal might act on escaped.
+std::string plain(std::string_view text)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7f)
+            result += {'\\', 'x', digits[byte >> 4U], digits[byte & 15U]};
+        else
+            result += c;
+    }
+    return result;
+}
+
 std::string file_error(std::string_view what)
 {
     return std::string(what) + ": " + std::strerror(errno);
@@ -149,16 +164,7 @@ std::vector<std::string> Errors::lines(std::string_view file) const
 
 std::string quoted(std::string_view text)
 {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string result = "'";
-    for (const char c : text.substr(0, longest_quote)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte >= 0x7f)
-            result += {'\\', 'x', digits[byte >> 4U], digits[byte & 15U]};
-        else
-            result += c;
-    }
-    return result + (text.size() > longest_quote ? "...'" : "'");
+    return "'" + plain(text.substr(0, longest_quote)) + (text.size() > longest_quote ? "...'" : "'");
 }
 
 bool read_file(const std::string &path, std::string &content, Errors &errors)
@@ -191,7 +197,7 @@ bool parse_document(const std::string &content, Part &root, Errors &errors)
     } catch (const Refused &refused) {
         errors.add(refused.at, refused.what());
     } catch (const YAML::Exception &error) {
-        errors.add(position(error.mark), error.msg);
+        errors.add(position(error.mark), plain(error.msg)); // it may quote the file
     }
     root = std::move(builder.root);
     return errors.empty();
