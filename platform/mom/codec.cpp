@@ -9,10 +9,13 @@
 namespace mom {
 namespace {
 
-bool is_table_name(const char *name)
+// The message's own name, without its package; empty when it is no identifier.
+std::string_view table_name(const ProtobufCMessageDescriptor &descriptor)
 {
-    constexpr char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
-    return name != nullptr && *name != '\0' && name[std::strspn(name, allowed)] == '\0';
+    constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
+    std::string_view name = descriptor.name == nullptr ? "" : descriptor.name;
+    name.remove_prefix(name.rfind('.') + 1); // npos + 1 is 0
+    return name.find_first_not_of(allowed) == std::string_view::npos ? name : std::string_view{};
 }
 
 record_kind kind_of(const ProtobufCMessageDescriptor &descriptor)
@@ -26,11 +29,11 @@ record_kind kind_of(const ProtobufCMessageDescriptor &descriptor)
 
 std::unique_ptr<record_type> describe(const ProtobufCMessageDescriptor &descriptor)
 {
-    if (!is_table_name(descriptor.short_name))
-        return nullptr;
     auto type = std::make_unique<record_type>();
     type->descriptor = &descriptor;
-    type->table = descriptor.short_name;
+    type->table = table_name(descriptor);
+    if (type->table.empty())
+        return nullptr;
     type->kind = kind_of(descriptor);
     type->index = protobuf_c_message_descriptor_get_field_by_name(&descriptor, "index");
     if (type->index == nullptr)
@@ -154,7 +157,10 @@ void field_encoder::append_unknown(const record_type &type, const ProtobufCMessa
             append_tag(bytes_, number, unknown_wire_type(*fields[i]));
             bytes_.append(reinterpret_cast<const char *>(fields[i]->data), fields[i]->len);
         }
-        end_field(number, start);
+        if (holds_only_field(std::string_view(bytes_).substr(start), number))
+            end_field(number, start);
+        else
+            bytes_.resize(start); // no reader would take it, and the record with it
     }
 }
 
