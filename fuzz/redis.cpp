@@ -1,0 +1,382 @@
+// The store client's server engine against a server that answers anything. connect() and send() are defined here: a
+// connection is a pair of sockets, and each command that is sent is answered at once by what the run's bytes say: the
+// shape that the command expects with any content, any other reply, bytes that are no reply, or the end.
+#include "input.hpp"
+
+#include <plx/s_policy.pb-c.h>
+#include <tq_context.h>
+#include <tq_loop.h>
+#include <tq_mom.h>
+#include <tq_zlog.h>
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct peer {
+    int client, server;
+};
+
+fuzz::input *script = nullptr; // null outside a run: then every call fails
+std::vector<peer> peers;
+
+// ---- replies
+
+std::string bulk(const std::string &text)
+{
+    return "$" + std::to_string(text.size()) + "\r\n" + text + "\r\n";
+}
+
+std::string array(const std::vector<std::string> &elements)
+{
+    std::string reply = "*" + std::to_string(elements.size()) + "\r\n";
+    for (const std::string &element : elements)
+        reply += element;
+    return reply;
+}
+
+std::string integer()
+{
+    return ":" + std::to_string(script->number<int16_t>()) + "\r\n";
+}
+
+std::string any_key()
+{
+    const char *keys[] = {"my_app,a1,a7", "my_app,a1,a8", "security_app,a1", "my_app,a1", "", "x,y"};
+    return script->below(8) == 0 ? script->text() : script->pick(keys);
+}
+
+std::string any_number()
+{
+    return std::to_string(script->below(8) == 0 ? script->number<uint64_t>() : script->below(8));
+}
+
+std::string log_id()
+{
+    return (script->below(16) == 0 ? "1-" : "0-") + any_number();
+}
+
+// Field 6 of an ACE, or anything.
+std::string field_bytes()
+{
+    return script->chance() ? std::string("\x32\x02hi", 4) : script->text();
+}
+
+std::string log_entry()
+{
+    const bool deleted = script->below(4) == 0;
+    return array({bulk(log_id()), array({bulk("k"), bulk(any_key()), bulk("w"), bulk("1"), bulk(deleted ? "d" : "r"),
+                                         bulk(field_bytes())})});
+}
+
+std::string log_entries()
+{
+    std::vector<std::string> entries(script->below(4));
+    for (std::string &entry : entries)
+        entry = log_entry();
+    return array(entries);
+}
+
+std::string streams()
+{
+    const char *tables[] = {"plx{5:ace}/log", "plx{5:ace_psta}/log", "plx{5:service_node}/log", "?"};
+    std::vector<std::string> read(1 + script->below(2));
+    for (std::string &stream : read)
+        stream = array({bulk(script->pick(tables)), log_entries()});
+    return array(read);
+}
+
+std::string record()
+{
+    std::vector<std::string> fields;
+    if (script->below(16) != 0)
+        fields = {bulk("#"), bulk(any_number())};
+    for (uint32_t left = script->below(3); left > 0; left--) {
+        fields.push_back(bulk(script->below(8) == 0 ? script->text() : "6"));
+        fields.push_back(bulk(field_bytes()));
+    }
+    return array(fields);
+}
+
+std::string keys()
+{
+    std::vector<std::string> listed(script->below(4));
+    for (std::string &key : listed)
+        key = bulk(any_key());
+    return array(listed);
+}
+
+std::string metadata()
+{
+    const char *fields[] = {"6,7,8,9,10,11,12", "6,7", "", "0,,x,4294967296"};
+    return array({bulk("epoch"), script->below(8) == 0 ? "$-1\r\n" : bulk(any_number()), bulk(script->pick(fields))});
+}
+
+std::string error()
+{
+    const char *errors[] = {"NOSCRIPT x", "READONLY x", "WRONGTYPE x", "ERR no such key", "NOMETA x",
+                            "NOMARK x",   "OOM x",      "LOADING x",   "NOAUTH x",        "NOPERM x"};
+    return "-" + std::string(script->pick(errors)) + "\r\n";
+}
+
+struct expected {
+    const char *command;
+    std::string (*reply)();
+};
+
+// What a server that means well answers.
+const expected shapes[] = {
+    {"PING", [] { return std::string("+PONG\r\n"); }},
+    {"MULTI", [] { return std::string("+OK\r\n"); }},
+    {"WATCH", [] { return std::string("+OK\r\n"); }},
+    {"UNWATCH", [] { return std::string("+OK\r\n"); }},
+    {"HSET", [] { return std::string("+QUEUED\r\n"); }},
+    {"ZADD", [] { return std::string("+QUEUED\r\n"); }},
+    {"XADD", [] { return std::string("+QUEUED\r\n"); }},
+    {"DEL", [] { return std::string("+QUEUED\r\n"); }},
+    {"EXEC",
+     [] {
+         return script->below(8) == 0 ? "*-1\r\n" : array({integer(), integer(), bulk(log_id())});
+     }},
+    {"INFO", [] { return bulk("# Server\r\ntcp_port:6379\r\nmaxmemory:1\r\naof_enabled:0\r\n"); }},
+    {"SCRIPT", [] { return bulk(std::string(40, 'a')); }},
+    {"EVALSHA",
+     [] {
+         return script->chance() ? integer() : array({bulk("epoch"), integer(), integer()});
+     }},
+    {"CLIENT", integer},
+    {"HGET", [] { return bulk(any_number()); }},
+    {"HMGET", metadata},
+    {"HGETALL", record},
+    {"ZRANGEBYLEX", keys},
+    {"XRANGE", log_entries},
+    {"XREVRANGE", log_entries},
+    {"XREAD", streams},
+    {"XINFO",
+     [] {
+         return array({bulk("length"), integer(), bulk("last-generated-id"), bulk(log_id())});
+     }},
+    {"ROLE",
+     [] {
+         return array({bulk(script->below(4) == 0 ? "slave" : "master"), integer()});
+     }},
+    {"SENTINEL",
+     [] {
+         return array({bulk("host"), bulk(any_number())});
+     }},
+};
+
+std::string any_reply()
+{
+    const expected &shape = shapes[script->below(static_cast<uint32_t>(std::size(shapes)))];
+    switch (script->below(5)) {
+    case 0:
+        return error();
+    case 1:
+        return script->chance() ? "$-1\r\n" : "*-1\r\n";
+    case 2:
+        return script->text();
+    default:
+        return shape.reply();
+    }
+}
+
+std::string reply_to(const std::string &command)
+{
+    if (script->below(12) == 11)
+        return any_reply();
+    for (const expected &shape : shapes)
+        if (command == shape.command)
+            return shape.reply();
+    return any_reply();
+}
+
+// ---- the server's side of a connection
+
+// The names of the commands in what was sent.
+std::vector<std::string> commands_in(std::string_view sent)
+{
+    std::vector<std::string> names;
+    auto take_number = [&sent] {
+        const size_t end = sent.find('\n');
+        const size_t number = strtoul(std::string(sent.substr(1, end)).c_str(), nullptr, 10);
+        sent.remove_prefix(end + 1);
+        return number;
+    };
+    while (!sent.empty()) {
+        const size_t arguments = take_number();
+        for (size_t i = 0; i < arguments; i++) {
+            const size_t size = take_number();
+            if (i == 0)
+                names.emplace_back(sent.substr(0, size));
+            sent.remove_prefix(size + 2);
+        }
+    }
+    return names;
+}
+
+void answer(const peer &to, std::string_view sent)
+{
+    std::string replies;
+    bool more = !script->done();
+    for (const std::string &command : commands_in(sent))
+        if (command != "XREAD" || script->chance()) // a server may be silent about changes
+            replies += reply_to(command);
+    if (script->below(64) == 63) { // cut off
+        replies.resize(replies.size() / 2);
+        more = false;
+    }
+    // After its end, or once the client is gone, there is nobody to write to.
+    sendto(to.server, replies.data(), replies.size(), MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+    if (!more)
+        shutdown(to.server, SHUT_WR);
+}
+
+void hang_up()
+{
+    for (const peer &each : peers)
+        close(each.server);
+    peers.clear();
+}
+
+} // namespace
+
+extern "C" {
+
+int connect(int fd, const sockaddr *, socklen_t) noexcept(false)
+{
+    int pair[2];
+    if (script == nullptr || script->done() || socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
+        errno = ECONNREFUSED;
+        return -1;
+    }
+    dup2(pair[0], fd);
+    close(pair[0]);
+    peers.push_back({fd, pair[1]});
+    return 0;
+}
+
+ssize_t send(int fd, const void *bytes, size_t size, int)
+{
+    // The newest with this descriptor: an earlier one was closed.
+    for (auto at = peers.rbegin(); at != peers.rend(); ++at)
+        if (at->client == fd) {
+            answer(*at, {static_cast<const char *>(bytes), size});
+            return static_cast<ssize_t>(size);
+        }
+    errno = EPIPE;
+    return -1;
+}
+
+// The log is of no interest.
+void *tq_zlog_init(const char *)
+{
+    return nullptr;
+}
+
+void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int, const char *, ...) {}
+
+} // extern "C"
+
+// ---- the application's side
+
+namespace {
+
+tq_context *application = nullptr;
+int depth = 0;
+
+void step();
+
+int32_t hear(void *, const tq_mom_notification *told, void *)
+{
+    fuzz::require(told->record == nullptr || told->record->descriptor != nullptr, "a told record is one");
+    fuzz::require((told->record == nullptr) == (told->result != 0 || told->event == TQ_MOM_EVENT_RESYNC),
+                  "a record or a reason is told");
+    if (depth == 0 && !script->done() && script->below(8) == 0) {
+        depth++;
+        step();
+        depth--;
+    }
+    return 0;
+}
+
+// One record of each kind of table.
+struct records {
+    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
+    SPolicy__Ace ace = S_POLICY__ACE__INIT;
+    SPolicy__AcePsta status = S_POLICY__ACE_PSTA__INIT;
+    SPolicy__ServiceNodeIndex node_key = S_POLICY__SERVICE_NODE_INDEX__INIT;
+    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
+
+    records()
+    {
+        key.t_app_type = const_cast<char *>("my_app");
+        key.acl_id = 1;
+        key.sn = 7;
+        ace.index = status.index = &key;
+        ace.c_status = status.p_status = 1;
+        node.index = &node_key;
+    }
+};
+
+void step()
+{
+    static records all;
+    const ProtobufCMessage *kinds[] = {&all.ace.base, &all.status.base, &all.node.base};
+    const ProtobufCMessage *record = script->pick(kinds);
+    const uint32_t fields[] = {6, 7};
+    switch (script->below(9)) {
+    case 0:
+        tq_mom_hmset_sync(application, 5, record, fields, record == &all.node.base ? 0 : 2);
+        break;
+    case 1:
+        tq_mom_set_sync(application, 5, record);
+        break;
+    case 2:
+        tq_mom_hash_res_free(tq_mom_hgetall_sync(application, 5, record));
+        break;
+    case 3:
+        tq_mom_del_sync(application, 5, record);
+        break;
+    case 4:
+        tq_mom_scan_sync(application, 5, record, script->below(2), hear, nullptr);
+        break;
+    case 5:
+        tq_mom_subscribe(application, 5, record, script->below(2), hear, nullptr);
+        break;
+    case 6:
+        tq_mom_dsbegin_sync(application, 5, record, 0, 10);
+        break;
+    case 7:
+        tq_mom_dsend_sync(application, 5, record, 0, 10);
+        break;
+    default:
+        if (depth == 0)
+            tq_loop_run_once(application->master, 0);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    constexpr int longest = 40;
+    const char *stores[] = {"unix:/store?timeout=20&spin=0", "unix:/store?timeout=20&spin=0&log=1",
+                            "sentinel://127.0.0.1:1,127.0.0.1:2/name?timeout=20&spin=0"};
+    fuzz::input in(data, size);
+    script = &in;
+    application = tq_context_new(in.pick(stores));
+    fuzz::require(application != nullptr, "a context is made");
+    tq_mom_client_connect_sync(application, 5);
+    for (int steps = 0; steps < longest && !in.done(); steps++)
+        step();
+    for (int turns = 0; turns < 4; turns++)
+        tq_loop_run_once(application->master, 0);
+    tq_context_free(application);
+    script = nullptr;
+    hang_up();
+    return 0;
+}
