@@ -53,6 +53,11 @@ struct Judged {
     Status status;
 };
 
+void PrintTo(const Judged &judged, std::ostream *out)
+{
+    *out << judged.value.size() << " bytes: " << status_text(static_cast<int32_t>(judged.status));
+}
+
 class AttributesOfAnEntry : public testing::TestWithParam<Judged> {};
 
 TEST_P(AttributesOfAnEntry, are_judged)
@@ -76,6 +81,11 @@ struct Matched {
     bool bind;   // apply of ACL 10 of "edge"
     bool uplink; // which has no application
 };
+
+void PrintTo(const Matched &matched, std::ostream *out)
+{
+    *out << '"' << matched.pattern << '"';
+}
 
 class Patterns : public testing::TestWithParam<Matched> {};
 

@@ -181,7 +181,7 @@ Failure put_ports(std::string_view text, Bytes &out)
             !parse_number(hyphen == item.size() ? item : item.substr(hyphen + 1), last) || first > last ||
             last >= switch_ports)
             return quoted(item) + " is not a port or range of ports from 0 to 255, such as 1-4";
-        for (uint64_t port = first; port <= last; ++port)
+        for (auto port = static_cast<size_t>(first); port <= last; ++port)
             bits[port / 8] = static_cast<uint8_t>(bits[port / 8] | (0x80U >> (port % 8)));
         if (item.size() == text.size())
             break;
@@ -282,20 +282,24 @@ Failure put(const Form &form, std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
+// Letters to change, add, take out, or exchange with their neighbour, to make `a` into `b`.
 size_t edit_distance(std::string_view a, std::string_view b)
 {
+    std::vector<size_t> before(b.size() + 1);
+    std::vector<size_t> above(b.size() + 1);
     std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
+    std::iota(above.begin(), above.end(), size_t{0});
     for (size_t i = 0; i < a.size(); ++i) {
-        size_t diagonal = row[0];
         row[0] = i + 1;
         for (size_t j = 0; j < b.size(); ++j) {
-            const size_t substituted = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({substituted, row[j] + 1, row[j + 1] + 1});
+            row[j + 1] = std::min({above[j] + (a[i] == b[j] ? 0 : 1), above[j + 1] + 1, row[j] + 1});
+            if (i > 0 && j > 0 && a[i] == b[j - 1] && a[i - 1] == b[j])
+                row[j + 1] = std::min(row[j + 1], before[j - 1] + 1);
         }
+        before.swap(above);
+        above.swap(row);
     }
-    return row[b.size()];
+    return above[b.size()];
 }
 
 } // namespace

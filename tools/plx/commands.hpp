@@ -17,5 +17,6 @@ enum ExitCode : int {
 };
 
 void add_apply_command(CLI::App &app, int &exit_code);
+void add_shell_command(CLI::App &app, int &exit_code);
 
 } // namespace plx::tool

@@ -14,6 +14,7 @@ int run(int argc, char **argv)
 
     int exit_code = plx::tool::EXIT_DONE;
     plx::tool::add_apply_command(app, exit_code);
+    plx::tool::add_shell_command(app, exit_code);
 
     try {
         app.parse(argc, argv);
