@@ -8,7 +8,7 @@ namespace {
 
 constexpr size_t identities_kept = 512;
 constexpr size_t queue_enough = 256; // as long as so much waits for delivery, nothing more is asked for
-constexpr char entries_per_read[] = "128";
+constexpr unsigned entries_per_read = 128;
 constexpr std::chrono::milliseconds nudge_pause{2};
 
 timeval to_timeval(std::chrono::milliseconds time)
@@ -85,6 +85,7 @@ int redis_changes::connect()
     result = connection_->exchange(commands_);
     if (result == TQ_MOM_OK)
         client_id_ = std::to_string(connection_->replies().integer());
+    connection_->tape().clear();
     for (size_t i = 0; i < feeds_.size() && result == TQ_MOM_OK; ++i)
         result = settle(*feeds_[i]);
     if (result == TQ_MOM_OK)
@@ -136,7 +137,7 @@ void redis_changes::request()
         return;
     commands_.clear();
     commands_.begin(6 + 2 * feeds_.size());
-    commands_.add("XREAD").add("COUNT").add(entries_per_read).add("BLOCK").add("0").add("STREAMS");
+    commands_.add("XREAD").add("COUNT").add(entries_asked_).add("BLOCK").add("0").add("STREAMS");
     for (const auto &each : feeds_)
         commands_.add(each->table.log);
     for (const auto &each : feeds_)
@@ -184,8 +185,10 @@ void redis_changes::on_readable(tq_loop_watch *, int, int, void *arg)
 
 void redis_changes::take_in()
 {
-    if (!connection_->take_in())
+    if (!connection_->take_in()) { // perhaps the server found its answer too big for us
+        entries_asked_ = std::max(entries_asked_ / 2, 1u);
         return reconnect_in(std::chrono::milliseconds{0});
+    }
     const int parsed = connection_->parse();
     if (parsed == 0)
         return;
@@ -194,6 +197,7 @@ void redis_changes::take_in()
     if (!accepted)
         return reconnect_in(std::chrono::milliseconds{50});
     connection_->tape().clear();
+    entries_asked_ = std::min(entries_asked_ * 2, entries_per_read);
     request();
     round();
 }
@@ -220,17 +224,16 @@ bool redis_changes::accept_stream(reply_view stream)
     auto reply = entries.first();
     for (size_t i = 0; i < entries.size(); ++i, reply = reply.next()) {
         log_entry entry;
-        if (!entry.parse(reply)) {
-            report(TQ_ZLOG_ERROR, "not a change: an entry of " + of->table.log);
-            return false;
-        }
-        if (!accept_entry(*of, entry))
+        const bool ours = entry.parse(reply);
+        if (!ours)
+            report(TQ_ZLOG_ERROR, "passed over what is no change in " + of->table.log);
+        if (entry.number == 0 || !accept_entry(*of, entry, ours))
             return false;
     }
     return true;
 }
 
-bool redis_changes::accept_entry(feed &of, const log_entry &entry)
+bool redis_changes::accept_entry(feed &of, const log_entry &entry, bool ours)
 {
     if (entry.number <= of.cursor)
         return true;
@@ -243,6 +246,8 @@ bool redis_changes::accept_entry(feed &of, const log_entry &entry)
     }
     of.cursor = entry.number;
     remember(of, entry.identity());
+    if (!ours)
+        return true;
     const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
     queue_.push_back({of, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
                       engine_.is_own(entry.writer)});
@@ -267,7 +272,7 @@ int redis_changes::settle(feed &of)
         of.epoch = now.epoch;
     uint64_t common = 0;
     if (of.epoch == now.epoch) {
-        const int compared = common_history(of, common);
+        const int compared = common_history(of, now.last, common);
         if (compared != TQ_MOM_OK)
             return compared;
         if (common == of.cursor && now.last >= of.cursor)
@@ -277,29 +282,39 @@ int redis_changes::settle(feed &of)
     return TQ_MOM_OK;
 }
 
-// The highest number up to which the server's history is the one that was seen. What is no longer in the log is taken
-// as the same: if changes behind it are missing, their numbers tell.
-int redis_changes::common_history(feed &of, uint64_t &common)
+// The highest number up to which the server's history is the one that was seen: mostly the last one seen, otherwise looked
+// for downwards in small steps. What is no longer in the log is taken as the same: if changes behind it are missing,
+// their numbers tell.
+int redis_changes::common_history(feed &of, uint64_t last, uint64_t &common)
 {
     common = of.cursor;
     if (of.identities.empty())
         return TQ_MOM_OK;
     const uint64_t oldest = of.cursor - of.identities.size() + 1;
-    const int asked = engine_.ask([&](command_buffer &commands) {
-        commands.command("XRANGE", of.table.log, log_id(oldest), log_id(of.cursor));
-        commands.command("XREVRANGE", of.table.log, "+", "-", "COUNT", "1");
-    });
-    if (asked != TQ_MOM_OK)
-        return asked;
-    const auto held = engine_.link().replies();
-    log_entry latest, entry;
-    if (!latest.parse(held.next().at(0)))
-        latest.number = 0;
-    common = latest.number > of.cursor && held.size() == 0 ? of.cursor : 0;
-    auto reply = held.first();
-    for (size_t i = 0; i < held.size(); ++i, reply = reply.next())
-        if (entry.parse(reply) && entry.identity() == of.identities[entry.number - oldest])
+    unsigned step = 1;
+    for (uint64_t from = of.cursor; from >= oldest; step = 8) {
+        const int asked = engine_.ask([&](command_buffer &commands) {
+            commands.command("XREVRANGE", of.table.log, log_id(from), log_id(oldest), "COUNT", step);
+        });
+        if (asked != TQ_MOM_OK)
+            return asked;
+        const auto held = engine_.link().replies();
+        if (held.size() == 0)
+            break;
+        auto reply = held.first();
+        for (size_t i = 0; i < held.size(); ++i, reply = reply.next()) {
+            log_entry entry;
+            entry.parse(reply);
+            if (entry.number < oldest || entry.number > from)
+                return TQ_MOM_CORRUPT;
             common = entry.number;
+            if (entry.identity() == of.identities[entry.number - oldest])
+                return TQ_MOM_OK;
+            from = entry.number - 1;
+        }
+    }
+    const bool trimmed = common == of.cursor && last > of.cursor;
+    common = trimmed ? of.cursor : 0;
     return TQ_MOM_OK;
 }
 

@@ -72,14 +72,14 @@ class redis_changes {
     void take_in();
     bool accept(reply_view reply);
     bool accept_stream(reply_view stream);
-    bool accept_entry(feed &of, const log_entry &entry);
+    bool accept_entry(feed &of, const log_entry &entry, bool ours);
 
     // Histories.
     feed *find_feed(std::string_view log);
     int add_subscriber(redis_table &table, const key_range &range, change_sink &sink);
     void remember(feed &of, size_t identity);
     int settle(feed &of);
-    int common_history(feed &of, uint64_t &common);
+    int common_history(feed &of, uint64_t last, uint64_t &common);
     void lose(feed &of, uint64_t base, const log_position &now);
 
     // Delivery.
@@ -96,8 +96,9 @@ class redis_changes {
     std::unique_ptr<redis_connection> connection_;
     tq_loop_watch *watch_ = nullptr;
     std::string client_id_;
-    bool outstanding_ = false; ///< an XREAD is waiting in the server
-    bool stale_ = false;       ///< and lacks a feed that was added since
+    unsigned entries_asked_ = 128; ///< of each log; fewer while the server drops us over its answers
+    bool outstanding_ = false;     ///< an XREAD is waiting in the server
+    bool stale_ = false;           ///< and lacks a feed that was added since
     tq_thread *reconnect_timer_ = nullptr;
     tq_thread *nudge_timer_ = nullptr;
     std::unique_ptr<loop_bell> bell_;

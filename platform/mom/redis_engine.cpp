@@ -302,7 +302,7 @@ int redis_engine::position(const redis_table &table, log_position &out)
         if (const int result = link_.judge(reply); result != TQ_MOM_OK)
             return result;
     const bool no_log = info.is(reply_kind::error) && info.text().starts_with("ERR no such key");
-    if (const int result = link_.judge(info); result != TQ_MOM_OK && !no_log)
+    if (const int result = no_log ? TQ_MOM_OK : link_.judge(info); result != TQ_MOM_OK)
         return result;
     out = {std::string(epoch.text()), 0, 0};
     auto item = info.first();

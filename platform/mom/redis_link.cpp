@@ -15,6 +15,7 @@ namespace {
 using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
+constexpr std::chrono::milliseconds idle{2};
 
 // The value of a line "name:value" of an INFO answer.
 std::string_view info_value(std::string_view info, std::string_view name)
@@ -51,6 +52,11 @@ std::string name_of(const store_url &url)
 
 int redis_link::ensure()
 {
+    // A server that went away while nobody asked it is noticed before a write is risked on the old connection.
+    const auto now = steady_clock::now();
+    if (connection_ != nullptr && now - last_use_ > idle && !connection_->quiet())
+        drop();
+    last_use_ = now;
     if (connection_ != nullptr)
         return TQ_MOM_OK;
     if (pause().count() > 0)
@@ -96,6 +102,8 @@ int redis_link::exchange(const command_buffer &commands)
 int redis_link::judge(reply_view reply)
 {
     const int result = result_of(reply);
+    if (result == TQ_MOM_STORE_ERROR)
+        report(TQ_ZLOG_ERROR, "the policy store refused a command: " + std::string(reply.text()));
     if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel)
         drop();
     return result;

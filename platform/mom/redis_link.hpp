@@ -47,6 +47,7 @@ class redis_link {
     store_url url_;
     std::unique_ptr<redis_connection> connection_;
     uint64_t generation_ = 0;
+    steady_time last_use_{};
     bool warned_ = false;
     std::chrono::milliseconds back_off_{0};
     steady_time next_attempt_{};

@@ -61,7 +61,7 @@ local gen
 if ARGV[5] == 'generation' then
   gen = redis.call('HGET', KEYS[4], 'gen')
   if not gen then
-    return redis.error_reply('NOMETA')
+    return redis.error_reply('NOMETA the metadata is gone')
   end
 end
 if ARGV[4] == 'replace' then
@@ -110,7 +110,7 @@ return 1
 constexpr char sweep_text[] = R"(
 local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
 if redis.call('HGET', meta, 'epoch') ~= ARGV[8] or redis.call('HGET', meta, 'mark:' .. ARGV[9]) ~= ARGV[10] then
-  return redis.error_reply('NOMARK')
+  return redis.error_reply('NOMARK the mark is gone')
 end
 local limit, page = tonumber(ARGV[7]), tonumber(ARGV[6])
 local keys = redis.call('ZRANGEBYLEX', index, ARGV[4], ARGV[5], 'LIMIT', 0, page)

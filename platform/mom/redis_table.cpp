@@ -22,8 +22,9 @@ bool parse_log_id(std::string_view id, uint64_t &number)
 
 bool log_entry::parse(reply_view reply)
 {
+    *this = {};
     const auto content = reply.at(1);
-    if (reply.size() != 2 || content.size() != 6 || !parse_log_id(reply.at(0).text(), number))
+    if (reply.size() != 2 || !parse_log_id(reply.at(0).text(), number) || content.size() != 6)
         return false;
     auto part = content.first();
     std::string_view texts[6];
@@ -40,9 +41,9 @@ bool log_entry::parse(reply_view reply)
 
 size_t log_entry::identity() const
 {
-    size_t hash = number;
+    auto hash = static_cast<size_t>(number);
     for (const auto &part : {key, writer, body})
-        hash = hash * 0x9e3779b97f4a7c15 + std::hash<std::string_view>{}(part);
+        hash = hash * static_cast<size_t>(0x9e3779b97f4a7c15) + std::hash<std::string_view>{}(part);
     return hash | 1; // 0 stands for none
 }
 

@@ -49,7 +49,7 @@ struct log_entry {
     std::string_view body;
     bool deleted = false;
 
-    /// False when the reply is no entry of ours.
+    /// False when the reply is no entry of ours; its number is 0 unless it has a place in the numbering all the same.
     bool parse(reply_view reply);
     /// Tells changes with the same number apart.
     size_t identity() const;

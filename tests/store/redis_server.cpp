@@ -96,7 +96,7 @@ void redis_server::write_config() const
            << directory_ << "/log\n";
 }
 
-void redis_server::start(const std::vector<std::string> &options)
+void redis_server::start(const std::vector<std::string> &options, const std::string &answer)
 {
     std::vector<std::string> words = {"redis-server", directory_ + "/conf"};
     words.insert(words.end(), options.begin(), options.end());
@@ -112,15 +112,15 @@ void redis_server::start(const std::vector<std::string> &options)
             execvp(arguments[0], arguments.data());
         _exit(127);
     }
-    for (int i = 0; i < 2000 && !answers() && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
+    for (int i = 0; i < 2000 && !answers(answer) && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (!answers())
+    if (!answers(answer))
         throw std::runtime_error("the server does not answer");
 }
 
-bool redis_server::answers() const
+bool redis_server::answers(const std::string &start) const
 {
-    return run({"PING"}) == "PONG";
+    return run({"PING"}).starts_with(start);
 }
 
 std::string redis_server::run(const std::vector<std::string> &command) const

@@ -15,8 +15,8 @@ class redis_server {
     redis_server(const redis_server &) = delete;
     redis_server &operator=(const redis_server &) = delete;
 
-    /// Starts it and waits until it answers; `options` go behind the configuration.
-    void start(const std::vector<std::string> &options = {});
+    /// Starts it and waits until its answer to a PING starts so; `options` go behind the configuration.
+    void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
     /// kill -9, as a crash.
     void crash();
     /// Forgets all data while stopped.
@@ -33,7 +33,7 @@ class redis_server {
   private:
     void write_acl() const;
     void write_config() const;
-    bool answers() const;
+    bool answers(const std::string &start) const;
 
     std::string directory_;
     std::string socket_;
