@@ -51,6 +51,9 @@ constexpr gate gate_of(Word word)
     return {};
 }
 
+// In static memory, so that a closed call builds nothing to pass on.
+template <Word W> inline constexpr gate gate_for = gate_of(W);
+
 inline bool console_open(const gate &g)
 {
     return (fp_udp_debug_sw & g.console_bit) != 0;
@@ -119,17 +122,17 @@ inline constexpr size_t log_line_size = 1024;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security" // text<> has checked the format
 template <class... Args>
-[[gnu::cold, gnu::noinline]] void emit(const gate &g, const char *source, const text<Args...> &message, Args... args)
+[[gnu::cold, gnu::noinline]] void emit(const gate &g, const char *source, place at, const char *format, Args... args)
 {
     if (console_open(g)) {
-        print_frame(g, message.function, message.line);
-        std::printf(message.format, args...);
+        print_frame(g, at.function, at.line);
+        std::printf(format, args...);
         std::fflush(stdout);
     }
     if (log_open(g)) {
         char buffer[log_line_size] = {};
-        at_snprintf(buffer, sizeof buffer, message.format, args...);
-        log_line(g, source, message.function, message.line, buffer);
+        at_snprintf(buffer, sizeof buffer, format, args...);
+        log_line(g, source, at.function, at.line, buffer);
     }
 }
 #pragma GCC diagnostic pop
@@ -138,9 +141,9 @@ template <class... Args>
 template <Word W, const char *Source> struct reporter {
     template <class... Args> void operator()(text<std::type_identity_t<Args>...> message, Args... args) const
     {
-        constexpr gate g = gate_of(W);
+        constexpr const gate &g = gate_for<W>;
         if (console_open(g) || log_open(g)) [[unlikely]]
-            emit<Args...>(g, Source, message, args...);
+            emit<Args...>(g, Source, place{message.function, message.line}, message.format, args...);
     }
 
     template <class... Args> void operator()(place at, text<std::type_identity_t<Args>...> message, Args... args) const
