@@ -102,9 +102,12 @@ double cpu_clock()
     return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
 }
 
-void add(const char *name, void (*body)(benchmark::State &))
+benchmark::internal::Benchmark *add(const char *name, void (*body)(benchmark::State &))
 {
-    benchmark::RegisterBenchmark(name, body)->Iterations(1)->Repetitions(repetitions)->Unit(benchmark::kMillisecond);
+    return benchmark::RegisterBenchmark(name, body)
+        ->Iterations(1)
+        ->Repetitions(repetitions)
+        ->Unit(benchmark::kMillisecond);
 }
 
 int run(int argc, char **argv, std::span<const goal> goals)

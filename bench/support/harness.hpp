@@ -28,7 +28,7 @@ struct goal {
 int run(int argc, char **argv, std::span<const goal> goals);
 
 // Registers a benchmark whose every repetition is one call of `body`, which sets counters.
-void add(const char *name, void (*body)(benchmark::State &));
+benchmark::internal::Benchmark *add(const char *name, void (*body)(benchmark::State &));
 
 // A benchmark's body is done in one iteration; its figures are in the counters.
 template <class Body> void once(benchmark::State &state, Body &&body)
