@@ -1,8 +1,9 @@
 #!/bin/sh
 # cross.sh armhf|arm64: builds everything for that architecture into build-<architecture>/, runs all tests and the demo
-# under qemu, and prints what the library takes there. Needs what scripts/packages.txt names for it, and installs that.
+# under qemu, exchanges records with this machine's own build through a Redis, and prints what the library takes there.
+# Needs what scripts/packages.txt names for it, and installs that.
 #
-# The order of size of a switch's application decides the optimisation: for space.
+# Optimised for space, as for a switch's flash.
 set -eu
 cd "$(dirname "$0")/.."
 architecture=${1:-}
@@ -56,5 +57,9 @@ say "the tests"
 emulate scripts/run-tests "$build"
 say "the demo"
 demo
+say "the exchange with this machine's own build"
+[ -f build/build.ninja ] || scripts/configure release build PLX_TESTS=OFF
+cmake --build build --target plx
+scripts/cross/exchange "$architecture" "$build" "$PWD/build"
 say "the footprint"
 scripts/cross/footprint "$architecture" "$build"
