@@ -1,9 +1,9 @@
-// A whole fp_udp_set_ace on a store that answers at once: its time as the cache grows, its allocations, and the heap that a
-// cached ACE takes.
+// A whole fp_udp_set_ace on a store that answers at once: its time as the cache grows, its allocations, and the heap
+// that a cached ACE takes.
 //
-// Caches of four sizes stand side by side, and the library is pointed at each in turn. A set is measured on entries taken at
-// random, and again right after the same entries were set: the second figure is what the library itself costs, and the difference
-// is the processor's wait for memory, which grows with any cache.
+// Caches of four sizes stand side by side, and the library is pointed at each in turn. A set is measured on entries
+// taken at random, and again right after the same entries were set: the second figure is what the library itself costs,
+// and the difference is the processor's wait for memory, which grows with any cache.
 #include "support/counting.hpp"
 #include "support/harness.hpp"
 #include "support/platform.hpp"

@@ -1,8 +1,8 @@
 // What a message costs while both sides of the diagnostic channel are closed: two word tests, and nothing is formatted.
 //
-// Shown three ways: calls of the formatting functions over a million operations, the generated code of a function that holds
-// one message, and that function's time beside an empty one. The same operations with the log side open prove that the
-// counter counts.
+// Shown three ways: calls of the formatting functions over a million operations, the generated code of a function that
+// holds one message, and that function's time beside an empty one. The same operations with the log side open prove
+// that the counter counts.
 #include "probe.hpp"
 #include "support/counting.hpp"
 #include "support/harness.hpp"

@@ -1,8 +1,9 @@
-// The ACE node table at a million entries, beside std::unordered_set and absl::flat_hash_set of the same node pointers with
-// the same hash and the same tests of the key's fields.
+// The ACE node table at a million entries, beside std::unordered_set and absl::flat_hash_set of the same node pointers
+// with the same hash and the same tests of the key's fields.
 //
-// All three hold the same nodes and are asked the same keys, a slice of them each in turn. Inserting starts from an empty
-// table, so that all growth is in it. Search keys are built one by one from a compact list, as the library builds them.
+// All three hold the same nodes and are asked the same keys, a slice of them each in turn. Inserting starts from an
+// empty table, so that all growth is in it. Search keys are built one by one from a compact list, as the library builds
+// them.
 #include "support/counting.hpp"
 #include "support/harness.hpp"
 

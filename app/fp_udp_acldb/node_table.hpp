@@ -1,10 +1,12 @@
 // The node table: an open-addressing hash set of node pointers behind three families of exported names.
 //
-// Kind gives the node and header types, hash(node) and equal(node, node). Two flag bits a bucket tell stored, deleted and empty;
-// probing is triangular; a table is rebuilt at 77 % of occupied buckets. The order of buckets is part of the interface, and with it
-// the order in which a rebuild moves the nodes. The header is a plain exported structure; this class is a view of it.
+// Kind gives the node and header types, hash(node) and equal(node, node). Two flag bits a bucket tell stored, deleted
+// and empty; probing is triangular; a table is rebuilt at 77 % of occupied buckets. The order of buckets is part of the
+// interface, and with it the order in which a rebuild moves the nodes. The header is a plain exported structure; this
+// class is a view of it.
 //
-// A header that could not be allocated is a table that stores nothing. A traversal reads the header again after each callback, which may remove nodes but not insert any.
+// A header that could not be allocated is a table that stores nothing. A traversal reads the header again after each
+// callback, which may remove nodes but not insert any.
 #pragma once
 
 #include <bit>
@@ -142,8 +144,8 @@ template <class Kind> class node_table {
         return none;
     }
 
-    // The bucket that a node goes into: the one of its equal if that is stored, else the last deleted bucket on the way to an
-    // empty one, else the empty one.
+    // The bucket that a node goes into: the one of its equal if that is stored, else the last deleted bucket on the way
+    // to an empty one, else the empty one.
     uint32_t bucket_for(const node &n) const
     {
         const bucket_flags flags(t_->flags);
@@ -198,8 +200,8 @@ template <class Kind> class node_table {
         return true;
     }
 
-    // Moves every node to its bucket among `buckets`, in place: a node that stands where another belongs changes places with it and
-    // is moved next.
+    // Moves every node to its bucket among `buckets`, in place: a node that stands where another belongs changes places
+    // with it and is moved next.
     void move_all(bucket_flags to, uint32_t buckets)
     {
         bucket_flags from(t_->flags);
@@ -230,9 +232,9 @@ template <class Kind> class node_table {
         return displaced;
     }
 
-    // Nodes lie anywhere in memory. A rebuild reads each for its hash, a search those that share its way: asking for the next one
-    // early hides most of the wait. Always inline, and so are the kinds' prefetches: GCC takes a function that does nothing else for
-    // one without effect and drops the call.
+    // Nodes lie anywhere in memory. A rebuild reads each for its hash, a search those that share its way: asking for
+    // the next one early hides most of the wait. Always inline, and so are the kinds' prefetches: GCC takes a function
+    // that does nothing else for one without effect and drops the call.
     static constexpr uint32_t prefetch_distance = 16;
     [[gnu::always_inline]] void prefetch(uint32_t i) const
     {

@@ -1,9 +1,9 @@
 // What the benchmark programs share: one pinned CPU, repetitions, a table of figures, and a verdict for each goal.
 //
-// A benchmark runs what it compares in turns within one repetition and leaves its figures in the state's counters, ratios of
-// neighbours above all: what disturbs the machine disturbs both sides. The harness shows each figure's median and spread over the
-// repetitions. A goal is a figure's highest acceptable median; the program fails when one is missed by more than its margin, which
-// is what a busy machine may add.
+// A benchmark runs what it compares in turns within one repetition and leaves its figures in the state's counters,
+// ratios of neighbours above all: what disturbs the machine disturbs both sides. The harness shows each figure's median
+// and spread over the repetitions. A goal is a figure's highest acceptable median; the program fails when one is missed
+// by more than its margin, which is what a busy machine may add.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -15,7 +15,7 @@
 
 namespace bench {
 
-inline constexpr int repetitions = 11;
+inline constexpr int repetitions = 9;
 
 struct goal {
     const char *benchmark;

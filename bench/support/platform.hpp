@@ -1,5 +1,5 @@
-// A platform that answers at once: a store that accepts every write and keeps nothing, a debug shell and topics that agree, timers
-// that never fire, and a log that only counts. The clock is the time library's own.
+// A platform that answers at once: a store that accepts every write and keeps nothing, a debug shell and topics that
+// agree, timers that never fire, and a log that only counts. The clock is the time library's own.
 #pragma once
 
 #include <cstdint>
