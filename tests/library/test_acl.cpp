@@ -142,7 +142,7 @@ TEST_F(acl_operations, iterating_lists_sequence_numbers_newest_first)
         return listed;
     };
     EXPECT_EQ(iterate(key), (std::vector<uint64_t>{}));
-    for (uint64_t sn : {3, 1, 2})
+    for (uint64_t sn : std::vector<uint64_t>{3, 1, 2})
         set_ace("my_app", 4, sn);
     EXPECT_EQ(iterate(key), (std::vector<uint64_t>{2, 1, 3}));
     EXPECT_EQ(fake::log.take(), lines{"D acl key, app_type : my_app, acl_id : 4\n"});

@@ -73,7 +73,7 @@ TEST_F(cache, nodes_hang_under_their_acl_newest_first)
     acl.uuid = 5;
     EXPECT_EQ(fp_udp_acldb_add_acl(&acl), 0);
     EXPECT_EQ(memcmp(&cached_acl("a", 1)->acl, &acl, sizeof acl), 0);
-    for (uint64_t sn : {1, 2, 3})
+    for (uint64_t sn : std::vector<uint64_t>{1, 2, 3})
         add_ace("a", 1, sn);
     fp_udp_acl_node *node = cached_acl("a", 1);
     EXPECT_EQ(node->ace_count, 3U);
@@ -92,7 +92,7 @@ TEST_F(cache, deleting_an_acl_takes_its_entries_applies_and_requests_along)
 {
     add_acl("a", 1);
     add_acl("b", 1);
-    for (uint64_t sn : {1, 2})
+    for (uint64_t sn : std::vector<uint64_t>{1, 2})
         add_ace("a", 1, sn);
     fp_udp_req_node_add(FP_UDP_REQ_ACE, ace_node);
     add_ace("b", 1, 1);

@@ -277,7 +277,7 @@ class callbacks : public library_case {
     void again()
     {
         set_acl("security_app", 7);
-        for (uint64_t sn : {1, 2, 3, 4, 5, 99})
+        for (uint64_t sn : std::vector<uint64_t>{1, 2, 3, 4, 5, 99})
             remove_ace(mgr, sn);
         for (uint64_t sn = 1; sn <= 5; sn++)
             write_ace(mgr, sn);
@@ -319,7 +319,7 @@ TEST_F(callbacks, may_do_anything_inside_reply_handling)
             run(deed, [&] {
                 const uint64_t uuid = now();
                 fake::clock.now_us++;
-                for (uint64_t sn : {1, 2, 3, 4, 5, 3})
+                for (uint64_t sn : std::vector<uint64_t>{1, 2, 3, 4, 5, 3})
                     for (int node = 0; node < 2; node++)
                         answer_ace("security_app", 7, sn, status, uuid);
             });
@@ -369,6 +369,64 @@ TEST_F(callbacks, may_do_anything_inside_an_applys_outcome)
             fp_udp_acldb_del_acl(&acl);
             EXPECT_EQ(pending(), 0U);
         }
+    }
+}
+
+TEST_F(callbacks, may_do_anything_inside_an_operation_or_a_change)
+{
+    const fp_udp_acl_handler handler = application::handler();
+    const fp_udp_acl_key keys[] = {make_key("my_app", 7), make_key("security_app", 7)};
+    SPolicy__AclKey acl_key = S_POLICY__ACL_KEY__INIT;
+    SPolicy__AceKey ace_key = S_POLICY__ACE_KEY__INIT;
+    acl_key.t_app_type = ace_key.t_app_type = const_cast<char *>("security_app");
+    acl_key.acl_id = ace_key.acl_id = 7;
+    SPolicy__Acl acl = S_POLICY__ACL__INIT;
+    SPolicy__Ace ace = S_POLICY__ACE__INIT;
+    SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
+    acl.index = &acl_key;
+    ace.index = counter.index = &ace_key;
+    fake::store.put(8, acl.base);
+    fake::store.put(8, ace.base);
+    auto failing = [](auto operation) {
+        fake::store.script["hmset"] = {9};
+        operation();
+    };
+    const std::function<void()> triggers[] = {
+        [&] { set_acl("my_app", 7); },
+        [&] { failing([&] { set_acl("my_app", 7); }); },
+        [&] { set_ace("my_app", 7, 1); },
+        [&] { failing([&] { set_ace("my_app", 7, 1); }); },
+        [&] { failing([&] { set_apply("my_app", 7, "my_app", 1); }); },
+        [&] { mgr->set_port_disable(&context, 1); },
+        [&] { fake::store.deliver("acl", 4, &acl.base); },
+        [&] { fake::store.deliver("ace", 4, &ace.base); },
+        [&] { fake::store.deliver("acl", 29, nullptr); },
+        [&] { fake::store.deliver("ace", 29, nullptr); },
+        [&] { fake::store.deliver("ace", 3, &ace.base); },
+        [&] { fake::store.deliver("acl", 3, &acl.base); },
+        [&] { fake::store.deliver("ace_counter", 24, &counter.base); },
+    };
+    for (const auto &trigger : triggers) {
+        int heard = 0;
+        set_acl("my_app", 7);
+        app.on_event = [&](const std::string &) {
+            if (heard++ > 0)
+                return;
+            for (const fp_udp_acl_key &key : keys) {
+                mgr->del_acl(&context, &key);
+                set_acl(key.app_type, key.acl_id);
+                mgr->del_acl(&context, &key);
+            }
+            fp_udp_register_acl_handler(&context, 5, &handler);
+            fp_udp_req_check_proc(1);
+        };
+        trigger();
+        EXPECT_GT(heard, 0) << &trigger - triggers;
+        app.on_event = nullptr;
+        for (const fp_udp_acl_key &key : keys)
+            if (fp_udp_acl_node *node = cached_acl(key.app_type, key.acl_id)) {
+                EXPECT_EQ(list_length(node->ace_list), node->ace_count);
+            }
     }
 }
 

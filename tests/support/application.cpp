@@ -54,8 +54,8 @@ fp_udp_acl_handler application::handler()
         return heard(c, format("acl ok %s/%u/%u", acl->app_type, acl->acl_id, acl->acl_cls) + priv32(priv) +
                             (priv == acl->priv ? "" : " WRONG PRIV"));
     };
-    h.set_acl_fail_cb = [](void *c, const fp_udp_acl *acl, int32_t result, const uint8_t *priv) {
-        return heard(c, format("acl fail %s/%u %d", acl->app_type, acl->acl_id, result) + priv32(priv));
+    h.set_acl_fail_cb = [](void *c, const fp_udp_acl *acl, int32_t code, const uint8_t *priv) {
+        return heard(c, format("acl fail %s/%u %d", acl->app_type, acl->acl_id, code) + priv32(priv));
     };
     h.ace_reply_ok_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, const uint8_t *priv) {
         return heard(c, "ace ok " + entry(acl, sn) + priv32(priv));
@@ -73,8 +73,8 @@ fp_udp_acl_handler application::handler()
     h.reserved_6 = [] { abort(); };
     h.reserved_7 = [] { abort(); };
     h.port_disable_ok_cb = [](void *c, uint32_t phyid) { return heard(c, format("port ok %x", phyid)); };
-    h.port_disable_fail_cb = [](void *c, uint32_t phyid, int32_t result) {
-        return heard(c, format("port fail %x %d", phyid, result));
+    h.port_disable_fail_cb = [](void *c, uint32_t phyid, int32_t code) {
+        return heard(c, format("port fail %x %d", phyid, code));
     };
     h.ace_counter_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, const fp_udp_ace_counter *counter) {
         const auto *v = reinterpret_cast<const uint64_t *>(counter);
@@ -84,14 +84,14 @@ fp_udp_acl_handler application::handler()
         return heard(c, text);
     };
     h.svi_router_ok_cb = [](void *c, const uint8_t *priv) { return heard(c, "svi ok" + priv8(priv)); };
-    h.svi_router_fail_cb = [](void *c, int32_t result, const uint8_t *priv) {
-        return heard(c, format("svi fail %d", result) + priv8(priv));
+    h.svi_router_fail_cb = [](void *c, int32_t code, const uint8_t *priv) {
+        return heard(c, format("svi fail %d", code) + priv8(priv));
     };
     h.uplink_ok_cb = [](void *c, uint32_t phyid, uint32_t type, const uint8_t *priv) {
         return heard(c, format("uplink ok %x %u", phyid, type) + priv8(priv));
     };
-    h.uplink_fail_cb = [](void *c, uint32_t phyid, uint32_t type, int32_t result, const uint8_t *priv) {
-        return heard(c, format("uplink fail %x %u %d", phyid, type, result) + priv8(priv));
+    h.uplink_fail_cb = [](void *c, uint32_t phyid, uint32_t type, int32_t code, const uint8_t *priv) {
+        return heard(c, format("uplink fail %x %u %d", phyid, type, code) + priv8(priv));
     };
     h.acl_change_cb = [](void *c, const fp_udp_acl_info *acl, int32_t kind) {
         return heard(c, "acl change " + of(acl) + format(" %d", kind));

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <plx/libplx.h>
 #include <plx/s_policy.pb-c.h>
+#include <stdio_ext.h>
 
 using fake::lines;
 
@@ -87,10 +88,11 @@ template <class Object> void push(Object &object, const char *name, uint32_t cls
     object->tlv->push(&object->tlv, attr);
 }
 
-// What the library prints while `work` runs.
+// What the library prints, and flushes, while `work` runs.
 template <class Work> std::string printed(Work work)
 {
     testing::internal::CaptureStdout();
     work();
+    EXPECT_EQ(__fpending(stdout), 0U) << "not flushed";
     return testing::internal::GetCapturedStdout();
 }
