@@ -30,18 +30,32 @@ int resolve(void *handle, uint32_t db, const ProtobufCMessage *record, target &o
     return foreign_key ? TQ_MOM_INVALID : TQ_MOM_OK;
 }
 
-// Runs `body` on what the arguments name; no exception leaves.
-template <typename Body> int call(void *handle, uint32_t db, const ProtobufCMessage *record, Body body) noexcept
+// Runs `body`; no exception leaves.
+template <typename Body> int guarded(Body body) noexcept
 {
     try {
-        target target{};
-        const int resolved = resolve(handle, db, record, target);
-        return resolved != TQ_MOM_OK ? resolved : body(target);
+        return body();
     } catch (const std::bad_alloc &) {
         return TQ_MOM_NO_MEMORY;
     } catch (...) {
         return TQ_MOM_STORE_ERROR;
     }
+}
+
+template <typename Body> int call_engine(void *handle, Body body) noexcept
+{
+    auto *client = handle == nullptr ? nullptr : static_cast<tq_context *>(handle)->mom;
+    return client == nullptr ? TQ_MOM_INVALID : guarded([&] { return static_cast<int>(body(*client->engine)); });
+}
+
+// Runs `body` on what the arguments name.
+template <typename Body> int call(void *handle, uint32_t db, const ProtobufCMessage *record, Body body) noexcept
+{
+    return guarded([&]() -> int {
+        target target{};
+        const int resolved = resolve(handle, db, record, target);
+        return resolved != TQ_MOM_OK ? resolved : body(target);
+    });
 }
 
 template <typename Body>
@@ -135,24 +149,22 @@ void tq_mom_client::notify(const listener &to, const record_type &type, std::str
 
 int tq_mom_client_connect_sync(void *handle, uint32_t)
 {
-    if (handle == nullptr || static_cast<tq_context *>(handle)->mom == nullptr)
-        return TQ_MOM_INVALID;
-    try {
-        return static_cast<tq_context *>(handle)->mom->engine->connect();
-    } catch (...) {
-        return TQ_MOM_NO_MEMORY;
-    }
+    return call_engine(handle, [](engine &engine) { return engine.connect(); });
 }
 
 int tq_mom_state_get(void *handle, uint32_t, int)
 {
-    if (handle == nullptr || static_cast<tq_context *>(handle)->mom == nullptr)
-        return TQ_MOM_INVALID;
-    try {
-        return static_cast<tq_context *>(handle)->mom->engine->state();
-    } catch (...) {
-        return TQ_MOM_NO_MEMORY;
-    }
+    return call_engine(handle, [](engine &engine) { return engine.state(); });
+}
+
+int tq_mom_batch_begin(void *handle)
+{
+    return call_engine(handle, [](engine &engine) { return engine.begin_batch(), TQ_MOM_OK; });
+}
+
+int tq_mom_batch_end(void *handle)
+{
+    return call_engine(handle, [](engine &engine) { return engine.end_batch(); });
 }
 
 int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields, uint32_t count)

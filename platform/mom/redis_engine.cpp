@@ -5,6 +5,7 @@
 #include "report.hpp"
 
 #include <random>
+#include <utility>
 
 namespace mom {
 namespace {
@@ -76,14 +77,46 @@ void redis_engine::forget_watches()
         table.watched = false;
 }
 
+// Whatever is about to be asked, what was collected goes first.
 int redis_engine::ask(const std::function<void(command_buffer &)> &build)
 {
     const int result = ready();
     if (result != TQ_MOM_OK)
         return result;
+    flush_batch();
     commands_.clear();
     build(commands_);
     return link_.exchange(commands_);
+}
+
+// Sends a script call, or collects it.
+int redis_engine::submit(redis_script &script, const std::function<void(command_buffer &)> &build)
+{
+    if (!batching_)
+        return run(script, build);
+    int result = ready();
+    if (result == TQ_MOM_OK && script.digest().empty())
+        result = script.load(link_);
+    if (result != TQ_MOM_OK)
+        return result;
+    build(batch_.next());
+    return batch_.full() ? flush_batch() : TQ_MOM_OK;
+}
+
+int redis_engine::flush_batch()
+{
+    if (batch_.empty())
+        return TQ_MOM_OK;
+    const int result = batch_.send(link_, scripts_);
+    batch_result_ = batch_result_ == TQ_MOM_OK ? result : batch_result_;
+    return result;
+}
+
+int redis_engine::end_batch()
+{
+    batching_ = false;
+    flush_batch();
+    return std::exchange(batch_result_, TQ_MOM_OK);
 }
 
 int redis_engine::run(redis_script &script, const std::function<void(command_buffer &)> &build)
@@ -179,7 +212,8 @@ int redis_engine::write(table_ref ref, std::string_view key, const encoded_field
         if (result != TQ_MOM_OK)
             return result;
         const bool whole = mode == write_mode::replace || fields.values.size() == table.fields.size();
-        result = whole ? write_by_transaction(table, key, fields, mode) : write_by_script(table, key, fields, mode);
+        result = whole && !batching_ ? write_by_transaction(table, key, fields, mode)
+                                     : write_by_script(table, key, fields, mode);
         if (result != conflict)
             return result;
         forget_watches();
@@ -242,7 +276,7 @@ int redis_engine::write_by_script(redis_table &table, std::string_view key, cons
                                   write_mode mode)
 {
     record_key_.assign(table.prefix).append(key);
-    const int result = run(scripts_.write, [&](command_buffer &commands) {
+    const int result = submit(scripts_.write, [&](command_buffer &commands) {
         scripts_.write.begin(commands, 4, 6 + 2 * fields.values.size());
         commands.add(record_key_).add(table.index).add(table.log).add(table.meta);
         commands.add(key).add(writer_).add(log_limit_);
@@ -250,6 +284,8 @@ int redis_engine::write_by_script(redis_table &table, std::string_view key, cons
         for (const auto &field : fields.values)
             commands.add(field.number).add(field.bytes);
     });
+    if (batching_)
+        return result;
     const auto reply = link_.has_replies() ? link_.replies().text() : std::string_view{};
     return result == TQ_MOM_STORE_ERROR && reply.starts_with("NOMETA") ? conflict : result;
 }
@@ -257,7 +293,7 @@ int redis_engine::write_by_script(redis_table &table, std::string_view key, cons
 int redis_engine::remove(table_ref ref, std::string_view key)
 {
     auto &table = table_of(ref);
-    return run(scripts_.remove, [&](command_buffer &commands) {
+    return submit(scripts_.remove, [&](command_buffer &commands) {
         scripts_.remove.begin(commands, 3, 3);
         commands.add(table.record(key)).add(table.index).add(table.log);
         commands.add(key).add(writer_).add(log_limit_);

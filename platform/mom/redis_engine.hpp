@@ -11,6 +11,7 @@
 
 #include "engine.hpp"
 #include "marks.hpp"
+#include "redis_batch.hpp"
 #include "redis_scripts.hpp"
 #include "redis_table.hpp"
 
@@ -29,6 +30,8 @@ class redis_engine final : public engine {
     int state() override { return link_.connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
     int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref ref, std::string_view key) override;
+    void begin_batch() override { batching_ = true; }
+    int end_batch() override;
     int read(table_ref ref, std::string_view key, record_sink &sink) override;
     int scan(table_ref ref, const key_range &range, record_sink &sink) override;
     int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
@@ -60,8 +63,9 @@ class redis_engine final : public engine {
     int judge_transaction(redis_table &table, std::string_view key, size_t queued);
     int write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
     int run(redis_script &script, const std::function<void(command_buffer &)> &build);
+    int submit(redis_script &script, const std::function<void(command_buffer &)> &build);
+    int flush_batch();
     int undo(redis_table &table, std::string_view key);
-    void add_log_arguments(std::string_view key);
     int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
     int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
     int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
@@ -70,6 +74,9 @@ class redis_engine final : public engine {
     redis_link link_;
     redis_scripts scripts_;
     command_buffer commands_;
+    bool batching_ = false;
+    command_batch batch_;
+    int batch_result_ = 0;  ///< the first failure so far
     std::string writer_;    ///< this handle's name in the log
     std::string log_limit_; ///< changes kept per table
     std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;

@@ -424,8 +424,28 @@ TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
         EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 1)));
         EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, psta_record("a", 1, 1), 1, 10));
         EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context, 8, psta_record("a", 1, 1), 1, 1000));
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(context));
+        for (uint64_t sn = 1; sn <= 20; ++sn)
+            EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, sn, sn)));
+        server.run({"SCRIPT", "FLUSH"});
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+        EXPECT_EQ(20u, stored(context).size());
         server.run({"SCRIPT", "FLUSH"});
     }
+}
+
+TEST_F(faults, a_batch_reports_its_first_failure)
+{
+    server.start({"--appendfsync", "no"});
+    auto *application = open("", "plx-application");
+    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 1, 1)));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 2, 2)));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application));
+    EXPECT_EQ(2u, stored(application).size());
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application));
 }
 
 } // namespace

@@ -356,4 +356,23 @@ TEST_P(records, a_scan_goes_on_while_its_callback_writes_and_deletes)
     EXPECT_EQ(3000u, scan(context, ace_record("b", 0, 0), 1).size());
 }
 
+TEST_P(records, a_batch_is_in_the_store_at_its_end_and_before_any_read)
+{
+    auto *context = open();
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(context));
+    for (uint64_t sn = 1; sn <= 1000; ++sn) {
+        ASSERT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, sn, sn)));
+        ASSERT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, sn, sn)));
+    }
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 7)));
+    EXPECT_EQ(nullptr, read(context, psta_record("a", 1, 7))->record);
+    EXPECT_NE(nullptr, read(context, psta_record("a", 1, 8))->record);
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 8)));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+    EXPECT_EQ(1000u, scan(context, ace_record("a", 0, 0), 1).size());
+    EXPECT_EQ(998u, scan(context, psta_record("a", 0, 0), 1).size());
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+    EXPECT_EQ(TQ_MOM_INVALID, tq_mom_batch_begin(nullptr));
+}
+
 } // namespace
