@@ -12,13 +12,15 @@ application_context context{&app, &master};
 using fake::format;
 using fake::hex;
 
-static int32_t heard(void *ctx, std::string event)
+// What a callback was told, which must stay as it is until the callback returns, whatever it does.
+template <class Told> static int32_t heard(void *ctx, Told told)
 {
-    if (ctx != &context)
-        event += " WRONG CONTEXT";
+    const std::string event = told() + (ctx == &context ? "" : " WRONG CONTEXT");
     app.events.push_back(event);
-    if (app.on_event)
+    if (app.on_event) {
         app.on_event(event);
+        EXPECT_EQ(event.find(told()), 0U);
+    }
     return app.result;
 }
 
@@ -51,53 +53,58 @@ fp_udp_acl_handler application::handler()
 {
     fp_udp_acl_handler h{};
     h.set_acl_ok_cb = [](void *c, const fp_udp_acl *acl, const uint8_t *priv) {
-        return heard(c, format("acl ok %s/%u/%u", acl->app_type, acl->acl_id, acl->acl_cls) + priv32(priv) +
-                            (priv == acl->priv ? "" : " WRONG PRIV"));
+        return heard(c, [&] {
+            return format("acl ok %s/%u/%u", acl->app_type, acl->acl_id, acl->acl_cls) + priv32(priv) +
+                   (priv == acl->priv ? "" : " WRONG PRIV");
+        });
     };
     h.set_acl_fail_cb = [](void *c, const fp_udp_acl *acl, int32_t code, const uint8_t *priv) {
-        return heard(c, format("acl fail %s/%u %d", acl->app_type, acl->acl_id, code) + priv32(priv));
+        return heard(c, [&] { return format("acl fail %s/%u %d", acl->app_type, acl->acl_id, code) + priv32(priv); });
     };
     h.ace_reply_ok_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, const uint8_t *priv) {
-        return heard(c, "ace ok " + entry(acl, sn) + priv32(priv));
+        return heard(c, [&] { return "ace ok " + entry(acl, sn) + priv32(priv); });
     };
     h.ace_fail_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *priv) {
-        return heard(c, "ace fail " + entry(acl, sn) + format(" %d", status) + priv32(priv));
+        return heard(c, [&] { return "ace fail " + entry(acl, sn) + format(" %d", status) + priv32(priv); });
     };
     h.apply_reply_ok_cb = [](void *c, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, const uint8_t *priv) {
-        return heard(c, "apply ok " + binding(acl, apply) + priv32(priv));
+        return heard(c, [&] { return "apply ok " + binding(acl, apply) + priv32(priv); });
     };
     h.apply_fail_cb = [](void *c, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, int32_t status,
                          const uint8_t *priv) {
-        return heard(c, "apply fail " + binding(acl, apply) + format(" %d", status) + priv32(priv));
+        return heard(c, [&] { return "apply fail " + binding(acl, apply) + format(" %d", status) + priv32(priv); });
     };
     h.reserved_6 = [] { abort(); };
     h.reserved_7 = [] { abort(); };
-    h.port_disable_ok_cb = [](void *c, uint32_t phyid) { return heard(c, format("port ok %x", phyid)); };
+    h.port_disable_ok_cb = [](void *c, uint32_t phyid) {
+        return heard(c, [&] { return format("port ok %x", phyid); });
+    };
     h.port_disable_fail_cb = [](void *c, uint32_t phyid, int32_t code) {
-        return heard(c, format("port fail %x %d", phyid, code));
+        return heard(c, [&] { return format("port fail %x %d", phyid, code); });
     };
     h.ace_counter_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, const fp_udp_ace_counter *counter) {
-        const auto *v = reinterpret_cast<const uint64_t *>(counter);
-        std::string text = "counter " + entry(acl, sn);
-        for (int i = 0; i < 6; i++)
-            text += " " + std::to_string(v[i]);
-        return heard(c, text);
+        return heard(c, [&] {
+            std::string text = "counter " + entry(acl, sn);
+            for (size_t i = 0; i < sizeof *counter / sizeof(uint64_t); i++)
+                text += " " + std::to_string(reinterpret_cast<const uint64_t *>(counter)[i]);
+            return text;
+        });
     };
-    h.svi_router_ok_cb = [](void *c, const uint8_t *priv) { return heard(c, "svi ok" + priv8(priv)); };
+    h.svi_router_ok_cb = [](void *c, const uint8_t *priv) { return heard(c, [&] { return "svi ok" + priv8(priv); }); };
     h.svi_router_fail_cb = [](void *c, int32_t code, const uint8_t *priv) {
-        return heard(c, format("svi fail %d", code) + priv8(priv));
+        return heard(c, [&] { return format("svi fail %d", code) + priv8(priv); });
     };
     h.uplink_ok_cb = [](void *c, uint32_t phyid, uint32_t type, const uint8_t *priv) {
-        return heard(c, format("uplink ok %x %u", phyid, type) + priv8(priv));
+        return heard(c, [&] { return format("uplink ok %x %u", phyid, type) + priv8(priv); });
     };
     h.uplink_fail_cb = [](void *c, uint32_t phyid, uint32_t type, int32_t code, const uint8_t *priv) {
-        return heard(c, format("uplink fail %x %u %d", phyid, type, code) + priv8(priv));
+        return heard(c, [&] { return format("uplink fail %x %u %d", phyid, type, code) + priv8(priv); });
     };
     h.acl_change_cb = [](void *c, const fp_udp_acl_info *acl, int32_t kind) {
-        return heard(c, "acl change " + of(acl) + format(" %d", kind));
+        return heard(c, [&] { return "acl change " + of(acl) + format(" %d", kind); });
     };
     h.ace_change_cb = [](void *c, const fp_udp_acl_info *acl, uint64_t sn, int32_t kind) {
-        return heard(c, "ace change " + entry(acl, sn) + format(" %d", kind));
+        return heard(c, [&] { return "ace change " + entry(acl, sn) + format(" %d", kind); });
     };
     return h;
 }
