@@ -1,4 +1,4 @@
-// See attribute_value.hpp. Each form has a parser that appends the value's bytes; encode() puts value and mask together.
+// See attribute_value.hpp. Each form has a parser that appends the value's bytes; encode() joins value and mask.
 #include "attribute_value.hpp"
 
 #include "document.hpp"

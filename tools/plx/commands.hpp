@@ -17,6 +17,9 @@ enum ExitCode : int {
 };
 
 void add_apply_command(CLI::App &app, int &exit_code);
+void add_monitor_command(CLI::App &app, int &exit_code);
+void add_node_command(CLI::App &app, int &exit_code);
 void add_shell_command(CLI::App &app, int &exit_code);
+void add_show_command(CLI::App &app, int &exit_code);
 
 } // namespace plx::tool

@@ -14,6 +14,9 @@ int run(int argc, char **argv)
 
     int exit_code = plx::tool::EXIT_DONE;
     plx::tool::add_apply_command(app, exit_code);
+    plx::tool::add_node_command(app, exit_code);
+    plx::tool::add_show_command(app, exit_code);
+    plx::tool::add_monitor_command(app, exit_code);
     plx::tool::add_shell_command(app, exit_code);
 
     try {

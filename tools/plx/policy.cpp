@@ -139,9 +139,8 @@ void Reader::unknown_key(const Part &key, std::string_view what, const std::vect
 {
     if (key.kind != Part::Kind::scalar)
         return errors_.add(key.at, wrong_kind("a key", "a plain value", key));
-    std::vector<std::string_view> names;
-    for (const Field &field : fields)
-        names.push_back(field.name);
+    std::vector<std::string_view> names(fields.size());
+    std::transform(fields.begin(), fields.end(), names.begin(), [](const Field &field) { return field.name; });
     const std::string_view close = nearest(key.text, names);
     errors_.add(key.at, std::string(what) + " has no key " + quoted(key.text) +
                             (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));

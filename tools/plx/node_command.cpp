@@ -1,0 +1,150 @@
+// `plx node`: a service node as a daemon, over a simulated forwarding plane.
+//
+// It starts before or after the store, waits for it, and says so. On SIGTERM or SIGINT it takes its record out of the store and ends.
+#include "commands.hpp"
+#include "plane/node.hpp"
+#include "plane/simulated.hpp"
+#include "signals.hpp"
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <plx/s_policy.pb-c.h>
+#include <systemd/sd-daemon.h>
+
+namespace plx::tool {
+
+namespace {
+
+using plane::milliseconds;
+
+struct NodeCommandOptions {
+    std::string store = "unix:/run/plx/store.sock";
+    std::string plane = "sim";
+    plane::NodeOptions node;
+    size_t table_size = plane::SimulatedOptions().table_size;
+    std::vector<std::string> simulate;
+};
+
+class NodeRun {
+  public:
+    explicit NodeRun(const NodeCommandOptions &options) : options_(options) {}
+    int run();
+
+  private:
+    bool make_plane();
+    bool start(StopOnSignal &stop);
+    void retire();
+    void log(const std::string &text) const;
+
+    const NodeCommandOptions &options_;
+    std::unique_ptr<tq_thread_master, decltype(&tq_loop_free)> loop_{nullptr, &tq_loop_free};
+    std::optional<plane::SimulatedPlane> plane_;
+    std::optional<plane::Node> node_;
+};
+
+void NodeRun::log(const std::string &text) const
+{
+    const auto &id = options_.node;
+    std::cerr << "plx node " << id.dev << '/' << id.slot << '/' << id.id << ": " << text << std::endl;
+}
+
+bool NodeRun::make_plane()
+{
+    plane::SimulatedOptions simulated;
+    simulated.table_size = options_.table_size;
+    for (const std::string &text : options_.simulate) {
+        if (simulated.add(text))
+            continue;
+        log("--simulate: '" + text + "' is not understood; see plx node --help");
+        return false;
+    }
+    plane_.emplace(std::move(simulated));
+    return true;
+}
+
+int NodeRun::run()
+{
+    loop_.reset(tq_loop_new());
+    if (loop_ == nullptr)
+        throw std::runtime_error("cannot make an event loop");
+    if (!make_plane() || plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get())) == nullptr) {
+        if (plane_)
+            log("'" + options_.store + "' is not the address of a store");
+        return EXIT_USAGE;
+    }
+    StopOnSignal stop(loop_.get());
+    if (start(stop)) {
+        log("ready");
+        sd_notify(0, "READY=1");
+        tq_loop_run(loop_.get());
+        sd_notify(0, "STOPPING=1");
+        retire();
+    }
+    log("ended");
+    return EXIT_DONE;
+}
+
+// Tries until the store answers; false when the process is asked to end before that.
+bool NodeRun::start(StopOnSignal &stop)
+{
+    constexpr milliseconds between_tries{500};
+    int told = 0;
+    while (!stop.asked()) {
+        node_.emplace(plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get())), *plane_, options_.node);
+        const int result = node_->start();
+        if (result == 0)
+            return true;
+        node_.reset();
+        if (result != told)
+            log("waiting for the store: " + std::string(tq_mom_strerror(result)));
+        told = result;
+        const milliseconds next = plane::now() + between_tries;
+        while (!stop.asked() && plane::now() < next)
+            tq_loop_run_once(loop_.get(), static_cast<int>((next - plane::now()).count()));
+    }
+    return false;
+}
+
+// Without its record, those who come later do not wait for this node.
+void NodeRun::retire()
+{
+    node_.reset();
+    const plane::Context context(tq_context_new_on(options_.store.c_str(), loop_.get()));
+    plane::Record record(s_policy__service_node__descriptor);
+    record.set_key_number(0, options_.node.dev);
+    record.set_key_number(1, options_.node.slot);
+    record.set_key_number(2, options_.node.id);
+    if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record.message()); result != 0)
+        log(std::string("its record stays in the store: ") + tq_mom_strerror(result));
+}
+
+} // namespace
+
+void add_node_command(CLI::App &app, int &exit_code)
+{
+    const auto options = std::make_shared<NodeCommandOptions>();
+    CLI::App *command =
+        app.add_subcommand("node", "Run a service node: take up what the store asks for, program it, and answer.");
+    command->add_option("--store", options->store, "address of the store: unix:/path, redis://host:port")
+        ->envname("PLX_STORE")
+        ->capture_default_str();
+    command->add_option("--db", options->node.db, "number of the policy database")->capture_default_str();
+    command->add_option("--dev", options->node.dev, "device number")->capture_default_str();
+    command->add_option("--slot", options->node.slot, "slot number")->capture_default_str();
+    command->add_option("--id", options->node.id, "number of the service on its slot")->capture_default_str();
+    command->add_option("--plane", options->plane, "forwarding plane behind the node: sim")
+        ->check(CLI::IsMember({"sim"}))
+        ->capture_default_str();
+    command->add_option("--table-size", options->table_size, "room of the simulated plane in entries")
+        ->capture_default_str();
+    command->add_option("--simulate", options->simulate, "how the simulated plane behaves; see below")
+        ->allow_extra_args(false);
+    command->footer("Behaviour of the simulated plane (--simulate), any number of:\n"
+                    "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
+                    "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
+                    "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
+    command->callback([options, &exit_code] { exit_code = NodeRun(*options).run(); });
+}
+
+} // namespace plx::tool
