@@ -90,10 +90,12 @@ int redis_connection::send(std::string_view bytes, steady_time deadline)
     return TQ_MOM_OK;
 }
 
+constexpr size_t read_size = 16384;
+
 // What recv() returned, with the bytes handed to the parser: 0 at the end of the stream, -1 when nothing is there.
 ssize_t redis_connection::read_once()
 {
-    std::array<char, 16 * 1024> buffer;
+    std::array<char, read_size> buffer;
     const ssize_t size = recv(context_->fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size < 0)
         return errno == EAGAIN || errno == EINTR ? -1 : 0;
@@ -155,7 +157,7 @@ int redis_connection::exchange(const command_buffer &commands)
 bool redis_connection::take_in()
 {
     ssize_t size = read_once();
-    while (size == 16 * 1024) // a whole buffer: there may be more
+    while (size == ssize_t{read_size}) // a whole buffer: there may be more
         size = read_once();
     return size != 0;
 }
