@@ -114,7 +114,7 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
         return;
     char time[30] = "";
     tq_time_2_string(time, sizeof time);
-    Row row = {{"time", time}, {"event", event_name(change.event)}, {"table", feed.table->name}};
+    Row row = {{"time", time}, {"event", event_name(change.event)}, {"table", table_name(*feed.table)}};
     row.update(row_of(change.record, change.event != TQ_MOM_EVENT_DELETED));
     if (change.event == TQ_MOM_EVENT_STATUS && change.record != nullptr)
         row["outcome"] = plane::status_text(static_cast<int32_t>(plane::number_field(change.record, "p_status")));

@@ -212,6 +212,12 @@ bool RecordOptions::take(const ProtobufCMessage *record) const
            (!by_sn || (key_number(*key, "sn", has) == sn && has));
 }
 
+std::string table_name(const ProtobufCMessageDescriptor &table)
+{
+    const std::string name = table.name;
+    return name.substr(name.rfind('.') + 1);
+}
+
 Row row_of(const ProtobufCMessage *record, bool with_values)
 {
     Row row = Row::object();

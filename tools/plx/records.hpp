@@ -40,6 +40,9 @@ struct RecordOptions {
     bool take(const ProtobufCMessage *record) const;
 };
 
+// A table's name without its package: "port_off".
+std::string table_name(const ProtobufCMessageDescriptor &table);
+
 // The key's fields, then the values; packed attributes are spelled out. A deletion has its key alone.
 Row row_of(const ProtobufCMessage *record, bool with_values = true);
 

@@ -32,7 +32,7 @@ class ShowRun {
     const Kind &kind_;
     const RecordOptions &options_;
     plane::Context context_;
-    const char *table_ = ""; // the one that is being read
+    std::string table_; // the one that is being read
     std::map<plane::Key, Status> statuses_;
     std::vector<Row> rows_;
     uint64_t unreadable_ = 0;
@@ -59,7 +59,7 @@ int ShowRun::run()
 
 int ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry)
 {
-    table_ = table.short_name;
+    table_ = table_name(table);
     const plane::Record whole(table);
     return tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, on_entry, this);
 }
