@@ -127,11 +127,11 @@ int32_t event_of(const record_type &type, change_kind kind)
 
 void subscription::deliver(const change &change)
 {
-    const tq_mom_notification told{event_of(type_, change.kind), nullptr, change.result, change.echo ? 1 : 0};
+    const tq_mom_notification told{event_of(*table_.type, change.kind), nullptr, change.result, change.echo ? 1 : 0};
     if (change.kind == change_kind::resync)
         to_.callback(to_.handle, &told, to_.arg);
     else
-        client_.notify(to_, type_, change.key, change.fields, told);
+        client_.notify(to_, *table_.type, change.key, change.fields, told);
 }
 
 void tq_mom_client::notify(const listener &to, const record_type &type, std::string_view key_text, field_values fields,
@@ -236,9 +236,13 @@ int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, 
 {
     if (cb == nullptr)
         return TQ_MOM_INVALID;
-    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) -> int {
         auto &client = *target.client;
-        auto added = std::make_unique<subscription>(client, *target.table.type, listener{handle, cb, arg});
+        const listener to{handle, cb, arg};
+        for (const auto &known : client.subscriptions)
+            if (known->is_for(target.table, range, to))
+                return TQ_MOM_OK;
+        auto added = std::make_unique<subscription>(client, target.table, range, to);
         client.subscriptions.push_back(std::move(added));
         const auto at = client.subscriptions.back().get();
         const int subscribed = client.engine->subscribe(target.table, range, *at);

@@ -17,19 +17,25 @@ struct listener {
     void *handle;
     tq_mom_callback callback;
     void *arg;
+    bool operator==(const listener &) const = default;
 };
 
 class subscription final : public change_sink {
   public:
-    subscription(tq_mom_client &client, const record_type &type, const listener &to)
-        : client_(client), type_(type), to_(to)
+    subscription(tq_mom_client &client, table_ref table, const key_range &range, const listener &to)
+        : client_(client), table_(table), range_(range), to_(to)
     {
     }
     void deliver(const change &change) override;
+    bool is_for(table_ref table, const key_range &range, const listener &to) const
+    {
+        return table_.db == table.db && table_.type == table.type && range_ == range && to_ == to;
+    }
 
   private:
     tq_mom_client &client_;
-    const record_type &type_;
+    table_ref table_;
+    key_range range_;
     listener to_;
 };
 

@@ -116,6 +116,17 @@ TEST_P(changes, a_change_carries_the_whole_record_as_it_was_then)
     EXPECT_EQ((std::vector<uint64_t>{7, 1, 1, 7, 1, 2, 0, 0, 0}), seen);
 }
 
+TEST_P(changes, subscribing_twice_does_not_tell_twice)
+{
+    auto *context = open();
+    hearing heard;
+    subscribe(context, heard, psta_record("a", 0, 0), 1);
+    subscribe(context, heard, psta_record("a", 0, 0), 1);
+    write_psta(context, 8, psta_record("a", 1, 1, 5));
+    settle(heard);
+    EXPECT_EQ(lines{"*1 a/1/1=5"}, heard.lines);
+}
+
 TEST_P(changes, deleting_what_is_not_there_is_no_change)
 {
     auto *context = open();
