@@ -53,7 +53,9 @@ int command_batch::send(redis_link &link, redis_scripts &scripts)
     const int exchanged = link.exchange(again);
     if (exchanged != TQ_MOM_OK)
         return exchanged;
-    for (auto reply = link.replies(); first == TQ_MOM_OK && !reply.at_end(); reply = reply.next())
+    reply_tape answers;
+    link.take_replies(answers); // judging one may drop the connection, and its tape with it
+    for (reply_view reply(answers, 0); first == TQ_MOM_OK && !reply.at_end(); reply = reply.next())
         first = link.judge(reply);
     return first;
 }

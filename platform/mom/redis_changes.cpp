@@ -3,6 +3,8 @@
 
 #include "report.hpp"
 
+#include <utility>
+
 namespace mom {
 namespace {
 
@@ -10,6 +12,7 @@ constexpr size_t identities_kept = 512;
 constexpr size_t queue_enough = 256; // as long as so much waits for delivery, nothing more is asked for
 constexpr unsigned entries_per_read = 128;
 constexpr std::chrono::milliseconds nudge_pause{2};
+constexpr std::chrono::milliseconds pace{1};
 
 timeval to_timeval(std::chrono::milliseconds time)
 {
@@ -28,6 +31,7 @@ redis_changes::~redis_changes()
     disconnect();
     tq_thread_cancel(reconnect_timer_);
     tq_thread_cancel(nudge_timer_);
+    tq_thread_cancel(pace_timer_);
 }
 
 int redis_changes::subscribe(redis_table &table, const key_range &range, change_sink &sink)
@@ -147,6 +151,30 @@ void redis_changes::request()
         return reconnect_in(std::chrono::milliseconds{0});
     outstanding_ = true;
     stale_ = false;
+    last_request_ = std::chrono::steady_clock::now();
+}
+
+void redis_changes::request_in_time()
+{
+    const bool answering = std::exchange(calls_seen_, engine_.calls()) != engine_.calls();
+    if (answering || std::chrono::steady_clock::now() - last_request_ >= pace)
+        return request();
+    if (pace_timer_ != nullptr)
+        return;
+    const auto interval = to_timeval(pace);
+    if (tq_thread_insert_timer_timeval(master_, &pace_timer_, on_pace, this, &interval, "tq_mom pace") != 0)
+        request();
+}
+
+int redis_changes::on_pace(tq_thread *timer)
+{
+    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
+    try {
+        self->request();
+    } catch (...) { // out of memory
+        self->reconnect_in(std::chrono::milliseconds{1000});
+    }
+    return 0;
 }
 
 // Makes the server answer an XREAD that lacks a new feed. It may not have read the XREAD yet: then again in a moment.
@@ -198,7 +226,6 @@ void redis_changes::take_in()
         return reconnect_in(std::chrono::milliseconds{50});
     connection_->tape().clear();
     entries_asked_ = std::min(entries_asked_ * 2, entries_per_read);
-    request();
     round();
 }
 

@@ -7,6 +7,9 @@
 // state is told to scan again, and of other tables the records whose stamp is beyond what was seen are delivered, in
 // the order of their writing.
 //
+// Who answers what it hears is asked for more at once; who only listens is asked at most once in a millisecond while
+// changes keep coming, so that a stream of writes is not slowed down by waking a reader for each of them.
+//
 // Entries go from the connection to a queue, and from there to callbacks in rounds of bounded size. Subscriptions and
 // feeds are only ever added, and walked by position: a callback may subscribe.
 #ifndef TQ_MOM_REDIS_CHANGES_HPP
@@ -65,10 +68,12 @@ class redis_changes {
     void disconnect();
     void reconnect_in(std::chrono::milliseconds pause);
     void request();
+    void request_in_time();
     void nudge();
     static void on_readable(tq_loop_watch *watch, int fd, int events, void *arg);
     static int on_reconnect(tq_thread *timer);
     static int on_nudge(tq_thread *timer);
+    static int on_pace(tq_thread *timer);
     void take_in();
     bool accept(reply_view reply);
     bool accept_stream(reply_view stream);
@@ -101,6 +106,9 @@ class redis_changes {
     bool stale_ = false;           ///< and lacks a feed that was added since
     tq_thread *reconnect_timer_ = nullptr;
     tq_thread *nudge_timer_ = nullptr;
+    tq_thread *pace_timer_ = nullptr;
+    steady_time last_request_{};
+    uint64_t calls_seen_ = 0; ///< how often the engine had been called when it was last decided when to ask
     std::unique_ptr<loop_bell> bell_;
     command_buffer commands_;
     std::vector<std::unique_ptr<feed>> feeds_;

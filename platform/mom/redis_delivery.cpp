@@ -46,7 +46,7 @@ void redis_changes::round()
     delivering_ = false;
     if (!queue_.empty() || recovering)
         bell_->ring();
-    request();
+    request_in_time();
 }
 
 bool redis_changes::deliver_next()

@@ -62,6 +62,7 @@ redis_table &redis_engine::table_of(table_ref ref)
 
 int redis_engine::ready()
 {
+    ++calls_;
     const int result = link_.ensure();
     if (result == TQ_MOM_OK && generation_ != link_.generation()) {
         generation_ = link_.generation();

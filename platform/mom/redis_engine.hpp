@@ -41,6 +41,8 @@ class redis_engine final : public engine {
     // For the reader of changes, which asks its questions on the connection for calls.
     redis_link &link() { return link_; }
     bool is_own(std::string_view writer) const { return writer == writer_; }
+    /// Goes up with each call that reads or writes.
+    uint64_t calls() const { return calls_; }
     int position(const redis_table &table, log_position &out);
     /// Sends what `build` puts into the buffer, after connecting if need be.
     int ask(const std::function<void(command_buffer &)> &build);
@@ -74,6 +76,7 @@ class redis_engine final : public engine {
     redis_link link_;
     redis_scripts scripts_;
     command_buffer commands_;
+    uint64_t calls_ = 0;
     bool batching_ = false;
     command_batch batch_;
     int batch_result_ = 0;  ///< the first failure so far
