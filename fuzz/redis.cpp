@@ -10,6 +10,9 @@
 #include <tq_zlog.h>
 
 #include <cerrno>
+#include <dlfcn.h>
+#include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -165,7 +168,7 @@ const expected shapes[] = {
      }},
     {"SENTINEL",
      [] {
-         return array({bulk("host"), bulk(any_number())});
+         return array({bulk("127.0.0.1"), bulk(any_number())});
      }},
 };
 
@@ -271,6 +274,22 @@ ssize_t send(int fd, const void *bytes, size_t size, int)
     return -1;
 }
 
+// The pair of sockets knows no TCP.
+int setsockopt(int fd, int level, int name, const void *value, socklen_t size) noexcept
+{
+    static const auto real = reinterpret_cast<decltype(&setsockopt)>(dlsym(RTLD_NEXT, "setsockopt"));
+    return level == IPPROTO_TCP ? 0 : real(fd, level, name, value, size);
+}
+
+// A server may name any host: nobody is asked for its address.
+int getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **found)
+{
+    static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    addrinfo numeric = *hints;
+    numeric.ai_flags |= AI_NUMERICHOST;
+    return real(host, service, &numeric, found);
+}
+
 // The log is of no interest.
 void *tq_zlog_init(const char *)
 {
@@ -328,7 +347,7 @@ void step()
     const ProtobufCMessage *kinds[] = {&all.ace.base, &all.status.base, &all.node.base};
     const ProtobufCMessage *record = script->pick(kinds);
     const uint32_t fields[] = {6, 7};
-    switch (script->below(9)) {
+    switch (script->below(11)) {
     case 0:
         tq_mom_hmset_sync(application, 5, record, fields, record == &all.node.base ? 0 : 2);
         break;
@@ -353,9 +372,15 @@ void step()
     case 7:
         tq_mom_dsend_sync(application, 5, record, 0, 10);
         break;
+    case 8:
+        tq_mom_batch_begin(application);
+        break;
+    case 9:
+        tq_mom_batch_end(application);
+        break;
     default:
-        if (depth == 0)
-            tq_loop_run_once(application->master, 0);
+        if (depth == 0) // now and then long enough for another attempt to connect
+            tq_loop_run_once(application->master, script->below(8) == 7 ? 2 : 0);
     }
 }
 
