@@ -43,6 +43,7 @@ class redis_engine final : public engine {
     bool is_own(std::string_view writer) const { return writer == writer_; }
     /// Goes up with each call that reads or writes.
     uint64_t calls() const { return calls_; }
+    bool batching() const { return batching_; }
     int position(const redis_table &table, log_position &out);
     /// Sends what `build` puts into the buffer, after connecting if need be.
     int ask(const std::function<void(command_buffer &)> &build);
