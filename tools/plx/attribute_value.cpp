@@ -250,7 +250,7 @@ Failure put_prefix(const Form &form, std::string_view text, Bytes &out)
         return quoted(text) + " is not a prefix length: 0 to " + std::to_string(form.bits);
     for (uint64_t byte = 0; byte < form.bytes(); ++byte) {
         const uint64_t left = length > 8 * byte ? length - 8 * byte : 0;
-        out.push_back(left >= 8 ? 0xff : static_cast<uint8_t>(0xff00U >> left));
+        out.push_back(static_cast<uint8_t>(left >= 8 ? 0xffU : 0xff00U >> left));
     }
     return std::nullopt;
 }
