@@ -298,7 +298,7 @@ int redis_changes::settle(feed &of)
     const int asked = engine_.position(of.table, now);
     if (asked != TQ_MOM_OK)
         return asked;
-    if (of.epoch.empty() && of.cursor == 0) // nothing had been written then: nothing can be lost
+    if (of.epoch.empty()) // subscribed before the table's first write: the entries tell whether it is that history
         of.epoch = now.epoch;
     uint64_t common = 0;
     if (of.epoch == now.epoch) {

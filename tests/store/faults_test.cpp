@@ -6,13 +6,33 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <random>
 #include <thread>
+#include <tq_zlog.h>
 
 namespace fs = std::filesystem;
 using lines = std::vector<std::string>;
+
+namespace {
+
+lines log_lines; // what the client told the system log
+
+} // namespace
+
+// Comes before the logging library's own.
+void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int, const char *format, ...)
+{
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    log_lines.emplace_back(line);
+}
 
 namespace {
 
@@ -131,6 +151,22 @@ TEST_F(faults, a_server_killed_under_load_loses_nothing_and_tells_each_change_on
     EXPECT_TRUE(std::is_sorted(heard.begin(), heard.end(), std::less_equal<>{})) << "a change was told twice";
     EXPECT_TRUE(std::includes(heard.begin(), heard.end(), work.requests.begin(), work.requests.end()));
     EXPECT_GT(work.requests.size(), 20u);
+}
+
+TEST_F(faults, a_server_that_came_back_with_its_data_goes_on_where_it_was)
+{
+    server.start();
+    auto *writer = open();
+    auto *listener = open();
+    hearing heard;
+    subscribe(listener, heard, ace_record("a", 0, 0));
+    for (uint64_t sn = 1; sn <= 3; ++sn) {
+        until_ok([&] { return write_ace(writer, 8, ace_record("a", 1, sn, sn)); });
+        wait_for([&] { return heard.lines.size() >= sn; });
+        server.crash();
+        server.start();
+    }
+    EXPECT_EQ((lines{"4 a/1/1=1", "4 a/1/2=2", "4 a/1/3=3"}), heard.lines);
 }
 
 TEST_F(faults, a_server_that_came_back_empty_makes_subscribers_start_over)
@@ -446,6 +482,72 @@ TEST_F(faults, a_batch_reports_its_first_failure)
     EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application));
     EXPECT_EQ(2u, stored(application).size());
     EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application));
+}
+
+TEST_F(faults, a_failover_is_followed)
+{
+    const uint16_t first_port = redis_server::free_port();
+    const uint16_t second_port = redis_server::free_port();
+    const uint16_t sentinel_port = redis_server::free_port();
+    const auto options = [](uint16_t port) {
+        return lines{"--port",
+                     std::to_string(port),
+                     "--bind",
+                     "127.0.0.1",
+                     "--appendfsync",
+                     "no",
+                     "--masteruser",
+                     "plx-operator",
+                     "--masterauth",
+                     "change-me-operator",
+                     "--repl-diskless-sync-delay",
+                     "0"};
+    };
+    redis_server second, sentinel;
+    server.start(options(first_port));
+    second.start(options(second_port));
+    second.run({"REPLICAOF", "127.0.0.1", std::to_string(first_port)});
+    wait_for([&] { return second.run({"INFO", "replication"}).find("master_link_status:up") != std::string::npos; });
+    sentinel.start_sentinel(sentinel_port, first_port);
+    auto *context =
+        open_at("sentinel://127.0.0.1:" + std::to_string(sentinel_port) + "/policy?" + server.credentials("suite"));
+    hearing heard;
+    subscribe(context, heard, ace_record("a", 0, 0));
+    ASSERT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 1, 1)));
+    wait_for([&] {
+        return sentinel.run({"SENTINEL", "REPLICAS", "policy"}).find(std::to_string(second_port)) != std::string::npos;
+    });
+    wait_for([&] { return second.run({"EXISTS", key("a,a1,a1")}) == "1" && heard.lines.size() == 1; });
+    server.crash();
+    until_ok([&] { return write_ace(context, 8, ace_record("a", 1, 2, 2)); });
+    wait_for([&] { return heard.lines.size() == 2; });
+    EXPECT_EQ((lines{"*4 a/1/1=1", "*4 a/1/2=2"}), heard.lines);
+    EXPECT_EQ("1", second.run({"EXISTS", key("a,a1,a2")}));
+}
+
+TEST_F(faults, a_server_that_may_lose_policy_is_warned_about_once)
+{
+    const uint16_t port = redis_server::free_port();
+    const std::string number = std::to_string(port);
+    server.start({"--appendonly", "no", "--port", number, "--bind", "127.0.0.1", "--maxmemory", "100mb",
+                  "--maxmemory-policy", "allkeys-lru"});
+    server.run({"ACL", "SETUSER", "default", "on", "nopass"});
+    log_lines.clear();
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open_at("redis://127.0.0.1:" + number), 8));
+    ASSERT_EQ(3u, log_lines.size());
+    for (const char *part : {"appendonly no", "noeviction", "set a password"})
+        EXPECT_EQ(1, std::count_if(log_lines.begin(), log_lines.end(),
+                                   [part](const auto &line) { return line.find(part) != std::string::npos; }))
+            << part;
+}
+
+TEST_F(faults, a_server_as_it_is_shipped_needs_no_warning)
+{
+    server.start();
+    log_lines.clear();
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open(), 8));
+    EXPECT_EQ(lines{}, log_lines);
 }
 
 } // namespace

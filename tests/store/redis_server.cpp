@@ -9,8 +9,10 @@
 #include <fstream>
 #include <hiredis/hiredis.h>
 #include <memory>
+#include <netinet/in.h>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -100,6 +102,36 @@ void redis_server::start(const std::vector<std::string> &options, const std::str
 {
     std::vector<std::string> words = {"redis-server", directory_ + "/conf"};
     words.insert(words.end(), options.begin(), options.end());
+    launch(std::move(words), answer);
+}
+
+void redis_server::start_sentinel(uint16_t port, uint16_t master)
+{
+    const std::string file = directory_ + "/sentinel.conf";
+    std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory_ << "\nunixsocket " << socket_
+                        << "\nlogfile " << directory_ << "/log\nsentinel monitor policy 127.0.0.1 " << master
+                        << " 1\nsentinel auth-user policy plx-operator\nsentinel auth-pass policy change-me-operator\n"
+                        << "sentinel down-after-milliseconds policy 300\nsentinel failover-timeout policy 2000\n";
+    launch({"redis-server", file, "--sentinel"}, "PONG");
+}
+
+uint16_t redis_server::free_port()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    const bool bound = bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0;
+    close(fd);
+    if (!bound)
+        throw std::runtime_error("no free port");
+    return ntohs(address.sin_port);
+}
+
+void redis_server::launch(std::vector<std::string> words, const std::string &answer)
+{
     std::vector<char *> arguments;
     for (auto &word : words)
         arguments.push_back(word.data());
@@ -156,8 +188,13 @@ void redis_server::erase_data()
 
 std::string redis_server::url(const std::string &user, const std::string &options) const
 {
+    return "unix:" + socket_ + "?" + credentials(user) + (options.empty() ? "" : "&" + options);
+}
+
+std::string redis_server::credentials(const std::string &user) const
+{
     const std::string password = user == "suite" ? "suite" : "change-me-" + user.substr(user.find('-') + 1);
-    std::ofstream(directory_ + "/" + user + ".password") << password << "\n";
-    return "unix:" + socket_ + "?user=" + user + "&password-file=" + directory_ + "/" + user + ".password" +
-           (options.empty() ? "" : "&" + options);
+    const std::string file = directory_ + "/" + user + ".password";
+    std::ofstream(file) << password << "\n";
+    return "user=" + user + "&password-file=" + file;
 }

@@ -4,6 +4,7 @@
 #ifndef STORE_REDIS_SERVER_HPP
 #define STORE_REDIS_SERVER_HPP
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -17,6 +18,10 @@ class redis_server {
 
     /// Starts it and waits until its answer to a PING starts so; `options` go behind the configuration.
     void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
+    /// Starts as a sentinel instead, which watches the master "policy" at this TCP port.
+    void start_sentinel(uint16_t port, uint16_t master);
+    /// A TCP port that nobody uses at the moment.
+    static uint16_t free_port();
     /// kill -9, as a crash.
     void crash();
     /// Forgets all data while stopped.
@@ -27,10 +32,13 @@ class redis_server {
     const std::string &socket() const { return socket_; }
     const std::string &directory() const { return directory_; }
     std::string url(const std::string &user = "suite", const std::string &options = "") const;
+    /// "user=...&password-file=...", for addresses of another form.
+    std::string credentials(const std::string &user) const;
     /// Runs one command as the operator and returns its answer in a readable form.
     std::string run(const std::vector<std::string> &command) const;
 
   private:
+    void launch(std::vector<std::string> words, const std::string &answer);
     void write_acl() const;
     void write_config() const;
     bool answers(const std::string &start) const;
