@@ -109,4 +109,17 @@ TEST_F(noticed, every_apply_operation_leaves_its_record)
     EXPECT_EQ(logged([&] { mgr->del_expire_apply(&context, "b_app"); }), lines{"apply_del_exp, apply :b_app, "});
 }
 
+TEST_F(noticed, a_record_that_is_too_long_keeps_its_newline)
+{
+    start();
+    const std::string endless(2000, 'x');
+    const lines records = logged([&] {
+        fp_udp_log_op_acl(nullptr, endless.c_str(), nullptr, FP_UDP_OP_ADD);
+        fp_udp_log_op_acl(nullptr, "b", nullptr, FP_UDP_OP_ADD);
+    });
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0], "acl_add, app :" + std::string(1003, 'x')) << "1022 bytes, its time included";
+    EXPECT_EQ(records[1], "acl_add, app :b, ");
+}
+
 } // namespace
