@@ -338,7 +338,7 @@ int redis_changes::common_history(feed &of, uint64_t last, uint64_t &common)
             if (entry.number < oldest || entry.number > from)
                 return TQ_MOM_CORRUPT;
             common = entry.number;
-            if (entry.identity() == of.identities[entry.number - oldest])
+            if (entry.identity() == of.identities[static_cast<size_t>(entry.number - oldest)])
                 return TQ_MOM_OK;
             from = entry.number - 1;
         }
