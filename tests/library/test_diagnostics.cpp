@@ -1,4 +1,5 @@
 // The diagnostic channel's two sides, and the operation log's files.
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -194,6 +195,16 @@ TEST_F(operation_log, the_files_take_turns_beyond_5_mib)
         record();
         EXPECT_EQ(content(other), head + expired + expired);
     }
+}
+
+TEST_F(operation_log, a_file_that_32_bits_cannot_measure_takes_its_turn_too)
+{
+    record();
+    if (truncate(first.c_str(), off_t{3} << 30) != 0)
+        GTEST_SKIP() << "this file system has no file of 3 GiB: " << strerror(errno);
+    record();
+    EXPECT_EQ(content(second), head + expired);
+    EXPECT_EQ(fake::log.take(), lines{});
 }
 
 TEST_F(operation_log, failures_drop_the_record_and_are_reported)
