@@ -206,8 +206,8 @@ TEST_F(Apply, says_when_the_store_cannot_be_reached)
 {
     const std::string policy = directory_.write("policy.yaml", two_entries);
     const std::string nobody = "unix:" + directory_.path() + "/nobody";
-    for (const Result &result :
-         {run_plx({"apply", "--store", nobody, policy}), run_plx({"apply", policy}, {{"PLX_STORE", nobody}})}) {
+    for (const Result &result : {run_plx({"apply", "--wait", "0", "--store", nobody, policy}),
+                                 run_plx({"apply", "--wait", "0.3", policy}, {{"PLX_STORE", nobody}})}) {
         EXPECT_EQ(5, result.exit_code);
         EXPECT_THAT(result.err, HasSubstr("plx apply: store unix:"));
         EXPECT_THAT(result.out, IsEmpty());
@@ -219,7 +219,7 @@ TEST(Help, tells_of_every_option_and_exit_code)
     const Result result = run_plx({"apply", "--help"});
     EXPECT_EQ(0, result.exit_code);
     for (const char *part : {"--store", "--db", "--timeout", "--nodes", "--table-size", "--simulate", "--atomic",
-                             "PLX_STORE", "Exit codes", "docs/attributes.md"})
+                             "--wait", "PLX_STORE", "Exit codes", "docs/attributes.md"})
         EXPECT_THAT(result.out, HasSubstr(part));
     EXPECT_EQ(0, run_plx({"--version"}).exit_code);
 }

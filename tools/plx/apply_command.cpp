@@ -2,6 +2,7 @@
 #include "application.hpp"
 #include "commands.hpp"
 #include "plane/fleet.hpp"
+#include "records.hpp"
 
 #include <cstdio>
 #include <iostream>
@@ -26,12 +27,14 @@ struct ApplyOptions {
     std::string store = "mem:";
     uint32_t db = 8;
     double timeout_s = 200; // above the 180 s after which the library itself stops waiting
+    double wait_s = 30;     // for a store or for nodes that are yet to come
     bool atomic = false;
     uint32_t nodes = 0; // 0: not given
     std::vector<size_t> table_sizes;
     std::vector<std::string> simulate;
 
     bool embedded() const { return store.starts_with("mem:"); }
+    milliseconds wait() const { return milliseconds(static_cast<int64_t>(wait_s * 1000)); }
 };
 
 struct LoopDeleter {
@@ -73,12 +76,15 @@ class ApplyRun {
   private:
     bool read(Policy &policy);
     int open_store();
+    int connect();
     int start_nodes();
+    int expect_nodes();
     int wait_for_nodes();
     int write(Application &application);
     void wait_for_outcomes(Application &application);
     int report(Application &application, int result);
     void turn(milliseconds until);
+    void say(const std::string &message);
     int fail(int exit_code, const std::string &message);
 
     const ApplyOptions &options_;
@@ -109,10 +115,15 @@ int ApplyRun::run()
     return report(application, result);
 }
 
-int ApplyRun::fail(int exit_code, const std::string &message)
+void ApplyRun::say(const std::string &message)
 {
     progress_.clear();
-    std::cerr << "plx apply: " << message << '\n';
+    std::cerr << "plx apply: " << message << std::endl;
+}
+
+int ApplyRun::fail(int exit_code, const std::string &message)
+{
+    say(message);
     return exit_code;
 }
 
@@ -139,11 +150,32 @@ int ApplyRun::open_store()
     if (loop_ != nullptr)
         context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
     if (context_ == nullptr)
-        return fail(EXIT_USAGE, "'" + options_.store + "' is not the address of a store");
-    const int result = tq_mom_client_connect_sync(context_.get(), options_.db);
-    if (result != 0)
-        return fail(EXIT_UNREACHABLE, "store " + options_.store + ": " + tq_mom_strerror(result));
+        return fail(EXIT_USAGE, "'" + shown_address(options_.store) + "' is not the address of a store");
+    if (const int result = connect(); result != 0)
+        return fail(EXIT_UNREACHABLE, "store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
     return EXIT_DONE;
+}
+
+// What may pass when a server starts or comes back. A refusal does not.
+bool may_pass(int result)
+{
+    return result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT || result == TQ_MOM_LOADING;
+}
+
+// A store that is not there yet is waited for.
+int ApplyRun::connect()
+{
+    const milliseconds give_up = now() + options_.wait();
+    int told = 0;
+    for (;;) {
+        const int result = tq_mom_client_connect_sync(context_.get(), options_.db);
+        if (!may_pass(result) || now() >= give_up)
+            return result;
+        if (result != told)
+            say("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
+        told = result;
+        turn(give_up);
+    }
 }
 
 // ---- service nodes --------------------------------------------------------------------------------------------------
@@ -189,28 +221,34 @@ int32_t count_record(void *, const tq_mom_notification *, void *arg)
     return 0;
 }
 
+// Where no number is given, those that have a record.
+int ApplyRun::expect_nodes()
+{
+    const plane::Record whole(s_policy__service_node__descriptor);
+    const int result =
+        tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &count_record, &expected_nodes_);
+    return result == 0 ? EXIT_DONE : fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(result));
+}
+
 // An outcome needs as many answers as the library knows nodes when it comes, so they must be known first.
 int ApplyRun::wait_for_nodes()
 {
     const bool given = expected_nodes_ != 0;
-    if (!given) {
-        const plane::Record whole(s_policy__service_node__descriptor);
-        const int result =
-            tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &count_record, &expected_nodes_);
-        if (result != 0)
-            return fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(result));
-    }
+    if (const int code = given ? EXIT_DONE : expect_nodes(); code != EXIT_DONE)
+        return code;
     const auto live = [] { return static_cast<uint32_t>(Application::live_nodes()); };
-    const milliseconds give_up = now() + heartbeat_heard;
+    const auto count = [&] { return std::to_string(live()) + " of " + std::to_string(expected_nodes_); };
+    const milliseconds give_up = now() + (given ? std::max(heartbeat_heard, options_.wait()) : heartbeat_heard);
+    if (!options_.embedded() && live() < expected_nodes_)
+        say("waiting for service nodes to show that they live: " + count());
     while (live() < expected_nodes_ && now() < give_up) {
-        progress_.show("service nodes: " + std::to_string(live()) + " of " + std::to_string(expected_nodes_));
+        progress_.show("service nodes: " + count());
         turn(give_up);
     }
     if (given && live() < expected_nodes_)
-        return fail(EXIT_NO_ANSWER, "only " + std::to_string(live()) + " of " + std::to_string(expected_nodes_) +
-                                        " service nodes are alive; nothing was written");
+        return fail(EXIT_NO_ANSWER, "only " + count() + " service nodes are alive; nothing was written");
     if (live() == 0)
-        fail(EXIT_DONE, "no service node is alive: nobody will confirm what is written");
+        say("no service node is alive: until one comes, nobody confirms what is written");
     return EXIT_DONE;
 }
 
@@ -309,7 +347,7 @@ Examples:
   plx apply policy.yaml
   plx apply --nodes 3 --table-size 1024,1024,32 policy.yaml
   plx apply --simulate 1:silent=edge_filter/10 --timeout 2 policy.yaml
-  plx apply --store unix:/run/policy.sock --nodes 2 policy.yaml)";
+  plx apply --store unix:/run/plx-store/store.sock --nodes 2 --wait 60 policy.yaml)";
 
 } // namespace
 
@@ -326,6 +364,11 @@ void add_apply_command(CLI::App &app, int &exit_code)
     command->add_option("--db", options->db, "number of the policy database")->capture_default_str();
     command
         ->add_option("--timeout", options->timeout_s, "seconds to wait for outcomes; the library itself waits for 180")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command
+        ->add_option("--wait", options->wait_s,
+                     "seconds to wait for a store that is not there yet, and as many for --nodes")
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
     command->add_flag("--atomic", options->atomic,

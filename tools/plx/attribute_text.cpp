@@ -1,4 +1,5 @@
-// See attribute_text.hpp. Each kind of value has one shape; a mask that is a prefix of an address is shown as its length.
+// See attribute_text.hpp. Each kind of value has one shape; a mask that is a prefix of an address is shown as its
+// length.
 #include "attribute_text.hpp"
 
 #include <algorithm>

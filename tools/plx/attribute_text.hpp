@@ -6,8 +6,8 @@
 
 namespace plx::tool {
 
-// The value, or value and mask, of a form; encode() of the text gives the same bytes. Bytes that do not fit the form are shown as
-// "0x" and hexadecimal digits.
+// The value, or value and mask, of a form; encode() of the text gives the same bytes. Bytes that do not fit the form
+// are shown as "0x" and hexadecimal digits.
 std::string format_value(const plane::Form *form, std::span<const uint8_t> value);
 
 // The attribute's name in its table, or its id where the table has no such row.

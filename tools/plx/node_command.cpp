@@ -1,9 +1,11 @@
 // `plx node`: a service node as a daemon, over a simulated forwarding plane.
 //
-// It starts before or after the store, waits for it, and says so. On SIGTERM or SIGINT it takes its record out of the store and ends.
+// It starts before or after the store, waits for it, and says so; one that refuses it is not waited for. On SIGTERM or
+// SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
 #include "plane/node.hpp"
 #include "plane/simulated.hpp"
+#include "records.hpp"
 #include "signals.hpp"
 
 #include <iostream>
@@ -19,7 +21,7 @@ namespace {
 using plane::milliseconds;
 
 struct NodeCommandOptions {
-    std::string store = "unix:/run/plx/store.sock";
+    std::string store = "unix:/run/plx-store/store.sock";
     std::string plane = "sim";
     plane::NodeOptions node;
     size_t table_size = plane::SimulatedOptions().table_size;
@@ -33,7 +35,13 @@ class NodeRun {
 
   private:
     bool make_plane();
-    bool start(StopOnSignal &stop);
+    int wait_for_store(const StopOnSignal &stop);
+    int start();
+    plane::Context new_context() const
+    {
+        return plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get()));
+    }
+    plane::Record record() const;
     void retire();
     void log(const std::string &text) const;
 
@@ -68,13 +76,19 @@ int NodeRun::run()
     loop_.reset(tq_loop_new());
     if (loop_ == nullptr)
         throw std::runtime_error("cannot make an event loop");
-    if (!make_plane() || plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get())) == nullptr) {
-        if (plane_)
-            log("'" + options_.store + "' is not the address of a store");
+    if (!make_plane())
+        return EXIT_USAGE;
+    if (new_context() == nullptr) {
+        log("'" + shown_address(options_.store) + "' is not the address of a store");
         return EXIT_USAGE;
     }
-    StopOnSignal stop(loop_.get());
-    if (start(stop)) {
+    const StopOnSignal stop(loop_.get());
+    const int result = wait_for_store(stop);
+    if (result != 0) {
+        log(std::string("cannot start: ") + tq_mom_strerror(result));
+        return EXIT_UNREACHABLE;
+    }
+    if (node_) {
         log("ready");
         sd_notify(0, "READY=1");
         tq_loop_run(loop_.get());
@@ -85,37 +99,52 @@ int NodeRun::run()
     return EXIT_DONE;
 }
 
-// Tries until the store answers; false when the process is asked to end before that.
-bool NodeRun::start(StopOnSignal &stop)
+// Tries until the node runs, the process is asked to end, or the store refuses what will not be allowed later either.
+int NodeRun::wait_for_store(const StopOnSignal &stop)
 {
     constexpr milliseconds between_tries{500};
     int told = 0;
     while (!stop.asked()) {
-        node_.emplace(plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get())), *plane_, options_.node);
-        const int result = node_->start();
-        if (result == 0)
-            return true;
-        node_.reset();
+        const int result = start();
+        if (result == 0 || result == TQ_MOM_DENIED)
+            return result;
         if (result != told)
-            log("waiting for the store: " + std::string(tq_mom_strerror(result)));
+            log("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
         told = result;
         const milliseconds next = plane::now() + between_tries;
         while (!stop.asked() && plane::now() < next)
             tq_loop_run_once(loop_.get(), static_cast<int>((next - plane::now()).count()));
     }
-    return false;
+    return 0;
+}
+
+// A node takes a failed heartbeat for a late one, so its first is tried out here: who may not write it is told at once.
+int NodeRun::start()
+{
+    if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db, record().message()); result != 0)
+        return result;
+    node_.emplace(new_context(), *plane_, options_.node);
+    const int result = node_->start();
+    if (result != 0)
+        node_.reset();
+    return result;
+}
+
+plane::Record NodeRun::record() const
+{
+    plane::Record record(s_policy__service_node__descriptor);
+    record.set_key_number(0, options_.node.dev);
+    record.set_key_number(1, options_.node.slot);
+    record.set_key_number(2, options_.node.id);
+    return record;
 }
 
 // Without its record, those who come later do not wait for this node.
 void NodeRun::retire()
 {
     node_.reset();
-    const plane::Context context(tq_context_new_on(options_.store.c_str(), loop_.get()));
-    plane::Record record(s_policy__service_node__descriptor);
-    record.set_key_number(0, options_.node.dev);
-    record.set_key_number(1, options_.node.slot);
-    record.set_key_number(2, options_.node.id);
-    if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record.message()); result != 0)
+    const plane::Context context = new_context();
+    if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record().message()); result != 0)
         log(std::string("its record stays in the store: ") + tq_mom_strerror(result));
 }
 

@@ -271,14 +271,25 @@ void print_table(const std::vector<Row> &rows)
             [&](const std::string &name) { return row.contains(name) ? printable(flat(row[name])) : std::string(); });
 }
 
+std::string shown_address(const std::string &store)
+{
+    const std::string address = store.substr(0, store.find('?'));
+    const size_t scheme = address.find("://");
+    const size_t at = address.rfind('@');
+    if (scheme == std::string::npos || at == std::string::npos || at < scheme)
+        return address;
+    return address.substr(0, scheme + 3) + address.substr(at + 1);
+}
+
 plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code)
 {
     plane::Context context(tq_context_new(options.store.c_str()));
     if (context == nullptr) {
-        std::cerr << "plx " << command << ": '" << options.store << "' is not the address of a store\n";
+        std::cerr << "plx " << command << ": '" << shown_address(options.store) << "' is not the address of a store\n";
         exit_code = EXIT_USAGE;
     } else if (const int result = tq_mom_client_connect_sync(context.get(), options.db); result != 0) {
-        std::cerr << "plx " << command << ": store: " << tq_mom_strerror(result) << '\n';
+        std::cerr << "plx " << command << ": store " << shown_address(options.store) << ": " << tq_mom_strerror(result)
+                  << '\n';
         exit_code = EXIT_UNREACHABLE;
         context.reset();
     }

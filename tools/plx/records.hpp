@@ -1,7 +1,7 @@
 // The store's records as rows of named columns, for those commands that show them.
 //
-// A row is a JSON object with its columns in order: `--json` prints it as it is, a table takes its columns from it. Records are others'
-// work and hostile: text is shown escaped, and what is missing is left out.
+// A row is a JSON object with its columns in order: `--json` prints it as it is, a table takes its columns from it.
+// Records are others' work and hostile: text is shown escaped, and what is missing is left out.
 #pragma once
 
 #include "plane/node.hpp"
@@ -26,7 +26,7 @@ const Kind *find_kind(const std::string &name);
 
 // Which store, and which of its records.
 struct RecordOptions {
-    std::string store = "unix:/run/plx/store.sock";
+    std::string store = "unix:/run/plx-store/store.sock";
     uint32_t db = 8;
     std::string app;
     uint32_t acl = 0;
@@ -54,6 +54,9 @@ void print_line(const Row &row);
 
 // A heading and a line for each row. A column that no row fills is left out.
 void print_table(const std::vector<Row> &rows);
+
+// A store's address without user and password, for messages.
+std::string shown_address(const std::string &store);
 
 // A store, opened as one of these commands needs it; reports why not. Null when it cannot be reached.
 plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code);

@@ -1,6 +1,7 @@
 // `plx show`: what the store holds, as a table or as JSON.
 //
-// An ACE and an apply are shown with what the forwarding plane last said of them: the status record is read beside the request.
+// An ACE and an apply are shown with what the forwarding plane last said of them: the status record is read beside the
+// request.
 #include "commands.hpp"
 #include "plane/status.hpp"
 #include "records.hpp"
