@@ -86,8 +86,8 @@ int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, 
                      void *arg);
 
 /* Calls `cb` from the event loop for every later change of a selected record: each change once, in the order of the
- * table's change log. Subscribing again with the same arguments succeeds and changes nothing. Subscriptions end with the
- * context. */
+ * table's change log. Subscribing again with the same arguments succeeds and changes nothing. Subscriptions end with
+ * the context. */
 int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
                      void *arg);
 
