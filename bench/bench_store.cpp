@@ -1,8 +1,8 @@
 // The policy store on a Redis server, beside raw hiredis on the same server: writes, answers, scans, memory.
 //
-// Everything runs on one CPU: server, application and service node are processes that the harness's pinning reaches. The
-// base is a blocking HMSET of an ACE's six fields, one round trip each, measured in turns with what is compared with it.
-// The server keeps nothing on disk, on either side: a disk's own speed would drown the rest.
+// Everything runs on one CPU: server, application and service node are processes that the harness's pinning reaches.
+// The base is a blocking HMSET of an ACE's six fields, one round trip each, measured in turns with what is compared
+// with it. The server keeps nothing on disk, on either side: a disk's own speed would drown the rest.
 #include "store/redis_server.hpp"
 #include "support/harness.hpp"
 

@@ -1,5 +1,5 @@
-// Records as a store may hold them: a key text and field bytes that somebody else wrote. What decodes must encode to the
-// same again, and a selection must take exactly the keys that begin like it.
+// Records as a store may hold them: a key text and field bytes that somebody else wrote. What decodes must encode to
+// the same again, and a selection must take exactly the keys that begin like it.
 #include "input.hpp"
 
 #include <mom/codec.hpp>

@@ -1,5 +1,5 @@
-// libplx against the test doubles, for targets that run in one process as long as the fuzzer likes: registered once, and
-// set back to the state after registration before each run.
+// libplx against the test doubles, for targets that run in one process as long as the fuzzer likes: registered once,
+// and set back to the state after registration before each run.
 #pragma once
 
 #include "input.hpp"

@@ -1,6 +1,6 @@
 // A client of the debug shell that sends anything: the library with its own commands on the reference platform, a
-// module's socket in a folder of its own, and one connection a run. Every line that is not blank has exactly one answer,
-// which is as long as its header says, and the next client is served as if nothing had been.
+// module's socket in a folder of its own, and one connection a run. Every line that is not blank has exactly one
+// answer, which is as long as its header says, and the next client is served as if nothing had been.
 #include "input.hpp"
 
 #include <plx/libplx.h>

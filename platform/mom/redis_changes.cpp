@@ -312,9 +312,9 @@ int redis_changes::settle(feed &of)
     return TQ_MOM_OK;
 }
 
-// The highest number up to which the server's history is the one that was seen: mostly the last one seen, otherwise looked
-// for downwards in small steps. What is no longer in the log is taken as the same: if changes behind it are missing,
-// their numbers tell.
+// The highest number up to which the server's history is the one that was seen: mostly the last one seen, otherwise
+// looked for downwards in small steps. What is no longer in the log is taken as the same: if changes behind it are
+// missing, their numbers tell.
 int redis_changes::common_history(feed &of, uint64_t last, uint64_t &common)
 {
     common = of.cursor;

@@ -106,8 +106,8 @@ int next_timer(const tq_thread_master &master)
 
 void do_nothing(uv_timer_t *) {}
 
-// Serves descriptors, waiting at most `timeout_ms` for the first of them. The bound repeats: libuv fires timers before it
-// waits, and one that had run out by then, because something kept this thread from running, would leave no bound.
+// Serves descriptors, waiting at most `timeout_ms` for the first of them. The bound repeats: libuv fires timers before
+// it waits, and one that had run out by then, because something kept this thread from running, would leave no bound.
 void poll_once(tq_thread_master &master, int timeout_ms)
 {
     if (timeout_ms > 0) {
