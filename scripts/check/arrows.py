@@ -2,8 +2,8 @@
 """Includes between the project's rooms run one way, and no files include each other in a circle.
 
 A room is the longest prefix of a file's path in ROOMS. It may include its own files and those of the rooms named
-there, and nothing else of ours. Tests, benchmarks, fuzzers and scripts are free: they look behind doors on purpose. So is
-packaging/, which sees an installed tree only.
+there, and nothing else of ours. Tests, benchmarks, fuzzers and scripts are free: they look behind doors on purpose. So are
+packaging/, which sees an installed tree only, and the programs beside a script.
 """
 import sys
 
