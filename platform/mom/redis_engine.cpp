@@ -347,7 +347,7 @@ int redis_engine::position(const redis_table &table, log_position &out)
         if (item.text() == "last-generated-id" && !parse_log_id(item.next().text(), out.last))
             return TQ_MOM_CORRUPT;
     log_entry entry;
-    if (entry.parse(latest.at(0)) && entry.number == out.last)
+    if (out.last != 0 && entry.parse(latest.at(0)) && entry.number == out.last)
         out.identity = entry.identity();
     return TQ_MOM_OK;
 }
