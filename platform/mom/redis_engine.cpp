@@ -12,6 +12,7 @@ namespace {
 
 constexpr int conflict = -1; // the metadata changed under a transaction: nothing was done
 constexpr int attempts = 16;
+constexpr unsigned writes_per_trim = 64; // a log may be longer than its limit by so much
 
 // A name that no other handle has, short in the log.
 std::string random_name()
@@ -235,7 +236,9 @@ int redis_engine::write_by_transaction(redis_table &table, std::string_view key,
     for (const auto &field : fields.values)
         commands_.add(field.number).add(field.bytes);
     commands_.command("ZADD", table.index, "0", key);
-    commands_.command("XADD", table.log, "MAXLEN", "~", log_limit_, "0-*", "k", key, "w", writer_, "r", fields.bytes);
+    if (writes_++ % writes_per_trim == 0)
+        commands_.command("XTRIM", table.log, "MAXLEN", "~", log_limit_);
+    commands_.command("XADD", table.log, "0-*", "k", key, "w", writer_, "r", fields.bytes);
     const size_t queued = commands_.commands() - 1;
     commands_.command("EXEC");
     commands_.append_built(watch_);

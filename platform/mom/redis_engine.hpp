@@ -78,6 +78,7 @@ class redis_engine final : public engine {
     redis_scripts scripts_;
     command_buffer commands_;
     uint64_t calls_ = 0;
+    unsigned writes_ = 0; ///< by transaction
     bool batching_ = false;
     command_batch batch_;
     int batch_result_ = 0;  ///< the first failure so far

@@ -28,6 +28,7 @@ class redis_server {
     void erase_data();
     void signal(int number) const;
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
 
     const std::string &socket() const { return socket_; }
     const std::string &directory() const { return directory_; }
