@@ -83,7 +83,8 @@ void redis_server::write_acl() const
     acl << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +client|id +client|unblock "
            "+watch "
            "+unwatch +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hexists +hlen +hset +hsetnx "
-           "+hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread +xrange +xrevrange +xinfo|stream\n";
+           "+hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread +xrange +xrevrange "
+           "+xinfo|stream\n";
 }
 
 // The shipped configuration with the paths of this server.

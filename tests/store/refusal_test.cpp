@@ -1,0 +1,218 @@
+// A server that refuses, warns or lies: each refusal is told apart, and nothing in the store crashes anybody.
+#include "faults.hpp"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <random>
+#include <tq_zlog.h>
+
+namespace {
+
+lines log_lines; // what the client told the system log
+
+} // namespace
+
+// Comes before the logging library's own.
+void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int, const char *format, ...)
+{
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    log_lines.emplace_back(line);
+}
+
+namespace {
+
+TEST_F(faults, a_server_that_is_still_loading_says_so)
+{
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    for (uint64_t sn = 1; sn <= 300; ++sn)
+        write_ace(context, 8, ace_record("a", 1, sn, 1));
+    server.run({"BGREWRITEAOF"}); // a server takes no questions while it replays commands, only while it reads records
+    wait_for([&] {
+        return server.run({"INFO", "persistence"}).find("aof_rewrite_in_progress:0") != std::string::npos;
+    });
+    server.crash();
+    server.start({"--key-load-delay", "3000", "--loading-process-events-interval-bytes", "1024"}, "LOADING");
+    auto *early = open();
+    EXPECT_EQ(TQ_MOM_LOADING, tq_mom_client_connect_sync(early, 8));
+    EXPECT_NE(TQ_MOM_OK, tq_mom_state_get(early, 8, 0));
+}
+
+TEST_F(faults, each_refusal_has_a_result_of_its_own)
+{
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    const ace_record ace("a", 1, 1, 1);
+    const psta_record psta("a", 1, 1, 1);
+    ASSERT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
+    server.run({"CONFIG", "SET", "maxmemory", "1"});
+    EXPECT_EQ(TQ_MOM_STORE_FULL, write_ace(context, 8, ace));
+    EXPECT_EQ(TQ_MOM_STORE_FULL, write_psta(context, 8, psta));
+    server.run({"CONFIG", "SET", "maxmemory", "0"});
+    server.run({"REPLICAOF", "127.0.0.1", "1"});
+    EXPECT_EQ(TQ_MOM_READ_ONLY, write_ace(context, 8, ace));
+    EXPECT_EQ(TQ_MOM_READ_ONLY, write_psta(context, 8, psta));
+    server.run({"REPLICAOF", "NO", "ONE"});
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
+    EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta));
+}
+
+TEST_F(faults, each_user_may_do_what_its_role_needs)
+{
+    server.start({"--appendfsync", "no"});
+    const ace_record ace("a", 1, 1, 1);
+    const psta_record psta("a", 1, 1, 1);
+    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
+    auto *application = open("", "plx-application");
+    auto *service = open("", "plx-node");
+    auto *reader = open("", "plx-reader");
+    hearing heard;
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(application, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(service, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_OK, write_psta(service, 8, psta));
+    EXPECT_EQ(TQ_MOM_DENIED, write_ace(service, 8, ace));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(service, 8, ace));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_del_sync(service, 8, ace));
+    EXPECT_EQ(TQ_MOM_DENIED, write_ace(reader, 8, ace));
+    EXPECT_EQ(TQ_MOM_DENIED, write_psta(reader, 8, psta));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_dsbegin_sync(reader, 8, ace, 1, 1000));
+    for (auto *context : {application, service, reader}) {
+        EXPECT_EQ((std::map<uint64_t, uint64_t>{{1, 1}}), stored(context));
+        subscribe(context, heard, ace_record("a", 0, 0));
+    }
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(application, 8, ace, 1, 1000));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(application, 8, ace, 1, 1000));
+    wait_for([&] { return heard.lines.size() == 3; });
+
+    auto *nobody = open_at("unix:" + server.socket());
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(nobody, 8));
+    auto *stranger = open_at("unix:" + server.socket() + "?user=stranger");
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(stranger, 8));
+}
+
+TEST_F(faults, what_is_no_record_under_a_record_s_key_is_told_apart)
+{
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    const ace_record ace("a", 1, 1, 1);
+    const auto status = [&] {
+        auto *result = tq_mom_hgetall_sync(context, 8, ace);
+        const int code = result->status;
+        EXPECT_EQ(nullptr, result->record);
+        tq_mom_hash_res_free(result);
+        return code;
+    };
+    write_ace(context, 8, ace_record("a", 1, 2, 1));
+    server.run({"SET", key("a,a1,a1"), "foreign"});
+    EXPECT_EQ(TQ_MOM_CORRUPT, write_ace(context, 8, ace));
+    EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_del_sync(context, 8, ace));
+    EXPECT_EQ(TQ_MOM_CORRUPT, status());
+    EXPECT_EQ((std::map<uint64_t, uint64_t>{{2, 1}}), stored(context));
+    server.run({"DEL", key("a,a1,a1")});
+    const lines foreign[] = {
+        {"name", "x"}, {"6", "x", "#", "1"}, {"5", "\x2a", "#", "1"}, {"8", "\x40\x01\x2a\x01\x08", "#", "1"}};
+    for (const auto &fields : foreign) {
+        lines command{"HSET", key("a,a1,a1")};
+        command.insert(command.end(), fields.begin(), fields.end());
+        server.run(command);
+        EXPECT_EQ(TQ_MOM_CORRUPT, status());
+        server.run({"DEL", key("a,a1,a1")});
+    }
+}
+
+TEST_F(faults, random_bytes_in_the_store_crash_nobody)
+{
+    const uint32_t seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto noise = [&](size_t longest) {
+        std::string bytes(random() % (longest + 1), '\0');
+        for (auto &byte : bytes)
+            byte = static_cast<char>(random());
+        return bytes;
+    };
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    hearing heard, found;
+    subscribe(context, heard, ace_record("a", 0, 0));
+    write_ace(context, 8, ace_record("a", 1, 1, 1));
+    for (int i = 0; i < 200; ++i) {
+        const std::string name = random() % 2 == 0 ? "a,a1,a" + std::to_string(random() % 10) : noise(30);
+        const std::string field = random() % 4 == 0 ? noise(3) : std::to_string(random() % 14);
+        server.run({"HSET", key(name), field, noise(40), "#", random() % 2 == 0 ? "1" : noise(5)});
+        server.run({"ZADD", "plx{8:ace}/index", "0", name});
+        server.run({"XADD", "plx{8:ace}/log", "0-*", "k", name, "w", noise(8), "r", noise(60)});
+        server.run({"XADD", "plx{8:ace}/log", "0-*", noise(5), noise(50)});
+        tq_mom_hash_res_free(tq_mom_hgetall_sync(context, 8, ace_record("a", 1, random() % 10)));
+    }
+    server.run({"HSET", "plx{8:ace}/meta", "fields", noise(50), "gen", "x"});
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, 8, ace_record("", 0, 0), 0, hearing::callback, &found));
+    until_ok([&] { return write_ace(context, 8, ace_record("a", 1, 99, 7)); });
+    wait_for([&] { return !heard.lines.empty() && heard.lines.back() == "*4 a/1/99=7"; });
+}
+
+TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
+{
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    for (const int round : {1, 2}) {
+        EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 1, 1))) << round;
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 1)));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, psta_record("a", 1, 1), 1, 10));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context, 8, psta_record("a", 1, 1), 1, 1000));
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(context));
+        for (uint64_t sn = 1; sn <= 20; ++sn)
+            EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, sn, sn)));
+        server.run({"SCRIPT", "FLUSH"});
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+        EXPECT_EQ(20u, stored(context).size());
+        server.run({"SCRIPT", "FLUSH"});
+    }
+}
+
+TEST_F(faults, a_batch_reports_its_first_failure)
+{
+    server.start({"--appendfsync", "no"});
+    auto *application = open("", "plx-application");
+    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 1, 1)));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 2, 2)));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application));
+    EXPECT_EQ(2u, stored(application).size());
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application));
+}
+
+TEST_F(faults, a_server_that_may_lose_policy_is_warned_about_once)
+{
+    const uint16_t port = redis_server::free_port();
+    const std::string number = std::to_string(port);
+    server.start({"--appendonly", "no", "--port", number, "--bind", "127.0.0.1", "--maxmemory", "100mb",
+                  "--maxmemory-policy", "allkeys-lru"});
+    server.run({"ACL", "SETUSER", "default", "on", "nopass"});
+    log_lines.clear();
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open_at("redis://127.0.0.1:" + number), 8));
+    ASSERT_EQ(3u, log_lines.size());
+    for (const char *part : {"appendonly no", "noeviction", "set a password"})
+        EXPECT_EQ(1, std::count_if(log_lines.begin(), log_lines.end(),
+                                   [part](const auto &line) { return line.find(part) != std::string::npos; }))
+            << part;
+}
+
+TEST_F(faults, a_server_as_it_is_shipped_needs_no_warning)
+{
+    server.start();
+    log_lines.clear();
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open(), 8));
+    EXPECT_EQ(lines{}, log_lines);
+}
+
+} // namespace
