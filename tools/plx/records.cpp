@@ -158,6 +158,32 @@ std::string printable(const std::string &text)
     return safe;
 }
 
+struct Column {
+    std::string name;
+    size_t width;
+};
+
+// The column of that name, added behind the others when it is new.
+Column &column_of(std::vector<Column> &columns, const std::string &name)
+{
+    for (Column &column : columns)
+        if (column.name == name)
+            return column;
+    return columns.emplace_back(Column{name, name.size()});
+}
+
+void print_line(const Row &row, const std::vector<Column> &columns)
+{
+    std::string line;
+    for (const Column &column : columns) {
+        std::string text = row.contains(column.name) ? printable(flat(row[column.name])) : "";
+        text.resize(std::max(text.size(), column.width), ' ');
+        line += (line.empty() ? "" : "  ") + text;
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    std::cout << line << '\n';
+}
+
 } // namespace
 
 const std::vector<Kind> &kinds()
@@ -242,43 +268,20 @@ void print_line(const Row &row)
 
 void print_table(const std::vector<Row> &rows)
 {
-    struct Column {
-        std::string name;
-        size_t width;
-    };
     std::vector<Column> columns;
     for (const Row &row : rows)
         for (const auto &[name, value] : row.items()) {
-            const auto known =
-                std::find_if(columns.begin(), columns.end(), [&](const Column &c) { return c.name == name; });
-            Column &column = known == columns.end() ? columns.emplace_back(Column{name, name.size()}) : *known;
+            Column &column = column_of(columns, name);
             column.width = std::max(column.width, printable(flat(value)).size());
         }
-    const auto print_line = [&](auto &&text_of) {
-        std::string line;
-        for (const Column &column : columns) {
-            std::string text = text_of(column.name);
-            text.resize(std::max(text.size(), column.width), ' ');
-            line += (line.empty() ? "" : "  ") + text;
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        std::cout << line << '\n';
-    };
-    if (!columns.empty())
-        print_line([](const std::string &name) { return name; });
+    if (columns.empty())
+        return;
+    Row heading = Row::object();
+    for (const Column &column : columns)
+        heading[column.name] = column.name;
+    print_line(heading, columns);
     for (const Row &row : rows)
-        print_line(
-            [&](const std::string &name) { return row.contains(name) ? printable(flat(row[name])) : std::string(); });
-}
-
-std::string shown_address(const std::string &store)
-{
-    const std::string address = store.substr(0, store.find('?'));
-    const size_t scheme = address.find("://");
-    const size_t at = address.rfind('@');
-    if (scheme == std::string::npos || at == std::string::npos || at < scheme)
-        return address;
-    return address.substr(0, scheme + 3) + address.substr(at + 1);
+        print_line(row, columns);
 }
 
 plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code)
