@@ -21,7 +21,10 @@ class mem_backend final : public store_backend {
 class redis_backend final : public store_backend {
   public:
     redis_backend() { server_.start({"--appendfsync", "no"}); }
-    std::string url(const std::string &options) const override { return server_.url("suite", options); }
+    std::string url(const std::string &options) const override
+    {
+        return server_.url("suite", options.empty() ? "timeout=10000" : "timeout=10000&" + options);
+    }
 
   private:
     redis_server server_;

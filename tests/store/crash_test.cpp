@@ -107,18 +107,20 @@ TEST_F(faults, a_server_that_came_back_empty_makes_subscribers_start_over)
     hearing ace, psta;
     subscribe(listener, ace, ace_record("a", 0, 0));
     subscribe(listener, psta, psta_record("a", 0, 0));
-    write_ace(writer, 8, ace_record("a", 1, 1, 1));
-    write_psta(writer, 8, psta_record("a", 1, 1, 1));
+    ASSERT_EQ(TQ_MOM_OK, write_ace(writer, 8, ace_record("a", 1, 1, 1)));
+    ASSERT_EQ(TQ_MOM_OK, write_psta(writer, 8, psta_record("a", 1, 1, 1)));
     wait_for([&] { return ace.lines.size() == 1 && psta.lines.size() == 1; });
     server.crash();
     server.erase_data();
     server.start();
     until_ok([&] { return write_psta(writer, 8, psta_record("a", 1, 2, 2)); });
     wait_for([&] { return ace.lines.size() == 2 && psta.lines.size() == 2; });
+    ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ("29", ace.lines.back());
     EXPECT_EQ("1 a/1/2=2", psta.lines.back());
     write_ace(writer, 8, ace_record("a", 1, 3, 3));
     wait_for([&] { return ace.lines.size() == 3; });
+    ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ("4 a/1/3=3", ace.lines.back());
 }
 
@@ -131,15 +133,15 @@ TEST_F(faults, a_server_that_came_back_with_older_data_makes_up_for_the_differen
     subscribe(listener, ace, ace_record("a", 0, 0));
     subscribe(listener, psta, psta_record("a", 0, 0));
     for (uint64_t sn = 1; sn <= 3; ++sn) {
-        write_ace(writer, 8, ace_record("a", 1, sn, 1));
-        write_psta(writer, 8, psta_record("a", 1, sn, 1));
+        ASSERT_EQ(TQ_MOM_OK, write_ace(writer, 8, ace_record("a", 1, sn, 1)));
+        ASSERT_EQ(TQ_MOM_OK, write_psta(writer, 8, psta_record("a", 1, sn, 1)));
     }
     const std::string data = server.directory() + "/appendonlydir";
     const std::string copy = server.directory() + "/older";
     fs::copy(data, copy, fs::copy_options::recursive);
     for (uint64_t sn = 4; sn <= 6; ++sn) {
-        write_ace(writer, 8, ace_record("a", 1, sn, 1));
-        write_psta(writer, 8, psta_record("a", 1, sn, 1));
+        ASSERT_EQ(TQ_MOM_OK, write_ace(writer, 8, ace_record("a", 1, sn, 1)));
+        ASSERT_EQ(TQ_MOM_OK, write_psta(writer, 8, psta_record("a", 1, sn, 1)));
     }
     wait_for([&] { return ace.lines.size() == 6 && psta.lines.size() == 6; });
     server.crash();
@@ -150,6 +152,7 @@ TEST_F(faults, a_server_that_came_back_with_older_data_makes_up_for_the_differen
     for (uint64_t sn = 7; sn <= 12; ++sn) // the same numbers, other changes, and beyond
         ASSERT_EQ(TQ_MOM_OK, write_psta(writer, 8, psta_record("a", 1, sn, 7)));
     wait_for([&] { return ace.lines.size() == 7 && psta.lines.size() == 12; });
+    ASSERT_FALSE(HasFatalFailure());
     EXPECT_EQ("29", ace.lines.back());
     EXPECT_EQ((lines{"1 a/1/7=7", "1 a/1/8=7", "1 a/1/9=7", "1 a/1/10=7", "1 a/1/11=7", "1 a/1/12=7"}),
               lines(psta.lines.begin() + 6, psta.lines.end()));

@@ -12,7 +12,8 @@ using lines = std::vector<std::string>;
 
 class faults : public testing::Test {
   protected:
-    tq_context *open(const std::string &options = "", const std::string &user = "suite")
+    /// A busy disk may hold an fsync up for seconds: only the tests of that give calls less time.
+    tq_context *open(const std::string &options = "timeout=10000", const std::string &user = "suite")
     {
         return open_at(server.url(user, options));
     }
