@@ -110,6 +110,8 @@ int redis_engine::flush_batch()
     if (batch_.empty())
         return TQ_MOM_OK;
     const int result = batch_.send(link_, scripts_);
+    if (result != TQ_MOM_OK) // the metadata may be gone: have the next write look
+        forget_watches();
     batch_result_ = batch_result_ == TQ_MOM_OK ? result : batch_result_;
     return result;
 }

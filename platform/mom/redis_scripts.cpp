@@ -54,7 +54,7 @@ return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 
 // KEYS record, index, log, meta; ARGV key, writer, log limit, 'replace' or 'merge', 'number' or 'generation',
 // fields joined, then number and bytes of each field.
-// A merge into a record that has other fields logs all of them.
+// A merge into a record that has other fields logs all of them. A new record may be the first of its table's history.
 constexpr char write_text[] = R"(
 local record, count = KEYS[1], (#ARGV - 6) / 2
 local gen
@@ -83,6 +83,10 @@ end
 local id = redis.call('XADD', KEYS[3], 'MAXLEN', '~', ARGV[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'r', body)
 if redis.call('HSET', record, '#', gen or string.sub(id, 3)) == 1 then
   redis.call('ZADD', KEYS[2], 0, ARGV[1])
+  if redis.call('EXISTS', KEYS[4]) == 0 then
+    local now = redis.call('TIME')
+    redis.call('HSET', KEYS[4], 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
+  end
 end
 return id
 )";

@@ -124,6 +124,31 @@ TEST_F(faults, a_server_that_came_back_empty_makes_subscribers_start_over)
     EXPECT_EQ("4 a/1/3=3", ace.lines.back());
 }
 
+TEST_F(faults, a_store_that_was_flushed_takes_writes_of_every_kind)
+{
+    server.start({"--appendfsync", "no"});
+    auto *writer = open();
+    auto *listener = open();
+    hearing ace, psta;
+    subscribe(listener, ace, ace_record("a", 0, 0));
+    subscribe(listener, psta, psta_record("a", 0, 0));
+    for (uint64_t round = 1; round <= 3; ++round) {
+        ASSERT_EQ(TQ_MOM_OK, write_ace(writer, 8, ace_record("a", 1, 1, round)));
+        ASSERT_EQ(TQ_MOM_OK, write_psta(writer, 8, psta_record("a", 1, 1, round)));
+        EXPECT_EQ((std::map<uint64_t, uint64_t>{{1, round}}), stored(writer));
+        server.run({"FLUSHALL"});
+        tq_mom_batch_begin(writer);
+        write_ace(writer, 8, ace_record("a", 1, 1, round));
+        tq_mom_batch_end(writer); // finds the metadata gone
+        server.run({"FLUSHALL"});
+    }
+    server.crash();
+    server.start({"--appendfsync", "no"});
+    until_ok([&] { return write_psta(writer, 8, psta_record("a", 1, 9, 9)); });
+    wait_for([&] { return !psta.lines.empty() && psta.lines.back() == "1 a/1/9=9"; });
+    EXPECT_NE("nil", server.run({"HGET", "plx{8:ace_psta}/meta", "epoch"}));
+}
+
 TEST_F(faults, a_server_that_came_back_with_older_data_makes_up_for_the_difference_only)
 {
     server.start();

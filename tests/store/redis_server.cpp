@@ -80,7 +80,8 @@ void redis_server::write_acl() const
     std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.acl");
     std::ofstream acl(directory_ + "/acl");
     acl << shipped.rdbuf();
-    acl << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +client|id +client|unblock "
+    acl << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time +client|id "
+           "+client|unblock "
            "+watch "
            "+unwatch +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hexists +hlen +hset +hsetnx "
            "+hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread +xrange +xrevrange "
