@@ -422,19 +422,31 @@ double raw_scan_time(const bench_store &store)
     return time;
 }
 
-void scans(benchmark::State &state)
-{
-    bench::once(state, [&] {
-        bench_store base;
-        bench_store store;
+/// The same records on either side, filled once for all repetitions.
+struct filled_stores {
+    explicit filled_stores(int foreign)
+    {
         fill_raw(base, "base", records);
         fill_store(store);
+        fill_raw(base, "foreign", foreign);
+        fill_raw(store, "foreign", foreign);
         scan_time(store);
-        state.counters["over raw"] = scan_time(store) / raw_scan_time(base);
-        fill_raw(base, "foreign", 10 * records);
-        fill_raw(store, "foreign", 10 * records);
-        state.counters["over raw, foreign keys"] = scan_time(store) / raw_scan_time(base);
-    });
+        raw_scan_time(base);
+    }
+    bench_store base;
+    bench_store store;
+};
+
+void scans(benchmark::State &state)
+{
+    static const filled_stores stores(0);
+    bench::once(state, [&] { state.counters["over raw"] = scan_time(stores.store) / raw_scan_time(stores.base); });
+}
+
+void scans_among_others(benchmark::State &state)
+{
+    static const filled_stores stores(10 * records);
+    bench::once(state, [&] { state.counters["over raw"] = scan_time(stores.store) / raw_scan_time(stores.base); });
 }
 
 double memory(redisContext *raw)
@@ -470,7 +482,7 @@ constexpr bench::goal goals[] = {
     {"round_trips", "one in flight, p99 over base", 8, 0.10},
     {"round_trips", "128 in flight, over base", 1 / 1.2, 0.10},
     {"scans", "over raw", 1 / 0.85, 0.10},
-    {"scans", "over raw, foreign keys", 1 / 2.5, 0.10},
+    {"scans_among_others", "over raw", 1 / 2.5, 0.10},
     {"memory", "beyond 1.05 hashes, bytes", 80, 0},
 };
 
@@ -481,6 +493,7 @@ int main(int argc, char **argv)
     bench::add("writes", writes);
     bench::add("round_trips", round_trips);
     bench::add("scans", scans);
+    bench::add("scans_among_others", scans_among_others);
     bench::add("memory", server_memory);
     return bench::run(argc, argv, goals);
 }
