@@ -284,6 +284,16 @@ void print_table(const std::vector<Row> &rows)
         print_line(row, columns);
 }
 
+std::string shown_address(const std::string &store)
+{
+    const std::string address = store.substr(0, store.find('?'));
+    const size_t scheme = address.find("://");
+    const size_t at = address.rfind('@');
+    if (scheme == std::string::npos || at == std::string::npos || at < scheme)
+        return address;
+    return address.substr(0, scheme + 3) + address.substr(at + 1);
+}
+
 plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code)
 {
     plane::Context context(tq_context_new(options.store.c_str()));
