@@ -110,6 +110,11 @@ TEST_F(shell_command, a_terminal_gets_completion_and_history)
 {
     const server app(module_name, root / "app");
     int terminal = -1;
+    int ours = -1;
+    if (openpty(&terminal, &ours, nullptr, nullptr, nullptr) != 0)
+        GTEST_SKIP() << "this machine gives no terminals";
+    close(terminal);
+    close(ours);
     const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
         execl(PLX_PROGRAM, PLX_PROGRAM, "shell", "app.fp", nullptr);

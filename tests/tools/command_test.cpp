@@ -128,6 +128,8 @@ TEST_F(Apply, writes_to_the_database_that_it_is_given)
 
 TEST_F(Apply, shows_its_progress_on_a_terminal)
 {
+    if (!has_terminals())
+        GTEST_SKIP() << "this machine gives no terminals";
     const std::string policy = directory_.write("policy.yaml", two_entries);
     const Result result = run_plx_on_terminal({"apply", "--simulate", "1:delay=300", policy});
     EXPECT_EQ(0, result.exit_code);

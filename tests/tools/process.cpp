@@ -78,6 +78,17 @@ Result run_plx(const std::vector<std::string> &arguments, const std::map<std::st
     return run_program(PLX_PROGRAM, arguments, environment);
 }
 
+bool has_terminals()
+{
+    int terminal = -1;
+    int other = -1;
+    if (openpty(&terminal, &other, nullptr, nullptr, nullptr) != 0)
+        return false;
+    close(terminal);
+    close(other);
+    return true;
+}
+
 Result run_plx_on_terminal(const std::vector<std::string> &arguments)
 {
     int terminal = -1;

@@ -18,6 +18,9 @@ Result run_plx(const std::vector<std::string> &arguments, const std::map<std::st
 Result run_program(const std::string &program, const std::vector<std::string> &arguments,
                    const std::map<std::string, std::string> &environment = {});
 
+// False where no pseudo-terminal can be had, as in a root without /dev/pts.
+bool has_terminals();
+
 // Everything that plx writes to a terminal that it stands on with all of its outputs.
 Result run_plx_on_terminal(const std::vector<std::string> &arguments);
 
