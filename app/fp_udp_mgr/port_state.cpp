@@ -114,10 +114,17 @@ int32_t set_svi_router(void *ctx, const uint8_t *priv)
         [&](int result) { return handler.svi_router_fail_cb(ctx, result, priv); });
 }
 
-bool valid_binding(uint32_t acl_cls, uint32_t bind_type)
+// The parameters of a port binding: 0, or -4 reported as the calling operation.
+int32_t check_binding(const char *app_type, uint32_t acl_cls, uint32_t bind_type,
+                      const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
-    return bind_type >= S_POLICY__BIND_TYPE_T__BIND_TYPE_PORT && bind_type <= S_POLICY__BIND_TYPE_T__BIND_TYPE_LIF &&
-           acl_cls <= max_acl_cls;
+    if (!valid(app_type))
+        return refuse_name(function, line);
+    if (bind_type >= S_POLICY__BIND_TYPE_T__BIND_TYPE_PORT && bind_type <= S_POLICY__BIND_TYPE_T__BIND_TYPE_LIF &&
+        acl_cls <= max_acl_cls)
+        return FP_UDP_OK;
+    report<Error>(diag::place{function, line}, "error paras acl_cls: %d, bind_type: %d.\n", acl_cls, bind_type);
+    return FP_UDP_INVALID;
 }
 
 void fill(SPolicy__PortBindinfoKey &key, const char *app_type, uint32_t acl_cls, uint32_t phyid, uint32_t bind_type,
@@ -210,12 +217,8 @@ int32_t fp_udp_del_expire_uplink(void *ctx)
 int32_t fp_udp_set_port_bindinfo(void *ctx, const char *app_type, uint32_t acl_cls, uint32_t phyid, uint32_t bind_type,
                                  uint32_t bind_id)
 {
-    if (!valid(app_type))
-        return refuse_name();
-    if (!valid_binding(acl_cls, bind_type)) {
-        report<Error>("error paras acl_cls: %d, bind_type: %d.\n", acl_cls, bind_type);
-        return FP_UDP_INVALID;
-    }
+    if (const int32_t rv = check_binding(app_type, acl_cls, bind_type); rv != FP_UDP_OK)
+        return rv;
     report<Detail>("port bindinfo, app_type: %s, acl_cls: %d, phyid: 0x%x, bind_type: %d, bind_ind: %d.\n", app_type,
                    acl_cls, phyid, bind_type, bind_id);
     store_record<SPolicy__PortBindinfo> record;
@@ -230,12 +233,8 @@ int32_t fp_udp_set_port_bindinfo(void *ctx, const char *app_type, uint32_t acl_c
 int32_t fp_udp_del_port_bindinfo(void *ctx, const char *app_type, uint32_t acl_cls, uint32_t phyid, uint32_t bind_type,
                                  uint32_t bind_id)
 {
-    if (!valid(app_type))
-        return refuse_name();
-    if (!valid_binding(acl_cls, bind_type)) {
-        report<Error>("error paras acl_cls: %d, bind_type: %d.\n", acl_cls, bind_type);
-        return FP_UDP_INVALID;
-    }
+    if (const int32_t rv = check_binding(app_type, acl_cls, bind_type); rv != FP_UDP_OK)
+        return rv;
     // The last two change places here, and are meant to.
     report<Detail>("port bindinfo, app_type: %s, acl_cls: %d, phyid: 0x%x, bind_type: %d, bind_ind: %d.\n", app_type,
                    acl_cls, phyid, bind_id, bind_type);

@@ -27,7 +27,8 @@ int32_t fp_udp_service_node_callback(void *, const tq_mom_notification *notifica
     }
     if (notification->event != TQ_MOM_EVENT_PUBLISHED)
         return FP_UDP_OK;
-    const auto *index = reinterpret_cast<const SPolicy__ServiceNode *>(notification->record)->index;
+    const bool foreign = notification->record->descriptor != &s_policy__service_node__descriptor;
+    const auto *index = foreign ? nullptr : reinterpret_cast<const SPolicy__ServiceNode *>(notification->record)->index;
     if (index == nullptr) {
         report<Error>("msg para ERROR.");
         return bad_notification;

@@ -267,6 +267,10 @@ TEST_F(requests, other_service_node_notifications_change_nothing)
         EXPECT_EQ(fake::store.deliver("service_node", event, &record.base), 0);
     record.index = nullptr;
     fake::store.deliver("service_node", 24, &record.base); // hostile: any result, no node
+    SPolicy__AclKey foreign_key = S_POLICY__ACL_KEY__INIT;
+    SPolicy__Acl foreign = S_POLICY__ACL__INIT;
+    foreign.index = &foreign_key;
+    fake::store.deliver("service_node", 24, &foreign.base);
     EXPECT_EQ(g_fp_service.count, 0);
 }
 
