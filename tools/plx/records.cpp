@@ -286,7 +286,7 @@ void print_table(const std::vector<Row> &rows)
 
 std::string shown_address(const std::string &store)
 {
-    const std::string address = store.substr(0, store.find('?'));
+    std::string address = store.substr(0, store.find('?'));
     const size_t scheme = address.find("://");
     const size_t at = address.rfind('@');
     if (scheme == std::string::npos || at == std::string::npos || at < scheme)
