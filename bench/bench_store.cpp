@@ -254,7 +254,8 @@ struct node {
 
     static int on_flush(tq_thread *timer)
     {
-        require(tq_mom_batch_end(static_cast<node *>(tq_thread_arg(timer))->client.get()) == 0, "answering");
+        require(tq_mom_batch_end(static_cast<node *>(tq_thread_arg(timer))->client.get(), nullptr, 0) == 0,
+                "answering");
         return 0;
     }
 
@@ -320,7 +321,7 @@ void write_answered(bench_store &store, answers &heard, uint64_t count, uint64_t
         require(tq_mom_batch_begin(store.client.get()) == 0, "a batch");
         for (; sent < count && sent - (heard.count - before) < window; ++sent)
             write_ace(store.client.get(), sent % 1000, sent);
-        require(tq_mom_batch_end(store.client.get()) == 0, "a batch");
+        require(tq_mom_batch_end(store.client.get(), nullptr, 0) == 0, "a batch");
         tq_loop_run_once(store.client->master, 100);
     }
 }
@@ -379,7 +380,7 @@ void fill_store(bench_store &store)
     require(tq_mom_batch_begin(store.client.get()) == 0, "filling");
     for (uint64_t i = 0; i < records; ++i)
         write_ace(store.client.get(), i, i);
-    require(tq_mom_batch_end(store.client.get()) == 0, "filling");
+    require(tq_mom_batch_end(store.client.get(), nullptr, 0) == 0, "filling");
 }
 
 /// SCAN COUNT 1000 over all keys, and an HGETALL of each that is a base record.

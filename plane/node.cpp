@@ -11,7 +11,7 @@ namespace plx::plane {
 namespace {
 
 // Work between two looks at the loop is bounded, so that a node with a million entries still shows that it lives.
-constexpr int replies_per_pass = 1000;
+constexpr size_t replies_per_pass = 1000;
 constexpr int counters_per_pass = 500;
 constexpr uint64_t longest_commit_seconds = 60;
 
@@ -213,28 +213,48 @@ void Node::beat()
     heartbeat_timer_.start(options_.heartbeat);
 }
 
+// What is due goes to the store together. What it did not take comes again later, behind the others.
 void Node::send_replies()
 {
+    std::vector<std::multimap<milliseconds, Reply>::iterator> sent;
     milliseconds pause{0};
-    for (int count = 0; count < replies_per_pass && !replies_.empty() && replies_.begin()->first <= now(); ++count) {
-        const int result = send(replies_.begin()->second);
+    tq_mom_batch_begin(context_.get());
+    for (auto reply = replies_.begin();
+         reply != replies_.end() && reply->first <= now() && sent.size() < replies_per_pass;) {
+        const int result = outdated(reply->second) ? TQ_MOM_INVALID : write(reply->second);
         if (result != 0 && result != TQ_MOM_INVALID) {
             pause = options_.retry;
             break;
         }
-        replies_.erase(replies_.begin());
+        const auto next = std::next(reply);
+        if (result == 0)
+            sent.push_back(reply);
+        else
+            replies_.erase(reply);
+        reply = next;
+    }
+    std::vector<int> results(sent.size());
+    tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
+    for (size_t i = 0; i < sent.size(); ++i) {
+        auto reply = replies_.extract(sent[i]);
+        reply.key() = now() + options_.retry;
+        if (results[i] != 0)
+            replies_.insert(std::move(reply));
     }
     if (!replies_.empty())
         reply_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
 }
 
-// Writes a status record, unless the entry is gone or has been asked for anew. Every node writes its own answer, also
-// when the record says the same already: applications count the changes.
-int Node::send(const Reply &reply)
+// The entry is gone or has been asked for anew.
+bool Node::outdated(const Reply &reply) const
 {
     const auto entry = entries_.find(reply.key);
-    if (entry == entries_.end() || entry->second.request != reply.request)
-        return 0;
+    return entry == entries_.end() || entry->second.request != reply.request;
+}
+
+// Every node writes its own answer, also when the record says the same already: applications count the changes.
+int Node::write(const Reply &reply)
+{
     Record record(*tables()[reply.key.index()].status, reply.key);
     record.set_number("p_status", static_cast<uint32_t>(reply.status));
     record.set_number("rep_uuid", reply.request);
@@ -244,32 +264,37 @@ int Node::send(const Reply &reply)
 // Publishes the counters that changed, some entries at a time.
 void Node::publish_counters()
 {
+    std::vector<std::pair<Key, Counters>> sent;
     auto entry = last_counted_ ? entries_.upper_bound(*last_counted_) : entries_.begin();
     last_counted_.reset();
+    tq_mom_batch_begin(context_.get());
     for (int count = 0; entry != entries_.end() && std::holds_alternative<AceKey>(entry->first); ++entry, ++count) {
         if (count == counters_per_pass) {
             last_counted_ = std::prev(entry)->first;
             break;
         }
         const auto counters = plane_.counters(std::get<AceKey>(entry->first));
-        if (counters)
-            publish(entry->first, *counters);
+        const auto published = published_.find(entry->first);
+        const bool told = published != published_.end() && published->second == counters;
+        if (counters && !told && write(entry->first, *counters) == 0)
+            sent.emplace_back(entry->first, *counters);
     }
+    std::vector<int> results(sent.size());
+    tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
+    for (size_t i = 0; i < sent.size(); ++i)
+        if (results[i] == 0)
+            published_[sent[i].first] = sent[i].second;
     counter_timer_.start(last_counted_ ? milliseconds(0) : options_.counters);
 }
 
 // The second pair of counters stays 0: no plane here counts twice.
-void Node::publish(const Key &ace, const Counters &counters)
+int Node::write(const Key &ace, const Counters &counters)
 {
-    const auto published = published_.find(ace);
-    if (published != published_.end() && published->second == counters)
-        return;
     Record record(s_policy__ace_counter__descriptor, ace);
     record.set_number("counter_byte", counters.bytes);
     record.set_number("counter_pkt", counters.packets);
     record.set_number("timestamp", wall_clock_ms());
-    if (tq_mom_set_sync(context_.get(), options_.db, record.message()) == 0)
-        published_[ace] = counters;
+    return tq_mom_set_sync(context_.get(), options_.db, record.message());
 }
 
 } // namespace plx::plane

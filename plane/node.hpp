@@ -103,10 +103,11 @@ class Node {
     void settle(const Change &change, const Answer &answer);
 
     void send_replies();
-    int send(const Reply &reply);
+    bool outdated(const Reply &reply) const;
+    int write(const Reply &reply);
     void beat();
     void publish_counters();
-    void publish(const Key &ace, const Counters &counters);
+    int write(const Key &ace, const Counters &counters);
 
     NodeOptions options_;
     Plane &plane_;

@@ -75,10 +75,11 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record);
 
 /* Between these two calls the handle's writes and deletions are collected, return 0 when they could be, and go to the
  * store together: at the end, in steps while there are many, and before any other call. The end waits for all answers
- * and returns 0 or the first failure; after TQ_MOM_DISCONNECTED or TQ_MOM_TIMEOUT any part of them may be in the store.
- * For who writes many records at a time and need not tell them apart: one waiting instead of one for each. */
+ * and returns 0 or the first failure. `results`, when not NULL, has room for `count` of them and receives in turn the
+ * result of each call that was collected; TQ_MOM_DISCONNECTED and TQ_MOM_TIMEOUT leave open whether the store has it.
+ * For who writes many records at a time: one waiting instead of one for each. */
 int tq_mom_batch_begin(void *handle);
-int tq_mom_batch_end(void *handle);
+int tq_mom_batch_end(void *handle, int *results, uint32_t count);
 
 /* Calls `cb` once for each record whose first `selection` key fields equal those of `record`; 0 selects the table. A
  * record that cannot be decoded is delivered without a record and with a non-zero result. */

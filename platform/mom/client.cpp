@@ -162,9 +162,10 @@ int tq_mom_batch_begin(void *handle)
     return call_engine(handle, [](engine &engine) { return engine.begin_batch(), TQ_MOM_OK; });
 }
 
-int tq_mom_batch_end(void *handle)
+int tq_mom_batch_end(void *handle, int *results, uint32_t count)
 {
-    return call_engine(handle, [](engine &engine) { return engine.end_batch(); });
+    const std::span room(results, results == nullptr ? 0 : count);
+    return call_engine(handle, [&](engine &engine) { return engine.end_batch(room); });
 }
 
 int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields, uint32_t count)

@@ -64,9 +64,10 @@ class engine {
     virtual int state() = 0;
     virtual int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) = 0;
     virtual int remove(table_ref table, std::string_view key) = 0;
-    /// Writes and removals in between may be collected; the end returns the first failure.
+    /// Writes and removals in between may be collected; the end returns the first failure, and fills in each one's
+    /// result as far as there is room.
     virtual void begin_batch() = 0;
-    virtual int end_batch() = 0;
+    virtual int end_batch(std::span<int> results) = 0;
     /// Calls the sink once if the record exists.
     virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;
     virtual int scan(table_ref table, const key_range &range, record_sink &sink) = 0;

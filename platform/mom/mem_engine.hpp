@@ -48,7 +48,10 @@ class mem_engine final : public engine {
     int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref table, std::string_view key) override;
     void begin_batch() override {}
-    int end_batch() override { return TQ_MOM_OK; }
+    int end_batch(std::span<int> results) override
+    {
+        return std::fill(results.begin(), results.end(), TQ_MOM_OK), TQ_MOM_OK;
+    }
     int read(table_ref table, std::string_view key, record_sink &sink) override;
     int scan(table_ref table, const key_range &range, record_sink &sink) override;
     int subscribe(table_ref table, const key_range &range, change_sink &sink) override;

@@ -1,6 +1,8 @@
 // See redis_batch.hpp.
 #include "redis_batch.hpp"
 
+#include <algorithm>
+#include <numeric>
 #include <tq_mom.h>
 
 namespace mom {
@@ -18,46 +20,44 @@ std::string_view command_batch::command(size_t index) const
     return bytes.substr(starts_[index], end - starts_[index]);
 }
 
-// One exchange; `again` receives the commands whose script the server did not know.
-int command_batch::exchange(redis_link &link, command_buffer &again)
+// One exchange of some of the commands. Returns those whose script the server did not know.
+command_batch::places command_batch::exchange(redis_link &link, const places &which, int *results) const
 {
-    const int exchanged = link.exchange(commands_);
-    if (exchanged != TQ_MOM_OK)
-        return exchanged;
-    reply_tape answers;
-    link.take_replies(answers);
-    int first = TQ_MOM_OK;
-    reply_view reply(answers, 0);
-    for (size_t i = 0; i < starts_.size(); ++i, reply = reply.next()) {
-        if (reply.is(reply_kind::error) && reply.text().starts_with("NOSCRIPT")) {
-            again.append_built(command(i));
-            continue;
-        }
-        const int result = link.judge(reply);
-        first = first == TQ_MOM_OK ? result : first;
+    command_buffer commands;
+    for (const size_t place : which)
+        commands.append_built(command(place));
+    const int exchanged = link.exchange(commands);
+    if (exchanged != TQ_MOM_OK) {
+        for (const size_t place : which)
+            results[place] = exchanged;
+        return {};
     }
-    return first;
-}
-
-int command_batch::send(redis_link &link, redis_scripts &scripts)
-{
-    command_buffer again;
-    int first = starts_.empty() ? TQ_MOM_OK : exchange(link, again);
-    commands_.clear();
-    starts_.clear();
-    if (again.commands() == 0)
-        return first;
-    for (auto *script : {&scripts.write, &scripts.remove})
-        if (const int loaded = script->load(link); loaded != TQ_MOM_OK)
-            return loaded;
-    const int exchanged = link.exchange(again);
-    if (exchanged != TQ_MOM_OK)
-        return exchanged;
     reply_tape answers;
     link.take_replies(answers); // judging one may drop the connection, and its tape with it
-    for (reply_view reply(answers, 0); first == TQ_MOM_OK && !reply.at_end(); reply = reply.next())
-        first = link.judge(reply);
-    return first;
+    places unknown;
+    reply_view reply(answers, 0);
+    for (const size_t place : which) {
+        results[place] = link.judge(reply);
+        if (reply.is(reply_kind::error) && reply.text().starts_with("NOSCRIPT"))
+            unknown.push_back(place);
+        reply = reply.next();
+    }
+    return unknown;
+}
+
+bool command_batch::send(redis_link &link, redis_scripts &scripts, std::vector<int> &results)
+{
+    const size_t before = results.size();
+    results.resize(before + starts_.size());
+    int *const own = results.data() + before;
+    places which(starts_.size());
+    std::iota(which.begin(), which.end(), 0U);
+    which = exchange(link, which, own);
+    if (!which.empty() && scripts.write.load(link) == TQ_MOM_OK && scripts.remove.load(link) == TQ_MOM_OK)
+        exchange(link, which, own);
+    commands_.clear();
+    starts_.clear();
+    return std::all_of(own, results.data() + results.size(), [](int result) { return result == TQ_MOM_OK; });
 }
 
 } // namespace mom

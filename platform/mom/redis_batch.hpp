@@ -15,11 +15,12 @@ class command_batch {
     command_buffer &next();
     bool full() const { return starts_.size() >= 256; }
     bool empty() const { return starts_.empty(); }
-    /// Sends all, waits for the answers, and is empty again. The first failure, or 0.
-    int send(redis_link &link, redis_scripts &scripts);
+    /// Sends all, waits for the answers, appends the result of each, and is empty again. Whether all succeeded.
+    bool send(redis_link &link, redis_scripts &scripts, std::vector<int> &results);
 
   private:
-    int exchange(redis_link &link, command_buffer &again);
+    using places = std::vector<size_t>;
+    places exchange(redis_link &link, const places &which, int *results) const;
     std::string_view command(size_t index) const;
 
     command_buffer commands_;

@@ -102,25 +102,25 @@ int redis_engine::submit(redis_script &script, const std::function<void(command_
     if (result != TQ_MOM_OK)
         return result;
     build(batch_.next());
-    return batch_.full() ? flush_batch() : TQ_MOM_OK;
+    if (batch_.full())
+        flush_batch();
+    return TQ_MOM_OK;
 }
 
-int redis_engine::flush_batch()
+void redis_engine::flush_batch()
 {
-    if (batch_.empty())
-        return TQ_MOM_OK;
-    const int result = batch_.send(link_, scripts_);
-    if (result != TQ_MOM_OK) // the metadata may be gone: have the next write look
-        forget_watches();
-    batch_result_ = batch_result_ == TQ_MOM_OK ? result : batch_result_;
-    return result;
+    if (!batch_.empty() && !batch_.send(link_, scripts_, batch_results_))
+        forget_watches(); // the metadata may be gone: have the next write look
 }
 
-int redis_engine::end_batch()
+int redis_engine::end_batch(std::span<int> results)
 {
     batching_ = false;
     flush_batch();
-    return std::exchange(batch_result_, TQ_MOM_OK);
+    const auto all = std::exchange(batch_results_, {});
+    std::copy_n(all.begin(), std::min(all.size(), results.size()), results.begin());
+    const auto failed = std::find_if(all.begin(), all.end(), [](int result) { return result != TQ_MOM_OK; });
+    return failed == all.end() ? TQ_MOM_OK : *failed;
 }
 
 int redis_engine::run(redis_script &script, const std::function<void(command_buffer &)> &build)

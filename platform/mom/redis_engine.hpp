@@ -31,7 +31,7 @@ class redis_engine final : public engine {
     int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref ref, std::string_view key) override;
     void begin_batch() override { batching_ = true; }
-    int end_batch() override;
+    int end_batch(std::span<int> results) override;
     int read(table_ref ref, std::string_view key, record_sink &sink) override;
     int scan(table_ref ref, const key_range &range, record_sink &sink) override;
     int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
@@ -67,7 +67,7 @@ class redis_engine final : public engine {
     int write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
     int run(redis_script &script, const std::function<void(command_buffer &)> &build);
     int submit(redis_script &script, const std::function<void(command_buffer &)> &build);
-    int flush_batch();
+    void flush_batch();
     int undo(redis_table &table, std::string_view key);
     int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
     int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
@@ -81,9 +81,9 @@ class redis_engine final : public engine {
     unsigned writes_ = 0; ///< by transaction
     bool batching_ = false;
     command_batch batch_;
-    int batch_result_ = 0;  ///< the first failure so far
-    std::string writer_;    ///< this handle's name in the log
-    std::string log_limit_; ///< changes kept per table
+    std::vector<int> batch_results_; ///< of what was sent so far
+    std::string writer_;             ///< this handle's name in the log
+    std::string log_limit_;          ///< changes kept per table
     std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;
     uint64_t generation_ = 0; ///< the connection that the tables' watches belong to
     std::string watch_;       ///< the command that watches the metadata of all known tables, ready to send

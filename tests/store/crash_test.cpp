@@ -139,7 +139,7 @@ TEST_F(faults, a_store_that_was_flushed_takes_writes_of_every_kind)
         server.run({"FLUSHALL"});
         tq_mom_batch_begin(writer);
         write_ace(writer, 8, ace_record("a", 1, 1, round));
-        tq_mom_batch_end(writer); // finds the metadata gone
+        tq_mom_batch_end(writer, nullptr, 0); // finds the metadata gone
         server.run({"FLUSHALL"});
     }
     server.crash();

@@ -368,10 +368,10 @@ TEST_P(records, a_batch_is_in_the_store_at_its_end_and_before_any_read)
     EXPECT_EQ(nullptr, read(context, psta_record("a", 1, 7))->record);
     EXPECT_NE(nullptr, read(context, psta_record("a", 1, 8))->record);
     ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 8)));
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context, nullptr, 0));
     EXPECT_EQ(1000u, scan(context, ace_record("a", 0, 0), 1).size());
     EXPECT_EQ(998u, scan(context, psta_record("a", 0, 0), 1).size());
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context, nullptr, 0));
     EXPECT_EQ(TQ_MOM_INVALID, tq_mom_batch_begin(nullptr));
 }
 

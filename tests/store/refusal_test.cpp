@@ -2,6 +2,7 @@
 #include "faults.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <random>
@@ -170,13 +171,13 @@ TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
         for (uint64_t sn = 1; sn <= 20; ++sn)
             EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, sn, sn)));
         server.run({"SCRIPT", "FLUSH"});
-        EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(context, nullptr, 0));
         EXPECT_EQ(20u, stored(context).size());
         server.run({"SCRIPT", "FLUSH"});
     }
 }
 
-TEST_F(faults, a_batch_reports_its_first_failure)
+TEST_F(faults, a_batch_reports_its_first_failure_and_each_result)
 {
     server.start({"--appendfsync", "no"});
     auto *application = open("", "plx-application");
@@ -185,9 +186,11 @@ TEST_F(faults, a_batch_reports_its_first_failure)
     EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 1, 1)));
     EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, &node.base));
     EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 2, 2)));
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application));
+    std::array<int, 3> results{-1, -1, -1};
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application, results.data(), results.size()));
+    EXPECT_EQ((std::array{0, int(TQ_MOM_DENIED), 0}), results);
     EXPECT_EQ(2u, stored(application).size());
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application, nullptr, 0));
 }
 
 TEST_F(faults, a_server_that_may_lose_policy_is_warned_about_once)
