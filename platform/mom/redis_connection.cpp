@@ -49,7 +49,6 @@ std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, 
             redisFree(context);
         return nullptr;
     }
-    fcntl(context->fd, F_SETFL, fcntl(context->fd, F_GETFL) | O_NONBLOCK);
     fcntl(context->fd, F_SETFD, FD_CLOEXEC);
     if (where.port != 0)
         keep_alive(context->fd);
@@ -79,7 +78,7 @@ bool redis_connection::wait(short events, steady_time deadline) const
 int redis_connection::send(std::string_view bytes, steady_time deadline)
 {
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(context_->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = ::send(context_->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent > 0)
             bytes.remove_prefix(static_cast<size_t>(sent));
         else if (sent < 0 && errno != EAGAIN && errno != EINTR)

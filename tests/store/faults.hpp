@@ -47,14 +47,14 @@ class faults : public testing::Test {
 };
 
 /// The stored ACEs of ACL 1 of application "a": sn and request.
-inline std::map<uint64_t, uint64_t> stored(tq_context *context)
+inline std::map<uint64_t, uint64_t> stored(tq_context *context, uint32_t db = 8)
 {
     std::map<uint64_t, uint64_t> found;
     const auto note = [](void *, const tq_mom_notification *told, void *arg) {
         const auto *ace = reinterpret_cast<const SPolicy__Ace *>(told->record);
         return (*static_cast<std::map<uint64_t, uint64_t> *>(arg))[ace->index->sn] = ace->req_uuid, 0;
     };
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, 8, ace_record("a", 0, 0), 1, note, &found));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, db, ace_record("a", 0, 0), 1, note, &found));
     return found;
 }
 
