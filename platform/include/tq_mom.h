@@ -113,7 +113,8 @@ enum tq_mom_result {
     TQ_MOM_READ_ONLY = 8,    /* the server is a replica */
     TQ_MOM_LOADING = 9,      /* the server is reading its data back */
     TQ_MOM_STORE_FULL = 10,  /* the server is out of memory */
-    TQ_MOM_STORE_ERROR = 11  /* any other refusal of the server */
+    TQ_MOM_STORE_ERROR = 11, /* any other refusal of the server */
+    TQ_MOM_BAD_ANSWER = 12   /* the server's answer makes no sense: a walk over a table that does not go forward */
 };
 
 /* A short text for a result code; never NULL. */

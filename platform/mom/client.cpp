@@ -282,6 +282,7 @@ const char *tq_mom_strerror(int result)
         "the store's server is still loading its data",
         "the store's server is out of memory",
         "the store refused the operation",
+        "the store's answer makes no sense",
     };
     const bool known = result >= 0 && static_cast<size_t>(result) < sizeof texts / sizeof *texts;
     return known ? texts[result] : "unknown result";

@@ -91,33 +91,31 @@ int redis_changes::list_lost(feed &of)
 {
     auto &lost = *of.lost;
     const key_range whole;
-    int asked = engine_.ask([&](command_buffer &commands) {
+    int result = engine_.ask([&](command_buffer &commands) {
         commands.command("ZRANGEBYLEX", of.table.index, lex_from(whole, lost.after, !lost.after.empty()), "+", "LIMIT",
                          "0", records_per_page);
     });
-    if (asked != TQ_MOM_OK)
-        return asked;
-    reply_tape tape;
-    engine_.link().take_replies(tape);
-    const reply_view keys(tape, 0);
-    if (keys.is(reply_kind::error))
-        return result_of(keys);
-    asked = engine_.ask([&](command_buffer &commands) {
-        auto key = keys.first();
-        for (size_t i = 0; i < keys.size(); ++i, key = key.next())
-            commands.command("HGET", of.table.record(key.text()), "#");
+    if (result == TQ_MOM_OK)
+        result = result_of(engine_.link().replies());
+    if (result != TQ_MOM_OK)
+        return result;
+    std::vector<std::string> keys;
+    const int page = take_page(of.table, engine_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
+    result = engine_.ask([&](command_buffer &commands) {
+        for (const auto &key : keys)
+            commands.command("HGET", of.table.record(key), "#");
     });
-    if (asked != TQ_MOM_OK)
-        return asked;
-    auto key = keys.first();
-    auto reply = keys.size() == 0 ? reply_view(tape, tape.size()) : engine_.link().replies();
-    for (; !reply.at_end(); reply = reply.next(), key = key.next()) {
+    if (result != TQ_MOM_OK)
+        return result;
+    auto reply = engine_.link().replies();
+    for (const auto &key : keys) {
         const uint64_t stamp = parse_stamp(reply.text());
-        lost.after = key.text();
         if (stamp > lost.base && stamp <= lost.last)
-            lost.found.emplace_back(stamp, key.text());
+            lost.found.emplace_back(stamp, key);
+        lost.after = key;
+        reply = reply.next();
     }
-    lost.listed = keys.size() < records_per_page;
+    lost.listed = page != TQ_MOM_OK || keys.size() < records_per_page; // what was found of a damaged index must do
     if (lost.listed)
         std::sort(lost.found.begin(), lost.found.end());
     return TQ_MOM_OK;

@@ -13,16 +13,6 @@ namespace {
 constexpr unsigned scan_page_size = 1000;
 constexpr unsigned sweep_page_size = 200;
 
-std::vector<std::string> texts_of(reply_view reply)
-{
-    std::vector<std::string> texts;
-    texts.reserve(reply.size());
-    auto item = reply.first();
-    for (size_t i = 0; i < reply.size(); ++i, item = item.next())
-        texts.emplace_back(item.text());
-    return texts;
-}
-
 void add_page(command_buffer &commands, const redis_table &table, const key_range &range, std::string_view after,
               bool continued)
 {
@@ -37,8 +27,8 @@ int redis_engine::list_keys(redis_table &table, const key_range &range, std::vec
     const int asked = ask([&](command_buffer &commands) { add_page(commands, table, range, {}, false); });
     if (asked != TQ_MOM_OK)
         return asked;
-    keys = texts_of(link_.replies());
-    return link_.judge(link_.replies());
+    const int result = link_.judge(link_.replies());
+    return result == TQ_MOM_OK ? take_page(table, link_.replies(), nullptr, keys) : result;
 }
 
 // Delivers the records under `keys`, and replaces these by the page behind them.
@@ -68,10 +58,10 @@ int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, 
             sink.record(key, fields, TQ_MOM_OK);
         reply = reply.next();
     }
+    const std::string last = std::move(keys.back());
     keys.clear();
-    if (more)
-        keys = texts_of(reply);
-    return more ? link_.judge(reply) : TQ_MOM_OK;
+    const int result = more ? link_.judge(reply) : TQ_MOM_OK;
+    return more && result == TQ_MOM_OK ? take_page(table, reply, &last, keys) : result;
 }
 
 int redis_engine::scan(table_ref ref, const key_range &range, record_sink &sink)
@@ -117,8 +107,11 @@ int redis_engine::sweep_page(redis_table &table, const key_range &range, const m
     });
     if (result != TQ_MOM_OK)
         return result;
-    continued = link_.replies().is(reply_kind::text);
-    after = link_.replies().text();
+    const auto reply = link_.replies();
+    if (continued && reply.is(reply_kind::text) && reply.text() <= after)
+        return out_of_order(table);
+    continued = reply.is(reply_kind::text);
+    after = reply.text();
     return TQ_MOM_OK;
 }
 

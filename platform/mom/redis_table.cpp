@@ -1,6 +1,8 @@
 // See redis_table.hpp.
 #include "redis_table.hpp"
 
+#include "report.hpp"
+
 #include <charconv>
 #include <functional>
 
@@ -69,6 +71,24 @@ bool parse_record(reply_view reply, std::vector<field_value> &fields, std::strin
         }
     }
     return stamped;
+}
+
+int take_page(const redis_table &table, reply_view page, const std::string *after, std::vector<std::string> &keys)
+{
+    keys.reserve(page.size());
+    auto item = page.first();
+    for (size_t i = 0; i < page.size(); ++i, item = item.next()) {
+        if (after != nullptr && item.text() <= *after)
+            return out_of_order(table);
+        after = &keys.emplace_back(item.text());
+    }
+    return TQ_MOM_OK;
+}
+
+int out_of_order(const redis_table &table)
+{
+    report(TQ_ZLOG_ERROR, table.index + " is out of order: a member's score is not 0");
+    return TQ_MOM_BAD_ANSWER;
 }
 
 std::string lex_from(const key_range &range, std::string_view after, bool continued)

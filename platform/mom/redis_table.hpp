@@ -61,6 +61,12 @@ bool parse_log_id(std::string_view id, uint64_t &number);
 /// The fields of an HGETALL answer; false when one of them has no business there. `stamp` may be null.
 bool parse_record(reply_view reply, std::vector<field_value> &fields, std::string_view *stamp = nullptr);
 
+/// Appends the keys of a page of the index. Stops where one does not lie behind the one before, of which `after` is the
+/// first (null: none): a walk over such an index might never end.
+int take_page(const redis_table &table, reply_view page, const std::string *after, std::vector<std::string> &keys);
+/// Reports that, and is its result.
+int out_of_order(const redis_table &table);
+
 /// The bounds of a range for ZRANGEBYLEX, from behind `after` when that is not empty.
 std::string lex_from(const key_range &range, std::string_view after, bool continued);
 std::string lex_to(const key_range &range);

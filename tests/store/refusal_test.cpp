@@ -127,6 +127,29 @@ TEST_F(faults, what_is_no_record_under_a_record_s_key_is_told_apart)
     }
 }
 
+TEST_F(faults, an_index_out_of_order_ends_a_walk_and_not_the_changes)
+{
+    server.start({"--appendfsync", "no", "--zset-max-listpack-entries", "2000"});
+    auto *context = open();
+    hearing heard, found;
+    subscribe(context, heard, psta_record("a", 0, 0));
+    write_ace(context, 8, ace_record("a", 1, 1, 1));
+    write_psta(context, 8, psta_record("a", 1, 1, 1));
+    for (const std::string table : {"plx{8:ace}", "plx{8:ace_psta}"}) { // behind any page lies the first one again
+        lines command{"ZADD", table + "/index", "2000", "zz"};
+        for (int i = 1; i <= 1100; ++i)
+            command.insert(command.end(), {std::to_string(i), "z" + std::to_string(9000 - i)});
+        server.run(command);
+        server.run({"XTRIM", table + "/log", "MAXLEN", "0"});
+    }
+    EXPECT_EQ(TQ_MOM_BAD_ANSWER, tq_mom_scan_sync(context, 8, ace_record("", 0, 0), 0, hearing::callback, &found));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, ace_record("", 0, 0), 0, 1000));
+    EXPECT_EQ(TQ_MOM_BAD_ANSWER, tq_mom_dsend_sync(context, 8, ace_record("", 0, 0), 0, 10'000));
+    write_psta(context, 8, psta_record("a", 1, 2, 2));
+    wait_for([&] { return heard.lines.size() == 2; });
+    EXPECT_EQ((lines{"1 a/1/1=1", "1 a/1/2=2"}), heard.lines);
+}
+
 TEST_F(faults, random_bytes_in_the_store_crash_nobody)
 {
     const uint32_t seed = std::random_device{}();
