@@ -70,6 +70,28 @@ class pending_walk {
     static inline pending_walk *innermost_ = nullptr;
 };
 
+// A node whose outcome a callback is hearing: a pass that the callback starts must not tell it once more.
+class telling {
+  public:
+    explicit telling(const void *node) : node_(node), outer_(innermost_) { innermost_ = this; }
+    ~telling() { innermost_ = outer_; }
+    telling(const telling &) = delete;
+    telling &operator=(const telling &) = delete;
+
+    static bool of(const void *node)
+    {
+        const telling *at = innermost_;
+        while (at != nullptr && at->node_ != node)
+            at = at->outer_;
+        return at != nullptr;
+    }
+
+  private:
+    const void *node_;
+    telling *outer_;
+    static inline telling *innermost_ = nullptr;
+};
+
 const fp_udp_acl_handler no_handler = {};
 
 const fp_udp_acl_handler &handler()
@@ -160,6 +182,7 @@ template <class Node> void judge_aged(Node &node)
 
 template <class Node> void judge(Node &node, int32_t status, int32_t final)
 {
+    const telling outcome(&node);
     auto &state = state_of(node);
     if (status == 0) {
         ++state.req_count;
@@ -185,6 +208,15 @@ bool answered_by_all(const fp_udp_req_node &request)
 {
     return request.type == FP_UDP_REQ_ACE ? answered_by_all(static_cast<fp_udp_ace_node *>(request.node)->ace)
                                           : answered_by_all(static_cast<fp_udp_apply_node *>(request.node)->apply);
+}
+
+// A node that its callback has written anew waits again, and is not.
+bool being_told(const fp_udp_req_node &request)
+{
+    const uint8_t is_req = request.type == FP_UDP_REQ_ACE
+                               ? static_cast<fp_udp_ace_node *>(request.node)->ace.is_req
+                               : static_cast<fp_udp_apply_node *>(request.node)->apply.is_req;
+    return is_req != 0 && telling::of(request.node);
 }
 
 } // namespace
@@ -297,6 +329,8 @@ void fp_udp_req_check_proc(int32_t force)
         if (request == nullptr)
             return;
         if (age_seconds(now, request->time) < ageing_seconds && !(force == 1 && answered_by_all(*request)))
+            continue;
+        if (being_told(*request))
             continue;
         if (request->type == FP_UDP_REQ_ACE)
             end_aged_ace(request);

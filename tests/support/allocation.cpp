@@ -1,6 +1,7 @@
-// Failing allocations. malloc, calloc and realloc are defined here, before the C library's (and before a sanitizer's,
-// which stays behind them): a call whose return address lies in libplx.so is counted and, when its turn has come,
-// refused. All others pass. Built without instrumentation, since the first calls come before a sanitizer is ready.
+// Failing allocations, and the count of live ones. malloc, calloc, realloc and free are defined here, before the C
+// library's (and before a sanitizer's, which stays behind them): a call whose return address lies in libplx.so is
+// counted and, when its turn has come, refused. All others pass. Built without instrumentation, since the first calls
+// come before a sanitizer is ready.
 #include "fakes.h"
 
 #include <cstdint>
@@ -13,11 +14,13 @@ extern "C" {
 void *__interceptor_malloc(size_t size);
 void *__interceptor_calloc(size_t count, size_t size);
 void *__interceptor_realloc(void *block, size_t size);
+void __interceptor_free(void *block);
 #define REAL(name) __interceptor_##name
 #else
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *block, size_t size);
+void __libc_free(void *block);
 #define REAL(name) __libc_##name
 #endif
 }
@@ -25,8 +28,9 @@ void *__libc_realloc(void *block, size_t size);
 namespace {
 
 uintptr_t library_begin, library_end;
-bool counting;
+bool counting, from_there_on;
 int turn, seen_so_far;
+long live;
 
 int find_library(dl_phdr_info *info, size_t, void *)
 {
@@ -44,8 +48,16 @@ int find_library(dl_phdr_info *info, size_t, void *)
 
 bool refused(void *caller)
 {
-    auto at = reinterpret_cast<uintptr_t>(caller);
-    return counting && at >= library_begin && at < library_end && ++seen_so_far == turn;
+    if (!counting || !fake::in_library(caller))
+        return false;
+    ++seen_so_far;
+    return turn != 0 && (from_there_on ? seen_so_far >= turn : seen_so_far == turn);
+}
+
+void *counted(void *block)
+{
+    live += block != nullptr;
+    return block;
 }
 
 } // namespace
@@ -54,28 +66,48 @@ extern "C" {
 
 void *malloc(size_t size)
 {
-    return refused(__builtin_return_address(0)) ? nullptr : REAL(malloc)(size);
+    return refused(__builtin_return_address(0)) ? nullptr : counted(REAL(malloc)(size));
 }
 
 void *calloc(size_t count, size_t size)
 {
-    return refused(__builtin_return_address(0)) ? nullptr : REAL(calloc)(count, size);
+    return refused(__builtin_return_address(0)) ? nullptr : counted(REAL(calloc)(count, size));
 }
 
 void *realloc(void *block, size_t size)
 {
-    return refused(__builtin_return_address(0)) ? nullptr : REAL(realloc)(block, size);
+    if (refused(__builtin_return_address(0)))
+        return nullptr;
+    return block ? REAL(realloc)(block, size) : counted(REAL(realloc)(nullptr, size));
+}
+
+void free(void *block)
+{
+    live -= block != nullptr;
+    REAL(free)(block);
 }
 
 } // extern "C"
 
 namespace fake {
 
-failing_allocation::failing_allocation(int n)
+bool in_library(const void *caller)
 {
     if (!library_end)
         dl_iterate_phdr(find_library, nullptr);
+    auto at = reinterpret_cast<uintptr_t>(caller);
+    return at >= library_begin && at < library_end;
+}
+
+long live_blocks()
+{
+    return live;
+}
+
+failing_allocation::failing_allocation(int n, lasts how_long)
+{
     turn = n;
+    from_there_on = how_long == from_then_on;
     seen_so_far = 0;
     counting = true;
 }

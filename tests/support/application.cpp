@@ -1,8 +1,10 @@
 // The recording callbacks, the builders, and the fixture.
 #include "application.h"
 
+#include <algorithm>
 #include <cstring>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 application app;
@@ -197,6 +199,141 @@ size_t list_length(const fp_udp_list &head)
         length += at != &head;
     } while (at != &head);
     return length;
+}
+
+namespace {
+
+// Walks everything that hangs together and collects the first thing wrong.
+struct inspection {
+    bool tables_are_whole;
+    std::string fault;
+    size_t acls = 0, aces = 0, applies = 0;
+    std::vector<const void *> waiting; // requests that nodes point at
+
+    void expect(bool right, const char *what)
+    {
+        if (!right && fault.empty())
+            fault = what;
+    }
+
+    // The elements of a list whose links agree both ways.
+    template <class Element> std::vector<Element *> elements(const fp_udp_list &head)
+    {
+        std::vector<Element *> found;
+        const fp_udp_list *at = &head;
+        while (at->next->prev == at && at->next != &head) {
+            at = at->next;
+            found.push_back(reinterpret_cast<Element *>(const_cast<fp_udp_list *>(at)));
+        }
+        expect(at->next == &head && head.prev == at, "a list's links");
+        return found;
+    }
+
+    template <class Node> void node(const fp_udp_acl_node &owner, const Node *n, const Node *in_table, uint8_t type)
+    {
+        expect(n->acl.acl_id == owner.acl.acl_id && !strcmp(n->acl.app_type, owner.acl.app_type), "a node's ACL");
+        expect(in_table == n || (!tables_are_whole && !in_table), "a listed node is not the table's");
+        if (!n->req)
+            return;
+        expect(n->req->node == n && n->req->type == type, "a request of another node");
+        waiting.push_back(n->req);
+    }
+
+    void acl(const fp_udp_acl_node *owner)
+    {
+        acls++;
+        expect(fp_udp_acl_node_hash_find(owner) == owner, "an ACL is not the table's");
+        const auto listed = elements<fp_udp_ace_node>(owner->ace_list);
+        const auto bound = elements<fp_udp_apply_node>(owner->apply_list);
+        expect(owner->ace_count == listed.size(), "an ACL's count of entries");
+        for (const fp_udp_ace_node *n : listed)
+            node(*owner, n, fp_udp_ace_node_hash_find(n), FP_UDP_REQ_ACE);
+        for (const fp_udp_apply_node *n : bound)
+            node(*owner, n, fp_udp_apply_node_hash_find(n), FP_UDP_REQ_APPLY);
+        aces += listed.size();
+        applies += bound.size();
+    }
+
+    template <class Table> void table(const Table *table, size_t listed)
+    {
+        if (!table)
+            return;
+        uint32_t stored = 0, occupied = 0;
+        for (uint32_t i = 0; i < table->n_buckets; i++) {
+            const uint32_t bits = table->flags[i / 16] >> 2 * (i % 16) & 3;
+            stored += bits == 0;
+            occupied += !(bits & 2);
+        }
+        expect(table->size == stored && table->n_occupied == occupied && occupied <= table->upper_bound,
+               "a table's counts");
+        expect(stored == listed || (!tables_are_whole && stored < listed), "a table's size");
+    }
+
+    void requests()
+    {
+        std::vector<const void *> pending;
+        for (const fp_udp_req_node *request : elements<fp_udp_req_node>(g_req_para.pending))
+            pending.push_back(request);
+        std::sort(pending.begin(), pending.end());
+        std::sort(waiting.begin(), waiting.end());
+        expect(pending == waiting, "the pending list is not the nodes' requests");
+    }
+};
+
+std::string how_it_ended(pid_t child)
+{
+    int status = 0;
+    if (waitpid(child, &status, 0) != child)
+        return "no child";
+    return WIFSIGNALED(status)       ? format("ended by signal %d", WTERMSIG(status))
+           : WEXITSTATUS(status) > 0 ? format("ended with %d", WEXITSTATUS(status))
+                                     : "";
+}
+
+} // namespace
+
+std::string broken(bool tables_are_whole)
+{
+    inspection all{tables_are_whole, {}, 0, 0, 0, {}};
+    fp_udp_acl_node_hash_traverse(
+        [](fp_udp_acl_node *node, void *arg) {
+            static_cast<inspection *>(arg)->acl(node);
+            return 0;
+        },
+        &all);
+    all.table(fp_udp_acl_node_list, all.acls);
+    all.table(fp_udp_ace_node_list, all.aces);
+    all.table(fp_udp_apply_node_list, all.applies);
+    all.requests();
+    const size_t alive = all.elements<fp_udp_service_node>(g_fp_service.nodes).size();
+    all.expect(alive == static_cast<size_t>(g_fp_service.count), "the count of service nodes");
+    return all.fault;
+}
+
+std::string in_child(const std::function<std::string()> &work, bool quiet)
+{
+    int ends[2];
+    fflush(nullptr);
+    const bool failed_before = testing::Test::HasFailure();
+    const pid_t child = pipe(ends) == 0 ? fork() : -1;
+    if (child == 0) {
+        alarm(60);
+        if (quiet && (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)))
+            _exit(3);
+        std::string text = work();
+        if (text.empty() && !failed_before && testing::Test::HasFailure())
+            text = "an expectation failed";
+        fflush(nullptr);
+        _exit(write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 2);
+    }
+    close(ends[1]);
+    std::string text;
+    char part[4096];
+    for (ssize_t n; (n = read(ends[0], part, sizeof part)) > 0;)
+        text.append(part, static_cast<size_t>(n));
+    close(ends[0]);
+    const std::string end = how_it_ended(child);
+    return text.empty() ? end : text;
 }
 
 library_case::library_case() : process("plx" + std::to_string(getpid()))

@@ -75,6 +75,12 @@ class library_case : public testing::Test {
 
 // Elements of a list, after checking its links both ways.
 size_t list_length(const fp_udp_list &head);
+// The first thing wrong with the cache's tables and lists, the pending list and the service nodes; "" when all is well.
+// `tables_are_whole` false: a node on an ACL's list need not stand in its table, which could not take it.
+std::string broken(bool tables_are_whole = true);
+// Runs work in a child of this process and returns what it returns, or how it ended instead: the library's state here
+// stays as it is. A child that is not done in a minute is ended. A quiet one prints nothing.
+std::string in_child(const std::function<std::string()> &work, bool quiet = false);
 
 using owned_ace = std::unique_ptr<fp_udp_ace, void (*)(fp_udp_ace *)>;
 owned_ace make_ace(fp_udp_mgr *mgr, uint64_t sn, uint8_t priv = 0, uint64_t pri = 0, uint8_t default_ace = 0);

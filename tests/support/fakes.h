@@ -53,12 +53,20 @@ struct subscription {
 struct store_double {
     static constexpr int no_answer = -1; // a read that comes back without a result
 
+    static constexpr int no_record = -1001; // a read that finds nothing, whatever is there
+
     lines calls;
+    bool keeps_calls = true;
     std::map<std::string, results> script; // by operation: "hmset", "set", "get", "del", ...
     int down = 0;                          // the result of every call while non-zero
+    std::string failing;                   // the one operation that fails with 9, or "all"
+    // The call that fails, by its number since `asked` was zero, and with what.
+    int turn = 0, turn_result = 0, asked = 0;
+    std::string turn_operation; // what that call was
     std::vector<subscription> subscriptions;
     std::map<std::string, std::string> records; // packed, by "db table[key]"
     std::set<std::string> marks;
+    std::map<std::string, std::set<std::string>> stale; // by mark: the records that were not written since
     std::set<tq_mom_hash_res *> unreleased;
     std::vector<std::pair<std::string, tq_mom_notification>> scan_entries; // delivered after the records of that table
 
@@ -143,10 +151,18 @@ class led_elsewhere {
     std::string from_;
 };
 
-// Makes the n-th allocation that libplx itself asks for fail, while an instance lives; n = 0 only counts.
+// Whether a return address lies in libplx.
+bool in_library(const void *caller);
+// Blocks of the whole program that are allocated and not freed.
+long live_blocks();
+
+enum lasts { once, from_then_on };
+
+// Makes the n-th allocation that libplx itself asks for fail, or all from there on, while an instance lives; n = 0 only
+// counts.
 class failing_allocation {
   public:
-    explicit failing_allocation(int n);
+    explicit failing_allocation(int n, lasts how_long = once);
     ~failing_allocation();
     failing_allocation(const failing_allocation &) = delete;
     failing_allocation &operator=(const failing_allocation &) = delete;

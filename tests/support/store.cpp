@@ -115,7 +115,10 @@ void store_double::put(uint32_t db, const ProtobufCMessage &record)
 {
     std::string packed(protobuf_c_message_get_packed_size(&record), '\0');
     protobuf_c_message_pack(&record, reinterpret_cast<uint8_t *>(packed.data()));
-    records[place(db, address(record))] = packed;
+    const std::string where = place(db, address(record));
+    records[where] = packed;
+    for (auto &mark : stale)
+        mark.second.erase(where);
 }
 
 struct free_message {
@@ -142,9 +145,17 @@ static bool refuses(const void *handle, const ProtobufCMessage *record, uint32_t
 // Notes a call and tells its result.
 static int called(const std::string &operation, uint32_t db, const std::string &what)
 {
-    store.calls.push_back(operation + " " + (what.empty() ? std::to_string(db) : place(db, what)));
-    int scripted = store.script[operation].next();
-    return store.down ? store.down : scripted;
+    if (store.keeps_calls)
+        store.calls.push_back(operation + " " + (what.empty() ? std::to_string(db) : place(db, what)));
+    if (++store.asked == store.turn) {
+        store.turn_operation = operation;
+        return store.turn_result;
+    }
+    if (store.failing == operation || store.failing == "all")
+        return 9;
+    const auto scripted = store.script.find(operation);
+    const int result = scripted == store.script.end() ? 0 : scripted->second.next();
+    return store.down ? store.down : result;
 }
 
 // The stored record with the listed fields taken from `record`.
@@ -243,7 +254,8 @@ tq_mom_hash_res *tq_mom_hgetall_sync(void *handle, uint32_t db, const ProtobufCM
     auto held = store.records.find(place(db, address(*record)));
     ProtobufCMessage *found =
         held == store.records.end() || result ? nullptr : unpack(record->descriptor, held->second).release();
-    return *store.unreleased.insert(new tq_mom_hash_res{result, found}).first;
+    const int status = result == store_double::no_record ? 0 : result;
+    return *store.unreleased.insert(new tq_mom_hash_res{status, found}).first;
 }
 
 void tq_mom_hash_res_free(tq_mom_hash_res *res)
@@ -306,9 +318,15 @@ int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *recor
     if (refuses(handle, record, selection))
         return TQ_MOM_INVALID;
     int result = called("dsbegin", db, address(*record) + format(" %u %llu", selection, (unsigned long long)bound));
-    if (result == 0)
-        store.marks.insert(place(db, prefix(*record, selection)));
-    return result;
+    if (result != 0)
+        return result;
+    const std::string selected = place(db, prefix(*record, selection));
+    store.marks.insert(selected);
+    store.stale[selected].clear();
+    for (auto at = store.records.lower_bound(selected);
+         at != store.records.end() && at->first.compare(0, selected.size(), selected) == 0; ++at)
+        store.stale[selected].insert(at->first);
+    return 0;
 }
 
 int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound)
@@ -316,8 +334,12 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     if (refuses(handle, record, selection))
         return TQ_MOM_INVALID;
     int result = called("dsend", db, address(*record) + format(" %u %u", selection, bound));
-    bool marked = store.marks.erase(place(db, prefix(*record, selection))) != 0;
-    return result ? result : marked ? 0 : TQ_MOM_NO_MARK;
+    const std::string selected = place(db, prefix(*record, selection));
+    if (result != 0)
+        return result;
+    for (const std::string &where : std::exchange(store.stale[selected], {}))
+        store.records.erase(where);
+    return store.marks.erase(selected) != 0 ? 0 : TQ_MOM_NO_MARK;
 }
 
 const char *tq_mom_strerror(int)

@@ -1,0 +1,353 @@
+// The plain model: what the cache, the pending requests, the store and the application must show after any sequence of
+// operations. Maps and rules, no pointers, nothing of the library's.
+//
+// Every event that the application must hear goes through hear(), in order. An operation that was armed for the next
+// event runs in there, as it does inside the application's callback: no rule holds on to an entry across hear().
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <support/application.h>
+#include <vector>
+
+namespace plain {
+
+constexpr int32_t heard_result = 7; // what every callback returns
+constexpr int32_t store_failure = 9;
+const std::string security = "security_app";
+
+struct acl_key {
+    std::string type;
+    uint32_t id;
+    auto operator<=>(const acl_key &) const = default;
+    std::string name() const { return fake::format("%s/%u", type.c_str(), id); }
+    std::string record() const { return fake::format("5 acl[%s,%u]", type.c_str(), id); }
+};
+
+// An ACE (no apply_type) or an apply.
+struct target {
+    acl_key acl;
+    uint64_t sn;
+    std::string apply_type;
+    uint32_t phyid, pri;
+    auto operator<=>(const target &) const = default;
+
+    bool is_apply() const { return !apply_type.empty(); }
+    std::string kind() const { return is_apply() ? "apply" : "ace"; }
+    std::string name() const
+    {
+        return acl.name() + (is_apply() ? fake::format("@%s/%x/%u/0", apply_type.c_str(), phyid, pri)
+                                        : fake::format("/%llx", static_cast<unsigned long long>(sn)));
+    }
+    std::string record() const
+    {
+        return is_apply()
+                   ? fake::format("5 apply[%s,%u,%s,%u,%u,0]", apply_type.c_str(), acl.id, acl.type.c_str(), phyid, pri)
+                   : fake::format("5 ace[%s,%u,%llu]", acl.type.c_str(), acl.id, static_cast<unsigned long long>(sn));
+    }
+};
+
+struct entry {
+    uint64_t uuid = 0, older = 0; // of the newest write, and of the one before
+    int stat = 0;
+    uint8_t count = 0;
+    bool is_req = false;
+    uint64_t request = 0; // its number in `requests`, or 0
+    int priv = -1;        // the first private byte; -1: all are zero
+    uint32_t value_pri = 0;
+};
+
+struct request {
+    target of;
+    uint64_t since;
+};
+
+class model {
+  public:
+    std::map<acl_key, int> acls;
+    std::map<target, entry> entries;
+    std::map<uint64_t, request> requests; // oldest submission first
+    std::map<std::tuple<uint32_t, uint32_t, uint32_t>, uint64_t> nodes;
+    std::set<std::string> records;         // addresses of database 5
+    std::map<std::string, target> foreign; // of database 8, by address
+    std::map<std::string, std::set<std::string>> marks;
+    std::deque<std::string> events;
+    bool skips_priority = false;
+    std::function<void()> on_event;
+
+    // What fails while an operation runs: a store operation's name, "all", or "-".
+    std::string failing = "-";
+
+    int32_t set_acl(const acl_key &key, int priv)
+    {
+        acls[key];
+        if (fails("hmset")) {
+            forget(key);
+            return hear("acl fail " + key.name() + " 9" + bytes(priv));
+        }
+        write(key.record());
+        return hear("acl ok " + key.name() + "/0" + bytes(priv));
+    }
+
+    int32_t set_ace(const target &t, int priv)
+    {
+        if (!acls.count(t.acl))
+            return hear("ace fail " + t.name() + " -7" + bytes(priv));
+        start_over(t, priv);
+        if (fails("hmset")) {
+            forget(t);
+            return hear("ace fail " + t.name() + " 9" + bytes(priv));
+        }
+        write(t.record());
+        if (t.acl.type == security || is_applied(t.acl))
+            return track(t);
+        drop_request(t);
+        entries[t].is_req = true;
+        return hear("ace ok " + t.name() + bytes(priv));
+    }
+
+    int32_t set_apply(const target &given, int priv)
+    {
+        const target t = cached_as(given);
+        acls[t.acl];
+        if (auto at = entries.find(t); at != entries.end() && at->second.value_pri != given.pri) {
+            target old = given;
+            old.pri = at->second.value_pri;
+            erase(old.record());
+        }
+        start_over(t, priv).value_pri = given.pri;
+        if (fails("hmset")) {
+            forget(t);
+            return hear("apply fail " + given.name() + " 9" + bytes(priv));
+        }
+        write(given.record());
+        return track(t);
+    }
+
+    void del_acl(const acl_key &key)
+    {
+        erase(key.record());
+        forget(key);
+    }
+
+    void del(const target &given)
+    {
+        erase(given.record());
+        forget(cached_as(given));
+    }
+
+    int32_t expire(const std::string &prefix)
+    {
+        if (fails("dsbegin"))
+            return store_failure;
+        marks[prefix].clear();
+        for (auto at = records.lower_bound(prefix); at != records.end() && at->compare(0, prefix.size(), prefix) == 0;
+             ++at)
+            marks[prefix].insert(*at);
+        return 0;
+    }
+
+    int32_t del_expire(const std::string &prefix)
+    {
+        if (fails("dsend"))
+            return store_failure;
+        const auto mark = marks.find(prefix);
+        if (mark == marks.end())
+            return TQ_MOM_NO_MARK;
+        for (const std::string &record : mark->second)
+            records.erase(record);
+        marks.erase(mark);
+        return 0;
+    }
+
+    // A change of database 8 that somebody else made. A target that is neither an ACE nor an apply is an ACL.
+    void change(const std::string &address, const target &t, bool is_acl, bool deleted)
+    {
+        if (!deleted) {
+            foreign[address] = t;
+            learn(t, is_acl);
+        } else {
+            foreign.erase(address);
+            is_acl ? forget(t.acl) : forget(t);
+        }
+        hear((is_acl ? "acl change " + t.acl.name() : "ace change " + t.name()) + (deleted ? " 1" : " 0"));
+    }
+
+    void resync(const std::string &table)
+    {
+        if (fails("scan"))
+            return;
+        const auto all = foreign;
+        for (const auto &[address, t] : all) {
+            if (address.find(table) == std::string::npos)
+                continue;
+            learn(t, table == "acl");
+            hear((table == "acl" ? "acl change " + t.acl.name() : "ace change " + t.name()) + " 0");
+        }
+    }
+
+    void answer(const target &given, int status, uint64_t uuid)
+    {
+        const target t = cached_as(given);
+        auto at = entries.find(t);
+        if (at == entries.end() || at->second.stat != 0 || at->second.uuid != uuid)
+            return;
+        judge(t, status);
+        at = entries.find(t);
+        if (at != entries.end() && at->second.is_req)
+            drop_request(t);
+    }
+
+    void drop_silent_nodes(uint64_t now)
+    {
+        if (std::erase_if(nodes, [&](auto &node) { return older_than(now, node.second, 20); }) != 0)
+            pass(now, true);
+    }
+
+    // One ageing pass over the requests that wait when it begins.
+    void pass(uint64_t now, bool forced)
+    {
+        std::vector<uint64_t> waiting;
+        for (const auto &[number, waits] : requests)
+            waiting.push_back(number);
+        for (const uint64_t number : waiting) {
+            const auto at = requests.find(number);
+            if (at == requests.end())
+                continue;
+            const target t = at->second.of;
+            const entry &e = entries[t];
+            const bool being_told = e.is_req; // its request leaves when its callback returns
+            if (!being_told && (older_than(now, at->second.since, 180) || (forced && e.count >= live())))
+                end(t);
+        }
+    }
+
+    target cached_as(target t) const
+    {
+        t.pri = skips_priority ? 0 : t.pri;
+        return t;
+    }
+
+  private:
+    bool fails(const char *operation) const { return failing == "all" || failing == operation; }
+    int live() const { return static_cast<int>(nodes.size()); }
+    static bool older_than(uint64_t now, uint64_t since, uint64_t seconds)
+    {
+        return now < since || now - since >= seconds * 1'000'000; // a clock that went back ages, too
+    }
+    static std::string bytes(int priv)
+    {
+        return priv < 0 ? " " + std::string(64, '0') : fake::format(" <%d:32>", priv);
+    }
+
+    int32_t hear(const std::string &event)
+    {
+        events.push_back(event);
+        on_event();
+        return heard_result;
+    }
+
+    void write(const std::string &record)
+    {
+        records.insert(record);
+        for (auto &mark : marks)
+            mark.second.erase(record);
+    }
+    void erase(const std::string &record)
+    {
+        if (!fails("del"))
+            records.erase(record);
+    }
+
+    bool is_applied(const acl_key &key) const
+    {
+        return std::any_of(entries.begin(), entries.end(),
+                           [&](auto &e) { return e.first.acl == key && e.first.is_apply(); });
+    }
+
+    void learn(const target &t, bool is_acl)
+    {
+        acls[t.acl];
+        if (!is_acl)
+            entries[t];
+    }
+
+    entry &start_over(const target &t, int priv)
+    {
+        entry &e = entries[t];
+        e = {fake::clock.now_us, e.uuid, 0, 0, false, e.request, priv, e.value_pri};
+        return e;
+    }
+
+    int32_t track(const target &t)
+    {
+        entry &e = entries[t];
+        if (!e.request)
+            e.request = ++last_request;
+        requests[e.request] = {t, fake::clock.now_us};
+        return 0;
+    }
+
+    void drop_request(const target &t)
+    {
+        requests.erase(entries[t].request);
+        entries[t].request = 0;
+    }
+
+    void forget(const target &t)
+    {
+        if (entries.count(t))
+            drop_request(t);
+        entries.erase(t);
+    }
+
+    void forget(const acl_key &key)
+    {
+        acls.erase(key);
+        for (auto at = entries.begin(); at != entries.end();) {
+            const target t = (at++)->first;
+            if (t.acl == key)
+                forget(t);
+        }
+    }
+
+    void tell(const target &t, int status)
+    {
+        const entry &e = entries[t];
+        hear(t.kind() + (status ? " fail " : " ok ") + t.name() + (status ? fake::format(" %d", status) : "") +
+             bytes(e.priv));
+    }
+
+    // A reply. A failure is told even behind a success: a node may refuse what enough others took.
+    void judge(const target &t, int status)
+    {
+        entry &e = entries[t];
+        if (status == 0) {
+            ++e.count;
+            if (e.is_req || e.count < live())
+                return;
+        }
+        e.stat = status;
+        e.is_req = true;
+        tell(t, status);
+    }
+
+    // An aged request, or one that enough nodes have answered. A success unless a failure is known.
+    void end(const target &t)
+    {
+        drop_request(t);
+        entry &e = entries[t];
+        e.is_req = true;
+        e.stat = e.count >= live() ? 0 : e.stat;
+        tell(t, e.stat);
+    }
+
+    uint64_t last_request = 0;
+};
+
+} // namespace plain
