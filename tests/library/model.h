@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <set>
@@ -76,7 +75,7 @@ class model {
     std::set<std::string> records;         // addresses of database 5
     std::map<std::string, target> foreign; // of database 8, by address
     std::map<std::string, std::set<std::string>> marks;
-    std::deque<std::string> events;
+    fake::lines events;
     bool skips_priority = false;
     std::function<void()> on_event;
 

@@ -219,6 +219,8 @@ int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
         const ProtobufCFieldDescriptor *field = protobuf_c_message_descriptor_get_field(record->descriptor, fields[i]);
         if (!field)
             return TQ_MOM_INVALID;
+        if (!store.keeps_calls)
+            continue;
         list += (i ? "," : "") + std::to_string(fields[i]);
         values += std::string(" ") + field->name + "=" + value(*record, *field);
     }
