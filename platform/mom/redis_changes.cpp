@@ -13,6 +13,7 @@ constexpr size_t queue_enough = 256; // as long as so much waits for delivery, n
 constexpr unsigned entries_per_read = 128;
 constexpr std::chrono::milliseconds nudge_pause{2};
 constexpr std::chrono::milliseconds pace{1};
+constexpr std::chrono::milliseconds look_pause{1000};
 
 timeval to_timeval(std::chrono::milliseconds time)
 {
@@ -32,6 +33,7 @@ redis_changes::~redis_changes()
     tq_thread_cancel(reconnect_timer_);
     tq_thread_cancel(nudge_timer_);
     tq_thread_cancel(pace_timer_);
+    tq_thread_cancel(look_timer_);
 }
 
 int redis_changes::subscribe(redis_table &table, const key_range &range, change_sink &sink)
@@ -91,7 +93,7 @@ int redis_changes::connect()
         client_id_ = std::to_string(connection_->replies().integer());
     connection_->tape().clear();
     for (size_t i = 0; i < feeds_.size() && result == TQ_MOM_OK; ++i)
-        result = settle(*feeds_[i]);
+        result = settle_or_set_aside(*feeds_[i]);
     if (result == TQ_MOM_OK)
         watch_ = tq_loop_watch_fd(master_, connection_->fd(), TQ_LOOP_READABLE, on_readable, this);
     if (watch_ == nullptr) {
@@ -137,14 +139,20 @@ int redis_changes::on_reconnect(tq_thread *timer)
 // Asks for what comes behind the cursors, unless an answer is due or enough is waiting.
 void redis_changes::request()
 {
-    if (connection_ == nullptr || outstanding_ || feeds_.empty() || queue_.size() >= queue_enough)
+    if (connection_ == nullptr || outstanding_ || queue_.size() >= queue_enough)
+        return;
+    std::vector<const feed *> read;
+    for (const auto &each : feeds_)
+        if (!each->aside)
+            read.push_back(each.get());
+    if (read.empty())
         return;
     commands_.clear();
-    commands_.begin(6 + 2 * feeds_.size());
+    commands_.begin(6 + 2 * read.size());
     commands_.add("XREAD").add("COUNT").add(entries_asked_).add("BLOCK").add("0").add("STREAMS");
-    for (const auto &each : feeds_)
+    for (const auto *each : read)
         commands_.add(each->table.log);
-    for (const auto &each : feeds_)
+    for (const auto *each : read)
         commands_.add(log_id(each->cursor));
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     if (connection_->send(commands_.bytes(), deadline) != TQ_MOM_OK)
@@ -232,6 +240,12 @@ void redis_changes::take_in()
     round();
 }
 
+// See tq_mom_subscribe.
+bool redis_changes::goes_first(const feed &of) const
+{
+    return &of == feeds_.front().get() && of.table.ref.type->kind == record_kind::publication;
+}
+
 bool redis_changes::accept(reply_view reply)
 {
     if (reply.is(reply_kind::error)) {
@@ -239,9 +253,12 @@ bool redis_changes::accept(reply_view reply)
         return false;
     }
     auto stream = reply.first();
-    for (size_t i = 0; i < reply.size(); ++i, stream = stream.next())
+    for (size_t i = 0; i < reply.size(); ++i, stream = stream.next()) {
         if (!accept_stream(stream))
             return false;
+        if (goes_first(*find_feed(stream.at(0).text())) && stream.at(1).size() >= entries_asked_)
+            break; // it may have more that was written before what the other tables have here
+    }
     return true;
 }
 
@@ -310,6 +327,59 @@ int redis_changes::settle(feed &of)
     }
     lose(of, common, now);
     return TQ_MOM_OK;
+}
+
+int redis_changes::settle_or_set_aside(feed &of)
+{
+    const int result = settle(of);
+    if (set_aside(of, result))
+        return TQ_MOM_OK;
+    of.aside = of.aside && result != TQ_MOM_OK;
+    return result;
+}
+
+// One table's trouble is not to keep the others from being read.
+bool redis_changes::set_aside(feed &of, int result)
+{
+    if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED)
+        return false;
+    if (!std::exchange(of.aside, true))
+        report(TQ_ZLOG_ERROR, "changes of " + of.table.log + " cannot be read: " + tq_mom_strerror(result));
+    look_again_later();
+    return true;
+}
+
+void redis_changes::look_again_later()
+{
+    if (look_timer_ != nullptr)
+        return;
+    const auto interval = to_timeval(look_pause);
+    tq_thread_insert_timer_timeval(master_, &look_timer_, on_look, this, &interval, "tq_mom look");
+}
+
+// A table that is whole again comes in with a new connection.
+void redis_changes::look_again()
+{
+    bool any = false;
+    for (const auto &each : feeds_) {
+        log_position now;
+        if (each->aside && engine_.position(each->table, now) == TQ_MOM_OK)
+            return reconnect_in(std::chrono::milliseconds{0});
+        any |= each->aside;
+    }
+    if (any)
+        look_again_later();
+}
+
+int redis_changes::on_look(tq_thread *timer)
+{
+    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
+    try {
+        self->look_again();
+    } catch (...) { // out of memory
+        self->look_again_later();
+    }
+    return 0;
 }
 
 // The highest number up to which the server's history is the one that was seen: mostly the last one seen, otherwise

@@ -5,7 +5,8 @@
 // that the log was trimmed past the feed; after every reconnection the log's epoch, its last number and the entries
 // seen last are compared, so a server that came back with an older or another history is noticed, too. Then requested
 // state is told to scan again, and of other tables the records whose stamp is beyond what was seen are delivered, in
-// the order of their writing.
+// the order of their writing. A feed whose table is damaged or not ours to read is set aside, so that the others go on,
+// and looked at again every second.
 //
 // Who answers what it hears is asked for more at once; who only listens is asked at most once in a millisecond while
 // changes keep coming, so that a stream of writes is not slowed down by waking a reader for each of them.
@@ -53,6 +54,7 @@ class redis_changes {
         std::deque<size_t> identities; ///< of the latest changes taken in, up to `cursor`
         std::vector<subscriber> subscribers;
         std::optional<recovery> lost;
+        bool aside = false; ///< not read: the table is damaged
     };
     struct queued {
         feed &of;
@@ -74,7 +76,9 @@ class redis_changes {
     static int on_reconnect(tq_thread *timer);
     static int on_nudge(tq_thread *timer);
     static int on_pace(tq_thread *timer);
+    static int on_look(tq_thread *timer);
     void take_in();
+    bool goes_first(const feed &of) const;
     bool accept(reply_view reply);
     bool accept_stream(reply_view stream);
     bool accept_entry(feed &of, const log_entry &entry, bool ours);
@@ -84,6 +88,10 @@ class redis_changes {
     int add_subscriber(redis_table &table, const key_range &range, change_sink &sink);
     void remember(feed &of, size_t identity);
     int settle(feed &of);
+    int settle_or_set_aside(feed &of);
+    bool set_aside(feed &of, int result);
+    void look_again();
+    void look_again_later();
     int common_history(feed &of, uint64_t last, uint64_t &common);
     void lose(feed &of, uint64_t base, const log_position &now);
 
@@ -107,6 +115,7 @@ class redis_changes {
     tq_thread *reconnect_timer_ = nullptr;
     tq_thread *nudge_timer_ = nullptr;
     tq_thread *pace_timer_ = nullptr;
+    tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
     bool deferred_ = false;   ///< the next XREAD waits for a turn of the loop
     uint64_t calls_seen_ = 0; ///< how often the engine had been called when it was last decided when to ask

@@ -40,7 +40,7 @@ void redis_changes::round()
     delivering_ = true;
     bool recovering = false;
     for (size_t i = 0; i < feeds_.size(); ++i)
-        recovering |= feeds_[i]->lost && recover(*feeds_[i]);
+        recovering |= feeds_[i]->lost && !feeds_[i]->aside && recover(*feeds_[i]);
     for (int left = changes_per_round; left > 0 && !recovering && deliver_next(); --left)
         ;
     delivering_ = false;
@@ -78,7 +78,8 @@ bool redis_changes::recover(feed &of)
 {
     const int result = of.lost->listed ? deliver_lost(of) : list_lost(of);
     if (result != TQ_MOM_OK) {
-        reconnect_in(recovery_pause);
+        if (!set_aside(of, result))
+            reconnect_in(recovery_pause);
         return false;
     }
     if (of.lost && of.lost->listed && of.lost->found.empty())

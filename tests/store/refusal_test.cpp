@@ -150,7 +150,50 @@ TEST_F(faults, an_index_out_of_order_ends_a_walk_and_not_the_changes)
     EXPECT_EQ((lines{"1 a/1/1=1", "1 a/1/2=2"}), heard.lines);
 }
 
-TEST_F(faults, random_bytes_in_the_store_crash_nobody)
+TEST_F(faults, what_is_foreign_under_a_table_s_keys_harms_no_other_table_and_can_be_taken_away)
+{
+    server.start({"--appendfsync", "no"});
+    auto *context = open();
+    hearing damaged, whole;
+    subscribe(context, whole, ace_record("a", 0, 0));
+    uint32_t db = 100;
+    const ace_record ace("a", 1, 1, 1);
+    const auto failures_of_every_call = [&] {
+        hearing found;
+        int failed = write_ace(context, db, ace) != TQ_MOM_OK;
+        failed += tq_mom_set_sync(context, db, ace) != TQ_MOM_OK;
+        failed += tq_mom_scan_sync(context, db, ace, 0, hearing::callback, &found) != TQ_MOM_OK;
+        failed += found.lines != lines{"4 a/1/1=1"};
+        failed += tq_mom_dsbegin_sync(context, db, ace, 1, 1000) != TQ_MOM_OK;
+        failed += tq_mom_dsend_sync(context, db, ace, 1, 1000) != TQ_MOM_OK;
+        return failed + (tq_mom_del_sync(context, db, ace) != TQ_MOM_OK);
+    };
+    const auto change = [&](uint32_t where, hearing &heard) {
+        heard.lines.clear();
+        until_ok([&] { return write_ace(context, where, ace_record("a", 1, 3, db)); });
+        const lines enough{"29", "*4 a/1/3=" + std::to_string(db)};
+        wait_for(
+            [&] { return !heard.lines.empty() && std::count(enough.begin(), enough.end(), heard.lines.back()) == 1; });
+    };
+    for (const std::string name : {"/index", "/log", "/meta", ":a,a1,a1"})
+        for (lines foreign : {lines{"SET", "", "x"}, {"XADD", "", "5-1", "k", "x"}}) {
+            foreign[1] = "plx{" + std::to_string(++db) + ":ace}" + name;
+            SCOPED_TRACE(foreign[0] + " " + foreign[1]);
+            ASSERT_EQ(0, failures_of_every_call());
+            ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, db, ace, 1, hearing::callback, &damaged));
+            server.run({"DEL", foreign[1]});
+            server.run(foreign);
+            EXPECT_NE(0, failures_of_every_call());
+            server.run({"CLIENT", "KILL", "TYPE", "normal"});
+            change(8, whole);
+            server.run({"DEL", foreign[1]});
+            EXPECT_EQ(0, failures_of_every_call());
+            change(db, damaged);
+            ASSERT_FALSE(HasFatalFailure());
+        }
+}
+
+TEST_F(faults, random_bytes_and_long_names_in_the_store_crash_nobody)
 {
     const uint32_t seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -163,22 +206,34 @@ TEST_F(faults, random_bytes_in_the_store_crash_nobody)
     };
     server.start({"--appendfsync", "no"});
     auto *context = open();
-    hearing heard, found;
-    subscribe(context, heard, ace_record("a", 0, 0));
+    hearing ace, psta, found;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, 8, ace_record("", 0, 0), 0, hearing::callback, &ace));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, 8, psta_record("", 0, 0), 0, hearing::callback, &psta));
     write_ace(context, 8, ace_record("a", 1, 1, 1));
-    for (int i = 0; i < 200; ++i) {
-        const std::string name = random() % 2 == 0 ? "a,a1,a" + std::to_string(random() % 10) : noise(30);
+    write_psta(context, 8, psta_record("a", 1, 1, 1));
+    for (int i = 0; i < 400; ++i) {
+        const std::string names[] = {"a,a1,a" + std::to_string(random() % 10), noise(30), noise(100'000),
+                                     std::string(100'000, 'n') + ",a1,a1"};
+        const std::string &name = names[i % 20 == 0 ? 2 + random() % 2 : random() % 2];
         const std::string field = random() % 4 == 0 ? noise(3) : std::to_string(random() % 14);
-        server.run({"HSET", key(name), field, noise(40), "#", random() % 2 == 0 ? "1" : noise(5)});
-        server.run({"ZADD", "plx{8:ace}/index", "0", name});
-        server.run({"XADD", "plx{8:ace}/log", "0-*", "k", name, "w", noise(8), "r", noise(60)});
-        server.run({"XADD", "plx{8:ace}/log", "0-*", noise(5), noise(50)});
+        const std::string table = i % 2 == 0 ? "plx{8:ace}" : "plx{8:ace_psta}";
+        server.run({"HSET", table + ":" + name, field, noise(40), "#", random() % 2 == 0 ? "1" : noise(5)});
+        server.run({"ZADD", table + "/index", "0", name});
+        server.run({"XADD", table + "/log", "0-*", "k", name, "w", noise(8), "r", noise(60)});
+        server.run({"XADD", table + "/log", "0-*", noise(5), noise(50)});
         tq_mom_hash_res_free(tq_mom_hgetall_sync(context, 8, ace_record("a", 1, random() % 10)));
+        tq_loop_run_once(loop.get(), 0);
     }
+    server.run({"XTRIM", "plx{8:ace_psta}/log", "MAXLEN", "0"}); // has the listener look at all records
     server.run({"HSET", "plx{8:ace}/meta", "fields", noise(50), "gen", "x"});
     EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, 8, ace_record("", 0, 0), 0, hearing::callback, &found));
-    until_ok([&] { return write_ace(context, 8, ace_record("a", 1, 99, 7)); });
-    wait_for([&] { return !heard.lines.empty() && heard.lines.back() == "*4 a/1/99=7"; });
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 99, 7)));
+    EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 99, 7)));
+    wait_for([&] { return !ace.lines.empty() && ace.lines.back() == "*4 a/1/99=7"; });
+    wait_for([&] {
+        return std::any_of(psta.lines.begin(), psta.lines.end(),
+                           [](const auto &line) { return line.ends_with("1 a/1/99=7"); });
+    });
 }
 
 TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
