@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <plx/s_policy.pb-c.h>
 #include <sys/time.h>
+#include <utility>
 
 namespace plx::plane {
 
@@ -12,6 +13,7 @@ namespace {
 
 // Work between two looks at the loop is bounded, so that a node with a million entries still shows that it lives.
 constexpr size_t replies_per_pass = 1000;
+constexpr milliseconds answer_pause{20};
 constexpr int counters_per_pass = 500;
 constexpr uint64_t longest_commit_seconds = 60;
 
@@ -38,6 +40,7 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
       compare_timer_(context_->master, [this] { compare(); }),
       commit_timer_(context_->master, [this] { end_commits(); }),
       reply_timer_(context_->master, [this] { send_replies(); }),
+      answer_timer_(context_->master, [this] { take_answers(); }),
       heartbeat_timer_(context_->master, [this] { beat(); }),
       counter_timer_(context_->master, [this] { publish_counters(); })
 {
@@ -107,6 +110,7 @@ int32_t Node::on_commit(void *, const tq_mom_notification *notification, void *a
     auto *self = static_cast<Node *>(arg);
     if (notification->event == TQ_MOM_EVENT_RESYNC) {
         self->commits_.clear(); // each is read again when it matters
+        self->unmarked_.clear();
         self->compare_timer_.start(milliseconds(0));
         return 0;
     }
@@ -186,15 +190,17 @@ void Node::end_commits()
         commit_timer_.start(*next - time);
 }
 
-// An application's changes and its markers are different tables, so a change may be heard of before the marker that was
-// written ahead of it: an application without a known marker is looked up.
+// An application without a known marker is looked up once: what it writes later is heard of, and before the changes
+// that it is for, because the markers are the first table that the node subscribed to.
 bool Node::staged(const std::string &app)
 {
-    if (!commits_.contains(app)) {
+    if (!commits_.contains(app) && !unmarked_.contains(app)) {
         const Record enable = marker_key(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
         tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, enable.message());
         if (found != nullptr && found->status == 0 && found->record != nullptr)
             open_commit(app, number_field(found->record, "tm_val"));
+        else if (found != nullptr && found->status == 0)
+            unmarked_.insert(app);
         tq_mom_hash_res_free(found);
     }
     const auto commit = commits_.find(app);
@@ -205,6 +211,7 @@ bool Node::staged(const std::string &app)
 
 void Node::beat()
 {
+    take_answers();
     Record record(s_policy__service_node__descriptor);
     record.set_key_number(0, options_.dev);
     record.set_key_number(1, options_.slot);
@@ -213,36 +220,49 @@ void Node::beat()
     heartbeat_timer_.start(options_.heartbeat);
 }
 
-// What is due goes to the store together. What it did not take comes again later, behind the others.
+// What is due goes to the store together.
 void Node::send_replies()
 {
-    std::vector<std::multimap<milliseconds, Reply>::iterator> sent;
     milliseconds pause{0};
-    tq_mom_batch_begin(context_.get());
-    for (auto reply = replies_.begin();
-         reply != replies_.end() && reply->first <= now() && sent.size() < replies_per_pass;) {
-        const int result = outdated(reply->second) ? TQ_MOM_INVALID : write(reply->second);
+    if (!std::exchange(batching_, true))
+        tq_mom_batch_begin(context_.get());
+    while (!replies_.empty() && replies_.begin()->first <= now() && sent_.size() < replies_per_pass) {
+        Reply &reply = replies_.begin()->second;
+        const int result = outdated(reply) ? TQ_MOM_INVALID : write(reply);
         if (result != 0 && result != TQ_MOM_INVALID) {
             pause = options_.retry;
             break;
         }
-        const auto next = std::next(reply);
         if (result == 0)
-            sent.push_back(reply);
-        else
-            replies_.erase(reply);
-        reply = next;
+            sent_.push_back(std::move(reply));
+        replies_.erase(replies_.begin());
     }
-    std::vector<int> results(sent.size());
-    tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
-    for (size_t i = 0; i < sent.size(); ++i) {
-        auto reply = replies_.extract(sent[i]);
-        reply.key() = now() + options_.retry;
-        if (results[i] != 0)
-            replies_.insert(std::move(reply));
-    }
+    tq_mom_batch_send(context_.get());
+    if (sent_.size() >= replies_per_pass)
+        take_answers();
+    else
+        arm(answer_timer_, answer_pause);
+    schedule_replies(pause);
+}
+
+void Node::schedule_replies(milliseconds pause)
+{
     if (!replies_.empty())
         reply_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
+}
+
+// What the store did not take comes again later, behind the others.
+void Node::take_answers()
+{
+    if (!std::exchange(batching_, false))
+        return;
+    std::vector<int> results(sent_.size());
+    tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
+    for (size_t i = 0; i < sent_.size(); ++i)
+        if (results[i] != 0)
+            replies_.emplace(now() + options_.retry, std::move(sent_[i]));
+    sent_.clear();
+    schedule_replies(milliseconds(0));
 }
 
 // The entry is gone or has been asked for anew.
@@ -264,6 +284,7 @@ int Node::write(const Reply &reply)
 // Publishes the counters that changed, some entries at a time.
 void Node::publish_counters()
 {
+    take_answers();
     std::vector<std::pair<Key, Counters>> sent;
     auto entry = last_counted_ ? entries_.upper_bound(*last_counted_) : entries_.begin();
     last_counted_.reset();

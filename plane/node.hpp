@@ -6,6 +6,8 @@
 // Changes are taken from notifications and gathered until the loop has delivered what it had (take_changes). Where
 // notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call - the
 // node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
+// Answers leave without waiting for the store's word on them, which is taken a moment later (take_answers), in any case
+// before anything else is written.
 //
 // While an application's enable marker stands, and its seconds have not passed, none of the application's changes is
 // programmed. Its publish marker, the end of the seconds and the removal of the enable marker each make all of them
@@ -103,6 +105,8 @@ class Node {
     void settle(const Change &change, const Answer &answer);
 
     void send_replies();
+    void schedule_replies(milliseconds pause);
+    void take_answers();
     bool outdated(const Reply &reply) const;
     int write(const Reply &reply);
     void beat();
@@ -115,10 +119,13 @@ class Node {
     std::map<Key, Entry> entries_;
     std::vector<Change> inbox_;
     std::map<std::string, Commit> commits_;
+    std::set<std::string> unmarked_;             // applications that were looked up and have no enable marker
     std::multimap<milliseconds, Reply> replies_; // by the time at which they are due
-    std::map<Key, Counters> published_;          // of each entry, what its counter record holds
-    std::optional<Key> last_counted_;            // where the publication goes on
-    Timer inbox_timer_, compare_timer_, commit_timer_, reply_timer_, heartbeat_timer_, counter_timer_;
+    bool batching_ = false;
+    std::vector<Reply> sent_;           // in this batch
+    std::map<Key, Counters> published_; // of each entry, what its counter record holds
+    std::optional<Key> last_counted_;   // where the publication goes on
+    Timer inbox_timer_, compare_timer_, commit_timer_, reply_timer_, answer_timer_, heartbeat_timer_, counter_timer_;
 };
 
 } // namespace plx::plane

@@ -77,8 +77,11 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record);
  * store together: at the end, in steps while there are many, and before any other call. The end waits for all answers
  * and returns 0 or the first failure. `results`, when not NULL, has room for `count` of them and receives in turn the
  * result of each call that was collected; TQ_MOM_DISCONNECTED and TQ_MOM_TIMEOUT leave open whether the store has it.
- * For who writes many records at a time: one waiting instead of one for each. */
+ * For who writes many records at a time: one waiting instead of one for each. tq_mom_batch_send() sends what is
+ * collected without waiting for the answers, which are then taken later: at the end, when many are out, or before any
+ * other call. */
 int tq_mom_batch_begin(void *handle);
+void tq_mom_batch_send(void *handle);
 int tq_mom_batch_end(void *handle, int *results, uint32_t count);
 
 /* Calls `cb` once for each record whose first `selection` key fields equal those of `record`; 0 selects the table. A
@@ -87,8 +90,9 @@ int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, 
                      void *arg);
 
 /* Calls `cb` from the event loop for every later change of a selected record: each change once, in the order of the
- * table's change log. Subscribing again with the same arguments succeeds and changes nothing. Subscriptions end with
- * the context. */
+ * table's change log. Between tables there is no order, but for a table of publications that the handle subscribed to
+ * before any other: a change of another table comes behind the publications that were written before it. Subscribing
+ * again with the same arguments succeeds and changes nothing. Subscriptions end with the context. */
 int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
                      void *arg);
 

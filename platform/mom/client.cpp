@@ -162,6 +162,11 @@ int tq_mom_batch_begin(void *handle)
     return call_engine(handle, [](engine &engine) { return engine.begin_batch(), TQ_MOM_OK; });
 }
 
+void tq_mom_batch_send(void *handle)
+{
+    call_engine(handle, [](engine &engine) { return engine.send_batch(), TQ_MOM_OK; });
+}
+
 int tq_mom_batch_end(void *handle, int *results, uint32_t count)
 {
     const std::span room(results, results == nullptr ? 0 : count);

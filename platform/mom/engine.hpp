@@ -67,6 +67,7 @@ class engine {
     /// Writes and removals in between may be collected; the end returns the first failure, and fills in each one's
     /// result as far as there is room.
     virtual void begin_batch() = 0;
+    virtual void send_batch() = 0;
     virtual int end_batch(std::span<int> results) = 0;
     /// Calls the sink once if the record exists.
     virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;

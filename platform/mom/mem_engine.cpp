@@ -192,8 +192,11 @@ void mem_engine::round()
 {
     bell_->silence();
     bool more = false;
-    for (size_t i = 0; i < subscriptions_.size(); ++i)
+    for (size_t i = 0; i < subscriptions_.size(); ++i) {
         more |= subscriptions_[i]->round();
+        if (more && i == 0 && subscriptions_[0]->is_publication())
+            break; // it goes first, see tq_mom_subscribe
+    }
     if (more)
         bell_->ring();
 }

@@ -24,6 +24,7 @@ class mem_subscription final : public mem_reader {
     void wake() override;
     /// Delivers a bounded number of changes; true when more are waiting.
     bool round();
+    bool is_publication() const { return ref_.type->kind == record_kind::publication; }
 
   private:
     bool step();
@@ -48,6 +49,7 @@ class mem_engine final : public engine {
     int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref table, std::string_view key) override;
     void begin_batch() override {}
+    void send_batch() override {}
     int end_batch(std::span<int> results) override
     {
         return std::fill(results.begin(), results.end(), TQ_MOM_OK), TQ_MOM_OK;

@@ -2,61 +2,143 @@
 #include "redis_batch.hpp"
 
 #include <algorithm>
-#include <numeric>
 #include <tq_mom.h>
 
 namespace mom {
 
+constexpr size_t records_per_call = 64; // so that no call keeps the server from others for long
+
+const char *stamp_kind(const redis_table &table)
+{
+    return table.requested() ? "generation" : "number";
+}
+
+bool write_call::takes(const redis_table &table, write_mode mode) const
+{
+    return records_ == 0 || (table_ == &table && mode_ == mode && records_ < records_per_call);
+}
+
+void write_call::add(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
+{
+    table_ = &table;
+    mode_ = mode;
+    ++records_;
+    keys_.add(table.prefix, key);
+    arguments_.add(key).add(fields.bytes).add(fields.values.size());
+    for (const auto &field : fields.values)
+        arguments_.add(field.number).add(field.bytes);
+    argument_count_ += 3 + 2 * fields.values.size();
+}
+
+void write_call::build(command_buffer &into, const redis_script &script, const writer_identity &writer)
+{
+    script.begin(into, 3 + records_, 4 + argument_count_);
+    into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_);
+    into.add(writer.name).add(writer.log_limit).add(mode_ == write_mode::replace ? "replace" : "merge");
+    into.add(stamp_kind(*table_)).add_built(arguments_);
+    keys_.clear();
+    arguments_.clear();
+    records_ = argument_count_ = 0;
+}
+
+void command_batch::write(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
+{
+    if (!open_.takes(table, mode))
+        close();
+    open_.add(table, mode, key, fields);
+}
+
+void command_batch::close()
+{
+    if (open_.records() == 0)
+        return;
+    add_item(open_.records());
+    open_.build(commands_, scripts_.write, writer_);
+}
+
+void command_batch::add_item(size_t results)
+{
+    items_.push_back({commands_.bytes().size(), results, results_});
+    results_ += results;
+}
+
 command_buffer &command_batch::next()
 {
-    starts_.push_back(commands_.bytes().size());
+    close();
+    add_item(1);
     return commands_;
 }
 
-std::string_view command_batch::command(size_t index) const
+std::string_view command_batch::command(const item &each) const
 {
-    const auto bytes = commands_.bytes();
-    const size_t end = index + 1 < starts_.size() ? starts_[index + 1] : bytes.size();
-    return bytes.substr(starts_[index], end - starts_[index]);
+    const auto next = std::upper_bound(items_.begin(), items_.end(), each.start,
+                                       [](size_t start, const item &other) { return start < other.start; });
+    const size_t end = next == items_.end() ? commands_.bytes().size() : next->start;
+    return commands_.bytes().substr(each.start, end - each.start);
 }
 
-// One exchange of some of the commands. Returns those whose script the server did not know.
-command_batch::places command_batch::exchange(redis_link &link, const places &which, int *results) const
+bool command_batch::send(redis_link &link)
 {
-    command_buffer commands;
-    for (const size_t place : which)
-        commands.append_built(command(place));
-    const int exchanged = link.exchange(commands);
-    if (exchanged != TQ_MOM_OK) {
-        for (const size_t place : which)
-            results[place] = exchanged;
-        return {};
+    close();
+    if (failure_ == TQ_MOM_OK && sent_ < items_.size()) {
+        failure_ = link.send(commands_.bytes().substr(sent_bytes_), items_.size() - sent_);
+        sent_ = items_.size();
+        sent_bytes_ = commands_.bytes().size();
     }
+    return failure_ == TQ_MOM_OK;
+}
+
+// Judges the answers to these. Returns those whose script the server did not know.
+std::vector<command_batch::item> command_batch::judge(redis_link &link, const std::vector<item> &items,
+                                                      int *results) const
+{
     reply_tape answers;
     link.take_replies(answers); // judging one may drop the connection, and its tape with it
-    places unknown;
+    std::vector<item> unknown;
     reply_view reply(answers, 0);
-    for (const size_t place : which) {
-        results[place] = link.judge(reply);
+    for (const item &each : items) {
+        const int whole = link.judge(reply);
+        auto own = reply.first();
+        for (size_t i = 0; i < each.results; ++i) {
+            results[each.first + i] = i < reply.size() ? link.judge(own) : whole;
+            own = i < reply.size() ? own.next() : own;
+        }
         if (reply.is(reply_kind::error) && reply.text().starts_with("NOSCRIPT"))
-            unknown.push_back(place);
+            unknown.push_back(each);
         reply = reply.next();
     }
     return unknown;
 }
 
-bool command_batch::send(redis_link &link, redis_scripts &scripts, std::vector<int> &results)
+// Sends commands again, after their scripts.
+void command_batch::repeat(redis_link &link, const std::vector<item> &items, int *results) const
+{
+    command_buffer commands;
+    for (const item &each : items)
+        commands.append_built(command(each));
+    int failed = scripts_.write.load(link);
+    failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
+    failed = failed == TQ_MOM_OK ? link.exchange(commands) : failed;
+    if (failed == TQ_MOM_OK)
+        judge(link, items, results);
+    else
+        for (const item &each : items)
+            std::fill_n(results + each.first, each.results, failed);
+}
+
+bool command_batch::finish(redis_link &link, std::vector<int> &results)
 {
     const size_t before = results.size();
-    results.resize(before + starts_.size());
+    const int failure = send(link) ? link.receive() : failure_;
+    results.resize(before + results_, failure);
     int *const own = results.data() + before;
-    places which(starts_.size());
-    std::iota(which.begin(), which.end(), 0U);
-    which = exchange(link, which, own);
-    if (!which.empty() && scripts.write.load(link) == TQ_MOM_OK && scripts.remove.load(link) == TQ_MOM_OK)
-        exchange(link, which, own);
+    if (failure == TQ_MOM_OK)
+        if (const auto unknown = judge(link, items_, own); !unknown.empty())
+            repeat(link, unknown, own);
     commands_.clear();
-    starts_.clear();
+    items_.clear();
+    results_ = sent_ = sent_bytes_ = 0;
+    failure_ = TQ_MOM_OK;
     return std::all_of(own, results.data() + results.size(), [](int result) { return result == TQ_MOM_OK; });
 }
 

@@ -164,9 +164,6 @@ void redis_changes::request()
 
 void redis_changes::request_in_time()
 {
-    if (engine_.batching() && !std::exchange(deferred_, true))
-        return bell_->ring(); // answers that are being collected go first
-    deferred_ = false;
     const bool answering = std::exchange(calls_seen_, engine_.calls()) != engine_.calls();
     if (answering || std::chrono::steady_clock::now() - last_request_ >= pace)
         return request();

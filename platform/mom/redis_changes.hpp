@@ -117,7 +117,6 @@ class redis_changes {
     tq_thread *pace_timer_ = nullptr;
     tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
-    bool deferred_ = false;   ///< the next XREAD waits for a turn of the loop
     uint64_t calls_seen_ = 0; ///< how often the engine had been called when it was last decided when to ask
     std::unique_ptr<loop_bell> bell_;
     command_buffer commands_;

@@ -34,6 +34,14 @@ class command_buffer {
         bytes_.append("\r\n", 2);
         return *this;
     }
+    /// An argument of two parts.
+    command_buffer &add(std::string_view first, std::string_view second)
+    {
+        head('$', first.size() + second.size());
+        bytes_.append(first).append(second);
+        bytes_.append("\r\n", 2);
+        return *this;
+    }
     command_buffer &add(std::unsigned_integral auto number)
     {
         char digits[24];
@@ -46,6 +54,12 @@ class command_buffer {
         (add(arguments), ...);
     }
 
+    /// Arguments that were built before.
+    command_buffer &add_built(const command_buffer &arguments)
+    {
+        bytes_.append(arguments.bytes_);
+        return *this;
+    }
     /// A whole command that was built before.
     void append_built(std::string_view command)
     {

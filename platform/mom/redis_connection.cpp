@@ -105,8 +105,8 @@ ssize_t redis_connection::read_once()
 
 int redis_connection::await_input(steady_time deadline)
 {
-    ssize_t size = -1;
-    if (spin_.count() > 0) { // the peer has its turn first: looking before that would find nothing
+    ssize_t size = read_once(); // a peer on this CPU has mostly had its turn when sending returns
+    if (size < 0 && spin_.count() > 0) {
         const auto spin_end = steady_clock::now() + spin_;
         do {
             sched_yield();

@@ -22,11 +22,6 @@ std::string random_name()
     return std::to_string(name);
 }
 
-const char *stamp_kind(const redis_table &table)
-{
-    return table.requested() ? "generation" : "number";
-}
-
 std::vector<uint32_t> parse_fields(std::string_view text)
 {
     std::vector<uint32_t> fields;
@@ -49,7 +44,7 @@ bool covers(const redis_table &table, field_values fields)
 } // namespace
 
 redis_engine::redis_engine(const store_url &url, tq_thread_master *master)
-    : link_(url), writer_(random_name()), log_limit_(std::to_string(url.log_limit.value_or(100'000))),
+    : link_(url), writer_{random_name(), std::to_string(url.log_limit.value_or(100'000))},
       changes_(std::make_unique<redis_changes>(*this, master))
 {
 }
@@ -91,25 +86,31 @@ int redis_engine::ask(const std::function<void(command_buffer &)> &build)
     return link_.exchange(commands_);
 }
 
-// Sends a script call, or collects it.
-int redis_engine::submit(redis_script &script, const std::function<void(command_buffer &)> &build)
+// Before something is collected: a batch is of one connection, whose server has the script.
+int redis_engine::ready_to_collect(redis_script &script)
 {
-    if (!batching_)
-        return run(script, build);
-    int result = ready();
-    if (result == TQ_MOM_OK && script.digest().empty())
-        result = script.load(link_);
-    if (result != TQ_MOM_OK)
+    const int result = ready();
+    if (result != TQ_MOM_OK || !script.digest().empty())
         return result;
-    build(batch_.next());
+    flush_batch();
+    return script.load(link_);
+}
+
+void redis_engine::send_batch()
+{
+    if (!batch_.send(link_))
+        flush_batch();
+}
+
+void redis_engine::flush_full_batch()
+{
     if (batch_.full())
         flush_batch();
-    return TQ_MOM_OK;
 }
 
 void redis_engine::flush_batch()
 {
-    if (!batch_.empty() && !batch_.send(link_, scripts_, batch_results_))
+    if (!batch_.empty() && !batch_.finish(link_, batch_results_))
         forget_watches(); // the metadata may be gone: have the next write look
 }
 
@@ -239,8 +240,8 @@ int redis_engine::write_by_transaction(redis_table &table, std::string_view key,
         commands_.add(field.number).add(field.bytes);
     commands_.command("ZADD", table.index, "0", key);
     if (writes_++ % writes_per_trim == 0)
-        commands_.command("XTRIM", table.log, "MAXLEN", "~", log_limit_);
-    commands_.command("XADD", table.log, "0-*", "k", key, "w", writer_, "r", fields.bytes);
+        commands_.command("XTRIM", table.log, "MAXLEN", "~", writer_.log_limit);
+    commands_.command("XADD", table.log, "0-*", "k", key, "w", writer_.name, "r", fields.bytes);
     const size_t queued = commands_.commands() - 1;
     commands_.command("EXEC");
     commands_.append_built(watch_);
@@ -274,36 +275,49 @@ int redis_engine::undo(redis_table &table, std::string_view key)
     return run(scripts_.undo, [&](command_buffer &commands) {
         scripts_.undo.begin(commands, 3, 3);
         commands.add(table.record(key)).add(table.index).add(table.log);
-        commands.add(key).add(writer_).add(log_limit_);
+        commands.add(key).add(writer_.name).add(writer_.log_limit);
     });
 }
 
 int redis_engine::write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields,
                                   write_mode mode)
 {
-    record_key_.assign(table.prefix).append(key);
-    const int result = submit(scripts_.write, [&](command_buffer &commands) {
-        scripts_.write.begin(commands, 4, 6 + 2 * fields.values.size());
-        commands.add(record_key_).add(table.index).add(table.log).add(table.meta);
-        commands.add(key).add(writer_).add(log_limit_);
-        commands.add(mode == write_mode::replace ? "replace" : "merge").add(stamp_kind(table)).add(fields.bytes);
-        for (const auto &field : fields.values)
-            commands.add(field.number).add(field.bytes);
+    if (batching_) {
+        const int result = ready_to_collect(scripts_.write);
+        if (result != TQ_MOM_OK)
+            return result;
+        batch_.write(table, mode, key, fields);
+        flush_full_batch();
+        return TQ_MOM_OK;
+    }
+    const int result = run(scripts_.write, [&](command_buffer &commands) {
+        single_.add(table, mode, key, fields);
+        single_.build(commands, scripts_.write, writer_);
     });
-    if (batching_)
+    if (!link_.has_replies())
         return result;
-    const auto reply = link_.has_replies() ? link_.replies().text() : std::string_view{};
-    return result == TQ_MOM_STORE_ERROR && reply.starts_with("NOMETA") ? conflict : result;
+    const auto reply = link_.replies();
+    if (result == TQ_MOM_STORE_ERROR && reply.text().starts_with("NOMETA"))
+        return conflict;
+    return result == TQ_MOM_OK ? link_.judge(reply.at(0)) : result;
 }
 
 int redis_engine::remove(table_ref ref, std::string_view key)
 {
     auto &table = table_of(ref);
-    return submit(scripts_.remove, [&](command_buffer &commands) {
+    const auto build = [&](command_buffer &commands) {
         scripts_.remove.begin(commands, 3, 3);
-        commands.add(table.record(key)).add(table.index).add(table.log);
-        commands.add(key).add(writer_).add(log_limit_);
-    });
+        commands.add(table.prefix, key).add(table.index).add(table.log);
+        commands.add(key).add(writer_.name).add(writer_.log_limit);
+    };
+    if (!batching_)
+        return run(scripts_.remove, build);
+    const int result = ready_to_collect(scripts_.remove);
+    if (result != TQ_MOM_OK)
+        return result;
+    build(batch_.next());
+    flush_full_batch();
+    return TQ_MOM_OK;
 }
 
 int redis_engine::read(table_ref ref, std::string_view key, record_sink &sink)

@@ -31,6 +31,7 @@ class redis_engine final : public engine {
     int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref ref, std::string_view key) override;
     void begin_batch() override { batching_ = true; }
+    void send_batch() override;
     int end_batch(std::span<int> results) override;
     int read(table_ref ref, std::string_view key, record_sink &sink) override;
     int scan(table_ref ref, const key_range &range, record_sink &sink) override;
@@ -40,10 +41,9 @@ class redis_engine final : public engine {
 
     // For the reader of changes, which asks its questions on the connection for calls.
     redis_link &link() { return link_; }
-    bool is_own(std::string_view writer) const { return writer == writer_; }
+    bool is_own(std::string_view writer) const { return writer == writer_.name; }
     /// Goes up with each call that reads or writes.
     uint64_t calls() const { return calls_; }
-    bool batching() const { return batching_; }
     int position(const redis_table &table, log_position &out);
     /// Sends what `build` puts into the buffer, after connecting if need be.
     int ask(const std::function<void(command_buffer &)> &build);
@@ -66,8 +66,9 @@ class redis_engine final : public engine {
     int judge_transaction(redis_table &table, std::string_view key, size_t queued);
     int write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
     int run(redis_script &script, const std::function<void(command_buffer &)> &build);
-    int submit(redis_script &script, const std::function<void(command_buffer &)> &build);
+    int ready_to_collect(redis_script &script);
     void flush_batch();
+    void flush_full_batch();
     int undo(redis_table &table, std::string_view key);
     int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
     int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
@@ -79,11 +80,11 @@ class redis_engine final : public engine {
     command_buffer commands_;
     uint64_t calls_ = 0;
     unsigned writes_ = 0; ///< by transaction
+    writer_identity writer_;
+    write_call single_; ///< of who does not batch
     bool batching_ = false;
-    command_batch batch_;
+    command_batch batch_{scripts_, writer_};
     std::vector<int> batch_results_; ///< of what was sent so far
-    std::string writer_;             ///< this handle's name in the log
-    std::string log_limit_;          ///< changes kept per table
     std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;
     uint64_t generation_ = 0; ///< the connection that the tables' watches belong to
     std::string watch_;       ///< the command that watches the metadata of all known tables, ready to send

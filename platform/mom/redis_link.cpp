@@ -8,6 +8,7 @@
 #include <mutex>
 #include <set>
 #include <tq_mom.h>
+#include <utility>
 
 namespace mom {
 namespace {
@@ -54,7 +55,7 @@ int redis_link::ensure()
 {
     // A server that went away while nobody asked it is noticed before a write is risked on the old connection.
     const auto now = steady_clock::now();
-    if (connection_ != nullptr && now - last_use_ > idle && !connection_->quiet())
+    if (connection_ != nullptr && now - last_use_ > idle && !connected())
         drop();
     last_use_ = now;
     if (connection_ != nullptr)
@@ -94,6 +95,30 @@ int redis_link::exchange(const command_buffer &commands)
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
     const int result = connection_->exchange(commands);
+    if (result != TQ_MOM_OK)
+        drop();
+    return result;
+}
+
+int redis_link::send(std::string_view commands, size_t answers)
+{
+    if (connection_ == nullptr)
+        return TQ_MOM_DISCONNECTED;
+    const int result = connection_->send(commands, steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms));
+    if (result == TQ_MOM_OK)
+        outstanding_ += answers;
+    else
+        drop();
+    return result;
+}
+
+int redis_link::receive()
+{
+    if (connection_ == nullptr)
+        return TQ_MOM_DISCONNECTED;
+    connection_->tape().clear();
+    const auto deadline = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
+    const int result = connection_->receive(std::exchange(outstanding_, 0), deadline);
     if (result != TQ_MOM_OK)
         drop();
     return result;

@@ -19,6 +19,9 @@ class redis_link {
     int ensure();
     /// One exchange on the connection, which is dropped when that fails. Does not reconnect.
     int exchange(const command_buffer &commands);
+    /// Sends commands whose answers receive() takes later, before any exchange. The connection is dropped on failure.
+    int send(std::string_view commands, size_t answers);
+    int receive();
     bool has_replies() const { return connection_ != nullptr && connection_->tape().size() > 0; }
     /// The answers of the last exchange, of which there are some.
     reply_view replies() const { return connection_->replies(); }
@@ -27,9 +30,13 @@ class redis_link {
     /// An answer's result; a replica's refusal makes a link that asks sentinels look for the master again.
     int judge(reply_view reply);
 
-    bool connected() const { return connection_ != nullptr && connection_->quiet(); }
+    bool connected() const { return connection_ != nullptr && (outstanding_ > 0 || connection_->quiet()); }
     uint64_t generation() const { return generation_; }
-    void drop() { connection_.reset(); }
+    void drop()
+    {
+        connection_.reset();
+        outstanding_ = 0;
+    }
 
     /// One more connection to the same server; null, with `result` telling why, when that fails.
     std::unique_ptr<redis_connection> open(int &result);
@@ -46,6 +53,7 @@ class redis_link {
 
     store_url url_;
     std::unique_ptr<redis_connection> connection_;
+    size_t outstanding_ = 0; ///< answers that receive() is to take
     uint64_t generation_ = 0;
     steady_time last_use_{};
     bool warned_ = false;

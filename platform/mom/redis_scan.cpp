@@ -79,11 +79,11 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
     auto &table = table_of(ref);
     std::random_device device;
     mark_stamp mark;
-    mark.token = std::to_string(device()) + "-" + writer_;
+    mark.token = std::to_string(device()) + "-" + writer_.name;
     const int result = run(scripts_.mark, [&](command_buffer &commands) {
         scripts_.mark.begin(commands, 2, 3);
         commands.add(table.meta).add(table.log);
-        commands.add(writer_ + mark.token).add(mark.token).add(table.requested() ? "generation" : "number");
+        commands.add(writer_.name + mark.token).add(mark.token).add(table.requested() ? "generation" : "number");
     });
     if (result != TQ_MOM_OK)
         return result;
@@ -101,7 +101,7 @@ int redis_engine::sweep_page(redis_table &table, const key_range &range, const m
     const int result = run(scripts_.sweep, [&](command_buffer &commands) {
         scripts_.sweep.begin(commands, 3, 10);
         commands.add(table.index).add(table.log).add(table.meta);
-        commands.add(writer_).add(log_limit_).add(table.prefix);
+        commands.add(writer_.name).add(writer_.log_limit).add(table.prefix);
         commands.add(lex_from(range, after, continued)).add(lex_to(range)).add(sweep_page_size);
         commands.add(mark.stamp).add(mark.epoch).add(mark.generation).add(mark.token);
     });

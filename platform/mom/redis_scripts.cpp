@@ -52,43 +52,74 @@ end
 return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 )";
 
-// KEYS record, index, log, meta; ARGV key, writer, log limit, 'replace' or 'merge', 'number' or 'generation',
-// fields joined, then number and bytes of each field.
+// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', then of
+// each record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
 // A merge into a record that has other fields logs all of them. A new record may be the first of its table's history.
 constexpr char write_text[] = R"(
-local record, count = KEYS[1], (#ARGV - 6) / 2
-local gen
-if ARGV[5] == 'generation' then
-  gen = redis.call('HGET', KEYS[4], 'gen')
+local index, log, meta, gen = KEYS[1], KEYS[2], KEYS[3]
+if ARGV[4] == 'generation' then
+  gen = redis.call('HGET', meta, 'gen')
   if not gen then
     return redis.error_reply('NOMETA the metadata is gone')
   end
 end
-if ARGV[4] == 'replace' then
-  redis.call('DEL', record)
-end
-if count > 0 then
-  redis.call('HSET', record, unpack(ARGV, 7))
-end
-local body = ARGV[6]
-if redis.call('HLEN', record) > count + 1 then
+local function joined(record)
   local all, parts = redis.call('HGETALL', record), {}
   for i = 1, #all, 2 do
     if all[i] ~= '#' then
       parts[#parts + 1] = all[i + 1]
     end
   end
-  body = table.concat(parts)
+  return table.concat(parts)
 end
-local id = redis.call('XADD', KEYS[3], 'MAXLEN', '~', ARGV[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'r', body)
-if redis.call('HSET', record, '#', gen or string.sub(id, 3)) == 1 then
-  redis.call('ZADD', KEYS[2], 0, ARGV[1])
-  if redis.call('EXISTS', KEYS[4]) == 0 then
-    local now = redis.call('TIME')
-    redis.call('HSET', KEYS[4], 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
+local function append(key, body)
+  return redis.pcall('XADD', log, 'MAXLEN', '~', ARGV[2], '0-*', 'k', key, 'w', ARGV[1], 'r', body)
+end
+local function replace(record, had, at, last, count)
+  local id = append(ARGV[at], ARGV[at + 1])
+  if type(id) ~= 'string' then
+    return id, 0
   end
+  local stamp = gen or string.sub(id, 3)
+  local added = redis.call('HSET', record, '#', stamp, unpack(ARGV, at + 3, last))
+  if had + added > count + 1 then
+    redis.call('DEL', record)
+    redis.call('HSET', record, '#', stamp, unpack(ARGV, at + 3, last))
+  end
+  return id, added
 end
-return id
+local function merge(record, had, at, last, count)
+  if count > 0 then
+    redis.call('HSET', record, unpack(ARGV, at + 3, last))
+  end
+  local other = had > 0 and redis.call('HLEN', record) > count + 1
+  local id = append(ARGV[at], other and joined(record) or ARGV[at + 1])
+  if type(id) ~= 'string' then
+    return id, 0
+  end
+  return id, redis.call('HSET', record, '#', gen or string.sub(id, 3))
+end
+local write = ARGV[3] == 'replace' and replace or merge
+local results, at, new = {}, 5, false
+for i = 4, #KEYS do
+  local count, result, added = tonumber(ARGV[at + 2]), redis.pcall('HLEN', KEYS[i]), 0
+  local last = at + 2 + 2 * count
+  if type(result) == 'number' then
+    result, added = write(KEYS[i], result, at, last, count)
+  end
+  if added > 0 then
+    redis.call('ZADD', index, 0, ARGV[at])
+    new = true
+  end
+  results[#results + 1] = result
+  at = last + 1
+end
+if new and redis.call('EXISTS', meta) == 0 then
+  local now = redis.call('TIME')
+  redis.call('HSET', meta, 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
+end
+return results
 )";
 
 // KEYS record, index, log; ARGV key, writer, log limit.

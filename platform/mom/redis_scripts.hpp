@@ -30,7 +30,7 @@ struct redis_scripts {
     redis_scripts();
     redis_script meta;   ///< makes sure of a table's metadata, extends its field list
     redis_script mark;   ///< begins a rewrite
-    redis_script write;  ///< writes a record, log entry with the whole record included
+    redis_script write;  ///< writes records of one table, log entry with the whole record included
     redis_script remove; ///< deletes a record
     redis_script undo;   ///< takes back the index entry of a write that met a foreign key
     redis_script sweep;  ///< deletes one page of what was not written since a mark
