@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <plx/s_policy.pb-c.h>
 #include <span>
 #include <string_view>
 #include <sys/prctl.h>
@@ -188,11 +189,12 @@ void application::turn() const
 
 // ---- the other side
 
-raw_client::raw_client(const redis_server &server, const char *user, const char *password)
+raw_client::raw_client(const redis_server &server, bool as_operator)
     : context_(redisConnectUnix(server.socket().c_str()))
 {
     require(context_ != nullptr && context_->err == 0, "connecting");
-    freeReplyObject(redisCommand(context_.get(), "AUTH %s %s", user, password));
+    freeReplyObject(
+        redisCommand(context_.get(), as_operator ? "AUTH plx-operator change-me-operator" : "AUTH suite suite"));
 }
 
 void raw_client::adopt(const redis_server &server)
@@ -206,7 +208,10 @@ void raw_client::adopt(const redis_server &server)
         const std::string name(reply->element[i]->str, reply->element[i]->len);
         if (name == "#")
             continue;
-        fields_.push_back(name);
+        const auto number = static_cast<unsigned>(std::atoi(name.c_str()));
+        const auto *field = protobuf_c_message_descriptor_get_field(&s_policy__ace__descriptor, number);
+        require(field != nullptr, "an ACE's field");
+        fields_.emplace_back(field->name);
         fields_.emplace_back(reply->element[i + 1]->str, reply->element[i + 1]->len);
     }
     freeReplyObject(reply);

@@ -92,10 +92,12 @@ using store_client = std::unique_ptr<tq_context, free_context>;
 
 // ---- the other side
 
-// Raw hiredis on the same server: an ACE's hash with the fields and bytes that the library's own has, and nothing else.
+// Raw hiredis on the same server: an ACE's hash with the bytes that the library's own has, under the fields' names, and
+// nothing else.
 class raw_client {
   public:
-    explicit raw_client(const redis_server &server, const char *user = "suite", const char *password = "suite");
+    // As the user that the library's side is, or as the operator, who may do what no client of the store needs.
+    explicit raw_client(const redis_server &server, bool as_operator = false);
     // Reads ACE 0 of an application from a server: what every write writes.
     void adopt(const redis_server &server);
     void write(const char *prefix, uint64_t sn); // one round trip

@@ -90,15 +90,13 @@ local function replace(record, had, at, last, count)
   return id, added
 end
 local function merge(record, had, at, last, count)
-  if count > 0 then
-    redis.call('HSET', record, unpack(ARGV, at + 3, last))
-  end
-  local other = had > 0 and redis.call('HLEN', record) > count + 1
+  local added = redis.call('HSET', record, '#', gen or 0, unpack(ARGV, at + 3, last))
+  local other = had + added > count + 1
   local id = append(ARGV[at], other and joined(record) or ARGV[at + 1])
-  if type(id) ~= 'string' then
-    return id, 0
+  if type(id) == 'string' and not gen then
+    redis.call('HSET', record, '#', string.sub(id, 3))
   end
-  return id, redis.call('HSET', record, '#', gen or string.sub(id, 3))
+  return id, added
 end
 local write = ARGV[3] == 'replace' and replace or merge
 local results, at, new = {}, 5, false
