@@ -49,8 +49,9 @@ extern "C" int32_t plx_initial(void)
     g_policy_plx_zlog_category = tq_zlog_init("policy_plx");
     if (g_policy_plx_zlog_category != nullptr) {
         plx::dbg::make_file_name(name);
+        // Without a name the process's own file would be the directory.
         const level_path own(name);
-        read_level(access(own.text, F_OK) == 0 ? own : level_path("plx"));
+        read_level(*name != '\0' && access(own.text, F_OK) == 0 ? own : level_path("plx"));
     }
     report<Impt>("plx zlog ready!\n");
     return FP_UDP_OK;

@@ -1,6 +1,5 @@
 // A long life on the test clock: every tracked write is answered exactly once, and a day leaves nothing behind.
 #include <cstring>
-#include <dirent.h>
 #include <random>
 #include <support/application.h>
 #include <unistd.h>
@@ -216,17 +215,6 @@ TEST_F(outcomes, every_tracked_write_has_exactly_one)
     EXPECT_GT(plane.losses, tracked_writes / 10'000);
 }
 
-size_t open_files()
-{
-    size_t count = 0;
-    DIR *directory = opendir("/proc/self/fd");
-    while (directory && readdir(directory))
-        count++;
-    if (directory)
-        closedir(directory);
-    return count;
-}
-
 // What must be the same at the end of every hour, once an application has gone quiet.
 struct remains {
     long blocks;
@@ -237,7 +225,7 @@ struct remains {
     static remains now()
     {
         return {fake::live_blocks(),
-                open_files(),
+                fake::open_files(),
                 list_length(g_req_para.pending),
                 list_length(g_fp_service.nodes),
                 fake::clock.timers.size(),
@@ -269,7 +257,7 @@ class day : public library_case {
     std::string run()
     {
         start();
-        const size_t files = open_files();
+        const size_t files = fake::open_files();
         std::vector<remains> quiet;
         for (int hour = 0; hour < hours; hour++) {
             for (int i = 0; i < 360; i++)

@@ -176,4 +176,22 @@ class failing_allocation {
     };
 };
 
+// Of this process, and a few for the counting.
+size_t open_files();
+// False: system() does nothing, and succeeds.
+extern bool runs_commands;
+
+// Makes the n-th file call that libplx itself makes fail with an error, or all from there on, while an instance lives;
+// `short_count` instead of an error lets a read or write pass one byte. n = 0 only counts.
+class failing_file_call {
+  public:
+    static constexpr int short_count = -1;
+    failing_file_call(int n, int error, lasts how_long = once);
+    ~failing_file_call();
+    failing_file_call(const failing_file_call &) = delete;
+    failing_file_call &operator=(const failing_file_call &) = delete;
+    static int seen();           // calls since the last instance was made
+    static std::string failed(); // the function of the last that failed
+};
+
 } // namespace fake
