@@ -86,7 +86,7 @@ void writes(benchmark::State &state)
     bench::once(state, [&] {
         const quick_server server;
         report(state, bench::in_process([&] { return write_ratio(server, "", ""); }));
-        report(state, bench::in_process([&] { return write_ratio(server, ", no spinning", "spin=0"); }));
+        report(state, bench::in_process([&] { return write_ratio(server, ", spinning", "spin=50"); }));
         const companion listener([&](auto ready) { listen(server.url(), ready); });
         report(state, bench::in_process([&] { return write_ratio(server, ", one subscriber", "", listener.pid()); }));
     });

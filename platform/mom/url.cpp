@@ -2,6 +2,7 @@
 #include "url.hpp"
 
 #include <charconv>
+#include <sched.h>
 
 namespace mom {
 namespace {
@@ -157,6 +158,12 @@ bool parse_address(store_url &url, std::string_view text)
 }
 
 } // namespace
+
+uint32_t usual_spin_us()
+{
+    cpu_set_t ours;
+    return sched_getaffinity(0, sizeof ours, &ours) == 0 && CPU_COUNT(&ours) == 1 ? 0 : 50;
+}
 
 std::optional<store_url> parse_store_url(std::string_view text)
 {

@@ -23,6 +23,9 @@ struct endpoint {
     uint16_t port;
 };
 
+/// 50, or 0 for a process that has one CPU: there no answer comes while one looks for it.
+uint32_t usual_spin_us();
+
 struct store_url {
     store_scheme scheme = store_scheme::mem;
     std::string name; ///< of the embedded store; path of the socket; name of the master
@@ -32,7 +35,7 @@ struct store_url {
     std::string password_file;
     std::optional<uint64_t> log_limit;
     uint32_t timeout_ms = 1000;
-    uint32_t spin_us = 50;
+    uint32_t spin_us = usual_spin_us();
 };
 
 std::optional<store_url> parse_store_url(std::string_view text);
