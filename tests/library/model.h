@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <set>
@@ -61,6 +62,8 @@ struct entry {
     uint32_t value_pri = 0;
 };
 
+using node_key = std::tuple<uint32_t, uint32_t, uint32_t>; // device, slot, id
+
 struct request {
     target of;
     uint64_t since;
@@ -71,7 +74,7 @@ class model {
     std::map<acl_key, int> acls;
     std::map<target, entry> entries;
     std::map<uint64_t, request> requests; // oldest submission first
-    std::map<std::tuple<uint32_t, uint32_t, uint32_t>, uint64_t> nodes;
+    std::map<node_key, uint64_t> nodes;
     std::set<std::string> records;         // addresses of database 5
     std::map<std::string, target> foreign; // of database 8, by address
     std::map<std::string, std::set<std::string>> marks;
@@ -79,8 +82,7 @@ class model {
     bool skips_priority = false;
     std::function<void()> on_event;
 
-    // What fails while an operation runs: a store operation's name, "all", or "-".
-    std::string failing = "-";
+    std::string failing; // while an operation runs: the store's operation that fails, or "all"
 
     int32_t set_acl(const acl_key &key, int priv)
     {
@@ -128,22 +130,25 @@ class model {
         return track(t);
     }
 
-    void del_acl(const acl_key &key)
+    int32_t del_acl(const acl_key &key)
     {
         erase(key.record());
         forget(key);
+        return 0;
     }
 
-    void del(const target &given)
+    int32_t del(const target &given)
     {
         erase(given.record());
         forget(cached_as(given));
+        return 0;
     }
 
-    int32_t expire(const std::string &prefix)
+    int32_t expire(const std::string &table, const std::string &type)
     {
         if (fails("dsbegin"))
             return store_failure;
+        const std::string prefix = "5 " + table + "[" + type + ",";
         marks[prefix].clear();
         for (auto at = records.lower_bound(prefix); at != records.end() && at->compare(0, prefix.size(), prefix) == 0;
              ++at)
@@ -151,11 +156,11 @@ class model {
         return 0;
     }
 
-    int32_t del_expire(const std::string &prefix)
+    int32_t del_expire(const std::string &table, const std::string &type)
     {
         if (fails("dsend"))
             return store_failure;
-        const auto mark = marks.find(prefix);
+        const auto mark = marks.find("5 " + table + "[" + type + ",");
         if (mark == marks.end())
             return TQ_MOM_NO_MARK;
         for (const std::string &record : mark->second)
@@ -164,52 +169,64 @@ class model {
         return 0;
     }
 
-    // A change of database 8 that somebody else made. A target that is neither an ACE nor an apply is an ACL.
-    void change(const std::string &address, const target &t, bool is_acl, bool deleted)
+    // A change of an ACL or ACE of database 8 that somebody else made.
+    int32_t change(const std::string &table, const target &t, bool deleted)
     {
+        const bool is_acl = table == "acl";
+        std::string address = is_acl ? t.acl.record() : t.record();
+        address[0] = '8';
         if (!deleted) {
             foreign[address] = t;
-            learn(t, is_acl);
-        } else {
-            foreign.erase(address);
-            is_acl ? forget(t.acl) : forget(t);
+            return learn(table, t);
         }
-        hear((is_acl ? "acl change " + t.acl.name() : "ace change " + t.name()) + (deleted ? " 1" : " 0"));
+        foreign.erase(address);
+        is_acl ? forget(t.acl) : forget(t);
+        hear(table + " change " + (is_acl ? t.acl.name() : t.name()) + " 1");
+        return 0;
     }
 
-    void resync(const std::string &table)
+    int32_t resync(const std::string &table)
     {
-        if (fails("scan"))
-            return;
-        const auto all = foreign;
-        for (const auto &[address, t] : all) {
-            if (address.find(table) == std::string::npos)
-                continue;
-            learn(t, table == "acl");
-            hear((table == "acl" ? "acl change " + t.acl.name() : "ace change " + t.name()) + " 0");
-        }
+        const auto all = fails("scan") ? std::map<std::string, target>{} : foreign;
+        for (const auto &[address, t] : all)
+            if (address.find(table) != std::string::npos)
+                learn(table, t);
+        return 0;
     }
 
-    void answer(const target &given, int status, uint64_t uuid)
+    // An answer to the newest write of an entry, or to the one before. `uuids` remembers what it carried.
+    int32_t answer(const target &given, int status, const std::string &which)
     {
         const target t = cached_as(given);
         auto at = entries.find(t);
-        if (at == entries.end() || at->second.stat != 0 || at->second.uuid != uuid)
-            return;
+        uuids.push_back(at == entries.end() ? 1 : which == "older" ? at->second.older : at->second.uuid);
+        if (at == entries.end() || at->second.stat != 0 || at->second.uuid != uuids.back())
+            return 0;
         judge(t, status);
         at = entries.find(t);
         if (at != entries.end() && at->second.is_req)
             drop_request(t);
+        return 0;
+    }
+    std::deque<uint64_t> uuids;
+
+    int32_t alive(const node_key &node)
+    {
+        nodes[node] = now();
+        return 0;
     }
 
-    void drop_silent_nodes(uint64_t now)
+    // Time passes, or goes back; then what the timers do.
+    int32_t tick(int64_t us)
     {
-        if (std::erase_if(nodes, [&](auto &node) { return older_than(now, node.second, 20); }) != 0)
-            pass(now, true);
+        fake::clock.now_us += static_cast<uint64_t>(us);
+        if (std::erase_if(nodes, [&](auto &node) { return older_than(node.second, 20); }) != 0)
+            pass(true);
+        return pass(false);
     }
 
     // One ageing pass over the requests that wait when it begins.
-    void pass(uint64_t now, bool forced)
+    int32_t pass(bool forced)
     {
         std::vector<uint64_t> waiting;
         for (const auto &[number, waits] : requests)
@@ -221,9 +238,17 @@ class model {
             const target t = at->second.of;
             const entry &e = entries[t];
             const bool being_told = e.is_req; // its request leaves when its callback returns
-            if (!being_told && (older_than(now, at->second.since, 180) || (forced && e.count >= live())))
+            if (!being_told && (older_than(at->second.since, 180) || (forced && e.count >= live())))
                 end(t);
         }
+        return 0;
+    }
+
+    // From then on: as a script's first line.
+    int32_t skip_priority()
+    {
+        skips_priority = true;
+        return 0;
     }
 
     target cached_as(target t) const
@@ -235,9 +260,10 @@ class model {
   private:
     bool fails(const char *operation) const { return failing == "all" || failing == operation; }
     int live() const { return static_cast<int>(nodes.size()); }
-    static bool older_than(uint64_t now, uint64_t since, uint64_t seconds)
+    static uint64_t now() { return fake::clock.now_us; }
+    static bool older_than(uint64_t since, uint64_t seconds)
     {
-        return now < since || now - since >= seconds * 1'000'000; // a clock that went back ages, too
+        return now() < since || now() - since >= seconds * 1'000'000; // a clock that went back ages, too
     }
     static std::string bytes(int priv)
     {
@@ -269,17 +295,19 @@ class model {
                            [&](auto &e) { return e.first.acl == key && e.first.is_apply(); });
     }
 
-    void learn(const target &t, bool is_acl)
+    int32_t learn(const std::string &table, const target &t)
     {
         acls[t.acl];
-        if (!is_acl)
+        if (table != "acl")
             entries[t];
+        hear(table + " change " + (table == "acl" ? t.acl.name() : t.name()) + " 0");
+        return 0;
     }
 
     entry &start_over(const target &t, int priv)
     {
         entry &e = entries[t];
-        e = {fake::clock.now_us, e.uuid, 0, 0, false, e.request, priv, e.value_pri};
+        e = {now(), e.uuid, 0, 0, false, e.request, priv, e.value_pri};
         return e;
     }
 
@@ -288,7 +316,7 @@ class model {
         entry &e = entries[t];
         if (!e.request)
             e.request = ++last_request;
-        requests[e.request] = {t, fake::clock.now_us};
+        requests[e.request] = {t, now()};
         return 0;
     }
 

@@ -317,7 +317,7 @@ std::string in_child(const std::function<std::string()> &work, bool quiet)
     const bool failed_before = testing::Test::HasFailure();
     const pid_t child = pipe(ends) == 0 ? fork() : -1;
     if (child == 0) {
-        alarm(60);
+        alarm(200);
         if (quiet && (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)))
             _exit(3);
         std::string text = work();

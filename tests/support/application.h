@@ -79,7 +79,7 @@ size_t list_length(const fp_udp_list &head);
 // `tables_are_whole` false: a node on an ACL's list need not stand in its table, which could not take it.
 std::string broken(bool tables_are_whole = true);
 // Runs work in a child of this process and returns what it returns, or how it ended instead: the library's state here
-// stays as it is. A child that is not done in a minute is ended. A quiet one prints nothing.
+// stays as it is. A child that is not done in 200 s is ended. A quiet one prints nothing.
 std::string in_child(const std::function<std::string()> &work, bool quiet = false);
 
 using owned_ace = std::unique_ptr<fp_udp_ace, void (*)(fp_udp_ace *)>;
