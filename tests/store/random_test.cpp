@@ -1,26 +1,12 @@
 // Random operations against a plain map: what the store holds, and what a subscriber makes of the changes it hears.
 #include "suite.hpp"
 
-#include <map>
 #include <random>
 
 namespace {
 
-class random_work : public store_suite {};
-
-std::string kind_name(const testing::TestParamInfo<backend_kind> &info)
-{
-    return info.param.name;
-}
-INSTANTIATE_TEST_SUITE_P(on, random_work, testing::ValuesIn(backend_kinds()), kind_name);
-
-struct fields {
-    uint64_t request = 0;
-    uint64_t priority = 0;
-    std::string value;
-    bool operator==(const fields &) const = default;
-};
-using key = std::tuple<std::string, uint32_t, uint64_t>;
+using key = std::tuple<std::string, uint32_t, uint64_t>;    // application, ACL, sn
+using fields = std::tuple<uint64_t, uint64_t, std::string>; // request, priority, value
 using policy = std::map<key, fields>;
 
 key key_of(const SPolicy__Ace ace)
@@ -57,25 +43,23 @@ class worker {
 
     void act()
     {
+        static const char *const apps[] = {"a", "a,", "ab", "", "%", "security_app"};
+        const std::string app = apps[pick(std::size(apps))];
+        ace_record ace(app, pick(4), pick(12));
+        fill(ace);
         const uint32_t what = pick(20);
         if (what < 11)
-            merge();
+            merge(ace);
         else if (what < 14)
-            replace();
+            replace(ace);
         else if (what < 18)
-            remove();
+            remove(ace);
         else
-            rewrite();
+            rewrite(ace, 1 + pick(2));
     }
 
   private:
     uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
-
-    std::string app()
-    {
-        static const char *const apps[] = {"a", "a,", "ab", "", "%", "security_app"};
-        return apps[pick(std::size(apps))];
-    }
 
     void fill(ace_record &ace)
     {
@@ -84,57 +68,46 @@ class worker {
         ace.set_value(std::string(pick(40), static_cast<char>(pick(256))));
     }
 
-    void merge()
+    void merge(const ace_record &ace)
     {
-        ace_record ace(app(), pick(4), pick(12));
-        fill(ace);
         std::vector<uint32_t> numbers;
-        auto &expected = model_[key_of(ace.record)];
+        auto &[request, priority, value] = model_[key_of(ace.record)];
         if (pick(2) == 0)
-            numbers.push_back(6), expected.value = ace.value;
+            numbers.push_back(6), value = ace.value;
         if (pick(2) == 0)
-            numbers.push_back(8), expected.request = ace.record.req_uuid;
+            numbers.push_back(8), request = ace.record.req_uuid;
         if (pick(2) == 0)
-            numbers.push_back(11), expected.priority = ace.record.ace_pri;
+            numbers.push_back(11), priority = ace.record.ace_pri;
         ASSERT_EQ(TQ_MOM_OK,
                   tq_mom_hmset_sync(context_, 8, ace, numbers.data(), static_cast<uint32_t>(numbers.size())));
     }
 
-    void replace()
+    void replace(const ace_record &ace)
     {
-        ace_record ace(app(), pick(4), pick(12));
-        fill(ace);
         model_[key_of(ace.record)] = fields_of(ace.record);
         ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(context_, 8, ace));
     }
 
-    void remove()
+    void remove(const ace_record &ace)
     {
-        ace_record ace(app(), pick(4), pick(12));
         model_.erase(key_of(ace.record));
         ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context_, 8, ace));
     }
 
     // A bracket around a few writes, of an application or one of its ACLs.
-    void rewrite()
+    void rewrite(const ace_record &selected, uint32_t selection)
     {
-        const ace_record selected(app(), pick(4), 0);
-        const uint32_t selection = 1 + pick(2);
         ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context_, 8, selected, selection, 1000));
-        policy kept;
-        for (uint32_t i = pick(8); i > 0; --i) {
-            ace_record ace(selected.app, pick(4), pick(12));
-            fill(ace);
-            kept[key_of(ace.record)] = fields_of(ace.record);
-            ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(context_, 8, ace));
-        }
-        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context_, 8, selected, selection, 60'000));
         std::erase_if(model_, [&](const auto &known) {
             const auto &[app, acl, sn] = known.first;
             return app == selected.app && (selection == 1 || acl == selected.key.acl_id);
         });
-        for (auto &[written, content] : kept)
-            model_[written] = content;
+        for (uint32_t i = pick(8); i > 0; --i) {
+            ace_record ace(selected.app, pick(4), pick(12));
+            fill(ace);
+            replace(ace);
+        }
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context_, 8, selected, selection, 60'000));
     }
 
     tq_context *context_;
@@ -142,7 +115,7 @@ class worker {
     std::mt19937 &random_;
 };
 
-TEST_P(random_work, the_store_and_its_subscribers_agree_with_a_map)
+TEST_P(store_suite, the_store_and_its_subscribers_agree_with_a_map)
 {
     const uint32_t seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));

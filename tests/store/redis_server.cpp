@@ -64,8 +64,7 @@ redis_server::redis_server()
         throw std::runtime_error("no temporary directory");
     directory_ = pattern;
     socket_ = directory_ + "/store.sock";
-    write_acl();
-    write_config();
+    configure();
 }
 
 redis_server::~redis_server()
@@ -75,22 +74,15 @@ redis_server::~redis_server()
     std::filesystem::remove_all(directory_, ignored);
 }
 
-void redis_server::write_acl() const
+// What is shipped, with the paths of this server and one user more.
+void redis_server::configure() const
 {
-    std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.acl");
-    std::ofstream acl(directory_ + "/acl");
-    acl << shipped.rdbuf();
-    acl << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time +client|id "
-           "+client|unblock "
-           "+watch "
-           "+unwatch +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hexists +hlen +hset +hsetnx "
-           "+hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread +xrange +xrevrange "
-           "+xinfo|stream\n";
-}
-
-// The shipped configuration with the paths of this server.
-void redis_server::write_config() const
-{
+    std::ofstream(directory_ + "/acl")
+        << std::ifstream(PLX_REDIS_CONFIG "/plx-store.acl").rdbuf()
+        << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time +client|id "
+           "+client|unblock +watch +unwatch +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget "
+           "+hexists +hlen +hset +hsetnx +hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread "
+           "+xrange +xrevrange +xinfo|stream\n";
     std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.conf");
     std::ofstream config(directory_ + "/conf");
     for (std::string line; std::getline(shipped, line);)
@@ -107,7 +99,7 @@ void redis_server::start(const std::vector<std::string> &options, const std::str
     launch(std::move(words), answer);
 }
 
-void redis_server::start_sentinel(uint16_t port, uint16_t master)
+void redis_server::start_sentinel(const std::string &port, const std::string &master)
 {
     const std::string file = directory_ + "/sentinel.conf";
     std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory_ << "\nunixsocket " << socket_
@@ -117,7 +109,7 @@ void redis_server::start_sentinel(uint16_t port, uint16_t master)
     launch({"redis-server", file, "--sentinel"}, "PONG");
 }
 
-uint16_t redis_server::free_port()
+std::string redis_server::free_port()
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -129,7 +121,7 @@ uint16_t redis_server::free_port()
     close(fd);
     if (!bound)
         throw std::runtime_error("no free port");
-    return ntohs(address.sin_port);
+    return std::to_string(ntohs(address.sin_port));
 }
 
 void redis_server::launch(std::vector<std::string> words, const std::string &answer)
@@ -146,15 +138,11 @@ void redis_server::launch(std::vector<std::string> words, const std::string &ans
             execvp(arguments[0], arguments.data());
         _exit(127);
     }
-    for (int i = 0; i < 2000 && !answers(answer) && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
+    const auto answers = [&] { return run({"PING"}).starts_with(answer); };
+    for (int i = 0; i < 2000 && !answers() && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (!answers(answer))
+    if (!answers())
         throw std::runtime_error("the server does not answer");
-}
-
-bool redis_server::answers(const std::string &start) const
-{
-    return run({"PING"}).starts_with(start);
 }
 
 std::string redis_server::run(const std::vector<std::string> &command) const

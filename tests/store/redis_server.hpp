@@ -4,7 +4,6 @@
 #ifndef STORE_REDIS_SERVER_HPP
 #define STORE_REDIS_SERVER_HPP
 
-#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -19,15 +18,14 @@ class redis_server {
     /// Starts it and waits until its answer to a PING starts so; `options` go behind the configuration.
     void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
     /// Starts as a sentinel instead, which watches the master "policy" at this TCP port.
-    void start_sentinel(uint16_t port, uint16_t master);
+    void start_sentinel(const std::string &port, const std::string &master);
     /// A TCP port that nobody uses at the moment.
-    static uint16_t free_port();
+    static std::string free_port();
     /// kill -9, as a crash.
     void crash();
     /// Forgets all data while stopped.
     void erase_data();
     void signal(int number) const;
-    bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
 
     const std::string &socket() const { return socket_; }
@@ -40,9 +38,7 @@ class redis_server {
 
   private:
     void launch(std::vector<std::string> words, const std::string &answer);
-    void write_acl() const;
-    void write_config() const;
-    bool answers(const std::string &start) const;
+    void configure() const;
 
     std::string directory_;
     std::string socket_;

@@ -27,16 +27,38 @@ void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int, co
 
 namespace {
 
-TEST_F(faults, a_server_that_is_still_loading_says_so)
+/// A server and one who uses it.
+class refusal : public faults {
+  protected:
+    void SetUp() override
+    {
+        start_quick({"--zset-max-listpack-entries", "2000"}); // a small index is walked in its own order
+        context = open();
+    }
+
+    const ace_record ace{"a", 1, 1, 1};
+    const psta_record psta{"a", 1, 1, 1};
+    const keyed<SPolicy__ServiceNode, SPolicy__ServiceNodeIndex, s_policy__service_node__descriptor> node;
+    tq_context *context = nullptr;
+};
+
+TEST_F(refusal, each_has_a_result_of_its_own)
 {
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
+    const auto expect_writes = [&](int result) {
+        EXPECT_EQ(result, write_ace(context, 8, ace));
+        EXPECT_EQ(result, write_psta(context, 8, psta));
+    };
+    server.run({"CONFIG", "SET", "maxmemory", "1"});
+    expect_writes(TQ_MOM_STORE_FULL);
+    server.run({"CONFIG", "SET", "maxmemory", "0"});
+    server.run({"REPLICAOF", "127.0.0.1", "1"});
+    expect_writes(TQ_MOM_READ_ONLY);
+    server.run({"REPLICAOF", "NO", "ONE"});
+    expect_writes(TQ_MOM_OK);
     for (uint64_t sn = 1; sn <= 300; ++sn)
         write_ace(context, 8, ace_record("a", 1, sn, 1));
     server.run({"BGREWRITEAOF"}); // a server takes no questions while it replays commands, only while it reads records
-    wait_for([&] {
-        return server.run({"INFO", "persistence"}).find("aof_rewrite_in_progress:0") != std::string::npos;
-    });
+    wait_for([&] { return tells(server, {"INFO", "persistence"}, "aof_rewrite_in_progress:0"); });
     server.crash();
     server.start({"--key-load-delay", "3000", "--loading-process-events-interval-bytes", "1024"}, "LOADING");
     auto *early = open();
@@ -44,97 +66,63 @@ TEST_F(faults, a_server_that_is_still_loading_says_so)
     EXPECT_NE(TQ_MOM_OK, tq_mom_state_get(early, 8, 0));
 }
 
-TEST_F(faults, each_refusal_has_a_result_of_its_own)
+TEST_F(refusal, meets_each_user_who_leaves_its_role)
 {
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
-    const ace_record ace("a", 1, 1, 1);
-    const psta_record psta("a", 1, 1, 1);
-    ASSERT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
-    server.run({"CONFIG", "SET", "maxmemory", "1"});
-    EXPECT_EQ(TQ_MOM_STORE_FULL, write_ace(context, 8, ace));
-    EXPECT_EQ(TQ_MOM_STORE_FULL, write_psta(context, 8, psta));
-    server.run({"CONFIG", "SET", "maxmemory", "0"});
-    server.run({"REPLICAOF", "127.0.0.1", "1"});
-    EXPECT_EQ(TQ_MOM_READ_ONLY, write_ace(context, 8, ace));
-    EXPECT_EQ(TQ_MOM_READ_ONLY, write_psta(context, 8, psta));
-    server.run({"REPLICAOF", "NO", "ONE"});
-    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
-    EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta));
-}
-
-TEST_F(faults, each_user_may_do_what_its_role_needs)
-{
-    server.start({"--appendfsync", "no"});
-    const ace_record ace("a", 1, 1, 1);
-    const psta_record psta("a", 1, 1, 1);
-    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
     auto *application = open("", "plx-application");
     auto *service = open("", "plx-node");
     auto *reader = open("", "plx-reader");
     hearing heard;
     EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace));
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(application, 8, &node.base));
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(service, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(application, 8, node));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(service, 8, node));
     EXPECT_EQ(TQ_MOM_OK, write_psta(service, 8, psta));
-    EXPECT_EQ(TQ_MOM_DENIED, write_ace(service, 8, ace));
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(service, 8, ace));
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_del_sync(service, 8, ace));
-    EXPECT_EQ(TQ_MOM_DENIED, write_ace(reader, 8, ace));
+    for (auto *unfit : {service, reader}) {
+        EXPECT_EQ(TQ_MOM_DENIED, write_ace(unfit, 8, ace));
+        EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(unfit, 8, ace));
+        EXPECT_EQ(TQ_MOM_DENIED, tq_mom_del_sync(unfit, 8, ace));
+    }
     EXPECT_EQ(TQ_MOM_DENIED, write_psta(reader, 8, psta));
     EXPECT_EQ(TQ_MOM_DENIED, tq_mom_dsbegin_sync(reader, 8, ace, 1, 1000));
-    for (auto *context : {application, service, reader}) {
-        EXPECT_EQ((std::map<uint64_t, uint64_t>{{1, 1}}), stored(context));
-        subscribe(context, heard, ace_record("a", 0, 0));
+    for (auto *user : {application, service, reader}) {
+        EXPECT_EQ((requests{{1, 1}}), stored(user));
+        subscribe(user, heard, ace);
     }
     EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(application, 8, ace, 1, 1000));
     EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(application, 8, ace, 1, 1000));
     wait_for([&] { return heard.lines.size() == 3; });
-
-    auto *nobody = open_at("unix:" + server.socket());
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(nobody, 8));
-    auto *stranger = open_at("unix:" + server.socket() + "?user=stranger");
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(stranger, 8));
+    for (const char *nobody : {"", "?user=stranger"})
+        EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(open_at("unix:" + server.socket() + nobody), 8));
 }
 
-TEST_F(faults, what_is_no_record_under_a_record_s_key_is_told_apart)
+TEST_F(refusal, tells_what_is_no_record_under_a_record_s_key)
 {
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
-    const ace_record ace("a", 1, 1, 1);
-    const auto status = [&] {
-        auto *result = tq_mom_hgetall_sync(context, 8, ace);
-        const int code = result->status;
-        EXPECT_EQ(nullptr, result->record);
-        tq_mom_hash_res_free(result);
-        return code;
-    };
+    const std::string key = "plx{8:ace}:a,a1,a1";
     write_ace(context, 8, ace_record("a", 1, 2, 1));
-    server.run({"SET", key("a,a1,a1"), "foreign"});
-    EXPECT_EQ(TQ_MOM_CORRUPT, write_ace(context, 8, ace));
-    EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_del_sync(context, 8, ace));
-    EXPECT_EQ(TQ_MOM_CORRUPT, status());
-    EXPECT_EQ((std::map<uint64_t, uint64_t>{{2, 1}}), stored(context));
-    server.run({"DEL", key("a,a1,a1")});
-    const lines foreign[] = {
-        {"name", "x"}, {"6", "x", "#", "1"}, {"5", "\x2a", "#", "1"}, {"8", "\x40\x01\x2a\x01\x08", "#", "1"}};
-    for (const auto &fields : foreign) {
-        lines command{"HSET", key("a,a1,a1")};
-        command.insert(command.end(), fields.begin(), fields.end());
-        server.run(command);
-        EXPECT_EQ(TQ_MOM_CORRUPT, status());
-        server.run({"DEL", key("a,a1,a1")});
+    for (const auto &foreign : {lines{"SET", key, "foreign"},
+                                {"HSET", key, "name", "x"},
+                                {"HSET", key, "6", "x", "#", "1"},
+                                {"HSET", key, "5", "\x2a", "#", "1"},
+                                {"HSET", key, "8", "\x40\x01\x2a\x01\x08", "#", "1"}}) {
+        server.run(foreign);
+        auto *read = tq_mom_hgetall_sync(context, 8, ace);
+        EXPECT_EQ(TQ_MOM_CORRUPT, read->status);
+        EXPECT_EQ(nullptr, read->record);
+        tq_mom_hash_res_free(read);
+        if (foreign[0] == "SET") {
+            EXPECT_EQ(TQ_MOM_CORRUPT, write_ace(context, 8, ace));
+            EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_del_sync(context, 8, ace));
+            EXPECT_EQ((requests{{2, 1}}), stored(context));
+        }
+        server.run({"DEL", key});
     }
 }
 
-TEST_F(faults, an_index_out_of_order_ends_a_walk_and_not_the_changes)
+TEST_F(refusal, an_index_out_of_order_ends_a_walk_and_not_the_changes)
 {
-    server.start({"--appendfsync", "no", "--zset-max-listpack-entries", "2000"});
-    auto *context = open();
     hearing heard, found;
-    subscribe(context, heard, psta_record("a", 0, 0));
-    write_ace(context, 8, ace_record("a", 1, 1, 1));
-    write_psta(context, 8, psta_record("a", 1, 1, 1));
+    subscribe(context, heard, psta);
+    write_ace(context, 8, ace);
+    write_psta(context, 8, psta);
     for (const std::string table : {"plx{8:ace}", "plx{8:ace_psta}"}) { // behind any page lies the first one again
         lines command{"ZADD", table + "/index", "2000", "zz"};
         for (int i = 1; i <= 1100; ++i)
@@ -150,14 +138,11 @@ TEST_F(faults, an_index_out_of_order_ends_a_walk_and_not_the_changes)
     EXPECT_EQ((lines{"1 a/1/1=1", "1 a/1/2=2"}), heard.lines);
 }
 
-TEST_F(faults, what_is_foreign_under_a_table_s_keys_harms_no_other_table_and_can_be_taken_away)
+TEST_F(refusal, what_is_foreign_under_a_table_s_keys_harms_no_other_table_and_can_be_taken_away)
 {
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
     hearing damaged, whole;
-    subscribe(context, whole, ace_record("a", 0, 0));
+    subscribe(context, whole, ace);
     uint32_t db = 100;
-    const ace_record ace("a", 1, 1, 1);
     const auto failures_of_every_call = [&] {
         hearing found;
         int failed = write_ace(context, db, ace) != TQ_MOM_OK;
@@ -180,7 +165,7 @@ TEST_F(faults, what_is_foreign_under_a_table_s_keys_harms_no_other_table_and_can
             foreign[1] = "plx{" + std::to_string(++db) + ":ace}" + name;
             SCOPED_TRACE(foreign[0] + " " + foreign[1]);
             ASSERT_EQ(0, failures_of_every_call());
-            ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, db, ace, 1, hearing::callback, &damaged));
+            subscribe(context, damaged, ace, 1, db);
             server.run({"DEL", foreign[1]});
             server.run(foreign);
             EXPECT_NE(0, failures_of_every_call());
@@ -193,7 +178,7 @@ TEST_F(faults, what_is_foreign_under_a_table_s_keys_harms_no_other_table_and_can
         }
 }
 
-TEST_F(faults, random_bytes_and_long_names_in_the_store_crash_nobody)
+TEST_F(refusal, random_bytes_and_long_names_in_the_store_crash_nobody)
 {
     const uint32_t seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -204,13 +189,11 @@ TEST_F(faults, random_bytes_and_long_names_in_the_store_crash_nobody)
             byte = static_cast<char>(random());
         return bytes;
     };
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
-    hearing ace, psta, found;
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, 8, ace_record("", 0, 0), 0, hearing::callback, &ace));
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, 8, psta_record("", 0, 0), 0, hearing::callback, &psta));
-    write_ace(context, 8, ace_record("a", 1, 1, 1));
-    write_psta(context, 8, psta_record("a", 1, 1, 1));
+    hearing heard, status, found;
+    subscribe(context, heard, ace, 0);
+    subscribe(context, status, psta, 0);
+    write_ace(context, 8, ace);
+    write_psta(context, 8, psta);
     for (int i = 0; i < 400; ++i) {
         const std::string names[] = {"a,a1,a" + std::to_string(random() % 10), noise(30), noise(100'000),
                                      std::string(100'000, 'n') + ",a1,a1"};
@@ -229,22 +212,20 @@ TEST_F(faults, random_bytes_and_long_names_in_the_store_crash_nobody)
     EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, 8, ace_record("", 0, 0), 0, hearing::callback, &found));
     EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 99, 7)));
     EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 99, 7)));
-    wait_for([&] { return !ace.lines.empty() && ace.lines.back() == "*4 a/1/99=7"; });
-    wait_for([&] {
-        return std::any_of(psta.lines.begin(), psta.lines.end(),
+    wait_for([&] { return heard.ends_with("*4 a/1/99=7"); });
+    wait_for([&] { // as a change, or as a record whose change was lost
+        return std::any_of(status.lines.begin(), status.lines.end(),
                            [](const auto &line) { return line.ends_with("1 a/1/99=7"); });
     });
 }
 
-TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
+TEST_F(refusal, for_want_of_a_script_has_the_client_load_it_again)
 {
-    server.start({"--appendfsync", "no"});
-    auto *context = open();
     for (const int round : {1, 2}) {
-        EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 1, 1))) << round;
-        EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta_record("a", 1, 1)));
-        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, psta_record("a", 1, 1), 1, 10));
-        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context, 8, psta_record("a", 1, 1), 1, 1000));
+        EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta)) << round;
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, psta));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, psta, 1, 10));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context, 8, psta, 1, 1000));
         ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(context));
         for (uint64_t sn = 1; sn <= 20; ++sn)
             EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, sn, sn)));
@@ -255,14 +236,12 @@ TEST_F(faults, a_server_that_forgot_its_scripts_gets_them_again)
     }
 }
 
-TEST_F(faults, a_batch_reports_its_first_failure_and_each_result)
+TEST_F(refusal, in_a_batch_is_its_result_and_that_of_its_call)
 {
-    server.start({"--appendfsync", "no"});
     auto *application = open("", "plx-application");
-    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
     ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
-    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 1, 1)));
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, &node.base));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, node));
     EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 2, 2)));
     std::array<int, 3> results{-1, -1, -1};
     EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application, results.data(), results.size()));
@@ -273,27 +252,22 @@ TEST_F(faults, a_batch_reports_its_first_failure_and_each_result)
 
 TEST_F(faults, a_server_that_may_lose_policy_is_warned_about_once)
 {
-    const uint16_t port = redis_server::free_port();
-    const std::string number = std::to_string(port);
-    server.start({"--appendonly", "no", "--port", number, "--bind", "127.0.0.1", "--maxmemory", "100mb",
+    log_lines.clear();
+    server.start();
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open(), 8));
+    EXPECT_EQ(lines{}, log_lines) << "as it is shipped it keeps all";
+    server.crash();
+    const auto port = redis_server::free_port();
+    server.start({"--appendonly", "no", "--port", port, "--bind", "127.0.0.1", "--maxmemory", "100mb",
                   "--maxmemory-policy", "allkeys-lru"});
     server.run({"ACL", "SETUSER", "default", "on", "nopass"});
-    log_lines.clear();
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open_at("redis://127.0.0.1:" + number), 8));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open_at("redis://127.0.0.1:" + port), 8));
     ASSERT_EQ(3u, log_lines.size());
     for (const char *part : {"appendonly no", "noeviction", "set a password"})
         EXPECT_EQ(1, std::count_if(log_lines.begin(), log_lines.end(),
                                    [part](const auto &line) { return line.find(part) != std::string::npos; }))
             << part;
-}
-
-TEST_F(faults, a_server_as_it_is_shipped_needs_no_warning)
-{
-    server.start();
-    log_lines.clear();
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(open(), 8));
-    EXPECT_EQ(lines{}, log_lines);
 }
 
 } // namespace

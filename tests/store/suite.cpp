@@ -10,59 +10,28 @@ namespace {
 constexpr uint32_t last_acl = 4294967295;
 constexpr char last_mark[] = "/4294967295/";
 
-std::string text_of_key(const SPolicy__AceKey *key, uint64_t uuid)
+template <typename Record> std::string text_of_key(const ProtobufCMessage *record, uint64_t Record::*uuid)
 {
+    const auto *known = reinterpret_cast<const Record *>(record);
+    const SPolicy__AceKey *key = known->index;
     if (key == nullptr)
         return "no key";
     const std::string app = key->t_app_type == nullptr ? "null" : key->t_app_type;
-    return app + "/" + std::to_string(key->acl_id) + "/" + std::to_string(key->sn) + "=" + std::to_string(uuid);
-}
-
-template <typename Record> const Record *as(const ProtobufCMessage *record)
-{
-    return reinterpret_cast<const Record *>(record);
+    return app + "/" + std::to_string(key->acl_id) + "/" + std::to_string(key->sn) + "=" + std::to_string(known->*uuid);
 }
 
 } // namespace
-
-ace_record::ace_record(std::string app_type, uint32_t acl, uint64_t sn, uint64_t req) : app(std::move(app_type))
-{
-    s_policy__ace_key__init(&key);
-    key.t_app_type = app.data();
-    key.acl_id = acl;
-    key.sn = sn;
-    s_policy__ace__init(&record);
-    record.index = &key;
-    record.req_uuid = req;
-}
-
-void ace_record::set_value(std::string bytes)
-{
-    value = std::move(bytes);
-    record.value = {value.size(), reinterpret_cast<uint8_t *>(value.data())};
-}
-
-psta_record::psta_record(std::string app_type, uint32_t acl, uint64_t sn, uint64_t rep) : app(std::move(app_type))
-{
-    s_policy__ace_key__init(&key);
-    key.t_app_type = app.data();
-    key.acl_id = acl;
-    key.sn = sn;
-    s_policy__ace_psta__init(&record);
-    record.index = &key;
-    record.rep_uuid = rep;
-}
 
 std::string text_of(const ProtobufCMessage *record)
 {
     if (record == nullptr)
         return "!";
     if (record->descriptor == &s_policy__ace__descriptor)
-        return text_of_key(as<SPolicy__Ace>(record)->index, as<SPolicy__Ace>(record)->req_uuid);
+        return text_of_key(record, &SPolicy__Ace::req_uuid);
     if (record->descriptor == &s_policy__ace_psta__descriptor)
-        return text_of_key(as<SPolicy__AcePsta>(record)->index, as<SPolicy__AcePsta>(record)->rep_uuid);
+        return text_of_key(record, &SPolicy__AcePsta::rep_uuid);
     if (record->descriptor == &s_policy__ace_counter__descriptor)
-        return text_of_key(as<SPolicy__AceCounter>(record)->index, as<SPolicy__AceCounter>(record)->counter_pkt);
+        return text_of_key(record, &SPolicy__AceCounter::counter_pkt);
     return record->descriptor->short_name;
 }
 
@@ -96,33 +65,37 @@ int32_t hearing::callback(void *, const tq_mom_notification *told, void *arg)
     return 0;
 }
 
-void store_suite::SetUp()
+tq_context *store_users::open_at(const std::string &url)
 {
-    backend = GetParam().make();
-    loop.reset(tq_loop_new());
-    ASSERT_TRUE(backend != nullptr && loop != nullptr);
+    contexts.emplace_back(tq_context_new_on(url.c_str(), loop.get()));
+    return contexts.back().get();
+}
+
+void store_users::wait_for(const std::function<bool()> &condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        tq_loop_run_once(loop.get(), 10);
+    ASSERT_TRUE(condition());
+}
+
+void store_users::until_ok(const std::function<int()> &call)
+{
+    int result = call();
+    wait_for([&] { return result == TQ_MOM_OK || (result = call()) == TQ_MOM_OK; });
+}
+
+void store_users::subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection,
+                            uint32_t db)
+{
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, db, record, selection, hearing::callback, &to));
 }
 
 tq_context *store_suite::open(const std::string &options)
 {
-    contexts.emplace_back(tq_context_new_on(backend->url(options).c_str(), loop.get()));
-    auto *context = contexts.back().get();
-    EXPECT_NE(nullptr, context);
+    auto *context = open_at(backend->url(options));
     EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
     return context;
-}
-
-void store_suite::close(tq_context *context)
-{
-    std::erase_if(contexts, [context](const auto &known) { return known.get() == context; });
-}
-
-void store_suite::wait_for(const std::function<bool()> &condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        run_once();
-    ASSERT_TRUE(condition());
 }
 
 void store_suite::settle(hearing &to, const std::string &app)
@@ -138,8 +111,7 @@ void store_suite::settle(hearing &to, const std::string &app)
     ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(other.get(), 8, psta));
 }
 
-std::vector<std::string> store_suite::scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection,
-                                           uint32_t db)
+lines store_suite::scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection, uint32_t db)
 {
     hearing found;
     EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, db, record, selection, hearing::callback, &found));
@@ -147,8 +119,5 @@ std::vector<std::string> store_suite::scan(tq_context *context, const ProtobufCM
     return found.lines;
 }
 
-void store_suite::subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection,
-                            uint32_t db)
-{
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(context, db, record, selection, hearing::callback, &to));
-}
+INSTANTIATE_TEST_SUITE_P(on, store_suite, testing::ValuesIn(backend_kinds()),
+                         [](const auto &each) { return std::string(each.param.name); });

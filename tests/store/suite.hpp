@@ -1,4 +1,4 @@
-// What the store client's suite stands on: a store of each kind, contexts on one loop, records and what was heard.
+// What the store client's tests stand on: a store of each kind, contexts on one loop, records and what was heard.
 //
 // The suite sees the public interface alone; a store_backend is all that an engine brings. Nothing here waits for a
 // time to pass: wait_for() runs the loop until something has been seen, and settle() until a last write has been heard.
@@ -12,9 +12,12 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+using lines = std::vector<std::string>;
 
 /// A store that nobody else uses; ends with the object.
 class store_backend {
@@ -41,32 +44,45 @@ struct loop_free {
     void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
 };
 
-/// An ACE with its key, good for any store call.
-struct ace_record {
-    ace_record(std::string app, uint32_t acl, uint64_t sn, uint64_t req = 0);
-    ace_record(const ace_record &) = delete;
-    ace_record &operator=(const ace_record &) = delete;
+/// A record and its key, good for any store call.
+template <typename Record, typename Key, const ProtobufCMessageDescriptor &of> struct keyed {
+    keyed()
+    {
+        const auto *index = protobuf_c_message_descriptor_get_field_by_name(&of, "index");
+        protobuf_c_message_init(&of, &record);
+        protobuf_c_message_init(static_cast<const ProtobufCMessageDescriptor *>(index->descriptor), &key);
+        record.index = &key;
+    }
+    keyed(const keyed &) = delete;
+    keyed &operator=(const keyed &) = delete;
     operator const ProtobufCMessage *() const { return &record.base; }
 
+    Record record;
+    Key key;
+};
+
+/// An ACE or its status.
+template <typename Record, const ProtobufCMessageDescriptor &of, uint64_t Record::*uuid>
+struct record_of_ace : keyed<Record, SPolicy__AceKey, of> {
+    record_of_ace(std::string app_type, uint32_t acl, uint64_t sn, uint64_t request = 0) : app(std::move(app_type))
+    {
+        this->key.t_app_type = app.data();
+        this->key.acl_id = acl;
+        this->key.sn = sn;
+        this->record.*uuid = request;
+    }
+    void set_value(std::string bytes)
+    {
+        value = std::move(bytes);
+        this->record.value = {value.size(), reinterpret_cast<uint8_t *>(value.data())};
+    }
     std::string app;
     std::string value;
-    SPolicy__AceKey key;
-    SPolicy__Ace record;
-    void set_value(std::string bytes);
 };
+using ace_record = record_of_ace<SPolicy__Ace, s_policy__ace__descriptor, &SPolicy__Ace::req_uuid>;
+using psta_record = record_of_ace<SPolicy__AcePsta, s_policy__ace_psta__descriptor, &SPolicy__AcePsta::rep_uuid>;
 
-struct psta_record {
-    psta_record(std::string app, uint32_t acl, uint64_t sn, uint64_t rep = 0);
-    psta_record(const psta_record &) = delete;
-    psta_record &operator=(const psta_record &) = delete;
-    operator const ProtobufCMessage *() const { return &record.base; }
-
-    std::string app;
-    SPolicy__AceKey key;
-    SPolicy__AcePsta record;
-};
-
-/// A table's key and identifier as "app/acl/sn=uuid", for ace, ace_psta and ace_counter.
+/// A record of ace, ace_psta or ace_counter as "app/acl/sn=uuid".
 std::string text_of(const ProtobufCMessage *record);
 
 /// Writes all value fields that the library writes.
@@ -75,31 +91,38 @@ int write_psta(tq_context *context, uint32_t db, const psta_record &psta);
 
 /// Keeps what a callback was told; may do something about it, too.
 struct hearing {
-    std::vector<std::string> lines; // "4 app/1/2=3", "*3 app/1/2=0" for an echo, "29", "!" behind one without a record
+    ::lines lines; // "4 app/1/2=3", "*3 app/1/2=0" for an echo, "29", "!" behind one without a record
     std::function<void(const tq_mom_notification &)> also;
     bool settled = false; // settle()'s record was heard
     static int32_t callback(void *handle, const tq_mom_notification *told, void *arg);
+    bool ends_with(const std::string &line) const { return !lines.empty() && lines.back() == line; }
 };
 
-class store_suite : public testing::TestWithParam<backend_kind> {
+/// Contexts on one loop.
+class store_users {
   protected:
-    void SetUp() override;
-    tq_context *open(const std::string &options = "");
-    void close(tq_context *context);
-    void run_once() { tq_loop_run_once(loop.get(), 10); }
-    /// Runs the loop until the condition holds; a failed test when it does not within ten seconds.
+    tq_context *open_at(const std::string &url);
+    /// Runs the loop until the condition holds; a failed test when it does not within twenty seconds.
     void wait_for(const std::function<bool()> &condition);
+    /// Repeats a call until the store is back.
+    void until_ok(const std::function<int()> &call);
+    void subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection = 1,
+                   uint32_t db = 8);
+
+    std::unique_ptr<tq_thread_master, loop_free> loop{tq_loop_new()};
+    std::vector<context_ptr> contexts;
+};
+
+/// The cases that hold for every kind of store.
+class store_suite : public store_users, public testing::TestWithParam<backend_kind> {
+  protected:
+    tq_context *open(const std::string &options = "");
     /// Runs the loop until all that was written to the ACE and ACE status tables so far has been heard by `to`, which
     /// follows the whole of one of them or `app`'s part.
     void settle(hearing &to, const std::string &app = "a");
-    std::vector<std::string> scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection,
-                                  uint32_t db = 8);
-    void subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection,
-                   uint32_t db = 8);
+    lines scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection = 0, uint32_t db = 8);
 
-    std::unique_ptr<store_backend> backend;
-    std::unique_ptr<tq_thread_master, loop_free> loop;
-    std::vector<context_ptr> contexts;
+    std::unique_ptr<store_backend> backend = GetParam().make();
 };
 
 #endif
