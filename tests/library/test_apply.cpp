@@ -232,18 +232,11 @@ TEST_F(apply_operations, null_objects_do_nothing)
 TEST_F(apply_operations, an_apply_without_buffer_is_written_with_an_empty_value)
 {
     start();
-    fp_udp_apply_key key{};
-    put_name(key.apply_type, "my_app");
-    fp_udp_apply *apply;
-    {
-        fake::failing_allocation fail(2);
-        apply = mgr->alloc_apply(&key);
-    }
-    if (!apply)
-        return; // refused whole, which is as good
+    owned_apply apply = make_apply(mgr, "my_app", 1);
+    free(std::exchange(apply->tlv, nullptr));
     const fp_udp_acl_info acl = make_info("my_app", 4);
-    EXPECT_EQ(mgr->set_apply(&context, &acl, 0, apply), 0);
-    mgr->free_apply(apply);
+    EXPECT_EQ(mgr->set_apply(&context, &acl, 0, apply.get()), 0);
+    EXPECT_NE(fake::store.take().back().find("value= c_status"), std::string::npos);
 }
 
 } // namespace

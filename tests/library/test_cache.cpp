@@ -149,22 +149,6 @@ TEST_F(cache, a_second_node_under_a_live_key_is_neither_leaked_nor_left_behind_f
     EXPECT_EQ(sizes(), (sizes{0, 0, 0}));
 }
 
-TEST_F(cache, a_node_that_its_table_could_not_take_goes_with_its_acl)
-{
-    add_acl("a", 1);
-    {
-        fake::failing_allocation fail(2); // the node is had, the table's first buckets are not
-        EXPECT_EQ(add_ace("a", 1, 5), 0);
-    }
-    EXPECT_EQ(cached_ace("a", 1, 5), nullptr);
-    EXPECT_EQ(cached_acl("a", 1)->ace_count, 1U);
-    fp_udp_acl_info acl = make_info("a", 1);
-    fp_udp_ace_info ace = make_ace_info(5);
-    EXPECT_EQ(fp_udp_acldb_del_ace(&acl, &ace), 0);
-    EXPECT_EQ(fp_udp_acldb_del_acl(&acl), 0);
-    EXPECT_EQ(sizes(), (sizes{0, 0, 0}));
-}
-
 TEST_F(cache, skipped_priorities_make_applies_one_key)
 {
     EXPECT_EQ(fp_udp_is_cmp_apply_skip_priority(), 0);

@@ -111,26 +111,6 @@ TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_only_
     EXPECT_EQ(fake::clock.inserted.size(), 2U);
 }
 
-TEST_F(registration, a_cache_that_could_not_be_made_harms_nobody)
-{
-    auto live = [&](int site) {
-        fake::failing_allocation fail(site);
-        register_handler(application::handler());
-        mgr = fp_udp_get_mgr();
-        const fp_udp_acl_key key = make_key("my_app", 1);
-        for (int i = 0; i < 6; i++) {
-            set_acl("my_app", 1);
-            set_ace("my_app", 1, 1);
-            set_apply("my_app", 1, "my_app", 1);
-        }
-        mgr->delete_ace(&context, &key, 1);
-        mgr->del_acl(&context, &key);
-        _exit(testing::Test::HasFailure());
-    };
-    for (int site = 1; site <= 3; site++)
-        EXPECT_EXIT(live(site), testing::ExitedWithCode(0), "") << site;
-}
-
 TEST_F(registration, null_arguments_are_refused)
 {
     EXPECT_EQ(fp_udp_register_acl_handler(&context, 5, nullptr), -4);
