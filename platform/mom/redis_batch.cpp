@@ -88,12 +88,10 @@ bool command_batch::send(redis_link &link)
     return failure_ == TQ_MOM_OK;
 }
 
-// Judges the answers to these. Returns those whose script the server did not know.
-std::vector<command_batch::item> command_batch::judge(redis_link &link, const std::vector<item> &items,
-                                                      int *results) const
+// Judges the answers to the items, as far as they came. Returns those whose script the server did not know.
+std::vector<command_batch::item> command_batch::judge(redis_link &link, const reply_tape &answers,
+                                                      std::span<const item> items, int *results) const
 {
-    reply_tape answers;
-    link.take_replies(answers); // judging one may drop the connection, and its tape with it
     std::vector<item> unknown;
     reply_view reply(answers, 0);
     for (const item &each : items) {
@@ -119,22 +117,31 @@ void command_batch::repeat(redis_link &link, const std::vector<item> &items, int
     int failed = scripts_.write.load(link);
     failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
     failed = failed == TQ_MOM_OK ? link.exchange(commands) : failed;
-    if (failed == TQ_MOM_OK)
-        judge(link, items, results);
-    else
-        for (const item &each : items)
+    reply_tape answers; // judging one may drop the connection, and its tape with it
+    if (failed == TQ_MOM_OK) {
+        link.take_replies(answers);
+        judge(link, answers, items, results);
+    }
+    for (const item &each : items)
+        if (failed != TQ_MOM_OK)
             std::fill_n(results + each.first, each.results, failed);
 }
 
+// What the server answered before it went away is known all the same.
 bool command_batch::finish(redis_link &link, std::vector<int> &results)
 {
     const size_t before = results.size();
-    const int failure = send(link) ? link.receive() : failure_;
-    results.resize(before + results_, failure);
+    reply_tape answers;
+    size_t complete = 0;
+    const bool sent = send(link);
+    const int received = link.receive(answers, complete);
+    results.resize(before + results_, sent ? received : failure_);
     int *const own = results.data() + before;
-    if (failure == TQ_MOM_OK)
-        if (const auto unknown = judge(link, items_, own); !unknown.empty())
-            repeat(link, unknown, own);
+    const auto unknown = judge(link, answers, std::span(items_).first(complete), own);
+    if (!unknown.empty() && sent && received == TQ_MOM_OK)
+        repeat(link, unknown, own);
+    if (!sent)
+        link.drop();
     commands_.clear();
     items_.clear();
     results_ = sent_ = sent_bytes_ = 0;

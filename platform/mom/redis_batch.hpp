@@ -9,6 +9,7 @@
 #include "redis_scripts.hpp"
 #include "redis_table.hpp"
 
+#include <span>
 #include <vector>
 
 namespace mom {
@@ -61,7 +62,8 @@ class command_batch {
     void close();
     void add_item(size_t results);
     std::string_view command(const item &each) const;
-    std::vector<item> judge(redis_link &link, const std::vector<item> &items, int *results) const;
+    std::vector<item> judge(redis_link &link, const reply_tape &answers, std::span<const item> items,
+                            int *results) const;
     void repeat(redis_link &link, const std::vector<item> &items, int *results) const;
 
     redis_scripts &scripts_;

@@ -129,13 +129,13 @@ int redis_connection::parse()
     return reply == nullptr ? 0 : 1;
 }
 
-int redis_connection::receive(size_t count, steady_time deadline)
+int redis_connection::receive(size_t count, steady_time deadline, size_t &complete)
 {
-    while (count > 0) {
+    for (complete = 0; complete < count;) {
         const int parsed = parse();
         if (parsed < 0)
             return TQ_MOM_DISCONNECTED;
-        count -= static_cast<size_t>(parsed);
+        complete += static_cast<size_t>(parsed);
         if (parsed > 0)
             continue;
         const int waited = await_input(deadline);
@@ -150,7 +150,8 @@ int redis_connection::exchange(const command_buffer &commands)
     const auto deadline = steady_clock::now() + timeout_;
     tape_.clear();
     const int sent = send(commands.bytes(), deadline);
-    return sent != TQ_MOM_OK ? sent : receive(commands.commands(), deadline);
+    size_t complete = 0;
+    return sent != TQ_MOM_OK ? sent : receive(commands.commands(), deadline, complete);
 }
 
 bool redis_connection::take_in()

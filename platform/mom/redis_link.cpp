@@ -107,18 +107,17 @@ int redis_link::send(std::string_view commands, size_t answers)
     const int result = connection_->send(commands, steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms));
     if (result == TQ_MOM_OK)
         outstanding_ += answers;
-    else
-        drop();
     return result;
 }
 
-int redis_link::receive()
+int redis_link::receive(reply_tape &into, size_t &complete)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
     connection_->tape().clear();
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
-    const int result = connection_->receive(std::exchange(outstanding_, 0), deadline);
+    const int result = connection_->receive(std::exchange(outstanding_, 0), deadline, complete);
+    take_replies(into);
     if (result != TQ_MOM_OK)
         drop();
     return result;

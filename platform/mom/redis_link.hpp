@@ -19,9 +19,10 @@ class redis_link {
     int ensure();
     /// One exchange on the connection, which is dropped when that fails. Does not reconnect.
     int exchange(const command_buffer &commands);
-    /// Sends commands whose answers receive() takes later, before any exchange. The connection is dropped on failure.
+    /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed.
     int send(std::string_view commands, size_t answers);
-    int receive();
+    /// The answers to all that was sent so; those that came before the connection failed are among them.
+    int receive(reply_tape &into, size_t &complete);
     bool has_replies() const { return connection_ != nullptr && connection_->tape().size() > 0; }
     /// The answers of the last exchange, of which there are some.
     reply_view replies() const { return connection_->replies(); }

@@ -2,6 +2,7 @@
 #include "faults.hpp"
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <random>
@@ -200,6 +201,24 @@ TEST_F(crash, without_a_server_calls_fail_and_recover_once_it_is_there)
     EXPECT_EQ(TQ_MOM_OK, tq_mom_state_get(writer, 8, 0));
     server.crash();
     EXPECT_NE(TQ_MOM_OK, tq_mom_state_get(writer, 8, 0));
+}
+
+TEST_F(crash, what_was_answered_before_it_counts)
+{
+    start_quick();
+    writer = open();
+    ASSERT_EQ(TQ_MOM_OK, put_ace(0, 1));
+    tq_mom_batch_begin(writer);
+    for (uint64_t sn = 1; sn <= 3; ++sn) {
+        put_ace(sn, 1);
+        tq_mom_batch_send(writer);
+    }
+    wait_for([&] { return server.run({"HLEN", "plx{8:ace}:a,a1,a3"}) != "0"; });
+    server.crash();
+    EXPECT_EQ(TQ_MOM_OK, put_ace(4, 1)); // collected
+    std::array<int, 4> results;
+    EXPECT_EQ(TQ_MOM_DISCONNECTED, tq_mom_batch_end(writer, results.data(), results.size()));
+    EXPECT_EQ((std::array{0, 0, 0, int(TQ_MOM_DISCONNECTED)}), results);
 }
 
 TEST_F(crash, a_failover_is_followed)

@@ -243,13 +243,15 @@ TEST_F(refusal, for_want_of_a_script_has_the_client_load_it_again)
 TEST_F(refusal, in_a_batch_is_its_result_and_that_of_its_call)
 {
     auto *application = open("", "plx-application");
+    server.run({"SET", "plx{8:ace}:a,a1,a2", "foreign"});
     ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
-    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace));
+    for (uint64_t sn : {1, 2, 3})
+        EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, sn, sn)));
     EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, node));
-    EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 2, 2)));
-    std::array<int, 3> results{-1, -1, -1};
-    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_batch_end(application, results.data(), results.size()));
-    EXPECT_EQ((std::array{0, int(TQ_MOM_DENIED), 0}), results);
+    std::array<int, 4> results{-1, -1, -1, -1};
+    EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_batch_end(application, results.data(), results.size()));
+    EXPECT_EQ((std::array{0, int(TQ_MOM_CORRUPT), 0, int(TQ_MOM_DENIED)}), results);
+    server.run({"DEL", "plx{8:ace}:a,a1,a2"});
     EXPECT_EQ(2u, stored(application).size());
     EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application, nullptr, 0));
 }
