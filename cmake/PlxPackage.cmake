@@ -46,6 +46,9 @@ if(PLX_PLATFORM STREQUAL "reference")
   if(TARGET plx_program)
     set_target_properties(plx_program PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS plx_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    # For an operator to adapt and put in place.
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/redis ${PROJECT_SOURCE_DIR}/packaging/systemd
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/plx)
   endif()
 endif()
 

@@ -26,7 +26,7 @@ cmake --build "$work/build" >"$work/ninja.log" || { cat "$work/ninja.log"; exit 
 for program in "$work/in_c" "$work/in_cxx" "$work/build/in_c" "$work/build/in_cxx" "$work/tree/bin/plx --help"; do
     $program >"$work/said" || { echo "install: $program failed" >&2; cat "$work/said"; exit 1; }
 done
-for page in man1/plx.1 man3/libplx.3; do
-    [ -f "$work/tree/share/man/$page" ] || { echo "install: no manual page $page" >&2; exit 1; }
+for file in man/man1/plx.1 man/man3/libplx.3 plx/redis/plx-store.conf plx/systemd/plx-node@.service; do
+    [ -f "$work/tree/share/$file" ] || { echo "install: no share/$file" >&2; exit 1; }
 done
 echo "install: four programs were built outside and ran"
