@@ -83,7 +83,7 @@ TEST_F(file_faults, each_file_call_may_fail)
         {format("write=%d", ENOSPC), {"lost", "recorded"}}, // of the header, or of the record
         {format("write=%d", EMFILE), {"lost", "recorded"}},
         {format("write=%d", EACCES), {"lost", "recorded"}}};
-    const auto level = [this] {
+    const auto level = [] {
         g_policy_plx_zlog_level = 1;
         const int32_t result = plx_initial();
         return seen(result) + " " + std::to_string(g_policy_plx_zlog_level);
@@ -112,7 +112,7 @@ TEST_F(file_faults, each_file_call_may_fail)
          [] { return seen(fp_udp_op_log_init()); },
          {{"fgets", {"-1"}}, {"system", {"256"}}}},
         {"the process's own level",
-         [=, this] { put(own_level, "3"); },
+         [&] { put(own_level, "3"); },
          level,
          {{"fopen", {"0 1"}},
           {"fgets", {"-1 1"}},

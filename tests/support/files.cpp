@@ -1,6 +1,7 @@
 // The files that the library sees. Its file calls are defined here, before the C library's, and go on to those. Fixed
 // paths are led elsewhere for open(), access() and fopen() as led_elsewhere says; calls whose return address lies in
 // libplx.so are counted, and fail when failing_file_call says so. Nothing happens until a case says so.
+#undef _FORTIFY_SOURCE // its inline versions would stand in the way of these
 #include "fakes.h"
 
 #include <cerrno>
