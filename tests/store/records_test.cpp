@@ -84,7 +84,7 @@ TEST_P(store_suite, a_table_without_key_holds_one_record)
 TEST_P(store_suite, a_deletion_takes_one_record_of_one_table_in_one_database)
 {
     auto *context = open();
-    for (const uint64_t sn : {1, 2})
+    for (const uint64_t sn : {1u, 2u})
         write_ace(context, 8, ace_record("a", 1, sn, 5));
     write_ace(context, 9, ace_record("a", 1, 1, 6));
     EXPECT_EQ("no record", stored(context, psta_record("a", 1, 1)));

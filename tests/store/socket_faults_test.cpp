@@ -111,7 +111,7 @@ class client_life : public faults, public testing::WithParamInterface<scenario> 
     void everyday()
     {
         follow();
-        for (const uint64_t sn : {1, 2, 1})
+        for (const uint64_t sn : {1u, 2u, 1u})
             write(sn);
         write(1, 1); // of the request alone
         attempt([&] { return tq_mom_del_sync(client, db, ace_record("a", 1, 2)); });
