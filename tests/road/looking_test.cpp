@@ -59,6 +59,7 @@ TEST_F(Looking, show_tells_what_is_asked_for_and_what_was_answered)
     EXPECT_EQ("ipv4", entries[0]["attributes"]["match"]["etype"]);
     EXPECT_EQ("deny", entries[0]["attributes"]["action"]["fwd"]);
     EXPECT_EQ("ok", entries[0]["outcome"]);
+    EXPECT_EQ("6669727374", entries[0]["priv"]); // "first", without the zeros behind it
     EXPECT_THAT(text({"ace", "--app", "edge"}), AllOf(HasSubstr("ipv4_src=10.0.0.0/8"), HasSubstr("fwd=deny")));
     EXPECT_THAT(text({"apply"}), AllOf(ContainsRegex("edge.* ok"), ContainsRegex("other.* ok")));
     EXPECT_EQ(1U, show({"node"}).size());

@@ -49,6 +49,14 @@ std::string hex(const ProtobufCBinaryData &bytes)
     return text;
 }
 
+// Private bytes are mostly a short text in a long field.
+ProtobufCBinaryData without_padding(ProtobufCBinaryData bytes)
+{
+    while (bytes.data != nullptr && bytes.len > 0 && bytes.data[bytes.len - 1] == 0)
+        --bytes.len;
+    return bytes;
+}
+
 constexpr const char *class_names[] = {"control", "match", "action"};
 
 // Attributes by class; a name that stands twice is shown twice, the later ones numbered.
@@ -88,7 +96,7 @@ Row scalar(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &fiel
         return text == nullptr ? "" : text;
     }
     case PROTOBUF_C_TYPE_BYTES:
-        return hex(value_of<ProtobufCBinaryData>(message, field));
+        return hex(without_padding(value_of<ProtobufCBinaryData>(message, field)));
     default: // no other type is shown
         return nullptr;
     }
