@@ -9,6 +9,7 @@
 #include <tq_mom.h>
 #include <tq_zlog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <dlfcn.h>
 #include <netdb.h>
@@ -341,6 +342,15 @@ struct records {
     }
 };
 
+// Told results agree with the one for all.
+void end_batch()
+{
+    int results[3] = {};
+    const int first = tq_mom_batch_end(application, results, 3);
+    const int *failed = std::find_if(results, results + 3, [](int result) { return result != TQ_MOM_OK; });
+    fuzz::require(failed == results + 3 || *failed == first, "the first failure is the batch's result");
+}
+
 void step()
 {
     static records all;
@@ -374,9 +384,10 @@ void step()
         break;
     case 8:
         tq_mom_batch_begin(application);
+        tq_mom_batch_send(application); // what an open batch has collected
         break;
     case 9:
-        tq_mom_batch_end(application);
+        end_batch();
         break;
     default:
         if (depth == 0) // now and then long enough for another attempt to connect
