@@ -101,7 +101,8 @@ int redis_changes::list_lost(feed &of)
     if (result != TQ_MOM_OK)
         return result;
     std::vector<std::string> keys;
-    const int page = take_page(of.table, engine_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
+    // Where the index is out of order the page ends, and with it the walk: what was found must do.
+    take_page(of.table, engine_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
     result = engine_.ask([&](command_buffer &commands) {
         for (const auto &key : keys)
             commands.command("HGET", of.table.record(key), "#");
@@ -116,7 +117,7 @@ int redis_changes::list_lost(feed &of)
         lost.after = key;
         reply = reply.next();
     }
-    lost.listed = page != TQ_MOM_OK || keys.size() < records_per_page; // what was found of a damaged index must do
+    lost.listed = keys.size() < records_per_page;
     if (lost.listed)
         std::sort(lost.found.begin(), lost.found.end());
     return TQ_MOM_OK;
