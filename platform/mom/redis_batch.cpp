@@ -88,6 +88,18 @@ bool command_batch::send(redis_link &link)
     return failure_ == TQ_MOM_OK;
 }
 
+namespace {
+
+void judge_each(redis_link &link, reply_view reply, std::span<int> results)
+{
+    std::fill(results.begin(), results.end(), int{TQ_MOM_BAD_ANSWER});
+    auto one = reply.first();
+    for (size_t i = 0; i < std::min(reply.size(), results.size()); ++i, one = one.next())
+        results[i] = link.judge(one);
+}
+
+} // namespace
+
 // Judges the answers to the items, as far as they came. Returns those whose script the server did not know.
 std::vector<command_batch::item> command_batch::judge(redis_link &link, const reply_tape &answers,
                                                       std::span<const item> items, int *results) const
@@ -95,14 +107,13 @@ std::vector<command_batch::item> command_batch::judge(redis_link &link, const re
     std::vector<item> unknown;
     reply_view reply(answers, 0);
     for (const item &each : items) {
-        const int whole = link.judge(reply);
-        auto own = reply.first();
-        for (size_t i = 0; i < each.results; ++i) {
-            results[each.first + i] = i < reply.size() ? link.judge(own) : whole;
-            own = i < reply.size() ? own.next() : own;
-        }
+        int *const own = results + each.first;
         if (reply.is(reply_kind::error) && reply.text().starts_with("NOSCRIPT"))
             unknown.push_back(each);
+        else if (reply.is(reply_kind::array))
+            judge_each(link, reply, std::span(own, each.results));
+        else
+            std::fill_n(own, each.results, link.judge(reply));
         reply = reply.next();
     }
     return unknown;
@@ -117,14 +128,13 @@ void command_batch::repeat(redis_link &link, const std::vector<item> &items, int
     int failed = scripts_.write.load(link);
     failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
     failed = failed == TQ_MOM_OK ? link.exchange(commands) : failed;
-    reply_tape answers; // judging one may drop the connection, and its tape with it
-    if (failed == TQ_MOM_OK) {
-        link.take_replies(answers);
-        judge(link, answers, items, results);
-    }
     for (const item &each : items)
-        if (failed != TQ_MOM_OK)
-            std::fill_n(results + each.first, each.results, failed);
+        std::fill_n(results + each.first, each.results, failed == TQ_MOM_OK ? int{TQ_MOM_STORE_ERROR} : failed);
+    if (failed != TQ_MOM_OK)
+        return;
+    reply_tape answers; // judging one may drop the connection, and its tape with it
+    link.take_replies(answers);
+    judge(link, answers, items, results);
 }
 
 // What the server answered before it went away is known all the same.

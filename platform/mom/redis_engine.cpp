@@ -299,7 +299,9 @@ int redis_engine::write_by_script(redis_table &table, std::string_view key, cons
     const auto reply = link_.replies();
     if (result == TQ_MOM_STORE_ERROR && reply.text().starts_with("NOMETA"))
         return conflict;
-    return result == TQ_MOM_OK ? link_.judge(reply.at(0)) : result;
+    if (result != TQ_MOM_OK)
+        return result;
+    return reply.size() == 1 ? link_.judge(reply.first()) : int{TQ_MOM_BAD_ANSWER};
 }
 
 int redis_engine::remove(table_ref ref, std::string_view key)
