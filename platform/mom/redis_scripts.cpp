@@ -55,14 +55,17 @@ return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 // KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', then of
 // each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
-// A merge into a record that has other fields logs all of them. A new record may be the first of its table's history.
+// A merge into a record that has other fields logs all of them; a write of all fields that the table ever had needs not
+// look. A new record may be the first of its table's history.
 constexpr char write_text[] = R"(
-local index, log, meta, gen = KEYS[1], KEYS[2], KEYS[3]
+local index, log, meta, gen, fields = KEYS[1], KEYS[2], KEYS[3]
 if ARGV[4] == 'generation' then
-  gen = redis.call('HGET', meta, 'gen')
+  local known = redis.call('HMGET', meta, 'gen', 'fields')
+  gen = known[1]
   if not gen then
     return redis.error_reply('NOMETA the metadata is gone')
   end
+  fields = select(2, string.gsub(known[2] or '', '%d+', ''))
 end
 local function joined(record)
   local all, parts = redis.call('HGETALL', record), {}
@@ -98,13 +101,25 @@ local function merge(record, had, at, last, count)
   end
   return id, added
 end
+local function overwrite(record, at, last)
+  local added = redis.pcall('HSET', record, '#', gen, unpack(ARGV, at + 3, last))
+  if type(added) ~= 'number' then
+    return added, 0
+  end
+  return append(ARGV[at], ARGV[at + 1]), added
+end
 local write = ARGV[3] == 'replace' and replace or merge
 local results, at, new = {}, 5, false
 for i = 4, #KEYS do
-  local count, result, added = tonumber(ARGV[at + 2]), redis.pcall('HLEN', KEYS[i]), 0
+  local count, result, added = tonumber(ARGV[at + 2]), nil, 0
   local last = at + 2 + 2 * count
-  if type(result) == 'number' then
-    result, added = write(KEYS[i], result, at, last, count)
+  if count == fields then
+    result, added = overwrite(KEYS[i], at, last)
+  else
+    result = redis.pcall('HLEN', KEYS[i])
+    if type(result) == 'number' then
+      result, added = write(KEYS[i], result, at, last, count)
+    end
   end
   if added > 0 then
     redis.call('ZADD', index, 0, ARGV[at])
