@@ -52,8 +52,8 @@ end
 return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', then of
-// each record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', then
+// of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
 // A merge into a record that has other fields logs all of them; a write of all fields that the table ever had needs not
 // look. A new record may be the first of its table's history.

@@ -65,7 +65,7 @@ class file_faults : public library_case {
         return fake::log.take("E").empty() ? "lost" : "reported";
     }
 
-    const std::string root = std::filesystem::current_path().string() + "/" + process + ".files"; // not below /tmp
+    const std::string root = "/var/tmp/" + process + "." + std::to_string(getpid()); // not below /tmp
     const std::string main_log = root + "/zlog/udp_fp_log/" + process + ".log";
     const std::string second_log = root + "/zlog/udp_fp_log/" + process + "_1.log";
     const fake::led_elsewhere tmp{"/tmp", root}, etc{"/etc/plx_dbg", root};
