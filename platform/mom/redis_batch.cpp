@@ -8,11 +8,6 @@ namespace mom {
 
 constexpr size_t records_per_call = 64; // so that no call keeps the server from others for long
 
-const char *stamp_kind(const redis_table &table)
-{
-    return table.requested() ? "generation" : "number";
-}
-
 bool write_call::takes(const redis_table &table, write_mode mode) const
 {
     return records_ == 0 || (table_ == &table && mode_ == mode && records_ < records_per_call);
@@ -35,7 +30,7 @@ void write_call::build(command_buffer &into, const redis_script &script, const w
     script.begin(into, 3 + records_, 4 + argument_count_);
     into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_);
     into.add(writer.name).add(writer.log_limit).add(mode_ == write_mode::replace ? "replace" : "merge");
-    into.add(stamp_kind(*table_)).add_built(arguments_);
+    into.add(table_->stamp_kind()).add_built(arguments_);
     keys_.clear();
     arguments_.clear();
     records_ = argument_count_ = 0;

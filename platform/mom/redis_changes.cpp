@@ -27,6 +27,18 @@ std::string log_id(uint64_t number)
 
 } // namespace
 
+// A timer's function: the step, and what is left to do when there is no memory for it.
+template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> int redis_changes::on_timer(tq_thread *timer)
+{
+    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
+    try {
+        (self->*Step)();
+    } catch (...) {
+        (self->*Failed)();
+    }
+    return 0;
+}
+
 redis_changes::~redis_changes()
 {
     disconnect();
@@ -121,19 +133,20 @@ void redis_changes::reconnect_in(std::chrono::milliseconds pause)
     if (reconnect_timer_ != nullptr)
         return;
     const auto interval = to_timeval(std::max(pause, std::chrono::milliseconds{1}));
-    tq_thread_insert_timer_timeval(master_, &reconnect_timer_, on_reconnect, this, &interval, "tq_mom reconnect");
+    tq_thread_insert_timer_timeval(master_, &reconnect_timer_,
+                                   on_timer<&redis_changes::reconnect, &redis_changes::reconnect_later>, this,
+                                   &interval, "tq_mom reconnect");
 }
 
-int redis_changes::on_reconnect(tq_thread *timer)
+void redis_changes::reconnect()
 {
-    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
-    try {
-        if (self->connection_ == nullptr && self->connect() != TQ_MOM_OK)
-            self->reconnect_in(std::max(self->engine_.link().pause(), std::chrono::milliseconds{50}));
-    } catch (...) { // out of memory
-        self->reconnect_in(std::chrono::milliseconds{1000});
-    }
-    return 0;
+    if (connection_ == nullptr && connect() != TQ_MOM_OK)
+        reconnect_in(std::max(engine_.link().pause(), std::chrono::milliseconds{50}));
+}
+
+void redis_changes::reconnect_later()
+{
+    reconnect_in(std::chrono::milliseconds{1000});
 }
 
 // Asks for what comes behind the cursors, unless an answer is due or enough is waiting.
@@ -170,19 +183,10 @@ void redis_changes::request_in_time()
     if (pace_timer_ != nullptr)
         return;
     const auto interval = to_timeval(pace);
-    if (tq_thread_insert_timer_timeval(master_, &pace_timer_, on_pace, this, &interval, "tq_mom pace") != 0)
+    if (tq_thread_insert_timer_timeval(master_, &pace_timer_,
+                                       on_timer<&redis_changes::request, &redis_changes::reconnect_later>, this,
+                                       &interval, "tq_mom pace") != 0)
         request();
-}
-
-int redis_changes::on_pace(tq_thread *timer)
-{
-    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
-    try {
-        self->request();
-    } catch (...) { // out of memory
-        self->reconnect_in(std::chrono::milliseconds{1000});
-    }
-    return 0;
 }
 
 // Makes the server answer an XREAD that lacks a new feed. It may not have read the XREAD yet: then again in a moment.
@@ -195,18 +199,15 @@ void redis_changes::nudge()
     if (nudge_timer_ != nullptr)
         return;
     const auto interval = to_timeval(nudge_pause);
-    tq_thread_insert_timer_timeval(master_, &nudge_timer_, on_nudge, this, &interval, "tq_mom nudge");
+    tq_thread_insert_timer_timeval(master_, &nudge_timer_,
+                                   on_timer<&redis_changes::nudge_again, &redis_changes::leave_it>, this, &interval,
+                                   "tq_mom nudge");
 }
 
-int redis_changes::on_nudge(tq_thread *timer)
+void redis_changes::nudge_again()
 {
-    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
-    try {
-        if (self->outstanding_ && self->stale_)
-            self->nudge();
-    } catch (...) { // out of memory: the next answer brings the feed in
-    }
-    return 0;
+    if (outstanding_ && stale_)
+        nudge();
 }
 
 void redis_changes::on_readable(tq_loop_watch *, int, int, void *arg)
@@ -351,7 +352,9 @@ void redis_changes::look_again_later()
     if (look_timer_ != nullptr)
         return;
     const auto interval = to_timeval(look_pause);
-    tq_thread_insert_timer_timeval(master_, &look_timer_, on_look, this, &interval, "tq_mom look");
+    tq_thread_insert_timer_timeval(master_, &look_timer_,
+                                   on_timer<&redis_changes::look_again, &redis_changes::look_again_later>, this,
+                                   &interval, "tq_mom look");
 }
 
 // A table that is whole again comes in with a new connection.
@@ -366,17 +369,6 @@ void redis_changes::look_again()
     }
     if (any)
         look_again_later();
-}
-
-int redis_changes::on_look(tq_thread *timer)
-{
-    auto *self = static_cast<redis_changes *>(tq_thread_arg(timer));
-    try {
-        self->look_again();
-    } catch (...) { // out of memory
-        self->look_again_later();
-    }
-    return 0;
 }
 
 // The highest number up to which the server's history is the one that was seen: mostly the last one seen, otherwise

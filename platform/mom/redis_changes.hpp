@@ -73,10 +73,11 @@ class redis_changes {
     void request_in_time();
     void nudge();
     static void on_readable(tq_loop_watch *watch, int fd, int events, void *arg);
-    static int on_reconnect(tq_thread *timer);
-    static int on_nudge(tq_thread *timer);
-    static int on_pace(tq_thread *timer);
-    static int on_look(tq_thread *timer);
+    template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> static int on_timer(tq_thread *timer);
+    void reconnect();
+    void reconnect_later();
+    void nudge_again();
+    void leave_it() {} ///< the next answer brings the feed in
     void take_in();
     bool goes_first(const feed &of) const;
     bool accept(reply_view reply);

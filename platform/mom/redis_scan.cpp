@@ -83,7 +83,7 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
     const int result = run(scripts_.mark, [&](command_buffer &commands) {
         scripts_.mark.begin(commands, 2, 3);
         commands.add(table.meta).add(table.log);
-        commands.add(writer_.name + mark.token).add(mark.token).add(table.requested() ? "generation" : "number");
+        commands.add(writer_.name + mark.token).add(mark.token).add(table.stamp_kind());
     });
     if (result != TQ_MOM_OK)
         return result;

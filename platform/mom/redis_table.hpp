@@ -20,6 +20,8 @@ struct redis_table {
     }
     std::string record(std::string_view key) const { return prefix + std::string(key); }
     bool requested() const { return ref.type->kind == record_kind::requested; }
+    /// What tells when a record was last written: the generation of the rewrite, or the number of the change.
+    const char *stamp_kind() const { return requested() ? "generation" : "number"; }
     bool has_field(uint32_t number) const { return std::binary_search(fields.begin(), fields.end(), number); }
 
     table_ref ref;
