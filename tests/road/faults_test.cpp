@@ -49,6 +49,25 @@ TEST_F(Faults, a_killed_node_is_waited_for_until_it_expires_and_catches_up_when_
     EXPECT_EQ(3U, show({"node"}).size());
 }
 
+TEST_F(Faults, an_answer_that_the_store_does_not_take_comes_again_and_holds_no_other_back)
+{
+    server_.start();
+    const std::string status = "plx{8:ace_psta}:edge,a1,a1";
+    server_.run({"SET", status, "foreign"});
+    const auto service = ready_node(1);
+    const auto written = background(apply_arguments({"--nodes", "1"}), "plx-application");
+    const auto second_is_answered = [&] {
+        const auto entries = show({"ace"});
+        return entries.size() == 2 && entries[1]["outcome"] == "ok";
+    };
+    for (int i = 0; i < 100 && !second_is_answered(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(second_is_answered());
+    EXPECT_TRUE(written->running()) << written->out();
+    server_.run({"DEL", status});
+    EXPECT_EQ(0, written->wait()) << written->err();
+}
+
 TEST_F(Faults, a_store_that_is_yet_to_come_is_waited_for)
 {
     const auto service = node(1);

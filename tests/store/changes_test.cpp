@@ -157,6 +157,27 @@ TEST_P(store_suite, who_fell_too_far_behind_scans_requested_state_again_and_is_g
     EXPECT_EQ((lines{"1 a/1/3=300", "1 a/1/2=300", "1 a/1/1=300", "1 a/1/9=7"}), psta.lines);
 }
 
+TEST_P(store_suite, publications_that_were_subscribed_to_first_come_before_what_is_written_behind_them)
+{
+    auto *listener = open();
+    auto *writer = open();
+    hearing counter, ace;
+    keyed<SPolicy__AceCounter, SPolicy__AceKey, s_policy__ace_counter__descriptor> published;
+    subscribe(listener, counter, published, 0);
+    subscribe(listener, ace, any_ace, 0);
+    size_t before = 0;
+    ace.also = [&](const tq_mom_notification &) { before = counter.lines.size(); };
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(writer));
+    for (uint64_t packets = 1; packets <= 600; ++packets) {
+        published.record.counter_pkt = packets;
+        tq_mom_set_sync(writer, 8, published);
+    }
+    write_ace(writer, 8, ace_record("a", 1, 1, 1));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_end(writer, nullptr, 0));
+    wait_for([&] { return ace.lines.size() == 1; });
+    EXPECT_EQ(600u, before);
+}
+
 TEST_P(store_suite, a_client_that_ends_takes_its_subscriptions_along)
 {
     context_ptr listener(tq_context_new_on(backend->url("").c_str(), loop.get()));
