@@ -6,130 +6,260 @@
 
 namespace mom {
 
-constexpr size_t records_per_call = 64; // so that no call keeps the server from others for long
+constexpr size_t records_per_group = 64; // so that no command keeps the server from others for long
+constexpr size_t keys_before_records = 3;
 
-bool write_call::takes(const redis_table &table, write_mode mode) const
+bool write_group::takes(const redis_table &table, write_mode mode, bool whole) const
 {
-    return records_ == 0 || (table_ == &table && mode_ == mode && records_ < records_per_call);
+    return records_ == 0 ||
+           (table_ == &table && mode_ == mode && whole_ == whole && records_ < records_per_group);
 }
 
-void write_call::add(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
+void write_group::add(redis_table &table, write_mode mode, bool whole, std::string_view key,
+                      const encoded_fields &fields, const writer_identity &writer)
 {
     table_ = &table;
     mode_ = mode;
+    whole_ = whole;
     ++records_;
     keys_.add(table.prefix, key);
     arguments_.add(key).add(fields.bytes).add(fields.values.size());
+    const size_t values = arguments_.bytes().size();
     for (const auto &field : fields.values)
         arguments_.add(field.number).add(field.bytes);
     argument_count_ += 3 + 2 * fields.values.size();
+    if (!whole)
+        return;
+    if (mode == write_mode::replace) {
+        steps_.begin(2);
+        steps_.add("DEL").add(table.prefix, key);
+    }
+    steps_.begin(4 + 2 * fields.values.size());
+    steps_.add("HSET").add(table.prefix, key).add("#").add(table.generation);
+    steps_.add_built(arguments_.bytes().substr(values));
+    steps_.command("XADD", table.log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
+    listed_.add("0").add(key);
 }
 
-void write_call::build(command_buffer &into, const redis_script &script, const writer_identity &writer)
+void write_group::build_transaction(command_buffer &into, const std::string *trim_to) const
 {
-    script.begin(into, 3 + records_, 4 + argument_count_);
-    into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_);
+    into.command("MULTI");
+    into.command("HMGET", table_->meta, "gen", "fields");
+    into.append_built(steps_.bytes(), steps_.commands());
+    into.begin(2 + 2 * records_);
+    into.add("ZADD").add(table_->index).add_built(listed_.bytes());
+    if (trim_to != nullptr)
+        into.command("XTRIM", table_->log, "MAXLEN", "~", *trim_to);
+    into.command("EXEC");
+}
+
+void write_group::build_call(command_buffer &into, const redis_script &script, const writer_identity &writer) const
+{
+    script.begin(into, keys_before_records + records_, 7 + argument_count_);
+    into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
     into.add(writer.name).add(writer.log_limit).add(mode_ == write_mode::replace ? "replace" : "merge");
-    into.add(table_->stamp_kind()).add_built(arguments_);
+    into.add(table_->stamp_kind()).add(table_->field_list).add(table_->fields.size()).add(table_->latest + 1);
+    into.add_built(arguments_.bytes());
+}
+
+void write_group::clear()
+{
     keys_.clear();
     arguments_.clear();
+    steps_.clear();
+    listed_.clear();
     records_ = argument_count_ = 0;
 }
 
-void command_batch::write(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
+// ---- collecting and sending
+
+void command_batch::write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
 {
-    if (!open_.takes(table, mode))
+    const bool complete = mode == write_mode::replace || fields.values.size() == table.fields.size();
+    const bool whole = table.requested() && complete;
+    if (!open_.takes(table, mode, whole))
         close();
-    open_.add(table, mode, key, fields);
+    open_.add(table, mode, whole, key, fields, writer_);
 }
 
 void command_batch::close()
 {
     if (open_.records() == 0)
         return;
-    add_item(open_.records());
-    open_.build(commands_, scripts_.write, writer_);
+    item &added = add_item(*open_.table(), open_.records());
+    command_buffer &into = open_.whole() ? calls_ : commands_;
+    added.start = into.bytes().size();
+    open_.build_call(into, scripts_.write, writer_);
+    added.size = into.bytes().size() - added.start;
+    if (open_.whole()) {
+        untrimmed_ += open_.records();
+        const bool trim = untrimmed_ >= writes_per_trim;
+        const size_t before = commands_.commands();
+        open_.build_transaction(commands_, trim ? &writer_.log_limit : nullptr);
+        added.answers = commands_.commands() - before;
+        added.steps = open_.steps();
+        untrimmed_ = trim ? 0 : untrimmed_;
+    }
+    open_.clear();
 }
 
-void command_batch::add_item(size_t results)
-{
-    items_.push_back({commands_.bytes().size(), results, results_});
-    results_ += results;
-}
-
-command_buffer &command_batch::next()
+void command_batch::remove(redis_table &table, std::string_view key)
 {
     close();
-    add_item(1);
-    return commands_;
+    item &added = add_item(table, 1);
+    added.start = commands_.bytes().size();
+    scripts_.remove.begin(commands_, 3, 3);
+    commands_.add(table.prefix, key).add(table.index).add(table.log);
+    commands_.add(key).add(writer_.name).add(writer_.log_limit);
+    added.size = commands_.bytes().size() - added.start;
 }
 
-std::string_view command_batch::command(const item &each) const
+command_batch::item &command_batch::add_item(redis_table &table, size_t results)
 {
-    const auto next = std::upper_bound(items_.begin(), items_.end(), each.start,
-                                       [](size_t start, const item &other) { return start < other.start; });
-    const size_t end = next == items_.end() ? commands_.bytes().size() : next->start;
-    return commands_.bytes().substr(each.start, end - each.start);
+    items_.push_back({table, 1, results, results_, 0, 0, 0});
+    results_ += results;
+    return items_.back();
+}
+
+std::string_view command_batch::call(const item &each) const
+{
+    return (each.steps > 0 ? calls_ : commands_).bytes().substr(each.start, each.size);
 }
 
 bool command_batch::send(redis_link &link)
 {
     close();
-    if (failure_ == TQ_MOM_OK && sent_ < items_.size()) {
-        failure_ = link.send(commands_.bytes().substr(sent_bytes_), items_.size() - sent_);
-        sent_ = items_.size();
+    if (failure_ == TQ_MOM_OK && sent_ < commands_.commands()) {
+        failure_ = link.send(commands_.bytes().substr(sent_bytes_), commands_.commands() - sent_);
+        sent_ = commands_.commands();
         sent_bytes_ = commands_.bytes().size();
     }
     return failure_ == TQ_MOM_OK;
 }
 
+// ---- answers
+
 namespace {
 
-void judge_each(redis_link &link, reply_view reply, std::span<int> results)
+bool succeeded(std::span<const int> results)
 {
-    std::fill(results.begin(), results.end(), int{TQ_MOM_BAD_ANSWER});
-    auto one = reply.first();
-    for (size_t i = 0; i < std::min(reply.size(), results.size()); ++i, one = one.next())
-        results[i] = link.judge(one);
+    return std::all_of(results.begin(), results.end(), [](int result) { return result == TQ_MOM_OK; });
 }
 
 } // namespace
 
-// Judges the answers to the items, as far as they came. Returns those whose script the server did not know.
-std::vector<command_batch::item> command_batch::judge(redis_link &link, const reply_tape &answers,
-                                                      std::span<const item> items, int *results) const
+// Judges the answers to the items, as far as they came.
+void command_batch::judge(redis_link &link, const reply_tape &answers, size_t complete, int *results)
 {
-    std::vector<item> unknown;
     reply_view reply(answers, 0);
-    for (const item &each : items) {
-        int *const own = results + each.first;
-        if (reply.is(reply_kind::error) && reply.text().starts_with("NOSCRIPT"))
-            unknown.push_back(each);
-        else if (reply.is(reply_kind::array))
-            judge_each(link, reply, std::span(own, each.results));
-        else
-            std::fill_n(own, each.results, link.judge(reply));
-        reply = reply.next();
+    for (item &each : items_) {
+        if (complete < each.answers)
+            return;
+        const std::span own(results + each.first, each.results);
+        each.is = each.steps > 0 ? judge_transaction(link, each, reply, own) : judge_call(link, each, reply, own);
+        complete -= each.answers;
+        for (size_t i = 0; i < each.answers; ++i)
+            reply = reply.next();
     }
-    return unknown;
 }
 
-// Sends commands again, after their scripts.
-void command_batch::repeat(redis_link &link, const std::vector<item> &items, int *results) const
+command_batch::verdict command_batch::judge_call(redis_link &link, const item &each, reply_view reply,
+                                                 std::span<int> results) const
 {
+    if (reply.is(reply_kind::error) && (reply.text().starts_with("NOSCRIPT") || reply.text().starts_with("NOMETA")))
+        return verdict::again;
+    if (!reply.is(reply_kind::array)) {
+        std::fill(results.begin(), results.end(), link.judge(reply));
+        return verdict::done;
+    }
+    std::fill(results.begin(), results.end(), int{TQ_MOM_BAD_ANSWER});
+    auto one = reply.first();
+    for (size_t i = 0; i < std::min(reply.size(), results.size()); ++i, one = one.next()) {
+        results[i] = link.judge(one);
+        if (results[i] == TQ_MOM_OK)
+            parse_log_id(one.text(), each.table.latest);
+    }
+    return verdict::done;
+}
+
+// The answers: one to MULTI, one to each queued command, those of EXEC, among them first the metadata and behind the
+// records' steps the index.
+command_batch::verdict command_batch::judge_transaction(redis_link &link, const item &each, reply_view reply,
+                                                        std::span<int> results) const
+{
+    for (size_t i = 1; i < each.answers && !reply.is(reply_kind::error); ++i)
+        reply = reply.next();
+    if (reply.size() != each.answers - 2) {
+        std::fill(results.begin(), results.end(),
+                  reply.is(reply_kind::error) ? link.judge(reply) : int{TQ_MOM_BAD_ANSWER});
+        return verdict::done;
+    }
+    auto step = reply.first();
+    if (step.at(0).text() != each.table.generation || step.at(1).text() != each.table.field_list)
+        return verdict::again;
+    step = step.next();
+    for (int &result : results) {
+        result = TQ_MOM_OK;
+        for (size_t i = 0; i < each.steps; ++i, step = step.next())
+            result = result == TQ_MOM_OK ? link.judge(step) : result;
+    }
+    const int listed = link.judge(step);
+    std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, listed);
+    return succeeded(results) ? verdict::done : verdict::partly;
+}
+
+// Of a transaction's records, those that could not be written were listed and told all the same: takes that back.
+void command_batch::undo(redis_link &link, const item &each, std::span<const int> results) const
+{
+    reply_tape parsed;
+    const auto reader = make_reader(parsed);
+    const auto text = call(each);
+    void *reply = nullptr;
+    if (scripts_.undo.load(link) != TQ_MOM_OK || redisReaderFeed(reader.get(), text.data(), text.size()) != REDIS_OK ||
+        redisReaderGetReply(reader.get(), &reply) != REDIS_OK)
+        return;
     command_buffer commands;
-    for (const item &each : items)
-        commands.append_built(command(each));
+    auto record = reply_view(parsed, 0).at(3 + keys_before_records); // behind the command, digest and count of keys
+    for (const int result : results) {
+        if (result != TQ_MOM_OK) {
+            scripts_.undo.begin(commands, 3, 3);
+            commands.add(record.text()).add(each.table.index).add(each.table.log);
+            commands.add(record.text().substr(each.table.prefix.size())).add(writer_.name).add(writer_.log_limit);
+        }
+        record = record.next();
+    }
+    link.exchange(commands);
+}
+
+// Sends calls again, after their scripts and what they rest on.
+void command_batch::repeat(redis_link &link, std::span<const item> items, int *results) const
+{
+    const auto repeats = [](const item &each) { return each.is == verdict::again || each.table.requested(); };
+    command_buffer commands;
     int failed = scripts_.write.load(link);
     failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
+    failed = failed == TQ_MOM_OK ? scripts_.meta.load(link) : failed;
+    for (const item &each : items) {
+        if (!repeats(each))
+            continue;
+        scripts_.make_sure(commands, each.table, each.table.field_list);
+        commands.append_built(call(each), 1);
+    }
     failed = failed == TQ_MOM_OK ? link.exchange(commands) : failed;
-    for (const item &each : items)
-        std::fill_n(results + each.first, each.results, failed == TQ_MOM_OK ? int{TQ_MOM_STORE_ERROR} : failed);
-    if (failed != TQ_MOM_OK)
-        return;
     reply_tape answers; // judging one may drop the connection, and its tape with it
-    link.take_replies(answers);
-    judge(link, answers, items, results);
+    if (failed == TQ_MOM_OK)
+        link.take_replies(answers);
+    reply_view reply(answers, 0);
+    for (const item &each : items) {
+        if (!repeats(each))
+            continue;
+        const std::span own(results + each.first, each.results);
+        std::fill(own.begin(), own.end(), failed == TQ_MOM_OK ? int{TQ_MOM_STORE_ERROR} : failed);
+        reply = reply.next();
+        if (failed == TQ_MOM_OK)
+            judge_call(link, each, reply, own);
+        reply = reply.next();
+    }
 }
 
 // What the server answered before it went away is known all the same.
@@ -142,16 +272,22 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
     const int received = link.receive(answers, complete);
     results.resize(before + results_, sent ? received : failure_);
     int *const own = results.data() + before;
-    const auto unknown = judge(link, answers, std::span(items_).first(complete), own);
-    if (!unknown.empty() && sent && received == TQ_MOM_OK)
-        repeat(link, unknown, own);
+    judge(link, answers, complete, own);
+    auto again = items_.begin();
+    for (; again != items_.end() && again->is != verdict::again; ++again)
+        if (again->is == verdict::partly && received == TQ_MOM_OK)
+            undo(link, *again, std::span(own + again->first, again->results));
+    const bool as_known = again == items_.end();
+    if (!as_known && sent && received == TQ_MOM_OK)
+        repeat(link, std::span(again, items_.end()), own);
     if (!sent)
         link.drop();
     commands_.clear();
+    calls_.clear();
     items_.clear();
     results_ = sent_ = sent_bytes_ = 0;
     failure_ = TQ_MOM_OK;
-    return std::all_of(own, results.data() + results.size(), [](int result) { return result == TQ_MOM_OK; });
+    return as_known && succeeded(std::span(results).subspan(before));
 }
 
 } // namespace mom

@@ -1,8 +1,12 @@
-// Script calls that go to the server together and are answered together.
+// Writes and removals that go to the server together and are answered together; a single one is a batch of one.
 //
-// Owned by the engine. Writes to one table in a row become one call. Each command's place is remembered, so that those
-// which met a server that had forgotten the script are sent again once it has it. A batch does not outlive its
-// connection: who is told that sending failed finishes it before the next command is built.
+// Owned by the engine. Writes to one table in a row become one command: a transaction where the record's stamp and the
+// log's entry are known beforehand (requested state with all its fields), else a call of the script. A transaction reads
+// the table's metadata along with what it does. If that is not what its records were built by, they may carry an old
+// stamp, or their entries lack a field: the script writes them again, and after them, for the order, whatever came later.
+// Commands whose script the server has forgotten are sent again in the same way.
+//
+// A batch does not outlive its connection: who is told that sending failed finishes it before the next command is built.
 #ifndef TQ_MOM_REDIS_BATCH_HPP
 #define TQ_MOM_REDIS_BATCH_HPP
 
@@ -14,67 +18,89 @@
 
 namespace mom {
 
+constexpr size_t writes_per_trim = 64; ///< by transaction: a log may be longer than its limit by so much
+
 /// Who writes: in every call.
 struct writer_identity {
     std::string name;      ///< this handle's name in the log
     std::string log_limit; ///< changes kept per table
 };
 
-/// Writes of records of one table, on their way to becoming one call of the script.
-class write_call {
+/// Writes of records of one table, on their way to becoming one command.
+class write_group {
   public:
     size_t records() const { return records_; }
-    bool takes(const redis_table &table, write_mode mode) const;
-    void add(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields);
-    /// Builds the call and is empty again.
-    void build(command_buffer &into, const redis_script &script, const writer_identity &writer);
+    bool takes(const redis_table &table, write_mode mode, bool whole) const;
+    void add(redis_table &table, write_mode mode, bool whole, std::string_view key, const encoded_fields &fields,
+             const writer_identity &writer);
+    redis_table *table() const { return table_; }
+    bool whole() const { return whole_; }
+    /// How many steps a transaction takes for each record.
+    size_t steps() const { return mode_ == write_mode::replace ? 3 : 2; }
+    void build_transaction(command_buffer &into, const std::string *trim_to) const;
+    void build_call(command_buffer &into, const redis_script &script, const writer_identity &writer) const;
+    void clear();
 
   private:
-    const redis_table *table_ = nullptr;
+    redis_table *table_ = nullptr;
     write_mode mode_{};
+    bool whole_ = false;
     size_t records_ = 0;
     command_buffer keys_;
     command_buffer arguments_;
     size_t argument_count_ = 0;
+    command_buffer steps_; ///< of the transaction
+    command_buffer listed_;
 };
 
 class command_batch {
   public:
     command_batch(redis_scripts &scripts, const writer_identity &writer) : scripts_(scripts), writer_(writer) {}
 
-    void write(const redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields);
-    /// Where to build another command.
-    command_buffer &next();
+    void write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields);
+    void remove(redis_table &table, std::string_view key);
     bool full() const { return size() >= 256; }
     bool empty() const { return size() == 0; }
     /// Sends what was not sent yet. False: the batch is to be finished, which tells why.
     bool send(redis_link &link);
-    /// Sends the rest, waits for the answers, appends the result of each, and is empty again. Whether all succeeded.
+    /// Sends the rest, waits for the answers, appends the result of each, and is empty again. False: something failed,
+    /// or the metadata is not what it was.
     bool finish(redis_link &link, std::vector<int> &results);
 
   private:
+    enum class verdict : uint8_t { done, partly, again };
     struct item {
-        size_t start;   ///< of the command, in bytes
-        size_t results; ///< how many it brings, from
+        redis_table &table;
+        size_t answers; ///< how many the server gives
+        size_t results; ///< how many these make, from
         size_t first;   ///< this one on
+        size_t steps;   ///< of a transaction, for each record; 0: a call
+        size_t start;   ///< of the call, in bytes; a transaction's stands apart
+        size_t size;
+        verdict is = verdict::again;
     };
+
     size_t size() const { return results_ + open_.records(); }
     void close();
-    void add_item(size_t results);
-    std::string_view command(const item &each) const;
-    std::vector<item> judge(redis_link &link, const reply_tape &answers, std::span<const item> items,
-                            int *results) const;
-    void repeat(redis_link &link, const std::vector<item> &items, int *results) const;
+    item &add_item(redis_table &table, size_t results);
+    std::string_view call(const item &each) const;
+    void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);
+    verdict judge_call(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
+    verdict judge_transaction(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
+    void undo(redis_link &link, const item &each, std::span<const int> results) const;
+    void repeat(redis_link &link, std::span<const item> items, int *results) const;
 
     redis_scripts &scripts_;
     const writer_identity &writer_;
-    write_call open_;
+    write_group open_;
     command_buffer commands_;
+    command_buffer calls_; ///< that do what the transactions do
     std::vector<item> items_;
-    size_t results_ = 0; ///< that the items bring
-    size_t sent_ = 0;    ///< items
+    size_t results_ = 0; ///< that the items make
+    size_t sent_ = 0;    ///< commands
     size_t sent_bytes_ = 0;
     int failure_ = 0; ///< of sending
+    size_t untrimmed_ = writes_per_trim;
 };
 
 } // namespace mom

@@ -55,16 +55,16 @@ class command_buffer {
     }
 
     /// Arguments that were built before.
-    command_buffer &add_built(const command_buffer &arguments)
+    command_buffer &add_built(std::string_view arguments)
     {
-        bytes_.append(arguments.bytes_);
+        bytes_.append(arguments);
         return *this;
     }
-    /// A whole command that was built before.
-    void append_built(std::string_view command)
+    /// Whole commands that were built before.
+    void append_built(std::string_view commands, size_t count)
     {
-        bytes_.append(command);
-        ++commands_;
+        bytes_.append(commands);
+        commands_ += count;
     }
 
   private:

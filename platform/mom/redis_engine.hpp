@@ -1,11 +1,7 @@
 // The engine of a server's addresses: "unix:", "redis://", "sentinel://".
 //
-// Each write is one send. Requested state, when the fields written are all that the table knows, goes as a transaction:
-// record, index, log. That is what the time of a policy write is made of. The stamp that the transaction puts on the
-// record is the table's generation, which every beginning rewrite raises, so the connection watches the table's
-// metadata: had it changed, the transaction does nothing, the metadata is read again, and the write is tried again.
-// Everything else (status and publications, whose stamp is the change's own number; partial writes, whose log entry
-// needs the rest of the record) is one call of a script.
+// Each write is one send: see redis_batch.hpp. What was written before, on this connection, told the engine what a
+// table's metadata says; the first write of a connection, and one that finds it changed, read it.
 #ifndef TQ_MOM_REDIS_ENGINE_HPP
 #define TQ_MOM_REDIS_ENGINE_HPP
 
@@ -58,18 +54,12 @@ class redis_engine final : public engine {
 
     redis_table &table_of(table_ref ref);
     int ready();
-    void forget_watches();
+    void forget_metadata();
     int know(redis_table &table, field_values fields);
-    int load_meta(redis_table &table);
-    int extend_meta(redis_table &table, field_values fields);
-    int write_by_transaction(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
-    int judge_transaction(redis_table &table, std::string_view key, size_t queued);
-    int write_by_script(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode);
     int run(redis_script &script, const std::function<void(command_buffer &)> &build);
-    int ready_to_collect(redis_script &script);
+    int ready_to_collect();
+    int collected();
     void flush_batch();
-    void flush_full_batch();
-    int undo(redis_table &table, std::string_view key);
     int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
     int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
     int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
@@ -79,17 +69,13 @@ class redis_engine final : public engine {
     redis_scripts scripts_;
     command_buffer commands_;
     uint64_t calls_ = 0;
-    unsigned writes_ = 0; ///< by transaction
     writer_identity writer_;
-    write_call single_; ///< of who does not batch
     bool batching_ = false;
     command_batch batch_{scripts_, writer_};
     std::vector<int> batch_results_; ///< of what was sent so far
     std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;
-    uint64_t generation_ = 0; ///< the connection that the tables' watches belong to
-    std::string watch_;       ///< the command that watches the metadata of all known tables, ready to send
+    uint64_t generation_ = 0; ///< the connection that the tables' metadata was read on
     mark_book<mark_stamp> marks_;
-    std::string record_key_;
     std::unique_ptr<redis_changes> changes_;
 };
 

@@ -80,6 +80,7 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
     std::random_device device;
     mark_stamp mark;
     mark.token = std::to_string(device()) + "-" + writer_.name;
+    table.known = false;
     const int result = run(scripts_.mark, [&](command_buffer &commands) {
         scripts_.mark.begin(commands, 2, 3);
         commands.add(table.meta).add(table.log);

@@ -1,13 +1,22 @@
 // See redis_scripts.hpp. In all of them `log(...)` appends a change; entries are numbered 0-1, 0-2, ... by the server.
 #include "redis_scripts.hpp"
 
+#include <random>
 #include <tq_mom.h>
 
 namespace mom {
+
+std::string random_name()
+{
+    std::random_device device;
+    const uint64_t name = (static_cast<uint64_t>(device()) << 32 | device()) >> 8;
+    return std::to_string(name);
+}
+
 namespace {
 
 // KEYS meta; ARGV epoch-if-new, field numbers to add ("6,7" or "").
-// Returns epoch, generation, fields.
+// Returns generation, fields.
 constexpr char meta_text[] = R"(
 local meta = KEYS[1]
 if redis.call('HSETNX', meta, 'epoch', ARGV[1]) == 1 then
@@ -24,7 +33,7 @@ if ARGV[2] ~= '' then
   table.sort(list)
   redis.call('HSET', meta, 'fields', table.concat(list, ','))
 end
-return redis.call('HMGET', meta, 'epoch', 'gen', 'fields')
+return redis.call('HMGET', meta, 'gen', 'fields')
 )";
 
 // KEYS meta, log; ARGV epoch-if-new, token, 'number' or 'generation'.
@@ -52,83 +61,67 @@ end
 return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', then
+// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', the
+// table's fields as the client knows them, how many these are, the number that the first change is likely to get, then
 // of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
-// A merge into a record that has other fields logs all of them; a write of all fields that the table ever had needs not
-// look. A new record may be the first of its table's history.
+// A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
+// fields that it keeps, too. A record stamped with a number that its change did not get is stamped again. A new record
+// may be the first of its table's history.
 constexpr char write_text[] = R"(
-local index, log, meta, gen, fields = KEYS[1], KEYS[2], KEYS[3]
-if ARGV[4] == 'generation' then
-  local known = redis.call('HMGET', meta, 'gen', 'fields')
-  gen = known[1]
-  if not gen then
-    return redis.error_reply('NOMETA the metadata is gone')
-  end
-  fields = select(2, string.gsub(known[2] or '', '%d+', ''))
+local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
+local writer, limit, replace, expected = ARGV[1], ARGV[2], ARGV[3] == 'replace', ARGV[7]
+local known = redis.call('HMGET', meta, 'gen', 'fields')
+local gen = ARGV[4] == 'generation' and known[1]
+if ARGV[4] == 'generation' and not gen then
+  return redis.error_reply('NOMETA the metadata is gone')
 end
-local function joined(record)
-  local all, parts = redis.call('HGETALL', record), {}
-  for i = 1, #all, 2 do
-    if all[i] ~= '#' then
-      parts[#parts + 1] = all[i + 1]
-    end
-  end
-  return table.concat(parts)
-end
-local function append(key, body)
-  return redis.pcall('XADD', log, 'MAXLEN', '~', ARGV[2], '0-*', 'k', key, 'w', ARGV[1], 'r', body)
-end
-local function replace(record, had, at, last, count)
-  local id = append(ARGV[at], ARGV[at + 1])
-  if type(id) ~= 'string' then
-    return id, 0
-  end
-  local stamp = gen or string.sub(id, 3)
-  local added = redis.call('HSET', record, '#', stamp, unpack(ARGV, at + 3, last))
-  if had + added > count + 1 then
-    redis.call('DEL', record)
-    redis.call('HSET', record, '#', stamp, unpack(ARGV, at + 3, last))
-  end
-  return id, added
-end
-local function merge(record, had, at, last, count)
-  local added = redis.call('HSET', record, '#', gen or 0, unpack(ARGV, at + 3, last))
-  local other = had + added > count + 1
-  local id = append(ARGV[at], other and joined(record) or ARGV[at + 1])
-  if type(id) == 'string' and not gen then
-    redis.call('HSET', record, '#', string.sub(id, 3))
-  end
-  return id, added
-end
-local function overwrite(record, at, last)
-  local added = redis.pcall('HSET', record, '#', gen, unpack(ARGV, at + 3, last))
-  if type(added) ~= 'number' then
-    return added, 0
-  end
-  return append(ARGV[at], ARGV[at + 1]), added
-end
-local write = ARGV[3] == 'replace' and replace or merge
-local results, at, new = {}, 5, false
+local whole = known[2] == ARGV[5] and ARGV[6]
+local results, at, new = {}, 8, false
 for i = 4, #KEYS do
-  local count, result, added = tonumber(ARGV[at + 2]), nil, 0
+  local record, key, body, count = KEYS[i], ARGV[at], ARGV[at + 1], ARGV[at + 2]
   local last = at + 2 + 2 * count
-  if count == fields then
-    result, added = overwrite(KEYS[i], at, last)
-  else
-    result = redis.pcall('HLEN', KEYS[i])
-    if type(result) == 'number' then
-      result, added = write(KEYS[i], result, at, last, count)
+  local result, had = nil, 0
+  if count ~= whole then
+    had = redis.pcall('HLEN', record)
+    if type(had) ~= 'number' then
+      result = had
+    elseif replace and had > 0 then
+      redis.call('DEL', record)
     end
   end
-  if added > 0 then
-    redis.call('ZADD', index, 0, ARGV[at])
-    new = true
+  if not result then
+    local added = redis.pcall('HSET', record, '#', gen or expected, unpack(ARGV, at + 3, last))
+    if type(added) ~= 'number' then
+      result = added
+    else
+      if added > 0 then
+        redis.call('ZADD', index, 0, key)
+        new = true
+      end
+      if not replace and had + added > count + 1 then
+        local all, parts = redis.call('HGETALL', record), {}
+        for j = 1, #all, 2 do
+          if all[j] ~= '#' then
+            parts[#parts + 1] = all[j + 1]
+          end
+        end
+        body = table.concat(parts)
+      end
+      result = redis.pcall('XADD', log, 'MAXLEN', '~', limit, '0-*', 'k', key, 'w', writer, 'r', body)
+      if not gen and type(result) == 'string' then
+        local number = string.sub(result, 3)
+        if number ~= expected then
+          redis.call('HSET', record, '#', number)
+        end
+        expected = string.format('%.0f', number + 1)
+      end
+    end
   end
   results[#results + 1] = result
   at = last + 1
 end
-if new and redis.call('EXISTS', meta) == 0 then
+if new and not known[1] then
   local now = redis.call('TIME')
   redis.call('HSET', meta, 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
 end
@@ -192,6 +185,12 @@ int redis_script::load(redis_link &link)
     if (result == TQ_MOM_OK)
         digest_ = link.replies().text();
     return result;
+}
+
+void redis_scripts::make_sure(command_buffer &commands, const redis_table &table, std::string_view fields) const
+{
+    meta.begin(commands, 1, 2);
+    commands.add(table.meta).add(random_name()).add(fields);
 }
 
 void redis_script::begin(command_buffer &commands, size_t keys, size_t arguments) const

@@ -6,8 +6,12 @@
 #define TQ_MOM_REDIS_SCRIPTS_HPP
 
 #include "redis_link.hpp"
+#include "redis_table.hpp"
 
 namespace mom {
+
+/// A name that nothing else has, short in the log.
+std::string random_name();
 
 class redis_script {
   public:
@@ -28,6 +32,9 @@ class redis_script {
 /// The scripts of one engine; their keys and arguments are listed with their texts.
 struct redis_scripts {
     redis_scripts();
+    /// A call that makes sure of a table's metadata, and that it lists `fields`; the answer is what take_meta() takes.
+    void make_sure(command_buffer &commands, const redis_table &table, std::string_view fields) const;
+
     redis_script meta;   ///< makes sure of a table's metadata, extends its field list
     redis_script mark;   ///< begins a rewrite
     redis_script write;  ///< writes records of one table, log entry with the whole record included

@@ -3,6 +3,7 @@
 
 #include "report.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <functional>
 
@@ -16,6 +17,28 @@ template <typename Number> bool parse_whole(std::string_view text, Number &numbe
 }
 
 } // namespace
+
+void redis_table::take_meta(std::string_view gen, std::string_view list)
+{
+    generation = gen;
+    field_list = list;
+    fields.clear();
+    while (!list.empty()) {
+        const auto comma = std::min(list.find(','), list.size());
+        uint32_t number = 0;
+        if (parse_whole(list.substr(0, comma), number) && number > 0)
+            fields.push_back(number);
+        list.remove_prefix(std::min(comma + 1, list.size()));
+    }
+    std::sort(fields.begin(), fields.end());
+}
+
+bool redis_table::covers(field_values values) const
+{
+    return std::all_of(values.begin(), values.end(), [this](const auto &value) {
+        return std::binary_search(fields.begin(), fields.end(), value.number);
+    });
+}
 
 bool parse_log_id(std::string_view id, uint64_t &number)
 {

@@ -5,8 +5,6 @@
 #include "engine.hpp"
 #include "redis_reply.hpp"
 
-#include <algorithm>
-
 namespace mom {
 
 struct redis_table {
@@ -22,7 +20,6 @@ struct redis_table {
     bool requested() const { return ref.type->kind == record_kind::requested; }
     /// What tells when a record was last written: the generation of the rewrite, or the number of the change.
     const char *stamp_kind() const { return requested() ? "generation" : "number"; }
-    bool has_field(uint32_t number) const { return std::binary_search(fields.begin(), fields.end(), number); }
 
     table_ref ref;
     std::string prefix; ///< of the records' keys
@@ -30,10 +27,17 @@ struct redis_table {
     std::string log;
     std::string meta;
 
-    // What the table's metadata says; current as long as the connection watches it.
-    bool watched = false;
+    /// Takes over an answer of the metadata's two fields.
+    void take_meta(std::string_view gen, std::string_view list);
+    /// Whether the metadata lists all these fields.
+    bool covers(field_values values) const;
+
+    // What the table's metadata said when it was last read; a write finds out whether it still does.
+    bool known = false;
     std::string generation;       ///< stamp of the records being written
-    std::vector<uint32_t> fields; ///< all that were ever written, ascending
+    std::string field_list;       ///< all fields that were ever written,
+    std::vector<uint32_t> fields; ///< and their numbers, ascending
+    uint64_t latest = 0;          ///< a change of one's own: the next one's number is likely to be one more
 };
 
 /// Where a table's change log stands.

@@ -95,6 +95,7 @@ TEST_F(crash, a_server_that_came_back_empty_makes_subscribers_start_over)
 
 TEST_F(crash, a_store_that_was_flushed_takes_writes_of_every_kind)
 {
+    constexpr uint32_t part[] = {8};
     start_quick();
     attend();
     for (uint64_t round = 1; round <= 3; ++round) {
@@ -103,8 +104,10 @@ TEST_F(crash, a_store_that_was_flushed_takes_writes_of_every_kind)
         EXPECT_EQ((requests{{1, round}}), stored(writer));
         server.run({"FLUSHALL"});
         tq_mom_batch_begin(writer);
+        tq_mom_hmset_sync(writer, 8, ace_record("a", 1, 2, 9), part, 1);
         put_ace(1, round);
-        tq_mom_batch_end(writer, nullptr, 0); // finds the metadata gone
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(writer, nullptr, 0));
+        EXPECT_EQ((requests{{1, round}, {2, 9}}), stored(writer));
         server.run({"FLUSHALL"});
     }
     server.crash();

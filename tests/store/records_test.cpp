@@ -188,6 +188,24 @@ TEST_P(store_suite, fields_that_a_reader_does_not_know_are_kept)
     EXPECT_EQ(packed(full), stored(context, full));
 }
 
+TEST_P(store_suite, a_field_that_appears_behind_a_writer_s_back_is_in_its_next_change)
+{
+    auto *context = open();
+    older_sample old;
+    newer_sample full;
+    constexpr uint32_t fields[] = {6, 7, 8};
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_hmset_sync(context, 8, old, fields, 3)) << "all that there are so far";
+    full.record.mask = 42;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(open(), 8, full));
+    hearing heard;
+    std::string last;
+    heard.also = [&](const tq_mom_notification &told) { last = packed(told.record); };
+    subscribe(open(), heard, full, 0);
+    full.record.req_uuid = old.record.req_uuid = 2;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_hmset_sync(context, 8, old, fields, 3));
+    wait_for([&] { return last == packed(full); });
+}
+
 TEST_P(store_suite, numbers_in_keys_keep_their_order_and_sign)
 {
     auto *context = open();

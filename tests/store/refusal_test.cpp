@@ -98,6 +98,8 @@ TEST_F(refusal, tells_what_is_no_record_under_a_record_s_key)
 {
     const std::string key = "plx{8:ace}:a,a1,a1";
     write_ace(context, 8, ace_record("a", 1, 2, 1));
+    hearing heard;
+    subscribe(context, heard, ace);
     for (const auto &foreign : {lines{"SET", key, "foreign"},
                                 {"HSET", key, "name", "x"},
                                 {"HSET", key, "6", "x", "#", "1"},
@@ -110,6 +112,7 @@ TEST_F(refusal, tells_what_is_no_record_under_a_record_s_key)
         tq_mom_hash_res_free(read);
         if (foreign[0] == "SET") {
             EXPECT_EQ(TQ_MOM_CORRUPT, write_ace(context, 8, ace));
+            wait_for([&] { return heard.ends_with("*3 a/1/1=0"); }); // what was told of it is taken back
             EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_del_sync(context, 8, ace));
             EXPECT_EQ((requests{{2, 1}}), stored(context));
         }
@@ -243,6 +246,8 @@ TEST_F(refusal, for_want_of_a_script_has_the_client_load_it_again)
 TEST_F(refusal, in_a_batch_is_its_result_and_that_of_its_call)
 {
     auto *application = open("", "plx-application");
+    EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(application, 8, node)) << "nobody has written to the table yet";
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(open("", "plx-node"), 8, node));
     server.run({"SET", "plx{8:ace}:a,a1,a2", "foreign"});
     ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
     for (uint64_t sn : {1, 2, 3})

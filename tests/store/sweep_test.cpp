@@ -50,6 +50,26 @@ TEST_P(store_suite, without_a_mark_of_its_own_that_still_holds_a_sweep_deletes_n
     EXPECT_EQ((lines{"4 a/1/1=1"}), scan(context, table));
 }
 
+TEST_P(store_suite, a_rewrite_that_begins_behind_a_batch_s_back_spares_it_and_its_order)
+{
+    auto *context = open();
+    auto *other = open();
+    for (uint64_t sn = 1; sn <= 4; ++sn)
+        write_ace(context, 8, ace_record("a", 1, sn, 1));
+    ASSERT_EQ(TQ_MOM_OK, begin(other, "a"));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(context));
+    write_ace(context, 8, ace_record("a", 1, 1, 2));
+    tq_mom_del_sync(context, 8, ace_record("a", 1, 1));
+    tq_mom_del_sync(context, 8, ace_record("a", 1, 2));
+    write_ace(context, 8, ace_record("a", 1, 2, 2));
+    tq_mom_batch_send(context);
+    write_ace(context, 8, ace_record("a", 1, 3, 2));
+    write_ace(context, 8, ace_record("a", 1, 3, 3));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_end(context, nullptr, 0));
+    ASSERT_EQ(TQ_MOM_OK, end(other, "a"));
+    EXPECT_EQ((lines{"4 a/1/2=2", "4 a/1/3=3"}), scan(context, table));
+}
+
 TEST_P(store_suite, a_later_begin_replaces_the_mark)
 {
     auto *context = open();
