@@ -13,6 +13,7 @@ namespace {
 
 // Work between two looks at the loop is bounded, so that a node with a million entries still shows that it lives.
 constexpr size_t replies_per_pass = 1000;
+constexpr size_t answers_per_pass = 16; // taken before more is sent: all at once would hold up what comes next
 constexpr milliseconds answer_pause{20};
 constexpr int counters_per_pass = 500;
 constexpr uint64_t longest_commit_seconds = 60;
@@ -224,6 +225,8 @@ void Node::beat()
 void Node::send_replies()
 {
     milliseconds pause{0};
+    if (sent_.size() >= answers_per_pass)
+        take_answers();
     if (!std::exchange(batching_, true))
         tq_mom_batch_begin(context_.get());
     while (!replies_.empty() && replies_.begin()->first <= now() && sent_.size() < replies_per_pass) {

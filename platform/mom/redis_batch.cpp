@@ -41,23 +41,24 @@ void write_group::add(redis_table &table, write_mode mode, bool whole, std::stri
     listed_.add("0").add(key);
 }
 
-void write_group::build_transaction(command_buffer &into, const std::string *trim_to) const
+void write_group::build_transaction(command_buffer &into, std::string_view trim_to) const
 {
     into.command("MULTI");
     into.command("HMGET", table_->meta, "gen", "fields");
     into.append_built(steps_.bytes(), steps_.commands());
     into.begin(2 + 2 * records_);
     into.add("ZADD").add(table_->index).add_built(listed_.bytes());
-    if (trim_to != nullptr)
-        into.command("XTRIM", table_->log, "MAXLEN", "~", *trim_to);
+    if (!trim_to.empty())
+        into.command("XTRIM", table_->log, "MAXLEN", "~", trim_to);
     into.command("EXEC");
 }
 
-void write_group::build_call(command_buffer &into, const redis_script &script, const writer_identity &writer) const
+void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer,
+                             std::string_view trim_to) const
 {
     script.begin(into, keys_before_records + records_, 7 + argument_count_);
     into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
-    into.add(writer.name).add(writer.log_limit).add(mode_ == write_mode::replace ? "replace" : "merge");
+    into.add(writer).add(trim_to).add(mode_ == write_mode::replace ? "replace" : "merge");
     into.add(table_->stamp_kind()).add(table_->field_list).add(table_->fields.size()).add(table_->latest + 1);
     into.add_built(arguments_.bytes());
 }
@@ -86,19 +87,22 @@ void command_batch::close()
 {
     if (open_.records() == 0)
         return;
-    item &added = add_item(*open_.table(), open_.records());
-    command_buffer &into = open_.whole() ? calls_ : commands_;
-    added.start = into.bytes().size();
-    open_.build_call(into, scripts_.write, writer_);
-    added.size = into.bytes().size() - added.start;
+    auto &table = *open_.table();
+    table.untrimmed += open_.records();
+    const bool trims = table.untrimmed >= writes_per_trim;
+    const std::string_view trim_to = trims ? std::string_view(writer_.log_limit) : std::string_view();
+    table.untrimmed = trims ? 0 : table.untrimmed;
+    item &added = add_item(table, open_.records());
+    command_buffer &calls = open_.whole() ? calls_ : commands_;
+    added.start = calls.bytes().size();
+    open_.build_call(calls, scripts_.write, writer_.name, trim_to);
+    added.size = calls.bytes().size() - added.start;
+    table.latest += open_.records();
     if (open_.whole()) {
-        untrimmed_ += open_.records();
-        const bool trim = untrimmed_ >= writes_per_trim;
         const size_t before = commands_.commands();
-        open_.build_transaction(commands_, trim ? &writer_.log_limit : nullptr);
+        open_.build_transaction(commands_, trim_to);
         added.answers = commands_.commands() - before;
         added.steps = open_.steps();
-        untrimmed_ = trim ? 0 : untrimmed_;
     }
     open_.clear();
 }
@@ -126,11 +130,11 @@ std::string_view command_batch::call(const item &each) const
     return (each.steps > 0 ? calls_ : commands_).bytes().substr(each.start, each.size);
 }
 
-bool command_batch::send(redis_link &link)
+bool command_batch::send(redis_link &link, bool at_once)
 {
     close();
     if (failure_ == TQ_MOM_OK && sent_ < commands_.commands()) {
-        failure_ = link.send(commands_.bytes().substr(sent_bytes_), commands_.commands() - sent_);
+        failure_ = link.send(commands_.bytes().substr(sent_bytes_), commands_.commands() - sent_, at_once);
         sent_ = commands_.commands();
         sent_bytes_ = commands_.bytes().size();
     }
@@ -268,7 +272,7 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
     const size_t before = results.size();
     reply_tape answers;
     size_t complete = 0;
-    const bool sent = send(link);
+    const bool sent = send(link, true);
     const int received = link.receive(answers, complete);
     results.resize(before + results_, sent ? received : failure_);
     int *const own = results.data() + before;

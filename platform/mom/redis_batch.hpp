@@ -18,12 +18,10 @@
 
 namespace mom {
 
-constexpr size_t writes_per_trim = 64; ///< by transaction: a log may be longer than its limit by so much
-
 /// Who writes: in every call.
 struct writer_identity {
     std::string name;      ///< this handle's name in the log
-    std::string log_limit; ///< changes kept per table
+    std::string log_limit; ///< changes kept of each table
 };
 
 /// Writes of records of one table, on their way to becoming one command.
@@ -37,8 +35,9 @@ class write_group {
     bool whole() const { return whole_; }
     /// How many steps a transaction takes for each record.
     size_t steps() const { return mode_ == write_mode::replace ? 3 : 2; }
-    void build_transaction(command_buffer &into, const std::string *trim_to) const;
-    void build_call(command_buffer &into, const redis_script &script, const writer_identity &writer) const;
+    void build_transaction(command_buffer &into, std::string_view trim_to) const;
+    void build_call(command_buffer &into, const redis_script &script, std::string_view writer,
+                    std::string_view trim_to) const;
     void clear();
 
   private:
@@ -62,7 +61,7 @@ class command_batch {
     bool full() const { return size() >= 256; }
     bool empty() const { return size() == 0; }
     /// Sends what was not sent yet. False: the batch is to be finished, which tells why.
-    bool send(redis_link &link);
+    bool send(redis_link &link) { return send(link, false); }
     /// Sends the rest, waits for the answers, appends the result of each, and is empty again. False: something failed,
     /// or the metadata is not what it was.
     bool finish(redis_link &link, std::vector<int> &results);
@@ -80,6 +79,7 @@ class command_batch {
         verdict is = verdict::again;
     };
 
+    bool send(redis_link &link, bool at_once);
     size_t size() const { return results_ + open_.records(); }
     void close();
     item &add_item(redis_table &table, size_t results);
@@ -100,7 +100,6 @@ class command_batch {
     size_t sent_ = 0;    ///< commands
     size_t sent_bytes_ = 0;
     int failure_ = 0; ///< of sending
-    size_t untrimmed_ = writes_per_trim;
 };
 
 } // namespace mom

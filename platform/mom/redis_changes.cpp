@@ -39,12 +39,19 @@ template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> int re
     return 0;
 }
 
+redis_changes::redis_changes(redis_engine &engine, tq_thread_master *master) : engine_(engine), master_(master)
+{
+    engine_.link().set_lender(this);
+}
+
 redis_changes::~redis_changes()
 {
+    engine_.link().set_lender(nullptr);
     disconnect();
     tq_thread_cancel(reconnect_timer_);
     tq_thread_cancel(nudge_timer_);
-    tq_thread_cancel(pace_timer_);
+    tq_thread_cancel(request_timer_);
+    tq_thread_cancel(rest_timer_);
     tq_thread_cancel(look_timer_);
 }
 
@@ -149,17 +156,17 @@ void redis_changes::reconnect_later()
     reconnect_in(std::chrono::milliseconds{1000});
 }
 
-// Asks for what comes behind the cursors, unless an answer is due or enough is waiting.
-void redis_changes::request()
+// What asks for all that comes behind the cursors. False when an answer is due, or enough is waiting.
+bool redis_changes::build_request()
 {
     if (connection_ == nullptr || outstanding_ || queue_.size() >= queue_enough)
-        return;
+        return false;
     std::vector<const feed *> read;
     for (const auto &each : feeds_)
         if (!each->aside)
             read.push_back(each.get());
     if (read.empty())
-        return;
+        return false;
     commands_.clear();
     commands_.begin(6 + 2 * read.size());
     commands_.add("XREAD").add("COUNT").add(entries_asked_).add("BLOCK").add("0").add("STREAMS");
@@ -167,26 +174,66 @@ void redis_changes::request()
         commands_.add(each->table.log);
     for (const auto *each : read)
         commands_.add(log_id(each->cursor));
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    if (connection_->send(commands_.bytes(), deadline) != TQ_MOM_OK)
-        return reconnect_in(std::chrono::milliseconds{0});
     outstanding_ = true;
     stale_ = false;
     last_request_ = std::chrono::steady_clock::now();
+    return true;
+}
+
+void redis_changes::request()
+{
+    if (!build_request())
+        return;
+    const auto deadline = last_request_ + std::chrono::seconds(1);
+    if (connection_->send(commands_.bytes(), deadline) != TQ_MOM_OK)
+        reconnect_in(std::chrono::milliseconds{0});
 }
 
 void redis_changes::request_in_time()
 {
     const bool answering = std::exchange(calls_seen_, engine_.calls()) != engine_.calls();
-    if (answering || std::chrono::steady_clock::now() - last_request_ >= pace)
-        return request();
-    if (pace_timer_ != nullptr)
+    if (outstanding_)
         return;
-    const auto interval = to_timeval(pace);
-    if (tq_thread_insert_timer_timeval(master_, &pace_timer_,
-                                       on_timer<&redis_changes::request, &redis_changes::reconnect_later>, this,
-                                       &interval, "tq_mom pace") != 0)
+    if (answering)
+        request_after(std::chrono::milliseconds{0});
+    else if (std::chrono::steady_clock::now() - last_request_ >= pace)
         request();
+    else
+        request_after(pace);
+}
+
+void redis_changes::request_after(std::chrono::milliseconds pause)
+{
+    if (request_timer_ != nullptr)
+        return;
+    const auto interval = to_timeval(pause);
+    if (tq_thread_insert_timer_timeval(master_, &request_timer_,
+                                       on_timer<&redis_changes::request, &redis_changes::reconnect_later>, this,
+                                       &interval, "tq_mom request") != 0)
+        request();
+}
+
+redis_connection *redis_changes::lend(std::string_view &behind)
+{
+    if (request_timer_ == nullptr || !build_request())
+        return nullptr;
+    tq_thread_cancel(request_timer_);
+    behind = commands_.bytes();
+    return connection_.get();
+}
+
+// What came behind the answers to the call is not told by the socket any more.
+void redis_changes::take_back(int result)
+{
+    if (result != TQ_MOM_OK)
+        return reconnect_in(std::chrono::milliseconds{0});
+    if (!connection_->has_input() || rest_timer_ != nullptr)
+        return;
+    const timeval at_once{};
+    if (tq_thread_insert_timer_timeval(master_, &rest_timer_,
+                                       on_timer<&redis_changes::take_in, &redis_changes::reconnect_later>, this,
+                                       &at_once, "tq_mom rest") != 0)
+        reconnect_later();
 }
 
 // Makes the server answer an XREAD that lacks a new feed. It may not have read the XREAD yet: then again in a moment.
@@ -222,6 +269,8 @@ void redis_changes::on_readable(tq_loop_watch *, int, int, void *arg)
 
 void redis_changes::take_in()
 {
+    if (connection_ == nullptr)
+        return;
     if (!connection_->take_in()) { // perhaps the server found its answer too big for us
         entries_asked_ = std::max(entries_asked_ / 2, 1u);
         return reconnect_in(std::chrono::milliseconds{0});

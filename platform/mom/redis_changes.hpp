@@ -8,8 +8,9 @@
 // the order of their writing. A feed whose table is damaged or not ours to read is set aside, so that the others go on,
 // and looked at again every second.
 //
-// Who answers what it hears is asked for more at once; who only listens is asked at most once in a millisecond while
-// changes keep coming, so that a stream of writes is not slowed down by waking a reader for each of them.
+// Who answers what it hears asks for more in the loop's next turn, or along with a call that is made before: see
+// connection_lender. Who only listens asks at most once in a millisecond while changes keep coming, so that a stream of
+// writes is not slowed down by waking a reader for each of them.
 //
 // Entries go from the connection to a queue, and from there to callbacks in rounds of bounded size. Subscriptions and
 // feeds are only ever added, and walked by position: a callback may subscribe.
@@ -24,9 +25,9 @@
 
 namespace mom {
 
-class redis_changes {
+class redis_changes final : private connection_lender {
   public:
-    redis_changes(redis_engine &engine, tq_thread_master *master) : engine_(engine), master_(master) {}
+    redis_changes(redis_engine &engine, tq_thread_master *master);
     ~redis_changes();
     redis_changes(const redis_changes &) = delete;
     redis_changes &operator=(const redis_changes &) = delete;
@@ -69,8 +70,12 @@ class redis_changes {
     int connect();
     void disconnect();
     void reconnect_in(std::chrono::milliseconds pause);
+    bool build_request();
     void request();
     void request_in_time();
+    void request_after(std::chrono::milliseconds pause);
+    redis_connection *lend(std::string_view &behind) override;
+    void take_back(int result) override;
     void nudge();
     static void on_readable(tq_loop_watch *watch, int fd, int events, void *arg);
     template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> static int on_timer(tq_thread *timer);
@@ -115,7 +120,8 @@ class redis_changes {
     bool stale_ = false;           ///< and lacks a feed that was added since
     tq_thread *reconnect_timer_ = nullptr;
     tq_thread *nudge_timer_ = nullptr;
-    tq_thread *pace_timer_ = nullptr;
+    tq_thread *request_timer_ = nullptr; ///< something is to be asked when it fires, or with a call before
+    tq_thread *rest_timer_ = nullptr;
     tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
     uint64_t calls_seen_ = 0; ///< how often the engine had been called when it was last decided when to ask

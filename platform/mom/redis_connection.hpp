@@ -35,6 +35,8 @@ class redis_connection {
 
     /// Takes in what has arrived without waiting; false when the connection ended.
     bool take_in();
+    /// True when there is more of what was taken in than was parsed.
+    bool has_input() const { return reader_->pos < reader_->len; }
     /// Parses one reply of what was taken in: 1 it is on the tape, 0 not yet complete, -1 not understood.
     int parse();
     /// True when the peer is still there and has not said anything unasked.

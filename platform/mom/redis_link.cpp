@@ -100,13 +100,23 @@ int redis_link::exchange(const command_buffer &commands)
     return result;
 }
 
-int redis_link::send(std::string_view commands, size_t answers)
+int redis_link::send(std::string_view commands, size_t answers, bool at_once)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
-    const int result = connection_->send(commands, steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms));
+    std::string_view behind;
+    lent_ = at_once && outstanding_ == 0 && lender_ != nullptr ? lender_->lend(behind) : nullptr;
+    last_was_lent_ = lent_ != nullptr;
+    if (lent_ != nullptr) {
+        with_behind_.assign(commands).append(behind);
+        commands = with_behind_;
+    }
+    auto &connection = lent_ != nullptr ? *lent_ : *connection_;
+    const int result = connection.send(commands, steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms));
     if (result == TQ_MOM_OK)
         outstanding_ += answers;
+    else
+        end_loan(result);
     return result;
 }
 
@@ -114,13 +124,21 @@ int redis_link::receive(reply_tape &into, size_t &complete)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
-    connection_->tape().clear();
+    auto &connection = lent_ != nullptr ? *lent_ : *connection_;
+    connection.tape().clear();
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
-    const int result = connection_->receive(std::exchange(outstanding_, 0), deadline, complete);
-    take_replies(into);
+    const int result = connection.receive(std::exchange(outstanding_, 0), deadline, complete);
+    std::swap(into, connection.tape());
+    end_loan(result);
     if (result != TQ_MOM_OK)
         drop();
     return result;
+}
+
+void redis_link::end_loan(int result)
+{
+    if (std::exchange(lent_, nullptr) != nullptr)
+        lender_->take_back(result);
 }
 
 int redis_link::judge(reply_view reply)
@@ -128,8 +146,11 @@ int redis_link::judge(reply_view reply)
     const int result = result_of(reply);
     if (result == TQ_MOM_STORE_ERROR)
         report(TQ_ZLOG_ERROR, "the policy store refused a command: " + std::string(reply.text()));
-    if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel)
+    if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel) {
         drop();
+        if (std::exchange(last_was_lent_, false))
+            lender_->take_back(result);
+    }
     return result;
 }
 

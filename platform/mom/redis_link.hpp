@@ -11,16 +11,32 @@
 
 namespace mom {
 
+/// Who has another connection to the same server, and something to ask on it soon. A call that is waited for can leave
+/// together with that: the server, which wakes up for every send, wakes up once.
+class connection_lender {
+  public:
+    /// Null when there is nothing to ask; else `behind` is to follow the call, whose answers are then this connection's.
+    virtual redis_connection *lend(std::string_view &behind) = 0;
+    /// The call was answered, or what became of the connection.
+    virtual void take_back(int result) = 0;
+
+  protected:
+    ~connection_lender() = default;
+};
+
 class redis_link {
   public:
     explicit redis_link(store_url url) : url_(std::move(url)) {}
+    /// The lender outlives the link's last call.
+    void set_lender(connection_lender *lender) { lender_ = lender; }
 
     /// Connects when there is no connection and an attempt is due.
     int ensure();
     /// One exchange on the connection, which is dropped when that fails. Does not reconnect.
     int exchange(const command_buffer &commands);
-    /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed.
-    int send(std::string_view commands, size_t answers);
+    /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed. `at_once`:
+    /// receive() is the next call.
+    int send(std::string_view commands, size_t answers, bool at_once);
     /// The answers to all that was sent so; those that came before the connection failed are among them.
     int receive(reply_tape &into, size_t &complete);
     bool has_replies() const { return connection_ != nullptr && connection_->tape().size() > 0; }
@@ -45,6 +61,7 @@ class redis_link {
     std::chrono::milliseconds pause() const;
 
   private:
+    void end_loan(int result);
     std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
     bool ask_sentinels(endpoint &master);
     int log_in(redis_connection &connection);
@@ -55,6 +72,10 @@ class redis_link {
     store_url url_;
     std::unique_ptr<redis_connection> connection_;
     size_t outstanding_ = 0; ///< answers that receive() is to take
+    connection_lender *lender_ = nullptr;
+    redis_connection *lent_ = nullptr; ///< where these are to come
+    bool last_was_lent_ = false;
+    std::string with_behind_;
     uint64_t generation_ = 0;
     steady_time last_use_{};
     bool warned_ = false;

@@ -61,69 +61,78 @@ end
 return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, log limit, 'replace' or 'merge', 'number' or 'generation', the
-// table's fields as the client knows them, how many these are, the number that the first change is likely to get, then
-// of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// KEYS index, log, meta, then each record; ARGV writer, what to trim the log to ('' for not now), 'replace' or 'merge',
+// 'number' or 'generation', the table's fields as the client knows them, how many these are, the number that the first
+// change is likely to get, then of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
 // A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
 // fields that it keeps, too. A record stamped with a number that its change did not get is stamped again. A new record
 // may be the first of its table's history.
+// What this leaves to Lua's garbage collector is paid for every 50 calls, in one of them: hence no functions, and no
+// more tables and texts than needed.
 constexpr char write_text[] = R"(
-local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
-local writer, limit, replace, expected = ARGV[1], ARGV[2], ARGV[3] == 'replace', ARGV[7]
-local known = redis.call('HMGET', meta, 'gen', 'fields')
-local gen = ARGV[4] == 'generation' and known[1]
-if ARGV[4] == 'generation' and not gen then
-  return redis.error_reply('NOMETA the metadata is gone')
+local log, expected, gen, fields = KEYS[2], ARGV[7], nil, nil
+if ARGV[4] == 'generation' then
+  local known = redis.call('HMGET', KEYS[3], 'gen', 'fields')
+  gen, fields = known[1], known[2]
+  if not gen then
+    return redis.error_reply('NOMETA the metadata is gone')
+  end
+else
+  fields = redis.call('HGET', KEYS[3], 'fields')
 end
-local whole = known[2] == ARGV[5] and ARGV[6]
+local whole = fields == ARGV[5] and ARGV[6]
 local results, at, new = {}, 8, false
 for i = 4, #KEYS do
-  local record, key, body, count = KEYS[i], ARGV[at], ARGV[at + 1], ARGV[at + 2]
+  local record, count = KEYS[i], ARGV[at + 2]
   local last = at + 2 + 2 * count
-  local result, had = nil, 0
+  local had, result = 0, nil
   if count ~= whole then
     had = redis.pcall('HLEN', record)
     if type(had) ~= 'number' then
       result = had
-    elseif replace and had > 0 then
+    elseif had > 0 and ARGV[3] == 'replace' then
       redis.call('DEL', record)
     end
   end
   if not result then
-    local added = redis.pcall('HSET', record, '#', gen or expected, unpack(ARGV, at + 3, last))
-    if type(added) ~= 'number' then
-      result = added
-    else
-      if added > 0 then
-        redis.call('ZADD', index, 0, key)
-        new = true
-      end
-      if not replace and had + added > count + 1 then
-        local all, parts = redis.call('HGETALL', record), {}
-        for j = 1, #all, 2 do
-          if all[j] ~= '#' then
-            parts[#parts + 1] = all[j + 1]
-          end
+    result = redis.pcall('HSET', record, '#', gen or expected, unpack(ARGV, at + 3, last))
+  end
+  if type(result) == 'number' then
+    local body = ARGV[at + 1]
+    if result > 0 then
+      redis.call('ZADD', KEYS[1], 0, ARGV[at])
+      new = true
+    end
+    if had + result > count + 1 and ARGV[3] == 'merge' then
+      local all, parts = redis.call('HGETALL', record), {}
+      for j = 1, #all, 2 do
+        if all[j] ~= '#' then
+          parts[#parts + 1] = all[j + 1]
         end
-        body = table.concat(parts)
       end
-      result = redis.pcall('XADD', log, 'MAXLEN', '~', limit, '0-*', 'k', key, 'w', writer, 'r', body)
-      if not gen and type(result) == 'string' then
-        local number = string.sub(result, 3)
-        if number ~= expected then
-          redis.call('HSET', record, '#', number)
-        end
+      body = table.concat(parts)
+    end
+    result = redis.pcall('XADD', log, '0-*', 'k', ARGV[at], 'w', ARGV[1], 'r', body)
+    if not gen and type(result) == 'string' then
+      local number = string.sub(result, 3)
+      if number ~= expected then
+        redis.call('HSET', record, '#', number)
+      end
+      if i < #KEYS then
         expected = string.format('%.0f', number + 1)
       end
     end
   end
-  results[#results + 1] = result
+  results[i - 3] = result
   at = last + 1
 end
-if new and not known[1] then
+if ARGV[2] ~= '' then
+  redis.call('XTRIM', log, 'MAXLEN', '~', ARGV[2])
+end
+if new and not fields then
   local now = redis.call('TIME')
-  redis.call('HSET', meta, 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
+  redis.call('HSET', KEYS[3], 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
 end
 return results
 )";

@@ -7,6 +7,8 @@
 
 namespace mom {
 
+constexpr size_t writes_per_trim = 64; ///< a log may be longer than its limit by so much
+
 struct redis_table {
     explicit redis_table(table_ref of) : ref(of)
     {
@@ -37,7 +39,8 @@ struct redis_table {
     std::string generation;       ///< stamp of the records being written
     std::string field_list;       ///< all fields that were ever written,
     std::vector<uint32_t> fields; ///< and their numbers, ascending
-    uint64_t latest = 0;          ///< a change of one's own: the next one's number is likely to be one more
+    uint64_t latest = 0;          ///< number that one's own latest change has, or is likely to get
+    size_t untrimmed = writes_per_trim; ///< changes of one's own since the log was trimmed
 };
 
 /// Where a table's change log stands.
