@@ -9,18 +9,18 @@ namespace mom {
 constexpr size_t records_per_group = 64; // so that no command keeps the server from others for long
 constexpr size_t keys_before_records = 3;
 
-bool write_group::takes(const redis_table &table, write_mode mode, bool whole) const
+bool write_group::takes(const redis_table &table, write_mode mode, bool complete) const
 {
     return records_ == 0 ||
-           (table_ == &table && mode_ == mode && whole_ == whole && records_ < records_per_group);
+           (table_ == &table && mode_ == mode && complete_ == complete && records_ < records_per_group);
 }
 
-void write_group::add(redis_table &table, write_mode mode, bool whole, std::string_view key,
+void write_group::add(redis_table &table, write_mode mode, bool complete, std::string_view key,
                       const encoded_fields &fields, const writer_identity &writer)
 {
     table_ = &table;
     mode_ = mode;
-    whole_ = whole;
+    complete_ = complete;
     ++records_;
     keys_.add(table.prefix, key);
     arguments_.add(key).add(fields.bytes).add(fields.values.size());
@@ -28,11 +28,13 @@ void write_group::add(redis_table &table, write_mode mode, bool whole, std::stri
     for (const auto &field : fields.values)
         arguments_.add(field.number).add(field.bytes);
     argument_count_ += 3 + 2 * fields.values.size();
-    if (!whole)
+    if (!known_beforehand())
         return;
-    if (mode == write_mode::replace) {
-        steps_.begin(2);
-        steps_.add("DEL").add(table.prefix, key);
+    if (!complete_) {
+        steps_.begin(3 + table.fields.size());
+        steps_.add("HDEL").add(table.prefix, key).add("#");
+        for (uint32_t number : table.fields)
+            steps_.add(number);
     }
     steps_.begin(4 + 2 * fields.values.size());
     steps_.add("HSET").add(table.prefix, key).add("#").add(table.generation);
@@ -56,10 +58,14 @@ void write_group::build_transaction(command_buffer &into, std::string_view trim_
 void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer,
                              std::string_view trim_to) const
 {
-    script.begin(into, keys_before_records + records_, 7 + argument_count_);
+    script.begin(into, keys_before_records + records_, 5 + argument_count_);
     into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
     into.add(writer).add(trim_to).add(mode_ == write_mode::replace ? "replace" : "merge");
-    into.add(table_->stamp_kind()).add(table_->field_list).add(table_->fields.size()).add(table_->latest + 1);
+    into.add(complete_ ? std::string_view(table_->field_list) : "?");
+    if (table_->requested())
+        into.add("");
+    else
+        into.add(table_->latest + 1);
     into.add_built(arguments_.bytes());
 }
 
@@ -76,11 +82,10 @@ void write_group::clear()
 
 void command_batch::write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
 {
-    const bool complete = mode == write_mode::replace || fields.values.size() == table.fields.size();
-    const bool whole = table.requested() && complete;
-    if (!open_.takes(table, mode, whole))
+    const bool complete = fields.values.size() == table.fields.size();
+    if (!open_.takes(table, mode, complete))
         close();
-    open_.add(table, mode, whole, key, fields, writer_);
+    open_.add(table, mode, complete, key, fields, writer_);
 }
 
 void command_batch::close()
@@ -93,12 +98,12 @@ void command_batch::close()
     const std::string_view trim_to = trims ? std::string_view(writer_.log_limit) : std::string_view();
     table.untrimmed = trims ? 0 : table.untrimmed;
     item &added = add_item(table, open_.records());
-    command_buffer &calls = open_.whole() ? calls_ : commands_;
+    command_buffer &calls = open_.known_beforehand() ? calls_ : commands_;
     added.start = calls.bytes().size();
     open_.build_call(calls, scripts_.write, writer_.name, trim_to);
     added.size = calls.bytes().size() - added.start;
     table.latest += open_.records();
-    if (open_.whole()) {
+    if (open_.known_beforehand()) {
         const size_t before = commands_.commands();
         open_.build_transaction(commands_, trim_to);
         added.answers = commands_.commands() - before;

@@ -28,13 +28,14 @@ struct writer_identity {
 class write_group {
   public:
     size_t records() const { return records_; }
-    bool takes(const redis_table &table, write_mode mode, bool whole) const;
-    void add(redis_table &table, write_mode mode, bool whole, std::string_view key, const encoded_fields &fields,
+    bool takes(const redis_table &table, write_mode mode, bool complete) const;
+    void add(redis_table &table, write_mode mode, bool complete, std::string_view key, const encoded_fields &fields,
              const writer_identity &writer);
     redis_table *table() const { return table_; }
-    bool whole() const { return whole_; }
+    /// Whether the records' stamps and the log's entries are: then a transaction will do.
+    bool known_beforehand() const { return table_->requested() && (complete_ || mode_ == write_mode::replace); }
     /// How many steps a transaction takes for each record.
-    size_t steps() const { return mode_ == write_mode::replace ? 3 : 2; }
+    size_t steps() const { return complete_ ? 2 : 3; }
     void build_transaction(command_buffer &into, std::string_view trim_to) const;
     void build_call(command_buffer &into, const redis_script &script, std::string_view writer,
                     std::string_view trim_to) const;
@@ -43,7 +44,7 @@ class write_group {
   private:
     redis_table *table_ = nullptr;
     write_mode mode_{};
-    bool whole_ = false;
+    bool complete_ = false; ///< each record has all fields that its table ever had
     size_t records_ = 0;
     command_buffer keys_;
     command_buffer arguments_;

@@ -61,9 +61,10 @@ end
 return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, what to trim the log to ('' for not now), 'replace' or 'merge',
-// 'number' or 'generation', the table's fields as the client knows them, how many these are, the number that the first
-// change is likely to get, then of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// KEYS index, log, meta, then each record; ARGV writer, what to trim the log to ('' for not now), 'replace' or 'merge', the
+// table's fields where each record has all that the client knows of, the number that the first change is likely to get
+// ('' where the stamp is the generation), then of each record: key, fields joined, how many fields, and their numbers
+// and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
 // A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
 // fields that it keeps, too. A record stamped with a number that its change did not get is stamped again. A new record
@@ -71,8 +72,8 @@ return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 // What this leaves to Lua's garbage collector is paid for every 50 calls, in one of them: hence no functions, and no
 // more tables and texts than needed.
 constexpr char write_text[] = R"(
-local log, expected, gen, fields = KEYS[2], ARGV[7], nil, nil
-if ARGV[4] == 'generation' then
+local log, expected, gen, fields = KEYS[2], ARGV[5], nil, nil
+if expected == '' then
   local known = redis.call('HMGET', KEYS[3], 'gen', 'fields')
   gen, fields = known[1], known[2]
   if not gen then
@@ -81,13 +82,13 @@ if ARGV[4] == 'generation' then
 else
   fields = redis.call('HGET', KEYS[3], 'fields')
 end
-local whole = fields == ARGV[5] and ARGV[6]
-local results, at, new = {}, 8, false
+local whole = fields == ARGV[4]
+local results, at, new = {}, 6, false
 for i = 4, #KEYS do
   local record, count = KEYS[i], ARGV[at + 2]
   local last = at + 2 + 2 * count
   local had, result = 0, nil
-  if count ~= whole then
+  if not whole then
     had = redis.pcall('HLEN', record)
     if type(had) ~= 'number' then
       result = had

@@ -111,6 +111,7 @@ TEST_F(refusal, tells_what_is_no_record_under_a_record_s_key)
         EXPECT_EQ(nullptr, read->record);
         tq_mom_hash_res_free(read);
         if (foreign[0] == "SET") {
+            EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_set_sync(context, 8, ace));
             EXPECT_EQ(TQ_MOM_CORRUPT, write_ace(context, 8, ace));
             wait_for([&] { return heard.ends_with("*3 a/1/1=0"); }); // what was told of it is taken back
             EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_del_sync(context, 8, ace));
