@@ -231,7 +231,7 @@ void redis_changes::take_back(int result)
         return;
     const timeval at_once{};
     if (tq_thread_insert_timer_timeval(master_, &rest_timer_,
-                                       on_timer<&redis_changes::take_in, &redis_changes::reconnect_later>, this,
+                                       on_timer<&redis_changes::take_answer, &redis_changes::reconnect_later>, this,
                                        &at_once, "tq_mom rest") != 0)
         reconnect_later();
 }
@@ -269,12 +269,17 @@ void redis_changes::on_readable(tq_loop_watch *, int, int, void *arg)
 
 void redis_changes::take_in()
 {
-    if (connection_ == nullptr)
-        return;
     if (!connection_->take_in()) { // perhaps the server found its answer too big for us
         entries_asked_ = std::max(entries_asked_ / 2, 1u);
         return reconnect_in(std::chrono::milliseconds{0});
     }
+    take_answer();
+}
+
+void redis_changes::take_answer()
+{
+    if (connection_ == nullptr)
+        return;
     const int parsed = connection_->parse();
     if (parsed == 0)
         return;

@@ -84,6 +84,7 @@ class redis_changes final : private connection_lender {
     void nudge_again();
     void leave_it() {} ///< the next answer brings the feed in
     void take_in();
+    void take_answer();
     bool goes_first(const feed &of) const;
     bool accept(reply_view reply);
     bool accept_stream(reply_view stream);

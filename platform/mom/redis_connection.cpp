@@ -90,6 +90,7 @@ int redis_connection::send(std::string_view bytes, steady_time deadline)
 }
 
 constexpr size_t read_size = 16384;
+constexpr unsigned waits_per_look = 16;
 
 // What recv() returned, with the bytes handed to the parser: 0 at the end of the stream, -1 when nothing is there.
 ssize_t redis_connection::read_once()
@@ -105,7 +106,12 @@ ssize_t redis_connection::read_once()
 
 int redis_connection::await_input(steady_time deadline)
 {
-    ssize_t size = read_once(); // a peer on this CPU has mostly had its turn when sending returns
+    // A peer on this CPU has often had its turn when sending returns; where it had not, it is looked for now and then.
+    ssize_t size = -1;
+    if (early_ || ++waits_ % waits_per_look == 0) {
+        size = read_once();
+        early_ = size >= 0;
+    }
     if (size < 0 && spin_.count() > 0) {
         const auto spin_end = steady_clock::now() + spin_;
         do {

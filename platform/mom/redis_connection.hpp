@@ -56,6 +56,8 @@ class redis_connection {
     reader_ptr reader_;
     std::chrono::milliseconds timeout_;
     std::chrono::microseconds spin_;
+    bool early_ = true; ///< the last answer that was looked for before waiting was there
+    unsigned waits_ = 0;
 };
 
 } // namespace mom

@@ -125,13 +125,14 @@ int shorter(int a, int b)
     return a < b ? a : b;
 }
 
-void step(tq_thread_master &master, int timeout_ms)
+// `timeout_ms` bounds the wait of a step in which no timer fired, `timeout_after_ms` that of another.
+void step(tq_thread_master &master, int timeout_ms, int timeout_after_ms)
 {
     master.progress = false;
     fire_due(master);
     if (master.stopped)
         return;
-    poll_once(master, master.progress ? 0 : shorter(timeout_ms, next_timer(master)));
+    poll_once(master, shorter(master.progress ? timeout_after_ms : timeout_ms, next_timer(master)));
     if (!master.progress)
         fire_due(master);
 }
@@ -250,7 +251,7 @@ int tq_loop_run(tq_thread_master *master)
     while (!master->stopped) {
         if (!alive(*master))
             return ENOENT;
-        step(*master, -1);
+        step(*master, -1, -1);
     }
     master->stopped = false;
     return 0;
@@ -266,7 +267,7 @@ int tq_loop_run_once(tq_thread_master *master, int timeout_ms)
     do {
         if (timeout_ms < 0 && !alive(*master))
             return ENOENT;
-        step(*master, remaining);
+        step(*master, remaining, 0);
         if (timeout_ms > 0)
             remaining = timeout_ms - milliseconds_since(start);
     } while (!master->progress && (timeout_ms < 0 || remaining > 0));
