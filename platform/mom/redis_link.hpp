@@ -15,7 +15,7 @@ namespace mom {
 /// together with that: the server, which wakes up for every send, wakes up once.
 class connection_lender {
   public:
-    /// Null when there is nothing to ask; else `behind` is to follow the call, whose answers are then this connection's.
+    /// Null when there is nothing to ask; else `behind` is to follow the call, whose answers come on this connection.
     virtual redis_connection *lend(std::string_view &behind) = 0;
     /// The call was answered, or what became of the connection.
     virtual void take_back(int result) = 0;

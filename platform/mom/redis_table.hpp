@@ -36,10 +36,10 @@ struct redis_table {
 
     // What the table's metadata said when it was last read; a write finds out whether it still does.
     bool known = false;
-    std::string generation;       ///< stamp of the records being written
-    std::string field_list;       ///< all fields that were ever written,
-    std::vector<uint32_t> fields; ///< and their numbers, ascending
-    uint64_t latest = 0;          ///< number that one's own latest change has, or is likely to get
+    std::string generation;             ///< stamp of the records being written
+    std::string field_list;             ///< all fields that were ever written,
+    std::vector<uint32_t> fields;       ///< and their numbers, ascending
+    uint64_t latest = 0;                ///< number that one's own latest change has, or is likely to get
     size_t untrimmed = writes_per_trim; ///< changes of one's own since the log was trimmed
 };
 
