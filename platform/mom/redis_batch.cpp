@@ -217,27 +217,42 @@ command_batch::verdict command_batch::judge_transaction(redis_link &link, const 
     return succeeded(results) ? verdict::done : verdict::partly;
 }
 
-// Of a transaction's records, those that could not be written were listed and told all the same: takes that back.
-void command_batch::undo(redis_link &link, const item &each, std::span<const int> results) const
+// Of a transaction's records, those with something foreign in their place were listed and told all the same: takes that
+// back.
+void command_batch::undo(redis_link &link, const int *results) const
+{
+    command_buffer commands;
+    int failed = TQ_MOM_OK;
+    for (const item &each : items_) {
+        const std::span own(results + each.first, each.results);
+        if (each.steps == 0 || each.is == verdict::done ||
+            std::find(own.begin(), own.end(), TQ_MOM_CORRUPT) == own.end())
+            continue;
+        failed = failed == TQ_MOM_OK ? scripts_.undo.load(link) : failed;
+        build_undo(commands, each, own);
+    }
+    if (commands.commands() > 0 && failed == TQ_MOM_OK)
+        link.exchange(commands);
+}
+
+// The records are those of the call that stands apart.
+void command_batch::build_undo(command_buffer &commands, const item &each, std::span<const int> results) const
 {
     reply_tape parsed;
     const auto reader = make_reader(parsed);
-    const auto text = call(each);
     void *reply = nullptr;
-    if (scripts_.undo.load(link) != TQ_MOM_OK || redisReaderFeed(reader.get(), text.data(), text.size()) != REDIS_OK ||
+    if (redisReaderFeed(reader.get(), call(each).data(), call(each).size()) != REDIS_OK ||
         redisReaderGetReply(reader.get(), &reply) != REDIS_OK)
         return;
-    command_buffer commands;
     auto record = reply_view(parsed, 0).at(3 + keys_before_records); // behind the command, digest and count of keys
     for (const int result : results) {
-        if (result != TQ_MOM_OK) {
+        if (result == TQ_MOM_CORRUPT) {
             scripts_.undo.begin(commands, 3, 3);
             commands.add(record.text()).add(each.table.index).add(each.table.log);
             commands.add(record.text().substr(each.table.prefix.size())).add(writer_.name).add(writer_.log_limit);
         }
         record = record.next();
     }
-    link.exchange(commands);
 }
 
 // Sends calls again, after their scripts and what they rest on.
@@ -282,13 +297,14 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
     results.resize(before + results_, sent ? received : failure_);
     int *const own = results.data() + before;
     judge(link, answers, complete, own);
-    auto again = items_.begin();
-    for (; again != items_.end() && again->is != verdict::again; ++again)
-        if (again->is == verdict::partly && received == TQ_MOM_OK)
-            undo(link, *again, std::span(own + again->first, again->results));
+    const auto again =
+        std::find_if(items_.begin(), items_.end(), [](const item &each) { return each.is == verdict::again; });
     const bool as_known = again == items_.end();
-    if (!as_known && sent && received == TQ_MOM_OK)
-        repeat(link, std::span(again, items_.end()), own);
+    if (sent && received == TQ_MOM_OK) {
+        if (!as_known)
+            repeat(link, std::span(again, items_.end()), own);
+        undo(link, own);
+    }
     if (!sent)
         link.drop();
     commands_.clear();

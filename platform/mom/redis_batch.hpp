@@ -89,7 +89,8 @@ class command_batch {
     void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);
     verdict judge_call(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
     verdict judge_transaction(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
-    void undo(redis_link &link, const item &each, std::span<const int> results) const;
+    void undo(redis_link &link, const int *results) const;
+    void build_undo(command_buffer &commands, const item &each, std::span<const int> results) const;
     void repeat(redis_link &link, std::span<const item> items, int *results) const;
 
     redis_scripts &scripts_;

@@ -108,7 +108,12 @@ int redis_link::send(std::string_view commands, size_t answers, bool at_once)
     lent_ = at_once && outstanding_ == 0 && lender_ != nullptr ? lender_->lend(behind) : nullptr;
     last_was_lent_ = lent_ != nullptr;
     if (lent_ != nullptr) {
-        with_behind_.assign(commands).append(behind);
+        try {
+            with_behind_.assign(commands).append(behind);
+        } catch (...) { // what is behind counts as asked
+            end_loan(TQ_MOM_NO_MEMORY);
+            throw;
+        }
         commands = with_behind_;
     }
     auto &connection = lent_ != nullptr ? *lent_ : *connection_;

@@ -19,12 +19,12 @@ namespace {
 // Returns generation, fields.
 constexpr char meta_text[] = R"(
 local meta = KEYS[1]
-if redis.call('HSETNX', meta, 'epoch', ARGV[1]) == 1 then
-  redis.call('HSET', meta, 'gen', 1, 'fields', '')
-end
+redis.call('HSETNX', meta, 'epoch', ARGV[1])
+redis.call('HSETNX', meta, 'gen', 1)
+redis.call('HSETNX', meta, 'fields', '')
 if ARGV[2] ~= '' then
   local have, list = {}, {}
-  for number in string.gmatch((redis.call('HGET', meta, 'fields') or '') .. ',' .. ARGV[2], '%d+') do
+  for number in string.gmatch(redis.call('HGET', meta, 'fields') .. ',' .. ARGV[2], '%d+') do
     if not have[number] then
       have[number] = true
       list[#list + 1] = tonumber(number)

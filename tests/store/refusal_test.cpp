@@ -250,13 +250,18 @@ TEST_F(refusal, in_a_batch_is_its_result_and_that_of_its_call)
     EXPECT_EQ(TQ_MOM_DENIED, tq_mom_set_sync(application, 8, node)) << "nobody has written to the table yet";
     EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(open("", "plx-node"), 8, node));
     server.run({"SET", "plx{8:ace}:a,a1,a2", "foreign"});
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
-    for (uint64_t sn : {1, 2, 3})
-        EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, sn, sn)));
-    EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, node));
-    std::array<int, 4> results{-1, -1, -1, -1};
-    EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_batch_end(application, results.data(), results.size()));
-    EXPECT_EQ((std::array{0, int(TQ_MOM_CORRUPT), 0, int(TQ_MOM_DENIED)}), results);
+    for (const bool stale : {false, true}) {
+        if (stale) // the batch finds the metadata changed, and writes all again
+            tq_mom_dsbegin_sync(context, 8, ace, 1, 1000);
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));
+        for (uint64_t sn : {1, 2, 3})
+            EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, sn, sn)));
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(application, 8, node));
+        std::array<int, 4> results{-1, -1, -1, -1};
+        EXPECT_EQ(TQ_MOM_CORRUPT, tq_mom_batch_end(application, results.data(), results.size()));
+        EXPECT_EQ((std::array{0, int(TQ_MOM_CORRUPT), 0, int(TQ_MOM_DENIED)}), results);
+        EXPECT_EQ("nil", server.run({"ZSCORE", "plx{8:ace}/index", "a,a1,a2"}));
+    }
     server.run({"DEL", "plx{8:ace}:a,a1,a2"});
     EXPECT_EQ(2u, stored(application).size());
     EXPECT_EQ(TQ_MOM_OK, tq_mom_batch_end(application, nullptr, 0));
