@@ -251,6 +251,7 @@ TEST_F(refusal, in_a_batch_is_its_result_and_that_of_its_call)
     EXPECT_EQ(TQ_MOM_OK, tq_mom_set_sync(open("", "plx-node"), 8, node));
     server.run({"SET", "plx{8:ace}:a,a1,a2", "foreign"});
     for (const bool stale : {false, true}) {
+        EXPECT_EQ(TQ_MOM_OK, write_ace(application, 8, ace_record("a", 1, 3)));
         if (stale) // the batch finds the metadata changed, and writes all again
             tq_mom_dsbegin_sync(context, 8, ace, 1, 1000);
         ASSERT_EQ(TQ_MOM_OK, tq_mom_batch_begin(application));

@@ -1,9 +1,11 @@
 // The built plx, run as a program: exit codes, what it prints, and the simulated nodes behind a mem: store.
 #include "process.hpp"
 
-#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <sstream>
 
 namespace plx::tool {
 namespace {
@@ -12,7 +14,6 @@ using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::string edge = EXAMPLES "/edge.yaml";
 
@@ -28,72 +29,61 @@ applies:
   - {acl: 1, port: 5, direction: in}
 )";
 
+std::vector<std::string> words(const std::string &line)
+{
+    std::istringstream stream(line);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
 class Apply : public testing::Test {
   protected:
-    Result apply(std::vector<std::string> arguments, const std::string &policy = two_entries)
+    Result apply(const std::string &arguments, const std::string &policy = two_entries)
     {
-        arguments.insert(arguments.begin(), "apply");
-        arguments.push_back(directory_.write("policy.yaml", policy));
-        return run_plx(arguments);
+        return run_plx(words("apply " + arguments + ' ' + directory_.write("policy.yaml", policy)));
     }
 
     TemporaryDirectory directory_;
 };
 
-TEST_F(Apply, programs_a_policy_on_a_node_of_its_own)
+// A policy whose entry is applied nowhere.
+std::string unbound(const std::string &application)
 {
-    const Result result = apply({});
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.err, IsEmpty());
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("acl 1 guard +stored"), ContainsRegex("acl 1 on port 5 in +programmed"),
-                                  ContainsRegex("acl 1 sn 1 first +programmed +ok +[0-9.]+ m?s"),
-                                  HasSubstr("3 programmed, 1 stored; service nodes: 1")));
+    return "application: " + application + "\nacls: [{id: 1, class: 1, entries: [{sn: 1, action: {fwd: deny}}]}]\n";
 }
 
-TEST_F(Apply, takes_the_answers_of_all_nodes)
-{
-    const Result result = apply({"--nodes", "5"});
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.out, HasSubstr("3 programmed, 1 stored; service nodes: 5"));
-}
+struct Ending {
+    const char *arguments;
+    int exit_code;
+    std::vector<const char *> shown; // regular expressions
+    std::string policy = two_entries;
+};
 
-TEST_F(Apply, shows_what_one_of_the_nodes_has_no_room_for)
+TEST_F(Apply, shows_what_became_of_each_entry_and_ends_with_its_exit_code)
 {
-    const Result result = apply({"--nodes", "3", "--table-size", "10,10,1"});
-    EXPECT_EQ(3, result.exit_code);
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("sn 1 first +programmed"),
-                                  ContainsRegex("sn 2 last +failed +table full \\(101\\)")));
-}
-
-TEST_F(Apply, shows_a_refused_binding)
-{
-    const Result result = apply({"--nodes", "2", "--simulate", "2:refuse=edge/1"});
-    EXPECT_EQ(3, result.exit_code);
-    EXPECT_THAT(result.out, ContainsRegex("on port 5 in +failed +refused by configuration \\(105\\)"));
-    EXPECT_THAT(result.out, HasSubstr("1 stored, 3 failed"));
-}
-
-TEST_F(Apply, calls_entries_that_nobody_need_confirm_stored)
-{
-    const Result result = apply({"--simulate", "1:silent"}, "application: edge\nacls:\n- {id: 1, class: 1, entries: "
-                                                            "[{sn: 1, action: {fwd: deny}}]}\n");
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("sn 1 +stored +not applied to a port"), HasSubstr("2 stored;")));
-}
-
-TEST_F(Apply, has_the_entries_of_the_security_application_confirmed_without_a_binding)
-{
-    const Result result = apply({}, "application: security_app\nacls:\n- {id: 1, class: 1, entries: "
-                                    "[{sn: 1, action: {fwd: deny}}]}\n");
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.out, ContainsRegex("sn 1 +programmed"));
-}
-
-TEST_F(Apply, gives_up_on_a_silent_node_when_its_time_is_over)
-{
-    const Result result = apply({"--nodes", "2", "--simulate", "2:silent=*/1/2", "--timeout", "2"});
-    EXPECT_EQ(4, result.exit_code);
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("sn 1 first +programmed"), ContainsRegex("sn 2 last +timed out")));
+    const Ending endings[] = {
+        {"",
+         0,
+         {"acl 1 guard +stored", "acl 1 on port 5 in +programmed", "acl 1 sn 1 first +programmed +ok +[0-9.]+ m?s",
+          "3 programmed, 1 stored; service nodes: 1"}},
+        {"--nodes 5", 0, {"3 programmed, 1 stored; service nodes: 5"}},
+        {"--simulate 1:delay=50", 0, {"3 programmed, 1 stored"}},
+        {"--atomic --nodes 3", 0, {"3 programmed, 1 stored; service nodes: 3"}},
+        {"--db 3", 0, {"3 programmed, 1 stored"}},
+        {"--nodes 3 --table-size 10,10,1", 3, {"sn 1 first +programmed", "sn 2 last +failed +table full \\(101\\)"}},
+        {"--nodes 2 --simulate 2:refuse=edge/1",
+         3,
+         {"on port 5 in +failed +refused by configuration \\(105\\)", "1 stored, 3 failed"}},
+        {"--simulate 1:silent", 0, {"sn 1 +stored +not applied to a port", "2 stored;"}, unbound("edge")},
+        {"", 0, {"sn 1 +programmed"}, unbound("security_app")}, // whose entries are confirmed without a binding
+        {"--nodes 2 --simulate 2:silent=*/1/2 --timeout 2", 4, {"sn 1 first +programmed", "sn 2 last +timed out"}}};
+    for (const auto &[arguments, exit_code, shown, policy] : endings) {
+        SCOPED_TRACE(arguments + policy);
+        const Result result = apply(arguments, policy);
+        EXPECT_EQ(exit_code, result.exit_code);
+        EXPECT_THAT(result.err, IsEmpty());
+        for (const char *part : shown)
+            EXPECT_THAT(result.out, ContainsRegex(part));
+    }
 }
 
 TEST_F(Apply, does_not_call_programmed_what_only_aged)
@@ -104,26 +94,6 @@ TEST_F(Apply, does_not_call_programmed_what_only_aged)
     EXPECT_EQ(4, result.exit_code) << result.err;
     EXPECT_THAT(result.out, AllOf(ContainsRegex("sn 1 first +aged +1 of 2 nodes answered +[0-9]+\\.[0-9]+ s"),
                                   ContainsRegex("sn 2 last +programmed")));
-}
-
-TEST_F(Apply, waits_for_answers_that_are_late)
-{
-    const Result result = apply({"--simulate", "1:delay=50"});
-    EXPECT_EQ(0, result.exit_code);
-}
-
-TEST_F(Apply, makes_a_staged_policy_take_effect_as_one)
-{
-    const Result result = apply({"--atomic", "--nodes", "3"});
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.out, HasSubstr("3 programmed, 1 stored; service nodes: 3"));
-}
-
-TEST_F(Apply, writes_to_the_database_that_it_is_given)
-{
-    const Result result = apply({"--db", "3"});
-    EXPECT_EQ(0, result.exit_code);
-    EXPECT_THAT(result.out, HasSubstr("3 programmed, 1 stored"));
 }
 
 TEST_F(Apply, shows_its_progress_on_a_terminal)
@@ -150,7 +120,7 @@ TEST_F(Apply, programs_the_example_of_an_edge_switch)
 
 TEST_F(Apply, reports_every_error_of_a_file_and_writes_nothing)
 {
-    const Result result = apply({}, "application: edge\nacls:\n- id: 1\n  clas: 1\n  entries:\n  - {sn: x}\n");
+    const Result result = apply("", "application: edge\nacls:\n- id: 1\n  clas: 1\n  entries:\n  - {sn: x}\n");
     EXPECT_EQ(2, result.exit_code);
     EXPECT_THAT(result.out, IsEmpty());
     const std::string file = directory_.path() + "/policy.yaml";
@@ -168,41 +138,34 @@ TEST_F(Apply, refuses_a_file_that_cannot_be_read)
     EXPECT_THAT(result.err, HasSubstr("missing.yaml: cannot be opened: No such file or directory"));
 }
 
-struct Usage {
-    std::vector<std::string> arguments;
-    const char *error;
-};
-
-void PrintTo(const Usage &usage, std::ostream *out)
+TEST(CommandLine, that_is_wrong_is_told_with_exit_code_1)
 {
-    *out << usage.error;
+    struct Usage {
+        const char *arguments, *error;
+    };
+    const Usage cases[] = {{"", "subcommand is required"},
+                           {"aply", "required"},
+                           {"apply", "FILE is required"},
+                           {"apply FILE FILE", "not expected"},
+                           {"apply --nods 2 FILE", "--nods"},
+                           {"apply --nodes 0 FILE", "--nodes"},
+                           {"apply --nodes 256 FILE", "--nodes"},
+                           {"apply --timeout -1 FILE", "--timeout"},
+                           {"apply --db x FILE", "--db"},
+                           {"apply --table-size 1,2 FILE", "more sizes than there are nodes"},
+                           {"apply --simulate 2:silent FILE", "'2:silent' is not NODE:WHAT"},
+                           {"apply --simulate silent FILE", "is not NODE:WHAT"},
+                           {"apply --simulate 1:sleep FILE", "is not NODE:WHAT"},
+                           {"apply --store unix:/x --simulate 1:silent FILE", "are for nodes on a mem: store"},
+                           {"apply --store nonsense FILE", "'nonsense' is not the address of a store"}};
+    for (const auto &[arguments, error] : cases) {
+        SCOPED_TRACE(arguments);
+        const Result result = run_plx(words(std::regex_replace(arguments, std::regex("FILE"), edge)));
+        EXPECT_EQ(1, result.exit_code);
+        EXPECT_THAT(result.err, HasSubstr(error));
+        EXPECT_THAT(result.out, IsEmpty());
+    }
 }
-
-class WrongUsage : public testing::TestWithParam<Usage> {};
-
-TEST_P(WrongUsage, is_told_with_exit_code_1)
-{
-    std::vector<std::string> arguments = GetParam().arguments;
-    std::replace(arguments.begin(), arguments.end(), std::string("FILE"), edge);
-    const Result result = run_plx(arguments);
-    EXPECT_EQ(1, result.exit_code);
-    EXPECT_THAT(result.err, HasSubstr(GetParam().error));
-    EXPECT_THAT(result.out, IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CommandLines, WrongUsage,
-    testing::Values(
-        Usage{{}, "subcommand is required"}, Usage{{"aply"}, "required"}, Usage{{"apply"}, "FILE is required"},
-        Usage{{"apply", "FILE", "FILE"}, "not expected"}, Usage{{"apply", "--nods", "2", "FILE"}, "--nods"},
-        Usage{{"apply", "--nodes", "0", "FILE"}, "--nodes"}, Usage{{"apply", "--nodes", "256", "FILE"}, "--nodes"},
-        Usage{{"apply", "--timeout", "-1", "FILE"}, "--timeout"}, Usage{{"apply", "--db", "x", "FILE"}, "--db"},
-        Usage{{"apply", "--table-size", "1,2", "FILE"}, "more sizes than there are nodes"},
-        Usage{{"apply", "--simulate", "2:silent", "FILE"}, "'2:silent' is not NODE:WHAT"},
-        Usage{{"apply", "--simulate", "silent", "FILE"}, "is not NODE:WHAT"},
-        Usage{{"apply", "--simulate", "1:sleep", "FILE"}, "is not NODE:WHAT"},
-        Usage{{"apply", "--store", "unix:/x", "--simulate", "1:silent", "FILE"}, "are for nodes on a mem: store"},
-        Usage{{"apply", "--store", "nonsense", "FILE"}, "'nonsense' is not the address of a store"}));
 
 TEST_F(Apply, says_when_the_store_cannot_be_reached)
 {

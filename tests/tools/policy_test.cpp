@@ -78,46 +78,17 @@ acls:
     EXPECT_EQ(1U, result.policy->acls.at(1).entries.size());
 }
 
+// Faults that are reported alone, each at its place.
 struct Fault {
-    const char *text;
-    const char *error;
+    const char *text, *error;
 };
 
-void PrintTo(const Fault &fault, std::ostream *out)
+void expect_one_fault(const std::string &text, const char *error)
 {
-    *out << fault.error;
-}
-
-class OneFault : public testing::TestWithParam<Fault> {};
-
-TEST_P(OneFault, is_reported_alone_at_its_place)
-{
-    const Read result = read(GetParam().text);
+    const Read result = read(text);
     EXPECT_FALSE(result.policy.has_value());
-    EXPECT_THAT(result.errors, ElementsAre(HasSubstr(GetParam().error))) << GetParam().text;
+    EXPECT_THAT(result.errors, ElementsAre(HasSubstr(error))) << text;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Shape, OneFault,
-    testing::Values(
-        Fault{"", "1:1: the file is empty"}, Fault{"# nothing\n", "1:1: the file is empty"},
-        Fault{"just text", "1:1: the policy must be a map, not a plain value"},
-        Fault{"- a\n- b\n", "1:1: the policy must be a map, not a list"},
-        Fault{"acls: []\n", "1:1: the policy has no 'application'"},
-        Fault{"application: a\n", "1:1: the policy has no 'acls'"},
-        Fault{"application: a\nacls: {}\n", "2:7: acls must be a list, not a map"},
-        Fault{"application: a\nacls:\n", "acls must be a list, not nothing"},
-        Fault{"application: a\nacls: []\nacl: []\n", "3:1: the policy has no key 'acl'; did you mean 'acls'?"},
-        Fault{"application: a\nacls: []\nacls: []\n", "3:1: 'acls' is there twice, first on line 2"},
-        Fault{"application: a\nacls: []\n? [x]\n: 1\n", "a key must be a plain value, not a list"},
-        Fault{"application: a\nacls: [\n", ""}, Fault{"application: 'a\n", ""},
-        Fault{"application: a\nacls: *nobody\n", ""},
-        Fault{"application: a\nacls: []\n---\nb: c\n", "a second document"},
-        Fault{"application: 12345678901234567890123456789012\nacls: []\n",
-              "1:14: the application type has 32 characters, more than 31"},
-        Fault{"application: ''\nacls: []\n", "1:14: the application type is empty"},
-        Fault{"application: \"a\\0b\"\nacls: []\n", "1:14: the application type has unprintable characters"},
-        Fault{"application: [a]\nacls: []\n", "1:14: the application type must be a plain value, not a list"}));
 
 // One ACL with what is given, then applies.
 std::string with_entry(const std::string &entry, const std::string &applies = "[]")
@@ -125,72 +96,82 @@ std::string with_entry(const std::string &entry, const std::string &applies = "[
     return "application: a\nacls:\n- id: 1\n  class: 1\n  entries:\n  - " + entry + "\napplies: " + applies + "\n";
 }
 
-struct EntryFault {
-    std::string entry;
-    const char *error;
-};
-
-void PrintTo(const EntryFault &fault, std::ostream *out)
+TEST(OneFault, in_the_shape_is_reported_alone_at_its_place)
 {
-    *out << fault.error;
+    constexpr Fault faults[] = {
+        {"", "1:1: the file is empty"},
+        {"# nothing\n", "1:1: the file is empty"},
+        {"just text", "1:1: the policy must be a map, not a plain value"},
+        {"- a\n- b\n", "1:1: the policy must be a map, not a list"},
+        {"acls: []\n", "1:1: the policy has no 'application'"},
+        {"application: a\n", "1:1: the policy has no 'acls'"},
+        {"application: a\nacls: {}\n", "2:7: acls must be a list, not a map"},
+        {"application: a\nacls:\n", "acls must be a list, not nothing"},
+        {"application: a\nacls: []\nacl: []\n", "3:1: the policy has no key 'acl'; did you mean 'acls'?"},
+        {"application: a\nacls: []\nacls: []\n", "3:1: 'acls' is there twice, first on line 2"},
+        {"application: a\nacls: []\n? [x]\n: 1\n", "a key must be a plain value, not a list"},
+        {"application: a\nacls: [\n", ""},
+        {"application: 'a\n", ""},
+        {"application: a\nacls: *nobody\n", ""},
+        {"application: a\nacls: []\n---\nb: c\n", "a second document"},
+        {"application: 12345678901234567890123456789012\nacls: []\n",
+         "1:14: the application type has 32 characters, more than 31"},
+        {"application: ''\nacls: []\n", "1:14: the application type is empty"},
+        {"application: \"a\\0b\"\nacls: []\n", "1:14: the application type has unprintable characters"},
+        {"application: [a]\nacls: []\n", "1:14: the application type must be a plain value, not a list"},
+        {"application: a\nacls: []\n\"\\e]0;owned\\a\": 1\n", "no key '\\x1b]0;owned\\x07'"},
+        {"application: a\nacls: &all [*all]\n", "an alias to a part that holds it"}};
+    for (const auto &[text, error] : faults)
+        expect_one_fault(text, error);
 }
 
-class OneFaultInAnEntry : public testing::TestWithParam<EntryFault> {};
-
-TEST_P(OneFaultInAnEntry, is_reported_alone_at_its_place)
+TEST(OneFault, in_an_entry_is_reported_alone_at_its_place)
 {
-    const Read result = read(with_entry(GetParam().entry));
-    EXPECT_THAT(result.errors, ElementsAre(HasSubstr(GetParam().error))) << GetParam().entry;
+    constexpr Fault faults[] = {
+        {"{}", "6:5: an entry has no 'sn'"},
+        {"5", "6:5: an entry must be a map"},
+        {"{sn: -1}", "6:10: the entry's sn: '-1' is not a number"},
+        {"{sn: 18446744073709551616}", "6:10: the entry's sn"},
+        {"{sn: 1, priority: high}", "6:23: the entry's priority: 'high'"},
+        {"{sn: 1, default: perhaps}", "6:22: default: 'perhaps' is neither"},
+        {"{sn: 1, prority: 2}", "6:13: an entry has no key 'prority'; did you mean 'priority'?"},
+        {"{sn: 1, match: [vid]}", "6:20: match must be a map, not a list"},
+        {"{sn: 1, match: {vid: [5]}}", "6:26: vid must be a plain value"},
+        {"{sn: 1, match: {vid: }}", "vid must be a plain value, not nothing"},
+        {"{sn: 1, match: {vid: 5000}}", "6:26: vid: '5000' is out of range: 0 to 4095"},
+        {"{sn: 1, match: {vid: 5, vid: 6}}", "6:29: 'vid' is there twice, first on line 6"},
+        {"{sn: 1, match: {ipv4_scr: 1.2.3.4}}",
+         "6:21: there is no match attribute 'ipv4_scr'; did you mean 'ipv4_src'?"},
+        {"{sn: 1, match: {fwd: deny}}", "6:21: there is no match attribute 'fwd', but one under 'action'"},
+        {"{sn: 1, name: 'abcdefghijklmnopqrstuvwxyz123456'}", "6:19: the entry's name has 32"},
+        {"{sn: 1}\n  - {sn: 0x1}", "7:10: sn 1 is there twice in ACL 1, first on line 6"},
+        {"{sn: 1, default: true}\n  - {sn: 2, default: true}",
+         "7:10: a second default entry in ACL 1, the first is on line 6"}};
+    for (const auto &[entry, error] : faults)
+        expect_one_fault(with_entry(entry), error);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Entries, OneFaultInAnEntry,
-    testing::Values(EntryFault{"{}", "6:5: an entry has no 'sn'"}, EntryFault{"5", "6:5: an entry must be a map"},
-                    EntryFault{"{sn: -1}", "6:10: the entry's sn: '-1' is not a number"},
-                    EntryFault{"{sn: 18446744073709551616}", "6:10: the entry's sn"},
-                    EntryFault{"{sn: 1, priority: high}", "6:23: the entry's priority: 'high'"},
-                    EntryFault{"{sn: 1, default: perhaps}", "6:22: default: 'perhaps' is neither"},
-                    EntryFault{"{sn: 1, prority: 2}", "6:13: an entry has no key 'prority'; did you mean 'priority'?"},
-                    EntryFault{"{sn: 1, match: [vid]}", "6:20: match must be a map, not a list"},
-                    EntryFault{"{sn: 1, match: {vid: [5]}}", "6:26: vid must be a plain value"},
-                    EntryFault{"{sn: 1, match: {vid: }}", "vid must be a plain value, not nothing"},
-                    EntryFault{"{sn: 1, match: {vid: 5000}}", "6:26: vid: '5000' is out of range: 0 to 4095"},
-                    EntryFault{"{sn: 1, match: {vid: 5, vid: 6}}", "6:29: 'vid' is there twice, first on line 6"},
-                    EntryFault{"{sn: 1, match: {ipv4_scr: 1.2.3.4}}",
-                               "6:21: there is no match attribute 'ipv4_scr'; did you mean 'ipv4_src'?"},
-                    EntryFault{"{sn: 1, match: {fwd: deny}}",
-                               "6:21: there is no match attribute 'fwd', but one under 'action'"},
-                    EntryFault{"{sn: 1, name: 'abcdefghijklmnopqrstuvwxyz123456'}", "6:19: the entry's name has 32"},
-                    EntryFault{"{sn: 1}\n  - {sn: 0x1}", "7:10: sn 1 is there twice in ACL 1, first on line 6"},
-                    EntryFault{"{sn: 1, default: true}\n  - {sn: 2, default: true}",
-                               "7:10: a second default entry in ACL 1, the first is on line 6"}));
-
-class OneFaultInApplies : public testing::TestWithParam<EntryFault> {};
-
-TEST_P(OneFaultInApplies, is_reported_alone_at_its_place)
+TEST(OneFault, in_the_applies_is_reported_alone_at_its_place)
 {
-    const Read result = read(with_entry("{sn: 1}", GetParam().entry));
-    EXPECT_THAT(result.errors, ElementsAre(HasSubstr(GetParam().error))) << GetParam().entry;
+    constexpr Fault faults[] = {
+        {"[{acl: 2, port: 1, direction: in}]", "7:17: there is no ACL 2 in this policy"},
+        {"[{acl: 2, port: [], direction: in}]", "7:17: there is no ACL 2 in this policy"},
+        {"[{acl: 1, direction: in}]", "7:11: an apply has no 'port'"},
+        {"[{acl: 1, port: 1}]", "7:11: an apply has no 'direction'"},
+        {"[{acl: 1, port: 1, direction: up}]", "7:40: direction 'up' is neither in nor out"},
+        {"[{acl: 1, port: 5-2, direction: in}]", "7:26: '5-2' is not a port number or a range"},
+        {"[{acl: 1, port: 4294967296, direction: in}]", "7:26: '4294967296' is not a port"},
+        {"[{acl: 1, port: 0-4294967295, direction: in}]", "more than 4096 ports in one apply"},
+        {"[{acl: 1, port: [1-4000, 5000-5096], direction: in}]", "7:35: more than 4096 ports"},
+        {"[{acl: 1, port: {a: b}, direction: in}]", "7:26: the apply's port must be a plain"},
+        {"[{acl: 1, port: 1, direction: in, priority: 4294967296}]", "7:54: the apply's priority"},
+        {"[{acl: 1, port: [3, 1-4], direction: in}]", "7:17: ACL 1 is applied twice to port 3"},
+        {"[{acl: 1, port: 1, direction: in}, {acl: 1, port: 1, direction: out}]",
+         "7:51: ACL 1 is applied twice to port 1, first on line 7: in another direction it needs "
+         "another priority"}};
+    for (const auto &[applies, error] : faults)
+        expect_one_fault(with_entry("{sn: 1}", applies), error);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Applies, OneFaultInApplies,
-    testing::Values(EntryFault{"[{acl: 2, port: 1, direction: in}]", "7:17: there is no ACL 2 in this policy"},
-                    EntryFault{"[{acl: 2, port: [], direction: in}]", "7:17: there is no ACL 2 in this policy"},
-                    EntryFault{"[{acl: 1, direction: in}]", "7:11: an apply has no 'port'"},
-                    EntryFault{"[{acl: 1, port: 1}]", "7:11: an apply has no 'direction'"},
-                    EntryFault{"[{acl: 1, port: 1, direction: up}]", "7:40: direction 'up' is neither in nor out"},
-                    EntryFault{"[{acl: 1, port: 5-2, direction: in}]", "7:26: '5-2' is not a port number or a range"},
-                    EntryFault{"[{acl: 1, port: 4294967296, direction: in}]", "7:26: '4294967296' is not a port"},
-                    EntryFault{"[{acl: 1, port: 0-4294967295, direction: in}]", "more than 4096 ports in one apply"},
-                    EntryFault{"[{acl: 1, port: [1-4000, 5000-5096], direction: in}]", "7:35: more than 4096 ports"},
-                    EntryFault{"[{acl: 1, port: {a: b}, direction: in}]", "7:26: the apply's port must be a plain"},
-                    EntryFault{"[{acl: 1, port: 1, direction: in, priority: 4294967296}]",
-                               "7:54: the apply's priority"},
-                    EntryFault{"[{acl: 1, port: [3, 1-4], direction: in}]", "7:17: ACL 1 is applied twice to port 3"},
-                    EntryFault{"[{acl: 1, port: 1, direction: in}, {acl: 1, port: 1, direction: out}]",
-                               "7:51: ACL 1 is applied twice to port 1, first on line 7: in another direction it needs "
-                               "another priority"}));
 
 TEST(Faults, are_all_reported_in_the_order_of_the_file)
 {
