@@ -5,8 +5,6 @@
 #include "redis_changes.hpp"
 #include "redis_engine.hpp"
 
-#include <random>
-
 namespace mom {
 namespace {
 
@@ -77,9 +75,8 @@ int redis_engine::scan(table_ref ref, const key_range &range, record_sink &sink)
 int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_seconds)
 {
     auto &table = table_of(ref);
-    std::random_device device;
     mark_stamp mark;
-    mark.token = std::to_string(device()) + "-" + writer_.name;
+    mark.token = random_name();
     table.known = false;
     const int result = run(scripts_.mark, [&](command_buffer &commands) {
         scripts_.mark.begin(commands, 2, 3);
