@@ -28,39 +28,25 @@ void look_at(const fp_udp_acl_info *acl)
     fuzz::require(strnlen(acl->app_type, sizeof acl->app_type) < sizeof acl->app_type, "a told type is terminated");
 }
 
+// Any callback that is told of an ACL, whatever else it is told.
+template <class... Told> int32_t told(void *, const fp_udp_acl_info *acl, Told...)
+{
+    look_at(acl);
+    return call_back();
+}
+
 fp_udp_acl_handler handler()
 {
     fp_udp_acl_handler h{};
     h.set_acl_ok_cb = [](void *, const fp_udp_acl *, const uint8_t *) { return call_back(); };
     h.set_acl_fail_cb = [](void *, const fp_udp_acl *, int32_t, const uint8_t *) { return call_back(); };
-    h.ace_reply_ok_cb = [](void *, const fp_udp_acl_info *acl, uint64_t, const uint8_t *) {
-        look_at(acl);
-        return call_back();
-    };
-    h.ace_fail_cb = [](void *, const fp_udp_acl_info *acl, uint64_t, int32_t, const uint8_t *) {
-        look_at(acl);
-        return call_back();
-    };
-    h.apply_reply_ok_cb = [](void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *, const uint8_t *) {
-        look_at(acl);
-        return call_back();
-    };
-    h.apply_fail_cb = [](void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *, int32_t, const uint8_t *) {
-        look_at(acl);
-        return call_back();
-    };
-    h.ace_counter_cb = [](void *, const fp_udp_acl_info *acl, uint64_t, const fp_udp_ace_counter *) {
-        look_at(acl);
-        return call_back();
-    };
-    h.acl_change_cb = [](void *, const fp_udp_acl_info *acl, int32_t) {
-        look_at(acl);
-        return call_back();
-    };
-    h.ace_change_cb = [](void *, const fp_udp_acl_info *acl, uint64_t, int32_t) {
-        look_at(acl);
-        return call_back();
-    };
+    h.ace_reply_ok_cb = told;
+    h.ace_fail_cb = told;
+    h.apply_reply_ok_cb = told;
+    h.apply_fail_cb = told;
+    h.ace_counter_cb = told;
+    h.acl_change_cb = told;
+    h.ace_change_cb = told;
     return h;
 }
 
@@ -86,28 +72,28 @@ void put(char (&field)[FP_UDP_APP_TYPE_SIZE], const char *name)
     strncpy(field, name == nullptr ? "" : name, sizeof field);
 }
 
-fp_udp_acl_key any_acl_key()
+// An ACL, its key or its description.
+template <class Acl> Acl named(const char *type, uint32_t id)
 {
-    fp_udp_acl_key key{};
-    put(key.app_type, any_name());
-    key.acl_id = any_id();
-    return key;
-}
-
-fp_udp_acl_info any_acl()
-{
-    fp_udp_acl_info acl{};
-    put(acl.app_type, any_name());
-    acl.acl_id = any_id();
+    Acl acl{};
+    put(acl.app_type, type);
+    acl.acl_id = id;
     return acl;
 }
 
-fp_udp_apply_info any_apply()
+template <class Acl> Acl any()
 {
-    fp_udp_apply_info apply{};
+    const char *type = any_name();
+    return named<Acl>(type, any_id());
+}
+
+// An apply or its key.
+template <class Apply> Apply any_apply()
+{
+    Apply apply{};
     put(apply.apply_type, any_name());
     apply.phyid = any_id();
-    apply.pri = apply.value_pri = any_id();
+    apply.priority = any_id();
     return apply;
 }
 
@@ -115,15 +101,13 @@ fp_udp_apply_info any_apply()
 
 void set_an_acl()
 {
-    fp_udp_acl acl{};
-    put(acl.app_type, any_name());
-    acl.acl_id = any_id();
+    const auto acl = any<fp_udp_acl>();
     mgr->set_acl(&fuzz::context, &acl);
 }
 
 void set_an_ace()
 {
-    const fp_udp_acl_key key = any_acl_key();
+    const auto key = any<fp_udp_acl_key>();
     fp_udp_ace *ace = mgr->alloc_ace(any_id(), script->number());
     mgr->set_ace(&fuzz::context, &key, ace);
     mgr->free_ace(ace);
@@ -131,12 +115,8 @@ void set_an_ace()
 
 void set_an_apply()
 {
-    const fp_udp_acl_info acl = any_acl();
-    const fp_udp_apply_info info = any_apply();
-    fp_udp_apply_key key{};
-    memcpy(key.apply_type, info.apply_type, sizeof key.apply_type);
-    key.phyid = info.phyid;
-    key.priority = info.pri;
+    const auto acl = any<fp_udp_acl_info>();
+    const auto key = any_apply<fp_udp_apply_key>();
     fp_udp_apply *apply = mgr->alloc_apply(&key);
     mgr->set_apply(&fuzz::context, &acl, any_id(), apply);
     mgr->free_apply(apply);
@@ -144,7 +124,7 @@ void set_an_apply()
 
 void delete_something()
 {
-    const fp_udp_acl_key key = any_acl_key();
+    const auto key = any<fp_udp_acl_key>();
     if (script->chance()) {
         mgr->del_acl(&fuzz::context, &key);
         return;
@@ -153,12 +133,8 @@ void delete_something()
         mgr->delete_ace(&fuzz::context, &key, any_id());
         return;
     }
-    const fp_udp_acl_info acl = any_acl();
-    const fp_udp_apply_info info = any_apply();
-    fp_udp_apply apply{};
-    memcpy(apply.apply_type, info.apply_type, sizeof apply.apply_type);
-    apply.phyid = info.phyid;
-    apply.priority = info.pri;
+    const auto acl = any<fp_udp_acl_info>();
+    const auto apply = any_apply<fp_udp_apply>();
     mgr->del_apply(&fuzz::context, &acl, &apply);
 }
 
@@ -186,39 +162,23 @@ void break_the_store()
 template <class Record, class Key> struct made {
     Key key;
     Record record;
-    const ProtobufCMessage *message() const { return &record.base; }
+
+    const ProtobufCMessage *message()
+    {
+        record.index = script->below(16) == 0 ? nullptr : &key;
+        return &record.base;
+    }
 };
 
 template <class Record> using ace_keyed = made<Record, SPolicy__AceKey>;
-using apply_answer = made<SPolicy__ApplyPsta, SPolicy__ApplyKey>;
 
-template <class Made> void give_key(Made &made)
+SPolicy__AceKey any_ace_key()
 {
-    made.record.index = script->below(16) == 0 ? nullptr : &made.key;
-}
-
-void fill(SPolicy__AceKey &key)
-{
-    key = S_POLICY__ACE_KEY__INIT;
+    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
     key.t_app_type = const_cast<char *>(any_name());
     key.acl_id = any_id();
     key.sn = any_id();
-}
-
-void fill(SPolicy__ApplyKey &key)
-{
-    key = S_POLICY__APPLY_KEY__INIT;
-    key.t_apply_type = const_cast<char *>(any_name());
-    key.app_type = const_cast<char *>(any_name());
-    key.acl_id = any_id();
-    key.phyid = any_id();
-    key.priority = any_id();
-}
-
-// The identifier of the write that is being waited for, now and then another.
-template <class Node> uint64_t answered_write(const Node *node, uint64_t newest)
-{
-    return node != nullptr && script->below(8) != 0 ? newest : script->number<uint64_t>();
+    return key;
 }
 
 int32_t any_event()
@@ -240,49 +200,50 @@ void deliver(const char *table, int32_t event, const ProtobufCMessage *record)
                         (oddity & 0xc0) == 0xc0 ? 1 : 0);
 }
 
+// Answers the write that is being waited for, now and then another.
+template <class Answer> void answer(const char *table, Answer &to, const uint64_t *awaited)
+{
+    to.record.rep_uuid = awaited != nullptr && script->below(8) != 0 ? *awaited : script->number<uint64_t>();
+    to.record.p_status = script->chance() ? 0 : script->number<int8_t>();
+    const ProtobufCMessage *message = to.message();
+    deliver(table, event_or(TQ_MOM_EVENT_STATUS), message);
+}
+
 void answer_an_ace()
 {
-    ace_keyed<SPolicy__AcePsta> answer{{}, S_POLICY__ACE_PSTA__INIT};
-    fill(answer.key);
-    fp_udp_acl_info acl{};
-    put(acl.app_type, answer.key.t_app_type);
-    acl.acl_id = answer.key.acl_id;
+    ace_keyed<SPolicy__AcePsta> to{any_ace_key(), S_POLICY__ACE_PSTA__INIT};
+    const auto acl = named<fp_udp_acl_info>(to.key.t_app_type, to.key.acl_id);
     fp_udp_ace_info ace{};
-    ace.sn = answer.key.sn;
+    ace.sn = to.key.sn;
     fp_udp_ace_node *node = nullptr;
     fp_udp_acldb_get_ace(&acl, &ace, &node);
-    answer.record.rep_uuid = answered_write(node, node == nullptr ? 0 : node->ace.uuid);
-    answer.record.p_status = script->chance() ? 0 : script->number<int8_t>();
-    give_key(answer);
-    deliver("ace_psta", event_or(TQ_MOM_EVENT_STATUS), answer.message());
+    answer("ace_psta", to, node == nullptr ? nullptr : &node->ace.uuid);
 }
 
 void answer_an_apply()
 {
-    apply_answer answer{{}, S_POLICY__APPLY_PSTA__INIT};
-    fill(answer.key);
-    fp_udp_acl_info acl{};
-    put(acl.app_type, answer.key.app_type);
-    acl.acl_id = answer.key.acl_id;
+    made<SPolicy__ApplyPsta, SPolicy__ApplyKey> to{S_POLICY__APPLY_KEY__INIT, S_POLICY__APPLY_PSTA__INIT};
+    to.key.t_apply_type = const_cast<char *>(any_name());
+    to.key.app_type = const_cast<char *>(any_name());
+    to.key.acl_id = any_id();
+    to.key.phyid = any_id();
+    to.key.priority = any_id();
+    const auto acl = named<fp_udp_acl_info>(to.key.app_type, to.key.acl_id);
     fp_udp_apply_info apply{};
-    put(apply.apply_type, answer.key.t_apply_type);
-    apply.phyid = answer.key.phyid;
-    apply.pri = answer.key.priority;
+    put(apply.apply_type, to.key.t_apply_type);
+    apply.phyid = to.key.phyid;
+    apply.pri = to.key.priority;
     fp_udp_apply_node *node = nullptr;
     fp_udp_acldb_get_apply(&acl, &apply, &node);
-    answer.record.rep_uuid = answered_write(node, node == nullptr ? 0 : node->apply.uuid);
-    answer.record.p_status = script->chance() ? 0 : script->number<int8_t>();
-    give_key(answer);
-    deliver("apply_psta", event_or(TQ_MOM_EVENT_STATUS), answer.message());
+    answer("apply_psta", to, node == nullptr ? nullptr : &node->apply.uuid);
 }
 
 void count()
 {
-    ace_keyed<SPolicy__AceCounter> counter{{}, S_POLICY__ACE_COUNTER__INIT};
-    fill(counter.key);
+    ace_keyed<SPolicy__AceCounter> counter{any_ace_key(), S_POLICY__ACE_COUNTER__INIT};
     counter.record.counter_pkt = script->number<uint64_t>();
-    give_key(counter);
-    deliver("ace_counter", event_or(TQ_MOM_EVENT_PUBLISHED), counter.message());
+    const ProtobufCMessage *message = counter.message();
+    deliver("ace_counter", event_or(TQ_MOM_EVENT_PUBLISHED), message);
 }
 
 void beat()
@@ -290,8 +251,8 @@ void beat()
     made<SPolicy__ServiceNode, SPolicy__ServiceNodeIndex> node{S_POLICY__SERVICE_NODE_INDEX__INIT,
                                                                S_POLICY__SERVICE_NODE__INIT};
     node.key.dev = any_id();
-    give_key(node);
-    deliver("service_node", event_or(TQ_MOM_EVENT_PUBLISHED), node.message());
+    const ProtobufCMessage *message = node.message();
+    deliver("service_node", event_or(TQ_MOM_EVENT_PUBLISHED), message);
 }
 
 void change_an_acl()
@@ -299,17 +260,16 @@ void change_an_acl()
     made<SPolicy__Acl, SPolicy__AclKey> acl{S_POLICY__ACL_KEY__INIT, S_POLICY__ACL__INIT};
     acl.key.t_app_type = const_cast<char *>(any_name());
     acl.key.acl_id = any_id();
-    give_key(acl);
-    deliver("acl", script->chance() ? TQ_MOM_EVENT_SET : event_or(TQ_MOM_EVENT_DELETED), acl.message());
+    const ProtobufCMessage *message = acl.message();
+    deliver("acl", script->chance() ? TQ_MOM_EVENT_SET : event_or(TQ_MOM_EVENT_DELETED), message);
 }
 
 void change_an_ace()
 {
-    ace_keyed<SPolicy__Ace> ace{{}, S_POLICY__ACE__INIT};
-    fill(ace.key);
+    ace_keyed<SPolicy__Ace> ace{any_ace_key(), S_POLICY__ACE__INIT};
     ace.record.default_ace = script->chance();
-    give_key(ace);
-    deliver("ace", script->chance() ? TQ_MOM_EVENT_SET : event_or(TQ_MOM_EVENT_DELETED), ace.message());
+    const ProtobufCMessage *message = ace.message();
+    deliver("ace", script->chance() ? TQ_MOM_EVENT_SET : event_or(TQ_MOM_EVENT_DELETED), message);
 }
 
 struct table {

@@ -359,48 +359,33 @@ void end_batch()
     fuzz::require(failed == results + 3 || *failed == first, "the first failure is the batch's result");
 }
 
+// Now and then long enough for another attempt to connect.
+void turn_loop()
+{
+    if (depth == 0)
+        tq_loop_run_once(application->master, script->below(8) == 7 ? 2 : 0);
+}
+
 void step()
 {
     static records all;
+    static const uint32_t fields[] = {6, 7};
     const ProtobufCMessage *kinds[] = {&all.ace.base, &all.status.base, &all.node.base};
+    using call = void (*)(const ProtobufCMessage *);
+    const call calls[] = {
+        [](auto *r) { tq_mom_hmset_sync(application, 5, r, fields, r == &all.node.base ? 0 : 2); },
+        [](auto *r) { tq_mom_set_sync(application, 5, r); },
+        [](auto *r) { tq_mom_hash_res_free(tq_mom_hgetall_sync(application, 5, r)); },
+        [](auto *r) { tq_mom_del_sync(application, 5, r); },
+        [](auto *r) { tq_mom_scan_sync(application, 5, r, script->below(2), hear, nullptr); },
+        [](auto *r) { tq_mom_subscribe(application, 5, r, script->below(2), hear, nullptr); },
+        [](auto *r) { tq_mom_dsbegin_sync(application, 5, r, 0, 10); },
+        [](auto *r) { tq_mom_dsend_sync(application, 5, r, 0, 10); },
+        [](auto *) { tq_mom_batch_begin(application), tq_mom_batch_send(application); }, // what it has collected
+        [](auto *) { end_batch(); },
+        [](auto *) { turn_loop(); }};
     const ProtobufCMessage *record = script->pick(kinds);
-    const uint32_t fields[] = {6, 7};
-    switch (script->below(11)) {
-    case 0:
-        tq_mom_hmset_sync(application, 5, record, fields, record == &all.node.base ? 0 : 2);
-        break;
-    case 1:
-        tq_mom_set_sync(application, 5, record);
-        break;
-    case 2:
-        tq_mom_hash_res_free(tq_mom_hgetall_sync(application, 5, record));
-        break;
-    case 3:
-        tq_mom_del_sync(application, 5, record);
-        break;
-    case 4:
-        tq_mom_scan_sync(application, 5, record, script->below(2), hear, nullptr);
-        break;
-    case 5:
-        tq_mom_subscribe(application, 5, record, script->below(2), hear, nullptr);
-        break;
-    case 6:
-        tq_mom_dsbegin_sync(application, 5, record, 0, 10);
-        break;
-    case 7:
-        tq_mom_dsend_sync(application, 5, record, 0, 10);
-        break;
-    case 8:
-        tq_mom_batch_begin(application);
-        tq_mom_batch_send(application); // what an open batch has collected
-        break;
-    case 9:
-        end_batch();
-        break;
-    default:
-        if (depth == 0) // now and then long enough for another attempt to connect
-            tq_loop_run_once(application->master, script->below(8) == 7 ? 2 : 0);
-    }
+    script->pick(calls)(record);
 }
 
 } // namespace

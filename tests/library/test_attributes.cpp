@@ -72,11 +72,16 @@ TEST_F(attributes, values_are_packed_in_push_order_without_padding)
 TEST_F(attributes, an_attribute_out_of_bounds_is_reported_and_changes_nothing)
 {
     owned_ace ace = make_ace(mgr, 1);
-    fp_udp_attr attr;
+    fp_udp_attr attr, untouched;
+    memset(&untouched, 0xEE, sizeof untouched);
     const std::vector<uint8_t> value(250, 7);
     auto construct = [&](const char *name, int32_t len) {
-        memset(&attr, 0xEE, sizeof attr);
+        attr = untouched;
         ace->tlv->construct(&attr, name, 1, value.data(), len);
+    };
+    auto push_says = [&](const lines &messages) {
+        ace->tlv->push(&ace->tlv, attr);
+        EXPECT_EQ(fake::log.take(), messages);
     };
     construct("seventeen_letters", 240);
     EXPECT_STREQ(attr.name, "seventeen_letters");
@@ -88,44 +93,34 @@ TEST_F(attributes, an_attribute_out_of_bounds_is_reported_and_changes_nothing)
 
     construct("eighteen_letters_x", 1);
     EXPECT_EQ(fake::log.take(), lines{"E invalid string name:eighteen_letters_x, max_len:18!"});
-    const fp_udp_attr untouched = [] {
-        fp_udp_attr a;
-        memset(&a, 0xEE, sizeof a);
-        return a;
-    }();
-    const std::string seen = fake::format("attr:%p name:%s value:%p", static_cast<void *>(&attr), "%p", value.data());
     construct("vid", 241);
     EXPECT_EQ(fake::log.take().at(0).find("E invalid param! len:241 max_len:240 attr:0x"), 0U);
     ace->tlv->construct(&attr, nullptr, 1, value.data(), 1);
-    EXPECT_NE(fake::log.take().at(0).find("name:(nil)"), std::string::npos);
     ace->tlv->construct(&attr, "vid", 1, nullptr, 1);
-    EXPECT_NE(fake::log.take().at(0).find("value:(nil)"), std::string::npos);
-    EXPECT_EQ(memcmp(&attr, &untouched, sizeof attr), 0);
     ace->tlv->construct(nullptr, "vid", 1, value.data(), 1);
-    EXPECT_NE(fake::log.take().at(0).find("attr:(nil)"), std::string::npos);
+    const lines messages = fake::log.take();
+    for (size_t i = 0; i < 3; i++)
+        EXPECT_NE(messages.at(i).find((lines{"name:(nil)", "value:(nil)", "attr:(nil)"})[i]), std::string::npos);
+    EXPECT_EQ(memcmp(&attr, &untouched, sizeof attr), 0);
 
     construct("vid", -1); // left to push
     EXPECT_EQ(fake::log.take(), lines{});
     EXPECT_EQ(attr.len, -1);
-    ace->tlv->push(&ace->tlv, attr);
-    EXPECT_EQ(fake::log.take(), lines{"E value_len param error, value_len = -1.\n"});
+    push_says({"E value_len param error, value_len = -1.\n"});
     attr.len = 241;
-    ace->tlv->push(&ace->tlv, attr);
-    EXPECT_EQ(fake::log.take(), lines{"E value_len param error, value_len = 241.\n"});
+    push_says({"E value_len param error, value_len = 241.\n"});
     construct("vid", 1);
     attr.cls = 3;
-    ace->tlv->push(&ace->tlv, attr);
-    EXPECT_EQ(fake::log.take(), lines{"E type param error, type = 3.\n"});
+    push_says({"E type param error, type = 3.\n"});
     attr.cls = 0;
-    ace->tlv->push(&ace->tlv, attr);
-    EXPECT_EQ(fake::log.kept.at(0).func, "fp_udp_retrive_attr_name");
-    EXPECT_EQ(fake::log.take(), (lines{"E invalid param! name:vid type:0", "E type param error, type = 0.\n"}));
+    push_says({"E invalid param! name:vid type:0", "E type param error, type = 0.\n"});
     memset(attr.name, 'x', sizeof attr.name);
     ace->tlv->push(&ace->tlv, attr);
+    EXPECT_EQ(fake::log.kept.at(0).func, "fp_udp_retrive_attr_name");
     EXPECT_EQ(fake::log.take().size(), 2U);
     EXPECT_EQ(ace->tlv->len, 0);
     construct("vid", 240);
-    ace->tlv->push(&ace->tlv, attr);
+    push_says({});
     EXPECT_EQ(ace->tlv->len, 248);
 }
 
@@ -240,29 +235,27 @@ TEST_F(attributes, exhausted_memory_is_reported_at_each_site)
     push(ace, "vid", 1, {1, 2, 3, 4});
     uint8_t fwd_zero;
     fp_udp_apply_key key{};
-    struct {
-        const char *what;
-        std::function<void *()> work;
-        int site;
-        lines messages;
-    } const rows[] = {
-        {"object", [&] { return mgr->alloc_ace(7, 0); }, 1, {"E alloc ace fail, sn : 7.\n"}},
-        {"buffer", [&] { return mgr->alloc_ace(7, 0); }, 2, {"E alloc ace tlv fail, sn : 7.\n"}},
-        {"whole",
-         [&] { return mgr->copy_ace(ace.get(), 1, &fwd_zero); },
-         1,
-         {"E malloc ace memory fail for copy ace.\n"}},
-        {"part", [&] { return mgr->copy_ace(ace.get(), 0, &fwd_zero); }, 1, {"E alloc ace fail, sn : 7.\n"}},
-        {"part buffer", [&] { return mgr->copy_ace(ace.get(), 0, &fwd_zero); }, 3, {"E realloc ace tlv fail.\n"}},
-        {"apply", [&] { return mgr->alloc_apply(&key); }, 1, {"E allc apply fail.\n"}},
+    const auto says = [](int site, auto work, const lines &messages) {
+        const long blocks = fake::live_blocks();
+        {
+            fake::failing_allocation fail(site);
+            EXPECT_EQ(work(), nullptr) << site;
+            EXPECT_EQ(fake::log.take("E"), messages);
+        }
+        EXPECT_EQ(fake::live_blocks(), blocks) << site;
     };
-    for (const auto &row : rows) {
-        fake::failing_allocation fail(row.site);
-        EXPECT_EQ(row.work(), nullptr) << row.what;
-        EXPECT_EQ(fake::log.take("E"), row.messages) << row.what;
-    }
-    fake::failing_allocation fail(2);
-    EXPECT_EQ(mgr->copy_ace(ace.get(), 1, &fwd_zero), nullptr);
+    const auto make = [&] { return mgr->alloc_ace(7, 0); };
+    const auto copy = [&] { return mgr->copy_ace(ace.get(), 1, &fwd_zero); };
+    const auto copy_a_part = [&] { return mgr->copy_ace(ace.get(), 0, &fwd_zero); };
+    says(1, make, {"E alloc ace fail, sn : 7.\n"});
+    says(2, make, {"E alloc ace tlv fail, sn : 7.\n"});
+    for (int site : {1, 2})
+        says(site, copy, {"E malloc ace memory fail for copy ace.\n"});
+    says(1, copy_a_part, {"E alloc ace fail, sn : 7.\n"});
+    says(2, copy_a_part, {"E alloc ace tlv fail, sn : 7.\n"});
+    says(3, copy_a_part, {"E realloc ace tlv fail.\n"});
+    for (int site : {1, 2})
+        says(site, [&] { return mgr->alloc_apply(&key); }, {"E allc apply fail.\n"});
 }
 
 TEST_F(attributes, a_new_apply_carries_its_key_and_an_empty_buffer)

@@ -1,6 +1,7 @@
-// The cache operations: nodes, the lists that keep them under their ACL, and their pending requests.
+// The cache operations as an application calls them, beside those that the model makes through the operation table.
+#include "records.h"
+
 #include <cstring>
-#include <support/application.h>
 
 namespace {
 
@@ -25,14 +26,14 @@ class cache : public library_case {
         fp_udp_apply_info apply = make_apply_info("my_app", phyid, pri);
         return fp_udp_acldb_add_apply(&acl, &apply, &apply_node);
     }
+    // Numbers of ACLs, entries and applies.
+    using sizes = std::array<uint32_t, 3>;
+    static sizes cached()
+    {
+        return {fp_udp_acl_node_hash_size(), fp_udp_ace_node_hash_size(), fp_udp_apply_node_hash_size()};
+    }
     fp_udp_ace_node *ace_node = nullptr;
     fp_udp_apply_node *apply_node = nullptr;
-};
-
-struct sizes {
-    uint32_t acls = fp_udp_acl_node_hash_size(), aces = fp_udp_ace_node_hash_size(),
-             applies = fp_udp_apply_node_hash_size();
-    bool operator==(const sizes &) const = default;
 };
 
 TEST_F(cache, what_is_not_cached_is_not_found)
@@ -40,88 +41,38 @@ TEST_F(cache, what_is_not_cached_is_not_found)
     fp_udp_acl_info acl = make_info("a", 1);
     fp_udp_ace_info ace = make_ace_info(1);
     fp_udp_apply_info apply = make_apply_info("a", 1);
-    auto *acl_found = reinterpret_cast<fp_udp_acl_node *>(1);
-    auto *ace_found = reinterpret_cast<fp_udp_ace_node *>(1);
-    auto *apply_found = reinterpret_cast<fp_udp_apply_node *>(1);
-    EXPECT_EQ(fp_udp_acldb_get_acl(&acl, &acl_found), -7);
-    EXPECT_EQ(fp_udp_acldb_get_ace(&acl, &ace, &ace_found), -7);
-    EXPECT_EQ(fp_udp_acldb_get_apply(&acl, &apply, &apply_found), -7);
-    EXPECT_EQ(acl_found, nullptr);
-    EXPECT_EQ(ace_found, nullptr);
-    EXPECT_EQ(apply_found, nullptr);
+    auto *acl_node = reinterpret_cast<fp_udp_acl_node *>(1);
+    ace_node = reinterpret_cast<fp_udp_ace_node *>(1);
+    apply_node = reinterpret_cast<fp_udp_apply_node *>(1);
+    EXPECT_EQ(fp_udp_acldb_get_acl(&acl, &acl_node), -7);
+    EXPECT_EQ(fp_udp_acldb_get_ace(&acl, &ace, &ace_node), -7);
+    EXPECT_EQ(fp_udp_acldb_get_apply(&acl, &apply, &apply_node), -7);
+    EXPECT_EQ(acl_node, nullptr);
+    EXPECT_EQ(ace_node, nullptr);
+    EXPECT_EQ(apply_node, nullptr);
     EXPECT_EQ(fp_udp_acldb_del_acl(&acl), 0);
     EXPECT_EQ(fp_udp_acldb_del_ace(&acl, &ace), 0);
     EXPECT_EQ(fp_udp_acldb_del_apply(&acl, &apply), 0);
 }
 
-TEST_F(cache, an_entry_needs_its_acl_and_an_apply_makes_it)
+TEST_F(cache, nodes_hang_under_their_acl_newest_first_and_an_apply_makes_it)
 {
-    EXPECT_EQ(add_ace("a", 1, 0xABC), -7);
-    EXPECT_EQ(fake::log.take(), lines{"E can find acl while add ace, app_type:a acl_id:1 sn:abc\n"});
-    EXPECT_EQ(sizes(), (sizes{0, 0, 0}));
-    EXPECT_EQ(add_apply("a", 1, 7), 0);
-    EXPECT_EQ(sizes(), (sizes{1, 0, 1}));
-    EXPECT_EQ(cached_acl("a", 1)->ace_count, 0U);
-    EXPECT_EQ(list_length(cached_acl("a", 1)->apply_list), 1U);
-    EXPECT_EQ(add_ace("a", 1, 0xABC), 0);
-}
-
-TEST_F(cache, nodes_hang_under_their_acl_newest_first)
-{
+    EXPECT_EQ(add_ace("a", 1, 1), -7);
+    EXPECT_EQ(cached(), (sizes{0, 0, 0}));
+    EXPECT_EQ(add_apply("b", 1, 7), 0);
+    EXPECT_EQ(cached(), (sizes{1, 0, 1}));
     fp_udp_acl_info acl = make_info("a", 1);
     put_priv(acl.priv, sizeof acl.priv, 40);
     acl.uuid = 5;
     EXPECT_EQ(fp_udp_acldb_add_acl(&acl), 0);
-    EXPECT_EQ(memcmp(&cached_acl("a", 1)->acl, &acl, sizeof acl), 0);
-    for (uint64_t sn : std::vector<uint64_t>{1, 2, 3})
-        add_ace("a", 1, sn);
-    fp_udp_acl_node *node = cached_acl("a", 1);
-    EXPECT_EQ(node->ace_count, 3U);
-    EXPECT_EQ(list_length(node->ace_list), 3U);
-    EXPECT_EQ(reinterpret_cast<fp_udp_ace_node *>(node->ace_list.next)->ace.sn, 3U);
-    EXPECT_EQ(ace_node, cached_ace("a", 1, 3));
-    EXPECT_EQ(ace_node->req, nullptr);
-    fp_udp_ace_info second = make_ace_info(2);
-    EXPECT_EQ(fp_udp_acldb_del_ace(&acl, &second), 0);
-    EXPECT_EQ(node->ace_count, 2U);
-    EXPECT_EQ(list_length(node->ace_list), 2U);
-    EXPECT_EQ(cached_ace("a", 1, 2), nullptr);
-}
-
-TEST_F(cache, deleting_an_acl_takes_its_entries_applies_and_requests_along)
-{
-    add_acl("a", 1);
-    add_acl("b", 1);
+    const fp_udp_acl_node *node = cached_acl("a", 1);
+    EXPECT_EQ(memcmp(&node->acl, &acl, sizeof acl), 0);
     for (uint64_t sn : std::vector<uint64_t>{1, 2})
-        add_ace("a", 1, sn);
-    fp_udp_req_node_add(FP_UDP_REQ_ACE, ace_node);
-    add_ace("b", 1, 1);
-    add_apply("a", 1, 7);
-    fp_udp_req_node_add(FP_UDP_REQ_APPLY, apply_node);
-    EXPECT_EQ(pending(), 2U);
-    fp_udp_acl_info acl = make_info("a", 1);
-    EXPECT_EQ(fp_udp_acldb_del_acl(&acl), 0);
-    EXPECT_EQ(sizes(), (sizes{1, 1, 0}));
-    EXPECT_EQ(pending(), 0U);
-    EXPECT_EQ(app.take(), lines{});
-    EXPECT_NE(cached_ace("b", 1, 1), nullptr);
-}
-
-TEST_F(cache, deleting_an_entry_or_apply_drops_its_request)
-{
-    add_acl("a", 1);
-    add_ace("a", 1, 1);
-    add_apply("a", 1, 7);
-    fp_udp_req_node_add(FP_UDP_REQ_ACE, ace_node);
-    fp_udp_req_node_add(FP_UDP_REQ_APPLY, apply_node);
-    fp_udp_acl_info acl = make_info("a", 1);
-    fp_udp_ace_info ace = make_ace_info(1);
-    fp_udp_apply_info apply = make_apply_info("my_app", 7);
-    EXPECT_EQ(fp_udp_acldb_del_ace(&acl, &ace), 0);
-    EXPECT_EQ(pending(), 1U);
-    EXPECT_EQ(fp_udp_acldb_del_apply(&acl, &apply), 0);
-    EXPECT_EQ(pending(), 0U);
-    EXPECT_EQ(sizes(), (sizes{1, 0, 0}));
+        EXPECT_EQ(add_ace("a", 1, sn), 0);
+    EXPECT_EQ(reinterpret_cast<fp_udp_ace_node *>(node->ace_list.next), ace_node);
+    EXPECT_EQ(ace_node, cached_ace("a", 1, 2));
+    EXPECT_EQ(ace_node->req, nullptr);
+    EXPECT_EQ(broken(), "");
 }
 
 TEST_F(cache, a_second_node_under_a_live_key_is_neither_leaked_nor_left_behind_freed)
@@ -134,7 +85,7 @@ TEST_F(cache, a_second_node_under_a_live_key_is_neither_leaked_nor_left_behind_f
         EXPECT_EQ(add_ace("a", 1, 5), 0);
         EXPECT_EQ(add_apply("a", 1, 7), 0);
     }
-    EXPECT_EQ(sizes(), (sizes{1, 1, 1}));
+    EXPECT_EQ(cached(), (sizes{1, 1, 1}));
     fp_udp_acl_info acl = make_info("a", 1);
     fp_udp_ace_info ace = make_ace_info(5);
     fp_udp_apply_info apply = make_apply_info("my_app", 7);
@@ -146,7 +97,7 @@ TEST_F(cache, a_second_node_under_a_live_key_is_neither_leaked_nor_left_behind_f
     list_length(first->ace_list);
     list_length(first->apply_list);
     fp_udp_acldb_del_acl(&acl);
-    EXPECT_EQ(sizes(), (sizes{0, 0, 0}));
+    EXPECT_EQ(cached(), (sizes{0, 0, 0}));
 }
 
 TEST_F(cache, skipped_priorities_make_applies_one_key)
@@ -159,28 +110,26 @@ TEST_F(cache, skipped_priorities_make_applies_one_key)
     fp_udp_apply_node *first = apply_node;
     add_apply("a", 1, 7, 200);
     EXPECT_EQ(first->apply.pri, 0U);
-    EXPECT_EQ(sizes(), (sizes{1, 0, 1}));
+    EXPECT_EQ(cached(), (sizes{1, 0, 1}));
     EXPECT_EQ(list_length(cached_acl("a", 1)->apply_list), 2U);
     EXPECT_EQ(cached_apply("a", 1, "my_app", 7, 300), first);
 }
 
 TEST_F(cache, exhausted_memory_is_reported_and_leaves_the_cache_as_it_was)
 {
-    fake::failing_allocation acl_fails(1);
-    EXPECT_EQ(add_acl("a", 1), -2);
-    EXPECT_EQ(fake::log.take(), lines{"E malloc for acl node fail."});
     add_acl("a", 1);
-    const sizes before;
-    fake::failing_allocation ace_fails(1);
-    EXPECT_EQ(add_ace("a", 1, 1), -2);
-    EXPECT_EQ(fake::log.take(), lines{"E malloc for ace node fail."});
-    fake::failing_allocation apply_fails(1);
-    EXPECT_EQ(add_apply("a", 1, 1), -2);
-    EXPECT_EQ(fake::log.take(), lines{"E malloc for acl node fail."});
-    fake::failing_allocation parent_fails(1);
-    EXPECT_EQ(add_apply("b", 1, 1), -2);
-    EXPECT_EQ(sizes(), before);
-    EXPECT_EQ(cached_acl("a", 1)->ace_count, 0U);
+    const std::pair<std::function<int32_t()>, std::string> rows[] = {
+        {[this] { return add_acl("b", 1); }, "E malloc for acl node fail."},
+        {[this] { return add_ace("a", 1, 1); }, "E malloc for ace node fail."},
+        {[this] { return add_apply("a", 1, 1); }, "E malloc for acl node fail."},
+        {[this] { return add_apply("b", 1, 1); }, "E malloc for acl node fail."}}; // its ACL's
+    for (const auto &[add, message] : rows) {
+        fake::failing_allocation fail(1);
+        EXPECT_EQ(add(), -2);
+        EXPECT_EQ(fake::log.take().at(0), message);
+        EXPECT_EQ(cached(), (sizes{1, 0, 0}));
+        EXPECT_EQ(broken(), "");
+    }
 }
 
 } // namespace

@@ -11,21 +11,11 @@ class commands : public library_case {
     commands() { snprintf(lib_plx_debug_path, 64, "%s", saved.c_str()); }
     ~commands() override { std::filesystem::remove(saved); }
 
-    static ssat_value number(int32_t d)
-    {
-        ssat_value value;
-        value.d = d;
-        return value;
-    }
-    static ssat_value text(const char *s)
-    {
-        ssat_value value;
-        value.s = s;
-        return value;
-    }
+    static ssat_value number(int32_t d) { return {.d = d}; }
+    static ssat_value text(const char *s) { return {.s = s}; }
     static std::string run(const std::string &name, const std::vector<ssat_value> &arguments = {})
     {
-        return printed([&] { fake::shell.run(name, arguments); });
+        return printed([&] { EXPECT_EQ(fake::shell.run(name, arguments), 0) << name; });
     }
     const std::string saved = testing::TempDir() + process + ".sw";
 };
@@ -108,7 +98,7 @@ TEST_F(commands, the_log_level_is_set_from_0_to_5)
     for (int32_t level : {6, -1})
         EXPECT_EQ(run("fp_udp_at_set_zlog_level", {number(level)}),
                   "invalid level input! g_policy_plx_zlog_level:3.\n");
-    EXPECT_EQ(printed([] { fp_udp_at_set_zlog_level(4); }), "zlog level change to 4.\n");
+    EXPECT_EQ(printed([] { EXPECT_EQ(fp_udp_at_set_zlog_level(4), 0); }), "zlog level change to 4.\n");
 }
 
 TEST_F(commands, a_dump_shows_an_acl_with_its_entries_and_applies)

@@ -1,9 +1,10 @@
 // The diagnostic channel's two sides, and the operation log's files.
+#include "records.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <support/application.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,12 +39,10 @@ TEST_F(channel, each_severity_has_its_console_bit_and_log_threshold)
     for (uint32_t level = 0; level <= 5; level++) {
         g_policy_plx_zlog_level = level;
         say();
-        for (char letter : std::string("EIND")) {
-            const auto kept = fake::log.kept;
-            EXPECT_EQ(fake::log.take({letter}).empty(), heard[level].find(letter) == std::string::npos) << level;
-            fake::log.kept = kept;
-        }
-        EXPECT_EQ(fake::log.take("?"), lines{});
+        std::set<char> letters;
+        for (const std::string &line : fake::log.take("EIND?"))
+            letters.insert(line[0]);
+        EXPECT_EQ(letters, std::set<char>(heard[level].begin(), heard[level].end())) << level;
     }
     g_policy_plx_zlog_level = 0;
     fake::log.formatted = 0;
@@ -57,34 +56,20 @@ TEST_F(channel, each_severity_has_its_console_bit_and_log_threshold)
     EXPECT_EQ(fake::log.formatted, 0) << "the log side is closed";
 }
 
-TEST_F(channel, a_message_carries_its_modules_source_path)
+TEST_F(channel, the_sides_are_independent_and_name_the_function)
 {
-    say();
-    std::set<std::string> files;
-    for (const auto &line : fake::log.kept)
-        files.insert(line.file);
-    EXPECT_EQ(files, (std::set<std::string>{"app/fp_udp_acldb.cpp", "app/fp_udp_mgr.cpp"}));
-}
-
-TEST_F(channel, the_frame_names_the_word_the_function_and_the_line)
-{
-    fp_udp_debug_sw = 0x08;
-    const std::string text = printed([&] { fp_udp_register_app_type(nullptr); });
-    EXPECT_EQ(text.find("\n [Error] fp_udp_register_app_type["), 0U);
-    EXPECT_EQ(text.substr(text.find("]:")), "]:invalid app_type.\n");
-    EXPECT_EQ(fake::log.kept.at(0).func, "fp_udp_register_app_type");
-    EXPECT_EQ(fake::log.kept.at(0).text, "invalid app_type.\n");
-}
-
-TEST_F(channel, the_sides_are_independent)
-{
+    const auto refuse = [] { fp_udp_register_app_type(nullptr); };
     fp_udp_debug_sw = 0x3C;
     g_policy_plx_zlog_category = nullptr;
-    EXPECT_NE(printed([] { fp_udp_register_app_type(nullptr); }), "");
+    const std::string text = printed(refuse);
+    EXPECT_EQ(text.find("\n [Error] fp_udp_register_app_type["), 0U);
+    EXPECT_EQ(text.substr(text.find("]:")), "]:invalid app_type.\n");
     EXPECT_TRUE(fake::log.kept.empty());
     g_policy_plx_zlog_category = &fake::log;
     fp_udp_debug_sw = 0;
-    EXPECT_EQ(printed([] { fp_udp_register_app_type(nullptr); }), "");
+    EXPECT_EQ(printed(refuse), "");
+    EXPECT_EQ(fake::log.kept.at(0).file, "app/fp_udp_mgr.cpp");
+    EXPECT_EQ(fake::log.kept.at(0).func, "fp_udp_register_app_type");
     EXPECT_EQ(fake::log.take(), lines{"E invalid app_type.\n"});
 }
 
@@ -102,7 +87,7 @@ TEST_F(channel, a_long_message_is_cut_in_the_log_alone_and_a_percent_sign_is_dat
     EXPECT_EQ(fake::log.take(), lines{"E invalid string name:%s%s%n%s%s%n%s%s%n%s, max_len:18!"});
 }
 
-class operation_log : public library_case {
+class operation_log : public operations_case {
   protected:
     operation_log()
     {
@@ -209,34 +194,26 @@ TEST_F(operation_log, a_file_that_32_bits_cannot_measure_takes_its_turn_too)
 
 TEST_F(operation_log, failures_drop_the_record_and_are_reported)
 {
-    const auto messages = [] { return fake::log.take("E"); };
-    mkdir(first.c_str(), 0700);
-    record();
-    EXPECT_EQ(messages(), lines{"E fp_udp_open log fail.\n"});
-    rmdir(first.c_str());
-    mkdir(second.c_str(), 0700);
-    record();
-    EXPECT_EQ(messages(), lines{"E fp_udp_open log 1 fail.\n"});
-    rmdir(second.c_str());
+    const auto with_directory_at = [this](const std::string &path, const lines &messages) {
+        unlink(path.c_str());
+        mkdir(path.c_str(), 0700);
+        record();
+        EXPECT_EQ(fake::log.take("E"), messages);
+        rmdir(path.c_str());
+    };
+    with_directory_at(first, {"E fp_udp_open log fail.\n"});
+    with_directory_at(second, {"E fp_udp_open log 1 fail.\n"});
     fake::clock.wall_clock_works = false;
     record();
-    EXPECT_EQ(messages(), lines{"E log acl get time failed.\n"});
+    EXPECT_EQ(fake::log.take("E"), lines{"E log acl get time failed.\n"});
     fake::clock.wall_clock_works = true;
-    unlink(first.c_str());
-    mkdir(first.c_str(), 0700);
-    record();
-    EXPECT_EQ(messages(), lines{"E log acl open fail.\n"});
-    rmdir(first.c_str());
+    with_directory_at(first, {"E log acl open fail.\n"});
     record();
     EXPECT_EQ(content(first), expired);
     ASSERT_EQ(truncate(first.c_str(), 0x500001), 0);
-    unlink(second.c_str());
-    mkdir(second.c_str(), 0700);
+    with_directory_at(second, {"E open file fail", "E log acl open fail.\n"});
     record();
-    EXPECT_EQ(messages(), (lines{"E open file fail", "E log acl open fail.\n"})) << "the turn stands";
-    rmdir(second.c_str());
-    record();
-    EXPECT_EQ(content(second), expired);
+    EXPECT_EQ(content(second), expired) << "the turn stands";
 }
 
 TEST_F(operation_log, a_planted_link_is_not_followed)
@@ -254,37 +231,62 @@ TEST_F(operation_log, a_planted_link_is_not_followed)
     record();
 }
 
-TEST_F(operation_log, writers_leave_their_trail)
+TEST_F(operation_log, every_operation_leaves_its_record)
 {
     fp_udp_debug_sw = 0;
     start();
-    fp_udp_debug_sw = 0x100;
-    set_acl("my_app", 4, 0, 10);
     const fp_udp_acl_key key = make_key("my_app", 4);
-    mgr->set_ace(&context, &key, make_ace(mgr, 0xABC, 10, 77).get());
-    fake::store.script["hmset"] = {3, 3};
-    set_apply("my_app", 4, "b_app", 7, 0, 10);
-    set_ace("my_app", 4, 1, 10);
-    uint64_t *sns;
-    uint32_t count;
-    free(mgr->iterator_ace(&context, &key, &sns, &count));
-    mgr->get_ace(&context, &key, 5);
-    mgr->delete_ace(&context, &key, 5);
-    mgr->del_acl(&context, &key);
-    mgr->expire_acl(&context, "my_app");
-    mgr->del_expire_ace(&context, "my_app");
-    mgr->expire_apply(&context, "my_app");
-    const std::string my = "app :my_app, acl_id :4, ", apply = my + "apply :b_app, phyid :7, pri :0, dir :0, ";
-    EXPECT_EQ(content(first), head + "NOW--acl_add, " + my + "priv, " + bytes + "\nNOW--acl_success, " + my + "priv, " +
-                                  bytes + "\nNOW--ace_add, " + my + "sn :abc, ace_pri :77, priv: " + bytes +
-                                  "\nNOW--ace_success, " + my + "sn :abc, ace_pri :77, priv: " + bytes +
-                                  "\nNOW--apply_add, " + apply + "priv, " + bytes + "\nNOW--apply_fail, " + apply +
-                                  "priv, " + bytes + "\nNOW--ace_add, " + my + "sn :1, ace_pri :0, priv: " + bytes +
-                                  "\nNOW--ace_fail, " + my + "sn :1, ace_pri :0, priv: " + bytes +
-                                  "\nNOW--acl_itera, " + my + "\nNOW--ace_get, " + my + "sn :5, \nNOW--ace_del, " + my +
-                                  "sn :5, \nNOW--acl_del, " + my +
-                                  "\nNOW--acl_expire, app :my_app, \nNOW--ace_del_exp, app :my_app, \n"
-                                  "NOW--apply_expire, apply :my_app, \n");
+    const auto set_an_ace = [&] { mgr->set_ace(&context, &key, make_ace(mgr, 0xABC, 10, 77).get()); };
+    const auto set_an_apply = [&] { set_apply("my_app", 4, "b_app", 0x101, 0x1F, 10); };
+    const auto failing = [](auto work) {
+        fake::store.script["hmset"] = {9};
+        work();
+    };
+    const std::string of_acl = "app :my_app, acl_id :4, ", with_priv = of_acl + "priv, " + bytes,
+                      of_ace = of_acl + "sn :abc, ", ace = of_ace + "ace_pri :77, priv: " + bytes,
+                      of_apply = of_acl + "apply :b_app, phyid :101, pri :1f, dir :0, ",
+                      apply = of_apply + "priv, " + bytes;
+    const std::pair<std::function<void()>, lines> rows[] = {
+        {[&] { set_acl("my_app", 4, 0, 10); }, {"acl_add, " + with_priv, "acl_success, " + with_priv}},
+        {set_an_ace, {"ace_add, " + ace, "ace_success, " + ace}},
+        {set_an_apply, {"apply_add, " + apply, "apply_success, " + apply}},
+        {[&] { failing(set_an_ace); }, {"ace_add, " + ace, "ace_fail, " + ace}},
+        {[&] { failing(set_an_apply); }, {"apply_add, " + apply, "apply_fail, " + apply}},
+        {[&] {
+             uint64_t *sns;
+             uint32_t count;
+             free(mgr->iterator_ace(&context, &key, &sns, &count));
+         },
+         {"acl_itera, " + of_acl}},
+        {[&] { get_ace("my_app", 4, 0xABC); }, {"ace_get, " + of_ace}},
+        {[&] { del_ace("my_app", 4, 0xABC); }, {"ace_del, " + of_ace}},
+        {[&] { del_apply("my_app", 4, "b_app", 0x101, 0x1F); }, {"apply_del, " + of_apply}},
+        {[&] { failing([&] { set_acl("my_app", 4, 0, 10); }); }, {"acl_add, " + with_priv, "acl_fail, " + with_priv}},
+        {[&] { del_acl("my_app", 4); }, {"acl_del, " + of_acl}},
+        {[&] { mgr->expire_acl(&context, "my_app"); }, {"acl_expire, app :my_app, "}},
+        {[&] { mgr->del_expire_acl(&context, "my_app"); }, {"acl_del_exp, app :my_app, "}},
+        {[&] { mgr->expire_ace(&context, "my_app"); }, {"ace_expire, app :my_app, "}},
+        {[&] { mgr->del_expire_ace(&context, "my_app"); }, {"ace_del_exp, app :my_app, "}},
+        {[&] { mgr->expire_apply(&context, "b_app"); }, {"apply_expire, apply :b_app, "}},
+        {[&] { mgr->del_expire_apply(&context, "b_app"); }, {"apply_del_exp, apply :b_app, "}},
+    };
+    fp_udp_debug_sw = 0x100;
+    std::string expected = head;
+    for (const auto &[work, records] : rows) {
+        work();
+        for (const std::string &record : records)
+            expected += "NOW--" + record + "\n";
+        ASSERT_EQ(content(first), expected);
+    }
+}
+
+TEST_F(operation_log, a_record_that_is_too_long_keeps_its_newline)
+{
+    const std::string endless(2000, 'x');
+    for (const char *type : {endless.c_str(), "b"})
+        fp_udp_log_op_acl(nullptr, type, nullptr, FP_UDP_OP_ADD);
+    EXPECT_EQ(content(first), head + "NOW--acl_add, app :" + std::string(1003, 'x') + "\nNOW--acl_add, app :b, \n")
+        << "1022 bytes, its time included";
 }
 
 TEST_F(operation_log, a_success_is_logged_only_where_the_callback_exists)

@@ -4,7 +4,7 @@
 // An operation is one row: what it needs, what it does, and what the application sees when a certain call fails ("#" is
 // that call's result). Where no row says otherwise it sees what it sees without a fault. After each fault the cache is
 // whole, the same call without a fault works, and once all is taken away again no block is left.
-#include <support/application.h>
+#include "records.h"
 
 namespace {
 
@@ -39,50 +39,15 @@ std::string filled(std::string text, int result)
     return at == std::string::npos ? text : text.replace(at, 1, std::to_string(result));
 }
 
-const SPolicy__AceKey ace_key = [] {
-    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
-    key.t_app_type = const_cast<char *>("security_app");
-    key.acl_id = 3;
-    key.sn = 5;
-    return key;
-}();
-
-class faults : public library_case {
+class faults : public operations_case {
   protected:
     static constexpr int kinds[] = {9, store_double::no_answer, store_double::no_record};
-    const fp_udp_acl_key key = make_key("security_app", 1);
-    const fp_udp_acl_info info = make_info("security_app", 1);
 
     // An entry in database 8, and its ACL.
     static void store_entry()
     {
-        SPolicy__AclKey of = S_POLICY__ACL_KEY__INIT;
-        of.t_app_type = ace_key.t_app_type;
-        of.acl_id = ace_key.acl_id;
-        SPolicy__Acl acl = S_POLICY__ACL__INIT;
-        acl.index = &of;
-        SPolicy__Ace ace = S_POLICY__ACE__INIT;
-        uint8_t value[5] = {};
-        ace.index = const_cast<SPolicy__AceKey *>(&ace_key);
-        ace.value = {sizeof value, value};
-        fake::store.put(8, acl.base);
-        fake::store.put(8, ace.base);
-    }
-
-    owned_ace with_attribute()
-    {
-        owned_ace ace = make_ace(mgr, 1);
-        fake::failing_allocation::pause pause;
-        push(ace, "vid", 1, {1, 2});
-        return ace;
-    }
-
-    // An object of the library's, or that there is none.
-    template <class Object, class Free> std::string made(Object *object, Free release)
-    {
-        const std::string text = object ? format("%d bytes", object->tlv ? object->tlv->len : -1) : "none";
-        release(object);
-        return text;
+        fake::store.put(8, acl_record("security_app", 3).record.base);
+        fake::store.put(8, ace_record("security_app", 3, 5).record.base);
     }
 
     std::string answered()
@@ -166,9 +131,8 @@ std::vector<operation> faults::operations()
         {"delete",
          with_all,
          [this] {
-             std::string text = seen(mgr->delete_ace(&context, &key, 1));
-             text += seen(mgr->del_apply(&context, &info, make_apply(mgr, "my_app", 1).get()));
-             return text + seen(mgr->del_acl(&context, &key));
+             const std::string text = seen(del_ace("security_app", 1, 1));
+             return text + seen(del_apply("security_app", 1, "my_app", 1)) + seen(del_acl("security_app", 1));
          },
          {}},
         {"rewrite all ACLs",
@@ -183,53 +147,6 @@ std::vector<operation> faults::operations()
          with_all,
          bracket(&fp_udp_mgr::expire_apply, &fp_udp_mgr::del_expire_apply),
          {{"dsbegin 2", {"#, 5"}}, {"dsend 4", {"0, #"}}}},
-        {"ask for a class",
-         store_entry,
-         [this] {
-             uint8_t cls;
-             return seen(mgr->get_acl_cls(&context, 3, &cls));
-         },
-         {{"get", {"-11"}}, {format("get=%d", store_double::no_record), {"-7"}}}},
-        {"read an entry back",
-         store_entry,
-         [this] {
-             const fp_udp_acl_key of = make_key("security_app", 3);
-             return made(mgr->get_ace(&context, &of, 5), mgr->free_ace);
-         },
-         {{"get", {"none"}}, {"memory", {"none"}}}},
-        {"list entries",
-         with_all,
-         [this] {
-             uint64_t *sn = nullptr;
-             uint32_t count = 9;
-             uint64_t *listed = mgr->iterator_ace(&context, &key, &sn, &count);
-             free(sn);
-             return format("%d %u", listed != nullptr, count);
-         },
-         {{"memory", {"0 0"}}}},
-        {"copy an entry whole",
-         nothing,
-         [this] { return made(mgr->copy_ace(with_attribute().get(), 1, nullptr), mgr->free_ace); },
-         {{"memory", {"none"}}}},
-        {"copy an entry without forwarding",
-         nothing,
-         [this] { return made(mgr->copy_ace(with_attribute().get(), 0, nullptr), mgr->free_ace); },
-         {{"memory", {"none"}}}},
-        {"add an attribute",
-         nothing,
-         [this] {
-             owned_ace ace = make_ace(mgr, 1);
-             push(ace, "vid", 1, {1, 2});
-             return made(ace.release(), mgr->free_ace);
-         },
-         {{"memory", {"-1 bytes"}}}},
-        {"make an apply",
-         nothing,
-         [this] {
-             const fp_udp_apply_key none{};
-             return made(mgr->alloc_apply(&none), mgr->free_apply);
-         },
-         {{"memory", {"none"}}}},
         {"hear of a service node", nothing, [this] { return seen(heartbeat(1)); }, {{"memory", {"-2"}}}},
         {"resynchronise ACLs",
          store_entry,
@@ -240,14 +157,6 @@ std::vector<operation> faults::operations()
          [] { return seen(fake::store.deliver("ace", 29, nullptr)); },
          {{"scan", {"0"}}, {"memory", {"0"}}}},
         {"grow, be answered and age", with_acl, [this] { return answered(); }, {}},
-        {"dump",
-         with_all,
-         [] {
-             ssat_value all{};
-             all.s = "all";
-             return std::to_string(printed([&] { fake::shell.run("fp_udp_dump_acl", {all, ssat_value{0}}); }).size());
-         },
-         {}},
     };
 }
 
@@ -266,8 +175,9 @@ lines faults::allowed(const operation &op, const std::string &usual, const std::
 // Takes everything away, down to tables as a process that has just started has them: their growth can fail, too.
 void faults::wipe()
 {
-    for (const fp_udp_acl_key &acl : {key, make_key("my_app", 2), make_key("security_app", 3)})
-        mgr->del_acl(&context, &acl);
+    del_acl("my_app", 2);
+    for (uint32_t id : {1U, 3U})
+        del_acl("security_app", id);
     fake::clock.advance_seconds(60);
     EXPECT_EQ(broken(), "");
     EXPECT_EQ(fp_udp_acl_node_hash_size() + fp_udp_ace_node_hash_size() + fp_udp_apply_node_hash_size(), 0U);
@@ -366,7 +276,7 @@ TEST_F(faults, a_registration_survives_each_fault_and_the_next_one_works)
             return std::string("the next registration");
         mgr = fp_udp_get_mgr();
         for (int again = 0; again < 2; again++) { // also in a cache that could not be made
-            mgr->del_acl(&context, &key);
+            del_acl("security_app", 1);
             set_acl("security_app", 1);
             set_ace("security_app", 1, 1);
             set_apply("security_app", 1, "my_app", 1);
@@ -376,20 +286,17 @@ TEST_F(faults, a_registration_survives_each_fault_and_the_next_one_works)
             return std::string("the cache");
         return std::string(call == "nothing" && !memory_failed ? "no more" : "");
     };
-    int turns = 0;
-    for (std::string outcome; outcome.empty() && turns < 1000; turns++) {
-        outcome = in_child([&] { return registered(turns + 1, 0, fake::once); });
-        EXPECT_TRUE(outcome.empty() || outcome == "no more") << "store call " << turns + 1 << ": " << outcome;
-    }
-    EXPECT_GT(turns, 8);
-    for (const fake::lasts how_long : {fake::once, fake::from_then_on}) {
-        turns = 0;
+    const auto all = [](const char *what, auto one) {
+        int turns = 0;
         for (std::string outcome; outcome.empty() && turns < 1000; turns++) {
-            outcome = in_child([&] { return registered(0, turns + 1, how_long); });
-            EXPECT_TRUE(outcome.empty() || outcome == "no more") << "allocation " << turns + 1 << ": " << outcome;
+            outcome = in_child([&] { return one(turns + 1); });
+            EXPECT_TRUE(outcome.empty() || outcome == "no more") << what << " " << turns + 1 << ": " << outcome;
         }
-        EXPECT_GT(turns, 5);
-    }
+        return turns;
+    };
+    EXPECT_GT(all("store call", [&](int turn) { return registered(turn, 0, fake::once); }), 8);
+    for (const fake::lasts how_long : {fake::once, fake::from_then_on})
+        EXPECT_GT(all("allocation", [&](int turn) { return registered(0, turn, how_long); }), 5);
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 // A script that fails is shortened while it still fails, and printed. PLX_TEST_SCRIPT=file runs it again; those that
 // showed a fault stay in tests/library/model/. PLX_TEST_SEED and PLX_TEST_STEPS choose another random run.
 #include "model.h"
+#include "records.h"
 
 #include <filesystem>
 #include <fstream>
@@ -59,27 +60,14 @@ struct reader {
     int64_t number() { return strtoll(word().c_str(), nullptr, 10); }
     uint32_t small() { return static_cast<uint32_t>(number()); }
     uint8_t priv() { return static_cast<uint8_t>(number()); }
-    acl_key acl()
-    {
-        std::string type = word();
-        return {type, small()};
-    }
-    target ace()
-    {
-        acl_key key = acl();
-        return {key, static_cast<uint64_t>(number()), "", 0, 0};
-    }
-    target apply()
-    {
-        target t{acl(), 0, word(), 0, 0};
-        t.phyid = small();
-        t.pri = small();
-        return t;
-    }
+    // Braces take the words from left to right.
+    acl_key acl() { return {word(), small()}; }
+    target ace() { return {acl(), static_cast<uint64_t>(number()), "", 0, 0}; }
+    target apply() { return {acl(), 0, word(), small(), small()}; }
 };
 
 // The library, behind the model's face.
-class library : public library_case {
+class library : public operations_case {
   public:
     void TestBody() override {}
 
@@ -89,17 +77,11 @@ class library : public library_case {
     {
         return library_case::set_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri, priv);
     }
-    int32_t del_acl(const acl_key &acl)
-    {
-        const fp_udp_acl_key key = make_key(acl.type, acl.id);
-        return mgr->del_acl(&context, &key);
-    }
+    int32_t del_acl(const acl_key &key) { return operations_case::del_acl(key.type, key.id); }
     int32_t del(const target &t)
     {
-        const fp_udp_acl_key key = make_key(t.acl.type, t.acl.id);
-        const fp_udp_acl_info acl = make_info(t.acl.type, t.acl.id);
-        return t.is_apply() ? mgr->del_apply(&context, &acl, make_apply(mgr, t.apply_type, t.phyid, t.pri).get())
-                            : mgr->delete_ace(&context, &key, t.sn);
+        return t.is_apply() ? del_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri)
+                            : del_ace(t.acl.type, t.acl.id, t.sn);
     }
     int32_t expire(const std::string &table, const std::string &type)
     {
@@ -148,16 +130,9 @@ class library : public library_case {
 
 int32_t library::change(const std::string &table, const target &t, bool deleted)
 {
-    SPolicy__AclKey acl_key = S_POLICY__ACL_KEY__INIT;
-    SPolicy__AceKey ace_key = S_POLICY__ACE_KEY__INIT;
-    acl_key.t_app_type = ace_key.t_app_type = const_cast<char *>(t.acl.type.c_str());
-    acl_key.acl_id = ace_key.acl_id = t.acl.id;
-    ace_key.sn = t.sn;
-    SPolicy__Acl acl = S_POLICY__ACL__INIT;
-    SPolicy__Ace ace = S_POLICY__ACE__INIT;
-    acl.index = &acl_key;
-    ace.index = &ace_key;
-    const ProtobufCMessage &record = table == "acl" ? acl.base : ace.base;
+    const acl_record acl(t.acl.type, t.acl.id);
+    const ace_record ace(t.acl.type, t.acl.id, t.sn);
+    const ProtobufCMessage &record = table == "acl" ? acl.record.base : ace.record.base;
     if (deleted)
         fake::store.records.erase("8 " + fake::address(record));
     else
@@ -215,8 +190,7 @@ const verb verbs[] = {
      [](auto &side, reader &r) { return answer_as(side, r.apply(), r); }},
     {"alive", 8, [](dice &d) { return d.word(2) + d.word(2) + d.word(2); },
      [](auto &side, reader &r) {
-         const uint32_t dev = r.small(), slot = r.small();
-         return side.alive({dev, slot, r.small()});
+         return side.alive(plain::node_key{r.small(), r.small(), r.small()});
      }},
     {"tick", 10, [](dice &d) { return d.time(); }, [](auto &side, reader &r) { return side.tick(r.number()); }},
     {"pass", 2, [](dice &d) { return d.word(2); }, [](auto &side, reader &r) { return side.pass(r.number() != 0); }},
@@ -307,12 +281,6 @@ void life::run_one(const std::string &line, bool on_model)
     failing = outer;
 }
 
-template <class Info> std::string state(const Info &info, const void *request)
-{
-    return fake::format("uuid %llu stat %d count %d is_req %d waits %d", static_cast<unsigned long long>(info.uuid),
-                        info.stat, info.req_count, info.is_req, request != nullptr);
-}
-
 template <class Seen> std::string differ(const std::string &what, const Seen &is, const Seen &should)
 {
     return is == should ? "" : what + " " + testing::PrintToString(is) + ", not " + testing::PrintToString(should);
@@ -323,21 +291,22 @@ std::string life::compare_entries()
     for (const auto &[key, none] : model.acls)
         if (!cached_acl(key.type, key.id))
             return key.name() + " is not cached";
+    // UUID, status, count, whether it is answered, whether it waits, priority of the value.
+    using state = std::tuple<uint64_t, int, int, int, bool, uint32_t>;
+    const auto state_of = [](const auto &info, const void *request, uint32_t pri) {
+        return state(info.uuid, info.stat, info.req_count, info.is_req, request != nullptr, pri);
+    };
     for (const auto &[t, e] : model.entries) {
         const auto *ace = t.is_apply() ? nullptr : cached_ace(t.acl.type, t.acl.id, t.sn);
         const auto *apply = t.is_apply() ? cached_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri) : nullptr;
         if (!ace && !apply)
             return t.name() + " is not cached";
-        const bool same = ace ? ace->ace.uuid == e.uuid && ace->ace.stat == e.stat && ace->ace.req_count == e.count &&
-                                    ace->ace.is_req == e.is_req && (ace->req != nullptr) == (e.request != 0)
-                              : apply->apply.uuid == e.uuid && apply->apply.stat == e.stat &&
-                                    apply->apply.req_count == e.count && apply->apply.is_req == e.is_req &&
-                                    apply->apply.value_pri == e.value_pri &&
-                                    (apply->req != nullptr) == (e.request != 0);
-        if (!same)
-            return t.name() + " has " + (ace ? state(ace->ace, ace->req) : state(apply->apply, apply->req)) +
-                   fake::format(", not uuid %llu stat %d count %d is_req %d waits %d",
-                                static_cast<unsigned long long>(e.uuid), e.stat, e.count, e.is_req, e.request != 0);
+        const state is =
+            ace ? state_of(ace->ace, ace->req, 0) : state_of(apply->apply, apply->req, apply->apply.value_pri);
+        const std::string difference =
+            differ(t.name() + " has", is, state(e.uuid, e.stat, e.count, e.is_req, e.request != 0, e.value_pri));
+        if (!difference.empty())
+            return difference;
     }
     return "";
 }

@@ -1,5 +1,5 @@
 // Port and interface state, and commit markers: what is written, what is answered, and each failure's own text.
-#include <support/application.h>
+#include "records.h"
 
 namespace {
 
@@ -59,23 +59,14 @@ TEST_F(port_state, a_setting_is_written_and_removed_with_its_status)
                 EXPECT_EQ(app.take(), heard ? lines{one ? row.failed : row.ok} : lines{}) << row.what;
                 EXPECT_EQ(fake::store.take(),
                           (lines{"hmset 5 " + row.record + row.fields, "hmset 5 " + row.status + row.status_fields}));
-                lines messages{row.on_detail};
-                if (one)
-                    messages.push_back(row.on_failed);
-                if (two)
-                    messages.push_back(row.on_status_failed);
-                EXPECT_EQ(fake::log.take(), messages);
+                EXPECT_EQ(fake::log.take(), said(said({row.on_detail}, one, row.on_failed), two, row.on_status_failed));
 
                 const int32_t removed = row.run(false);
                 EXPECT_EQ(removed == 0, two == 0 || !row.has_result) << row.what;
                 EXPECT_EQ(app.take(), lines{});
                 EXPECT_EQ(fake::store.take(), (lines{"del 5 " + row.record, "del 5 " + row.status}));
-                messages = {row.off_detail};
-                if (one)
-                    messages.push_back(row.off_failed);
-                if (two)
-                    messages.push_back(row.off_status_failed);
-                EXPECT_EQ(fake::log.take(), messages);
+                EXPECT_EQ(fake::log.take(),
+                          said(said({row.off_detail}, one, row.off_failed), two, row.off_status_failed));
             }
         }
     }
@@ -115,12 +106,7 @@ TEST_F(port_state, rewrites_bracket_whole_tables)
             const std::string key = row.record == "uplink" ? "[0,0] 0 1000" : "[] 0 1000";
             EXPECT_EQ(fake::store.take(),
                       (lines{row.call + " 5 " + row.record + key, row.call + " 5 " + row.record + "_psta" + key}));
-            lines messages;
-            if (one)
-                messages.push_back(row.text + "fail.\n");
-            if (two)
-                messages.push_back(row.text + "pstate fail.\n");
-            EXPECT_EQ(fake::log.take(), messages);
+            EXPECT_EQ(fake::log.take(), said(said({}, one, row.text + "fail.\n"), two, row.text + "pstate fail.\n"));
         }
     }
 }
@@ -176,7 +162,7 @@ TEST_F(port_state, commit_markers_are_written_and_removed)
             fake::store.script = {{"set", {result}}, {"del", {result}}};
             EXPECT_EQ(row.run("my_app"), result);
             EXPECT_EQ(fake::store.take(), lines{row.call});
-            EXPECT_EQ(fake::log.take(), result ? (lines{row.detail, row.failed}) : lines{row.detail});
+            EXPECT_EQ(fake::log.take(), said({row.detail}, result, row.failed));
         }
         row.run(std::string(100, 'x').c_str()); // the name is not checked
         EXPECT_EQ(fake::store.take().size(), 1U);

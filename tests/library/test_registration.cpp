@@ -76,8 +76,10 @@ TEST_F(registration, set_up_happens_once)
     EXPECT_EQ(fake::shell.commands.size(), commands);
 }
 
-TEST_F(registration, a_refused_connection_ends_it_before_anything_exists)
+TEST_F(registration, no_callback_table_or_a_refused_connection_ends_it_before_anything_exists)
 {
+    EXPECT_EQ(fp_udp_register_acl_handler(&context, 5, nullptr), -4);
+    EXPECT_EQ(fake::store.take(), lines{});
     fake::store.script["connect"] = {3};
     EXPECT_EQ(register_handler(application::handler()), -1);
     EXPECT_EQ(fake::log.take(), lines{"E sync connect db fail.\n"});
@@ -85,16 +87,6 @@ TEST_F(registration, a_refused_connection_ends_it_before_anything_exists)
     EXPECT_EQ(fake::shell.opened, "");
     EXPECT_EQ(fake::clock.inserted, lines{});
     EXPECT_EQ(register_handler(application::handler()), 0) << "and may be tried again";
-}
-
-TEST_F(registration, refused_scans_and_subscriptions_do_not_end_it)
-{
-    fake::store.script = {{"scan", {3, 3}}, {"subscribe", {3, 3, 3, 3, 3, 3, 3, 3}}};
-    fp_udp_register_app_type("b_app");
-    fp_udp_register_app_type("a_app");
-    EXPECT_EQ(register_handler(application::handler()), 0);
-    EXPECT_EQ(fake::log.take("E"), (lines{"E scan acl entry fail.\n", "E scan ace entry fail.\n"}));
-    EXPECT_EQ(fake::store.take().size(), 12U);
 }
 
 TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_only_subscriptions_are_repeated)
@@ -111,12 +103,6 @@ TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_only_
     EXPECT_EQ(fake::clock.inserted.size(), 2U);
 }
 
-TEST_F(registration, null_arguments_are_refused)
-{
-    EXPECT_EQ(fp_udp_register_acl_handler(&context, 5, nullptr), -4);
-    EXPECT_EQ(fake::store.take(), lines{});
-}
-
 TEST_F(registration, the_operation_table_has_every_slot_but_two)
 {
     const fp_udp_mgr *table = fp_udp_get_mgr();
@@ -126,7 +112,7 @@ TEST_F(registration, the_operation_table_has_every_slot_but_two)
         EXPECT_EQ(slots[i] == nullptr, i == 20 || i == 21) << i;
 }
 
-TEST_F(registration, fifty_types_are_kept_in_order)
+TEST_F(registration, fifty_types_are_kept_in_order_each_once)
 {
     const std::string tall(32, 'x'), taller(33, 'x');
     EXPECT_EQ(fp_udp_register_app_type(nullptr), -1);
@@ -140,7 +126,11 @@ TEST_F(registration, fifty_types_are_kept_in_order)
     EXPECT_EQ(fp_udp_register_app_type(""), 0);
     EXPECT_EQ(fp_udp_register_app_type(tall.c_str()), 0);
     EXPECT_EQ(fp_udp_register_app_type("A"), 0);
-    for (int i = 3; i < 50; i++)
+    for (const char *again : {"", "A"})
+        EXPECT_EQ(fp_udp_register_app_type(again), 0);
+    EXPECT_EQ(fake::log.take("EIN"), lines(2, "N app_type has registered,return.\n"));
+    EXPECT_EQ(fp_udp_register_app_type("a"), 0);
+    for (int i = 4; i < 50; i++)
         EXPECT_EQ(fp_udp_register_app_type(std::to_string(i).c_str()), 0);
     EXPECT_EQ(fake::log.take("N"), lines{});
     EXPECT_EQ(fp_udp_register_app_type("one more"), -1);
@@ -150,17 +140,8 @@ TEST_F(registration, fifty_types_are_kept_in_order)
     EXPECT_STREQ(regist_app_type[0], "");
     EXPECT_EQ(regist_app_type[1], tall);
     EXPECT_STREQ(regist_app_type[2], "A");
+    EXPECT_STREQ(regist_app_type[3], "a");
     EXPECT_STREQ(regist_app_type[49], "49");
-}
-
-TEST_F(registration, a_type_is_registered_once)
-{
-    for (int i = 0; i < 2; i++)
-        for (const char *type : {"a_app", "a_ap", "A_app"})
-            EXPECT_EQ(fp_udp_register_app_type(type), 0);
-    EXPECT_EQ(fake::log.take("EIN"), lines(3, "N app_type has registered,return.\n"));
-    EXPECT_STREQ(regist_app_type[2], "A_app");
-    EXPECT_EQ(regist_app_type[3], nullptr);
 }
 
 TEST_F(registration, three_tables_are_topics_and_the_first_refusal_ends_it)

@@ -80,27 +80,6 @@ TEST_F(tables, the_word_hash_places_nodes)
     EXPECT_EQ(applies.bucket_of(&apply), 0x0109CE5D % buckets);
 }
 
-TEST_F(tables, a_table_doubles_at_its_bound)
-{
-    const auto &table = *fp_udp_ace_node_list;
-    EXPECT_EQ(table.n_buckets, 0U);
-    std::deque<fp_udp_ace_node> nodes;
-    const std::map<size_t, std::pair<uint32_t, uint32_t>> sizes = {
-        {1, {4, 3}}, {4, {8, 6}}, {7, {16, 12}}, {13, {32, 25}}, {26, {64, 49}}, {50, {128, 99}}, {100, {256, 197}}};
-    std::pair<uint32_t, uint32_t> expected;
-    for (size_t i = 1; i <= 197; i++) {
-        nodes.push_back(ace_node(static_cast<uint32_t>(i), uint64_t{i} << 33));
-        EXPECT_EQ(fp_udp_ace_node_hash_insert(&nodes.back()), 0);
-        if (auto at = sizes.find(i); at != sizes.end())
-            expected = at->second;
-        EXPECT_EQ(std::make_pair(table.n_buckets, table.upper_bound), expected) << i;
-        EXPECT_EQ(fp_udp_ace_node_hash_size(), i);
-    }
-    for (fp_udp_ace_node &node : nodes)
-        EXPECT_EQ(fp_udp_ace_node_hash_find(&node), &node);
-    EXPECT_EQ(table.vals, nullptr);
-}
-
 TEST_F(tables, a_table_half_empty_at_its_bound_is_purged_and_a_fuller_one_doubles)
 {
     for (auto [removed, buckets, occupied] : {std::tuple{5U, 16U, 8U}, {4U, 32U, 9U}}) {
@@ -122,7 +101,7 @@ TEST_F(tables, a_table_half_empty_at_its_bound_is_purged_and_a_fuller_one_double
     }
 }
 
-TEST_F(tables, rebuilding_moves_each_node_by_the_kick_out_walk)
+TEST_F(tables, a_table_doubles_at_its_bound_and_moves_each_node_by_the_kick_out_walk)
 {
     // The walk on plain numbers: each displaced id goes to its first empty bucket, changing places with one not yet
     // moved.
@@ -164,6 +143,9 @@ TEST_F(tables, rebuilding_moves_each_node_by_the_kick_out_walk)
             },
             &seen);
         ASSERT_EQ(seen, expected) << id;
+        const fp_udp_acl_table &table = *fp_udp_acl_node_list;
+        EXPECT_EQ(std::tuple(table.n_buckets, table.upper_bound, table.size, table.vals),
+                  std::tuple(model.size(), bound, size, nullptr));
     }
 }
 
@@ -221,66 +203,6 @@ TEST_F(tables, an_empty_table_and_a_null_key_find_nothing)
 
 TEST_F(tables, comparisons_report_the_first_difference)
 {
-    struct {
-        std::function<void()> search;
-        lines messages;
-    } const rows[] = {
-        {[] {
-             auto k = acl_node(9);
-             fp_udp_acl_node_hash_find(&k);
-         },
-         {"N NOT EQUAL"}},
-        {[] {
-             auto k = acl_node(1, "ab");
-             fp_udp_acl_node_hash_find(&k);
-         },
-         {"N NOT EQUAL", "N APP_TYPE NOT EQUAL"}},
-        {[] {
-             auto k = acl_node(1, "b");
-             fp_udp_acl_node_hash_find(&k);
-         },
-         {"N APP_TYPE DO NOT EQUAL.", "N APP_TYPE NOT EQUAL"}},
-        {[] {
-             auto k = ace_node(2, 1);
-             fp_udp_ace_node_hash_find(&k);
-         },
-         {"N ACL ID DO NOT EQUAL."}},
-        {[] {
-             auto k = ace_node(1, 1ULL << 32);
-             fp_udp_ace_node_hash_find(&k);
-         },
-         {"N SN DO NOT EQUAL."}},
-        {[] {
-             auto k = ace_node(1, 1, "b");
-             fp_udp_ace_node_hash_find(&k);
-         },
-         {"N APP_TYPE DO NOT EQUAL.", "N APP_TYPE NOT EQUAL"}},
-        {[] {
-             auto k = apply_node(2, 2, 2);
-             fp_udp_apply_node_hash_find(&k);
-         },
-         {"N PHYID DO NOT EQUAL."}},
-        {[] {
-             auto k = apply_node(1, 2, 2);
-             fp_udp_apply_node_hash_find(&k);
-         },
-         {"N PRIORITY DO NOT EQUAL."}},
-        {[] {
-             auto k = apply_node(1, 1, 2);
-             fp_udp_apply_node_hash_find(&k);
-         },
-         {"N ACL ID DO NOT EQUAL."}},
-        {[] {
-             auto k = apply_node(1, 1, 1, "");
-             fp_udp_apply_node_hash_find(&k);
-         },
-         {"N NOT EQUAL"}},
-        {[] {
-             auto k = apply_node(1, 1, 1, "a", "c");
-             fp_udp_apply_node_hash_find(&k);
-         },
-         {"N APP_TYPE DO NOT EQUAL."}},
-    };
     // One bucket, so that every search compares.
     sized_table acls(fp_udp_acl_node_list, 1);
     sized_table aces(fp_udp_ace_node_list, 1);
@@ -292,12 +214,26 @@ TEST_F(tables, comparisons_report_the_first_difference)
     fp_udp_acl_node_hash_insert(&acl);
     fp_udp_ace_node_hash_insert(&ace);
     fp_udp_apply_node_hash_insert(&apply);
-    for (const auto &row : rows) {
-        row.search();
+    const auto says = [](auto find, const auto &key, const lines &messages) {
+        find(&key);
         for (const auto &line : fake::log.kept)
             EXPECT_EQ(line.file, "app/fp_udp_acldb.cpp");
-        EXPECT_EQ(fake::log.take("N"), row.messages);
-    }
+        EXPECT_EQ(fake::log.take("N"), messages);
+    };
+    const auto find_acl = fp_udp_acl_node_hash_find;
+    const auto find_ace = fp_udp_ace_node_hash_find;
+    const auto find_apply = fp_udp_apply_node_hash_find;
+    says(find_acl, acl_node(9), {"N NOT EQUAL"});
+    says(find_acl, acl_node(1, "ab"), {"N NOT EQUAL", "N APP_TYPE NOT EQUAL"});
+    says(find_acl, acl_node(1, "b"), {"N APP_TYPE DO NOT EQUAL.", "N APP_TYPE NOT EQUAL"});
+    says(find_ace, ace_node(2, 1), {"N ACL ID DO NOT EQUAL."});
+    says(find_ace, ace_node(1, 1ULL << 32), {"N SN DO NOT EQUAL."});
+    says(find_ace, ace_node(1, 1, "b"), {"N APP_TYPE DO NOT EQUAL.", "N APP_TYPE NOT EQUAL"});
+    says(find_apply, apply_node(2, 2, 2), {"N PHYID DO NOT EQUAL."});
+    says(find_apply, apply_node(1, 2, 2), {"N PRIORITY DO NOT EQUAL."});
+    says(find_apply, apply_node(1, 1, 2), {"N ACL ID DO NOT EQUAL."});
+    says(find_apply, apply_node(1, 1, 1, ""), {"N NOT EQUAL"});
+    says(find_apply, apply_node(1, 1, 1, "a", "c"), {"N APP_TYPE DO NOT EQUAL."});
 }
 
 TEST_F(tables, a_traversal_goes_by_bucket_and_survives_removals)

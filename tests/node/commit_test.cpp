@@ -11,14 +11,25 @@ constexpr uint32_t publish = S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_PUBLISH;
 
 class CommitTest : public World {
   protected:
-    CommitTest() : plane_({}) {}
-
-    SimulatedPlane plane_;
+    // A change is staged, what ends the staging makes it, and the next is made at once.
+    void expect_staging(uint32_t seconds, const std::function<void()> &end)
+    {
+        start();
+        set_marker("edge", enable, seconds);
+        set(ace(1), 100);
+        settle();
+        EXPECT_EQ(0, heard_of(ace(1)));
+        end();
+        EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
+        set(ace(2), 101);
+        settle();
+        EXPECT_EQ(1, heard_of(ace(2)));
+    }
 };
 
 TEST_F(CommitTest, makes_the_changes_together_when_they_are_published)
 {
-    const auto node = this->node(plane_);
+    const SimulatedPlane &plane = start();
     set(ace(1), 100);
     settle();
 
@@ -27,24 +38,21 @@ TEST_F(CommitTest, makes_the_changes_together_when_they_are_published)
     set(apply(1), 102);
     del(ace(1));
     settle();
-    EXPECT_TRUE(plane_.installed().contains(ace(1)));
+    EXPECT_TRUE(plane.installed().contains(ace(1)));
     EXPECT_EQ(0, heard_of(ace(2)));
 
-    const uint64_t batches = plane_.batches();
-    const uint64_t touched = plane_.touched();
+    const uint64_t batches = plane.batches();
+    const uint64_t touched = plane.touched();
     set_marker("edge", publish, 0);
     EXPECT_TRUE(run_until([&] { return heard_of(ace(2)) == 1 && heard_of(apply(1)) == 1; }));
-    EXPECT_EQ(1U + batches, plane_.batches());
-    EXPECT_EQ(3U + touched, plane_.touched());
-    EXPECT_FALSE(plane_.installed().contains(ace(1)));
+    EXPECT_EQ(1U + batches, plane.batches());
+    EXPECT_EQ(3U + touched, plane.touched());
+    EXPECT_FALSE(plane.installed().contains(ace(1)));
 }
 
 TEST_F(CommitTest, frees_before_it_takes)
 {
-    SimulatedOptions one_entry;
-    one_entry.table_size = 1;
-    SimulatedPlane small(one_entry);
-    const auto node = this->node(small);
+    start(simulated({"size=1"}));
     set(ace(5), 100);
     settle();
     set_marker("edge", enable, 60);
@@ -57,7 +65,7 @@ TEST_F(CommitTest, frees_before_it_takes)
 
 TEST_F(CommitTest, stages_again_after_a_publication_while_the_marker_stands)
 {
-    const auto node = this->node(plane_);
+    start();
     set_marker("edge", enable, 60);
     set_marker("edge", publish, 0);
     settle();
@@ -70,7 +78,7 @@ TEST_F(CommitTest, stages_again_after_a_publication_while_the_marker_stands)
 
 TEST_F(CommitTest, leaves_other_applications_and_port_settings_alone)
 {
-    const auto node = this->node(plane_);
+    start();
     set_marker("edge", enable, 60);
     set(ace(1, 10, "core"), 100);
     set(PortOffKey{3}, 101);
@@ -81,60 +89,37 @@ TEST_F(CommitTest, leaves_other_applications_and_port_settings_alone)
 
 TEST_F(CommitTest, ends_with_the_marker_that_is_taken_away)
 {
-    const auto node = this->node(plane_);
-    set_marker("edge", enable, 60);
-    set(ace(1), 100);
-    settle();
-    EXPECT_EQ(0, heard_of(ace(1)));
-    del_marker("edge", enable);
-    EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
-    set(ace(2), 101);
-    settle();
-    EXPECT_EQ(1, heard_of(ace(2)));
+    expect_staging(60, [this] { del_marker("edge", enable); });
 }
 
-TEST_F(CommitTest, ends_when_the_seconds_have_passed)
+TEST_F(CommitTest, ends_when_the_seconds_have_passed_though_the_marker_is_still_there)
 {
-    const auto node = this->node(plane_);
-    set_marker("edge", enable, 1);
-    set(ace(1), 100);
-    settle();
-    EXPECT_EQ(0, heard_of(ace(1)));
-    EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
-    set(ace(2), 101);
-    settle();
-    EXPECT_EQ(1, heard_of(ace(2))) << "the marker is still there, its time is not";
-}
-
-TEST_F(CommitTest, is_over_at_once_with_no_seconds)
-{
-    const auto node = this->node(plane_);
-    set_marker("edge", enable, 0);
-    set(ace(1), 100);
-    settle();
-    EXPECT_EQ(1, heard_of(ace(1)));
+    expect_staging(1, [] {});
 }
 
 TEST_F(CommitTest, holds_for_a_node_that_starts_in_the_middle)
 {
     set_marker("edge", enable, 60);
     set(ace(1), 100);
-    const auto node = this->node(plane_);
+    start();
     settle();
     EXPECT_EQ(0, heard_of(ace(1)));
     set_marker("edge", publish, 0);
     EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
 }
 
-TEST_F(CommitTest, ignores_markers_of_unknown_kind_and_publications_of_nobody)
+TEST_F(CommitTest, ignores_markers_without_seconds_of_unknown_kind_or_of_nobody)
 {
-    const auto node = this->node(plane_);
+    start();
+    set_marker("core", enable, 0);
     set_marker("edge", 7, 60);
     set_marker("", publish, 0);
     set_marker(std::string(300, 'y'), enable, 60);
     set(ace(1), 100);
+    set(ace(1, 10, "core"), 101);
     settle();
     EXPECT_EQ(1, heard_of(ace(1)));
+    EXPECT_EQ(1, heard_of(ace(1, 10, "core")));
 }
 
 } // namespace

@@ -7,67 +7,42 @@
 namespace plx::plane {
 namespace {
 
-struct OneKey {
-    Key key;
-};
-
-void PrintTo(const OneKey &key, std::ostream *out)
+TEST(RecordKey, is_the_one_that_the_record_was_made_with)
 {
-    *out << tables()[key.key.index()].requested->name;
+    const Key keys[] = {AceKey{"security_app", 4'000'000'000, UINT64_MAX},
+                        ApplyKey{"edge", 1, "security_app", 2, 3, 1},
+                        PortBindKey{"edge", 6, 1, 3, 77},
+                        PortOffKey{0x101},
+                        UplinkKey{7, 2},
+                        SviRouterKey{}};
+    for (const Key &key : keys) {
+        const Table &table = tables()[key.index()];
+        EXPECT_EQ(key, key_of(Record(*table.requested, key).message())) << table.requested->name;
+        EXPECT_EQ(key, key_of(Record(*table.status, key).message())) << table.status->name;
+    }
 }
 
-class EveryTable : public testing::TestWithParam<OneKey> {};
-
-TEST_P(EveryTable, gives_back_the_key_that_its_records_were_made_with)
-{
-    const Key &key = GetParam().key;
-    EXPECT_EQ(key, key_of(Record(*tables()[key.index()].requested, key).message()));
-    EXPECT_EQ(key, key_of(Record(*tables()[key.index()].status, key).message()));
-}
-
-INSTANTIATE_TEST_SUITE_P(Keys, EveryTable,
-                         testing::Values(OneKey{AceKey{"security_app", 4'000'000'000, UINT64_MAX}},
-                                         OneKey{ApplyKey{"edge", 1, "security_app", 2, 3, 1}},
-                                         OneKey{PortBindKey{"edge", 6, 1, 3, 77}}, OneKey{PortOffKey{0x101}},
-                                         OneKey{UplinkKey{7, 2}}, OneKey{SviRouterKey{}}));
-
-TEST(RecordKey, is_missing_from_a_record_without_one)
+TEST(RecordKey, is_missing_from_a_record_without_one_and_from_records_of_other_tables)
 {
     SPolicy__Ace ace = S_POLICY__ACE__INIT;
     EXPECT_EQ(std::nullopt, key_of(&ace.base));
     EXPECT_EQ(std::nullopt, key_of(nullptr));
+    EXPECT_EQ(std::nullopt, key_of(Record(s_policy__service_node__descriptor).message()));
 }
 
-TEST(RecordKey, is_missing_from_records_of_other_tables)
-{
-    const Record node(s_policy__service_node__descriptor);
-    EXPECT_EQ(std::nullopt, key_of(node.message()));
-}
-
-TEST(RecordKey, takes_a_missing_name_for_an_empty_one)
+TEST(RecordKey, has_names_of_31_characters_at_most_and_takes_a_missing_one_for_an_empty_one)
 {
     SPolicy__Ace ace = S_POLICY__ACE__INIT;
     SPolicy__AceKey index = S_POLICY__ACE_KEY__INIT;
-    index.t_app_type = nullptr;
+    ace.index = &index;
     index.sn = 5;
-    ace.index = &index;
+    index.t_app_type = nullptr;
     EXPECT_EQ(Key(AceKey{"", 0, 5}), key_of(&ace.base));
-}
-
-TEST(RecordKey, has_names_of_31_characters_at_most)
-{
-    SPolicy__Ace ace = S_POLICY__ACE__INIT;
-    SPolicy__AceKey index = S_POLICY__ACE_KEY__INIT;
-    ace.index = &index;
-    std::string name(31, 'a');
-    index.t_app_type = name.data();
-    EXPECT_TRUE(key_of(&ace.base).has_value());
-    name += 'a';
-    index.t_app_type = name.data();
-    EXPECT_FALSE(key_of(&ace.base).has_value());
-    name.assign(100'000, 'a');
-    index.t_app_type = name.data();
-    EXPECT_FALSE(key_of(&ace.base).has_value());
+    for (const size_t length : {31, 32, 100'000}) {
+        std::string name(length, 'a');
+        index.t_app_type = name.data();
+        EXPECT_EQ(length <= 31, key_of(&ace.base).has_value()) << length;
+    }
 }
 
 TEST(RecordContents, are_empty_where_bytes_are_missing)

@@ -16,17 +16,9 @@ Status make(SimulatedPlane &plane, const Change &change)
     return plane.program(std::span(&change, 1)).at(0).status;
 }
 
-SimulatedOptions options(std::initializer_list<std::string_view> texts)
-{
-    SimulatedOptions made;
-    for (const std::string_view text : texts)
-        EXPECT_TRUE(made.add(text)) << text;
-    return made;
-}
-
 TEST(SimulatedPlane, takes_entries_until_its_table_is_full)
 {
-    SimulatedPlane plane(options({"size=2"}));
+    SimulatedPlane plane(simulated({"size=2"}));
     EXPECT_EQ(Status::ok, make(plane, wanted(ace(1))));
     EXPECT_EQ(Status::ok, make(plane, wanted(ace(2))));
     EXPECT_EQ(Status::table_full, make(plane, wanted(ace(3))));
@@ -48,62 +40,49 @@ TEST(SimulatedPlane, keeps_what_was_programmed_when_a_change_of_it_fails)
     EXPECT_FALSE(plane.counters({"edge", 10, 2}).has_value());
 }
 
-struct Judged {
-    std::vector<uint8_t> value;
-    Status status;
-};
-
-void PrintTo(const Judged &judged, std::ostream *out)
+TEST(SimulatedPlane, judges_the_attributes_of_an_entry)
 {
-    *out << judged.value.size() << " bytes: " << status_text(static_cast<int32_t>(judged.status));
+    const struct {
+        std::vector<uint8_t> value;
+        Status status;
+    } cases[] = {{{}, Status::ok},
+                 {packed(0x202, {1}), Status::ok},
+                 {packed(0x202, {1, 0}), Status::bad_value},
+                 {packed(0x202, {}), Status::bad_value},
+                 {packed(0x1101, {10, 0, 0, 0, 255, 0, 0, 0}), Status::ok},
+                 {packed(0x5901, {1}), Status::unsupported},
+                 {packed(0x203, {1}), Status::unsupported},
+                 {{0, 0, 0}, Status::malformed}};
+    for (const auto &[value, status] : cases) {
+        SimulatedPlane plane({});
+        EXPECT_EQ(status, make(plane, wanted(ace(1), value))) << testing::PrintToString(value);
+    }
 }
 
-class AttributesOfAnEntry : public testing::TestWithParam<Judged> {};
-
-TEST_P(AttributesOfAnEntry, are_judged)
+TEST(Pattern, matches_by_its_parts)
 {
-    SimulatedPlane plane({});
-    EXPECT_EQ(GetParam().status, make(plane, wanted(ace(1), GetParam().value)));
+    const struct {
+        const char *text;
+        bool entry;  // ACE 10/5 of "edge"
+        bool bind;   // apply of ACL 10 of "edge"
+        bool uplink; // which has no application
+    } cases[] = {{"", true, true, true},
+                 {"*", true, true, true},
+                 {"edge", true, true, false},
+                 {"core", false, false, false},
+                 {"edge/10", true, true, false},
+                 {"*/11", false, false, false},
+                 {"edge/10/5", true, false, false},
+                 {"*/*/5", true, false, false},
+                 {"edge/10/6", false, false, false}};
+    for (const auto &[text, entry, bind, uplink] : cases) {
+        const auto pattern = parse_pattern(text);
+        ASSERT_TRUE(pattern.has_value()) << text;
+        EXPECT_EQ(entry, pattern->matches(ace(5))) << text;
+        EXPECT_EQ(bind, pattern->matches(apply(1))) << text;
+        EXPECT_EQ(uplink, pattern->matches(UplinkKey{1, 1})) << text;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Values, AttributesOfAnEntry,
-                         testing::Values(Judged{{}, Status::ok}, Judged{packed(0x202, {1}), Status::ok},
-                                         Judged{packed(0x202, {1, 0}), Status::bad_value},
-                                         Judged{packed(0x202, {}), Status::bad_value},
-                                         Judged{packed(0x1101, {10, 0, 0, 0, 255, 0, 0, 0}), Status::ok},
-                                         Judged{packed(0x5901, {1}), Status::unsupported},
-                                         Judged{packed(0x203, {1}), Status::unsupported},
-                                         Judged{{0, 0, 0}, Status::malformed}));
-
-struct Matched {
-    std::string pattern;
-    bool entry;  // ACE 10/5 of "edge"
-    bool bind;   // apply of ACL 10 of "edge"
-    bool uplink; // which has no application
-};
-
-void PrintTo(const Matched &matched, std::ostream *out)
-{
-    *out << '"' << matched.pattern << '"';
-}
-
-class Patterns : public testing::TestWithParam<Matched> {};
-
-TEST_P(Patterns, match_by_their_parts)
-{
-    const auto pattern = parse_pattern(GetParam().pattern);
-    ASSERT_TRUE(pattern.has_value());
-    EXPECT_EQ(GetParam().entry, pattern->matches(ace(5)));
-    EXPECT_EQ(GetParam().bind, pattern->matches(apply(1)));
-    EXPECT_EQ(GetParam().uplink, pattern->matches(UplinkKey{1, 1}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, Patterns,
-                         testing::Values(Matched{"", true, true, true}, Matched{"*", true, true, true},
-                                         Matched{"edge", true, true, false}, Matched{"core", false, false, false},
-                                         Matched{"edge/10", true, true, false}, Matched{"*/11", false, false, false},
-                                         Matched{"edge/10/5", true, false, false}, Matched{"*/*/5", true, false, false},
-                                         Matched{"edge/10/6", false, false, false}));
 
 TEST(SimulatedOptions, refuse_what_they_do_not_understand)
 {
@@ -116,7 +95,7 @@ TEST(SimulatedOptions, refuse_what_they_do_not_understand)
 
 TEST(SimulatedPlane, follows_every_rule_that_matches)
 {
-    SimulatedPlane plane(options({"refuse=edge/10/1", "delay=5@edge", "delay=7@*/10", "silent=*/11"}));
+    SimulatedPlane plane(simulated({"refuse=edge/10/1", "delay=5@edge", "delay=7@*/10", "silent=*/11"}));
     const std::vector<Change> changes{wanted(ace(1)), wanted(ace(2)), wanted(ace(1, 11)), wanted(ace(1, 12, "core"))};
     const std::vector<Answer> answers = plane.program(changes);
     EXPECT_EQ(Status::refused, answers.at(0).status);

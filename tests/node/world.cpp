@@ -53,6 +53,13 @@ std::unique_ptr<Node> World::node(Plane &plane, uint32_t id)
     return made;
 }
 
+SimulatedPlane &World::start(SimulatedOptions options)
+{
+    SimulatedPlane &plane = *planes_.emplace_back(std::make_unique<SimulatedPlane>(std::move(options)));
+    nodes_.push_back(node(plane, static_cast<uint32_t>(nodes_.size())));
+    return plane;
+}
+
 void World::set(const Key &key, uint64_t request, std::vector<uint8_t> value)
 {
     Record record(*tables()[key.index()].requested, key);
@@ -139,6 +146,14 @@ int32_t World::on_publication(void *, const tq_mom_notification *notification, v
     self->counters_.push_back({AceKey{counter->index->t_app_type, counter->index->acl_id, counter->index->sn},
                                static_cast<int32_t>(counter->counter_pkt), counter->counter_byte});
     return 0;
+}
+
+SimulatedOptions simulated(std::initializer_list<std::string_view> texts)
+{
+    SimulatedOptions made;
+    for (const std::string_view text : texts)
+        EXPECT_TRUE(made.add(text)) << text;
+    return made;
 }
 
 std::vector<uint8_t> packed(uint32_t type_word, std::vector<uint8_t> value)

@@ -39,6 +39,9 @@ class World : public testing::Test {
     // A running node with intervals that suit a test.
     std::unique_ptr<Node> node(Plane &plane, uint32_t id = 0);
 
+    // A simulated plane with a running node of its own, both until the test's end.
+    SimulatedPlane &start(SimulatedOptions options = {});
+
     void set(const Key &key, uint64_t request, std::vector<uint8_t> value = {});
     void del(const Key &key);
     void set_marker(const std::string &app, uint32_t operation, uint32_t seconds);
@@ -63,6 +66,8 @@ class World : public testing::Test {
     static int32_t on_publication(void *handle, const tq_mom_notification *notification, void *arg);
 
     uint32_t barrier_ = 0;
+    std::vector<std::unique_ptr<SimulatedPlane>> planes_;
+    std::vector<std::unique_ptr<Node>> nodes_;
 };
 
 inline Key ace(uint64_t sn, uint32_t acl = 10, const std::string &app = "edge")
@@ -74,6 +79,8 @@ inline Key apply(uint32_t port, uint32_t acl = 10, const std::string &app = "edg
 {
     return ApplyKey{.app = app, .acl = acl, .acl_app = app, .phyid = port, .priority = 1, .direction = 0};
 }
+
+SimulatedOptions simulated(std::initializer_list<std::string_view> texts);
 
 // One packed attribute.
 std::vector<uint8_t> packed(uint32_t type_word, std::vector<uint8_t> value);

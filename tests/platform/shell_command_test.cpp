@@ -2,32 +2,12 @@
 #include "ssat_server.hpp"
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <pty.h>
 
 namespace {
 
-namespace fs = std::filesystem;
-
-struct result {
-    int exit_code;
-    std::string output, errors;
-    bool operator==(const result &) const = default;
-};
-
-std::ostream &operator<<(std::ostream &stream, const result &result)
-{
-    return stream << result.exit_code << " out \"" << result.output << "\" err \"" << result.errors << '"';
-}
-
-std::string take(const fs::path &path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+using plx::tool::Result;
 
 // What a terminal shows until `wanted` appears, or the other end is closed.
 std::string read_until(int terminal, const std::string &wanted)
@@ -48,73 +28,59 @@ void type(int terminal, std::string_view keys)
     EXPECT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
 }
 
-struct shell_command : testing::Test {
-    fs::path root = [] {
-        char name[] = "/tmp/shell_test.XXXXXX";
-        return fs::path(mkdtemp(name));
-    }();
-
+struct shell_command : shell_test {
     shell_command()
     {
-        setenv("PLX_SHELL_DIR", (root / "shell").c_str(), 1);
         setenv("HOME", root.c_str(), 1);
         setenv("TERM", "vt100", 1);
     }
-    ~shell_command() override { fs::remove_all(root); }
 
-    result run(const std::string &arguments) const
+    static Result run(const std::string &arguments)
     {
-        const std::string command =
-            PLX_PROGRAM " shell " + arguments + " >" + (root / "out").string() + " 2>" + (root / "err").string();
-        const int status = system(command.c_str());
-        return {WEXITSTATUS(status), take(root / "out"), take(root / "err")};
+        return plx::tool::run_program("/bin/sh", {"-c", PLX_PROGRAM " shell " + arguments});
     }
 };
 
 TEST_F(shell_command, one_command_prints_its_output_and_ends_with_its_answer)
 {
     const server app(module_name, root / "app");
-    EXPECT_EQ(run("app.fp flood 50000").errors, "plx shell: the command printed more than the module keeps\n");
-    EXPECT_EQ(run("app.fp values name='two words' -7 mask=ff"), (result{0, "3:two words,-7,ff\n", ""}));
-    EXPECT_EQ(run("app.fp 'values a 1 1'"), (result{0, "3:a,1,1\n", ""}));
-    EXPECT_EQ(run("app.fp fail"), (result{3, "ok 0\n", ""}));
-    EXPECT_EQ(run("app.fp pid now"), (result{1, "", "one argument too many: 'now'\nusage: pid\n"}));
-    EXPECT_EQ(run("app.fp shell"), (result{1, "", "no command is named 'shell'; help lists the commands\n"}));
-    EXPECT_EQ(run("app.fp flood 2"), (result{0, "0123456789abcde\n0123456789abcde\n", ""}));
+    EXPECT_EQ(run("app.fp flood 50000").err, "plx shell: the command printed more than the module keeps\n");
+    EXPECT_EQ(run("app.fp values name='two words' -7 mask=ff"), (Result{0, "3:two words,-7,ff\n", ""}));
+    EXPECT_EQ(run("app.fp 'values a 1 1'"), (Result{0, "3:a,1,1\n", ""}));
+    EXPECT_EQ(run("app.fp fail"), (Result{3, "ok 0\n", ""}));
+    EXPECT_EQ(run("app.fp pid now"), (Result{1, "", "one argument too many: 'now'\nusage: pid\n"}));
+    EXPECT_EQ(run("app.fp shell"), (Result{1, "", "no command is named 'shell'; help lists the commands\n"}));
+    EXPECT_EQ(run("app.fp flood 2"), (Result{0, "0123456789abcde\n0123456789abcde\n", ""}));
 }
 
 TEST_F(shell_command, without_a_module_the_living_ones_are_listed)
 {
-    EXPECT_EQ(run(""), (result{0, "", "plx shell: no module is alive\n"}));
+    EXPECT_EQ(run(""), (Result{0, "", "plx shell: no module is alive\n"}));
     const server app(module_name, root / "app"), odd("../\x1b[31m odd", root / "odd");
     server dead("dead.fp", root / "dead");
     dead.crash();
-    EXPECT_EQ(run(""), (result{0, "../?[31m odd\napp.fp\n", ""}));
+    EXPECT_EQ(run(""), (Result{0, "../?[31m odd\napp.fp\n", ""}));
 }
 
 TEST_F(shell_command, a_module_that_is_not_there_is_an_error)
 {
-    EXPECT_EQ(run("app.fp help"), (result{5, "", "plx shell: app.fp: no such module is alive\n"}));
-    EXPECT_EQ(run("app.fp </dev/null"), (result{5, "", "plx shell: app.fp: no such module is alive\n"}));
+    EXPECT_EQ(run("app.fp help"), (Result{5, "", "plx shell: app.fp: no such module is alive\n"}));
+    EXPECT_EQ(run("app.fp </dev/null"), (Result{5, "", "plx shell: app.fp: no such module is alive\n"}));
 }
 
 TEST_F(shell_command, lines_of_a_pipe_are_run_and_the_first_failure_is_the_exit_code)
 {
     const server app(module_name, root / "app");
-    std::ofstream(root / "lines") << "count\n\nfail\nnothing\ncount\n";
-    EXPECT_EQ(run("app.fp <" + (root / "lines").string()),
-              (result{3, "1ok 0\n2", "no command is named 'nothing'; help lists the commands\n"}));
+    EXPECT_EQ(run("app.fp <" + files.write("lines", "count\n\nfail\nnothing\ncount\n")),
+              (Result{3, "1ok 0\n2", "no command is named 'nothing'; help lists the commands\n"}));
 }
 
 TEST_F(shell_command, a_terminal_gets_completion_and_history)
 {
     const server app(module_name, root / "app");
-    int terminal = -1;
-    int ours = -1;
-    if (openpty(&terminal, &ours, nullptr, nullptr, nullptr) != 0)
+    if (!plx::tool::has_terminals())
         GTEST_SKIP() << "this machine gives no terminals";
-    close(terminal);
-    close(ours);
+    int terminal = -1;
     const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
         execl(PLX_PROGRAM, PLX_PROGRAM, "shell", "app.fp", nullptr);
@@ -134,7 +100,7 @@ TEST_F(shell_command, a_terminal_gets_completion_and_history)
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
     close(terminal);
-    EXPECT_NE(take(root / ".plx_shell_history").find("values"), std::string::npos);
+    EXPECT_NE(files.read(".plx_shell_history").find("values"), std::string::npos);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // A module of the debug shell in a process of its own, with commands that print, fail, flood and misbehave, and a
-// client.
+// client; a directory for both.
 //
 // The process ends when the server object goes, in an orderly way (so that leak checks see it) unless crash() was
 // asked.
@@ -8,12 +8,14 @@
 
 #include "ssat.h"
 #include "ssat_client.h"
+#include "tools/process.hpp"
 #include "tq_context.h"
 #include "tq_loop.h"
 
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
@@ -29,28 +31,10 @@ constexpr uid_t nobody = 65534;
 tq_context context;
 int calls = 0;
 
-int print_values(int argc, const ssat_value *argv)
-{
-    printf("%d:%s,%d,%x\n", argc, argv[0].s, argv[1].d, argv[2].x);
-    return 0;
-}
-
 int print_pid(int, const ssat_value *)
 {
     printf("%d\n", getpid());
     return 0;
-}
-
-int count_calls(int, const ssat_value *)
-{
-    printf("%d", ++calls);
-    return 0;
-}
-
-int fail(int, const ssat_value *)
-{
-    printf("ok 0\n");
-    return -1;
 }
 
 int flood(int, const ssat_value *argv)
@@ -75,27 +59,21 @@ int run_loop(int, const ssat_value *)
     return 0;
 }
 
-int write_beside(int, const ssat_value *)
-{
-    EXPECT_EQ(write(STDOUT_FILENO, "straight", 8), 8);
-    return 0;
-}
-
 int register_commands()
 {
     const struct {
         const char *name, *description;
         ssat_handler handler;
     } commands[] = {
-        {"values", "name=%s, id=%d, mask=%x, $n", print_values},
+        {"values", "name=%s, id=%d, mask=%x, $n",
+         [](int n, const ssat_value *v) { return printf("%d:%s,%d,%x\n", n, v[0].s, v[1].d, v[2].x) < 0 ? 1 : 0; }},
         {"pid", "tell the process", print_pid},
-        {"count", "$n", count_calls},
-        {"fail", "$n", fail},
+        {"count", "$n", [](int, const ssat_value *) { return printf("%d", ++calls) < 0 ? 1 : 0; }},
+        {"fail", "$n", [](int, const ssat_value *) { return printf("ok 0\n") < 0 ? 0 : -1; }},
         {"flood", "lines=%x", flood},
         {"throw", "$n", throw_error},
         {"loop", "$n", run_loop},
-        {"straight", "$n", write_beside},
-    };
+        {"straight", "$n", [](int, const ssat_value *) { return write(STDOUT_FILENO, "straight", 8) == 8 ? 0 : -1; }}};
     for (const auto &[name, description, handler] : commands)
         if (const int error = ssat_reg_mod_cmd(module_name, name, 0, description, handler))
             return error;
@@ -210,6 +188,14 @@ struct connection {
             text.append(buffer, static_cast<size_t>(got));
         return text;
     }
+};
+
+// Modules have their sockets in a directory of the case's own.
+struct shell_test : testing::Test {
+    const plx::tool::TemporaryDirectory files;
+    const std::filesystem::path root = files.path(), directory = root / "shell";
+
+    shell_test() { setenv("PLX_SHELL_DIR", directory.c_str(), 1); }
 };
 
 } // namespace

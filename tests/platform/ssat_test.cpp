@@ -4,10 +4,8 @@
 
 #include <cstdarg>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <set>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,12 +26,6 @@ extern "C" void tqdf_zlog(void *, const char *, size_t, const char *, size_t, lo
 
 namespace {
 
-std::string contents(const fs::path &path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 std::set<std::string> alive()
 {
     std::set<std::string> modules;
@@ -42,26 +34,20 @@ std::set<std::string> alive()
     return modules;
 }
 
-struct ssat_test : testing::Test {
-    fs::path root = [] {
-        char name[] = "/tmp/ssat_test.XXXXXX";
-        return fs::path(mkdtemp(name));
-    }();
-    fs::path directory = root / "shell", output = root / "output";
+struct ssat_test : shell_test {
+    const fs::path output = root / "output";
 
-    ssat_test()
-    {
-        log_path = root / "log";
-        setenv("PLX_SHELL_DIR", directory.c_str(), 1);
-    }
-    ~ssat_test() override { fs::remove_all(root); }
+    ssat_test() { log_path = root / "log"; }
 };
 
-TEST_F(ssat_test, a_command_gets_its_values_and_the_client_what_it_prints)
-{
-    const server app(module_name, output);
-    ASSERT_EQ(app.error, 0);
+struct ssat_session : ssat_test {
+    const server app{module_name, output};
     const connection client;
+};
+
+TEST_F(ssat_session, a_command_gets_its_values_and_the_client_what_it_prints)
+{
+    ASSERT_EQ(app.error, 0);
     EXPECT_EQ(client.run("values name=all id=-1 mask=ff"), "ok: 3:all,-1,ff\n");
     EXPECT_EQ(client.run("values \"two words\" 2 0x3"), "ok: 3:two words,2,3\n");
     EXPECT_EQ(client.run("straight"), "ok: straight");
@@ -69,20 +55,16 @@ TEST_F(ssat_test, a_command_gets_its_values_and_the_client_what_it_prints)
     EXPECT_EQ(client.run("throw"), "failed: before");
 }
 
-TEST_F(ssat_test, a_line_that_does_not_fit_calls_nothing_and_shows_the_usage)
+TEST_F(ssat_session, a_line_that_does_not_fit_calls_nothing_and_shows_the_usage)
 {
-    const server app(module_name, output);
-    const connection client;
     EXPECT_EQ(client.run("count now"), "usage: one argument too many: 'now'\nusage: count\n");
     EXPECT_EQ(client.run("values all"), "usage: 'id' is missing\nusage: values name=%s id=%d mask=%x\n");
     EXPECT_EQ(client.run("cuont"), "unknown: no command is named 'cuont'; help lists the commands\n");
     EXPECT_EQ(client.run("count"), "ok: 1") << "the first call";
 }
 
-TEST_F(ssat_test, help_lists_every_command_with_its_usage)
+TEST_F(ssat_session, help_lists_every_command_with_its_usage)
 {
-    const server app(module_name, output);
-    const connection client;
     EXPECT_EQ(client.run("help"), "ok: count\t$n\nfail\t$n\nflood lines=%x\tlines=%x\nloop\t$n\n"
                                   "pid\ttell the process\nstraight\t$n\nthrow\t$n\n"
                                   "values name=%s id=%d mask=%x\tname=%s, id=%d, mask=%x, $n\n");
@@ -96,7 +78,7 @@ TEST_F(ssat_test, what_the_application_prints_stays_with_the_application)
     EXPECT_EQ(connection().run("values a 1 1"), "ok: 3:a,1,1\n");
     EXPECT_EQ(connection().run("throw"), "failed: before");
     EXPECT_EQ(app.stop(), 0);
-    EXPECT_EQ(contents(output), "begin end");
+    EXPECT_EQ(files.read("output"), "begin end");
 }
 
 TEST_F(ssat_test, a_command_that_runs_the_loop_is_not_entered_again)
@@ -109,29 +91,16 @@ TEST_F(ssat_test, a_command_that_runs_the_loop_is_not_entered_again)
     EXPECT_EQ(first.receive_all(), "ok 6\nin outok 6\nin out");
 }
 
-TEST_F(ssat_test, lines_may_be_sent_ahead_and_are_answered_in_order)
+TEST_F(ssat_session, lines_sent_ahead_are_answered_in_order_but_not_one_without_its_end)
 {
-    const server app(module_name, output);
-    const connection client;
-    client.send_raw("count\r\n\n  \ncount\nflood 1\ncount\n");
+    client.send_raw("count\r\n\n  \ncount\nflood 1\ncount\ncount");
     shutdown(client.fd, SHUT_WR);
     EXPECT_EQ(client.receive_all(), "ok 1\n1ok 1\n2ok 16\n0123456789abcde\nok 1\n3");
+    EXPECT_EQ(connection().run("count"), "ok: 4");
 }
 
-TEST_F(ssat_test, a_line_without_its_end_is_not_run)
+TEST_F(ssat_session, hostile_lines_are_refused_and_the_session_goes_on)
 {
-    const server app(module_name, output);
-    const connection client, other;
-    client.send_raw("count\ncount");
-    shutdown(client.fd, SHUT_WR);
-    EXPECT_EQ(client.receive_all(), "ok 1\n1");
-    EXPECT_EQ(other.run("count"), "ok: 2");
-}
-
-TEST_F(ssat_test, hostile_lines_are_refused_and_the_session_goes_on)
-{
-    const server app(module_name, output);
-    const connection client;
     const std::string longest = "values " + std::string(4096 - 11, 'x') + " 1 1";
     client.send_raw(longest + '\n' + longest + "1\n" + std::string(100000, 'y') + '\n' + std::string("count\0\n", 7) +
                     "count\n");
@@ -142,10 +111,8 @@ TEST_F(ssat_test, hostile_lines_are_refused_and_the_session_goes_on)
                                        "bytes\nusage 38\nthe line has control characters in it\nok 1\n1");
 }
 
-TEST_F(ssat_test, output_beyond_the_bound_is_cut_and_said_to_be)
+TEST_F(ssat_session, output_beyond_the_bound_is_cut_and_said_to_be)
 {
-    const server app(module_name, output);
-    const connection client;
     const std::string answer = client.run("flood 50000"); // five times 1 MiB
     EXPECT_EQ(answer.size(), 4 + (size_t{4} << 20) + 5);
     EXPECT_EQ(answer.substr(answer.size() - 5), "[cut]");
@@ -202,21 +169,15 @@ TEST_F(ssat_test, a_living_process_s_socket_is_not_and_the_second_gets_a_name_of
     EXPECT_EQ(connection(second_name).run("pid"), "ok: " + std::to_string(second.pid) + '\n');
 }
 
-TEST_F(ssat_test, an_orderly_end_leaves_no_socket)
+TEST_F(ssat_test, directory_and_socket_are_their_owner_s_alone_and_an_orderly_end_leaves_no_socket)
 {
     server app(module_name, output);
-    ASSERT_TRUE(fs::exists(directory / module_name));
+    EXPECT_EQ(fs::status(directory).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(fs::status(directory / module_name).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(app.stop(), 0);
     EXPECT_FALSE(fs::exists(directory / module_name));
     EXPECT_EQ(ssat_client_connect(module_name), -1);
     EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(ssat_test, directory_and_socket_are_their_owner_s_alone)
-{
-    const server app(module_name, output);
-    EXPECT_EQ(fs::status(directory).permissions(), fs::perms::owner_all);
-    EXPECT_EQ(fs::status(directory / module_name).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(ssat_test, a_module_s_name_cannot_leave_the_directory)
@@ -251,7 +212,7 @@ TEST_F(ssat_test, a_directory_that_is_not_ours_alone_is_refused)
     fs::create_directory(directory);
     chmod(directory.c_str(), 0755);
     EXPECT_EQ(server(module_name, output).error, EPERM) << "open to others";
-    EXPECT_EQ(contents(log_path).find("100 the shell of app.fp does not open"), 0u) << contents(log_path);
+    EXPECT_EQ(files.read("log").find("100 the shell of app.fp does not open"), 0u) << files.read("log");
 
     chmod(directory.c_str(), 0700);
     if (chown(directory.c_str(), nobody, nobody) == 0) {
@@ -266,7 +227,7 @@ TEST_F(ssat_test, what_is_no_socket_is_left_alone)
     std::ofstream(directory / module_name) << "kept";
     const server app(module_name, output);
     EXPECT_EQ(app.error, 0);
-    EXPECT_EQ(contents(directory / module_name), "kept");
+    EXPECT_EQ(files.read("shell/app.fp"), "kept");
     EXPECT_EQ(alive(), std::set<std::string>{module_name + ('@' + std::to_string(app.pid))});
 }
 
@@ -305,7 +266,7 @@ TEST_F(ssat_test, another_user_is_refused_and_logged)
     for (const fs::path &path : {root, directory, directory / module_name})
         chmod(path.c_str(), 0777);
     EXPECT_EQ(answer_to_uid(nobody, directory / module_name), "denied 36\nthis module belongs to another user\n");
-    EXPECT_EQ(contents(log_path).find("80 refused a connection of uid 65534"), 0u) << contents(log_path);
+    EXPECT_EQ(files.read("log").find("80 refused a connection of uid 65534"), 0u) << files.read("log");
     chmod(directory.c_str(), 0700);
     EXPECT_EQ(connection().run("count"), "ok: 1") << "nothing was called";
 }
@@ -348,10 +309,8 @@ TEST_F(ssat_test, registration_refuses_what_cannot_work)
     tq_loop_free(own.master);
 }
 
-TEST_F(ssat_test, the_client_refuses_lines_that_have_no_single_answer)
+TEST_F(ssat_session, the_client_refuses_lines_that_have_no_single_answer)
 {
-    const server app(module_name, output);
-    const connection client;
     for (const char *line : {"", "  \t", "count\ncount", "\r"})
         EXPECT_EQ(client.run(line), strerror(EINVAL)) << line;
     EXPECT_EQ(client.run("count"), "ok: 1");

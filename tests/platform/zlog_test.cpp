@@ -8,8 +8,11 @@
 
 namespace {
 
-std::string run(const std::string &command)
+// What becomes of a line of the category "policy" in a process that sees this library.
+std::string write_line(const std::string &library, const std::string &arguments, const std::string &environment = "")
 {
+    const std::string command = "env -u ZLOG_CONF_PATH LD_LIBRARY_PATH=" ZLOG_STAND_INS "/" + library + " " +
+                                environment + " " + ZLOG_WRITER " policy " + arguments;
     FILE *pipe = popen(command.c_str(), "r");
     if (!pipe)
         return "no pipe";
@@ -19,35 +22,22 @@ std::string run(const std::string &command)
     return pclose(pipe) == 0 ? output : output + " (failed)";
 }
 
-std::string write_line(const std::string &library, const std::string &arguments, const std::string &environment = "")
+TEST(zlog, a_line_goes_as_it_is_to_zlog_when_that_can_be_used_or_else_to_syslog)
 {
-    return run("env -u ZLOG_CONF_PATH LD_LIBRARY_PATH=" ZLOG_STAND_INS "/" + library + " " + environment + " " +
-               ZLOG_WRITER " " + arguments);
-}
-
-TEST(zlog, a_line_goes_to_zlog_when_the_library_is_on_the_machine)
-{
-    EXPECT_EQ(write_line("zlog_complete", "policy 80 'a line'"),
-              "init default\nzlog policy app/file.cpp function 42 80 format=%s: a line\n");
-}
-
-TEST(zlog, a_percent_sign_is_text)
-{
-    EXPECT_EQ(write_line("zlog_complete", "policy 20 '100%n %s'"),
-              "init default\nzlog policy app/file.cpp function 42 20 format=%s: 100%n %s\n");
-    EXPECT_EQ(write_line("zlog_incomplete", "policy 20 '100%n %s'"), "syslog 7 policy: function[42]: 100%n %s");
-}
-
-TEST(zlog, the_environment_names_the_configuration)
-{
-    EXPECT_EQ(write_line("zlog_complete", "policy 40 x", "ZLOG_CONF_PATH=/etc/other.conf"),
-              "init /etc/other.conf\nzlog policy app/file.cpp function 42 40 format=%s: x\n");
-}
-
-TEST(zlog, a_zlog_that_cannot_be_used_leaves_the_line_to_syslog)
-{
-    EXPECT_EQ(write_line("zlog_incomplete", "policy 100 x"), "syslog 3 policy: function[42]: x");
-    EXPECT_EQ(write_line("zlog_unconfigured", "policy 100 x"), "syslog 3 policy: function[42]: x");
+    const std::string zlog = "zlog policy app/file.cpp function 42 ", syslog = " policy: function[42]: ", y(5000, 'y');
+    const struct {
+        const char *library;
+        std::string arguments, output;
+        const char *environment = "";
+    } cases[] = {{"zlog_complete", "80 'a line'", "init default\n" + zlog + "80 format=%s: a line\n"},
+                 {"zlog_complete", "20 '100%n %s'", "init default\n" + zlog + "20 format=%s: 100%n %s\n"},
+                 {"zlog_complete", "80 " + y, "init default\n" + zlog + "80 format=%s: " + y + '\n'},
+                 {"zlog_complete", "40 x", "init /other\n" + zlog + "40 format=%s: x\n", "ZLOG_CONF_PATH=/other"},
+                 {"zlog_unconfigured", "100 x", "syslog 3" + syslog + 'x'},
+                 {"zlog_incomplete", "20 '100%n %s'", "syslog 7" + syslog + "100%n %s"},
+                 {"zlog_incomplete", "80 'x\n\n'", "syslog 4" + syslog + 'x'}};
+    for (const auto &[library, arguments, output, environment] : cases)
+        EXPECT_EQ(write_line(library, arguments, environment), output) << library;
 }
 
 TEST(zlog, levels_keep_their_meaning_in_syslog)
@@ -56,20 +46,8 @@ TEST(zlog, levels_keep_their_meaning_in_syslog)
         int level, priority;
     } cases[] = {{0, 7}, {20, 7}, {40, 6}, {60, 5}, {80, 4}, {99, 4}, {100, 3}, {120, 2}, {200, 2}};
     for (const auto &[level, priority] : cases)
-        EXPECT_EQ(write_line("zlog_incomplete", "policy " + std::to_string(level) + " x"),
+        EXPECT_EQ(write_line("zlog_incomplete", std::to_string(level) + " x"),
                   "syslog " + std::to_string(priority) + " policy: function[42]: x");
-}
-
-TEST(zlog, a_line_of_any_length_arrives_whole)
-{
-    const std::string text(5000, 'y');
-    EXPECT_EQ(write_line("zlog_complete", "policy 80 " + text),
-              "init default\nzlog policy app/file.cpp function 42 80 format=%s: " + text + "\n");
-}
-
-TEST(zlog, syslog_gets_a_line_without_its_line_end)
-{
-    EXPECT_EQ(write_line("zlog_incomplete", "policy 80 'x\n\n'"), "syslog 4 policy: function[42]: x");
 }
 
 TEST(zlog, without_a_category_nothing_happens)

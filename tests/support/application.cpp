@@ -1,8 +1,7 @@
 // The recording callbacks, the builders, and the fixture.
 #include "application.h"
+#include "inspection.h"
 
-#include <algorithm>
-#include <cstring>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,11 +122,17 @@ void put_priv(uint8_t *bytes, size_t length, uint8_t first)
         bytes[i] = static_cast<uint8_t>(first + i);
 }
 
+template <class Named> static Named named(const std::string &type, uint32_t id)
+{
+    Named made{};
+    put_name(made.app_type, type);
+    made.acl_id = id;
+    return made;
+}
+
 fp_udp_acl make_acl(const std::string &type, uint32_t id, uint8_t cls, uint8_t priv)
 {
-    fp_udp_acl acl{};
-    put_name(acl.app_type, type);
-    acl.acl_id = id;
+    auto acl = named<fp_udp_acl>(type, id);
     acl.acl_cls = cls;
     put_priv(acl.priv, sizeof acl.priv, priv);
     return acl;
@@ -135,18 +140,12 @@ fp_udp_acl make_acl(const std::string &type, uint32_t id, uint8_t cls, uint8_t p
 
 fp_udp_acl_key make_key(const std::string &type, uint32_t id)
 {
-    fp_udp_acl_key key{};
-    put_name(key.app_type, type);
-    key.acl_id = id;
-    return key;
+    return named<fp_udp_acl_key>(type, id);
 }
 
 fp_udp_acl_info make_info(const std::string &type, uint32_t id)
 {
-    fp_udp_acl_info info{};
-    put_name(info.app_type, type);
-    info.acl_id = id;
-    return info;
+    return named<fp_udp_acl_info>(type, id);
 }
 
 fp_udp_ace_info make_ace_info(uint64_t sn)
@@ -203,83 +202,6 @@ size_t list_length(const fp_udp_list &head)
 
 namespace {
 
-// Walks everything that hangs together and collects the first thing wrong.
-struct inspection {
-    bool tables_are_whole;
-    std::string fault;
-    size_t acls = 0, aces = 0, applies = 0;
-    std::vector<const void *> waiting; // requests that nodes point at
-
-    void expect(bool right, const char *what)
-    {
-        if (!right && fault.empty())
-            fault = what;
-    }
-
-    // The elements of a list whose links agree both ways.
-    template <class Element> std::vector<Element *> elements(const fp_udp_list &head)
-    {
-        std::vector<Element *> found;
-        const fp_udp_list *at = &head;
-        while (at->next->prev == at && at->next != &head) {
-            at = at->next;
-            found.push_back(reinterpret_cast<Element *>(const_cast<fp_udp_list *>(at)));
-        }
-        expect(at->next == &head && head.prev == at, "a list's links");
-        return found;
-    }
-
-    template <class Node> void node(const fp_udp_acl_node &owner, const Node *n, const Node *in_table, uint8_t type)
-    {
-        expect(n->acl.acl_id == owner.acl.acl_id && !strcmp(n->acl.app_type, owner.acl.app_type), "a node's ACL");
-        expect(in_table == n || (!tables_are_whole && !in_table), "a listed node is not the table's");
-        if (!n->req)
-            return;
-        expect(n->req->node == n && n->req->type == type, "a request of another node");
-        waiting.push_back(n->req);
-    }
-
-    void acl(const fp_udp_acl_node *owner)
-    {
-        acls++;
-        expect(fp_udp_acl_node_hash_find(owner) == owner, "an ACL is not the table's");
-        const auto listed = elements<fp_udp_ace_node>(owner->ace_list);
-        const auto bound = elements<fp_udp_apply_node>(owner->apply_list);
-        expect(owner->ace_count == listed.size(), "an ACL's count of entries");
-        for (const fp_udp_ace_node *n : listed)
-            node(*owner, n, fp_udp_ace_node_hash_find(n), FP_UDP_REQ_ACE);
-        for (const fp_udp_apply_node *n : bound)
-            node(*owner, n, fp_udp_apply_node_hash_find(n), FP_UDP_REQ_APPLY);
-        aces += listed.size();
-        applies += bound.size();
-    }
-
-    template <class Table> void table(const Table *table, size_t listed)
-    {
-        if (!table)
-            return;
-        uint32_t stored = 0, occupied = 0;
-        for (uint32_t i = 0; i < table->n_buckets; i++) {
-            const uint32_t bits = table->flags[i / 16] >> 2 * (i % 16) & 3;
-            stored += bits == 0;
-            occupied += !(bits & 2);
-        }
-        expect(table->size == stored && table->n_occupied == occupied && occupied <= table->upper_bound,
-               "a table's counts");
-        expect(stored == listed || (!tables_are_whole && stored < listed), "a table's size");
-    }
-
-    void requests()
-    {
-        std::vector<const void *> pending;
-        for (const fp_udp_req_node *request : elements<fp_udp_req_node>(g_req_para.pending))
-            pending.push_back(request);
-        std::sort(pending.begin(), pending.end());
-        std::sort(waiting.begin(), waiting.end());
-        expect(pending == waiting, "the pending list is not the nodes' requests");
-    }
-};
-
 std::string how_it_ended(pid_t child)
 {
     int status = 0;
@@ -294,20 +216,7 @@ std::string how_it_ended(pid_t child)
 
 std::string broken(bool tables_are_whole)
 {
-    inspection all{tables_are_whole, {}, 0, 0, 0, {}};
-    fp_udp_acl_node_hash_traverse(
-        [](fp_udp_acl_node *node, void *arg) {
-            static_cast<inspection *>(arg)->acl(node);
-            return 0;
-        },
-        &all);
-    all.table(fp_udp_acl_node_list, all.acls);
-    all.table(fp_udp_ace_node_list, all.aces);
-    all.table(fp_udp_apply_node_list, all.applies);
-    all.requests();
-    const size_t alive = all.elements<fp_udp_service_node>(g_fp_service.nodes).size();
-    all.expect(alive == static_cast<size_t>(g_fp_service.count), "the count of service nodes");
-    return all.fault;
+    return fake::first_fault(tables_are_whole);
 }
 
 std::string in_child(const std::function<std::string()> &work, bool quiet)

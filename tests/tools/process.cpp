@@ -6,8 +6,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <pty.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,32 +45,27 @@ int wait_for(pid_t child)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-std::string content_of(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
 } // namespace
+
+std::ostream &operator<<(std::ostream &stream, const Result &result)
+{
+    return stream << result.exit_code << " out \"" << result.out << "\" err \"" << result.err << '"';
+}
 
 Result run_program(const std::string &program, const std::vector<std::string> &arguments,
                    const std::map<std::string, std::string> &environment)
 {
     const TemporaryDirectory directory;
-    const std::string out = directory.path() + "/out";
-    const std::string err = directory.path() + "/err";
     const pid_t child = fork();
     if (child < 0)
         throw std::runtime_error("fork");
     if (child == 0) {
-        redirect(STDOUT_FILENO, out);
-        redirect(STDERR_FILENO, err);
+        redirect(STDOUT_FILENO, directory.path() + "/out");
+        redirect(STDERR_FILENO, directory.path() + "/err");
         exec(program, arguments, environment);
     }
     const int exit_code = wait_for(child);
-    return {exit_code, content_of(out), content_of(err)};
+    return {exit_code, directory.read("out"), directory.read("err")};
 }
 
 Result run_plx(const std::vector<std::string> &arguments, const std::map<std::string, std::string> &environment)
@@ -126,6 +121,12 @@ std::string TemporaryDirectory::write(const std::string &name, const std::string
     const std::string file = path_ + "/" + name;
     std::ofstream(file, std::ios::binary) << content;
     return file;
+}
+
+std::string TemporaryDirectory::read(const std::string &name) const
+{
+    std::ifstream file(path_ + "/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace plx::tool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,10 @@ struct Result {
     int exit_code = -1; // minus the signal's number when one ended it
     std::string out;
     std::string err;
+
+    bool operator==(const Result &) const = default;
 };
+std::ostream &operator<<(std::ostream &stream, const Result &result);
 
 // PLX_STORE is taken out of the environment unless it is given here.
 Result run_plx(const std::vector<std::string> &arguments, const std::map<std::string, std::string> &environment = {});
@@ -33,6 +37,7 @@ class TemporaryDirectory {
     TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
 
     std::string write(const std::string &name, const std::string &content) const;
+    std::string read(const std::string &name) const; // "" without such a file
     const std::string &path() const { return path_; }
 
   private:
