@@ -227,6 +227,16 @@ TEST_F(refusal, random_bytes_and_long_names_in_the_store_crash_nobody)
     });
 }
 
+TEST_F(refusal, logs_of_tables_written_in_turn_are_trimmed_alike)
+{
+    auto *writer = open("log=100");
+    for (uint64_t sn = 0; sn < 1000; ++sn)
+        for (const uint32_t db : {8, 9})
+            EXPECT_EQ(TQ_MOM_OK, write_ace(writer, db, ace_record("a", 1, sn % 10, sn)));
+    for (const char *log : {"plx{8:ace}/log", "plx{9:ace}/log"})
+        EXPECT_GE(300, std::stoi(server.run({"XLEN", log}))) << log;
+}
+
 TEST_F(refusal, for_want_of_a_script_has_the_client_load_it_again)
 {
     for (const int round : {1, 2}) {
