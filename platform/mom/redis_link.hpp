@@ -2,8 +2,7 @@
 //
 // A link keeps the connection that calls use and opens the one for changes beside it. While the server is away,
 // attempts are paced (50 ms doubling to 2 s) and everything in between fails at once with the reason of the last
-// attempt. Whoever caches what belongs to a connection (what was read there) compares generation(), which no two connections
-// share.
+// attempt. Whoever keeps what was read on a connection compares generation(), which no two connections share.
 #ifndef TQ_MOM_REDIS_LINK_HPP
 #define TQ_MOM_REDIS_LINK_HPP
 
