@@ -1,7 +1,7 @@
 // The engine of a server's addresses: "unix:", "redis://", "sentinel://".
 //
-// Each write is one send: see redis_batch.hpp. What was written before, on this connection, told the engine what a
-// table's metadata says; the first write of a connection, and one that finds it changed, read it.
+// Each write is one send: see redis_batch.hpp. What a table's metadata says is read before the first write on a
+// connection, and again after a write that found it changed.
 #ifndef TQ_MOM_REDIS_ENGINE_HPP
 #define TQ_MOM_REDIS_ENGINE_HPP
 

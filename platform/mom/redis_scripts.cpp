@@ -133,7 +133,9 @@ if ARGV[2] ~= '' then
 end
 if new and not fields then
   local now = redis.call('TIME')
-  redis.call('HSET', KEYS[3], 'epoch', now[1] .. '.' .. now[2], 'gen', 1, 'fields', '')
+  redis.call('HSETNX', KEYS[3], 'epoch', now[1] .. '.' .. now[2])
+  redis.call('HSETNX', KEYS[3], 'gen', 1)
+  redis.call('HSETNX', KEYS[3], 'fields', '')
 end
 return results
 )";

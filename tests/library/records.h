@@ -3,40 +3,29 @@
 #pragma once
 
 #include <support/application.h>
+#include <support/keyed.h>
 
-// Each holds the key that it points to, and stays where it was made.
-struct acl_record {
+struct acl_record : keyed<SPolicy__Acl, SPolicy__AclKey, s_policy__acl__descriptor> {
     explicit acl_record(const std::string &name, uint32_t id, uint32_t cls = 0) : type(name)
     {
         key.t_app_type = type.data();
         key.acl_id = id;
-        record.index = &key;
         record.acl_cls = cls;
     }
-    acl_record(const acl_record &) = delete;
-    acl_record &operator=(const acl_record &) = delete;
-
     std::string type;
-    SPolicy__AclKey key = S_POLICY__ACL_KEY__INIT;
-    SPolicy__Acl record = S_POLICY__ACL__INIT;
 };
 
 // An entry, its status and its counter.
-struct ace_record {
+struct ace_record : keyed<SPolicy__Ace, SPolicy__AceKey, s_policy__ace__descriptor> {
     ace_record(const std::string &name, uint32_t id, uint64_t sn, bool is_default = false) : type(name)
     {
         key.t_app_type = type.data();
         key.acl_id = id;
         key.sn = sn;
-        record.index = status.index = counter.index = &key;
+        status.index = counter.index = &key;
         record.default_ace = is_default;
     }
-    ace_record(const ace_record &) = delete;
-    ace_record &operator=(const ace_record &) = delete;
-
     std::string type;
-    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
-    SPolicy__Ace record = S_POLICY__ACE__INIT;
     SPolicy__AcePsta status = S_POLICY__ACE_PSTA__INIT;
     SPolicy__AceCounter counter = S_POLICY__ACE_COUNTER__INIT;
 };

@@ -5,6 +5,8 @@
 #ifndef STORE_SUITE_HPP
 #define STORE_SUITE_HPP
 
+#include "support/keyed.h"
+
 #include <plx/s_policy.pb-c.h>
 #include <tq_context.h>
 #include <tq_loop.h>
@@ -42,23 +44,6 @@ using context_ptr = std::unique_ptr<tq_context, context_free>;
 
 struct loop_free {
     void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
-};
-
-/// A record and its key, good for any store call.
-template <typename Record, typename Key, const ProtobufCMessageDescriptor &of> struct keyed {
-    keyed()
-    {
-        const auto *index = protobuf_c_message_descriptor_get_field_by_name(&of, "index");
-        protobuf_c_message_init(&of, &record);
-        protobuf_c_message_init(static_cast<const ProtobufCMessageDescriptor *>(index->descriptor), &key);
-        record.index = &key;
-    }
-    keyed(const keyed &) = delete;
-    keyed &operator=(const keyed &) = delete;
-    operator const ProtobufCMessage *() const { return &record.base; }
-
-    Record record;
-    Key key;
 };
 
 /// An ACE or its status.
