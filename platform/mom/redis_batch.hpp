@@ -1,10 +1,10 @@
 // Writes and removals that go to the server together and are answered together; a single one is a batch of one.
 //
 // Owned by the engine. Writes to one table in a row become one command: a transaction where the record's stamp and
-// the log's entry are known beforehand (requested state with all its fields, or replaced), else a call of the script. A transaction
-// reads the table's metadata along with what it does. If that is not what its records were built by, they may carry an
-// old stamp, or their entries lack a field: the script writes them again, and after them, for the order, whatever came
-// later. Commands whose script the server has forgotten are sent again in the same way.
+// the log's entry are known beforehand (requested state with all its fields, or replaced), else a call of the script.
+// A transaction reads the table's metadata along with what it does. If that is not what its records were built by, they
+// may carry an old stamp, or their entries lack a field: the script writes them again, and after them, for the order,
+// whatever came later. Commands whose script the server has forgotten are sent again in the same way.
 //
 // A batch does not outlive its connection: who is told that sending failed finishes it before the next command is
 // built.

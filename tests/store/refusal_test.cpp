@@ -218,9 +218,10 @@ TEST_F(refusal, random_bytes_and_long_names_in_the_store_crash_nobody)
     server.run({"XTRIM", "plx{8:ace_psta}/log", "MAXLEN", "0"}); // has the listener look at all records
     server.run({"HSET", "plx{8:ace}/meta", "fields", noise(50), "gen", "x"});
     EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(context, 8, ace_record("", 0, 0), 0, hearing::callback, &found));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 99, 7)));
+    EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 98, 7)));
     server.run({"HDEL", "plx{8:ace_psta}/meta", "fields"});
     const auto history = server.run({"HGET", "plx{8:ace_psta}/meta", "epoch"});
-    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 99, 7)));
     EXPECT_EQ(TQ_MOM_OK, write_psta(context, 8, psta_record("a", 1, 99, 7)));
     EXPECT_EQ(history, server.run({"HGET", "plx{8:ace_psta}/meta", "epoch"}));
     wait_for([&] { return heard.ends_with("*4 a/1/99=7"); });
