@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <tq_mom.h>
+#include <utility>
 
 namespace mom {
 
@@ -82,15 +83,18 @@ void write_group::clear()
 
 void command_batch::write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
 {
+    keep_call();
     const bool complete = fields.values.size() == table.fields.size();
-    if (!open_.takes(table, mode, complete))
+    if (!open_.takes(table, mode, complete)) {
         close();
+        keep_call();
+    }
     open_.add(table, mode, complete, key, fields, writer_);
 }
 
 void command_batch::close()
 {
-    if (open_.records() == 0)
+    if (closed_ || open_.records() == 0)
         return;
     auto &table = *open_.table();
     table.untrimmed += open_.records();
@@ -98,23 +102,38 @@ void command_batch::close()
     const std::string_view trim_to = trims ? std::string_view(writer_.log_limit) : std::string_view();
     table.untrimmed = trims ? 0 : table.untrimmed;
     item &added = add_item(table, open_.records());
-    command_buffer &calls = open_.known_beforehand() ? calls_ : commands_;
-    added.start = calls.bytes().size();
-    open_.build_call(calls, scripts_.write, writer_.name, trim_to);
-    added.size = calls.bytes().size() - added.start;
-    table.latest += open_.records();
     if (open_.known_beforehand()) {
         const size_t before = commands_.commands();
         open_.build_transaction(commands_, trim_to);
         added.answers = commands_.commands() - before;
         added.steps = open_.steps();
+    } else {
+        added.start = commands_.bytes().size();
+        open_.build_call(commands_, scripts_.write, writer_.name, trim_to);
+        added.size = commands_.bytes().size() - added.start;
+    }
+    table.latest += open_.records();
+    closed_ = true;
+}
+
+// A transaction may have to be done by a call after all. That is built when its records are about to be forgotten.
+void command_batch::keep_call()
+{
+    if (!closed_)
+        return;
+    if (item &last = items_.back(); last.steps > 0) {
+        last.start = calls_.bytes().size();
+        open_.build_call(calls_, scripts_.write, writer_.name, {});
+        last.size = calls_.bytes().size() - last.start;
     }
     open_.clear();
+    closed_ = false;
 }
 
 void command_batch::remove(redis_table &table, std::string_view key)
 {
     close();
+    keep_call();
     item &added = add_item(table, 1);
     added.start = commands_.bytes().size();
     scripts_.remove.begin(commands_, 3, 3);
@@ -299,9 +318,10 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
     judge(link, answers, complete, own);
     const auto again =
         std::find_if(items_.begin(), items_.end(), [](const item &each) { return each.is == verdict::again; });
-    const bool as_known = again == items_.end();
-    if (sent && received == TQ_MOM_OK) {
-        if (!as_known)
+    const bool as_meant = again == items_.end() && succeeded(std::span(results).subspan(before));
+    if (!as_meant && sent && received == TQ_MOM_OK) {
+        keep_call();
+        if (again != items_.end())
             repeat(link, std::span(again, items_.end()), own);
         undo(link, own);
     }
@@ -310,9 +330,11 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
     commands_.clear();
     calls_.clear();
     items_.clear();
+    if (std::exchange(closed_, false))
+        open_.clear();
     results_ = sent_ = sent_bytes_ = 0;
     failure_ = TQ_MOM_OK;
-    return as_known && succeeded(std::span(results).subspan(before));
+    return as_meant;
 }
 
 } // namespace mom

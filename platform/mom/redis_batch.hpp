@@ -82,8 +82,9 @@ class command_batch {
     };
 
     bool send(redis_link &link, bool at_once);
-    size_t size() const { return results_ + open_.records(); }
+    size_t size() const { return results_ + (closed_ ? 0 : open_.records()); }
     void close();
+    void keep_call();
     item &add_item(redis_table &table, size_t results);
     std::string_view call(const item &each) const;
     void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);
@@ -96,6 +97,7 @@ class command_batch {
     redis_scripts &scripts_;
     const writer_identity &writer_;
     write_group open_;
+    bool closed_ = false; ///< what is in `open_` is the last item
     command_buffer commands_;
     command_buffer calls_; ///< that do what the transactions do
     std::vector<item> items_;
