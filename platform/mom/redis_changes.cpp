@@ -13,6 +13,7 @@ constexpr size_t queue_enough = 256; // as long as so much waits for delivery, n
 constexpr unsigned entries_per_read = 128;
 constexpr std::chrono::milliseconds nudge_pause{2};
 constexpr std::chrono::milliseconds pace{1};
+constexpr std::chrono::milliseconds busy_time{2}; // how long only the logs that tell something are asked for
 constexpr std::chrono::milliseconds look_pause{1000};
 
 timeval to_timeval(std::chrono::milliseconds time)
@@ -84,6 +85,7 @@ int redis_changes::add_subscriber(redis_table &table, const key_range &range, ch
         if (now.identity != 0)
             remember(*known, now.identity);
         stale_ = outstanding_;
+        last_whole_request_ = {};
     }
     known->subscribers.push_back({range, sink, now.last});
     return TQ_MOM_OK;
@@ -132,6 +134,7 @@ void redis_changes::disconnect()
     connection_.reset();
     outstanding_ = false;
     stale_ = false;
+    last_whole_request_ = {};
 }
 
 void redis_changes::reconnect_in(std::chrono::milliseconds pause)
@@ -156,27 +159,32 @@ void redis_changes::reconnect_later()
     reconnect_in(std::chrono::milliseconds{1000});
 }
 
-// What asks for all that comes behind the cursors. False when an answer is due, or enough is waiting.
+// What asks for all that comes behind the cursors. Each log that a client waits for costs the server time with every
+// answer: right after an answer the others are left out. False when an answer is due, or enough is waiting.
 bool redis_changes::build_request()
 {
     if (connection_ == nullptr || outstanding_ || queue_.size() >= queue_enough)
         return false;
+    last_request_ = std::chrono::steady_clock::now();
+    const bool busy = last_heard_ >= last_whole_request_ && last_request_ - last_whole_request_ < busy_time;
     std::vector<const feed *> read;
     for (const auto &each : feeds_)
-        if (!each->aside)
+        if (!each->aside && (!busy || each->heard >= last_whole_request_ || goes_first(*each)))
             read.push_back(each.get());
     if (read.empty())
         return false;
     commands_.clear();
     commands_.begin(6 + 2 * read.size());
-    commands_.add("XREAD").add("COUNT").add(entries_asked_).add("BLOCK").add("0").add("STREAMS");
+    commands_.add("XREAD").add("COUNT").add(entries_asked_).add("BLOCK");
+    commands_.add(busy ? static_cast<unsigned>(busy_time.count()) : 0u).add("STREAMS");
     for (const auto *each : read)
         commands_.add(each->table.log);
     for (const auto *each : read)
         commands_.add(log_id(each->cursor));
     outstanding_ = true;
     stale_ = false;
-    last_request_ = std::chrono::steady_clock::now();
+    if (!busy)
+        last_whole_request_ = last_request_;
     return true;
 }
 
@@ -344,6 +352,7 @@ bool redis_changes::accept_entry(feed &of, const log_entry &entry, bool ours)
         return true;
     }
     of.cursor = entry.number;
+    of.heard = last_heard_ = last_request_;
     remember(of, entry.identity());
     if (!ours)
         return true;
@@ -395,6 +404,7 @@ bool redis_changes::set_aside(feed &of, int result)
 {
     if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED)
         return false;
+    last_whole_request_ = {};
     if (!std::exchange(of.aside, true))
         report(TQ_ZLOG_ERROR, "changes of " + of.table.log + " cannot be read: " + tq_mom_strerror(result));
     look_again_later();

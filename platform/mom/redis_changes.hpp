@@ -8,6 +8,8 @@
 // the order of their writing. A feed whose table is damaged or not ours to read is set aside, so that the others go on,
 // and looked at again every second.
 //
+// While some logs tell changes, the others are asked for every 2 milliseconds.
+//
 // Who answers what it hears asks for more in the loop's next turn, or along with a call that is made before: see
 // connection_lender. Who only listens asks at most once in a millisecond while changes keep coming, so that a stream of
 // writes is not slowed down by waking a reader for each of them.
@@ -55,7 +57,8 @@ class redis_changes final : private connection_lender {
         std::deque<size_t> identities; ///< of the latest changes taken in, up to `cursor`
         std::vector<subscriber> subscribers;
         std::optional<recovery> lost;
-        bool aside = false; ///< not read: the table is damaged
+        steady_time heard{}; ///< when what told its latest change was asked
+        bool aside = false;  ///< not read: the table is damaged
     };
     struct queued {
         feed &of;
@@ -125,7 +128,9 @@ class redis_changes final : private connection_lender {
     tq_thread *rest_timer_ = nullptr;
     tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
-    uint64_t calls_seen_ = 0; ///< how often the engine had been called when it was last decided when to ask
+    steady_time last_whole_request_{}; ///< that asked for every log
+    steady_time last_heard_{};         ///< of the feeds, the latest
+    uint64_t calls_seen_ = 0;          ///< how often the engine had been called when it was last decided when to ask
     std::unique_ptr<loop_bell> bell_;
     command_buffer commands_;
     std::vector<std::unique_ptr<feed>> feeds_;

@@ -132,6 +132,25 @@ TEST_P(store_suite, many_changes_do_not_starve_the_loop)
     EXPECT_LT(heard_at_timer, 5000u);
 }
 
+TEST_P(store_suite, a_quiet_table_is_heard_beside_a_busy_one)
+{
+    auto *context = open();
+    hearing busy, quiet;
+    busy.also = [&](const tq_mom_notification &) {
+        const uint64_t told = busy.lines.size();
+        if (told == 20)
+            subscribe(context, quiet, psta_record("", 0, 0), 0);
+        if (told % 20 == 0)
+            write_psta(context, 8, psta_record("a", 1, told, told));
+        write_ace(context, 8, ace_record("a", 1, 1, told));
+    };
+    subscribe(context, busy, any_ace, 0);
+    write_ace(context, 8, ace_record("a", 1, 1, 1));
+    wait_for([&] { return quiet.lines.size() >= 4; });
+    quiet.lines.resize(4);
+    EXPECT_EQ((lines{"*1 a/1/20=20", "*1 a/1/40=40", "*1 a/1/60=60", "*1 a/1/80=80"}), quiet.lines);
+}
+
 TEST_P(store_suite, who_fell_too_far_behind_scans_requested_state_again_and_is_given_status)
 {
     auto *listener = open("log=100");
