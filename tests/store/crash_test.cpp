@@ -224,39 +224,65 @@ TEST_F(crash, what_was_answered_before_it_counts)
     EXPECT_EQ((std::array{0, 0, 0, int(TQ_MOM_DISCONNECTED)}), results);
 }
 
-TEST_F(crash, a_failover_is_followed)
-{
-    const std::string ports[] = {redis_server::free_port(), redis_server::free_port(), redis_server::free_port()};
-    const auto options = [](const std::string &port) {
-        return lines{"--appendfsync",
-                     "no",
-                     "--bind",
-                     "127.0.0.1",
-                     "--port",
-                     port,
-                     "--masteruser",
-                     "plx-operator",
-                     "--masterauth",
-                     "change-me-operator",
-                     "--repl-diskless-sync-delay",
-                     "0"};
-    };
+/// A master and its replica, and a sentinel that knows both.
+class failover : public crash {
+  protected:
+    void SetUp() override
+    {
+        const auto start = [](redis_server &of, const std::string &port) {
+            of.start({"--appendfsync", "no", "--bind", "127.0.0.1", "--port", port, "--masteruser", "plx-operator",
+                      "--masterauth", "change-me-operator", "--repl-diskless-sync-delay", "0"});
+        };
+        start(server, ports[0]);
+        start(second, ports[1]);
+        second.run({"REPLICAOF", "127.0.0.1", ports[0]});
+        wait_for([&] { return tells(second, {"INFO", "replication"}, "master_link_status:up"); });
+        sentinel.start_sentinel(ports[2], ports[0]);
+        wait_for([&] { return tells(sentinel, {"SENTINEL", "REPLICAS", "policy"}, ports[1]); });
+        writer = open_at("sentinel://127.0.0.1:" + ports[2] + "/policy?" + server.credentials("suite"));
+        subscribe(writer, ace, ace_record("a", 0, 0));
+        ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
+        wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });
+    }
+    // By hand, which leaves connections alone.
+    void hand_over()
+    {
+        second.run({"REPLICAOF", "NO", "ONE"});
+        server.run({"REPLICAOF", "127.0.0.1", ports[1]});
+        sentinel.run({"SENTINEL", "REMOVE", "policy"});
+        sentinel.run({"SENTINEL", "MONITOR", "policy", "127.0.0.1", ports[1], "1"});
+    }
+
+    const std::string ports[3] = {redis_server::free_port(), redis_server::free_port(), redis_server::free_port()};
     redis_server second, sentinel;
-    server.start(options(ports[0]));
-    second.start(options(ports[1]));
-    second.run({"REPLICAOF", "127.0.0.1", ports[0]});
-    wait_for([&] { return tells(second, {"INFO", "replication"}, "master_link_status:up"); });
-    sentinel.start_sentinel(ports[2], ports[0]);
-    writer = open_at("sentinel://127.0.0.1:" + ports[2] + "/policy?" + server.credentials("suite"));
-    subscribe(writer, ace, ace_record("a", 0, 0));
-    ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
-    wait_for([&] { return tells(sentinel, {"SENTINEL", "REPLICAS", "policy"}, ports[1]); });
-    wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });
+};
+
+TEST_F(failover, is_followed_when_the_master_dies)
+{
     server.crash();
     until_ok([&] { return put_ace(2, 2); });
     wait_for_lines(2, 0);
     EXPECT_EQ((lines{"*4 a/1/1=1", "*4 a/1/2=2"}), ace.lines);
     EXPECT_EQ("1", second.run({"EXISTS", "plx{8:ace}:a,a1,a2"}));
+}
+
+TEST_F(failover, leaves_no_connection_to_a_master_that_became_a_replica)
+{
+    ace.also = [&](const tq_mom_notification &) {
+        stored(writer); // who makes calls from what it hears asks for changes along with the next one
+        if (ace.lines.size() == 1)
+            hand_over();
+    };
+    wait_for_lines(1, 0);
+    until_ok([&] { return put_ace(1, 2); });
+    wait_for_lines(2, 0);
+    lines expected{"*4 a/1/1=1", "*4 a/1/1=2"};
+    for (uint64_t request = 3; request < 10; ++request) {
+        EXPECT_EQ(TQ_MOM_OK, put_ace(1, request));
+        expected.push_back("*4 a/1/1=" + std::to_string(request));
+        wait_for_lines(expected.size(), 0);
+    }
+    EXPECT_EQ(expected, ace.lines);
 }
 
 } // namespace
