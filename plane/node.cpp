@@ -254,7 +254,8 @@ void Node::schedule_replies(milliseconds pause)
         reply_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
 }
 
-// What the store did not take comes again later, behind the others.
+// An answer that the store did not take comes again later, behind the others. A removal does not: the entry may have
+// been made anew by then.
 void Node::take_answers()
 {
     if (!std::exchange(batching_, false))
@@ -262,25 +263,36 @@ void Node::take_answers()
     std::vector<int> results(sent_.size());
     tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
     for (size_t i = 0; i < sent_.size(); ++i)
-        if (results[i] != 0)
+        if (results[i] != 0 && sent_[i].verdict)
             replies_.emplace(now() + options_.retry, std::move(sent_[i]));
     sent_.clear();
     schedule_replies(milliseconds(0));
+}
+
+// What was said about an entry that is gone.
+void Node::forget(const Key &key)
+{
+    const Table &table = tables()[key.index()];
+    for (const auto *record : {table.status, table.counters})
+        if (record != nullptr)
+            replies_.emplace(now(), Reply{key, record, std::nullopt});
 }
 
 // The entry is gone or has been asked for anew.
 bool Node::outdated(const Reply &reply) const
 {
     const auto entry = entries_.find(reply.key);
-    return entry == entries_.end() || entry->second.request != reply.request;
+    return reply.verdict && (entry == entries_.end() || entry->second.request != reply.verdict->request);
 }
 
 // Every node writes its own answer, also when the record says the same already: applications count the changes.
 int Node::write(const Reply &reply)
 {
-    Record record(*tables()[reply.key.index()].status, reply.key);
-    record.set_number("p_status", static_cast<uint32_t>(reply.status));
-    record.set_number("rep_uuid", reply.request);
+    Record record(*reply.record, reply.key);
+    if (!reply.verdict)
+        return tq_mom_del_sync(context_.get(), options_.db, record.message());
+    record.set_number("p_status", static_cast<uint32_t>(reply.verdict->status));
+    record.set_number("rep_uuid", reply.verdict->request);
     return tq_mom_set_sync(context_.get(), options_.db, record.message());
 }
 

@@ -7,7 +7,8 @@
 // notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call - the
 // node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
 // Answers leave without waiting for the store's word on them, which is taken a moment later (take_answers), in any case
-// before anything else is written.
+// before anything else is written. What the node wrote about an entry goes with it; what is left of entries that went
+// while no node was there is looked for at the start.
 //
 // While an application's enable marker stands, and its seconds have not passed, none of the application's changes is
 // programmed. Its publish marker, the end of the seconds and the removal of the enable marker each make all of them
@@ -67,22 +68,29 @@ class Node {
         bool spent = false;
     };
 
-    struct Reply {
-        Key key;
+    struct Verdict {
         uint64_t request;
         Status status;
+    };
+
+    struct Reply {
+        Key key;
+        const ProtobufCMessageDescriptor *record;
+        std::optional<Verdict> verdict; // none: the entry is gone, and the record is to go
     };
 
     // The tables as the store has them, of one application or whole.
     struct Snapshot {
         std::map<Key, Requested> records;
         std::set<size_t> unreadable; // tables in which a record could not be read: nothing of them is removed
-        size_t table = 0;            // the one that is being read
+        bool lacks(const Key &key) const { return !records.contains(key) && !unreadable.contains(key.index()); }
+        size_t table = 0; // the one that is being read
     };
 
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_commit(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
+    static int32_t on_leftover(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
 
     int subscribe();
     void take_up_installed();
@@ -95,6 +103,7 @@ class Node {
     void end_commits();
     bool staged(const std::string &app);
 
+    void clear_leftovers(const Snapshot &snapshot);
     void compare();
     bool compare(const std::string *app);
     bool scan(const std::string *app, Snapshot &snapshot);
@@ -107,6 +116,7 @@ class Node {
     void send_replies();
     void schedule_replies(milliseconds pause);
     void take_answers();
+    void forget(const Key &key);
     bool outdated(const Reply &reply) const;
     int write(const Reply &reply);
     void beat();
@@ -118,6 +128,7 @@ class Node {
     Context context_;
     std::map<Key, Entry> entries_;
     std::vector<Change> inbox_;
+    bool cleared_ = false; // what entries had left that went before this node was there
     std::map<std::string, Commit> commits_;
     std::set<std::string> unmarked_;             // applications that were looked up and have no enable marker
     std::multimap<milliseconds, Reply> replies_; // by the time at which they are due

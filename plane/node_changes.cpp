@@ -90,7 +90,28 @@ bool Node::compare(const std::string *app)
         return false;
     }
     make(differences(app, snapshot));
+    if (app == nullptr && !std::exchange(cleared_, true))
+        clear_leftovers(snapshot);
     return true;
+}
+
+void Node::clear_leftovers(const Snapshot &snapshot)
+{
+    std::pair<Node *, const Snapshot *> look{this, &snapshot};
+    for (const Table &table : tables())
+        for (const auto *record : {table.status, table.counters})
+            if (record != nullptr)
+                tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover, &look);
+    schedule_replies(milliseconds(0));
+}
+
+int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void *arg) noexcept
+{
+    const auto &[self, snapshot] = *static_cast<std::pair<Node *, const Snapshot *> *>(arg);
+    const auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
+    if (key && snapshot->lacks(*key))
+        self->replies_.emplace(now(), Reply{*key, notification->record->descriptor, std::nullopt});
+    return 0;
 }
 
 bool Node::scan(const std::string *app, Snapshot &snapshot)
@@ -126,7 +147,7 @@ std::vector<Change> Node::differences(const std::string *app, const Snapshot &sn
     std::vector<Change> changes;
     for (const auto &[key, entry] : entries_) {
         const bool selected = app == nullptr || (tables()[key.index()].by_application && application_of(key) == *app);
-        if (selected && !snapshot.records.contains(key) && !snapshot.unreadable.contains(key.index()))
+        if (selected && snapshot.lacks(key))
             changes.push_back({key, std::nullopt});
     }
     for (const auto &[key, wanted] : snapshot.records)
@@ -173,11 +194,13 @@ void Node::settle(const Change &change, const Answer &answer)
     if (!change.wanted) {
         entries_.erase(change.key);
         published_.erase(change.key);
+        forget(change.key);
         return;
     }
     entries_[change.key] = {change.wanted->request, change.wanted->fingerprint(), answer.status};
     if (!answer.silent)
-        replies_.emplace(now() + answer.delay, Reply{change.key, change.wanted->request, answer.status});
+        replies_.emplace(now() + answer.delay, Reply{change.key, tables()[change.key.index()].status,
+                                                     Verdict{change.wanted->request, answer.status}});
 }
 
 } // namespace plx::plane

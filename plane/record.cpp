@@ -12,12 +12,12 @@ namespace plx::plane {
 namespace {
 
 constexpr std::array<Table, std::variant_size_v<Key>> all_tables{{
-    {&s_policy__ace__descriptor, &s_policy__ace_psta__descriptor, true},
-    {&s_policy__apply__descriptor, &s_policy__apply_psta__descriptor, true},
-    {&s_policy__port_bindinfo__descriptor, &s_policy__port_bindinfo_psta__descriptor, true},
-    {&s_policy__port_off__descriptor, &s_policy__port_off_psta__descriptor, false},
-    {&s_policy__uplink__descriptor, &s_policy__uplink_psta__descriptor, false},
-    {&s_policy__svi_router__descriptor, &s_policy__svi_router_psta__descriptor, false},
+    {&s_policy__ace__descriptor, &s_policy__ace_psta__descriptor, &s_policy__ace_counter__descriptor, true},
+    {&s_policy__apply__descriptor, &s_policy__apply_psta__descriptor, nullptr, true},
+    {&s_policy__port_bindinfo__descriptor, &s_policy__port_bindinfo_psta__descriptor, nullptr, true},
+    {&s_policy__port_off__descriptor, &s_policy__port_off_psta__descriptor, nullptr, false},
+    {&s_policy__uplink__descriptor, &s_policy__uplink_psta__descriptor, nullptr, false},
+    {&s_policy__svi_router__descriptor, &s_policy__svi_router_psta__descriptor, nullptr, false},
 }};
 
 const ProtobufCFieldDescriptor *find_field(const ProtobufCMessage *record, const char *name)
@@ -152,7 +152,8 @@ std::optional<Key> key_of(const ProtobufCMessage *record)
     if (record == nullptr)
         return std::nullopt;
     const auto *table = std::find_if(all_tables.begin(), all_tables.end(), [record](const Table &candidate) {
-        return candidate.requested == record->descriptor || candidate.status == record->descriptor;
+        const auto *descriptor = record->descriptor;
+        return candidate.requested == descriptor || candidate.status == descriptor || candidate.counters == descriptor;
     });
     const ProtobufCMessage *index = key_message(record);
     if (table == all_tables.end() || (index == nullptr && find_field(record, "index") != nullptr))

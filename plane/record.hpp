@@ -72,11 +72,12 @@ struct SviRouterKey { // one record per database
 
 using Key = std::variant<AceKey, ApplyKey, PortBindKey, PortOffKey, UplinkKey, SviRouterKey>;
 
-// A table of requested state and the table of its answers; tables()[key.index()] is a key's.
+// A table of requested state and those in which nodes tell about it; tables()[key.index()] is a key's.
 struct Table {
     const ProtobufCMessageDescriptor *requested;
     const ProtobufCMessageDescriptor *status;
-    bool by_application; // the first key field is an application type
+    const ProtobufCMessageDescriptor *counters; // or none
+    bool by_application;                        // the first key field is an application type
 };
 std::span<const Table> tables();
 
@@ -92,8 +93,8 @@ struct Requested {
     uint64_t fingerprint() const;
 };
 
-// The key of a requested-state or status record; nullopt when the record has none, is of another table, or carries a
-// name of more than 31 characters.
+// The key of a requested-state, status or counter record; nullopt when the record has none, is of another table, or
+// carries a name of more than 31 characters.
 std::optional<Key> key_of(const ProtobufCMessage *record);
 Requested requested_of(const ProtobufCMessage *record);
 

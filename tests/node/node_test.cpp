@@ -12,6 +12,9 @@ using testing::IsEmpty;
 
 constexpr int32_t full = static_cast<int32_t>(Status::table_full);
 
+const auto &status = s_policy__ace_psta__descriptor;
+const auto &counters = s_policy__ace_counter__descriptor;
+
 class NodeTest : public World {};
 
 TEST_F(NodeTest, answers_what_was_written_before_it_started)
@@ -154,6 +157,21 @@ TEST_F(NodeTest, keeps_showing_that_it_lives_but_no_counters_that_stand_still)
     EXPECT_EQ(1U, counters_.size());
 }
 
+TEST_F(NodeTest, takes_what_it_told_of_an_entry_away_with_it)
+{
+    start();
+    set(ace(1), 100);
+    set(ace(2), 101);
+    EXPECT_TRUE(run_until([&] { return stored(counters).size() == 2; }));
+    del(ace(1));
+    settle();
+    EXPECT_THAT(stored(status), ElementsAre(ace(2)));
+    EXPECT_THAT(stored(counters), ElementsAre(ace(2)));
+    set(ace(1), 102);
+    settle();
+    EXPECT_THAT(stored(status), ElementsAre(ace(1), ace(2)));
+}
+
 // ---- restart --------------------------------------------------------------------------------------------------------
 
 TEST_F(NodeTest, touches_after_a_restart_only_what_differs)
@@ -189,6 +207,25 @@ TEST_F(NodeTest, answers_after_a_restart_what_it_had_programmed_but_not_answered
     const auto after = node(plane);
     EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
     EXPECT_EQ(touched, plane.touched());
+}
+
+TEST_F(NodeTest, clears_at_its_start_what_is_left_of_entries_that_went)
+{
+    SimulatedPlane plane({});
+    {
+        const auto before = node(plane);
+        for (uint64_t sn = 1; sn <= 3; ++sn)
+            set(ace(sn), 100 + sn);
+        EXPECT_TRUE(run_until([&] { return stored(counters).size() == 3; }));
+    }
+    del(ace(1));
+    set_marker("edge", S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE, 60);
+    SimulatedPlane empty({});
+    const auto after = node(empty);
+    settle();
+    EXPECT_EQ(0U, empty.entries()) << "the marker stands";
+    EXPECT_THAT(stored(status), ElementsAre(ace(2), ace(3)));
+    EXPECT_THAT(stored(counters), ElementsAre(ace(2), ace(3)));
 }
 
 // ---- changes that the store could not keep --------------------------------------------------------------------------

@@ -121,6 +121,18 @@ std::vector<Heard> World::answers(const Key &key) const
     return found;
 }
 
+std::vector<Key> World::stored(const ProtobufCMessageDescriptor &table) const
+{
+    std::vector<Key> keys;
+    const auto add = [](void *, const tq_mom_notification *notification, void *arg) {
+        if (const auto key = key_of(notification->record))
+            static_cast<std::vector<Key> *>(arg)->push_back(*key);
+        return 0;
+    };
+    EXPECT_EQ(0, tq_mom_scan_sync(application_.get(), db, Record(table).message(), 0, add, &keys));
+    return keys;
+}
+
 int32_t World::on_status(void *, const tq_mom_notification *notification, void *arg)
 {
     if (notification->event != TQ_MOM_EVENT_STATUS)

@@ -52,6 +52,8 @@ class World : public testing::Test {
     void settle(size_t nodes = 1);
 
     std::vector<Heard> answers(const Key &key) const;
+    // The keys of a table.
+    std::vector<Key> stored(const ProtobufCMessageDescriptor &table) const;
     int heard_of(const Key &key) const { return static_cast<int>(answers(key).size()); }
 
     Loop loop_;
