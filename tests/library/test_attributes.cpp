@@ -222,7 +222,9 @@ TEST_F(attributes, an_entry_that_lost_its_buffer_can_be_copied_and_freed)
     }
     EXPECT_EQ(ace->tlv, nullptr);
     EXPECT_EQ(fake::log.take(), lines{"E realloc tlv fail.\n"});
-    push(&ace->tlv, attr); // must not fall over
+    push(&ace->tlv, attr); // begins another
+    ASSERT_NE(ace->tlv, nullptr);
+    EXPECT_EQ(ace->tlv->len, 8 + 4);
     for (int whole : {0, 1}) {
         uint8_t fwd_zero = 0;
         owned_ace copy(mgr->copy_ace(ace.get(), whole, &fwd_zero), mgr->free_ace);
