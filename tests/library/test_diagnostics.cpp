@@ -137,9 +137,9 @@ TEST_F(operation_log, records_hold_what_they_are_given)
 {
     const uint64_t sn = 0xABC, pri = 77;
     fp_udp_apply_info apply = make_apply_info("b_app", 0x101, 0x1F, 1);
-    const char *names[] = {"add", "del", "expire", "del_exp", "itera", "get", "success", "fail"};
+    const char *names[] = {"add", "del", "expire", "del_exp", "itera", "get", "success", "fail", ""};
     std::string expected = head;
-    for (uint32_t op = 0; op < 8; op++) {
+    for (uint32_t op = 0; op < std::size(names); op++) {
         fp_udp_log_op_acl(&acl, nullptr, nullptr, op);
         expected += fake::format("NOW--acl_%s, app :my_app, acl_id :4, \n", names[op]);
     }
