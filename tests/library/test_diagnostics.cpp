@@ -44,6 +44,7 @@ TEST_F(channel, each_severity_has_its_console_bit_and_log_threshold)
             letters.insert(line[0]);
         EXPECT_EQ(letters, std::set<char>(heard[level].begin(), heard[level].end())) << level;
     }
+    EXPECT_EQ(fp_udp_debug_sw, 0U) << "before anybody sets it";
     g_policy_plx_zlog_level = 0;
     fake::log.formatted = 0;
     const std::map<uint32_t, std::string> words = {{0x4, "Impt"}, {0x8, "Error"}, {0x10, "Notice"}, {0x20, "Detail"}};
