@@ -1,5 +1,5 @@
 // See attribute_text.hpp. Each kind of value has one shape; a mask that is a prefix of an address is shown as its
-// length.
+// length, one of a number in hexadecimal digits, and so is an ethertype without a name.
 #include "attribute_text.hpp"
 
 #include <algorithm>
@@ -48,6 +48,13 @@ std::string flag_words(NameSet set, uint64_t number)
     return number == 0 ? words : "";
 }
 
+std::string hexadecimal(uint64_t number)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
+    return text;
+}
+
 std::string number_text(NameSet set, uint64_t number)
 {
     if (plane::is_flag_set(set))
@@ -56,7 +63,7 @@ std::string number_text(NameSet set, uint64_t number)
     for (const plane::NamedValue &named : plane::named_values(set))
         if (named.value == number)
             return std::string(named.name);
-    return std::to_string(number);
+    return set == NameSet::ethertype ? hexadecimal(number) : std::to_string(number);
 }
 
 std::string address_text(int family, Bytes bytes)
@@ -148,6 +155,10 @@ int prefix_length(Bytes mask)
 
 std::string mask_text(const Form &form, Bytes mask)
 {
+    if (form.kind == ValueKind::number) {
+        const std::string words = plane::is_flag_set(form.names) ? flag_words(form.names, number_of(mask)) : "";
+        return words.empty() ? hexadecimal(number_of(mask)) : words;
+    }
     const int length = is_address(form.kind) ? prefix_length(mask) : -1;
     return length < 0 ? plain_text(form, mask) : std::to_string(length);
 }
