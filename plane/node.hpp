@@ -83,8 +83,8 @@ class Node {
     struct Snapshot {
         std::map<Key, Requested> records;
         std::set<size_t> unreadable; // tables in which a record could not be read: nothing of them is removed
+        size_t table = 0;            // the one that is being read
         bool lacks(const Key &key) const { return !records.contains(key) && !unreadable.contains(key.index()); }
-        size_t table = 0; // the one that is being read
     };
 
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
