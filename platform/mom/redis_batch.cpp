@@ -83,12 +83,9 @@ void write_group::clear()
 
 void command_batch::write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
 {
-    keep_call();
     const bool complete = fields.values.size() == table.fields.size();
-    if (!open_.takes(table, mode, complete)) {
-        close();
-        keep_call();
-    }
+    if (closed_ || !open_.takes(table, mode, complete))
+        make_room();
     open_.add(table, mode, complete, key, fields, writer_);
 }
 
@@ -116,9 +113,11 @@ void command_batch::close()
     closed_ = true;
 }
 
-// A transaction may have to be done by a call after all. That is built when its records are about to be forgotten.
-void command_batch::keep_call()
+// Forgets the records that were collected last. A transaction may have to be done by a call after all: that is built
+// now.
+void command_batch::make_room()
 {
+    close();
     if (!closed_)
         return;
     if (item &last = items_.back(); last.steps > 0) {
@@ -132,8 +131,7 @@ void command_batch::keep_call()
 
 void command_batch::remove(redis_table &table, std::string_view key)
 {
-    close();
-    keep_call();
+    make_room();
     item &added = add_item(table, 1);
     added.start = commands_.bytes().size();
     scripts_.remove.begin(commands_, 3, 3);
@@ -320,7 +318,7 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results)
         std::find_if(items_.begin(), items_.end(), [](const item &each) { return each.is == verdict::again; });
     const bool as_meant = again == items_.end() && succeeded(std::span(results).subspan(before));
     if (!as_meant && sent && received == TQ_MOM_OK) {
-        keep_call();
+        make_room();
         if (again != items_.end())
             repeat(link, std::span(again, items_.end()), own);
         undo(link, own);

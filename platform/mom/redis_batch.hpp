@@ -84,7 +84,7 @@ class command_batch {
     bool send(redis_link &link, bool at_once);
     size_t size() const { return results_ + (closed_ ? 0 : open_.records()); }
     void close();
-    void keep_call();
+    void make_room();
     item &add_item(redis_table &table, size_t results);
     std::string_view call(const item &each) const;
     void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);

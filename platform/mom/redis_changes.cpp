@@ -3,6 +3,7 @@
 
 #include "report.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace mom {
@@ -85,7 +86,6 @@ int redis_changes::add_subscriber(redis_table &table, const key_range &range, ch
         if (now.identity != 0)
             remember(*known, now.identity);
         stale_ = outstanding_;
-        last_whole_request_ = {};
     }
     known->subscribers.push_back({range, sink, now.last});
     return TQ_MOM_OK;
@@ -134,7 +134,6 @@ void redis_changes::disconnect()
     connection_.reset();
     outstanding_ = false;
     stale_ = false;
-    last_whole_request_ = {};
 }
 
 void redis_changes::reconnect_in(std::chrono::milliseconds pause)
@@ -160,16 +159,18 @@ void redis_changes::reconnect_later()
 }
 
 // What asks for all that comes behind the cursors. Each log that a client waits for costs the server time with every
-// answer: right after an answer the others are left out. False when an answer is due, or enough is waiting.
+// answer: while some tell changes, the others are left out for a moment. False when an answer is due, or enough is
+// waiting.
 bool redis_changes::build_request()
 {
     if (connection_ == nullptr || outstanding_ || queue_.size() >= queue_enough)
         return false;
-    last_request_ = std::chrono::steady_clock::now();
-    const bool busy = last_heard_ >= last_whole_request_ && last_request_ - last_whole_request_ < busy_time;
+    const auto now = std::chrono::steady_clock::now();
+    const auto tells = [this](const auto &each) { return !each->aside && each->heard >= last_whole_request_; };
+    const bool busy = now - last_whole_request_ < busy_time && std::any_of(feeds_.begin(), feeds_.end(), tells);
     std::vector<const feed *> read;
     for (const auto &each : feeds_)
-        if (!each->aside && (!busy || each->heard >= last_whole_request_ || goes_first(*each)))
+        if (!each->aside && (!busy || tells(each) || goes_first(*each)))
             read.push_back(each.get());
     if (read.empty())
         return false;
@@ -183,8 +184,9 @@ bool redis_changes::build_request()
         commands_.add(log_id(each->cursor));
     outstanding_ = true;
     stale_ = false;
+    last_request_ = now;
     if (!busy)
-        last_whole_request_ = last_request_;
+        last_whole_request_ = now;
     return true;
 }
 
@@ -352,7 +354,7 @@ bool redis_changes::accept_entry(feed &of, const log_entry &entry, bool ours)
         return true;
     }
     of.cursor = entry.number;
-    of.heard = last_heard_ = last_request_;
+    of.heard = last_request_;
     remember(of, entry.identity());
     if (!ours)
         return true;
@@ -404,7 +406,6 @@ bool redis_changes::set_aside(feed &of, int result)
 {
     if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED)
         return false;
-    last_whole_request_ = {};
     if (!std::exchange(of.aside, true))
         report(TQ_ZLOG_ERROR, "changes of " + of.table.log + " cannot be read: " + tq_mom_strerror(result));
     look_again_later();

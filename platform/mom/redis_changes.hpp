@@ -129,7 +129,6 @@ class redis_changes final : private connection_lender {
     tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
     steady_time last_whole_request_{}; ///< that asked for every log
-    steady_time last_heard_{};         ///< of the feeds, the latest
     uint64_t calls_seen_ = 0;          ///< how often the engine had been called when it was last decided when to ask
     std::unique_ptr<loop_bell> bell_;
     command_buffer commands_;
