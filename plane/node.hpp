@@ -103,7 +103,7 @@ class Node {
     void end_commits();
     bool staged(const std::string &app);
 
-    void clear_leftovers(const Snapshot &snapshot);
+    bool clear_leftovers(const Snapshot &snapshot);
     void compare();
     bool compare(const std::string *app);
     bool scan(const std::string *app, Snapshot &snapshot);

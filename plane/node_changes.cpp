@@ -90,19 +90,23 @@ bool Node::compare(const std::string *app)
         return false;
     }
     make(differences(app, snapshot));
-    if (app == nullptr && !std::exchange(cleared_, true))
-        clear_leftovers(snapshot);
+    if (app == nullptr && !cleared_)
+        cleared_ = clear_leftovers(snapshot);
     return true;
 }
 
-void Node::clear_leftovers(const Snapshot &snapshot)
+// False when a table could not be read: the next comparison of all looks again.
+bool Node::clear_leftovers(const Snapshot &snapshot)
 {
     std::pair<Node *, const Snapshot *> look{this, &snapshot};
+    int result = 0;
     for (const Table &table : tables())
         for (const auto *record : {table.status, table.counters})
-            if (record != nullptr)
-                tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover, &look);
+            if (record != nullptr && result == 0)
+                result = tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover,
+                                          &look);
     schedule_replies(milliseconds(0));
+    return result == 0;
 }
 
 int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void *arg) noexcept

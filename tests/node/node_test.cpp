@@ -159,7 +159,9 @@ TEST_F(NodeTest, keeps_showing_that_it_lives_but_no_counters_that_stand_still)
 
 TEST_F(NodeTest, takes_what_it_told_of_an_entry_away_with_it)
 {
-    start();
+    SimulatedOptions quiet;
+    quiet.packets_per_reading = 0;
+    start(quiet);
     set(ace(1), 100);
     set(ace(2), 101);
     EXPECT_TRUE(run_until([&] { return stored(counters).size() == 2; }));
@@ -170,6 +172,7 @@ TEST_F(NodeTest, takes_what_it_told_of_an_entry_away_with_it)
     set(ace(1), 102);
     settle();
     EXPECT_THAT(stored(status), ElementsAre(ace(1), ace(2)));
+    EXPECT_TRUE(run_until([&] { return stored(counters).size() == 2; })) << "the same numbers are told anew";
 }
 
 // ---- restart --------------------------------------------------------------------------------------------------------
@@ -226,6 +229,22 @@ TEST_F(NodeTest, clears_at_its_start_what_is_left_of_entries_that_went)
     EXPECT_EQ(0U, empty.entries()) << "the marker stands";
     EXPECT_THAT(stored(status), ElementsAre(ace(2), ace(3)));
     EXPECT_THAT(stored(counters), ElementsAre(ace(2), ace(3)));
+}
+
+TEST_F(NodeTest, removes_nothing_of_a_table_that_it_cannot_read_whole)
+{
+    SimulatedPlane plane({});
+    {
+        const auto before = node(plane);
+        set(ace(1), 100);
+        settle();
+    }
+    del(ace(1));
+    set(ace(2, 10, std::string(40, 'x')), 101);
+    const auto after = node(plane);
+    settle();
+    EXPECT_EQ(1U, plane.entries());
+    EXPECT_THAT(stored(status), ElementsAre(ace(1)));
 }
 
 // ---- changes that the store could not keep --------------------------------------------------------------------------
