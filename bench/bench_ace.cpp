@@ -5,6 +5,7 @@
 // taken at random, and again right after the same entries were set: the second figure is what the library itself costs,
 // and the difference is the processor's wait for memory, which grows with any cache.
 #include "support/counting.hpp"
+#include "support/entry.hpp"
 #include "support/harness.hpp"
 #include "support/platform.hpp"
 
@@ -30,18 +31,6 @@ fp_udp_acl_key acl_key(uint32_t acl_id)
     return key;
 }
 
-fp_udp_ace *typical_ace()
-{
-    fp_udp_ace *ace = bench::library().alloc_ace(0, 0);
-    for (const char *name : {"sip", "dip", "protocol", "l4_dport"}) {
-        const uint8_t value[8] = {10, 0, 0, 1, 255, 255, 255, 0};
-        fp_udp_attr attr;
-        ace->tlv->construct(&attr, name, FP_UDP_ATTR_FIELD, value, sizeof value);
-        ace->tlv->push(&ace->tlv, attr);
-    }
-    return ace;
-}
-
 struct entry {
     uint32_t acl_id;
     uint64_t sn;
@@ -54,7 +43,7 @@ entry entry_of(uint32_t number)
 
 void set_ace(const entry &e)
 {
-    static fp_udp_ace *ace = typical_ace();
+    static fp_udp_ace *ace = bench::new_entry(bench::library());
     const fp_udp_acl_key key = acl_key(e.acl_id);
     ace->sn = e.sn;
     bench::library().set_ace(bench::context(), &key, ace);

@@ -1,5 +1,6 @@
 // See store_side.hpp.
 #include "store_side.hpp"
+#include "entry.hpp"
 
 #include <algorithm>
 #include <csignal>
@@ -57,20 +58,6 @@ int32_t on_failure(void *, const fp_udp_acl_info *, uint64_t, int32_t, const uin
 int32_t on_acl_change(void *, const fp_udp_acl_info *, int32_t)
 {
     return 0;
-}
-
-fp_udp_ace *typical_ace(const fp_udp_mgr &mgr)
-{
-    fp_udp_ace *ace = mgr.alloc_ace(0, 0);
-    require(ace != nullptr, "alloc_ace");
-    for (const char *name : {"sip", "dip", "protocol", "l4_dport"}) {
-        const uint8_t value[8] = {10, 0, 0, 1, 255, 255, 255, 0};
-        fp_udp_attr attr;
-        ace->tlv->construct(&attr, name, FP_UDP_ATTR_FIELD, value, sizeof value);
-        ace->tlv->push(&ace->tlv, attr);
-        require(ace->tlv != nullptr, "push");
-    }
-    return ace;
 }
 
 } // namespace
@@ -156,7 +143,7 @@ application::application(const std::string &store, hears what)
     plx_initial();
     fp_udp_register_app_type(app_type);
     require(fp_udp_register_acl_handler(context_, policy_db, &handler) == 0, "registering");
-    ace_ = typical_ace(manager_);
+    ace_ = new_entry(manager_);
     fp_udp_acl acl{};
     std::strcpy(acl.app_type, app_type);
     acl.acl_id = acl_id;
