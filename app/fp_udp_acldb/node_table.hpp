@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <plx/types.h>
 
 namespace plx::acldb {
 
@@ -65,6 +66,13 @@ class probe {
     uint32_t step_ = 0;
 };
 
+// What became of a node that was to be stored.
+enum class Stored : uint8_t {
+    Yes,
+    Equal, // a node with an equal key was there already, and stays
+    Full   // the table could not grow
+};
+
 template <class Kind> class node_table {
     using node = typename Kind::node;
     using table = typename Kind::table;
@@ -81,20 +89,19 @@ template <class Kind> class node_table {
         return i == none ? nullptr : t_->keys[i];
     }
 
-    void insert(node *n)
+    Stored insert(node &n)
     {
-        if (t_ == nullptr || n == nullptr)
-            return;
-        if (t_->n_occupied >= t_->upper_bound && !make_room())
-            return;
+        if (t_ == nullptr || (t_->n_occupied >= t_->upper_bound && !make_room()))
+            return find(&n) == nullptr ? Stored::Full : Stored::Equal;
         bucket_flags flags(t_->flags);
-        const uint32_t i = bucket_for(*n);
+        const uint32_t i = bucket_for(n);
         if (flags.stored(i))
-            return;
-        t_->keys[i] = n;
+            return Stored::Equal;
+        t_->keys[i] = &n;
         t_->n_occupied += flags.empty(i) ? 1 : 0;
         ++t_->size;
         flags.set_stored(i);
+        return Stored::Yes;
     }
 
     void remove(const node *key)
@@ -108,6 +115,8 @@ template <class Kind> class node_table {
 
     int32_t traverse(callback cb, uint32_t start, uint32_t count, void *arg)
     {
+        if (cb == nullptr)
+            return FP_UDP_INVALID;
         const uint64_t end = uint64_t{start} + count;
         for (uint64_t i = start; t_ != nullptr && i < end && i < t_->n_buckets; ++i) {
             const auto bucket = static_cast<uint32_t>(i);

@@ -1,8 +1,10 @@
 // The cache operations: the only way in which nodes are made, linked and freed.
 //
-// Every ACE and apply node hangs on its ACL's list and, unless the table could not grow, stands in its kind's table. A
-// node's pending request goes with it. Names without a terminator never get in.
+// Every ACE and apply node hangs on its ACL's list and stands in its kind's table, unless an equal one stood there
+// before. A node that its table has no room for is refused: nothing would ever find it. A node's pending request goes
+// with it. Names without a terminator never get in.
 #include "area.hpp"
+#include "tables.hpp"
 
 #include "../fp_udp_req_mng/list.hpp"
 
@@ -71,6 +73,8 @@ fp_udp_apply_node *find(const fp_udp_acl_info &acl, const fp_udp_apply_info &app
 
 template <class Node> int32_t hand_out(Node *found, Node **node)
 {
+    if (node == nullptr)
+        return FP_UDP_INVALID;
     *node = found;
     return found == nullptr ? FP_UDP_NOT_FOUND : FP_UDP_OK;
 }
@@ -116,15 +120,24 @@ template <class Node> void destroy_all(fp_udp_list &head)
     }
 }
 
-// A node that could not be stored is not kept: a key that is cached already keeps its first node.
-int32_t keep_or_free(fp_udp_acl_node *node)
+// A node that stands in its table and on no list yet, or null.
+fp_udp_apply_node *new_apply(const fp_udp_acl_info &acl, const fp_udp_apply_info &apply,
+                             const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
-    fp_udp_acl_node_hash_insert(node);
-    const fp_udp_acl_node *kept = fp_udp_acl_node_hash_find(node);
-    if (kept == node)
-        return FP_UDP_OK;
+    auto *node = static_cast<fp_udp_apply_node *>(std::malloc(sizeof(fp_udp_apply_node)));
+    if (node == nullptr) {
+        report<Error>(diag::place{function, line}, "malloc for acl node fail."); // "acl": log readers match this text
+        return nullptr;
+    }
+    node->req = nullptr;
+    node->acl = acl;
+    node->apply = apply;
+    skip_priority(node->apply);
+    if (store(*node) != Stored::Full)
+        return node;
+    report<Error>(diag::place{function, line}, "insert apply node fail");
     std::free(node);
-    return kept == nullptr ? FP_UDP_NO_MEMORY : FP_UDP_OK;
+    return nullptr;
 }
 
 } // namespace
@@ -162,7 +175,14 @@ int32_t fp_udp_acldb_add_acl(const fp_udp_acl_info *acl)
     plx::list::reset(node->apply_list);
     node->ace_count = 0;
     node->acl = *acl;
-    return keep_or_free(node);
+    const Stored stored = store(*node);
+    if (stored == Stored::Yes)
+        return FP_UDP_OK;
+    std::free(node);
+    if (stored == Stored::Equal)
+        return FP_UDP_OK;
+    report<Error>("insert acl node fail.");
+    return FP_UDP_NO_MEMORY;
 }
 
 int32_t fp_udp_acldb_del_acl(const fp_udp_acl_info *acl)
@@ -184,7 +204,7 @@ int32_t fp_udp_acldb_get_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *
 
 int32_t fp_udp_acldb_add_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace, fp_udp_ace_node **node)
 {
-    if (!usable(acl, ace))
+    if (!usable(acl, ace) || node == nullptr)
         return FP_UDP_INVALID;
     fp_udp_acl_node *owner = find(*acl);
     if (owner == nullptr) {
@@ -200,7 +220,11 @@ int32_t fp_udp_acldb_add_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *
     added->req = nullptr;
     added->acl = *acl;
     added->ace = *ace;
-    fp_udp_ace_node_hash_insert(added);
+    if (store(*added) == Stored::Full) {
+        report<Error>("insert ace node fail");
+        std::free(added);
+        return FP_UDP_NO_MEMORY;
+    }
     plx::list::push_front(owner->ace_list, added->links);
     ++owner->ace_count;
     *node = added;
@@ -225,23 +249,18 @@ int32_t fp_udp_acldb_get_apply(const fp_udp_acl_info *acl, const fp_udp_apply_in
 
 int32_t fp_udp_acldb_add_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, fp_udp_apply_node **node)
 {
-    if (!usable(acl, apply))
+    if (!usable(acl, apply) || node == nullptr)
         return FP_UDP_INVALID;
-    fp_udp_acl_node *owner = find(*acl);
-    if (owner == nullptr && fp_udp_acldb_add_acl(acl) == FP_UDP_OK)
-        owner = find(*acl);
-    if (owner == nullptr)
+    fp_udp_acl_node *known = find(*acl);
+    if (known == nullptr && fp_udp_acldb_add_acl(acl) != FP_UDP_OK)
         return FP_UDP_NO_MEMORY;
-    auto *added = static_cast<fp_udp_apply_node *>(std::malloc(sizeof(fp_udp_apply_node)));
+    fp_udp_apply_node *added = new_apply(*acl, *apply);
     if (added == nullptr) {
-        report<Error>("malloc for acl node fail."); // the ACL's words are meant
+        if (known == nullptr)
+            fp_udp_acldb_del_acl(acl);
         return FP_UDP_NO_MEMORY;
     }
-    added->req = nullptr;
-    added->acl = *acl;
-    added->apply = *apply;
-    skip_priority(added->apply);
-    fp_udp_apply_node_hash_insert(added);
+    fp_udp_acl_node *owner = known == nullptr ? find(*acl) : known;
     plx::list::push_front(owner->apply_list, added->links);
     *node = added;
     return FP_UDP_OK;

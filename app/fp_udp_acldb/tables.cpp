@@ -1,8 +1,8 @@
 // The three node tables: what their keys are, and the exported names of each family.
 //
-// Notices name the first difference found; the kinds word them differently on purpose.
+// Notices name the first difference found. Each kind has its own words for it, which log readers match.
+#include "tables.hpp"
 #include "area.hpp"
-#include "node_table.hpp"
 #include "word_hash.hpp"
 
 #include <iterator>
@@ -130,10 +130,16 @@ struct apply_kind {
 #define FP_UDP_NODE_FAMILY(kind)                                                                                       \
     extern "C" {                                                                                                       \
     fp_udp_##kind##_table *fp_udp_##kind##_node_list = nullptr;                                                        \
+    }                                                                                                                  \
     static auto kind##_nodes()                                                                                         \
     {                                                                                                                  \
         return plx::acldb::node_table<plx::acldb::kind##_kind>(fp_udp_##kind##_node_list);                             \
     }                                                                                                                  \
+    plx::acldb::Stored plx::acldb::store(fp_udp_##kind##_node &node)                                                   \
+    {                                                                                                                  \
+        return kind##_nodes().insert(node);                                                                            \
+    }                                                                                                                  \
+    extern "C" {                                                                                                       \
     int32_t fp_udp_##kind##_node_hash_init(void)                                                                       \
     {                                                                                                                  \
         fp_udp_##kind##_node_list =                                                                                    \
@@ -142,7 +148,8 @@ struct apply_kind {
     }                                                                                                                  \
     int32_t fp_udp_##kind##_node_hash_insert(fp_udp_##kind##_node *node)                                               \
     {                                                                                                                  \
-        kind##_nodes().insert(node);                                                                                   \
+        if (node != nullptr)                                                                                           \
+            kind##_nodes().insert(*node);                                                                              \
         return 0;                                                                                                      \
     }                                                                                                                  \
     fp_udp_##kind##_node *fp_udp_##kind##_node_hash_find(const fp_udp_##kind##_node *key)                              \

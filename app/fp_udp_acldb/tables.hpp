@@ -1,0 +1,14 @@
+// Storing a node in its kind's table, with what became of it: the exported insert tells nobody.
+#pragma once
+
+#include "node_table.hpp"
+
+#include <plx/cache.h>
+
+namespace plx::acldb {
+
+Stored store(fp_udp_acl_node &node);
+Stored store(fp_udp_ace_node &node);
+Stored store(fp_udp_apply_node &node);
+
+} // namespace plx::acldb

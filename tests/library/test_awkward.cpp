@@ -1,0 +1,70 @@
+// Awkward moments: callbacks that write and free, memory that ends, links in the way, nulls.
+#include "records.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using fake::format;
+
+class awkward : public operations_case {
+  protected:
+    // Three requests that wait: entries 1 and 2 of an ACL, and an apply of it.
+    void write_three()
+    {
+        for (uint64_t sn = 1; sn <= 2; sn++)
+            set_ace("security_app", 4, sn);
+        set_apply("security_app", 4, "my_app", 7);
+    }
+    // What an ageing pass tells.
+    size_t told(int32_t force = 0)
+    {
+        app.take();
+        fp_udp_req_check_proc(force);
+        return app.take().size();
+    }
+};
+
+// Each time from tables that have yet to grow.
+TEST_F(awkward, a_node_that_its_table_has_no_room_for_is_refused_and_nothing_is_left)
+{
+    start();
+    const fp_udp_acl_info acl = make_info("my_app", 1), other = make_info("my_app", 2);
+    const fp_udp_ace_info ace = make_ace_info(7);
+    const fp_udp_apply_info apply = make_apply_info("my_app", 7);
+    fp_udp_ace_node *entry;
+    fp_udp_apply_node *binding;
+    const std::string no_acl = "E malloc for acl node fail.", no_acl_room = "E insert acl node fail.",
+                      no_room = "E insert apply node fail";
+    const std::pair<std::function<int32_t()>, lines> rows[] = {
+        {[&] { return fp_udp_acldb_add_acl(&other); }, {no_acl, no_acl_room, no_acl_room}},
+        {[&] { return fp_udp_acldb_add_ace(&acl, &ace, &entry); },
+         {"E malloc for ace node fail.", "E insert ace node fail", "E insert ace node fail"}},
+        {[&] { return fp_udp_acldb_add_apply(&other, &apply, &binding); },
+         {no_acl, no_acl_room, no_acl_room, no_acl, no_room, no_room}},
+    };
+    for (const auto &[add, messages] : rows)
+        for (size_t n = 0; n < messages.size(); n++)
+            EXPECT_EQ(in_child([&, &add = add] {
+                          const bool needs_acl = messages[n].find("ace") != std::string::npos;
+                          if (needs_acl)
+                              fp_udp_acldb_add_acl(&acl);
+                          int32_t result;
+                          {
+                              fake::failing_allocation fail(static_cast<int>(n) + 1);
+                              result = add();
+                          }
+                          const uint32_t left = fp_udp_acl_node_hash_size() + fp_udp_ace_node_hash_size() +
+                                                fp_udp_apply_node_hash_size() - needs_acl;
+                          return format("%d %u ", result, left) + fake::log.take("E").at(0) + broken() +
+                                 format(" %d", add());
+                      }),
+                      "-2 0 " + messages[n] + " 0");
+}
+
+} // namespace
