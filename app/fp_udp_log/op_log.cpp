@@ -1,8 +1,8 @@
 // The operation log: one line per ACL, ACE and apply operation, in two files per process that take turns at 5 MiB.
 //
-// Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records. The directory is under /tmp, so
-// nothing on the way to a file is followed if it is a link. Failures are reported and drop the record, never the
-// operation.
+// Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records: one takes eight system calls. The
+// directory is under /tmp, so nothing on the way to a file is followed if it is a link. Failures are reported and drop
+// the record, never the operation.
 #include "../fp_udp_dbg/channel.hpp"
 #include "../fp_udp_dbg/proc_name.hpp"
 
@@ -39,6 +39,7 @@ enum Which : uint8_t {
 struct {
     char name[2][dbg::proc_name_size + sizeof "_1.log"]; // of the main and the second file, within the directory
     bool named;
+    bool behind_link; // no record can be kept, which was said at the start
     Which current = None;
 } state;
 
@@ -56,16 +57,55 @@ class descriptor {
         if (fd_ >= 0)
             close(fd_);
     }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
+    descriptor(descriptor &&other) : fd_(std::exchange(other.fd_, -1)) {}
+    descriptor &operator=(descriptor &&) = delete;
     explicit operator bool() const { return fd_ >= 0; }
     int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
+
+constexpr int directory_flags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_RDONLY;
+
+// The log directory, reached without following a link.
+int open_directory()
+{
+    const descriptor zlog(open("/tmp/zlog", directory_flags));
+    return zlog ? openat(zlog.get(), "udp_fp_log", directory_flags) : -1;
+}
+
+bool is_link(int parent, const char *name)
+{
+    struct stat found = {};
+    return fstatat(parent, name, &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(found.st_mode);
+}
+
+bool is_behind_link()
+{
+    const descriptor tmp(open("/tmp", O_DIRECTORY | O_CLOEXEC | O_RDONLY));
+    const descriptor zlog(open("/tmp/zlog", directory_flags));
+    return is_link(tmp.get(), "zlog") || is_link(zlog.get(), "udp_fp_log");
+}
+
+// One of the two files, open at its end.
+class log_file {
+  public:
+    log_file() : file_(-1) {}
+    log_file(const descriptor &directory, Which which) : file_(state.named ? open_in(directory, which) : -1)
+    {
+        struct stat found = {};
+        if (file_ && fstat(file_.get(), &found) == 0 && S_ISREG(found.st_mode))
+            size_ = found.st_size;
+    }
+    explicit operator bool() const { return size_ >= 0; }
+    off_t size() const { return size_; }
+    bool empty_it() const { return ftruncate(file_.get(), 0) == 0; }
 
     void write_text(const char *text) const
     {
         for (size_t left = std::strlen(text); left > 0;) {
-            const ssize_t n = TEMP_FAILURE_RETRY(write(fd_, text, left));
+            const ssize_t n = TEMP_FAILURE_RETRY(write(file_.get(), text, left));
             if (n <= 0)
                 return;
             text += n;
@@ -74,116 +114,84 @@ class descriptor {
     }
 
   private:
-    int fd_;
+    static int open_in(const descriptor &directory, Which which)
+    {
+        constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        return directory ? openat(directory.get(), state.name[which], flags, 0666) : -1;
+    }
+
+    descriptor file_;
+    off_t size_ = -1; // unless a regular file was opened
 };
 
-int step_into(int parent, const char *name)
+// Both files or neither: a record needs the first, and its turn the second.
+bool make_files(const descriptor &directory, diag::place at)
 {
-    return openat(parent, name, O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_RDONLY);
-}
-
-// The log directory, reached without following a link.
-int open_directory()
-{
-    const descriptor tmp(open("/tmp", O_DIRECTORY | O_CLOEXEC | O_RDONLY));
-    const descriptor zlog(tmp ? step_into(tmp.get(), "zlog") : -1);
-    return zlog ? step_into(zlog.get(), "udp_fp_log") : -1;
-}
-
-enum class Open { Append, Truncate };
-
-int open_file(Which which, Open how)
-{
-    const descriptor directory(open_directory());
-    if (!directory || !state.named)
-        return -1;
-    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    descriptor file(openat(directory.get(), state.name[which], flags, 0666));
-    struct stat found = {};
-    if (!file || fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode))
-        return -1;
-    if (how == Open::Truncate && ftruncate(file.get(), 0) != 0)
-        return -1;
-    return file.release();
-}
-
-bool begin_file(Which which, Open how, const char *text)
-{
-    const descriptor file(open_file(which, how));
-    if (file)
-        file.write_text(text);
-    return static_cast<bool>(file);
-}
-
-off_t size_of(Which which)
-{
-    const descriptor directory(open_directory());
-    struct stat found = {};
-    if (!directory || fstatat(directory.get(), state.name[which], &found, AT_SYMLINK_NOFOLLOW) != 0)
-        return 0;
-    return found.st_size;
-}
-
-bool make_files()
-{
-    if (!begin_file(Main, Open::Append, header_text)) {
-        report<Error>("fp_udp_open log fail.\n");
+    const log_file first(directory, Main);
+    if (!first) {
+        report<Error>(at, "fp_udp_open log fail.\n");
         return false;
     }
-    if (!begin_file(Second, Open::Append, second_header_text)) {
-        report<Error>("fp_udp_open log 1 fail.\n");
+    const log_file second(directory, Second);
+    if (!second) {
+        if (first.size() == 0)
+            unlinkat(directory.get(), state.name[Main], 0);
+        report<Error>(at, "fp_udp_open log 1 fail.\n");
         return false;
     }
+    first.write_text(header_text);
+    second.write_text(second_header_text);
     state.current = Main;
     return true;
 }
 
 // Both files are begun anew with the main file's header.
-void turn_to(Which which)
+void turn_to(const descriptor &directory, Which which, diag::place at)
 {
     state.current = which;
-    if (!begin_file(which, Open::Truncate, header_text))
-        report<Error>("open file fail");
+    const log_file file(directory, which);
+    if (file && file.empty_it())
+        file.write_text(header_text);
+    else
+        report<Error>(at, "open file fail");
 }
 
-bool choose_file()
+// The current file, after its turn if it has grown too large.
+log_file choose_file(const descriptor &directory, diag::place at)
 {
-    if (state.current == None && !make_files())
-        return false;
-    const off_t main_size = size_of(Main);
-    const off_t second_size = size_of(Second);
-    if (state.current == Main && main_size > turn_size)
-        turn_to(Second);
-    else if (state.current == Second && second_size > turn_size)
-        turn_to(Main);
-    return true;
+    if (log_file file(directory, state.current); file.size() <= turn_size)
+        return file;
+    turn_to(directory, state.current == Main ? Second : Main, at);
+    return {directory, state.current};
 }
 
 bool wanted()
 {
-    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0;
+    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0 && !state.behind_link;
 }
 
-// The current file, open for one record.
-int open_current(char *now, size_t size)
+// The file that a record goes into, and the time now.
+log_file open_current(char *now, size_t size, diag::place at)
 {
-    if (!choose_file())
-        return -1;
+    const descriptor directory(open_directory());
+    if (state.current == None && !make_files(directory, at))
+        return {};
+    log_file file = choose_file(directory, at);
     if (tq_time_2_string(now, size) == 0) {
-        report<Error>("log acl get time failed.\n");
-        return -1;
+        report<Error>(at, "log acl get time failed.\n");
+        return {};
     }
-    const int fd = open_file(state.current, Open::Append);
-    if (fd < 0)
-        report<Error>("log acl open fail.\n");
-    return fd;
+    if (!file)
+        report<Error>(at, "log acl open fail.\n"); // "acl" in every writer's: log readers match this text
+    return file;
 }
 
 // One record: begun with the time and the operation, written as a line when it goes. A null argument leaves its field
 // out; so does a line that is full, though its newline always fits.
 class record {
   public:
-    record(const char *kind, uint32_t op) : file_(wanted() ? open_current(now_, sizeof now_) : -1)
+    record(const char *kind, uint32_t op, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+        : file_(wanted() ? open_current(now_, sizeof now_, {function, line}) : log_file())
     {
         if (file_)
             add("%.29s--%s_%s, ", now_, kind, name_of(op));
@@ -221,7 +229,7 @@ class record {
             add("%s :%s, ", label, text);
     }
 
-    // The separator behind the word differs between the writers and is kept so.
+    // The separator behind the word differs between the writers: log readers match it.
     void add_private(const char *separator, const uint8_t *priv)
     {
         constexpr int shown = 16;
@@ -234,7 +242,7 @@ class record {
 
   private:
     char now_[30];
-    descriptor file_;
+    log_file file_;
     char text_[1024];
     size_t used_ = 0;
 };
@@ -258,6 +266,11 @@ int32_t fp_udp_op_log_init(void)
     std::snprintf(state.name[Main], sizeof state.name[Main], "%s.log", name);
     std::snprintf(state.name[Second], sizeof state.name[Second], "%s_1.log", name);
     state.named = true;
+    state.behind_link = is_behind_link();
+    if (state.behind_link) {
+        report<Error>("a link is in the way of /tmp/zlog/udp_fp_log, no operation is logged.\n");
+        return -1;
+    }
     if (const int status = std::system("mkdir -p /tmp/zlog/udp_fp_log"); status != 0) {
         report<Error>("fp_udp_dir create fail.\n");
         return status;

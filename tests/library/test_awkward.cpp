@@ -67,4 +67,68 @@ TEST_F(awkward, a_node_that_its_table_has_no_room_for_is_refused_and_nothing_is_
                       "-2 0 " + messages[n] + " 0");
 }
 
+// With /tmp led to a directory of the case's own.
+class awkward_log : public awkward {
+  protected:
+    awkward_log()
+    {
+        std::filesystem::create_directories(directory);
+        fake::runs_commands = false;
+        start();
+        fp_udp_debug_sw = FP_UDP_DEBUG_OP_LOG;
+    }
+    ~awkward_log() override { std::filesystem::remove_all(root); }
+    static lines record()
+    {
+        fp_udp_log_op_acl(nullptr, "my_app", nullptr, FP_UDP_OP_EXPIRE);
+        return fake::log.take("E");
+    }
+
+    const std::string root = "/var/tmp/" + process + "." + std::to_string(getpid()); // not below /tmp
+    const std::string directory = root + "/zlog/udp_fp_log", file = directory + "/" + process + ".log";
+    const fake::led_elsewhere tmp{"/tmp", root};
+};
+
+TEST_F(awkward_log, behind_a_link_nothing_is_kept_and_the_start_says_so)
+{
+    for (const std::string &path : {root + "/zlog", directory}) {
+        std::filesystem::rename(path, root + "/aside");
+        std::filesystem::create_symlink(root + "/aside", path);
+        EXPECT_EQ(fp_udp_op_log_init(), -1);
+        EXPECT_EQ(fake::log.take("E"),
+                  lines{"E a link is in the way of /tmp/zlog/udp_fp_log, no operation is logged.\n"});
+        EXPECT_EQ(record(), lines{}) << "said once";
+        std::filesystem::remove(path);
+        std::filesystem::rename(root + "/aside", path);
+        EXPECT_TRUE(std::filesystem::is_empty(directory));
+    }
+    EXPECT_EQ(fp_udp_op_log_init(), 0);
+    EXPECT_EQ(record(), lines{});
+    EXPECT_TRUE(std::filesystem::exists(file));
+}
+
+TEST_F(awkward_log, a_record_takes_few_calls)
+{
+    record();
+    fake::failing_file_call count(0, 0);
+    record();
+    EXPECT_EQ(fake::failing_file_call::seen(), 8);
+}
+
+TEST_F(awkward_log, the_files_are_made_together_or_not_at_all)
+{
+    const std::string second = directory + "/" + process + "_1.log";
+    for (const auto &[in_the_way, other] : {std::pair{file, second}, {second, file}}) {
+        std::filesystem::create_directory(in_the_way);
+        for (int again = 0; again < 2; again++)
+            EXPECT_EQ(record().size(), 1U);
+        EXPECT_FALSE(std::filesystem::exists(other));
+        std::filesystem::remove(in_the_way);
+    }
+    std::ofstream(file) << "earlier";
+    std::filesystem::create_directory(second);
+    record();
+    EXPECT_EQ(std::filesystem::file_size(file), 7U) << "another run's records stay, without a new header each time";
+}
+
 } // namespace
