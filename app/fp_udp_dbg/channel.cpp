@@ -12,9 +12,9 @@ void *g_policy_plx_zlog_category = nullptr;
 
 namespace plx::diag {
 
-void print_frame(const gate &g, const char *function, int line)
+console_form::console_form(const char *format)
 {
-    std::printf("\n [%s] %s[%d]:", g.word, function, line);
+    std::snprintf(text, sizeof text, "%s%s", frame, format);
 }
 
 void log_line(const gate &g, const char *source, const char *function, int line, const char *line_text)

@@ -101,12 +101,16 @@ struct place {
 
 void message_does_not_fit_its_arguments(); // never defined: calling it stops the compilation
 
+// Formats are short, so that a frame and a format fit into one form on the stack.
+inline constexpr size_t longest_format = 255;
+inline constexpr char frame[] = "\n [%s] %s[%d]:";
+
 // A message's format, with the function and line it was written in.
 template <class... Args> struct text {
     consteval text(const char *f, const char *fn = __builtin_FUNCTION(), int ln = __builtin_LINE())
         : format(f), function(fn), line(ln)
     {
-        if (!format_fits<Args...>(f))
+        if (!format_fits<Args...>(f) || __builtin_strlen(f) > longest_format)
             message_does_not_fit_its_arguments();
     }
     const char *format;
@@ -114,7 +118,12 @@ template <class... Args> struct text {
     int line;
 };
 
-void print_frame(const gate &g, const char *function, int line);
+// A form of the frame's arguments and the format's: the message reaches standard output whole, by one printf.
+struct console_form {
+    explicit console_form(const char *format);
+    char text[sizeof frame + longest_format];
+};
+
 void log_line(const gate &g, const char *source, const char *function, int line, const char *line_text);
 
 inline constexpr size_t log_line_size = 1024;
@@ -125,8 +134,7 @@ template <class... Args>
 [[gnu::cold, gnu::noinline]] void emit(const gate &g, const char *source, place at, const char *format, Args... args)
 {
     if (console_open(g)) {
-        print_frame(g, at.function, at.line);
-        std::printf(format, args...);
+        std::printf(console_form(format).text, g.word, at.function, at.line, args...);
         std::fflush(stdout);
     }
     if (log_open(g)) {

@@ -34,8 +34,19 @@ uint32_t all_debug_bits()
     return bits;
 }
 
-int on_set_sw(int, const ssat_value *argv)
+// A shell may hand over fewer values than a command's argument description asks for.
+bool complete(int argc, const ssat_value *argv, int wanted, const char *command, int line = __builtin_LINE())
 {
+    if (argc >= wanted && argv != nullptr)
+        return true;
+    report<Error>(diag::place{command, line}, "argument missing, argc : %d\n", argc);
+    return false;
+}
+
+int on_set_sw(int argc, const ssat_value *argv)
+{
+    if (!complete(argc, argv, 1, "fp_udp_set_sw"))
+        return FP_UDP_INVALID;
     fp_udp_debug_sw = argv[0].x;
     return 0;
 }
@@ -69,8 +80,10 @@ int on_debug_show(int, const ssat_value *)
     return 0;
 }
 
-int on_set_zlog_level(int, const ssat_value *argv)
+int on_set_zlog_level(int argc, const ssat_value *argv)
 {
+    if (!complete(argc, argv, 1, "fp_udp_at_set_zlog_level"))
+        return FP_UDP_INVALID;
     return fp_udp_at_set_zlog_level(argv[0].x);
 }
 
@@ -132,8 +145,10 @@ int32_t dump_acl(fp_udp_acl_node *node, void *arg)
     return 0;
 }
 
-int fp_udp_dump_acl(int, const ssat_value *argv)
+int fp_udp_dump_acl(int argc, const ssat_value *argv)
 {
+    if (!complete(argc, argv, 2, "fp_udp_dump_acl"))
+        return FP_UDP_INVALID;
     acl_filter filter = {argv[0].s, static_cast<uint32_t>(argv[1].d)};
     if (filter.app_type == nullptr)
         return 0;

@@ -7,6 +7,8 @@
 
 extern "C" int32_t fp_udp_dbg_get_proc_name(char *buffer)
 {
+    if (buffer == nullptr)
+        return FP_UDP_INVALID;
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(getpid()));
     FILE *file = std::fopen(path, "re");

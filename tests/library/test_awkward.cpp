@@ -67,6 +67,44 @@ TEST_F(awkward, a_node_that_its_table_has_no_room_for_is_refused_and_nothing_is_
                       "-2 0 " + messages[n] + " 0");
 }
 
+TEST_F(awkward, a_debug_command_without_its_arguments_does_nothing)
+{
+    start();
+    fp_udp_debug_sw = 5;
+    ssat_value all{};
+    all.s = "all";
+    const std::pair<const char *, std::vector<ssat_value>> rows[] = {
+        {"fp_udp_set_sw", {}}, {"fp_udp_at_set_zlog_level", {}}, {"fp_udp_dump_acl", {}}, {"fp_udp_dump_acl", {all}}};
+    for (const auto &[command, arguments] : rows)
+        EXPECT_EQ(printed([&, name = command, &values = arguments] { EXPECT_EQ(fake::shell.run(name, values), -4); }),
+                  "");
+    for (const char *command : {"fp_udp_set_sw", "fp_udp_at_set_zlog_level", "fp_udp_dump_acl"})
+        for (const fake::shell_command &known : fake::shell.commands)
+            EXPECT_TRUE(known.name != command || known.handler(2, nullptr) == -4) << command;
+    EXPECT_EQ(std::pair(fp_udp_debug_sw, g_policy_plx_zlog_level), std::pair(5U, 5U));
+}
+
+// A message on the console is one call: on a stream without a buffer, one write.
+TEST_F(awkward, a_message_reaches_the_console_whole)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    fp_udp_debug_sw = FP_UDP_DEBUG_ERROR;
+    fp_udp_register_app_type(nullptr);
+    dup2(before, STDOUT_FILENO);
+    char text[200];
+    const std::string heard(text, static_cast<size_t>(std::max<ssize_t>(0, read(ends[0], text, sizeof text))));
+    EXPECT_EQ(heard.find("\n [Error] fp_udp_register_app_type["), 0U);
+    EXPECT_NE(heard.find("]:invalid app_type.\n"), std::string::npos) << heard;
+    EXPECT_EQ(recv(ends[0], text, sizeof text, MSG_DONTWAIT), -1);
+    for (const int end : {ends[0], ends[1], before})
+        close(end);
+}
+
 // With /tmp led to a directory of the case's own.
 class awkward_log : public awkward {
   protected:
