@@ -51,16 +51,18 @@ bool needs_confirmation(const fp_udp_acl_info &acl)
     return fp_udp_acldb_get_acl(&acl, &owner) == FP_UDP_OK && !list::empty(owner->apply_list);
 }
 
-// Tells the application of a write that failed; without a callback the operation's result is `fallback`.
+// Tells the application of a write that failed; without a callback the operation's result is `fallback`. The callback
+// may free the entry.
 int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32_t fallback, int32_t result,
              const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     if (para.handler.ace_fail_cb == nullptr)
         return fallback;
-    fp_udp_log_op_ace(&acl, &ace.sn, nullptr, ace.priv, &ace.ace_pri, FP_UDP_OP_FAIL);
-    const int32_t answer = para.handler.ace_fail_cb(ctx, &acl, ace.sn, result, ace.priv);
+    const uint64_t sn = ace.sn;
+    fp_udp_log_op_ace(&acl, &sn, nullptr, ace.priv, &ace.ace_pri, FP_UDP_OP_FAIL);
+    const int32_t answer = para.handler.ace_fail_cb(ctx, &acl, sn, result, ace.priv);
     report<Error>(diag::place{function, line}, "plx reply set ace fail, app_type : %s, acl_id : %d, sn : %llx\n",
-                  acl.app_type, acl.acl_id, ace.sn);
+                  acl.app_type, acl.acl_id, sn);
     return answer;
 }
 

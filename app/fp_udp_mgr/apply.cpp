@@ -11,10 +11,11 @@
 namespace plx::mgr {
 namespace {
 
-// An apply call's arguments, as the cache, the log and the callbacks want them.
+// An apply call's arguments, as the cache, the log and the callbacks want them. The ACL's descriptor is a copy: the
+// caller's may lie in a node, which a failed write deletes.
 struct apply_call {
     void *ctx;
-    const fp_udp_acl_info &acl;
+    const fp_udp_acl_info acl;
     const fp_udp_apply &apply;
     fp_udp_apply_info info;
 };
@@ -162,7 +163,7 @@ int32_t fp_udp_set_apply(void *ctx, const fp_udp_acl_info *acl, uint32_t acl_cls
     result = write(call, class_of(ctx, *acl, acl_cls, *apply));
     if (result != 0) {
         report<Error>("apply entry hmset failed.\n");
-        return fail(call, fp_udp_acldb_del_apply(acl, &call.info), result);
+        return fail(call, fp_udp_acldb_del_apply(&call.acl, &call.info), result);
     }
     if (para.handler.apply_reply_ok_cb == nullptr)
         return FP_UDP_OK;

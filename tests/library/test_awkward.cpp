@@ -84,6 +84,41 @@ TEST_F(awkward, a_debug_command_without_its_arguments_does_nothing)
     EXPECT_EQ(std::pair(fp_udp_debug_sw, g_policy_plx_zlog_level), std::pair(5U, 5U));
 }
 
+fp_udp_mgr *operations;
+fp_udp_ace *doomed;
+
+TEST_F(awkward, a_callback_may_free_what_was_passed)
+{
+    fp_udp_acl_handler handler = application::handler();
+    handler.ace_fail_cb = [](void *, const fp_udp_acl_info *, uint64_t, int32_t, const uint8_t *) {
+        operations->free_ace(doomed);
+        return 3;
+    };
+    start(handler);
+    operations = mgr;
+    doomed = make_ace(mgr, 7).release();
+    const fp_udp_acl_key key = make_key("my_app", 1);
+    EXPECT_EQ(mgr->set_ace(&context, &key, doomed), 3) << "its ACL is not known";
+    EXPECT_EQ(fake::log.take("E").back(), "E plx reply set ace fail, app_type : my_app, acl_id : 1, sn : 7\n");
+}
+
+// The failed write deletes the node that the descriptor lies in; what takes its place in memory is not what is told.
+TEST_F(awkward, a_descriptor_within_a_node_may_be_passed)
+{
+    start();
+    set_acl("my_app", 1);
+    set_apply("my_app", 1, "my_app", 7);
+    fake::store.failing = "hmset";
+    std::vector<std::unique_ptr<std::string>> in_its_place;
+    app.on_event = [&](const std::string &) {
+        for (int i = 0; i < 8; i++)
+            in_its_place.push_back(std::make_unique<std::string>(sizeof(fp_udp_apply_node) - 1, 'x'));
+    };
+    app.take();
+    mgr->set_apply(&context, &cached_apply("my_app", 1, "my_app", 7)->acl, 0, make_apply(mgr, "my_app", 7).get());
+    EXPECT_EQ(app.take(), lines{"apply fail my_app/1@my_app/7/0/0 9 <0:32>"});
+}
+
 // A message on the console is one call: on a stream without a buffer, one write.
 TEST_F(awkward, a_message_reaches_the_console_whole)
 {
