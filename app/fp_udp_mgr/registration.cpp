@@ -1,7 +1,9 @@
 // Registration of the application's context, database and callbacks.
 //
-// Connection, cache, debug commands and timers are set up once in the process's life; subscriptions are made by every
-// registration. The databases differ on purpose: ACLs and ACEs are followed in 8, status and service nodes in the
+// Until a registration has succeeded each connects anew: the failure may have been the connection's. Cache, debug
+// commands and timers are set up once in the process's life, whatever became of the subscriptions behind them: the
+// cache is in use from then on, and a second timer would be one too many. Subscriptions are made by every registration.
+// The databases differ: the security application's ACLs and ACEs always lie in 8, status and service nodes in the
 // registered one.
 #include "record.hpp"
 #include "status.hpp"
@@ -39,13 +41,17 @@ void subscribe(void *ctx)
         subscribe_each_type<SPolicy__AceCounter>(ctx, ace_cnter_notify_call_back);
 }
 
-int32_t set_up(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+int32_t connect(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     const bool follows_changes = para.handler.acl_change_cb != nullptr || para.handler.ace_change_cb != nullptr;
-    if (follows_changes && tq_mom_client_connect_sync(ctx, security_db) != 0) {
-        report<Error>(diag::place{function, line}, "sync connect db fail.\n");
-        return FP_UDP_REFUSED;
-    }
+    if (!follows_changes || tq_mom_client_connect_sync(ctx, security_db) == 0)
+        return FP_UDP_OK;
+    report<Error>(diag::place{function, line}, "sync connect db fail.\n");
+    return FP_UDP_REFUSED;
+}
+
+int32_t set_up(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+{
     if (const int32_t rv = fp_udp_acldb_init(); rv != 0) {
         report<Error>(diag::place{function, line}, "fp udp acldb init fail, rv[%d]", rv);
         return FP_UDP_REFUSED;
@@ -69,6 +75,8 @@ int32_t fp_udp_register_acl_handler(void *ctx, uint32_t db, const fp_udp_acl_han
         return FP_UDP_INVALID;
     para.db = db;
     para.handler = *handler;
+    if (para.inited == 0 && connect(ctx) != FP_UDP_OK)
+        return FP_UDP_REFUSED;
     if (para.set_up == 0 && set_up(ctx) != FP_UDP_OK)
         return FP_UDP_REFUSED;
     subscribe(ctx);

@@ -89,7 +89,7 @@ TEST_F(registration, no_callback_table_or_a_refused_connection_ends_it_before_an
     EXPECT_EQ(register_handler(application::handler()), 0) << "and may be tried again";
 }
 
-TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_only_subscriptions_are_repeated)
+TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_the_next_one_connects_and_subscribes_again)
 {
     fake::store.script = {{"subscribe", {0, 0, 9}}};
     EXPECT_EQ(register_handler(application::handler()), 9);
@@ -98,7 +98,7 @@ TEST_F(registration, a_refused_service_node_subscription_is_the_result_and_only_
     fp_udp_acldb_add_acl(&acl);
     fake::store.take();
     EXPECT_EQ(register_handler(application::handler()), 0);
-    EXPECT_EQ(fake::store.take(), scans + acl_changes + ace_changes + service_nodes);
+    EXPECT_EQ(fake::store.take(), connection + scans + acl_changes + ace_changes + service_nodes);
     EXPECT_NE(cached_acl("my_app", 1), nullptr);
     EXPECT_EQ(fake::clock.inserted.size(), 2U);
 }
