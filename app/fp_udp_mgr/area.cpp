@@ -33,9 +33,10 @@ fp_udp_apply_info apply_descriptor(const char *apply_type, uint32_t phyid, uint3
 
 uint64_t new_request_id()
 {
+    static uint64_t last = 0;
     timeval now = {};
-    tq_monotime(&now);
-    return tq_timeval_to_us(&now);
+    last = tq_monotime(&now) == 0 ? tq_timeval_to_us(&now) : last + 1;
+    return last;
 }
 
 } // namespace plx::mgr

@@ -26,7 +26,7 @@ struct fp_udp_mgr_para {
     uint8_t inited;             // a registration has succeeded
     int32_t app_type_num;       // entries of regist_app_type
     uint8_t cmp_apply_skip_prio;
-    uint8_t set_up; // connection, cache, commands and timers stand, whatever became of the subscriptions
+    uint8_t set_up; // cache, commands and timers stand, whatever became of the subscriptions
 };
 extern fp_udp_mgr_para para;
 
@@ -57,7 +57,8 @@ fp_udp_acl_info acl_descriptor(const char *app_type, uint32_t acl_id);
 fp_udp_ace_info ace_descriptor(uint64_t sn);
 fp_udp_apply_info apply_descriptor(const char *apply_type, uint32_t phyid, uint32_t priority, uint32_t direction);
 
-// The identifier of a request: the monotonic clock in microseconds.
+// The identifier of a request: the monotonic clock in microseconds. While the clock cannot be read, one more than the
+// last.
 uint64_t new_request_id();
 
 } // namespace plx::mgr

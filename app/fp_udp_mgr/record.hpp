@@ -2,10 +2,11 @@
 //
 // store_record<SPolicy__Ace> starts both messages from their initial values and points the record at the key; an
 // operation fills what it selects by or writes. Each record type's row below names its key message and the fields that
-// a partial write sets. A record read back, or delivered, is looked at through record_cast, which trusts nothing about
-// it.
+// a partial write sets. A record read back is looked at through record_cast, which trusts nothing about it. One that is
+// delivered goes through keyed_record: it alone tells what it is about, whereas a read record's key was asked for.
 #pragma once
 
+#include "../fp_udp_req_mng/descriptor.hpp"
 #include "area.hpp"
 
 #include <iterator>
@@ -178,20 +179,30 @@ inline void select(SPolicy__ApplyKey &key, const char *app_type)
     key.t_apply_type = field_text(app_type);
 }
 
-// The record if it is one of this type that has its key, else null.
+// The record if it is one of this type, else null.
 template <class Message> const Message *record_cast(const ProtobufCMessage *record)
 {
-    if (record == nullptr || record->descriptor != schema<Message>::descriptor)
+    if (record == nullptr || !describes(record->descriptor, *schema<Message>::descriptor))
         return nullptr;
-    const auto *message = reinterpret_cast<const Message *>(record);
-    return message->index == nullptr ? nullptr : message;
+    return reinterpret_cast<const Message *>(record);
+}
+
+// The record if it is one of this type that has its key, else null.
+template <class Message> const Message *keyed_record(const ProtobufCMessage *record)
+{
+    const Message *message = record_cast<Message>(record);
+    return message == nullptr || message->index == nullptr ? nullptr : message;
 }
 
 // Owns what a read returned.
 class store_result {
   public:
     explicit store_result(tq_mom_hash_res *result) : result_(result) {}
-    ~store_result() { tq_mom_hash_res_free(result_); }
+    ~store_result()
+    {
+        if (result_ != nullptr)
+            tq_mom_hash_res_free(result_);
+    }
     store_result(const store_result &) = delete;
     store_result &operator=(const store_result &) = delete;
 

@@ -1,8 +1,8 @@
 // Status replies and counters from the forwarding plane.
 //
 // A reply counts only when it answers the node's newest write. The application's callback may have deleted the node, or
-// written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ, and
-// are meant to.
+// written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ: log
+// readers match them.
 #include "status.hpp"
 #include "record.hpp"
 
@@ -39,7 +39,7 @@ int32_t ace_service_call_back(void *, const tq_mom_notification *notification, v
     if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
         return FP_UDP_OK;
     report<Notice>("ace return.");
-    const auto *record = record_cast<SPolicy__AcePsta>(notification->record);
+    const auto *record = keyed_record<SPolicy__AcePsta>(notification->record);
     if (record == nullptr) {
         report<Error>("SPolicy__AcePsta is NULL");
         return FP_UDP_NO_RECORD;
@@ -74,7 +74,7 @@ int32_t apply_service_call_back(void *, const tq_mom_notification *notification,
     if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
         return FP_UDP_OK;
     report<Notice>("apply return.");
-    const auto *record = record_cast<SPolicy__ApplyPsta>(notification->record);
+    const auto *record = keyed_record<SPolicy__ApplyPsta>(notification->record);
     if (record == nullptr) {
         report<Error>("SPolicy__ApplyPsta is NULL");
         return FP_UDP_NO_RECORD;
@@ -109,7 +109,7 @@ int32_t ace_cnter_notify_call_back(void *ctx, const tq_mom_notification *notific
 {
     if (notification == nullptr || notification->event != TQ_MOM_EVENT_PUBLISHED)
         return FP_UDP_OK;
-    const auto *record = record_cast<SPolicy__AceCounter>(notification->record);
+    const auto *record = keyed_record<SPolicy__AceCounter>(notification->record);
     if (record == nullptr)
         return FP_UDP_NO_RECORD;
     const char *app_type = record->index->t_app_type == nullptr ? "" : record->index->t_app_type;

@@ -80,7 +80,7 @@ int32_t acl_scan_entry(void *, const tq_mom_notification *entry, void *)
 {
     if (entry == nullptr || entry->event != TQ_MOM_EVENT_SET)
         return FP_UDP_OK;
-    const auto *record = readable(*entry) ? record_cast<SPolicy__Acl>(entry->record) : nullptr;
+    const auto *record = readable(*entry) ? keyed_record<SPolicy__Acl>(entry->record) : nullptr;
     return record == nullptr ? not_cached : fp_udp_cache_acl(*record->index, Cache::Add);
 }
 
@@ -88,7 +88,7 @@ int32_t ace_scan_entry(void *, const tq_mom_notification *entry, void *)
 {
     if (entry == nullptr || entry->event != TQ_MOM_EVENT_SET)
         return FP_UDP_OK;
-    const auto *record = readable(*entry) ? record_cast<SPolicy__Ace>(entry->record) : nullptr;
+    const auto *record = readable(*entry) ? keyed_record<SPolicy__Ace>(entry->record) : nullptr;
     return record == nullptr ? not_cached : cache_ace_and_acl(*record);
 }
 
@@ -146,7 +146,7 @@ int32_t acl_notify_call_back(void *ctx, const tq_mom_notification *notification,
     if (!is_foreign_change(*notification))
         return FP_UDP_OK;
     const bool set = notification->event == TQ_MOM_EVENT_SET;
-    const auto *record = record_cast<SPolicy__Acl>(notification->record);
+    const auto *record = keyed_record<SPolicy__Acl>(notification->record);
     if (record == nullptr || (set && notification->result != 0)) {
         if (set)
             report<Error>("Hash error happen\n");
@@ -170,7 +170,7 @@ int32_t ace_notify_call_back(void *ctx, const tq_mom_notification *notification,
     if (!is_foreign_change(*notification))
         return FP_UDP_OK;
     const bool set = notification->event == TQ_MOM_EVENT_SET;
-    const auto *record = record_cast<SPolicy__Ace>(notification->record);
+    const auto *record = keyed_record<SPolicy__Ace>(notification->record);
     if (record == nullptr || (set && notification->result != 0)) {
         if (set)
             report<Error>("Hash error happen\n");

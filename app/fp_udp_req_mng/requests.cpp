@@ -7,6 +7,7 @@
 // The application's callbacks may delete, set or expire anything, the node being reported included. A callback
 // therefore gets copies of what it is told, `stat` and `is_req` are set before it runs, and the ageing pass detaches a
 // request before it reports and never trusts a neighbour across the call: every removal corrects the walks under way.
+// What a callback writes is newer than the clock that the pass has read, and is left to the next one.
 #include "area.hpp"
 #include "list.hpp"
 
@@ -24,11 +25,18 @@ constexpr uint64_t ageing_seconds = 180;
 constexpr uint32_t visits_per_tick = 5000;
 constexpr int32_t aged = -9; // what the ageing pass judges with; never stored, never reported
 
+// A request as it is allocated: the exported part, and the number of the newest pass when it was added or refreshed.
+struct numbered_request {
+    fp_udp_req_node request;
+    uint64_t pass;
+};
+
 // One pass over the requests that are pending when it starts. Passes nest when a callback starts another.
 class pending_walk {
   public:
     pending_walk() : next_(g_req_para.pending.next), last_(g_req_para.pending.prev), outer_(innermost_)
     {
+        number_ = ++begun_;
         done_ = list::empty(g_req_para.pending);
         innermost_ = this;
     }
@@ -44,6 +52,14 @@ class pending_walk {
         pass_over(at);
         return reinterpret_cast<fp_udp_req_node *>(at);
     }
+
+    // True for what a callback has added or refreshed since this pass began.
+    bool precedes(const fp_udp_req_node &request) const
+    {
+        return reinterpret_cast<const numbered_request &>(request).pass >= number_;
+    }
+
+    static void stamp(fp_udp_req_node &request) { reinterpret_cast<numbered_request &>(request).pass = begun_; }
 
     // Every walk steps off a request that is about to leave the list.
     static void leave(fp_udp_list &links)
@@ -66,7 +82,9 @@ class pending_walk {
     fp_udp_list *next_;
     fp_udp_list *last_;
     bool done_;
+    uint64_t number_;
     pending_walk *outer_;
+    static inline uint64_t begun_ = 0; // passes, in the process's life
     static inline pending_walk *innermost_ = nullptr;
 };
 
@@ -130,24 +148,25 @@ void report_success(const fp_udp_apply_node &node)
         handler().apply_reply_ok_cb(g_req_para.g_ssd_fp_global, &told.acl, &told.apply, told.apply.priv);
 }
 
-void report_failure(const fp_udp_ace_node &node)
+void report_failure(const fp_udp_ace_node &node, diag::place at)
 {
     if (handler().ace_fail_cb == nullptr)
         return;
     const fp_udp_ace_node told = node;
-    report<Error>("service node reply set ace fail! app_type:%s acl_id:%d sn:%llx.\n", told.acl.app_type,
+    report<Error>(at, "service node reply set ace fail! app_type:%s acl_id:%d sn:%llx.\n", told.acl.app_type,
                   told.acl.acl_id, told.ace.sn);
     handler().ace_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.stat, told.ace.priv);
 }
 
-// The labels stand as they are: "app:" is the applying type, "acl_type:" the ACL's.
-void report_failure(const fp_udp_apply_node &node)
+// "app:" is the applying type, "acl_type:" the ACL's: log readers match these labels.
+void report_failure(const fp_udp_apply_node &node, diag::place at)
 {
     if (handler().apply_fail_cb == nullptr)
         return;
     const fp_udp_apply_node told = node;
     const fp_udp_apply_info &apply = told.apply;
     report<Error>(
+        at,
         "reply apply failed! status:%d app:[%s] phyid:[0x%x] prior:[%u] direction:[%u] acl_type:[%s] acl_id:[%d].\n",
         apply.stat, apply.apply_type, apply.phyid, apply.pri, apply.dir, told.acl.app_type, told.acl.acl_id);
     handler().apply_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, &apply, apply.stat, apply.priv);
@@ -165,22 +184,24 @@ template <class Node> void succeed(Node &node)
     report_success(node);
 }
 
-template <class Node> void fail(Node &node)
+template <class Node> void fail(Node &node, diag::place at)
 {
     state_of(node).is_req = 1;
-    report_failure(node);
+    report_failure(node, at);
 }
 
-// An aged request without a recorded failure is a success on purpose.
-template <class Node> void judge_aged(Node &node)
+// An aged request without a recorded failure is a success: nodes speak up about what they cannot program.
+template <class Node> void judge_aged(Node &node, diag::place at)
 {
     if (answered_by_all(state_of(node)) || state_of(node).stat == 0)
         succeed(node);
     else
-        fail(node);
+        fail(node, at);
 }
 
-template <class Node> void judge(Node &node, int32_t status, int32_t final)
+template <class Node>
+void judge(Node &node, int32_t status, int32_t final, const char *function = __builtin_FUNCTION(),
+           int line = __builtin_LINE())
 {
     const telling outcome(&node);
     auto &state = state_of(node);
@@ -191,9 +212,9 @@ template <class Node> void judge(Node &node, int32_t status, int32_t final)
         return;
     }
     if (final != 0)
-        return judge_aged(node);
+        return judge_aged(node, {function, line});
     state.stat = status;
-    fail(node);
+    fail(node, {function, line});
 }
 
 void detach(fp_udp_req_node *request)
@@ -219,7 +240,32 @@ bool being_told(const fp_udp_req_node &request)
     return is_req != 0 && telling::of(request.node);
 }
 
+// A request ends by its age, or in a forced pass by having answers enough. One that has no time yet begins to age now.
+bool is_due(fp_udp_req_node &request, const timeval &now, bool forced)
+{
+    if (forced && answered_by_all(request))
+        return true;
+    if (!known(now))
+        return false;
+    if (!known(request.time))
+        request.time = now;
+    return age_seconds(now, request.time) >= ageing_seconds;
+}
+
+// Starts a request's waiting, or starts it over.
+void stamp(fp_udp_req_node &request)
+{
+    request.time = time_now();
+    pending_walk::stamp(request);
+}
+
 } // namespace
+
+timeval time_now()
+{
+    timeval now = {};
+    return tq_monotime(&now) == 0 ? now : timeval{};
+}
 
 uint64_t age_seconds(const timeval &now, const timeval &since)
 {
@@ -242,20 +288,21 @@ bool acceptable(uint8_t type, const void *node)
     return (type == FP_UDP_REQ_ACE || type == FP_UDP_REQ_APPLY) && node != nullptr;
 }
 
-void end_aged_ace(fp_udp_req_node *request)
+void end_aged_ace(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     auto *node = static_cast<fp_udp_ace_node *>(request->node);
-    report<Error>("Ace aged app:[%s] aclid:[%d] sn:[%u] sub_sn:[%u].\n", node->acl.app_type, node->acl.acl_id,
-                  static_cast<uint32_t>(node->ace.sn), static_cast<uint32_t>(node->ace.sn >> 32));
+    report<Error>(plx::diag::place{function, line}, "Ace aged app:[%s] aclid:[%d] sn:[%u] sub_sn:[%u].\n",
+                  node->acl.app_type, node->acl.acl_id, static_cast<uint32_t>(node->ace.sn),
+                  static_cast<uint32_t>(node->ace.sn >> 32));
     detach(request);
     fp_udp_ace_req_stat_proc(node, aged, 1);
 }
 
-void end_aged_apply(fp_udp_req_node *request)
+void end_aged_apply(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     auto *node = static_cast<fp_udp_apply_node *>(request->node);
-    report<Error>("Apply aged app:[%s] phyid:[0x%x] prior:[%u] direction:[%u].\n", node->apply.apply_type,
-                  node->apply.phyid, node->apply.pri, node->apply.dir);
+    report<Error>(plx::diag::place{function, line}, "Apply aged app:[%s] phyid:[0x%x] prior:[%u] direction:[%u].\n",
+                  node->apply.apply_type, node->apply.phyid, node->apply.pri, node->apply.dir);
     detach(request);
     fp_udp_apply_req_stat_proc(node, aged, 1);
 }
@@ -272,19 +319,19 @@ int32_t fp_udp_req_node_add(uint8_t type, void *node)
     }
     fp_udp_req_node *&request = request_of(type, node);
     if (request != nullptr) {
-        tq_monotime(&request->time);
+        stamp(*request);
         return FP_UDP_OK;
     }
-    auto *added = static_cast<fp_udp_req_node *>(std::malloc(sizeof(fp_udp_req_node)));
-    if (added == nullptr) {
+    auto *block = static_cast<numbered_request *>(std::malloc(sizeof(numbered_request)));
+    if (block == nullptr) {
         report<Error>("mallc req node fail.");
         return FP_UDP_NO_MEMORY;
     }
-    added->node = node;
-    added->type = type;
-    tq_monotime(&added->time);
-    request = added;
-    plx::list::push_back(g_req_para.pending, added->links);
+    request = &block->request;
+    request->node = node;
+    request->type = type;
+    stamp(*request);
+    plx::list::push_back(g_req_para.pending, request->links);
     return FP_UDP_OK;
 }
 
@@ -321,16 +368,13 @@ int32_t fp_udp_apply_req_stat_proc(fp_udp_apply_node *node, int32_t status, int3
 
 void fp_udp_req_check_proc(int32_t force)
 {
-    timeval now = {};
-    tq_monotime(&now);
+    const timeval now = time_now();
     pending_walk walk;
     for (uint32_t visits = 0; force == 1 || visits < visits_per_tick; ++visits) {
         fp_udp_req_node *request = walk.next();
         if (request == nullptr)
             return;
-        if (age_seconds(now, request->time) < ageing_seconds && !(force == 1 && answered_by_all(*request)))
-            continue;
-        if (being_told(*request))
+        if (walk.precedes(*request) || !is_due(*request, now, force == 1) || being_told(*request))
             continue;
         if (request->type == FP_UDP_REQ_ACE)
             end_aged_ace(request);

@@ -2,6 +2,7 @@
 //
 // A node is known by its first record, refreshed by each further one, and leaves by silence alone.
 #include "area.hpp"
+#include "descriptor.hpp"
 #include "list.hpp"
 
 #include <cstdlib>
@@ -27,8 +28,8 @@ int32_t fp_udp_service_node_callback(void *, const tq_mom_notification *notifica
     }
     if (notification->event != TQ_MOM_EVENT_PUBLISHED)
         return FP_UDP_OK;
-    const bool foreign = notification->record->descriptor != &s_policy__service_node__descriptor;
-    const auto *index = foreign ? nullptr : reinterpret_cast<const SPolicy__ServiceNode *>(notification->record)->index;
+    const bool ours = describes(notification->record->descriptor, s_policy__service_node__descriptor);
+    const auto *index = ours ? reinterpret_cast<const SPolicy__ServiceNode *>(notification->record)->index : nullptr;
     if (index == nullptr) {
         report<Error>("msg para ERROR.");
         return bad_notification;
@@ -38,11 +39,12 @@ int32_t fp_udp_service_node_callback(void *, const tq_mom_notification *notifica
 }
 
 // The node is freed; the texts speak of the count without it.
-void drop(fp_udp_service_node &node)
+void drop(fp_udp_service_node &node, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     --g_fp_service.count;
     list::unlink(node.links);
-    report<Error>("service node expired:dev[%d] slot[%d] id[%d] might be wrong with fe.fp or lc offline. The current "
+    report<Error>(diag::place{function, line},
+                  "service node expired:dev[%d] slot[%d] id[%d] might be wrong with fe.fp or lc offline. The current "
                   "total number of "
                   "service node is: %d\n",
                   node.dev, node.slot, node.id, g_fp_service.count);
@@ -79,7 +81,7 @@ int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key)
     if (key == nullptr)
         return FP_UDP_INVALID;
     if (fp_udp_service_node *known = fp_udp_fp_service_node_search(key); known != nullptr) {
-        tq_monotime(&known->up_time);
+        known->up_time = time_now();
         return FP_UDP_OK;
     }
     auto *added = static_cast<fp_udp_service_node *>(std::malloc(sizeof(fp_udp_service_node)));
@@ -90,7 +92,7 @@ int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key)
     added->dev = key->dev;
     added->slot = key->slot;
     added->id = key->id;
-    tq_monotime(&added->up_time);
+    added->up_time = time_now();
     plx::list::push_back(g_fp_service.nodes, added->links);
     ++g_fp_service.count;
     return FP_UDP_OK;
@@ -98,13 +100,17 @@ int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key)
 
 void fp_udp_fp_service_node_expire(void)
 {
-    timeval now = {};
-    tq_monotime(&now);
-    const int32_t known = g_fp_service.count;
-    for (fp_udp_service_node &node : plx::elements<fp_udp_service_node>(g_fp_service.nodes))
+    const timeval now = time_now();
+    if (!known(now))
+        return;
+    const int32_t count = g_fp_service.count;
+    for (fp_udp_service_node &node : plx::elements<fp_udp_service_node>(g_fp_service.nodes)) {
+        if (!known(node.up_time))
+            node.up_time = now;
         if (age_seconds(now, node.up_time) > silence_seconds)
             drop(node);
-    if (g_fp_service.count != known)
+    }
+    if (g_fp_service.count != count)
         fp_udp_req_check_proc(1);
 }
 

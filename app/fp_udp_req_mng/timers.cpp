@@ -1,4 +1,5 @@
-// The library's two timers, one-shot, each inserting itself again once its work is done.
+// The library's two timers, one-shot, each inserting itself again once its work is done. The handle of a timer that has
+// fired is cleared here: a timer library may leave it, and refuse to insert what looks pending.
 #include "area.hpp"
 #include "list.hpp"
 
@@ -30,12 +31,14 @@ int insert_service_expire();
 
 int on_req_check(tq_thread *)
 {
+    g_req_check_thread = nullptr;
     fp_udp_req_check_proc(0);
     return insert_req_check();
 }
 
 int on_service_expire(tq_thread *)
 {
+    g_service_expire_thread = nullptr;
     fp_udp_fp_service_node_expire();
     return insert_service_expire();
 }

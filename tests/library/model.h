@@ -66,7 +66,7 @@ using node_key = std::tuple<uint32_t, uint32_t, uint32_t>; // device, slot, id
 
 struct request {
     target of;
-    uint64_t since;
+    uint64_t since, pass; // when it was written last, and in the newest pass's time
 };
 
 class model {
@@ -225,15 +225,16 @@ class model {
         return pass(false);
     }
 
-    // One ageing pass over the requests that wait when it begins.
+    // One ageing pass over the requests that wait when it begins, but for what a callback writes meanwhile.
     int32_t pass(bool forced)
     {
+        const uint64_t number_of_pass = ++passes;
         std::vector<uint64_t> waiting;
         for (const auto &[number, waits] : requests)
             waiting.push_back(number);
         for (const uint64_t number : waiting) {
             const auto at = requests.find(number);
-            if (at == requests.end())
+            if (at == requests.end() || at->second.pass >= number_of_pass)
                 continue;
             const target t = at->second.of;
             const entry &e = entries[t];
@@ -316,7 +317,7 @@ class model {
         entry &e = entries[t];
         if (!e.request)
             e.request = ++last_request;
-        requests[e.request] = {t, now()};
+        requests[e.request] = {t, now(), passes};
         return 0;
     }
 
@@ -374,7 +375,7 @@ class model {
         tell(t, e.stat);
     }
 
-    uint64_t last_request = 0;
+    uint64_t last_request = 0, passes = 0;
 };
 
 } // namespace plain
