@@ -65,11 +65,11 @@ packed_attr take_attr(std::span<const uint8_t> &rest)
     return attr;
 }
 
-fp_udp_ace *copy_whole(const fp_udp_ace &old)
+fp_udp_ace *copy_whole(const fp_udp_ace &old, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     auto *copy = static_cast<fp_udp_ace *>(std::malloc(sizeof(fp_udp_ace)));
     if (copy == nullptr) {
-        report<Error>("malloc ace memory fail for copy ace.\n");
+        report<Error>(diag::place{function, line}, "malloc ace memory fail for copy ace.\n");
         return nullptr;
     }
     *copy = old;
@@ -77,7 +77,7 @@ fp_udp_ace *copy_whole(const fp_udp_ace &old)
         return copy;
     copy->tlv = resize_tlv(nullptr, old.tlv->len);
     if (copy->tlv == nullptr) {
-        report<Error>("malloc ace memory fail for copy ace.\n");
+        report<Error>(diag::place{function, line}, "malloc ace memory fail for copy ace.\n");
         std::free(copy);
         return nullptr;
     }
@@ -101,7 +101,8 @@ void copy_without_fwd(std::span<const uint8_t> from, std::span<uint8_t> to, uint
     }
 }
 
-fp_udp_ace *copy_without_fwd(const fp_udp_ace &old, uint8_t *fwd_zero)
+fp_udp_ace *copy_without_fwd(const fp_udp_ace &old, uint8_t *fwd_zero, const char *function = __builtin_FUNCTION(),
+                             int line = __builtin_LINE())
 {
     fp_udp_ace *copy = fp_udp_alloc_ace(old.sn, old.default_ace);
     if (copy == nullptr)
@@ -110,7 +111,7 @@ fp_udp_ace *copy_without_fwd(const fp_udp_ace &old, uint8_t *fwd_zero)
     const auto len = static_cast<uint16_t>(old_len - fwd_packed_size);
     fp_udp_ace_tlv *tlv = resize_tlv(copy->tlv, len);
     if (tlv == nullptr) {
-        report<Error>("realloc ace tlv fail.\n");
+        report<Error>(diag::place{function, line}, "realloc ace tlv fail.\n");
         fp_udp_free_ace(copy);
         return nullptr;
     }
@@ -150,6 +151,10 @@ static void fp_udp_construct_attr(fp_udp_attr *attr, const char *name, uint32_t 
 
 static void fp_udp_push_attr(fp_udp_ace_tlv **tlv, fp_udp_attr attr)
 {
+    if (tlv == nullptr) {
+        report<Error>("invalid param! tlv:%p", tlv);
+        return;
+    }
     const auto value_len = static_cast<uint32_t>(attr.len);
     if (value_len > FP_UDP_ATTR_VALUE_MAX) {
         report<Error>("value_len param error, value_len = %d.\n", attr.len);

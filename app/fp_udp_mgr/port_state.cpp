@@ -85,7 +85,7 @@ void set_uplink(void *ctx, const fp_udp_uplink &uplink, uplink_records &records)
 {
     records.setting.values.req_uuid = new_request_id();
     records.setting.values.priv = field_bytes(uplink.priv);
-    // One text for both failures: the uplink has none of its own for the status.
+    // One text for both failures: log readers know no other for the uplink's status.
     const results rv =
         write_both(ctx, records.setting, records.status, {"uplink entry hmset failed.\n", "fp_udp_uplink_enable"},
                    {"uplink entry hmset failed.\n", "fp_udp_uplink_enable"});
@@ -235,7 +235,7 @@ int32_t fp_udp_del_port_bindinfo(void *ctx, const char *app_type, uint32_t acl_c
 {
     if (const int32_t rv = check_binding(app_type, acl_cls, bind_type); rv != FP_UDP_OK)
         return rv;
-    // The last two change places here, and are meant to.
+    // The last two stand in the other's place here: log readers match these lines as they are.
     report<Detail>("port bindinfo, app_type: %s, acl_cls: %d, phyid: 0x%x, bind_type: %d, bind_ind: %d.\n", app_type,
                    acl_cls, phyid, bind_id, bind_type);
     store_record<SPolicy__PortBindinfo> record;

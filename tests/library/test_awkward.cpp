@@ -381,6 +381,66 @@ TEST_F(awkward, a_descriptor_within_a_node_may_be_passed)
     EXPECT_EQ(app.take(), lines{"apply fail my_app/1@my_app/7/0/0 9 <0:32>"});
 }
 
+// Names of the functions in which messages arise, as log readers know them.
+TEST_F(awkward, a_message_names_the_operation_that_reports)
+{
+    start();
+    set_acl("security_app", 4);
+    write_three();
+    const fake::led_elsewhere tmp("/tmp", "/nowhere");
+    const std::pair<const char *, std::function<void()>> rows[] = {
+        {"fp_udp_fp_service_node_expire",
+         [this] {
+             heartbeat(1);
+             fake::clock.now_us += 20'000'000;
+             fp_udp_fp_service_node_expire();
+         }},
+        {"fp_udp_req_check_proc",
+         [this] {
+             write_three();
+             fake::clock.now_us += 180'000'000;
+             fp_udp_req_check_proc(0);
+         }},
+        {"fp_udp_ace_req_stat_proc", [this] { fp_udp_ace_req_stat_proc(cached_ace("security_app", 4, 1), 5, 0); }},
+        {"fp_udp_apply_req_stat_proc",
+         [this] { fp_udp_apply_req_stat_proc(cached_apply("security_app", 4, "my_app", 7), 5, 0); }},
+        {"fp_udp_acldb_add_apply",
+         [] {
+             const fp_udp_acl_info acl = make_info("security_app", 4);
+             const fp_udp_apply_info apply = make_apply_info("my_app", 8);
+             fp_udp_apply_node *node;
+             fake::failing_allocation fail(1);
+             fp_udp_acldb_add_apply(&acl, &apply, &node);
+         }},
+        {"fp_udp_copy_ace",
+         [this] {
+             const owned_ace ace = make_ace(mgr, 1);
+             for (auto [whole, n] : {std::pair{1, 1}, {1, 2}, {0, 3}}) {
+                 fake::failing_allocation fail(n);
+                 EXPECT_EQ(mgr->copy_ace(ace.get(), whole, nullptr), nullptr);
+             }
+         }},
+        {"fp_udp_log_op_ace",
+         [] {
+             fp_udp_debug_sw = FP_UDP_DEBUG_OP_LOG;
+             fp_udp_log_op_ace(nullptr, nullptr, "my_app", nullptr, nullptr, FP_UDP_OP_EXPIRE);
+             fp_udp_debug_sw = 0;
+         }},
+        {"fp_udp_set_sw", [] { fake::shell.run("fp_udp_set_sw", {}); }},
+    };
+    for (const auto &[function, say] : rows) {
+        fake::log.take();
+        say();
+        std::set<std::string> names;
+        for (const fake::log_line &line : fake::log.kept)
+            if (line.level == TQ_ZLOG_ERROR)
+                names.insert(line.func);
+        EXPECT_TRUE(names.count(function)) << function << ": " << testing::PrintToString(names);
+        for (const std::string &name : names)
+            EXPECT_EQ(name.compare(0, 3, "fp_"), 0) << name;
+    }
+}
+
 // A message on the console is one call: on a stream without a buffer, one write.
 TEST_F(awkward, a_message_reaches_the_console_whole)
 {
@@ -464,6 +524,42 @@ TEST_F(awkward_log, the_files_are_made_together_or_not_at_all)
     std::filesystem::create_directory(second);
     record();
     EXPECT_EQ(std::filesystem::file_size(file), 7U) << "another run's records stay, without a new header each time";
+}
+
+TEST_F(awkward, a_null_result_pointer_is_refused_and_a_null_type_is_empty)
+{
+    start();
+    set_acl("security_app", 1);
+    const fp_udp_acl_info acl = make_info("security_app", 1), other = make_info("security_app", 2);
+    const fp_udp_ace_info ace = make_ace_info(7);
+    const fp_udp_apply_info apply = make_apply_info("my_app", 7);
+    const fp_udp_acl_key key = make_key("security_app", 1);
+    uint64_t *numbers;
+    uint32_t count;
+    EXPECT_EQ(fp_udp_acldb_get_acl(&acl, nullptr), -4);
+    EXPECT_EQ(fp_udp_acldb_get_ace(&acl, &ace, nullptr), -4);
+    EXPECT_EQ(fp_udp_acldb_get_apply(&acl, &apply, nullptr), -4);
+    EXPECT_EQ(fp_udp_acldb_add_ace(&acl, &ace, nullptr), -4);
+    EXPECT_EQ(fp_udp_acldb_add_apply(&other, &apply, nullptr), -4);
+    EXPECT_EQ(fp_udp_acl_node_hash_size(), 1U);
+    EXPECT_EQ(fp_udp_acl_node_hash_traverse(nullptr, nullptr), -4);
+    EXPECT_EQ(fp_udp_ace_node_hash_traverse_with_index(nullptr, 0, 1, nullptr), -4);
+    EXPECT_EQ(fp_udp_acl_node_traverse_op(nullptr, nullptr), 0);
+    EXPECT_EQ(fp_udp_dbg_get_proc_name(nullptr), -4);
+    EXPECT_EQ(mgr->get_acl_cls(&context, 1, nullptr), -4);
+    EXPECT_EQ(mgr->iterator_ace(&context, &key, nullptr, &count), nullptr);
+    EXPECT_EQ(mgr->iterator_ace(&context, &key, &numbers, nullptr), nullptr);
+    const owned_ace object = make_ace(mgr, 1);
+    fp_udp_attr attr{};
+    object->tlv->construct(&attr, "vid", FP_UDP_ATTR_FIELD, attr.value, 2);
+    object->tlv->push(nullptr, attr);
+    EXPECT_EQ(object->tlv->len, 0);
+    fake::log.take();
+    EXPECT_EQ(mgr->enable_app_commit(&context, nullptr, 1) + mgr->disable_app_commit(&context, nullptr) +
+                  mgr->publish_app_commit(&context, nullptr),
+              0);
+    EXPECT_EQ(fake::log.take(), (lines{"D app commmit enable, app_type: .\n", "D app commmit disable, app_type: .\n",
+                                       "D app commmit, app_type: .\n"}));
 }
 
 } // namespace
