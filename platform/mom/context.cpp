@@ -1,5 +1,7 @@
 // tq_context.h: a loop and a store client, made and freed together.
 #include "client.hpp"
+#include "mem_engine.hpp"
+#include "redis_engine.hpp"
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,6 +16,13 @@ std::string_view address_or_default(const char *address)
     if (address == nullptr)
         address = std::getenv("PLX_STORE");
     return address == nullptr || *address == '\0' ? "mem:" : address;
+}
+
+std::unique_ptr<engine> make_engine(const store_url &url, tq_thread_master *master)
+{
+    if (url.scheme == store_scheme::mem)
+        return std::make_unique<mem_engine>(url, master);
+    return std::make_unique<redis_engine>(url, master);
 }
 
 tq_context *make_context(const char *address, tq_thread_master *master)

@@ -10,7 +10,6 @@
 #include "codec.hpp"
 #include "url.hpp"
 
-#include <memory>
 #include <tq_mom.h>
 #include <tq_time.h>
 
@@ -77,9 +76,6 @@ class engine {
     virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;
     virtual int sweep(table_ref table, const key_range &range, uint32_t bound_ms) = 0;
 };
-
-/// Throws std::bad_alloc or std::runtime_error.
-std::unique_ptr<engine> make_engine(const store_url &url, tq_thread_master *master);
 
 } // namespace mom
 
