@@ -152,11 +152,11 @@ std::string_view command_batch::call(const item &each) const
     return (each.steps > 0 ? calls_ : commands_).bytes().substr(each.start, each.size);
 }
 
-bool command_batch::send(redis_link &link, bool at_once)
+bool command_batch::send(redis_link &link, const ride &along)
 {
     close();
     if (failure_ == TQ_MOM_OK && sent_ < commands_.commands()) {
-        failure_ = link.send(commands_.bytes().substr(sent_bytes_), commands_.commands() - sent_, at_once);
+        failure_ = link.send(commands_.bytes().substr(sent_bytes_), commands_.commands() - sent_, along);
         sent_ = commands_.commands();
         sent_bytes_ = commands_.bytes().size();
     }
@@ -304,13 +304,13 @@ void command_batch::repeat(redis_link &link, std::span<const item> items, int *r
 }
 
 // What the server answered before it went away is known all the same.
-bool command_batch::finish(redis_link &link, std::vector<int> &results)
+bool command_batch::finish(redis_link &link, std::vector<int> &results, const ride &along)
 {
     const size_t before = results.size();
     reply_tape answers;
     size_t complete = 0;
-    const bool sent = send(link, true);
-    const int received = link.receive(answers, complete);
+    const bool sent = send(link, along);
+    const int received = link.receive(answers, complete, along);
     results.resize(before + results_, sent ? received : failure_);
     int *const own = results.data() + before;
     judge(link, answers, complete, own);

@@ -41,14 +41,10 @@ template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> int re
     return 0;
 }
 
-redis_changes::redis_changes(redis_engine &engine, tq_thread_master *master) : engine_(engine), master_(master)
-{
-    engine_.link().set_lender(this);
-}
+redis_changes::redis_changes(redis_calls &calls, tq_thread_master *master) : calls_(calls), master_(master) {}
 
 redis_changes::~redis_changes()
 {
-    engine_.link().set_lender(nullptr);
     disconnect();
     tq_thread_cancel(reconnect_timer_);
     tq_thread_cancel(nudge_timer_);
@@ -65,7 +61,7 @@ int redis_changes::subscribe(redis_table &table, const key_range &range, change_
     if (added != TQ_MOM_OK)
         return added;
     if (connection_ == nullptr && connect() != TQ_MOM_OK)
-        reconnect_in(engine_.link().pause());
+        reconnect_in(calls_.link().pause());
     else if (outstanding_)
         nudge();
     else
@@ -76,7 +72,7 @@ int redis_changes::subscribe(redis_table &table, const key_range &range, change_
 int redis_changes::add_subscriber(redis_table &table, const key_range &range, change_sink &sink)
 {
     log_position now;
-    const int asked = engine_.position(table, now);
+    const int asked = position(table, now);
     if (asked != TQ_MOM_OK)
         return asked;
     auto *known = find_feed(table.log);
@@ -101,10 +97,10 @@ redis_changes::feed *redis_changes::find_feed(std::string_view log)
 
 int redis_changes::connect()
 {
-    int result = engine_.link().ensure();
+    int result = calls_.link().ensure();
     if (result != TQ_MOM_OK)
         return result;
-    connection_ = engine_.link().open(result);
+    connection_ = calls_.link().open(result);
     if (connection_ == nullptr)
         return result;
     commands_.clear();
@@ -150,7 +146,7 @@ void redis_changes::reconnect_in(std::chrono::milliseconds pause)
 void redis_changes::reconnect()
 {
     if (connection_ == nullptr && connect() != TQ_MOM_OK)
-        reconnect_in(std::max(engine_.link().pause(), std::chrono::milliseconds{50}));
+        reconnect_in(std::max(calls_.link().pause(), std::chrono::milliseconds{50}));
 }
 
 void redis_changes::reconnect_later()
@@ -201,7 +197,7 @@ void redis_changes::request()
 
 void redis_changes::request_in_time()
 {
-    const bool answering = std::exchange(calls_seen_, engine_.calls()) != engine_.calls();
+    const bool answering = std::exchange(calls_seen_, calls_.count()) != calls_.count();
     if (outstanding_)
         return;
     if (answering)
@@ -223,19 +219,20 @@ void redis_changes::request_after(std::chrono::milliseconds pause)
         request();
 }
 
-redis_connection *redis_changes::lend(std::string_view &behind)
+ride redis_changes::offer()
 {
     if (request_timer_ == nullptr || !build_request())
-        return nullptr;
+        return {};
     tq_thread_cancel(request_timer_);
-    behind = commands_.bytes();
-    return connection_.get();
+    return {connection_.get(), commands_.bytes()};
 }
 
 // What came behind the answers to the call is not told by the socket any more.
-void redis_changes::take_back(int result)
+void redis_changes::rode(const ride &along, bool arrived)
 {
-    if (result != TQ_MOM_OK)
+    if (along.on == nullptr)
+        return;
+    if (!arrived)
         return reconnect_in(std::chrono::milliseconds{0});
     if (!connection_->has_input() || rest_timer_ != nullptr)
         return;
@@ -250,8 +247,8 @@ void redis_changes::take_back(int result)
 void redis_changes::nudge()
 {
     const int asked =
-        engine_.ask([this](command_buffer &commands) { commands.command("CLIENT", "UNBLOCK", client_id_); });
-    if (asked == TQ_MOM_OK && engine_.link().replies().integer() == 1)
+        calls_.ask([this](command_buffer &commands) { commands.command("CLIENT", "UNBLOCK", client_id_); });
+    if (asked == TQ_MOM_OK && calls_.link().replies().integer() == 1)
         return;
     if (nudge_timer_ != nullptr)
         return;
@@ -348,7 +345,7 @@ bool redis_changes::accept_entry(feed &of, const log_entry &entry, bool ours)
         return true;
     if (entry.number > of.cursor + 1) {
         log_position now;
-        if (engine_.position(of.table, now) != TQ_MOM_OK)
+        if (position(of.table, now) != TQ_MOM_OK)
             return false;
         lose(of, of.cursor, now);
         return true;
@@ -360,7 +357,7 @@ bool redis_changes::accept_entry(feed &of, const log_entry &entry, bool ours)
         return true;
     const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
     queue_.push_back({of, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
-                      engine_.is_own(entry.writer)});
+                      entry.writer == calls_.writer().name});
     return true;
 }
 
@@ -375,7 +372,7 @@ void redis_changes::remember(feed &of, size_t identity)
 int redis_changes::settle(feed &of)
 {
     log_position now;
-    const int asked = engine_.position(of.table, now);
+    const int asked = position(of.table, now);
     if (asked != TQ_MOM_OK)
         return asked;
     if (of.epoch.empty()) // subscribed before the table's first write: the entries tell whether it is that history
@@ -428,7 +425,7 @@ void redis_changes::look_again()
     bool any = false;
     for (const auto &each : feeds_) {
         log_position now;
-        if (each->aside && engine_.position(each->table, now) == TQ_MOM_OK)
+        if (each->aside && position(each->table, now) == TQ_MOM_OK)
             return reconnect_in(std::chrono::milliseconds{0});
         any |= each->aside;
     }
@@ -447,12 +444,12 @@ int redis_changes::common_history(feed &of, uint64_t last, uint64_t &common)
     const uint64_t oldest = of.cursor - of.identities.size() + 1;
     unsigned step = 1;
     for (uint64_t from = of.cursor; from >= oldest; step = 8) {
-        const int asked = engine_.ask([&](command_buffer &commands) {
+        const int asked = calls_.ask([&](command_buffer &commands) {
             commands.command("XREVRANGE", of.table.log, log_id(from), log_id(oldest), "COUNT", step);
         });
         if (asked != TQ_MOM_OK)
             return asked;
-        const auto held = engine_.link().replies();
+        const auto held = calls_.link().replies();
         if (held.size() == 0)
             break;
         auto reply = held.first();
@@ -490,6 +487,36 @@ void redis_changes::lose(feed &of, uint64_t base, const log_position &now)
     if (of.lost)
         base = std::min(base, of.lost->base);
     of.lost = recovery{base, now.last, {}, false, {}};
+}
+
+// Three questions about a table's log. Without a log, the first two have no answer; that is no error.
+int redis_changes::position(const redis_table &table, log_position &out)
+{
+    const int asked = calls_.ask([&](command_buffer &commands) {
+        commands.command("HGET", table.meta, "epoch");
+        commands.command("XREVRANGE", table.log, "+", "-", "COUNT", "1");
+        commands.command("XINFO", "STREAM", table.log);
+    });
+    if (asked != TQ_MOM_OK)
+        return asked;
+    const auto epoch = calls_.link().replies();
+    const auto latest = epoch.next();
+    const auto info = latest.next();
+    for (const auto &reply : {epoch, latest})
+        if (const int result = calls_.link().judge(reply); result != TQ_MOM_OK)
+            return result;
+    const bool no_log = info.is(reply_kind::error) && info.text().starts_with("ERR no such key");
+    if (const int result = no_log ? TQ_MOM_OK : calls_.link().judge(info); result != TQ_MOM_OK)
+        return result;
+    out = {std::string(epoch.text()), 0, 0};
+    auto item = info.first();
+    for (size_t i = 0; i < info.size(); ++i, item = item.next())
+        if (item.text() == "last-generated-id" && !parse_log_id(item.next().text(), out.last))
+            return TQ_MOM_CORRUPT;
+    log_entry entry;
+    if (out.last != 0 && entry.parse(latest.at(0)) && entry.number == out.last)
+        out.identity = entry.identity();
+    return TQ_MOM_OK;
 }
 
 } // namespace mom

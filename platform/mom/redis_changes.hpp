@@ -11,7 +11,7 @@
 // While some logs tell changes, the others are asked for every 2 milliseconds.
 //
 // Who answers what it hears asks for more in the loop's next turn, or along with a call that is made before: see
-// connection_lender. Who only listens asks at most once in a millisecond while changes keep coming, so that a stream of
+// redis_link.hpp. Who only listens asks at most once in a millisecond while changes keep coming, so that a stream of
 // writes is not slowed down by waking a reader for each of them.
 //
 // Entries go from the connection to a queue, and from there to callbacks in rounds of bounded size. Subscriptions and
@@ -20,21 +20,24 @@
 #define TQ_MOM_REDIS_CHANGES_HPP
 
 #include "loop_bell.hpp"
-#include "redis_engine.hpp"
+#include "redis_calls.hpp"
 
 #include <deque>
 #include <optional>
 
 namespace mom {
 
-class redis_changes final : private connection_lender {
+class redis_changes {
   public:
-    redis_changes(redis_engine &engine, tq_thread_master *master);
+    redis_changes(redis_calls &calls, tq_thread_master *master);
     ~redis_changes();
     redis_changes(const redis_changes &) = delete;
     redis_changes &operator=(const redis_changes &) = delete;
 
     int subscribe(redis_table &table, const key_range &range, change_sink &sink);
+    /// What a call may take along now: nothing, or a question, of which rode() tells whether it arrived.
+    ride offer();
+    void rode(const ride &along, bool arrived);
 
   private:
     struct subscriber {
@@ -77,8 +80,6 @@ class redis_changes final : private connection_lender {
     void request();
     void request_in_time();
     void request_after(std::chrono::milliseconds pause);
-    redis_connection *lend(std::string_view &behind) override;
-    void take_back(int result) override;
     void nudge();
     static void on_readable(tq_loop_watch *watch, int fd, int events, void *arg);
     template <void (redis_changes::*Step)(), void (redis_changes::*Failed)()> static int on_timer(tq_thread *timer);
@@ -102,6 +103,7 @@ class redis_changes final : private connection_lender {
     bool set_aside(feed &of, int result);
     void look_again();
     void look_again_later();
+    int position(const redis_table &table, log_position &out);
     int common_history(feed &of, uint64_t last, uint64_t &common);
     void lose(feed &of, uint64_t base, const log_position &now);
 
@@ -114,7 +116,7 @@ class redis_changes final : private connection_lender {
     int list_lost(feed &of);
     int deliver_lost(feed &of);
 
-    redis_engine &engine_;
+    redis_calls &calls_;
     tq_thread_master *master_;
     std::unique_ptr<redis_connection> connection_;
     tq_loop_watch *watch_ = nullptr;
@@ -129,7 +131,7 @@ class redis_changes final : private connection_lender {
     tq_thread *look_timer_ = nullptr;
     steady_time last_request_{};
     steady_time last_whole_request_{}; ///< that asked for every log
-    uint64_t calls_seen_ = 0;          ///< how often the engine had been called when it was last decided when to ask
+    uint64_t calls_seen_ = 0;          ///< how many calls there had been when it was last decided when to ask
     std::unique_ptr<loop_bell> bell_;
     command_buffer commands_;
     std::vector<std::unique_ptr<feed>> feeds_;

@@ -92,24 +92,24 @@ int redis_changes::list_lost(feed &of)
 {
     auto &lost = *of.lost;
     const key_range whole;
-    int result = engine_.ask([&](command_buffer &commands) {
+    int result = calls_.ask([&](command_buffer &commands) {
         commands.command("ZRANGEBYLEX", of.table.index, lex_from(whole, lost.after, !lost.after.empty()), "+", "LIMIT",
                          "0", records_per_page);
     });
     if (result == TQ_MOM_OK)
-        result = result_of(engine_.link().replies());
+        result = result_of(calls_.link().replies());
     if (result != TQ_MOM_OK)
         return result;
     std::vector<std::string> keys;
     // Where the index is out of order the page ends, and with it the walk: what was found must do.
-    take_page(of.table, engine_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
-    result = engine_.ask([&](command_buffer &commands) {
+    take_page(of.table, calls_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
+    result = calls_.ask([&](command_buffer &commands) {
         for (const auto &key : keys)
             commands.command("HGET", of.table.record(key), "#");
     });
     if (result != TQ_MOM_OK)
         return result;
-    auto reply = engine_.link().replies();
+    auto reply = calls_.link().replies();
     for (const auto &key : keys) {
         const uint64_t stamp = parse_stamp(reply.text());
         if (stamp > lost.base && stamp <= lost.last)
@@ -131,7 +131,7 @@ int redis_changes::deliver_lost(feed &of)
     for (; !found.empty() && page.size() < changes_per_round; found.pop_front())
         page.push_back(std::move(found.front()));
     const uint64_t last = of.lost->last;
-    const int asked = engine_.ask([&](command_buffer &commands) {
+    const int asked = calls_.ask([&](command_buffer &commands) {
         for (const auto &[stamp, key] : page)
             commands.command("HGETALL", of.table.record(key));
     });
@@ -140,7 +140,7 @@ int redis_changes::deliver_lost(feed &of)
         return asked;
     }
     reply_tape tape;
-    engine_.link().take_replies(tape);
+    calls_.link().take_replies(tape);
     std::vector<field_value> fields;
     reply_view reply(tape, 0);
     for (const auto &[number, key] : page) {

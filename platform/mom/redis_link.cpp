@@ -100,50 +100,31 @@ int redis_link::exchange(const command_buffer &commands)
     return result;
 }
 
-int redis_link::send(std::string_view commands, size_t answers, bool at_once)
+int redis_link::send(std::string_view commands, size_t answers, const ride &along)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
-    std::string_view behind;
-    lent_ = at_once && outstanding_ == 0 && lender_ != nullptr ? lender_->lend(behind) : nullptr;
-    last_was_lent_ = lent_ != nullptr;
-    if (lent_ != nullptr) {
-        try {
-            with_behind_.assign(commands).append(behind);
-        } catch (...) { // what is behind counts as asked
-            end_loan(TQ_MOM_NO_MEMORY);
-            throw;
-        }
-        commands = with_behind_;
-    }
-    auto &connection = lent_ != nullptr ? *lent_ : *connection_;
+    if (along.on != nullptr)
+        commands = with_question_.assign(commands).append(along.question);
+    auto &connection = along.on != nullptr ? *along.on : *connection_;
     const int result = connection.send(commands, steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms));
     if (result == TQ_MOM_OK)
         outstanding_ += answers;
-    else
-        end_loan(result);
     return result;
 }
 
-int redis_link::receive(reply_tape &into, size_t &complete)
+int redis_link::receive(reply_tape &into, size_t &complete, const ride &along)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
-    auto &connection = lent_ != nullptr ? *lent_ : *connection_;
+    auto &connection = along.on != nullptr ? *along.on : *connection_;
     connection.tape().clear();
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
     const int result = connection.receive(std::exchange(outstanding_, 0), deadline, complete);
     std::swap(into, connection.tape());
-    end_loan(result);
     if (result != TQ_MOM_OK)
         drop();
     return result;
-}
-
-void redis_link::end_loan(int result)
-{
-    if (std::exchange(lent_, nullptr) != nullptr)
-        lender_->take_back(result);
 }
 
 int redis_link::judge(reply_view reply)
@@ -151,11 +132,8 @@ int redis_link::judge(reply_view reply)
     const int result = result_of(reply);
     if (result == TQ_MOM_STORE_ERROR)
         report(TQ_ZLOG_ERROR, "the policy store refused a command: " + std::string(reply.text()));
-    if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel) {
+    if (result == TQ_MOM_READ_ONLY && url_.scheme == store_scheme::sentinel)
         drop();
-        if (std::exchange(last_was_lent_, false))
-            lender_->take_back(result);
-    }
     return result;
 }
 

@@ -10,35 +10,27 @@
 
 namespace mom {
 
-/// Who has another connection to the same server, and something to ask on it soon. A call that is waited for can leave
-/// together with that: the server, which wakes up for every send, wakes up once.
-class connection_lender {
-  public:
-    /// Null when there is nothing to ask; else `behind` is to follow the call, whose answers come on this connection.
-    virtual redis_connection *lend(std::string_view &behind) = 0;
-    /// The call was answered, or what became of the connection.
-    virtual void take_back(int result) = 0;
-
-  protected:
-    ~connection_lender() = default;
+/// What leaves together with a call that is waited for: a question on another connection to the same server, which takes
+/// the call along in front of it. The server, which wakes up for every send, wakes up once.
+struct ride {
+    redis_connection *on = nullptr; ///< null: the call goes alone
+    std::string_view question;
 };
 
 class redis_link {
   public:
     explicit redis_link(store_url url) : url_(std::move(url)) {}
-    /// The lender outlives the link's last call.
-    void set_lender(connection_lender *lender) { lender_ = lender; }
 
     /// Connects when there is no connection and an attempt is due.
     int ensure();
     /// One exchange on the connection, which is dropped when that fails. Does not reconnect.
     int exchange(const command_buffer &commands);
-    /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed. `at_once`:
-    /// receive() is the next call.
-    int send(std::string_view commands, size_t answers, bool at_once);
-    /// The answers to all that was sent so; those that came before the connection failed are among them.
-    int receive(reply_tape &into, size_t &complete);
-    bool has_replies() const { return connection_ != nullptr && connection_->tape().size() > 0; }
+    /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed. What rides
+    /// along with them does so when they are the first, and receive() is the next call.
+    int send(std::string_view commands, size_t answers, const ride &along = {});
+    /// The answers to all that was sent so; those that came before the connection failed are among them. The answer to
+    /// the question that rode along is left on its connection.
+    int receive(reply_tape &into, size_t &complete, const ride &along = {});
     /// The answers of the last exchange, of which there are some.
     reply_view replies() const { return connection_->replies(); }
     /// Takes the answers out, for a caller whose callbacks make calls of their own.
@@ -46,6 +38,8 @@ class redis_link {
     /// An answer's result; a replica's refusal makes a link that asks sentinels look for the master again.
     int judge(reply_view reply);
 
+    bool up() const { return connection_ != nullptr; }
+    /// The same, after a look whether the server is still there.
     bool connected() const { return connection_ != nullptr && (outstanding_ > 0 || connection_->quiet()); }
     uint64_t generation() const { return generation_; }
     void drop()
@@ -60,7 +54,6 @@ class redis_link {
     std::chrono::milliseconds pause() const;
 
   private:
-    void end_loan(int result);
     std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
     bool ask_sentinels(endpoint &master);
     int log_in(redis_connection &connection);
@@ -71,10 +64,7 @@ class redis_link {
     store_url url_;
     std::unique_ptr<redis_connection> connection_;
     size_t outstanding_ = 0; ///< answers that receive() is to take
-    connection_lender *lender_ = nullptr;
-    redis_connection *lent_ = nullptr; ///< where these are to come
-    bool last_was_lent_ = false;
-    std::string with_behind_;
+    std::string with_question_;
     uint64_t generation_ = 0;
     steady_time last_use_{};
     bool warned_ = false;

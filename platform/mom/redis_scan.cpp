@@ -22,11 +22,11 @@ void add_page(command_buffer &commands, const redis_table &table, const key_rang
 
 int redis_engine::list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys)
 {
-    const int asked = ask([&](command_buffer &commands) { add_page(commands, table, range, {}, false); });
+    const int asked = calls_.ask([&](command_buffer &commands) { add_page(commands, table, range, {}, false); });
     if (asked != TQ_MOM_OK)
         return asked;
-    const int result = link_.judge(link_.replies());
-    return result == TQ_MOM_OK ? take_page(table, link_.replies(), nullptr, keys) : result;
+    const int result = calls_.link().judge(calls_.link().replies());
+    return result == TQ_MOM_OK ? take_page(table, calls_.link().replies(), nullptr, keys) : result;
 }
 
 // Delivers the records under `keys`, and replaces these by the page behind them.
@@ -34,7 +34,7 @@ int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, 
                             record_sink &sink)
 {
     const bool more = keys.size() == scan_page_size;
-    const int asked = ask([&](command_buffer &commands) {
+    const int asked = calls_.ask([&](command_buffer &commands) {
         for (const auto &key : keys)
             commands.command("HGETALL", table.record(key));
         if (more)
@@ -43,11 +43,11 @@ int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, 
     if (asked != TQ_MOM_OK)
         return asked;
     reply_tape tape;
-    link_.take_replies(tape);
+    calls_.link().take_replies(tape);
     std::vector<field_value> fields;
     reply_view reply(tape, 0);
     for (const auto &key : keys) {
-        const int result = link_.judge(reply);
+        const int result = calls_.link().judge(reply);
         if (result != TQ_MOM_OK && result != TQ_MOM_CORRUPT)
             return result;
         if (result == TQ_MOM_CORRUPT || (reply.size() > 0 && !parse_record(reply, fields)))
@@ -58,7 +58,7 @@ int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, 
     }
     const std::string last = std::move(keys.back());
     keys.clear();
-    const int result = more ? link_.judge(reply) : TQ_MOM_OK;
+    const int result = more ? calls_.link().judge(reply) : TQ_MOM_OK;
     return more && result == TQ_MOM_OK ? take_page(table, reply, &last, keys) : result;
 }
 
@@ -77,15 +77,15 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
     auto &table = table_of(ref);
     mark_stamp mark;
     mark.token = random_name();
-    table.known = false;
-    const int result = run(scripts_.mark, [&](command_buffer &commands) {
-        scripts_.mark.begin(commands, 2, 3);
+    table.known = 0;
+    const int result = calls_.run(calls_.scripts().mark, [&](command_buffer &commands) {
+        calls_.scripts().mark.begin(commands, 2, 3);
         commands.add(table.meta).add(table.log);
-        commands.add(writer_.name + mark.token).add(mark.token).add(table.stamp_kind());
+        commands.add(calls_.writer().name + mark.token).add(mark.token).add(table.stamp_kind());
     });
     if (result != TQ_MOM_OK)
         return result;
-    const auto reply = link_.replies();
+    const auto reply = calls_.link().replies();
     mark.epoch = reply.at(0).text();
     mark.generation = std::to_string(reply.at(1).integer());
     mark.stamp = std::to_string(reply.at(2).integer());
@@ -96,16 +96,16 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
 int redis_engine::sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
                              bool &continued)
 {
-    const int result = run(scripts_.sweep, [&](command_buffer &commands) {
-        scripts_.sweep.begin(commands, 3, 10);
+    const int result = calls_.run(calls_.scripts().sweep, [&](command_buffer &commands) {
+        calls_.scripts().sweep.begin(commands, 3, 10);
         commands.add(table.index).add(table.log).add(table.meta);
-        commands.add(writer_.name).add(writer_.log_limit).add(table.prefix);
+        commands.add(calls_.writer().name).add(calls_.writer().log_limit).add(table.prefix);
         commands.add(lex_from(range, after, continued)).add(lex_to(range)).add(sweep_page_size);
         commands.add(mark.stamp).add(mark.epoch).add(mark.generation).add(mark.token);
     });
     if (result != TQ_MOM_OK)
         return result;
-    const auto reply = link_.replies();
+    const auto reply = calls_.link().replies();
     if (continued && reply.is(reply_kind::text) && reply.text() <= after)
         return out_of_order(table);
     continued = reply.is(reply_kind::text);

@@ -35,7 +35,7 @@ struct redis_table {
     bool covers(field_values values) const;
 
     // What the table's metadata said when it was last read; a write finds out whether it still does.
-    bool known = false;
+    uint64_t known = 0;                 ///< the era of calls in which; 0: never
     std::string generation;             ///< stamp of the records being written
     std::string field_list;             ///< all fields that were ever written,
     std::vector<uint32_t> fields;       ///< and their numbers, ascending

@@ -1,0 +1,74 @@
+// See redis_calls.hpp.
+#include "redis_calls.hpp"
+
+#include <utility>
+
+namespace mom {
+
+redis_calls::redis_calls(const store_url &url)
+    : link_(url), writer_{random_name(), std::to_string(url.log_limit.value_or(100'000))}
+{
+}
+
+int redis_calls::ready()
+{
+    ++count_;
+    const int result = link_.ensure();
+    if (result == TQ_MOM_OK && std::exchange(generation_, link_.generation()) != link_.generation())
+        ++era_;
+    return result;
+}
+
+int redis_calls::ask(const builder &build)
+{
+    const int result = ready();
+    if (result != TQ_MOM_OK)
+        return result;
+    flush();
+    commands_.clear();
+    build(commands_);
+    return link_.exchange(commands_);
+}
+
+int redis_calls::run(redis_script &script, const builder &build)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        int result = ready();
+        if (result == TQ_MOM_OK && script.digest().empty())
+            result = script.load(link_);
+        if (result == TQ_MOM_OK)
+            result = ask(build);
+        if (result != TQ_MOM_OK)
+            return result;
+        const auto reply = link_.replies();
+        if (!reply.is(reply_kind::error) || !reply.text().starts_with("NOSCRIPT"))
+            return link_.judge(reply);
+        script.forget();
+    }
+    return TQ_MOM_STORE_ERROR;
+}
+
+int redis_calls::ready_to_collect()
+{
+    int result = ready();
+    for (auto *script : {&scripts_.write, &scripts_.remove})
+        if (result == TQ_MOM_OK && script->digest().empty()) {
+            flush();
+            result = script->load(link_);
+        }
+    return result;
+}
+
+void redis_calls::send()
+{
+    if (!batch_.send(link_))
+        flush();
+}
+
+void redis_calls::flush(const ride &along)
+{
+    if (!batch_.empty() && !batch_.finish(link_, results_, along))
+        ++era_; // the metadata may have changed, or be gone: have the next write look
+}
+
+} // namespace mom

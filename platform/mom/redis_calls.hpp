@@ -1,0 +1,62 @@
+// Calls to the server, each asked and answered before it returns: questions, scripts, and writes, which may be collected.
+//
+// 1. A call makes sure of a connection (redis_link). A new one begins an era: what was read of tables' metadata before
+//    is to be read again.
+// 2. A write joins the batch (redis_batch); a single one is a batch of one. flush() sends what is left of the batch and
+//    takes the results of all of it; a write that found the metadata changed begins an era, too.
+// 3. Whatever is asked next, what was collected goes first.
+//
+// Owned by the engine. The reader of changes asks its questions here as well.
+#ifndef TQ_MOM_REDIS_CALLS_HPP
+#define TQ_MOM_REDIS_CALLS_HPP
+
+#include "redis_batch.hpp"
+
+#include <functional>
+
+namespace mom {
+
+class redis_calls {
+  public:
+    using builder = std::function<void(command_buffer &)>;
+
+    explicit redis_calls(const store_url &url);
+
+    redis_link &link() { return link_; }
+    redis_scripts &scripts() { return scripts_; }
+    const writer_identity &writer() const { return writer_; }
+    /// Goes up with each call.
+    uint64_t count() const { return count_; }
+    uint64_t era() const { return era_; }
+
+    /// Sends what `build` puts into the buffer, after connecting if need be. The answers are link().replies().
+    int ask(const builder &build);
+    /// Asks for a script, whose text the server gets when it lacks it.
+    int run(redis_script &script, const builder &build);
+
+    /// Before something joins the batch, which is of one connection, whose server has the scripts.
+    int ready_to_collect();
+    command_batch &batch() { return batch_; }
+    /// Sends what was collected, and does not wait for the answers.
+    void send();
+    void flush(const ride &along = {});
+    /// Of what was flushed and not taken from here yet.
+    std::vector<int> &results() { return results_; }
+
+  private:
+    int ready();
+
+    redis_link link_;
+    redis_scripts scripts_;
+    writer_identity writer_;
+    command_buffer commands_;
+    command_batch batch_{scripts_, writer_};
+    std::vector<int> results_;
+    uint64_t count_ = 0;
+    uint64_t generation_ = 0; ///< of the connection of the latest call
+    uint64_t era_ = 0;
+};
+
+} // namespace mom
+
+#endif
