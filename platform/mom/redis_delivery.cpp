@@ -1,15 +1,18 @@
-// From the queue to the callbacks: see redis_changes.hpp.
-#include "redis_changes.hpp"
+// See redis_delivery.hpp.
+#include "redis_delivery.hpp"
+
+#include "report.hpp"
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 namespace mom {
 namespace {
 
+constexpr size_t queue_enough = 256;
 constexpr int changes_per_round = 64;
 constexpr unsigned records_per_page = 256;
-constexpr std::chrono::milliseconds recovery_pause{100};
 
 uint64_t parse_stamp(std::string_view text)
 {
@@ -20,75 +23,101 @@ uint64_t parse_stamp(std::string_view text)
 
 } // namespace
 
-void redis_changes::on_bell(tq_loop_watch *, int, int, void *arg)
+void redis_audience::deliver(uint64_t number, const change &change)
 {
-    auto *self = static_cast<redis_changes *>(arg);
-    try {
-        self->bell_->silence();
-        self->round();
-    } catch (...) { // out of memory: go on in the next round
-        self->delivering_ = false;
-        self->bell_->ring();
+    const bool to_all = change.kind == change_kind::resync;
+    for (size_t i = 0; i < subscribers.size(); ++i) {
+        const bool later = number > subscribers[i].start;
+        if (to_all || (later && subscribers[i].range.contains(change.key)))
+            subscribers[i].sink.deliver(change);
     }
 }
 
-// One turn on the loop. A callback that runs the loop itself gets no second round inside its first.
-void redis_changes::round()
+bool redis_audience::set_aside(int result)
 {
-    if (delivering_)
-        return;
-    delivering_ = true;
-    bool recovering = false;
-    for (size_t i = 0; i < feeds_.size(); ++i)
-        recovering |= feeds_[i]->lost && !feeds_[i]->aside && recover(*feeds_[i]);
-    for (int left = changes_per_round; left > 0 && !recovering && deliver_next(); --left)
-        ;
-    delivering_ = false;
-    if (!queue_.empty() || recovering)
-        bell_->ring();
-    request_in_time();
+    if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED)
+        return false;
+    if (!std::exchange(aside, true))
+        report(TQ_ZLOG_ERROR, "changes of " + table.log + " cannot be read: " + tq_mom_strerror(result));
+    return true;
 }
 
-bool redis_changes::deliver_next()
+redis_audience &redis_delivery::add(redis_table &table)
 {
-    if (queue_.empty())
-        return false;
+    return *audiences_.emplace_back(new redis_audience{table, {}, {}});
+}
+
+void redis_delivery::put(redis_audience &to, const log_entry &entry)
+{
+    const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
+    queue_.push_back({to, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
+                      entry.writer == calls_.writer().name});
+}
+
+void redis_delivery::lose(redis_audience &to, uint64_t base, uint64_t last)
+{
+    if (to.table.requested())
+        queue_.push_back({to, change_kind::resync, last, {}, {}, false});
+    else
+        to.lost = redis_audience::recovery{to.lost ? std::min(base, to.lost->base) : base, last, {}, false, {}};
+}
+
+bool redis_delivery::has_enough() const
+{
+    return queue_.size() >= queue_enough;
+}
+
+bool redis_delivery::any_aside() const
+{
+    return std::any_of(audiences_.begin(), audiences_.end(), [](const auto &each) { return each->aside; });
+}
+
+redis_delivery::outcome redis_delivery::round()
+{
+    const struct marker {
+        explicit marker(bool &flag) : in_round(flag) { in_round = true; }
+        ~marker() { in_round = false; }
+        bool &in_round;
+    } mark(in_round_);
+    bool recovering = false;
+    int result = TQ_MOM_OK;
+    for (size_t i = 0; i < audiences_.size(); ++i) {
+        auto &each = *audiences_[i];
+        if (!each.lost || each.aside)
+            continue;
+        const int recovered = recover(each);
+        if (recovered == TQ_MOM_OK)
+            recovering |= each.lost.has_value();
+        else if (!each.set_aside(recovered))
+            result = recovered;
+    }
+    for (int left = changes_per_round; left > 0 && !recovering && !queue_.empty(); --left)
+        deliver_next();
+    return {!queue_.empty() || recovering, result};
+}
+
+void redis_delivery::deliver_next()
+{
     const queued next = std::move(queue_.front());
     queue_.pop_front();
     const field_value body{joined, next.body};
     const bool written = next.kind == change_kind::written;
-    deliver(next.of, next.number,
-            {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK});
-    return true;
+    next.to.deliver(next.number,
+                    {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK});
 }
 
-void redis_changes::deliver(feed &of, uint64_t number, const change &change)
-{
-    const bool to_all = change.kind == change_kind::resync;
-    for (size_t i = 0; i < of.subscribers.size(); ++i) {
-        const bool later = number > of.subscribers[i].start;
-        if (to_all || (later && of.subscribers[i].range.contains(change.key)))
-            of.subscribers[i].sink.deliver(change);
-    }
-}
-
-// One page of making up for lost changes; true when there is more to do. While the store does not answer, the rest
-// waits for the reconnection, which looks at the history anew.
-bool redis_changes::recover(feed &of)
+// One page of making up for lost changes. Where the store does not answer, the rest waits for the reconnection, which
+// looks at the history anew.
+int redis_delivery::recover(redis_audience &of)
 {
     const int result = of.lost->listed ? deliver_lost(of) : list_lost(of);
-    if (result != TQ_MOM_OK) {
-        if (!set_aside(of, result))
-            reconnect_in(recovery_pause);
-        return false;
-    }
-    if (of.lost && of.lost->listed && of.lost->found.empty())
+    if (result == TQ_MOM_OK && of.lost && of.lost->listed && of.lost->found.empty())
         of.lost.reset();
-    return of.lost.has_value();
+    return result;
 }
 
 // Finds the records that changed: their stamp is the number of their last change.
-int redis_changes::list_lost(feed &of)
+int redis_delivery::list_lost(redis_audience &of)
 {
     auto &lost = *of.lost;
     const key_range whole;
@@ -124,7 +153,7 @@ int redis_changes::list_lost(feed &of)
 }
 
 // A record that was written again since comes with its own change.
-int redis_changes::deliver_lost(feed &of)
+int redis_delivery::deliver_lost(redis_audience &of)
 {
     std::vector<std::pair<uint64_t, std::string>> page;
     auto &found = of.lost->found;
@@ -146,7 +175,7 @@ int redis_changes::deliver_lost(feed &of)
     for (const auto &[number, key] : page) {
         std::string_view stamp;
         if (reply.size() > 0 && parse_record(reply, fields, &stamp) && parse_stamp(stamp) <= last)
-            deliver(of, number, {change_kind::written, key, fields, false, TQ_MOM_OK});
+            of.deliver(number, {change_kind::written, key, fields, false, TQ_MOM_OK});
         reply = reply.next();
     }
     return TQ_MOM_OK;

@@ -1,7 +1,7 @@
 // See redis_engine.hpp: connecting, metadata, single records. Walks over tables are in redis_scan.cpp.
 #include "redis_engine.hpp"
 
-#include "redis_changes.hpp"
+#include "redis_reader.hpp"
 #include "report.hpp"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace mom {
 
 redis_engine::redis_engine(const store_url &url, tq_thread_master *master)
-    : calls_(url), changes_(std::make_unique<redis_changes>(calls_, master))
+    : calls_(url), reader_(std::make_unique<redis_reader>(calls_, master))
 {
 }
 
@@ -26,14 +26,14 @@ redis_table &redis_engine::table_of(table_ref ref)
 void redis_engine::flush()
 {
     const bool free = calls_.batch().all_unsent() && calls_.link().up();
-    const ride along = free ? changes_->offer() : ride{};
+    const ride along = free ? reader_->offer() : ride{};
     try {
         calls_.flush(along);
     } catch (...) {
-        changes_->rode(along, false);
+        reader_->rode(along, false);
         throw;
     }
-    changes_->rode(along, calls_.link().up());
+    reader_->rode(along, calls_.link().up());
 }
 
 int redis_engine::collected()
@@ -120,7 +120,7 @@ int redis_engine::read(table_ref ref, std::string_view key, record_sink &sink)
 
 int redis_engine::subscribe(table_ref ref, const key_range &range, change_sink &sink)
 {
-    return changes_->subscribe(table_of(ref), range, sink);
+    return reader_->subscribe(table_of(ref), range, sink);
 }
 
 } // namespace mom

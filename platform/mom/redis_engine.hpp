@@ -13,7 +13,7 @@
 
 namespace mom {
 
-class redis_changes;
+class redis_reader;
 
 class redis_engine final : public engine {
   public:
@@ -53,7 +53,7 @@ class redis_engine final : public engine {
     bool batching_ = false;
     std::map<std::pair<uint32_t, const record_type *>, redis_table> tables_;
     mark_book<mark_stamp> marks_;
-    std::unique_ptr<redis_changes> changes_;
+    std::unique_ptr<redis_reader> reader_;
 };
 
 } // namespace mom

@@ -2,7 +2,6 @@
 //
 // A scan asks for a page's records and the next page's keys in one send. Its callbacks may make calls, so a page's
 // answers are taken off the connection first. A sweep's pages are small: the server does nothing else meanwhile.
-#include "redis_changes.hpp"
 #include "redis_engine.hpp"
 
 namespace mom {

@@ -43,13 +43,6 @@ struct redis_table {
     size_t untrimmed = writes_per_trim; ///< changes of one's own since the log was trimmed
 };
 
-/// Where a table's change log stands.
-struct log_position {
-    std::string epoch;   ///< random name of the log's history; empty before the first write
-    uint64_t last = 0;   ///< number of the latest change
-    size_t identity = 0; ///< of the latest change, 0 when it is gone
-};
-
 /// One change in a log, as views of a reply.
 struct log_entry {
     uint64_t number = 0;

@@ -1,0 +1,89 @@
+// From what a reader took in to the callbacks.
+//
+// 1. Each followed table has an audience: who is told of which of its records. Audiences and their subscribers are only
+//    ever added, and walked by position: a callback may subscribe.
+// 2. Changes wait in one queue, in the order in which the reader put them, and leave it in rounds of bounded size.
+// 3. Of lost changes an audience of requested state is told to scan again. For any other table the records whose stamp
+//    is beyond what was seen are listed, page by page, and then delivered in the order of their writing. Until that is
+//    done the queue waits.
+// 4. A table that is damaged, or not ours to read, is set aside with what was lost of it, so that the others go on.
+#ifndef TQ_MOM_REDIS_DELIVERY_HPP
+#define TQ_MOM_REDIS_DELIVERY_HPP
+
+#include "redis_calls.hpp"
+
+#include <deque>
+#include <optional>
+
+namespace mom {
+
+/// Whom one table's changes are for.
+struct redis_audience {
+    struct subscriber {
+        key_range range;
+        change_sink &sink;
+        uint64_t start; ///< changes up to this number came before the subscription
+    };
+    /// The records to deliver in place of changes that the log lost: those stamped above `base`, up to `last`.
+    struct recovery {
+        uint64_t base;
+        uint64_t last;
+        std::string after;
+        bool listed = false;
+        std::deque<std::pair<uint64_t, std::string>> found; ///< in the order of writing once all are listed
+    };
+
+    void deliver(uint64_t number, const change &change);
+    /// False where `result` is no reason to; else the table is not read until `aside` is taken back.
+    bool set_aside(int result);
+
+    redis_table &table;
+    std::vector<subscriber> subscribers;
+    std::optional<recovery> lost;
+    bool aside = false;
+};
+
+class redis_delivery {
+  public:
+    explicit redis_delivery(redis_calls &calls) : calls_(calls) {}
+
+    redis_audience &add(redis_table &table);
+    void put(redis_audience &to, const log_entry &entry);
+    /// Changes behind `base`, up to `last`, are lost.
+    void lose(redis_audience &to, uint64_t base, uint64_t last);
+    /// As long as so much waits, nothing more needs to be asked for.
+    bool has_enough() const;
+    bool any_aside() const;
+
+    /// A callback that runs the loop gets no second round inside its first.
+    bool in_round() const { return in_round_; }
+    struct outcome {
+        bool more;  ///< another round is due
+        int result; ///< other than 0: the store did not answer
+    };
+    outcome round();
+
+  private:
+    struct queued {
+        redis_audience &to;
+        change_kind kind;
+        uint64_t number;
+        std::string key;
+        std::string body;
+        bool echo;
+    };
+
+    void deliver_next();
+    int recover(redis_audience &of);
+    int list_lost(redis_audience &of);
+    int deliver_lost(redis_audience &of);
+
+    redis_calls &calls_;
+    std::vector<std::unique_ptr<redis_audience>> audiences_;
+    std::deque<queued> queue_;
+    bool in_round_ = false;
+};
+
+} // namespace mom
+
+#endif

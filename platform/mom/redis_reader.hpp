@@ -1,0 +1,89 @@
+// The reader of change logs, on a connection of its own, on which the server holds a blocking XREAD.
+//
+// The life of that connection:
+// 1. off: there is none. A timer makes the next attempt, at the pace of the link.
+// 2. idle: all histories were compared (redis_follower), and nothing is asked. Who only listens asks a millisecond after
+//    the last question, so that a stream of writes is not slowed down by waking a reader for each. Who made a call since
+//    then is answering what it hears: it asks in the loop's next turn, or lets the question ride along with a call that
+//    is made before. As long as enough waits for delivery nothing is asked.
+// 3. asked: the server holds the question. Its answer is taken in, one round is delivered (redis_delivery), and the
+//    reader is idle again.
+// 4. stale: the same, and the question lacks a table that was added since. The server is made to answer at once; it may
+//    not have read the question yet, then again in a moment.
+// Whatever goes wrong, memory included, leads to 1, and from there on from the feeds' cursors.
+//
+// One timer serves the life above: what it does when it fires depends on where that stands. Another looks again at
+// tables that were set aside.
+//
+// Entry points are the loop and the engine; nothing here calls upwards but change sinks, in rounds from the loop.
+#ifndef TQ_MOM_REDIS_READER_HPP
+#define TQ_MOM_REDIS_READER_HPP
+
+#include "loop_bell.hpp"
+#include "loop_timer.hpp"
+#include "redis_follower.hpp"
+
+namespace mom {
+
+class redis_reader {
+  public:
+    redis_reader(redis_calls &calls, tq_thread_master *master);
+    ~redis_reader();
+    redis_reader(const redis_reader &) = delete;
+    redis_reader &operator=(const redis_reader &) = delete;
+
+    int subscribe(redis_table &table, const key_range &range, change_sink &sink);
+    /// What a call may take along now: nothing, or the question that is due. rode() tells whether it arrived.
+    ride offer();
+    void rode(const ride &along, bool arrived);
+
+  private:
+    enum class life : uint8_t { off, idle, asked, stale };
+    struct line {
+        std::unique_ptr<redis_connection> connection;
+        std::string id; ///< by which the server knows it
+        tq_loop_watch *watch = nullptr;
+    };
+    struct pace {
+        unsigned entries = 128; ///< of each log; fewer while the server drops us over its answers
+        uint64_t calls = 0;     ///< how many there had been when it was last decided when to ask
+        steady_time asked{};
+        steady_time asked_all{};
+    };
+
+    template <void (redis_reader::*Step)()> static void on_event(tq_loop_watch *watch, int fd, int events, void *arg);
+    template <void (redis_reader::*Step)()> static int on_timer(tq_thread *timer);
+    void guard(void (redis_reader::*step)());
+
+    void become(life next);
+    int connect();
+    int prepare(line &next);
+    void disconnect();
+    void reconnect_in(std::chrono::milliseconds pause);
+    void on_time();
+    void take_in();
+    void take_answer();
+    bool question();
+    void ask();
+    void ask_in_time();
+    void remind();
+    void turn();
+    void hear_bell();
+    void look();
+
+    redis_calls &calls_;
+    tq_thread_master *master_;
+    redis_delivery delivery_{calls_};
+    redis_follower follower_{calls_, delivery_};
+    line line_;
+    life life_ = life::off;
+    loop_timer timer_;
+    loop_timer look_timer_;
+    pace pace_;
+    std::unique_ptr<loop_bell> bell_; ///< rung while there is something to deliver
+    command_buffer commands_;
+};
+
+} // namespace mom
+
+#endif
