@@ -1,58 +1,24 @@
 // Writes and removals that go to the server together and are answered together; a single one is a batch of one.
 //
-// Owned by the engine. Writes to one table in a row become one command: a transaction where the record's stamp and
-// the log's entry are known beforehand (requested state with all its fields, or replaced), else a call of the script.
-// A transaction reads the table's metadata along with what it does. If that is not what its records were built by, they
-// may carry an old stamp, or their entries lack a field: the script writes them again, and after them, for the order,
-// whatever came later. Commands whose script the server has forgotten are sent again in the same way.
+// 1. Records are collected in a group (redis_group), which becomes one command when it is full, when another table or
+//    kind of write comes, or when the batch is sent: a transaction where that will do, else a call of a script.
+// 2. send() sends what there is and does not wait. finish() sends the rest, where nothing went before along with a
+//    question that rides behind it, and takes all answers.
+// 3. A transaction reads the table's metadata along with what it does. If that is not what its records were built by,
+//    they may carry an old stamp, or their entries lack a field: the script writes them again, and after them, for the
+//    order, whatever came later. Commands whose script the server has forgotten are sent again in the same way.
+// 4. A transaction cannot stop at a record in whose place something foreign lies: it was listed and told all the same,
+//    which is taken back.
+// 5. Each record has its result, and the batch is empty again.
 //
-// A batch does not outlive its connection: who is told that sending failed finishes it before the next command is
-// built.
+// Owned by the engine's calls. A batch does not outlive its connection: who is told that sending failed finishes it
+// before the next command is built.
 #ifndef TQ_MOM_REDIS_BATCH_HPP
 #define TQ_MOM_REDIS_BATCH_HPP
 
-#include "redis_scripts.hpp"
-#include "redis_table.hpp"
-
-#include <span>
-#include <vector>
+#include "redis_group.hpp"
 
 namespace mom {
-
-/// Who writes: in every call.
-struct writer_identity {
-    std::string name;      ///< this handle's name in the log
-    std::string log_limit; ///< changes kept of each table
-};
-
-/// Writes of records of one table, on their way to becoming one command.
-class write_group {
-  public:
-    size_t records() const { return records_; }
-    bool takes(const redis_table &table, write_mode mode, bool complete) const;
-    void add(redis_table &table, write_mode mode, bool complete, std::string_view key, const encoded_fields &fields,
-             const writer_identity &writer);
-    redis_table *table() const { return table_; }
-    /// Whether the records' stamps and the log's entries are: then a transaction will do.
-    bool known_beforehand() const { return table_->requested() && (complete_ || mode_ == write_mode::replace); }
-    /// How many steps a transaction takes for each record.
-    size_t steps() const { return complete_ ? 2 : 3; }
-    void build_transaction(command_buffer &into, std::string_view trim_to) const;
-    void build_call(command_buffer &into, const redis_script &script, std::string_view writer,
-                    std::string_view trim_to) const;
-    void clear();
-
-  private:
-    redis_table *table_ = nullptr;
-    write_mode mode_{};
-    bool complete_ = false; ///< each record has all fields that its table ever had
-    size_t records_ = 0;
-    command_buffer keys_;
-    command_buffer arguments_;
-    size_t argument_count_ = 0;
-    command_buffer steps_; ///< of the transaction
-    command_buffer listed_;
-};
 
 class command_batch {
   public:

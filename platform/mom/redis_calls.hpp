@@ -1,4 +1,5 @@
-// Calls to the server, each asked and answered before it returns: questions, scripts, and writes, which may be collected.
+// Calls to the server, each asked and answered before it returns: questions, scripts, and writes, which may be
+// collected.
 //
 // 1. A call makes sure of a connection (redis_link). A new one begins an era: what was read of tables' metadata before
 //    is to be read again.

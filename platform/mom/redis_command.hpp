@@ -1,4 +1,9 @@
-// Commands as a server reads them, built into one reused buffer: several commands in a row leave in one send.
+// Commands as a server reads them: how many arguments, then each with its length.
+//
+// 1. A buffer is cleared, and keeps its memory.
+// 2. Commands are built one behind the other: whole, or by their number of arguments and then one by one. What was
+//    built in another buffer can be taken over as it is.
+// 3. All of it leaves in one send; commands() tells how many answers will come.
 #ifndef TQ_MOM_REDIS_COMMAND_HPP
 #define TQ_MOM_REDIS_COMMAND_HPP
 

@@ -1,8 +1,12 @@
 // One connection to a server: bytes out, replies in, each bounded by a deadline.
 //
-// Owned by a redis_link (calls) or the change reader. A connection on which anything went wrong, a missed deadline
-// included, is of no more use: an answer that comes late must not be taken for the next call's. While waiting it polls
-// for a moment, yielding the CPU, before it sleeps: the answer is mostly there sooner than a wake-up would take.
+// 1. It is opened within the URL's time, for a redis_link (calls) or, by way of one, for the reader of changes.
+// 2. What is sent is gone when send() returns. Replies are put on a tape in the order in which they come; who sent
+//    knows what each of them answers.
+// 3. Who waits for a reply polls for a moment, yielding the CPU, before it sleeps: the answer is mostly there sooner
+//    than a wake-up would take. Who does not wait takes in what has arrived, and parses it reply by reply.
+// 4. A connection on which anything went wrong, a missed deadline included, is of no more use: an answer that comes
+//    late must not be taken for the next call's. Its owner drops it, which closes it.
 #ifndef TQ_MOM_REDIS_CONNECTION_HPP
 #define TQ_MOM_REDIS_CONNECTION_HPP
 

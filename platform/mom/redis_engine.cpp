@@ -21,8 +21,8 @@ redis_table &redis_engine::table_of(table_ref ref)
     return tables_.try_emplace({ref.db, ref.type}, ref).first->second;
 }
 
-// The reader's next question rides along where nothing of the batch was sent yet. Whatever happens, it hears whether the
-// connections lasted.
+// The reader's next question rides along where nothing of the batch was sent yet. Whatever happens, it hears whether
+// the connections lasted.
 void redis_engine::flush()
 {
     const bool free = calls_.batch().all_unsent() && calls_.link().up();

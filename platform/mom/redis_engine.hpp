@@ -1,7 +1,11 @@
 // The engine of a server's addresses: "unix:", "redis://", "sentinel://".
 //
-// Each write is one send: see redis_batch.hpp. What a table's metadata says is read before the first write of an era
-// (redis_calls.hpp).
+// 1. Made with its address, it does nothing. The first call connects (redis_calls).
+// 2. A table is known from its first use on. What its metadata says is read before the first write of an era; each
+//    write then is one send (redis_batch), and may take the question for changes along that is due.
+// 3. Scans and rewrites walk over a table in pages (redis_scan.cpp); a rewrite's mark stays here until its end.
+// 4. The first subscription makes the reader of changes connect (redis_reader), which goes on by itself from the loop.
+// 5. It ends with its context: sinks are not called any more.
 #ifndef TQ_MOM_REDIS_ENGINE_HPP
 #define TQ_MOM_REDIS_ENGINE_HPP
 

@@ -75,8 +75,8 @@ int redis_follower::position(const redis_table &table, log_position &out)
 
 // ---- questions and answers
 
-// Each log that a client waits for costs the server time with every answer: while some tell changes, the others are left
-// out for a moment.
+// Each log that a client waits for costs the server time with every answer: while some tell changes, the others are
+// left out for a moment.
 redis_follower::scope redis_follower::question(command_buffer &into, unsigned entries,
                                                std::chrono::milliseconds busy_wait)
 {

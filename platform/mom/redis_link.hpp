@@ -1,8 +1,13 @@
 // The way to a server: where it is, who we are there, and when to try again.
 //
-// A link keeps the connection that calls use and opens the one for changes beside it. While the server is away,
-// attempts are paced (50 ms doubling to 2 s) and everything in between fails at once with the reason of the last
-// attempt. Whoever keeps what was read on a connection compares generation(), which no two connections share.
+// 1. ensure() makes the connection that calls use, where there is none, or none any more; it logs in, and warns once of
+//    what an operator should know. generation() tells connections apart: what was read on one may not hold on the next.
+// 2. Calls are exchanges, or sent and received separately. A failed one drops the connection.
+// 3. While the server is away, attempts are paced (50 ms doubling to 2 s) and everything in between fails at once with
+//    the reason of the last attempt.
+// 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master.
+//
+// The connection for changes is opened here, too, and belongs to its reader.
 #ifndef TQ_MOM_REDIS_LINK_HPP
 #define TQ_MOM_REDIS_LINK_HPP
 
@@ -10,8 +15,8 @@
 
 namespace mom {
 
-/// What leaves together with a call that is waited for: a question on another connection to the same server, which takes
-/// the call along in front of it. The server, which wakes up for every send, wakes up once.
+/// What leaves together with a call that is waited for: a question on another connection to the same server, which
+/// takes the call along in front of it. The server, which wakes up for every send, wakes up once.
 struct ride {
     redis_connection *on = nullptr; ///< null: the call goes alone
     std::string_view question;

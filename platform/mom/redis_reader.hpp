@@ -2,10 +2,10 @@
 //
 // The life of that connection:
 // 1. off: there is none. A timer makes the next attempt, at the pace of the link.
-// 2. idle: all histories were compared (redis_follower), and nothing is asked. Who only listens asks a millisecond after
-//    the last question, so that a stream of writes is not slowed down by waking a reader for each. Who made a call since
-//    then is answering what it hears: it asks in the loop's next turn, or lets the question ride along with a call that
-//    is made before. As long as enough waits for delivery nothing is asked.
+// 2. idle: all histories were compared (redis_follower), and nothing is asked. Who only listens asks a millisecond
+//    after the last question, so that a stream of writes is not slowed down by waking a reader for each. Who made a
+//    call since then is answering what it hears: it asks in the loop's next turn, or lets the question ride along with
+//    a call that is made before. As long as enough waits for delivery nothing is asked.
 // 3. asked: the server holds the question. Its answer is taken in, one round is delivered (redis_delivery), and the
 //    reader is idle again.
 // 4. stale: the same, and the question lacks a table that was added since. The server is made to answer at once; it may

@@ -1,7 +1,10 @@
 // Answers of a server, kept as a flat list instead of a tree of objects.
 //
-// hiredis parses; what it finds goes, in the order of the wire, onto a tape whose two buffers are reused from call to
-// call, so that an answer costs no allocation. A reply_view is a place on a tape and lives until the tape is cleared.
+// 1. hiredis parses; what it finds goes, in the order of the wire, onto a tape whose two buffers are reused from call
+//    to call, so that an answer costs no allocation.
+// 2. A reply_view is a place on a tape: it reads the reply there and steps to its elements and to what follows. Where
+//    there is nothing it reads as nil, so that an answer of another shape is read without looking first.
+// 3. Clearing the tape ends all views of it.
 #ifndef TQ_MOM_REDIS_REPLY_HPP
 #define TQ_MOM_REDIS_REPLY_HPP
 

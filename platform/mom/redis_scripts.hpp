@@ -1,7 +1,8 @@
 // The scripts that run inside the server: what must happen in one step and cannot be a plain transaction.
 //
-// A script is sent as text once per server and named by its digest from then on; a server that forgot it (restart,
-// SCRIPT FLUSH) says so and gets it again.
+// 1. A script is sent as text before its first call; the server answers with its digest.
+// 2. From then on it is called by that.
+// 3. A server that forgot it (restart, SCRIPT FLUSH) says so and gets it again.
 #ifndef TQ_MOM_REDIS_SCRIPTS_HPP
 #define TQ_MOM_REDIS_SCRIPTS_HPP
 

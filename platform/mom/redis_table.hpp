@@ -1,4 +1,10 @@
 // How a table lies in a server, and what a client knows of it. docs/store.md describes the layout.
+//
+// 1. A table's keys follow from its name and the database.
+// 2. Its metadata is read before the first write of an era, and taken over again when a write found it changed.
+// 3. Along with its writes the client keeps how many of them the log was not trimmed after, and the number that the
+//    next change is likely to get.
+// 4. What is read from it is checked here: numbers of log entries, records' fields, the order of the index.
 #ifndef TQ_MOM_REDIS_TABLE_HPP
 #define TQ_MOM_REDIS_TABLE_HPP
 

@@ -1,0 +1,77 @@
+// See redis_group.hpp.
+#include "redis_group.hpp"
+
+namespace mom {
+
+constexpr size_t records_per_group = 64; // so that no command keeps the server from others for long
+
+bool write_group::takes(const redis_table &table, write_mode mode, bool complete) const
+{
+    return records_ == 0 ||
+           (table_ == &table && mode_ == mode && complete_ == complete && records_ < records_per_group);
+}
+
+void write_group::add(redis_table &table, write_mode mode, bool complete, std::string_view key,
+                      const encoded_fields &fields, const writer_identity &writer)
+{
+    table_ = &table;
+    mode_ = mode;
+    complete_ = complete;
+    ++records_;
+    keys_.add(table.prefix, key);
+    arguments_.add(key).add(fields.bytes).add(fields.values.size());
+    const size_t values = arguments_.bytes().size();
+    for (const auto &field : fields.values)
+        arguments_.add(field.number).add(field.bytes);
+    argument_count_ += 3 + 2 * fields.values.size();
+    if (!known_beforehand())
+        return;
+    if (!complete_) {
+        steps_.begin(3 + table.fields.size());
+        steps_.add("HDEL").add(table.prefix, key).add("#");
+        for (uint32_t number : table.fields)
+            steps_.add(number);
+    }
+    steps_.begin(4 + 2 * fields.values.size());
+    steps_.add("HSET").add(table.prefix, key).add("#").add(table.generation);
+    steps_.add_built(arguments_.bytes().substr(values));
+    steps_.command("XADD", table.log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
+    listed_.add("0").add(key);
+}
+
+void write_group::build_transaction(command_buffer &into, std::string_view trim_to) const
+{
+    into.command("MULTI");
+    into.command("HMGET", table_->meta, "gen", "fields");
+    into.append_built(steps_.bytes(), steps_.commands());
+    into.begin(2 + 2 * records_);
+    into.add("ZADD").add(table_->index).add_built(listed_.bytes());
+    if (!trim_to.empty())
+        into.command("XTRIM", table_->log, "MAXLEN", "~", trim_to);
+    into.command("EXEC");
+}
+
+void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer,
+                             std::string_view trim_to) const
+{
+    script.begin(into, keys_before_records + records_, 5 + argument_count_);
+    into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
+    into.add(writer).add(trim_to).add(mode_ == write_mode::replace ? "replace" : "merge");
+    into.add(complete_ ? std::string_view(table_->field_list) : "?");
+    if (table_->requested())
+        into.add("");
+    else
+        into.add(table_->latest + 1);
+    into.add_built(arguments_.bytes());
+}
+
+void write_group::clear()
+{
+    keys_.clear();
+    arguments_.clear();
+    steps_.clear();
+    listed_.clear();
+    records_ = argument_count_ = 0;
+}
+
+} // namespace mom

@@ -1,0 +1,57 @@
+// Writes of records of one table, on their way to becoming one command.
+//
+// 1. Empty, it takes any record; then such as belong with it: of the same table, written in the same way.
+// 2. What each record adds is built at once, for both forms that the command may have: a transaction where stamp and
+//    log entry are known beforehand (requested state with all its fields, or replaced), else a call of the script.
+// 3. The batch takes the command out, or both forms, where a transaction may have to be done by a call after all.
+// 4. Cleared, it keeps its buffers.
+#ifndef TQ_MOM_REDIS_GROUP_HPP
+#define TQ_MOM_REDIS_GROUP_HPP
+
+#include "redis_scripts.hpp"
+#include "redis_table.hpp"
+
+#include <span>
+#include <vector>
+
+namespace mom {
+
+constexpr size_t keys_before_records = 3; ///< in a call
+
+/// Who writes: in every call.
+struct writer_identity {
+    std::string name;      ///< this handle's name in the log
+    std::string log_limit; ///< changes kept of each table
+};
+
+class write_group {
+  public:
+    size_t records() const { return records_; }
+    bool takes(const redis_table &table, write_mode mode, bool complete) const;
+    void add(redis_table &table, write_mode mode, bool complete, std::string_view key, const encoded_fields &fields,
+             const writer_identity &writer);
+    redis_table *table() const { return table_; }
+    /// Whether the records' stamps and the log's entries are: then a transaction will do.
+    bool known_beforehand() const { return table_->requested() && (complete_ || mode_ == write_mode::replace); }
+    /// How many steps a transaction takes for each record.
+    size_t steps() const { return complete_ ? 2 : 3; }
+    void build_transaction(command_buffer &into, std::string_view trim_to) const;
+    void build_call(command_buffer &into, const redis_script &script, std::string_view writer,
+                    std::string_view trim_to) const;
+    void clear();
+
+  private:
+    redis_table *table_ = nullptr;
+    write_mode mode_{};
+    bool complete_ = false; ///< each record has all fields that its table ever had
+    size_t records_ = 0;
+    command_buffer keys_;
+    command_buffer arguments_;
+    size_t argument_count_ = 0;
+    command_buffer steps_; ///< of the transaction
+    command_buffer listed_;
+};
+
+} // namespace mom
+
+#endif
