@@ -7,7 +7,7 @@
 #include "support/store_side.hpp"
 
 #include "plane/node.hpp"
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 
 #include <algorithm>
 #include <plx/s_policy.pb-c.h>
@@ -97,7 +97,7 @@ void writes(benchmark::State &state)
 void serve(const std::string &store, const std::function<void()> &ready)
 {
     plx::plane::SimulatedPlane plane({.table_size = 2 * entries, .rules = {}});
-    plx::plane::Context context(tq_context_new(store.c_str()));
+    plx::Context context(tq_context_new(store.c_str()));
     tq_thread_master *const loop = context->master;
     plx::plane::Node node(std::move(context), plane, {});
     require(node.start() == 0, "a service node");

@@ -16,21 +16,15 @@
 #pragma once
 
 #include "plane/plane.hpp"
+#include "records/host.hpp"
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <tq_context.h>
 #include <tq_mom.h>
 #include <vector>
 
 namespace plx::plane {
-
-struct ContextDeleter {
-    void operator()(tq_context *context) const { tq_context_free(context); }
-};
-using Context = std::unique_ptr<tq_context, ContextDeleter>;
 
 struct NodeOptions {
     uint32_t db = 8; // the database that the applications registered

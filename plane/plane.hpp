@@ -4,9 +4,9 @@
 // plane knows how to make it so. It is called on the event loop's thread only, and it does not call back.
 #pragma once
 
-#include "plane/record.hpp"
-#include "plane/status.hpp"
-#include "plane/timer.hpp"
+#include "records/host.hpp"
+#include "records/record.hpp"
+#include "records/status.hpp"
 #include <map>
 #include <optional>
 #include <span>

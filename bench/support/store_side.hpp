@@ -2,11 +2,11 @@
 // kinds. The library registers once in a process's life, so everything that uses it runs in a process of its own.
 #pragma once
 
+#include "records/host.hpp"
 #include "store/redis_server.hpp"
 
 #include <hiredis/hiredis.h>
 #include <plx/libplx.h>
-#include <tq_context.h>
 
 #include <functional>
 #include <initializer_list>
@@ -84,13 +84,13 @@ class application {
 };
 
 // A store client without the library, for what many processes share.
-struct free_context {
-    void operator()(redisContext *context) const { redisFree(context); }
-    void operator()(tq_context *context) const { tq_context_free(context); }
-};
-using store_client = std::unique_ptr<tq_context, free_context>;
+using store_client = plx::Context;
 
 // ---- the other side
+
+struct free_connection {
+    void operator()(redisContext *context) const { redisFree(context); }
+};
 
 // Raw hiredis on the same server: an ACE's hash with the bytes that the library's own has, under the fields' names, and
 // nothing else.
@@ -111,7 +111,7 @@ class raw_client {
     void append(const char *prefix, uint64_t sn);
     void take(size_t answers);
 
-    std::unique_ptr<redisContext, free_context> context_;
+    std::unique_ptr<redisContext, free_connection> context_;
     std::vector<std::string> fields_; // names and values in turn
 };
 

@@ -30,8 +30,12 @@ ROOMS = {
     "platform/topics/": {"platform/include/", "platform/topics/tq_topics.proto"},
     # The topics' record type is for readers too.
     "platform/topics/tq_topics.proto": set(),
-    "plane/": PUBLIC,
-    "tools/": PUBLIC | {"plane/", "platform/topics/tq_topics.proto"},
+    # What nodes and tools share. Neither includes the other for it.
+    "records/": PUBLIC,
+    # The node knows no particular plane, and no plane another.
+    "plane/": PUBLIC | {"records/"},
+    "plane/simulated/": PUBLIC | {"records/", "plane/"},
+    "tools/": PUBLIC | {"records/", "plane/", "plane/simulated/", "platform/topics/tq_topics.proto"},
     "examples/": PUBLIC,
 }
 FREE = ("tests/", "bench/", "fuzz/", "docs/", "packaging/", "scripts/")

@@ -10,7 +10,7 @@ import subprocess
 
 SOURCES = (".c", ".cpp", ".h", ".hpp")
 SCHEMA = ".proto"
-ROOTS = ("include", "platform/include", "app", "plane", "plane/include", "tools/plx", "tests", "bench", "")
+ROOTS = ("include", "platform/include", "app", "tools/plx", "tests", "bench", "")
 GENERATED = ".pb-c.h"
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 

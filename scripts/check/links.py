@@ -6,7 +6,7 @@ import subprocess
 import sys
 
 LINK = re.compile(r"\]\(([^)#]+)[^)]*\)")
-NAMED = re.compile(r"`((?:app|bench|docs|examples|fuzz|include|packaging|plane|platform|proto|scripts|tests|tools)/[^`*<> ]*)(?=[` ])")
+NAMED = re.compile(r"`((?:app|bench|docs|examples|fuzz|include|packaging|plane|platform|proto|records|scripts|tests|tools)/[^`*<> ]*)(?=[` ])")
 
 
 def missing(name):

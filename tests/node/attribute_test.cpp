@@ -1,5 +1,5 @@
 // The forms of the attributes against the library's name tables and the document, and walking packed buffers.
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 
 #include "world.hpp"
 #include <algorithm>

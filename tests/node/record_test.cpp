@@ -1,5 +1,5 @@
 // Keys and contents taken from records, hostile ones among them.
-#include "plane/record.hpp"
+#include "records/record.hpp"
 
 #include <gtest/gtest.h>
 #include <plx/s_policy.pb-c.h>

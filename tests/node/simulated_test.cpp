@@ -1,5 +1,5 @@
 // The simulated plane by itself.
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 
 #include "world.hpp"
 

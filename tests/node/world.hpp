@@ -5,7 +5,7 @@
 #pragma once
 
 #include "plane/node.hpp"
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -13,11 +13,6 @@
 #include <vector>
 
 namespace plx::plane {
-
-struct LoopDeleter {
-    void operator()(tq_thread_master *master) const { tq_loop_free(master); }
-};
-using Loop = std::unique_ptr<tq_thread_master, LoopDeleter>;
 
 // A status record as it was heard of.
 struct Heard {

@@ -5,11 +5,10 @@
 #ifndef STORE_SUITE_HPP
 #define STORE_SUITE_HPP
 
+#include "records/host.hpp"
 #include "support/keyed.h"
 
 #include <plx/s_policy.pb-c.h>
-#include <tq_context.h>
-#include <tq_loop.h>
 #include <tq_mom.h>
 
 #include <functional>
@@ -37,14 +36,7 @@ struct backend_kind {
 /// The kinds that the suite runs on (backends.cpp).
 std::vector<backend_kind> backend_kinds();
 
-struct context_free {
-    void operator()(tq_context *context) const { tq_context_free(context); }
-};
-using context_ptr = std::unique_ptr<tq_context, context_free>;
-
-struct loop_free {
-    void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
-};
+using context_ptr = plx::Context;
 
 /// An ACE or its status.
 template <typename Record, const ProtobufCMessageDescriptor &of, uint64_t Record::*uuid>
@@ -94,7 +86,7 @@ class store_users {
     void subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection = 1,
                    uint32_t db = 8);
 
-    std::unique_ptr<tq_thread_master, loop_free> loop{tq_loop_new()};
+    plx::Loop loop{tq_loop_new()};
     std::vector<context_ptr> contexts;
 };
 

@@ -11,10 +11,10 @@ namespace {
 using testing::HasSubstr;
 using Texts = std::vector<std::string>;
 
-const plane::Form &form(std::string_view name)
+const Form &form(std::string_view name)
 {
     for (const fp_udp_attr_class cls : {FP_UDP_ATTR_FIELD, FP_UDP_ATTR_ACTION, FP_UDP_ATTR_CTRL}) {
-        if (const plane::Form *found = plane::find_form(cls, name))
+        if (const Form *found = find_form(cls, name))
             return *found;
     }
     throw std::invalid_argument(std::string(name));
@@ -147,36 +147,35 @@ TEST(Value, of_bytes_that_are_none_is_shown_as_its_digits)
 }
 
 // What is written of each kind, with masks where the form takes them; the first is in every range.
-const std::map<plane::ValueKind, Texts> &samples()
+const std::map<ValueKind, Texts> &samples()
 {
-    static const std::map<plane::ValueKind, Texts> all{
-        {plane::ValueKind::number, {"0", "1"}},
-        {plane::ValueKind::flag, {"true", "false"}},
-        {plane::ValueKind::mac, {"00:00:5e:00:53:01", "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00"}},
-        {plane::ValueKind::ipv4, {"192.0.2.1", "0.0.0.0", "255.255.255.255"}},
-        {plane::ValueKind::ipv6, {"2001:db8::1", "::", "::ffff:192.0.2.1", "::192.0.2.1"}},
-        {plane::ValueKind::ipv6_upper, {"2001:db8::", "::", "2001:db8:1:2::"}},
-        {plane::ValueKind::range, {"0", "53", "1-2", "0-65535", "20-22"}},
-        {plane::ValueKind::ports, {"0", "255", "0-255", "1,3,5-7,64"}}};
+    static const std::map<ValueKind, Texts> all{
+        {ValueKind::number, {"0", "1"}},
+        {ValueKind::flag, {"true", "false"}},
+        {ValueKind::mac, {"00:00:5e:00:53:01", "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00"}},
+        {ValueKind::ipv4, {"192.0.2.1", "0.0.0.0", "255.255.255.255"}},
+        {ValueKind::ipv6, {"2001:db8::1", "::", "::ffff:192.0.2.1", "::192.0.2.1"}},
+        {ValueKind::ipv6_upper, {"2001:db8::", "::", "2001:db8:1:2::"}},
+        {ValueKind::range, {"0", "53", "1-2", "0-65535", "20-22"}},
+        {ValueKind::ports, {"0", "255", "0-255", "1,3,5-7,64"}}};
     return all;
 }
 
-const std::map<plane::ValueKind, Texts> &masked()
+const std::map<ValueKind, Texts> &masked()
 {
-    static const std::map<plane::ValueKind, Texts> all{
-        {plane::ValueKind::number, {"0/0", "0/1", "1/1", "1/255"}},
-        {plane::ValueKind::mac, {"01:80:c2:00:00:00/24", "00:00:00:00:00:00/0", "01:00:00:00:00:00/01:00:00:00:00:00"}},
-        {plane::ValueKind::ipv4,
-         {"10.0.0.0/8", "0.0.0.0/0", "10.0.0.1/32", "10.0.3.0/255.0.255.0", "0.0.0.1/0.0.0.255"}},
-        {plane::ValueKind::ipv6, {"2001:db8::/29", "::/0", "::1/128", "::1/::ff", "::/ff00::ff"}},
-        {plane::ValueKind::ipv6_upper, {"2001:db8:1::/48", "::/0", "2001:db8::/64", "0:1::/0:1::"}}};
+    static const std::map<ValueKind, Texts> all{
+        {ValueKind::number, {"0/0", "0/1", "1/1", "1/255"}},
+        {ValueKind::mac, {"01:80:c2:00:00:00/24", "00:00:00:00:00:00/0", "01:00:00:00:00:00/01:00:00:00:00:00"}},
+        {ValueKind::ipv4, {"10.0.0.0/8", "0.0.0.0/0", "10.0.0.1/32", "10.0.3.0/255.0.255.0", "0.0.0.1/0.0.0.255"}},
+        {ValueKind::ipv6, {"2001:db8::/29", "::/0", "::1/128", "::1/::ff", "::/ff00::ff"}},
+        {ValueKind::ipv6_upper, {"2001:db8:1::/48", "::/0", "2001:db8::/64", "0:1::/0:1::"}}};
     return all;
 }
 
-Texts texts_of(const plane::Form &form)
+Texts texts_of(const Form &form)
 {
     Texts texts;
-    if (form.kind == plane::ValueKind::octets) {
+    if (form.kind == ValueKind::octets) {
         texts = {"0x" + std::string(2 * size_t{form.bytes()}, '0'), "0x" + std::string(2 * size_t{form.bytes()}, 'a')};
         if (form.mask)
             texts.push_back(texts[1] + "/" + texts[1]);
@@ -189,7 +188,7 @@ Texts texts_of(const plane::Form &form)
 }
 
 // What is encoded is the form's own, and is shown as text for the same bytes. False: the text is none of its values.
-bool is_read_back(const plane::Form &form, const std::string &text)
+bool is_read_back(const Form &form, const std::string &text)
 {
     SCOPED_TRACE(std::string(form.name) + ' ' + text);
     const auto [bytes, error] = encode(form, text);
@@ -197,7 +196,7 @@ bool is_read_back(const plane::Form &form, const std::string &text)
         return false;
     EXPECT_EQ(form.bytes() * (text.find('/') == text.npos ? 1 : 2), bytes.size());
     bool known = false;
-    EXPECT_EQ(&form, plane::form_of({form.cls, plane::attribute_id(form), bytes}, known));
+    EXPECT_EQ(&form, form_of({form.cls, attribute_id(form), bytes}, known));
     const Encoding again = encode(form, format_value(&form, bytes));
     EXPECT_EQ("", again.error);
     EXPECT_EQ(bytes, again.bytes);
@@ -207,8 +206,8 @@ bool is_read_back(const plane::Form &form, const std::string &text)
 TEST(EveryForm, takes_its_words_and_values_and_gives_them_back)
 {
     size_t read_back = 0;
-    for (const plane::Form &form : plane::forms()) {
-        for (const plane::NamedValue &named : plane::named_values(form.names))
+    for (const Form &form : forms()) {
+        for (const NamedValue &named : named_values(form.names))
             EXPECT_TRUE(is_read_back(form, std::string(named.name))) << form.name << ' ' << named.name;
         const Texts texts = texts_of(form);
         EXPECT_TRUE(is_read_back(form, texts[0])) << form.name;
@@ -216,7 +215,7 @@ TEST(EveryForm, takes_its_words_and_values_and_gives_them_back)
         for (const std::string &text : texts)
             read_back += is_read_back(form, text);
     }
-    EXPECT_GE(read_back, 3 * plane::forms().size()) << "most of the samples are no values";
+    EXPECT_GE(read_back, 3 * forms().size()) << "most of the samples are no values";
 }
 
 TEST(Nearest, finds_slips_and_leaves_other_words_alone)

@@ -1,7 +1,7 @@
 // See application.hpp.
 #include "application.hpp"
 
-#include "plane/status.hpp"
+#include "records/status.hpp"
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -60,7 +60,7 @@ bool push(fp_udp_ace *ace, const PolicyEntry &entry)
 
 std::string node_error(int32_t status)
 {
-    return std::string(plane::status_text(status)) + " (" + std::to_string(status) + ")";
+    return std::string(status_text(status)) + " (" + std::to_string(status) + ")";
 }
 
 } // namespace

@@ -1,23 +1,21 @@
 // `plx apply`: a policy file, through the library and the store, to the service nodes, and what they said.
 #include "application.hpp"
 #include "commands.hpp"
-#include "plane/fleet.hpp"
+#include "plane/simulated/fleet.hpp"
 #include "records.hpp"
+#include "records/host.hpp"
+#include "records/record.hpp"
 
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <plx/s_policy.pb-c.h>
-#include <tq_loop.h>
 #include <tq_mom.h>
 #include <unistd.h>
 
 namespace plx::tool {
 
 namespace {
-
-using plane::milliseconds;
-using plane::now;
 
 // A live node writes its record every 5 seconds.
 constexpr milliseconds heartbeat_heard{6500};
@@ -35,10 +33,6 @@ struct ApplyOptions {
 
     bool embedded() const { return store.starts_with("mem:"); }
     milliseconds wait() const { return milliseconds(static_cast<int64_t>(wait_s * 1000)); }
-};
-
-struct LoopDeleter {
-    void operator()(tq_thread_master *master) const { tq_loop_free(master); }
 };
 
 // A line that is written over while things go on, on a terminal; nothing elsewhere.
@@ -88,8 +82,8 @@ class ApplyRun {
     int fail(int exit_code, const std::string &message);
 
     const ApplyOptions &options_;
-    std::unique_ptr<tq_thread_master, LoopDeleter> loop_;
-    plane::Context context_;
+    Loop loop_;
+    Context context_;
     std::unique_ptr<plane::Fleet> fleet_;
     Progress progress_;
     uint32_t expected_nodes_ = 0;
@@ -224,7 +218,7 @@ int32_t count_record(void *, const tq_mom_notification *, void *arg)
 // Where no number is given, those that have a record.
 int ApplyRun::expect_nodes()
 {
-    const plane::Record whole(s_policy__service_node__descriptor);
+    const Record whole(s_policy__service_node__descriptor);
     const int result =
         tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &count_record, &expected_nodes_);
     return result == 0 ? EXIT_DONE : fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(result));

@@ -12,9 +12,6 @@ namespace plx::tool {
 
 namespace {
 
-using plane::Form;
-using plane::NameSet;
-using plane::ValueKind;
 using Bytes = std::span<const uint8_t>;
 
 std::string hex(Bytes bytes, const char *between = "")
@@ -39,7 +36,7 @@ uint64_t number_of(Bytes bytes)
 std::string flag_words(NameSet set, uint64_t number)
 {
     std::string words;
-    for (const plane::NamedValue &named : plane::named_values(set)) {
+    for (const NamedValue &named : named_values(set)) {
         if (std::popcount(named.value) != 1 || (number & named.value) == 0)
             continue;
         words += (words.empty() ? "" : "+") + std::string(named.name);
@@ -57,10 +54,10 @@ std::string hexadecimal(uint64_t number)
 
 std::string number_text(NameSet set, uint64_t number)
 {
-    if (plane::is_flag_set(set))
+    if (is_flag_set(set))
         if (std::string words = flag_words(set, number); !words.empty())
             return words;
-    for (const plane::NamedValue &named : plane::named_values(set))
+    for (const NamedValue &named : named_values(set))
         if (named.value == number)
             return std::string(named.name);
     return set == NameSet::ethertype ? hexadecimal(number) : std::to_string(number);
@@ -156,7 +153,7 @@ int prefix_length(Bytes mask)
 std::string mask_text(const Form &form, Bytes mask)
 {
     if (form.kind == ValueKind::number) {
-        const std::string words = plane::is_flag_set(form.names) ? flag_words(form.names, number_of(mask)) : "";
+        const std::string words = is_flag_set(form.names) ? flag_words(form.names, number_of(mask)) : "";
         return words.empty() ? hexadecimal(number_of(mask)) : words;
     }
     const int length = is_address(form.kind) ? prefix_length(mask) : -1;
@@ -174,7 +171,7 @@ std::string format_value(const Form *form, Bytes value)
     return plain_text(*form, plain) + (mask.empty() ? "" : "/" + mask_text(*form, mask));
 }
 
-std::string attribute_name(const plane::Attribute &attribute, const Form *form)
+std::string attribute_name(const Attribute &attribute, const Form *form)
 {
     return form == nullptr ? std::to_string(attribute.id) : std::string(form->name);
 }

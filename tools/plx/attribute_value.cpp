@@ -11,10 +11,6 @@
 
 namespace plx::tool {
 
-using plane::Form;
-using plane::NameSet;
-using plane::ValueKind;
-
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -43,7 +39,7 @@ void put_number(Bytes &out, uint64_t number, uint32_t bytes)
 
 std::optional<uint64_t> word_value(NameSet set, std::string_view word)
 {
-    for (const plane::NamedValue &named : plane::named_values(set)) {
+    for (const NamedValue &named : named_values(set)) {
         if (named.name == word)
             return named.value;
     }
@@ -53,7 +49,7 @@ std::optional<uint64_t> word_value(NameSet set, std::string_view word)
 // "a+b" of a set of flags; one word of any other set.
 std::optional<uint64_t> words_value(NameSet set, std::string_view words)
 {
-    if (!plane::is_flag_set(set))
+    if (!is_flag_set(set))
         return word_value(set, words);
     uint64_t flags = 0;
     while (true) {
@@ -72,7 +68,7 @@ std::string not_a_number(NameSet set, std::string_view text)
 {
     std::string message = quoted(text) + " is not a number";
     std::vector<std::string_view> words;
-    for (const plane::NamedValue &named : plane::named_values(set))
+    for (const NamedValue &named : named_values(set))
         words.push_back(named.name);
     if (words.empty())
         return message;

@@ -1,7 +1,7 @@
 // Attribute values as people write them, turned into the bytes that docs/attributes.md describes.
 #pragma once
 
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -14,7 +14,7 @@ struct Encoding {
     std::string error;          // what is wrong with the text; empty when nothing is
 };
 
-Encoding encode(const plane::Form &form, std::string_view text);
+Encoding encode(const Form &form, std::string_view text);
 
 // The candidate that `text` most likely is a slip of; empty when none is near.
 std::string_view nearest(std::string_view text, const std::vector<std::string_view> &candidates);

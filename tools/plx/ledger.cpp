@@ -1,21 +1,14 @@
 // See ledger.hpp.
 #include "ledger.hpp"
 
+#include "records/host.hpp"
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
-#include <tq_time.h>
 
 namespace plx::tool {
 
 namespace {
-
-uint64_t now_us()
-{
-    timeval time{};
-    tq_monotime(&time);
-    return tq_timeval_to_us(&time);
-}
 
 std::string duration(uint64_t us)
 {

@@ -1,7 +1,8 @@
 // `plx monitor`: every change of the store's records as it happens, until it is stopped.
 #include "commands.hpp"
-#include "plane/status.hpp"
 #include "records.hpp"
+#include "records/record.hpp"
+#include "records/status.hpp"
 #include "signals.hpp"
 
 #include <deque>
@@ -37,7 +38,7 @@ class MonitorRun {
 
     const MonitorOptions &options_;
     std::deque<Feed> feeds_; // subscriptions keep pointers to their elements
-    plane::Context context_;
+    Context context_;
     uint64_t shown_ = 0;
 };
 
@@ -95,7 +96,7 @@ int MonitorRun::subscribe()
 int MonitorRun::subscribe(const ProtobufCMessageDescriptor &table)
 {
     feeds_.push_back({this, &table});
-    const plane::Record whole(table);
+    const Record whole(table);
     return tq_mom_subscribe(context_.get(), options_.db, whole.message(), 0, &MonitorRun::on_change, &feeds_.back());
 }
 
@@ -117,7 +118,7 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
     Row row = {{"time", time}, {"event", event_name(change.event)}, {"table", table_name(*feed.table)}};
     row.update(row_of(change.record, change.event != TQ_MOM_EVENT_DELETED));
     if (change.event == TQ_MOM_EVENT_STATUS && change.record != nullptr)
-        row["outcome"] = plane::status_text(static_cast<int32_t>(plane::number_field(change.record, "p_status")));
+        row["outcome"] = status_text(static_cast<int32_t>(number_field(change.record, "p_status")));
     if (change.result != 0)
         row["error"] = tq_mom_strerror(change.result);
     if (options_.json)

@@ -4,8 +4,10 @@
 // SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
 #include "plane/node.hpp"
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 #include "records.hpp"
+#include "records/host.hpp"
+#include "records/record.hpp"
 #include "signals.hpp"
 
 #include <iostream>
@@ -17,8 +19,6 @@
 namespace plx::tool {
 
 namespace {
-
-using plane::milliseconds;
 
 struct NodeCommandOptions {
     std::string store = "unix:/run/plx-store/store.sock";
@@ -37,16 +37,13 @@ class NodeRun {
     bool make_plane();
     int wait_for_store(const StopOnSignal &stop);
     int start();
-    plane::Context new_context() const
-    {
-        return plane::Context(tq_context_new_on(options_.store.c_str(), loop_.get()));
-    }
-    plane::Record record() const;
+    Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
+    Record record() const;
     void retire();
     void log(const std::string &text) const;
 
     const NodeCommandOptions &options_;
-    std::unique_ptr<tq_thread_master, decltype(&tq_loop_free)> loop_{nullptr, &tq_loop_free};
+    Loop loop_;
     std::optional<plane::SimulatedPlane> plane_;
     std::optional<plane::Node> node_;
 };
@@ -111,9 +108,9 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
         if (result != told)
             log("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
         told = result;
-        const milliseconds next = plane::now() + between_tries;
-        while (!stop.asked() && plane::now() < next)
-            tq_loop_run_once(loop_.get(), static_cast<int>((next - plane::now()).count()));
+        const milliseconds next = now() + between_tries;
+        while (!stop.asked() && now() < next)
+            tq_loop_run_once(loop_.get(), static_cast<int>((next - now()).count()));
     }
     return 0;
 }
@@ -130,9 +127,9 @@ int NodeRun::start()
     return result;
 }
 
-plane::Record NodeRun::record() const
+Record NodeRun::record() const
 {
-    plane::Record record(s_policy__service_node__descriptor);
+    Record record(s_policy__service_node__descriptor);
     record.set_key_number(0, options_.node.dev);
     record.set_key_number(1, options_.node.slot);
     record.set_key_number(2, options_.node.id);
@@ -143,7 +140,7 @@ plane::Record NodeRun::record() const
 void NodeRun::retire()
 {
     node_.reset();
-    const plane::Context context = new_context();
+    const Context context = new_context();
     if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record().message()); result != 0)
         log(std::string("its record stays in the store: ") + tq_mom_strerror(result));
 }

@@ -305,7 +305,7 @@ void Reader::attributes(const Part &map, fp_udp_attr_class cls, PolicyEntry &ent
 
 void Reader::attribute(const Part &key, const Part &value, fp_udp_attr_class cls, PolicyEntry &entry)
 {
-    const plane::Form *form = plane::find_form(cls, key.text);
+    const Form *form = find_form(cls, key.text);
     if (form == nullptr)
         return unknown_attribute(key, cls);
     if (value.kind != Part::Kind::scalar)
@@ -320,7 +320,7 @@ void Reader::unknown_attribute(const Part &key, fp_udp_attr_class cls)
 {
     std::string message = "there is no " + std::string(class_name(cls)) + " attribute " + quoted(key.text);
     std::vector<std::string_view> names;
-    for (const plane::Form &form : plane::forms()) {
+    for (const Form &form : forms()) {
         if (form.cls == cls)
             names.push_back(form.name);
         else if (form.name == key.text)

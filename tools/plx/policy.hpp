@@ -2,13 +2,13 @@
 #pragma once
 
 #include "document.hpp"
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 #include <optional>
 
 namespace plx::tool {
 
 struct PolicyAttribute {
-    const plane::Form *form;
+    const Form *form;
     std::vector<uint8_t> value;
 };
 

@@ -63,13 +63,13 @@ constexpr const char *class_names[] = {"control", "match", "action"};
 Row attributes_of(const ProtobufCBinaryData &packed)
 {
     const size_t len = packed.data == nullptr ? 0 : packed.len;
-    const auto attributes = plane::unpack({packed.data, len});
+    const auto attributes = unpack({packed.data, len});
     if (!attributes)
         return {{"malformed", hex(packed)}};
     Row row = Row::object();
-    for (const plane::Attribute &attribute : *attributes) {
+    for (const Attribute &attribute : *attributes) {
         bool known = false;
-        const plane::Form *form = plane::form_of(attribute, known);
+        const Form *form = form_of(attribute, known);
         Row &group = row[attribute.cls < std::size(class_names) ? class_names[attribute.cls] : "unknown"];
         const std::string name = attribute_name(attribute, form);
         std::string key = name;
@@ -302,9 +302,9 @@ std::string shown_address(const std::string &store)
     return address.substr(0, scheme + 3) + address.substr(at + 1);
 }
 
-plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code)
+Context open_store(const char *command, const RecordOptions &options, int &exit_code)
 {
-    plane::Context context(tq_context_new(options.store.c_str()));
+    Context context(tq_context_new(options.store.c_str()));
     if (context == nullptr) {
         std::cerr << "plx " << command << ": '" << shown_address(options.store) << "' is not the address of a store\n";
         exit_code = EXIT_USAGE;

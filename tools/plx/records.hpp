@@ -4,11 +4,13 @@
 // Records are others' work and hostile: text is shown escaped, and what is missing is left out.
 #pragma once
 
-#include "plane/node.hpp"
+#include "records/host.hpp"
 #include <CLI/CLI.hpp>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <protobuf-c/protobuf-c.h>
 #include <string>
+#include <tq_mom.h>
 #include <vector>
 
 namespace plx::tool {
@@ -59,6 +61,6 @@ void print_table(const std::vector<Row> &rows);
 std::string shown_address(const std::string &store);
 
 // A store, opened as one of these commands needs it; reports why not. Null when it cannot be reached.
-plane::Context open_store(const char *command, const RecordOptions &options, int &exit_code);
+Context open_store(const char *command, const RecordOptions &options, int &exit_code);
 
 } // namespace plx::tool

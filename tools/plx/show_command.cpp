@@ -3,8 +3,9 @@
 // An ACE and an apply are shown with what the forwarding plane last said of them: the status record is read beside the
 // request.
 #include "commands.hpp"
-#include "plane/status.hpp"
 #include "records.hpp"
+#include "records/record.hpp"
+#include "records/status.hpp"
 
 #include <iostream>
 #include <memory>
@@ -32,9 +33,9 @@ class ShowRun {
 
     const Kind &kind_;
     const RecordOptions &options_;
-    plane::Context context_;
+    Context context_;
     std::string table_; // the one that is being read
-    std::map<plane::Key, Status> statuses_;
+    std::map<Key, Status> statuses_;
     std::vector<Row> rows_;
     uint64_t unreadable_ = 0;
 };
@@ -61,7 +62,7 @@ int ShowRun::run()
 int ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry)
 {
     table_ = table_name(table);
-    const plane::Record whole(table);
+    const Record whole(table);
     return tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, on_entry, this);
 }
 
@@ -70,9 +71,9 @@ int32_t ShowRun::on_status(void *, const tq_mom_notification *entry, void *arg)
     auto *self = static_cast<ShowRun *>(arg);
     if (entry->record == nullptr || entry->result != 0 || !self->options_.take(entry->record))
         return 0;
-    if (const auto key = plane::key_of(entry->record))
-        self->statuses_[*key] = {plane::number_field(entry->record, "rep_uuid"),
-                                 static_cast<int32_t>(plane::number_field(entry->record, "p_status"))};
+    if (const auto key = key_of(entry->record))
+        self->statuses_[*key] = {number_field(entry->record, "rep_uuid"),
+                                 static_cast<int32_t>(number_field(entry->record, "p_status"))};
     return 0;
 }
 
@@ -98,11 +99,11 @@ int32_t ShowRun::on_record(void *, const tq_mom_notification *entry, void *arg)
 // What a service node said last. Each node writes the one status record, so this is one node's word, not all of theirs.
 std::string ShowRun::outcome(const ProtobufCMessage *record) const
 {
-    const auto key = plane::key_of(record);
+    const auto key = key_of(record);
     const auto found = key ? statuses_.find(*key) : statuses_.end();
-    if (found == statuses_.end() || found->second.reply != plane::number_field(record, "req_uuid"))
+    if (found == statuses_.end() || found->second.reply != number_field(record, "req_uuid"))
         return "unanswered";
-    return std::string(plane::status_text(found->second.status));
+    return std::string(status_text(found->second.status));
 }
 
 // Objects go out as they come; a table waits for its columns' widths.

@@ -1,13 +1,18 @@
-// See timer.hpp.
-#include "plane/timer.hpp"
+// See host.hpp.
+#include "records/host.hpp"
 
-namespace plx::plane {
+namespace plx {
 
-milliseconds now()
+uint64_t now_us()
 {
     timeval time{};
     tq_monotime(&time);
-    return milliseconds(tq_timeval_to_ms(&time));
+    return tq_timeval_to_us(&time);
+}
+
+milliseconds now()
+{
+    return milliseconds(now_us() / 1000);
 }
 
 bool Timer::start(milliseconds interval)
@@ -15,7 +20,7 @@ bool Timer::start(milliseconds interval)
     cancel();
     const timeval time{static_cast<time_t>(interval.count() / 1000),
                        static_cast<suseconds_t>(interval.count() % 1000 * 1000)};
-    return tq_thread_insert_timer_timeval(master_, &thread_, &Timer::fire, this, &time, "plx_plane") == 0;
+    return tq_thread_insert_timer_timeval(master_, &thread_, &Timer::fire, this, &time, "plx_host") == 0;
 }
 
 void Timer::cancel()
@@ -30,4 +35,4 @@ int Timer::fire(tq_thread *thread) noexcept
     return 0;
 }
 
-} // namespace plx::plane
+} // namespace plx

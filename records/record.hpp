@@ -15,7 +15,7 @@
 #include <variant>
 #include <vector>
 
-namespace plx::plane {
+namespace plx {
 
 struct AceKey {
     std::string app; // the application type whose commit markers hold for the record: first in every key that has one
@@ -120,4 +120,4 @@ class Record {
     std::vector<std::max_align_t> record_, key_;
 };
 
-} // namespace plx::plane
+} // namespace plx

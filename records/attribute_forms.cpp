@@ -1,8 +1,8 @@
 // The form of every attribute's value, one row for each row of the three name tables, and the words that stand for
 // numbers. docs/attributes.md is the same for people; a test holds the two together.
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 
-namespace plx::plane {
+namespace plx {
 
 namespace {
 
@@ -363,4 +363,4 @@ std::string_view name_of(NameSet set)
     return "-";
 }
 
-} // namespace plx::plane
+} // namespace plx

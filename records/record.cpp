@@ -1,5 +1,5 @@
 // See record.hpp. All access to message fields goes by descriptor, through field_at().
-#include "plane/record.hpp"
+#include "records/record.hpp"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <plx/s_policy.pb-c.h>
 #include <plx/types.h>
 
-namespace plx::plane {
+namespace plx {
 
 namespace {
 
@@ -242,4 +242,4 @@ const ProtobufCMessage *Record::message() const
     return reinterpret_cast<const ProtobufCMessage *>(record_.data());
 }
 
-} // namespace plx::plane
+} // namespace plx

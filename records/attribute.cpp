@@ -1,11 +1,11 @@
 // Packed attributes; the forms themselves are in attribute_forms.cpp.
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <map>
 
-namespace plx::plane {
+namespace plx {
 
 namespace {
 
@@ -95,4 +95,4 @@ const Form *form_of(const Attribute &attribute, bool &known)
     return fits == last ? nullptr : fits->second;
 }
 
-} // namespace plx::plane
+} // namespace plx

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace plx::plane {
+namespace plx {
 
 enum class Status : int32_t {
     ok = 0,            // programmed
@@ -23,4 +23,4 @@ enum class Status : int32_t {
 // A short text for a status word as it came from the store: any number may be in it.
 std::string_view status_text(int32_t status);
 
-} // namespace plx::plane
+} // namespace plx

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace plx::plane {
+namespace plx {
 
 enum class ValueKind : uint8_t {
     number,     // unsigned, in as many of 1, 2, 4 or 8 bytes as its bits need
@@ -87,4 +87,4 @@ std::optional<std::vector<Attribute>> unpack(std::span<const uint8_t> packed);
 // whether the id exists at all.
 const Form *form_of(const Attribute &attribute, bool &known);
 
-} // namespace plx::plane
+} // namespace plx

@@ -1,19 +1,32 @@
-// One timer on an event loop, for code that owns state: it is cancelled with its owner, so it never fires on a dead
-// one. Exceptions end in the function given, which must not throw.
+// What a program on the platform stands on, each with an owner that gives it back: the event loop, the store context,
+// one timer; and the loop's clock.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <memory>
+#include <tq_context.h>
 #include <tq_loop.h>
 #include <tq_time.h>
 
-namespace plx::plane {
+namespace plx {
+
+struct HostDeleter {
+    void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
+    void operator()(tq_context *context) const { tq_context_free(context); }
+};
+using Loop = std::unique_ptr<tq_thread_master, HostDeleter>; // outlives the contexts and timers on it
+using Context = std::unique_ptr<tq_context, HostDeleter>;
 
 using milliseconds = std::chrono::milliseconds;
 
 // Monotonic time since an arbitrary start.
+uint64_t now_us();
 milliseconds now();
 
+// Cancelled with its owner, so that it never fires on a dead one. Exceptions end in the function given, which must not
+// throw.
 class Timer {
   public:
     Timer(tq_thread_master *master, std::function<void()> func) : master_(master), func_(std::move(func)) {}
@@ -34,4 +47,4 @@ class Timer {
     tq_thread *thread_ = nullptr; // the loop clears it before it fires
 };
 
-} // namespace plx::plane
+} // namespace plx

@@ -1,5 +1,5 @@
 // See fleet.hpp.
-#include "plane/fleet.hpp"
+#include "plane/simulated/fleet.hpp"
 
 namespace plx::plane {
 

@@ -1,7 +1,7 @@
 // Texts of the status codes.
-#include "plane/status.hpp"
+#include "records/status.hpp"
 
-namespace plx::plane {
+namespace plx {
 
 std::string_view status_text(int32_t status)
 {
@@ -24,4 +24,4 @@ std::string_view status_text(int32_t status)
     return "unknown status";
 }
 
-} // namespace plx::plane
+} // namespace plx

@@ -1,7 +1,7 @@
 // See simulated.hpp.
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 
-#include "plane/attribute.hpp"
+#include "records/attribute.hpp"
 #include <algorithm>
 #include <charconv>
 

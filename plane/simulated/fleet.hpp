@@ -2,7 +2,7 @@
 #pragma once
 
 #include "plane/node.hpp"
-#include "plane/simulated.hpp"
+#include "plane/simulated/simulated.hpp"
 #include <memory>
 #include <string>
 #include <vector>
