@@ -6,15 +6,15 @@
 // Changes are taken from notifications and gathered until the loop has delivered what it had (take_changes). Where
 // notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call - the
 // node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
-// Answers leave without waiting for the store's word on them, which is taken a moment later (take_answers), in any case
-// before anything else is written. What the node wrote about an entry goes with it; what is left of entries that went
-// while no node was there is looked for at the start.
+// What the node wrote about an entry goes with it; what is left of entries that went while no node was there is looked
+// for at the start.
 //
-// While an application's enable marker stands, and its seconds have not passed, none of the application's changes is
-// programmed. Its publish marker, the end of the seconds and the removal of the enable marker each make all of them
-// together. Nothing is kept of the changes meanwhile: the tables are compared when it is time.
+// Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
+// are compared. How answers reach the store is in outbox.hpp.
 #pragma once
 
+#include "plane/commits.hpp"
+#include "plane/outbox.hpp"
 #include "plane/plane.hpp"
 #include "records/host.hpp"
 #include <map>
@@ -56,23 +56,6 @@ class Node {
         Status status = Status::ok;
     };
 
-    // An application's enable marker. One whose time has passed stays, as spent, until it is written again.
-    struct Commit {
-        milliseconds until{0};
-        bool spent = false;
-    };
-
-    struct Verdict {
-        uint64_t request;
-        Status status;
-    };
-
-    struct Reply {
-        Key key;
-        const ProtobufCMessageDescriptor *record;
-        std::optional<Verdict> verdict; // none: the entry is gone, and the record is to go
-    };
-
     // The tables as the store has them, of one application or whole.
     struct Snapshot {
         std::map<Key, Requested> records;
@@ -82,20 +65,13 @@ class Node {
     };
 
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
-    static int32_t on_commit(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
+    static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_leftover(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
 
     int subscribe();
     void take_up_installed();
     void take_changes();
-    void arm(Timer &timer, milliseconds delay);
-
-    void take_marker(const std::string &app, const ProtobufCMessage &record, bool deleted);
-    void open_commit(const std::string &app, uint64_t seconds);
-    void finish_commit(const std::string &app, bool stands);
-    void end_commits();
-    bool staged(const std::string &app);
 
     bool clear_leftovers(const Snapshot &snapshot);
     void compare();
@@ -106,13 +82,8 @@ class Node {
     void make(std::vector<Change> changes);
     bool needs_plane(const Change &change);
     void settle(const Change &change, const Answer &answer);
+    bool current(const Key &key, uint64_t request) const;
 
-    void send_replies();
-    void schedule_replies(milliseconds pause);
-    void take_answers();
-    void forget(const Key &key);
-    bool outdated(const Reply &reply) const;
-    int write(const Reply &reply);
     void beat();
     void publish_counters();
     int write(const Key &ace, const Counters &counters);
@@ -123,14 +94,11 @@ class Node {
     std::map<Key, Entry> entries_;
     std::vector<Change> inbox_;
     bool cleared_ = false; // what entries had left that went before this node was there
-    std::map<std::string, Commit> commits_;
-    std::set<std::string> unmarked_;             // applications that were looked up and have no enable marker
-    std::multimap<milliseconds, Reply> replies_; // by the time at which they are due
-    bool batching_ = false;
-    std::vector<Reply> sent_;           // in this batch
+    Commits commits_;
+    Outbox outbox_;
     std::map<Key, Counters> published_; // of each entry, what its counter record holds
     std::optional<Key> last_counted_;   // where the publication goes on
-    Timer inbox_timer_, compare_timer_, commit_timer_, reply_timer_, answer_timer_, heartbeat_timer_, counter_timer_;
+    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_;
 };
 
 } // namespace plx::plane

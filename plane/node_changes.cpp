@@ -68,7 +68,7 @@ void Node::drop_staged(std::vector<Change> &changes)
             return false;
         const std::string &app = application_of(change.key);
         if (!by_application.contains(app))
-            by_application[app] = staged(app);
+            by_application[app] = commits_.staged(app);
         return by_application[app];
     });
 }
@@ -86,7 +86,7 @@ bool Node::compare(const std::string *app)
 {
     Snapshot snapshot;
     if (!scan(app, snapshot)) {
-        arm(compare_timer_, options_.retry);
+        compare_timer_.start_unless_pending(options_.retry);
         return false;
     }
     make(differences(app, snapshot));
@@ -105,7 +105,7 @@ bool Node::clear_leftovers(const Snapshot &snapshot)
             if (record != nullptr && result == 0)
                 result = tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover,
                                           &look);
-    schedule_replies(milliseconds(0));
+    outbox_.schedule();
     return result == 0;
 }
 
@@ -114,7 +114,7 @@ int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void 
     const auto &[self, snapshot] = *static_cast<std::pair<Node *, const Snapshot *> *>(arg);
     const auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
     if (key && snapshot->lacks(*key))
-        self->replies_.emplace(now(), Reply{*key, notification->record->descriptor, std::nullopt});
+        self->outbox_.remove(*key, *notification->record->descriptor);
     return 0;
 }
 
@@ -171,7 +171,7 @@ void Node::make(std::vector<Change> changes)
         for (size_t i = 0; i < changes.size(); ++i)
             settle(changes[i], answers.at(i));
     }
-    send_replies();
+    outbox_.send();
 }
 
 // A request that was seen is done with. A new request for what is programmed already is only answered.
@@ -198,13 +198,18 @@ void Node::settle(const Change &change, const Answer &answer)
     if (!change.wanted) {
         entries_.erase(change.key);
         published_.erase(change.key);
-        forget(change.key);
+        outbox_.remove(change.key);
         return;
     }
     entries_[change.key] = {change.wanted->request, change.wanted->fingerprint(), answer.status};
     if (!answer.silent)
-        replies_.emplace(now() + answer.delay, Reply{change.key, tables()[change.key.index()].status,
-                                                     Verdict{change.wanted->request, answer.status}});
+        outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay);
+}
+
+bool Node::current(const Key &key, uint64_t request) const
+{
+    const auto entry = entries_.find(key);
+    return entry != entries_.end() && entry->second.request == request;
 }
 
 } // namespace plx::plane

@@ -36,6 +36,8 @@ class Timer {
 
     // Fires once after `interval`; a timer that is pending already is moved. False when the loop refuses it.
     bool start(milliseconds interval);
+    // The same, but a pending one is left as it is.
+    bool start_unless_pending(milliseconds interval) { return pending() || start(interval); }
     void cancel();
     bool pending() const { return thread_ != nullptr; }
 

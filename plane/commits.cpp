@@ -1,0 +1,127 @@
+// See commits.hpp.
+#include "plane/commits.hpp"
+
+#include "records/record.hpp"
+#include <algorithm>
+#include <optional>
+#include <plx/s_policy.pb-c.h>
+#include <utility>
+#include <vector>
+
+namespace plx::plane {
+
+namespace {
+
+constexpr uint64_t longest_seconds = 60;
+
+const SPolicy__AppCommit *marker_of(const tq_mom_notification &notification)
+{
+    const ProtobufCMessage *record = notification.record;
+    if (record == nullptr || notification.result != 0 || record->descriptor != &s_policy__app_commit__descriptor)
+        return nullptr;
+    const auto *marker = reinterpret_cast<const SPolicy__AppCommit *>(record);
+    return marker->index == nullptr || marker->index->apply_type == nullptr ? nullptr : marker;
+}
+
+} // namespace
+
+Commits::Commits(tq_context *context, uint32_t db, Make make)
+    : context_(context), db_(db), make_(std::move(make)), timer_(context->master, [this] { end_due(); })
+{
+}
+
+void Commits::take(const tq_mom_notification &notification)
+{
+    const SPolicy__AppCommit *marker = marker_of(notification);
+    const bool deleted = notification.event == TQ_MOM_EVENT_DELETED;
+    if (marker == nullptr || (!deleted && notification.event != TQ_MOM_EVENT_PUBLISHED))
+        return;
+    const std::string app = marker->index->apply_type;
+    switch (marker->index->commit_op_type) {
+    case S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE:
+        if (deleted)
+            finish(app, false);
+        else
+            open(app, marker->tm_val);
+        break;
+    case S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_PUBLISH:
+        if (!deleted)
+            finish(app, true);
+        break;
+    default:
+        break;
+    }
+}
+
+void Commits::forget()
+{
+    commits_.clear();
+}
+
+bool Commits::staged(const std::string &app)
+{
+    if (!commits_.contains(app))
+        look_up(app);
+    const auto commit = commits_.find(app);
+    return commit != commits_.end() && commit->second.state == State::staging;
+}
+
+// Once: what the application writes later is heard of.
+void Commits::look_up(const std::string &app)
+{
+    Record enable(s_policy__app_commit__descriptor);
+    enable.set_key_text(0, app.c_str());
+    enable.set_key_number(1, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
+    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_, db_, enable.message());
+    if (found != nullptr && found->status == 0) {
+        commits_[app] = {};
+        if (found->record != nullptr)
+            open(app, number_field(found->record, "tm_val"));
+    }
+    tq_mom_hash_res_free(found);
+}
+
+// A marker that is written again starts its seconds anew. Seconds beyond the bound that applications are held to are
+// cut to it.
+void Commits::open(const std::string &app, uint64_t seconds)
+{
+    commits_[app] = {State::staging, now() + std::chrono::seconds(std::min(seconds, longest_seconds))};
+    end_due();
+}
+
+// Makes what was staged. `stands`: the enable marker is still there, so that later changes are staged again.
+void Commits::finish(const std::string &app, bool stands)
+{
+    const auto commit = commits_.find(app);
+    if (commit == commits_.end())
+        return;
+    const bool staging = commit->second.state == State::staging;
+    if (!stands)
+        commit->second.state = State::none;
+    if (staging && !make_(app) && stands)
+        commits_[app].state = State::spent; // what is made later must not be taken for staged
+}
+
+// Makes what applications staged whose seconds have passed, and sets the timer for the next.
+void Commits::end_due()
+{
+    const milliseconds time = now();
+    std::vector<std::string> ended;
+    std::optional<milliseconds> next;
+    for (auto &[app, commit] : commits_) {
+        if (commit.state != State::staging)
+            continue;
+        if (commit.until <= time) {
+            commit.state = State::spent;
+            ended.push_back(app);
+        } else {
+            next = next ? std::min(*next, commit.until) : commit.until;
+        }
+    }
+    for (const std::string &app : ended)
+        make_(app);
+    if (next)
+        timer_.start(*next - time);
+}
+
+} // namespace plx::plane

@@ -1,0 +1,112 @@
+// See outbox.hpp.
+#include "plane/outbox.hpp"
+
+#include <algorithm>
+#include <tq_mom.h>
+#include <utility>
+
+namespace plx::plane {
+
+namespace {
+
+// Bounds, so that a node with a million entries still shows that it lives.
+constexpr size_t replies_per_batch = 1000;
+constexpr size_t answers_at_once = 16; // taken before more is sent: all of them would hold up what comes next
+constexpr milliseconds answer_pause{20};
+
+} // namespace
+
+Outbox::Outbox(tq_context *context, uint32_t db, milliseconds retry, Current current)
+    : context_(context), db_(db), retry_(retry), current_(std::move(current)),
+      send_timer_(context->master, [this] { send(); }), answer_timer_(context->master, [this] { take_answers(); })
+{
+}
+
+void Outbox::answer(const Key &key, uint64_t request, Status status, milliseconds delay)
+{
+    replies_.emplace(now() + delay, Reply{key, tables()[key.index()].status, Verdict{request, status}});
+}
+
+void Outbox::remove(const Key &key)
+{
+    const Table &table = tables()[key.index()];
+    for (const auto *told : {table.status, table.counters})
+        if (told != nullptr)
+            remove(key, *told);
+}
+
+void Outbox::remove(const Key &key, const ProtobufCMessageDescriptor &table)
+{
+    replies_.emplace(now(), Reply{key, &table, std::nullopt});
+}
+
+void Outbox::send()
+{
+    milliseconds pause{0};
+    if (sent_.size() >= answers_at_once)
+        take_answers();
+    if (!std::exchange(batching_, true))
+        tq_mom_batch_begin(context_);
+    while (!replies_.empty() && replies_.begin()->first <= now() && sent_.size() < replies_per_batch) {
+        Reply &reply = replies_.begin()->second;
+        const int result = send(reply);
+        if (result != 0 && result != TQ_MOM_INVALID) {
+            pause = retry_;
+            break;
+        }
+        if (result == 0)
+            sent_.push_back(std::move(reply));
+        replies_.erase(replies_.begin());
+    }
+    tq_mom_batch_send(context_);
+    if (sent_.size() >= replies_per_batch)
+        take_answers();
+    else
+        answer_timer_.start_unless_pending(answer_pause);
+    schedule(pause);
+}
+
+void Outbox::schedule()
+{
+    schedule(milliseconds(0));
+}
+
+void Outbox::schedule(milliseconds pause)
+{
+    if (!replies_.empty())
+        send_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
+}
+
+// An answer that the store did not take comes again later, behind the others. A removal does not: the entry may have
+// been made anew by then.
+void Outbox::take_answers()
+{
+    if (!std::exchange(batching_, false))
+        return;
+    std::vector<int> results(sent_.size());
+    tq_mom_batch_end(context_, results.data(), static_cast<uint32_t>(results.size()));
+    for (size_t i = 0; i < sent_.size(); ++i)
+        if (results[i] != 0 && sent_[i].verdict)
+            replies_.emplace(now() + retry_, std::move(sent_[i]));
+    sent_.clear();
+    schedule();
+}
+
+int Outbox::send(const Reply &reply)
+{
+    const bool outdated = reply.verdict && !current_(reply.key, reply.verdict->request);
+    return outdated ? TQ_MOM_INVALID : write(reply);
+}
+
+// Every node writes its own answer, also when the record says the same already: applications count the changes.
+int Outbox::write(const Reply &reply)
+{
+    Record record(*reply.table, reply.key);
+    if (!reply.verdict)
+        return tq_mom_del_sync(context_, db_, record.message());
+    record.set_number("p_status", static_cast<uint32_t>(reply.verdict->status));
+    record.set_number("rep_uuid", reply.verdict->request);
+    return tq_mom_set_sync(context_, db_, record.message());
+}
+
+} // namespace plx::plane

@@ -1,0 +1,63 @@
+// What a node tells the store about entries: its answers to requests, each when it is due, and the removal of what it
+// told about an entry that is gone.
+//
+// All that is due leaves in one batch, without waiting for the store's word on it, which is taken a moment later
+// (take_answers), in any case before the node writes anything else. Work between two looks at the event loop is
+// bounded.
+#pragma once
+
+#include "records/host.hpp"
+#include "records/record.hpp"
+#include "records/status.hpp"
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace plx::plane {
+
+class Outbox {
+  public:
+    // Whether a request is still the last one under a key: others are not answered any more.
+    using Current = std::function<bool(const Key &key, uint64_t request)>;
+
+    // The context outlives it. `retry`: the pause after a failed store call.
+    Outbox(tq_context *context, uint32_t db, milliseconds retry, Current current);
+
+    void answer(const Key &key, uint64_t request, Status status, milliseconds delay);
+    void remove(const Key &key); // all that was told about an entry
+    void remove(const Key &key, const ProtobufCMessageDescriptor &table);
+
+    void send();     // what is due, now
+    void schedule(); // the same, from the event loop
+
+    // Takes the store's word on what was sent.
+    void take_answers();
+
+  private:
+    struct Verdict {
+        uint64_t request;
+        Status status;
+    };
+
+    struct Reply {
+        Key key;
+        const ProtobufCMessageDescriptor *table;
+        std::optional<Verdict> verdict; // none: the entry is gone, and the record is to go
+    };
+
+    void schedule(milliseconds pause);
+    int send(const Reply &reply);
+    int write(const Reply &reply);
+
+    tq_context *context_;
+    uint32_t db_;
+    milliseconds retry_;
+    Current current_;
+    std::multimap<milliseconds, Reply> replies_; // by the time at which they are due
+    bool batching_ = false;
+    std::vector<Reply> sent_; // in this batch
+    Timer send_timer_, answer_timer_;
+};
+
+} // namespace plx::plane
