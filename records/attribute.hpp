@@ -2,7 +2,7 @@
 // attribute's value.
 //
 // An attribute's value is its form's bytes in network byte order; a match field whose form takes a mask may be twice
-// as long, value then mask. docs/attributes.md lists the same table for people.
+// as long, value then mask. docs/attributes.md shows the same to people.
 #pragma once
 
 #include <cstdint>
@@ -62,6 +62,7 @@ struct Form {
     ValueKind kind;
     uint8_t bits; // of the value; the largest number is 2^bits - 1
     bool mask;    // value/mask may be given
+    std::string_view meaning;
     NameSet names = NameSet::none;
 
     uint32_t bytes() const; // of the value alone
