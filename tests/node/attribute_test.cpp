@@ -4,7 +4,7 @@
 #include "world.hpp"
 #include <algorithm>
 
-namespace plx::plane {
+namespace plx {
 namespace {
 
 TEST(AttributeForms, are_the_rows_of_the_three_name_tables)
@@ -33,8 +33,8 @@ TEST(AttributeForms, hold_every_word_in_their_bits)
 
 TEST(Unpack, gives_each_attribute_in_order)
 {
-    auto bytes = packed(0x1101, {10, 0, 0, 1});
-    const auto verdict = packed(0x0202, {1});
+    auto bytes = plane::packed(0x1101, {10, 0, 0, 1});
+    const auto verdict = plane::packed(0x0202, {1});
     bytes.insert(bytes.end(), verdict.begin(), verdict.end());
     const auto attributes = unpack(bytes);
     ASSERT_TRUE(attributes.has_value());
@@ -48,7 +48,7 @@ TEST(Unpack, gives_each_attribute_in_order)
 
 TEST(Unpack, refuses_lengths_that_do_not_add_up)
 {
-    auto bytes = packed(0x1101, {10, 0, 0, 1});
+    auto bytes = plane::packed(0x1101, {10, 0, 0, 1});
     for (size_t size = 1; size < bytes.size(); ++size)
         EXPECT_FALSE(unpack(std::span(bytes).first(size)).has_value()) << size;
     std::fill_n(bytes.begin() + 4, 4, uint8_t{0xff}); // a length of 2^32 - 1
@@ -78,4 +78,4 @@ TEST(FormOf, goes_by_class_id_and_length)
 }
 
 } // namespace
-} // namespace plx::plane
+} // namespace plx

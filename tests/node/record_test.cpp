@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <plx/s_policy.pb-c.h>
 
-namespace plx::plane {
+namespace plx {
 namespace {
 
 TEST(RecordKey, is_the_one_that_the_record_was_made_with)
@@ -71,4 +71,4 @@ TEST(Fingerprint, tells_contents_apart_and_requests_not)
 }
 
 } // namespace
-} // namespace plx::plane
+} // namespace plx

@@ -107,13 +107,6 @@ TEST(SimulatedPlane, follows_every_rule_that_matches)
     EXPECT_EQ(milliseconds(0), answers.at(3).delay);
 }
 
-TEST(SimulatedPlane, refuses_a_binding_of_a_kind_that_does_not_exist)
-{
-    SimulatedPlane plane({});
-    EXPECT_EQ(Status::ok, make(plane, wanted(PortBindKey{"edge", 1, 1, 3, 1})));
-    EXPECT_EQ(Status::out_of_range, make(plane, wanted(PortBindKey{"edge", 1, 1, 4, 1})));
-}
-
 TEST(StatusText, is_there_for_every_number)
 {
     EXPECT_EQ("table full", status_text(101));

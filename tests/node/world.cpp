@@ -19,6 +19,14 @@ std::string fresh_store(const std::string &options)
     return "mem:node-test-" + std::to_string(++count) + options;
 }
 
+Record marker(const std::string &app, uint32_t operation)
+{
+    Record record(s_policy__app_commit__descriptor);
+    record.set_key_text(0, app.c_str());
+    record.set_key_number(1, operation);
+    return record;
+}
+
 } // namespace
 
 std::ostream &operator<<(std::ostream &out, const Heard &heard)
@@ -80,19 +88,14 @@ void World::del(const Key &key)
 
 void World::set_marker(const std::string &app, uint32_t operation, uint32_t seconds)
 {
-    Record record(s_policy__app_commit__descriptor);
-    record.set_key_text(0, app.c_str());
-    record.set_key_number(1, operation);
+    Record record = marker(app, operation);
     record.set_number("tm_val", seconds);
     EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, record.message()));
 }
 
 void World::del_marker(const std::string &app, uint32_t operation)
 {
-    Record record(s_policy__app_commit__descriptor);
-    record.set_key_text(0, app.c_str());
-    record.set_key_number(1, operation);
-    EXPECT_EQ(0, tq_mom_del_sync(application_.get(), db, record.message()));
+    EXPECT_EQ(0, tq_mom_del_sync(application_.get(), db, marker(app, operation).message()));
 }
 
 bool World::run_until(const std::function<bool()> &condition)
