@@ -1,7 +1,7 @@
 // Compiled as the library is, apart from its callers, so that the message stands alone in the generated code.
 #include "probe.hpp"
 
-#include "fp_udp_dbg/channel.hpp"
+#include "fp_udp_dbg/channel/channel.hpp"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
 // What the files of this area share: the source path that they report under.
 #pragma once
 
-#include "../fp_udp_dbg/channel.hpp"
+#include "../fp_udp_dbg/channel/channel.hpp"
 
 namespace plx::acldb {
 

@@ -3,8 +3,8 @@
 // Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records: one takes eight system calls. The
 // directory is under /tmp, so nothing on the way to a file is followed if it is a link. Failures are reported and drop
 // the record, never the operation.
-#include "../fp_udp_dbg/channel.hpp"
-#include "../fp_udp_dbg/proc_name.hpp"
+#include "../fp_udp_dbg/channel/channel.hpp"
+#include "../fp_udp_dbg/channel/proc_name.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 // descriptors.
 #pragma once
 
-#include "../fp_udp_dbg/channel.hpp"
+#include "../fp_udp_dbg/channel/channel.hpp"
 
 #include <cstring>
 #include <plx/cache.h>

@@ -1,5 +1,5 @@
 // What an application calls first: the log and its level.
-#include "../fp_udp_dbg/proc_name.hpp"
+#include "../fp_udp_dbg/channel/proc_name.hpp"
 #include "area.hpp"
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // What the files of this area share: the source path that they report under, and times and ages on the monotonic clock.
 #pragma once
 
-#include "../fp_udp_dbg/channel.hpp"
+#include "../fp_udp_dbg/channel/channel.hpp"
 
 #include <tq_time.h>
 

@@ -10,18 +10,19 @@ import sys
 from includes import graph
 
 PUBLIC = {"include/", "platform/include/", "proto/"}
+GROUND = PUBLIC | {"app/fp_udp_dbg/channel/"}
 ROOMS = {
     "include/": set(),
     "platform/include/": set(),
     "proto/": set(),
-    "app/fp_udp_mgr/": PUBLIC | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/", "app/fp_udp_dbg/"},
-    "app/fp_udp_acldb/": PUBLIC | {"app/fp_udp_req_mng/", "app/fp_udp_dbg/"},
-    "app/fp_udp_req_mng/": PUBLIC | {"app/fp_udp_dbg/"},
-    "app/fp_udp_log/": PUBLIC | {"app/fp_udp_dbg/"},
+    "app/fp_udp_mgr/": GROUND | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/"},
+    "app/fp_udp_acldb/": GROUND | {"app/fp_udp_req_mng/"},
+    "app/fp_udp_req_mng/": GROUND,
+    "app/fp_udp_log/": GROUND,
     # The diagnostic channel is the ground, on which all stand. The commands are the roof: they read what the areas below
     # export, through the public headers, and nothing includes them.
-    "app/fp_udp_dbg/": PUBLIC,
-    "app/fp_udp_dbg/commands": PUBLIC | {"app/fp_udp_dbg/"},
+    "app/fp_udp_dbg/channel/": PUBLIC,
+    "app/fp_udp_dbg/commands/": GROUND,
     # The reference platform knows no record type, and its libraries know each other by their contracts alone.
     "platform/mom/": {"platform/include/"},
     "platform/time/": {"platform/include/"},

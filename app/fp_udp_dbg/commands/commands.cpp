@@ -2,8 +2,8 @@
 //
 // The roof of the library: reads what the areas below export, and nothing includes it. Commands run on the event loop
 // and print to standard output.
-#include "channel.hpp"
-#include "proc_name.hpp"
+#include "../channel/channel.hpp"
+#include "../channel/proc_name.hpp"
 
 #include <cstdlib>
 #include <cstring>
