@@ -6,7 +6,7 @@
 #include "area.hpp"
 #include "tables.hpp"
 
-#include "../fp_udp_req_mng/list.hpp"
+#include "../list.hpp"
 
 #include <cstdlib>
 #include <cstring>

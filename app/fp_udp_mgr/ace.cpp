@@ -2,7 +2,7 @@
 //
 // A failed write removes the ACE from the cache, also one that was there before. The outcome of a tracked write comes
 // later, from the event loop; an ACE that no port uses needs no confirmation and is answered at once.
-#include "../fp_udp_req_mng/list.hpp"
+#include "../list.hpp"
 #include "operations.hpp"
 #include "record.hpp"
 

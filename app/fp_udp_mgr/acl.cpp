@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <plx/diag.h>
 
-#include "../fp_udp_req_mng/list.hpp"
+#include "../list.hpp"
 
 namespace plx::mgr {
 namespace {

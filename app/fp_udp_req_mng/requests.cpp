@@ -8,8 +8,8 @@
 // therefore gets copies of what it is told, `stat` and `is_req` are set before it runs, and the ageing pass detaches a
 // request before it reports and never trusts a neighbour across the call: every removal corrects the walks under way.
 // What a callback writes is newer than the clock that the pass has read, and is left to the next one.
+#include "../list.hpp"
 #include "area.hpp"
-#include "list.hpp"
 
 #include <cstdlib>
 #include <plx/request.h>

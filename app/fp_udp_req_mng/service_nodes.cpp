@@ -1,9 +1,9 @@
 // The forwarding plane's service nodes: those heard from recently. Their number is how many answers a request needs.
 //
 // A node is known by its first record, refreshed by each further one, and leaves by silence alone.
+#include "../list.hpp"
 #include "area.hpp"
 #include "descriptor.hpp"
-#include "list.hpp"
 
 #include <cstdlib>
 #include <plx/request.h>

@@ -1,7 +1,7 @@
 // The library's two timers, one-shot, each inserting itself again once its work is done. The handle of a timer that has
 // fired is cleared here: a timer library may leave it, and refuse to insert what looks pending.
+#include "../list.hpp"
 #include "area.hpp"
-#include "list.hpp"
 
 #include <plx/request.h>
 

@@ -10,11 +10,12 @@ import sys
 from includes import graph
 
 PUBLIC = {"include/", "platform/include/", "proto/"}
-GROUND = PUBLIC | {"app/fp_udp_dbg/channel/"}
+GROUND = PUBLIC | {"app/list.hpp", "app/fp_udp_dbg/channel/"}
 ROOMS = {
     "include/": set(),
     "platform/include/": set(),
     "proto/": set(),
+    "app/list.hpp": {"include/"},
     "app/fp_udp_mgr/": GROUND | {"app/fp_udp_acldb/", "app/fp_udp_req_mng/", "app/fp_udp_log/"},
     "app/fp_udp_acldb/": GROUND | {"app/fp_udp_req_mng/"},
     "app/fp_udp_req_mng/": GROUND,
