@@ -4,7 +4,7 @@
 // later, from the event loop; an ACE that no port uses needs no confirmation and is answered at once.
 #include "../list.hpp"
 #include "operations.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 #include <cstdlib>
 #include <plx/diag.h>

@@ -1,6 +1,6 @@
 // ACL operations: written synchronously, answered by the store alone.
 #include "operations.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 #include <cstdlib>
 #include <plx/diag.h>

@@ -1,5 +1,5 @@
 // The registries that an application fills once at start-up: its application types, and the tables it offers as topics.
-#include "record.hpp"
+#include "store_record.hpp"
 
 #include <cstdlib>
 #include <libcgstctrl.h>

@@ -2,7 +2,7 @@
 //
 // An apply object is shorter than the cache's descriptor, so the cache always gets a descriptor made from it.
 #include "operations.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 #include <cstdlib>
 #include <plx/diag.h>

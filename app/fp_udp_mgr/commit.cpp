@@ -1,7 +1,7 @@
 // Commit markers: an application's enable marker, which bounds in seconds how long its changes may stay staged, and its
 // publish marker. The store's result is the operation's.
 #include "operations.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 namespace plx::mgr {
 namespace {

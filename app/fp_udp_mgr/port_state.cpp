@@ -4,7 +4,7 @@
 // record that every write resets and every removal deletes. Both records are always tried, and each failure has its own
 // text.
 #include "operations.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 namespace plx::mgr {
 namespace {

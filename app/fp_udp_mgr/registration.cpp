@@ -5,8 +5,8 @@
 // cache is in use from then on, and a second timer would be one too many. Subscriptions are made by every registration.
 // The databases differ: the security application's ACLs and ACEs always lie in 8, status and service nodes in the
 // registered one.
-#include "record.hpp"
 #include "status.hpp"
+#include "store_record.hpp"
 #include "synchronisation.hpp"
 
 #include <plx/diag.h>

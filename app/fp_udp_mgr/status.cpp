@@ -4,7 +4,7 @@
 // written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ: log
 // readers match them.
 #include "status.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 #include <plx/request.h>
 

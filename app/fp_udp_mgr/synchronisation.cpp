@@ -3,7 +3,7 @@
 // Nothing is written to the store from here, and a scan only adds to the cache. Records are others' work: a key may be
 // missing, its name missing or of any length.
 #include "synchronisation.hpp"
-#include "record.hpp"
+#include "store_record.hpp"
 
 namespace plx::mgr {
 namespace {
