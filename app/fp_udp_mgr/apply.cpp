@@ -4,7 +4,6 @@
 #include "operations.hpp"
 #include "store_record.hpp"
 
-#include <cstdlib>
 #include <plx/diag.h>
 #include <plx/request.h>
 
@@ -115,33 +114,6 @@ int32_t fail(const apply_call &call, int32_t fallback, int32_t result)
 using namespace plx::mgr;
 
 extern "C" {
-
-fp_udp_apply *fp_udp_alloc_apply(const fp_udp_apply_key *key)
-{
-    if (key == nullptr)
-        return nullptr;
-    auto *apply = static_cast<fp_udp_apply *>(std::calloc(1, sizeof(fp_udp_apply)));
-    fp_udp_ace_tlv *tlv = apply == nullptr ? nullptr : new_tlv();
-    if (tlv == nullptr) {
-        report<Error>("allc apply fail.\n");
-        std::free(apply);
-        return nullptr;
-    }
-    std::memcpy(apply->apply_type, key->apply_type, sizeof apply->apply_type);
-    apply->phyid = key->phyid;
-    apply->priority = key->priority;
-    apply->direction = key->direction;
-    apply->tlv = tlv;
-    return apply;
-}
-
-void fp_udp_free_apply(fp_udp_apply *apply)
-{
-    if (apply == nullptr)
-        return;
-    std::free(apply->tlv);
-    std::free(apply);
-}
 
 int32_t fp_udp_set_apply(void *ctx, const fp_udp_acl_info *acl, uint32_t acl_cls, const fp_udp_apply *apply)
 {

@@ -1,4 +1,4 @@
-// ACE objects and their attribute buffers: names become type words, values are packed behind each other.
+// The attribute buffers of ACEs and applies: names become type words, values are packed behind each other.
 //
 // A buffer is one heap block of exactly the header and its `len` data bytes; every append may move it. Lengths inside a
 // buffer are the application's word: whoever walks attributes stops at the buffer's end, whatever they claim.
@@ -182,32 +182,6 @@ static void fp_udp_push_attr(fp_udp_ace_tlv **tlv, fp_udp_attr attr)
     std::memcpy(grown->data + old_len, &header, sizeof header);
     std::memcpy(grown->data + old_len + sizeof header, attr.value, value_len);
     grown->len = static_cast<uint16_t>(old_len + sizeof header + value_len);
-}
-
-fp_udp_ace *fp_udp_alloc_ace(uint64_t sn, uint8_t default_ace)
-{
-    auto *ace = static_cast<fp_udp_ace *>(std::calloc(1, sizeof(fp_udp_ace)));
-    if (ace == nullptr) {
-        report<Error>("alloc ace fail, sn : %lld.\n", sn);
-        return nullptr;
-    }
-    ace->tlv = new_tlv();
-    if (ace->tlv == nullptr) {
-        report<Error>("alloc ace tlv fail, sn : %lld.\n", sn);
-        std::free(ace);
-        return nullptr;
-    }
-    ace->sn = sn;
-    ace->default_ace = default_ace;
-    return ace;
-}
-
-void fp_udp_free_ace(fp_udp_ace *ace)
-{
-    if (ace == nullptr)
-        return;
-    std::free(ace->tlv);
-    std::free(ace);
 }
 
 fp_udp_ace *fp_udp_copy_ace(const fp_udp_ace *old, int32_t whole, uint8_t *fwd_zero)
