@@ -1,18 +1,11 @@
 // Pending requests: one per ACE or apply node whose write the forwarding plane has yet to answer.
 //
-// A node and its request always point at each other. The list is ordered by first submission, oldest first. An outcome
-// leaves through judge() alone: whatever ends a request (reply, age, fewer service nodes), the application hears of it
-// once.
-//
-// The application's callbacks may delete, set or expire anything, the node being reported included. A callback
-// therefore gets copies of what it is told, `stat` and `is_req` are set before it runs, and the ageing pass detaches a
-// request before it reports and never trusts a neighbour across the call: every removal corrects the walks under way.
-// What a callback writes is newer than the clock that the pass has read, and is left to the next one.
-#include "../list.hpp"
+// A node and its request always point at each other. The list is ordered by first submission, oldest first. What ends a
+// request is in outcomes.cpp.
 #include "area.hpp"
+#include "pending.hpp"
 
 #include <cstdlib>
-#include <plx/request.h>
 
 extern "C" {
 constinit fp_udp_req_para g_req_para = {nullptr, nullptr, {&g_req_para.pending, &g_req_para.pending}};
@@ -21,235 +14,10 @@ constinit fp_udp_req_para g_req_para = {nullptr, nullptr, {&g_req_para.pending, 
 namespace plx::req {
 namespace {
 
-constexpr uint64_t ageing_seconds = 180;
-constexpr uint32_t visits_per_tick = 5000;
-constexpr int32_t aged = -9; // what the ageing pass judges with; never stored, never reported
-
-// A request as it is allocated: the exported part, and the number of the newest pass when it was added or refreshed.
-struct numbered_request {
-    fp_udp_req_node request;
-    uint64_t pass;
-};
-
-// One pass over the requests that are pending when it starts. Passes nest when a callback starts another.
-class pending_walk {
-  public:
-    pending_walk() : next_(g_req_para.pending.next), last_(g_req_para.pending.prev), outer_(innermost_)
-    {
-        number_ = ++begun_;
-        done_ = list::empty(g_req_para.pending);
-        innermost_ = this;
-    }
-    ~pending_walk() { innermost_ = outer_; }
-    pending_walk(const pending_walk &) = delete;
-    pending_walk &operator=(const pending_walk &) = delete;
-
-    fp_udp_req_node *next()
-    {
-        if (done_)
-            return nullptr;
-        fp_udp_list *at = next_;
-        pass_over(at);
-        return reinterpret_cast<fp_udp_req_node *>(at);
-    }
-
-    // True for what a callback has added or refreshed since this pass began.
-    bool precedes(const fp_udp_req_node &request) const
-    {
-        return reinterpret_cast<const numbered_request &>(request).pass >= number_;
-    }
-
-    static void stamp(fp_udp_req_node &request) { reinterpret_cast<numbered_request &>(request).pass = begun_; }
-
-    // Every walk steps off a request that is about to leave the list.
-    static void leave(fp_udp_list &links)
-    {
-        for (pending_walk *walk = innermost_; walk != nullptr; walk = walk->outer_)
-            walk->pass_over(&links);
-    }
-
-  private:
-    void pass_over(const fp_udp_list *at)
-    {
-        if (at == next_ && at == last_)
-            done_ = true;
-        else if (at == next_)
-            next_ = next_->next;
-        else if (at == last_)
-            last_ = last_->prev;
-    }
-
-    fp_udp_list *next_;
-    fp_udp_list *last_;
-    bool done_;
-    uint64_t number_;
-    pending_walk *outer_;
-    static inline uint64_t begun_ = 0; // passes, in the process's life
-    static inline pending_walk *innermost_ = nullptr;
-};
-
-// A node whose outcome a callback is hearing: a pass that the callback starts must not tell it once more.
-class telling {
-  public:
-    explicit telling(const void *node) : node_(node), outer_(innermost_) { innermost_ = this; }
-    ~telling() { innermost_ = outer_; }
-    telling(const telling &) = delete;
-    telling &operator=(const telling &) = delete;
-
-    static bool of(const void *node)
-    {
-        const telling *at = innermost_;
-        while (at != nullptr && at->node_ != node)
-            at = at->outer_;
-        return at != nullptr;
-    }
-
-  private:
-    const void *node_;
-    telling *outer_;
-    static inline telling *innermost_ = nullptr;
-};
-
-const fp_udp_acl_handler no_handler = {};
-
-const fp_udp_acl_handler &handler()
-{
-    return g_req_para.handler == nullptr ? no_handler : *g_req_para.handler;
-}
-
-// What a node waits for, and how its outcome is told: the two kinds of node behind one face.
-fp_udp_ace_info &state_of(fp_udp_ace_node &node)
-{
-    return node.ace;
-}
-
-fp_udp_apply_info &state_of(fp_udp_apply_node &node)
-{
-    return node.apply;
-}
-
 fp_udp_req_node *&request_of(uint8_t type, void *node)
 {
     return type == FP_UDP_REQ_ACE ? static_cast<fp_udp_ace_node *>(node)->req
                                   : static_cast<fp_udp_apply_node *>(node)->req;
-}
-
-void report_success(const fp_udp_ace_node &node)
-{
-    const fp_udp_ace_node told = node;
-    if (handler().ace_reply_ok_cb != nullptr)
-        handler().ace_reply_ok_cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.priv);
-}
-
-void report_success(const fp_udp_apply_node &node)
-{
-    const fp_udp_apply_node told = node;
-    if (handler().apply_reply_ok_cb != nullptr)
-        handler().apply_reply_ok_cb(g_req_para.g_ssd_fp_global, &told.acl, &told.apply, told.apply.priv);
-}
-
-void report_failure(const fp_udp_ace_node &node, diag::place at)
-{
-    if (handler().ace_fail_cb == nullptr)
-        return;
-    const fp_udp_ace_node told = node;
-    report<Error>(at, "service node reply set ace fail! app_type:%s acl_id:%d sn:%llx.\n", told.acl.app_type,
-                  told.acl.acl_id, told.ace.sn);
-    handler().ace_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.stat, told.ace.priv);
-}
-
-// "app:" is the applying type, "acl_type:" the ACL's: log readers match these labels.
-void report_failure(const fp_udp_apply_node &node, diag::place at)
-{
-    if (handler().apply_fail_cb == nullptr)
-        return;
-    const fp_udp_apply_node told = node;
-    const fp_udp_apply_info &apply = told.apply;
-    report<Error>(
-        at,
-        "reply apply failed! status:%d app:[%s] phyid:[0x%x] prior:[%u] direction:[%u] acl_type:[%s] acl_id:[%d].\n",
-        apply.stat, apply.apply_type, apply.phyid, apply.pri, apply.dir, told.acl.app_type, told.acl.acl_id);
-    handler().apply_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, &apply, apply.stat, apply.priv);
-}
-
-template <class State> bool answered_by_all(const State &state)
-{
-    return int32_t{state.req_count} >= g_fp_service.count;
-}
-
-template <class Node> void succeed(Node &node)
-{
-    state_of(node).stat = 0;
-    state_of(node).is_req = 1;
-    report_success(node);
-}
-
-template <class Node> void fail(Node &node, diag::place at)
-{
-    state_of(node).is_req = 1;
-    report_failure(node, at);
-}
-
-// An aged request without a recorded failure is a success: nodes speak up about what they cannot program.
-template <class Node> void judge_aged(Node &node, diag::place at)
-{
-    if (answered_by_all(state_of(node)) || state_of(node).stat == 0)
-        succeed(node);
-    else
-        fail(node, at);
-}
-
-template <class Node>
-void judge(Node &node, int32_t status, int32_t final, const char *function = __builtin_FUNCTION(),
-           int line = __builtin_LINE())
-{
-    const telling outcome(&node);
-    auto &state = state_of(node);
-    if (status == 0) {
-        ++state.req_count;
-        if (state.is_req == 0 && answered_by_all(state))
-            succeed(node);
-        return;
-    }
-    if (final != 0)
-        return judge_aged(node, {function, line});
-    state.stat = status;
-    fail(node, {function, line});
-}
-
-void detach(fp_udp_req_node *request)
-{
-    request_of(request->type, request->node) = nullptr;
-    pending_walk::leave(request->links);
-    list::unlink(request->links);
-    std::free(request);
-}
-
-bool answered_by_all(const fp_udp_req_node &request)
-{
-    return request.type == FP_UDP_REQ_ACE ? answered_by_all(static_cast<fp_udp_ace_node *>(request.node)->ace)
-                                          : answered_by_all(static_cast<fp_udp_apply_node *>(request.node)->apply);
-}
-
-// A node that its callback has written anew waits again, and is not.
-bool being_told(const fp_udp_req_node &request)
-{
-    const uint8_t is_req = request.type == FP_UDP_REQ_ACE
-                               ? static_cast<fp_udp_ace_node *>(request.node)->ace.is_req
-                               : static_cast<fp_udp_apply_node *>(request.node)->apply.is_req;
-    return is_req != 0 && telling::of(request.node);
-}
-
-// A request ends by its age, or in a forced pass by having answers enough. One that has no time yet begins to age now.
-bool is_due(fp_udp_req_node &request, const timeval &now, bool forced)
-{
-    if (forced && answered_by_all(request))
-        return true;
-    if (!known(now))
-        return false;
-    if (!known(request.time))
-        request.time = now;
-    return age_seconds(now, request.time) >= ageing_seconds;
 }
 
 // Starts a request's waiting, or starts it over.
@@ -259,7 +27,20 @@ void stamp(fp_udp_req_node &request)
     pending_walk::stamp(request);
 }
 
+bool acceptable(uint8_t type, const void *node)
+{
+    return (type == FP_UDP_REQ_ACE || type == FP_UDP_REQ_APPLY) && node != nullptr;
+}
+
 } // namespace
+
+void detach(fp_udp_req_node *request)
+{
+    request_of(request->type, request->node) = nullptr;
+    pending_walk::leave(request->links);
+    list::unlink(request->links);
+    std::free(request);
+}
 
 timeval time_now()
 {
@@ -280,34 +61,6 @@ uint64_t age_seconds(const timeval &now, const timeval &since)
 } // namespace plx::req
 
 using namespace plx::req;
-
-namespace {
-
-bool acceptable(uint8_t type, const void *node)
-{
-    return (type == FP_UDP_REQ_ACE || type == FP_UDP_REQ_APPLY) && node != nullptr;
-}
-
-void end_aged_ace(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
-{
-    auto *node = static_cast<fp_udp_ace_node *>(request->node);
-    report<Error>(plx::diag::place{function, line}, "Ace aged app:[%s] aclid:[%d] sn:[%u] sub_sn:[%u].\n",
-                  node->acl.app_type, node->acl.acl_id, static_cast<uint32_t>(node->ace.sn),
-                  static_cast<uint32_t>(node->ace.sn >> 32));
-    detach(request);
-    fp_udp_ace_req_stat_proc(node, aged, 1);
-}
-
-void end_aged_apply(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
-{
-    auto *node = static_cast<fp_udp_apply_node *>(request->node);
-    report<Error>(plx::diag::place{function, line}, "Apply aged app:[%s] phyid:[0x%x] prior:[%u] direction:[%u].\n",
-                  node->apply.apply_type, node->apply.phyid, node->apply.pri, node->apply.dir);
-    detach(request);
-    fp_udp_apply_req_stat_proc(node, aged, 1);
-}
-
-} // namespace
 
 extern "C" {
 
@@ -344,43 +97,6 @@ int32_t fp_udp_req_node_del(uint8_t type, void *node)
     if (fp_udp_req_node *request = request_of(type, node); request != nullptr)
         detach(request);
     return FP_UDP_OK;
-}
-
-int32_t fp_udp_ace_req_stat_proc(fp_udp_ace_node *node, int32_t status, int32_t final)
-{
-    if (node == nullptr) {
-        report<Error>("ace_node is NULL.");
-        return FP_UDP_INVALID;
-    }
-    judge(*node, status, final);
-    return FP_UDP_OK;
-}
-
-int32_t fp_udp_apply_req_stat_proc(fp_udp_apply_node *node, int32_t status, int32_t final)
-{
-    if (node == nullptr) {
-        report<Error>("apply_node is NULL.");
-        return FP_UDP_INVALID;
-    }
-    judge(*node, status, final);
-    return FP_UDP_OK;
-}
-
-void fp_udp_req_check_proc(int32_t force)
-{
-    const timeval now = time_now();
-    pending_walk walk;
-    for (uint32_t visits = 0; force == 1 || visits < visits_per_tick; ++visits) {
-        fp_udp_req_node *request = walk.next();
-        if (request == nullptr)
-            return;
-        if (walk.precedes(*request) || !is_due(*request, now, force == 1) || being_told(*request))
-            continue;
-        if (request->type == FP_UDP_REQ_ACE)
-            end_aged_ace(request);
-        else
-            end_aged_apply(request);
-    }
 }
 
 } // extern "C"
