@@ -2,7 +2,6 @@
 #include "redis_engine.hpp"
 
 #include "redis_reader.hpp"
-#include "report.hpp"
 
 #include <algorithm>
 #include <utility>
