@@ -42,7 +42,7 @@ fp_udp_apply_info make_apply_info(const std::string &apply_type, uint32_t phyid,
 
 // The library under test with everything registered the short way. The fakes' recordings start empty after start().
 class library_case : public testing::Test {
-  protected:
+  public:
     library_case();
     ~library_case() override;
 

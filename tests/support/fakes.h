@@ -36,6 +36,22 @@ std::string format(const char *form, ...) __attribute__((format(printf, 1, 2)));
 // "ace[my_app,1,7]": the table and the key.
 std::string address(const ProtobufCMessage &record);
 
+// A record as somebody else writes it: its table, its key's fields in their order, and others by name; bytes as digits.
+// "null" is no text; no fields at all are no key.
+class record {
+  public:
+    record(const std::string &table, const lines &key, const std::map<std::string, std::string> &fields = {});
+    operator const ProtobufCMessage *() const { return message_; }
+    const ProtobufCMessage &operator*() const { return *message_; }
+
+  private:
+    ProtobufCMessage *make(const ProtobufCMessageDescriptor *descriptor);
+    void put(ProtobufCMessage *message, const ProtobufCFieldDescriptor &field, const std::string &text);
+    std::deque<std::vector<uint64_t>> spaces_;
+    std::deque<std::string> texts_;
+    ProtobufCMessage *message_;
+};
+
 // Results handed out one by one, and 0 after the last.
 struct results : std::deque<int> {
     using std::deque<int>::deque;
@@ -178,8 +194,8 @@ class failing_allocation {
 
 // Of this process, and a few for the counting.
 size_t open_files();
-// False: system() does nothing, and succeeds.
-extern bool runs_commands;
+// What system() was asked for; it does nothing, and succeeds.
+extern lines commands;
 
 // Makes the n-th file call that libplx itself makes fail with an error, or all from there on, while an instance lives;
 // `short_count` instead of an error lets a read or write pass one byte. n = 0 only counts.

@@ -46,7 +46,7 @@ static std::string actual(const char *path)
     return text;
 }
 
-bool runs_commands = true;
+lines commands;
 size_t open_files()
 {
     size_t count = 0;
@@ -207,9 +207,9 @@ ssize_t write(int file, const void *bytes, size_t size)
 
 int system(const char *command)
 {
+    fake::commands.push_back(command);
     REFUSE("system", 256)
-    static const auto real = REAL(system, "system");
-    return fake::runs_commands ? real(command) : 0;
+    return 0;
 }
 
 } // extern "C"

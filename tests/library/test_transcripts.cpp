@@ -1,0 +1,235 @@
+// Transcripts: what the library answers, writes, says and tells, verb by verb, as text in transcripts/*.txt.
+//
+// A file is a number of scenarios, each a test of its own, in a process of its own:
+//     start                              before every scenario of the file
+//     == a_set_caches_and_writes
+//     set acl[my_app,4] priv=40          a verb (verbs.h); {a,b}, {a,b|c,d} and {1..9} make several of one
+//         = 0                            what came of it: its result, what was shown or printed, store calls, log
+//         store hmset 5 acl[my_app,4] …  lines, timers, and what the application was told
+//     set acl[my_app,4] ! hmset=9        with the store's next hmset failing; also memory=2, the second allocation,
+//                                        timer=, topic=, shell=; level= and switch= for this line
+//     quiet set ace[my_app,4,{1..99}]    only its effect counts
+//
+// PLX_ACCEPT=1 ctest -R transcripts: writes what came instead of comparing it, for a diff to be reviewed.
+#include "verbs.h"
+
+#include <optional>
+#include <regex>
+
+namespace {
+
+const std::string heading = "== ", came = "    ", expansion = "  > ";
+
+// What varies between runs, and what is long, in a word.
+std::string readable(std::string text, const std::string &process)
+{
+    for (size_t at; (at = text.find(process)) != std::string::npos;)
+        text.replace(at, process.size(), "PROCESS");
+    const std::string own = fake::format("%p", static_cast<void *>(&context));
+    for (size_t at; (at = text.find(own)) != std::string::npos;)
+        text.replace(at, own.size(), "CONTEXT");
+    static const std::regex pointer("0x[0-9a-f]{8,}"), line("\\[[0-9]+\\]:");
+    text = std::regex_replace(std::regex_replace(text, pointer, "POINTER"), line, "[LINE]:");
+    std::string shorter; // a long run of a character is "x*32"
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find_first_not_of(text[at], at), text.size()), length = end - at;
+        shorter += length > 30 ? text.substr(at, 1) + "*" + std::to_string(length) : text.substr(at, length);
+        at = end;
+    }
+    text = shorter;
+    for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos;)
+        text.replace(at, 1, "\\n");
+    return text;
+}
+
+// A line with a brace as the lines that it stands for.
+script expanded(const std::string &line)
+{
+    const size_t open = line.find('{'), close = line.find('}');
+    if (open == std::string::npos || close == std::string::npos)
+        return {line};
+    const std::string inside = line.substr(open + 1, close - open - 1);
+    script choices, all;
+    if (const size_t dots = inside.find(".."); dots != std::string::npos)
+        for (long n = std::stol(inside); n <= std::stol(inside.substr(dots + 2)); n++)
+            choices.push_back(std::to_string(n));
+    else
+        for (std::istringstream list(inside); list;)
+            if (std::string choice; std::getline(list, choice, inside.find('|') == inside.npos ? ',' : '|'))
+                choices.push_back(choice);
+    for (const std::string &choice : choices)
+        for (const std::string &one : expanded(line.substr(0, open) + choice + line.substr(close + 1)))
+            all.push_back(one);
+    return all;
+}
+
+class transcript : public session {
+  public:
+    transcript(std::string path, std::string name) : path_(std::move(path)), name_(std::move(name)) {}
+
+    void TestBody() override
+    {
+        script before, asked, got;
+        for (const std::string &line : section(before))
+            asked.push_back(line);
+        for (const std::string &line : before)
+            run(line, nullptr);
+        for (const std::string &line : asked) {
+            if (line[0] == ' ')
+                continue;
+            got.push_back(line);
+            run(line, &got);
+        }
+        if (getenv("PLX_ACCEPT"))
+            accept(got);
+        else
+            compare(asked, got);
+    }
+
+  private:
+    script section(script &before) const;
+    void run(const std::string &line, script *out);
+    void step(const std::string &line, script *out);
+    void collect(const std::string &result, const std::string &console, script *out);
+    void compare(const script &asked, const script &got) const;
+    void accept(const script &got) const;
+
+    const std::string path_, name_;
+};
+
+// The scenario's lines without blank ones, and those before the file's first.
+script transcript::section(script &before) const
+{
+    script mine;
+    std::string at;
+    for (const std::string &line : read_lines(path_))
+        if (line.compare(0, heading.size(), heading) == 0)
+            at = line.substr(heading.size());
+        else if (!line.empty() && (at == name_ || at.empty()))
+            (at.empty() ? before : mine).push_back(line);
+    return mine;
+}
+
+void transcript::run(const std::string &line, script *out)
+{
+    if (line[0] == '#')
+        return;
+    const bool quiet = line.compare(0, 6, "quiet ") == 0;
+    const script all = expanded(quiet ? line.substr(6) : line);
+    for (const std::string &one : all) {
+        if (out && !quiet && all.size() > 1)
+            out->push_back(expansion + one);
+        step(one, quiet ? nullptr : out);
+    }
+}
+
+void transcript::step(const std::string &line, script *out)
+{
+    const size_t mark = line.find(" ! ");
+    arguments faults(mark == std::string::npos ? "" : line.substr(mark + 3));
+    const std::map<std::string, fake::results &> doubles = {
+        {"timer", fake::clock.insertions}, {"topic", fake::topics.script}, {"shell", fake::shell.openings}};
+    const uint32_t level = g_policy_plx_zlog_level, bits = fp_udp_debug_sw;
+    std::optional<fake::failing_allocation> memory;
+    for (const auto &[name, values] : faults.options) {
+        fake::results results;
+        std::istringstream list(values);
+        for (std::string one; std::getline(list, one, ',');)
+            results.push_back(std::stoi(one, nullptr, 0));
+        if (name == "memory")
+            memory.emplace(results.front());
+        else if (name == "level" || name == "switch")
+            (name == "level" ? g_policy_plx_zlog_level : fp_udp_debug_sw) = static_cast<uint32_t>(results.front());
+        else if (const auto found = doubles.find(name); found != doubles.end())
+            found->second = results;
+        else
+            fake::store.script[name] = results;
+    }
+    std::string result;
+    const std::string console = printed([&] { result = perform(line.substr(0, mark)); });
+    memory.reset();
+    fake::store.script.clear();
+    if (faults.has("level"))
+        g_policy_plx_zlog_level = level;
+    if (faults.has("switch"))
+        fp_udp_debug_sw = bits;
+    collect(result, console, out);
+}
+
+void transcript::collect(const std::string &result, const std::string &console, script *out)
+{
+    const auto add = [&](const std::string &text) {
+        if (out)
+            out->push_back(came + readable(text, process));
+    };
+    const auto add_all = [&](const char *who, const lines &texts) {
+        for (const std::string &text : texts)
+            add(who + text);
+    };
+    if (!result.empty())
+        add(result);
+    add_all("", std::exchange(shown, {}));
+    std::istringstream printed_text(console);
+    for (std::string text; std::getline(printed_text, text);)
+        add("console " + text + "|");
+    add_all("store ", fake::store.take());
+    const std::vector<fake::log_line> kept = fake::log.kept;
+    add_all("log ", fake::log.take(levels));
+    if (levels.find('f') != std::string::npos)
+        for (const fake::log_line &one : kept)
+            add("by " + one.file + " " + one.func);
+    add_all("topics ", std::exchange(fake::topics.calls, {}));
+    add_all("timer ", std::exchange(fake::clock.inserted, {}));
+    add_all("system ", std::exchange(fake::commands, {}));
+    add_all("app ", app.take());
+    if (out && g_req_para.pending.next && g_fp_service.nodes.next)
+        if (const std::string fault = broken(); !fault.empty())
+            add("broken: " + fault);
+}
+
+void transcript::compare(const script &asked, const script &got) const
+{
+    const auto differs = std::mismatch(asked.begin(), asked.end(), got.begin(), got.end());
+    if (differs.first == asked.end() && differs.second == got.end())
+        return;
+    std::string last;
+    for (auto at = asked.begin(); at < differs.first; ++at)
+        if ((*at)[0] != ' ')
+            last = *at;
+    ADD_FAILURE() << path_ << ", " << name_ << ", after \"" << last
+                  << "\"\n  expected: " << (differs.first == asked.end() ? "nothing more" : *differs.first)
+                  << "\n  came:     " << (differs.second == got.end() ? "nothing more" : *differs.second);
+}
+
+void transcript::accept(const script &got) const
+{
+    const script all = read_lines(path_);
+    std::ofstream file(path_);
+    bool mine = false;
+    for (const std::string &line : all) {
+        const bool heads = line.compare(0, heading.size(), heading) == 0;
+        if (heads && mine)
+            file << "\n";
+        if (heads)
+            mine = line.substr(heading.size()) == name_;
+        if (heads || !mine)
+            file << line << "\n";
+        if (heads && mine)
+            for (const std::string &one : got)
+                file << one << "\n";
+    }
+}
+
+const bool registered = [] {
+    for (const auto &file : std::filesystem::directory_iterator(PLX_TRANSCRIPTS))
+        for (const std::string &line : read_lines(file.path()))
+            if (line.compare(0, heading.size(), heading) == 0)
+                testing::RegisterTest(file.path().stem().c_str(), line.substr(heading.size()).c_str(), nullptr, nullptr,
+                                      file.path().c_str(), 1,
+                                      [path = file.path().string(), name = line.substr(heading.size())]() -> session * {
+                                          return new transcript(path, name);
+                                      });
+    return true;
+}();
+
+} // namespace
