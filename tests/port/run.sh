@@ -1,14 +1,15 @@
 #!/bin/sh
-# run.sh SOURCE WORK: builds the library alone against the double of the platform in this folder, and runs a program on it.
+# run.sh SOURCE WORK: builds the library alone against the test doubles as a platform of their own, and runs a program on it.
 set -eu
 source=$1
 work=$2
-: "${CC:=cc}"
+: "${CC:=cc}" "${CXX:=c++}"
 rm -rf "$work"
 mkdir -p "$work"
 protobuf=$(pkg-config --cflags --libs libprotobuf-c)
 # shellcheck disable=SC2086 # flags are words
-$CC -shared -fPIC -Wall -Wextra -Werror -I"$source/platform/include" "$source/tests/port/double.c" -o "$work/libswitch_platform.so" $protobuf
+$CXX -std=c++20 -shared -fPIC -Wall -Wextra -Werror -I"$source/platform/include" -I"$source/tests" "$source/tests/port/platform.cpp" \
+    "$source/tests/support/store.cpp" "$source/tests/support/platform.cpp" -o "$work/libswitch_platform.so" $protobuf
 cmake -S "$source" -B "$work/build" -G Ninja -DPLX_PLATFORM=external -DPLX_PLATFORM_LIBRARIES="$work/libswitch_platform.so" >"$work/log"
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 # shellcheck disable=SC2086
