@@ -79,12 +79,19 @@ std::string not_a_number(NameSet set, std::string_view text)
     return close.empty() ? message : message + "; did you mean '" + std::string(close) + "'?";
 }
 
-Failure number_value(NameSet set, std::string_view text, uint32_t bits, uint64_t &number)
+bool word_or_number(NameSet set, std::string_view text, uint64_t &number)
 {
     const std::string folded = lower(text);
     if (const auto word = words_value(set, folded))
         number = *word;
-    else if (!parse_number(folded, number))
+    else
+        return parse_number(folded, number);
+    return true;
+}
+
+Failure number_value(NameSet set, std::string_view text, uint32_t bits, uint64_t &number)
+{
+    if (!word_or_number(set, text, number))
         return not_a_number(set, text);
     const uint64_t largest = bits >= 64 ? UINT64_MAX : (1ULL << bits) - 1;
     if (number > largest)
@@ -147,16 +154,18 @@ Failure put_upper_half(std::string_view text, Bytes &out)
 // A word may have hyphens of its own, so every hyphen is tried as the one between the ends.
 Failure put_range(const Form &form, std::string_view text, Bytes &out)
 {
+    constexpr size_t longest = 64; // two words
     uint64_t low = 0;
     uint64_t high = 0;
-    Failure failure = number_value(form.names, text, 16, low);
+    const auto take = [&form](std::string_view end, uint64_t &port) {
+        return word_or_number(form.names, end, port) && port <= UINT16_MAX;
+    };
+    bool found = take(text, low);
     high = low;
-    for (size_t at = text.find('-'); failure && at != std::string_view::npos; at = text.find('-', at + 1)) {
-        if (!number_value(form.names, text.substr(0, at), 16, low) &&
-            !number_value(form.names, text.substr(at + 1), 16, high))
-            failure.reset();
-    }
-    if (failure)
+    for (size_t at = text.size() > longest ? text.npos : text.find('-'); !found && at != text.npos;
+         at = text.find('-', at + 1))
+        found = take(text.substr(0, at), low) && take(text.substr(at + 1), high);
+    if (!found)
         return quoted(text) + " is not a range of ports such as 1024-65535";
     if (low > high)
         return quoted(text) + " begins after its end";
@@ -313,8 +322,14 @@ std::string_view nearest(std::string_view text, const std::vector<std::string_vi
     constexpr size_t longest = 64; // of a slip; longer text is none
     std::string_view best;
     size_t least = std::min<size_t>(3, text.size() / 3 + 1) + 1;
+    if (text.size() > longest)
+        return best;
+    const std::string folded = lower(text);
     for (const std::string_view candidate : candidates) {
-        const size_t distance = text.size() > longest ? least : edit_distance(lower(text), candidate);
+        const auto [shorter, longer] = std::minmax(folded.size(), candidate.size());
+        size_t distance = longer - shorter; // at least
+        if (distance < least)
+            distance = edit_distance(folded, candidate);
         if (distance < least) {
             best = candidate;
             least = distance;

@@ -21,6 +21,12 @@ constexpr size_t largest_file = 32U << 20U; // bytes
 constexpr size_t most_parts = 2'000'000;
 constexpr size_t deepest = 64;
 constexpr size_t longest_quote = 48; // characters of the text
+constexpr size_t longest_message = 200;
+
+std::string too_large()
+{
+    return "larger than " + std::to_string(largest_file >> 20U) + " MiB";
+}
 
 struct Refused : std::runtime_error {
     Refused(Position where, const std::string &why) : std::runtime_error(why), at(where) {}
@@ -32,13 +38,19 @@ Position position(const YAML::Mark &mark)
     return mark.is_null() ? Position{} : Position{mark.line + 1, mark.column + 1};
 }
 
-size_t count(const Part &part)
-{
-    size_t total = 1;
-    for (const Part &inner : part.parts)
-        total += count(inner);
-    return total;
-}
+// What a part holds with all that is in it, aliases replaced.
+struct Cost {
+    size_t parts = 1;
+    size_t text = 0;
+    size_t height = 0; // of what is nested in it
+
+    void contain(const Cost &inner)
+    {
+        parts += inner.parts;
+        text += inner.text;
+        height = std::max(height, inner.height + 1);
+    }
+};
 
 class TreeBuilder final : public YAML::EventHandler {
   public:
@@ -68,28 +80,35 @@ class TreeBuilder final : public YAML::EventHandler {
   private:
     struct Open {
         Part part;
+        Cost cost;
         YAML::anchor_t anchor;
+        Part::List items{};
+    };
+    struct Anchored {
+        Part part;
+        Cost cost;
     };
 
     void open(Part::Kind kind, Position at, YAML::anchor_t anchor)
     {
-        if (stack_.size() == deepest)
-            throw Refused(at, "nested too deeply");
-        spend(1, at);
-        stack_.push_back({{.kind = kind, .at = at}, anchor});
+        spend({.height = 1}, at);
+        stack_.push_back({{.kind = kind, .at = at}, {.height = 1}, anchor});
     }
 
     void close()
     {
         Open done = std::move(stack_.back());
         stack_.pop_back();
-        attach(std::move(done.part), done.anchor);
+        done.items.shrink_to_fit();
+        done.part.shared = std::make_shared<const Part::List>(std::move(done.items));
+        attach(std::move(done.part), done.cost, done.anchor);
     }
 
     void leaf(Part part, YAML::anchor_t anchor)
     {
-        spend(1, part.at);
-        attach(std::move(part), anchor);
+        const Cost cost{.text = part.text.size()};
+        spend(cost, part.at);
+        attach(std::move(part), cost, anchor);
     }
 
     // A copy stands where the alias stands, its parts where they were written.
@@ -98,32 +117,39 @@ class TreeBuilder final : public YAML::EventHandler {
         const auto named = anchored_.find(anchor);
         if (named == anchored_.end())
             throw Refused(at, "an alias to a part that holds it");
-        spend(count(named->second), at);
-        Part copy = named->second;
+        spend(named->second.cost, at);
+        Part copy = named->second.part;
         copy.at = at;
-        attach(std::move(copy), YAML::NullAnchor);
+        attach(std::move(copy), named->second.cost, YAML::NullAnchor);
     }
 
-    void attach(Part part, YAML::anchor_t anchor)
+    void attach(Part part, const Cost &cost, YAML::anchor_t anchor)
     {
         if (anchor != YAML::NullAnchor)
-            anchored_[anchor] = part;
-        if (stack_.empty())
+            anchored_[anchor] = {part, cost};
+        if (stack_.empty()) {
             root = std::move(part);
-        else
-            stack_.back().part.parts.push_back(std::move(part));
+            return;
+        }
+        stack_.back().cost.contain(cost);
+        stack_.back().items.push_back(std::move(part));
     }
 
-    void spend(size_t parts, Position at)
+    void spend(const Cost &cost, Position at)
     {
-        spent_ += parts;
-        if (spent_ > most_parts)
+        if (stack_.size() + cost.height > deepest)
+            throw Refused(at, "nested too deeply");
+        spent_.parts += cost.parts;
+        spent_.text += cost.text;
+        if (spent_.parts > most_parts)
             throw Refused(at, "the file has more than " + std::to_string(most_parts) + " parts");
+        if (spent_.text > largest_file)
+            throw Refused(at, "with its aliases replaced, the file is " + too_large());
     }
 
     std::vector<Open> stack_;
-    std::map<YAML::anchor_t, Part> anchored_;
-    size_t spent_ = 0;
+    std::map<YAML::anchor_t, Anchored> anchored_;
+    Cost spent_{.parts = 0};
 };
 
 // The text with bytes that a terminal might act on escaped.
@@ -148,17 +174,33 @@ std::string file_error(std::string_view what)
 
 } // namespace
 
+const Part::List &Part::parts() const
+{
+    static const List none;
+    return shared == nullptr ? none : *shared;
+}
+
+void Errors::add(Position at, std::string message)
+{
+    ++count_;
+    const auto place = std::upper_bound(errors_.begin(), errors_.end(), at,
+                                        [](Position before, const Error &error) { return before < error.at; });
+    errors_.insert(place, {at, std::move(message)});
+    if (errors_.size() > most_shown)
+        errors_.pop_back();
+}
+
 std::vector<std::string> Errors::lines(std::string_view file) const
 {
-    std::vector<Error> sorted = errors_;
-    std::stable_sort(sorted.begin(), sorted.end(), [](const Error &a, const Error &b) { return a.at < b.at; });
     std::vector<std::string> lines;
-    for (const Error &error : sorted) {
+    for (const Error &error : errors_) {
         std::string line(file);
         if (error.at.line != 0)
             line += ':' + std::to_string(error.at.line) + ':' + std::to_string(error.at.column);
         lines.push_back(line + ": " + error.message);
     }
+    if (count_ > errors_.size())
+        lines.push_back(std::string(file) + ": and " + std::to_string(count_ - errors_.size()) + " more");
     return lines;
 }
 
@@ -180,7 +222,7 @@ bool read_file(const std::string &path, std::string &content, Errors &errors)
     if (file.bad())
         errors.add({}, file_error("cannot be read"));
     else if (content.size() > largest_file)
-        errors.add({}, "larger than " + std::to_string(largest_file >> 20U) + " MiB");
+        errors.add({}, too_large());
     return errors.empty();
 }
 
@@ -197,7 +239,7 @@ bool parse_document(const std::string &content, Part &root, Errors &errors)
     } catch (const Refused &refused) {
         errors.add(refused.at, refused.what());
     } catch (const YAML::Exception &error) {
-        errors.add(position(error.mark), plain(error.msg)); // it may quote the file
+        errors.add(position(error.mark), plain(error.msg.substr(0, longest_message))); // it may quote the file
     }
     root = std::move(builder.root);
     return errors.empty();

@@ -1,10 +1,12 @@
 // A YAML document as a tree that knows where each of its parts stands in the file.
 //
 // The tree is built from the parser's events under limits, since a policy file may come from anywhere: bytes of the
-// file, depth, and parts after aliases have been replaced by copies of what they name.
+// file, depth, parts and their text. An alias shares the items of what it names and spends as if it had copied them, so
+// that a tree takes memory in proportion to its file, and reading it takes time within the limits.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,19 +22,28 @@ struct Position { // counted from 1; 0 stands for the file as a whole
 struct Part {
     enum class Kind : uint8_t { null, scalar, list, map };
 
+    using List = std::vector<Part>;
+
+    // Of a list: its items; of a map: key, value, key, value ...
+    const List &parts() const;
+
     Kind kind = Kind::null;
     Position at;
-    std::string text{};        // of a scalar
-    std::vector<Part> parts{}; // of a list: its items; of a map: key, value, key, value ...
+    std::string text{}; // of a scalar
+    std::shared_ptr<const List> shared{};
 };
 
-// What is wrong with a file. Errors are gathered, so that one run shows all of them.
+// What is wrong with a file. Errors are gathered, so that one run shows all of them, or the first of very many.
 class Errors {
   public:
-    void add(Position at, std::string message) { errors_.push_back({at, std::move(message)}); }
-    bool empty() const { return errors_.empty(); }
-    size_t size() const { return errors_.size(); }
-    // One "file:line:column: message" each, in the order of the file.
+    static constexpr size_t most_shown = 20;
+
+    void add(Position at, std::string message);
+    bool empty() const { return count_ == 0; }
+    size_t size() const { return count_; }
+    // There are as many as are shown: no trouble need be taken over another one's words.
+    bool full() const { return count_ >= most_shown; }
+    // One "file:line:column: message" each, in the order of the file, and how many more there are.
     std::vector<std::string> lines(std::string_view file) const;
 
   private:
@@ -40,7 +51,8 @@ class Errors {
         Position at;
         std::string message;
     };
-    std::vector<Error> errors_;
+    std::vector<Error> errors_; // the first in the file, in order
+    size_t count_ = 0;
 };
 
 // The text in quotes, with bytes that a terminal might act on escaped and cut where it gets long.

@@ -70,6 +70,7 @@ class Reader {
     std::map<uint32_t, Position> acls_;
     bool all_acls_known_ = true; // no ACL without a number
     std::vector<Binding> bindings_;
+    size_t ports_ = 0;                                                      // of all bindings
     std::map<std::tuple<uint32_t, uint32_t, uint32_t>, PolicyApply> bound_; // by ACL, port and priority
 };
 
@@ -118,8 +119,8 @@ void Reader::fields(const Part &map, std::string_view what, const std::vector<Fi
     if (map.kind != Part::Kind::map)
         return errors_.add(map.at, wrong_kind(what, "a map", map));
     std::map<std::string_view, Position> seen;
-    for (size_t i = 0; i + 1 < map.parts.size(); i += 2) {
-        const Part &key = map.parts[i];
+    for (size_t i = 0; i + 1 < map.parts().size(); i += 2) {
+        const Part &key = map.parts()[i];
         const auto field =
             std::find_if(fields.begin(), fields.end(), [&key](const Field &known) { return known.name == key.text; });
         if (field == fields.end())
@@ -127,7 +128,7 @@ void Reader::fields(const Part &map, std::string_view what, const std::vector<Fi
         else if (const auto [first, fresh] = seen.try_emplace(field->name, key.at); !fresh)
             errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first->second));
         else
-            field->read(map.parts[i + 1]);
+            field->read(map.parts()[i + 1]);
     }
     for (const Field &field : fields) {
         if (field.required && !seen.contains(field.name))
@@ -141,7 +142,7 @@ void Reader::unknown_key(const Part &key, std::string_view what, const std::vect
         return errors_.add(key.at, wrong_kind("a key", "a plain value", key));
     std::vector<std::string_view> names(fields.size());
     std::transform(fields.begin(), fields.end(), names.begin(), [](const Field &field) { return field.name; });
-    const std::string_view close = nearest(key.text, names);
+    const std::string_view close = errors_.full() ? "" : nearest(key.text, names);
     errors_.add(key.at, std::string(what) + " has no key " + quoted(key.text) +
                             (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));
 }
@@ -150,7 +151,7 @@ void Reader::items(const Part &list, std::string_view what, const std::function<
 {
     if (list.kind != Part::Kind::list)
         return errors_.add(list.at, wrong_kind(what, "a list", list));
-    for (const Part &item : list.parts)
+    for (const Part &item : list.parts())
         read(item);
 }
 
@@ -174,7 +175,7 @@ std::string Reader::name(const Part &part, std::string_view what)
     const auto unprintable = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
     if (std::any_of(value.begin(), value.end(), unprintable))
         errors_.add(part.at, std::string(what) + " has unprintable characters");
-    return std::string(value);
+    return std::string(value.substr(0, longest));
 }
 
 uint64_t Reader::number(const Part &part, std::string_view what, uint64_t largest)
@@ -294,12 +295,12 @@ void Reader::attributes(const Part &map, fp_udp_attr_class cls, PolicyEntry &ent
     if (map.kind != Part::Kind::map)
         return errors_.add(map.at, wrong_kind(class_name(cls), "a map", map));
     std::map<std::string_view, Position> seen;
-    for (size_t i = 0; i + 1 < map.parts.size(); i += 2) {
-        const Part &key = map.parts[i];
+    for (size_t i = 0; i + 1 < map.parts().size(); i += 2) {
+        const Part &key = map.parts()[i];
         if (const auto [first, fresh] = seen.try_emplace(key.text, key.at); !fresh)
             errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first->second));
         else
-            attribute(key, map.parts[i + 1], cls, entry);
+            attribute(key, map.parts()[i + 1], cls, entry);
     }
 }
 
@@ -326,7 +327,7 @@ void Reader::unknown_attribute(const Part &key, fp_udp_attr_class cls)
         else if (form.name == key.text)
             return errors_.add(key.at, message + ", but one under '" + std::string(class_name(form.cls)) + "'");
     }
-    const std::string_view close = nearest(key.text, names);
+    const std::string_view close = errors_.full() ? "" : nearest(key.text, names);
     errors_.add(key.at, message + (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));
 }
 
@@ -345,8 +346,12 @@ void Reader::apply(const Part &part)
             {"port", true, [&](const Part &value) { binding.ports = ports(value); }},
             {"direction", true, [&](const Part &value) { binding.apply.direction = direction(value); }},
             {"priority", false, into(binding.apply.priority, "the apply's priority")}});
-    if (known)
-        bindings_.push_back(std::move(binding));
+    if (!known)
+        return;
+    ports_ += binding.ports.size(); // an apply of a few bytes may have thousands
+    if (ports_ > most_applies)
+        return errors_.add(binding.apply.at, "more than " + std::to_string(most_applies) + " applies");
+    bindings_.push_back(std::move(binding));
 }
 
 std::vector<uint32_t> Reader::ports(const Part &part)
@@ -401,8 +406,6 @@ void Reader::bind()
                 errors_.add(binding.apply.at, "there is no " + acl + " in this policy");
             continue;
         }
-        if (policy_.applies.size() + binding.ports.size() > most_applies)
-            return errors_.add(binding.apply.at, "more than " + std::to_string(most_applies) + " applies");
         for (const uint32_t port : binding.ports)
             bind(binding.apply, port);
     }
