@@ -2,7 +2,7 @@
 #include "application.hpp"
 #include "commands.hpp"
 #include "plane/simulated/fleet.hpp"
-#include "records.hpp"
+#include "record_options.hpp"
 #include "records/host.hpp"
 #include "records/record.hpp"
 
@@ -336,6 +336,7 @@ Exit codes:
   0  everything is programmed or stored      3  some entries failed
   1  wrong usage                             4  some entries aged or timed out
   2  invalid file, nothing was written       5  store unreachable
+                                             6  the output could not be written
 
 Examples:
   plx apply policy.yaml

@@ -11,9 +11,10 @@ enum ExitCode : int {
     EXIT_DONE = 0,        // everything asked for is programmed or stored
     EXIT_USAGE = 1,       // the command line is wrong
     EXIT_BAD_FILE = 2,    // the policy file is invalid; nothing was written
-    EXIT_SOME_FAILED = 3, // the forwarding plane or the store refused some entries
+    EXIT_SOME_FAILED = 3, // the forwarding plane or the store refused some entries; some records cannot be read
     EXIT_NO_ANSWER = 4,   // some entries aged, or the time to wait ran out
-    EXIT_UNREACHABLE = 5  // the store cannot be reached, or went away
+    EXIT_UNREACHABLE = 5, // the store cannot be reached, or went away
+    EXIT_NO_OUTPUT = 6    // all went well, but what was to be printed of it could not be written
 };
 
 void add_apply_command(CLI::App &app, int &exit_code);

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <iostream>
 
 namespace {
 
@@ -27,12 +28,22 @@ int run(int argc, char **argv)
     return exit_code;
 }
 
+// What was printed may still be on its way to a full disk.
+int end(int exit_code)
+{
+    std::cout.flush();
+    if (std::cout && std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+        return exit_code;
+    std::cerr << "plx: the output cannot be written\n";
+    return exit_code == plx::tool::EXIT_DONE ? plx::tool::EXIT_NO_OUTPUT : exit_code;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     try {
-        return run(argc, argv);
+        return end(run(argc, argv));
     } catch (const std::exception &error) {
         std::fprintf(stderr, "plx: %s\n", error.what());
         return plx::tool::EXIT_USAGE;

@@ -1,8 +1,9 @@
 // `plx monitor`: every change of the store's records as it happens, until it is stopped.
 #include "commands.hpp"
-#include "records.hpp"
+#include "record_options.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
+#include "rows.hpp"
 #include "signals.hpp"
 
 #include <deque>
@@ -116,7 +117,7 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
     char time[30] = "";
     tq_time_2_string(time, sizeof time);
     Row row = {{"time", time}, {"event", event_name(change.event)}, {"table", table_name(*feed.table)}};
-    row.update(row_of(change.record, change.event != TQ_MOM_EVENT_DELETED));
+    row.update(row_of(change.record, options_.full, change.event != TQ_MOM_EVENT_DELETED));
     if (change.event == TQ_MOM_EVENT_STATUS && change.record != nullptr)
         row["outcome"] = status_text(static_cast<int32_t>(number_field(change.record, "p_status")));
     if (change.result != 0)
@@ -124,9 +125,9 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
     if (options_.json)
         print_json(row);
     else
-        print_line(row);
+        std::cout << line_of(row) << '\n';
     std::cout.flush();
-    if (++shown_ == options_.count)
+    if (++shown_ == options_.count || !std::cout)
         tq_loop_stop(context_->master);
 }
 

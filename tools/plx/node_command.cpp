@@ -5,7 +5,7 @@
 #include "commands.hpp"
 #include "plane/node.hpp"
 #include "plane/simulated/simulated.hpp"
-#include "records.hpp"
+#include "record_options.hpp"
 #include "records/host.hpp"
 #include "records/record.hpp"
 #include "signals.hpp"

@@ -1,11 +1,12 @@
 // `plx show`: what the store holds, as a table or as JSON.
 //
 // An ACE and an apply are shown with what the forwarding plane last said of them: the status record is read beside the
-// request.
+// request. What cannot be read is told, and the rest is shown.
 #include "commands.hpp"
-#include "records.hpp"
+#include "record_options.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
+#include "rows.hpp"
 
 #include <iostream>
 #include <memory>
@@ -13,6 +14,8 @@
 namespace plx::tool {
 
 namespace {
+
+constexpr uint64_t most_told = 20; // records that cannot be read
 
 class ShowRun {
   public:
@@ -27,7 +30,8 @@ class ShowRun {
 
     static int32_t on_status(void *, const tq_mom_notification *entry, void *arg);
     static int32_t on_record(void *, const tq_mom_notification *entry, void *arg);
-    int scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry);
+    void scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry);
+    bool readable(const tq_mom_notification &entry);
     std::string outcome(const ProtobufCMessage *record) const;
     void add(Row row);
 
@@ -37,7 +41,10 @@ class ShowRun {
     std::string table_; // the one that is being read
     std::map<Key, Status> statuses_;
     std::vector<Row> rows_;
+    std::string last_; // the record before the one at hand
     uint64_t unreadable_ = 0;
+    bool statuses_whole_ = true;
+    int result_ = 0; // the first failure of the store
 };
 
 int ShowRun::run()
@@ -46,30 +53,53 @@ int ShowRun::run()
     context_ = open_store("show", options_, exit_code);
     if (context_ == nullptr)
         return exit_code;
-    int result = kind_.status == nullptr ? 0 : scan(*kind_.status, &ShowRun::on_status);
+    if (kind_.status != nullptr) {
+        scan(*kind_.status, &ShowRun::on_status);
+        statuses_whole_ = result_ == 0 && unreadable_ == 0;
+    }
     for (const ProtobufCMessageDescriptor *table : kind_.tables)
-        if (result == 0)
-            result = scan(*table, &ShowRun::on_record);
+        scan(*table, &ShowRun::on_record);
     print_table(rows_);
-    if (unreadable_ != 0)
-        std::cerr << "plx show: " << unreadable_ << " records cannot be read\n";
-    if (result == 0)
-        return EXIT_DONE;
-    std::cerr << "plx show: store: " << tq_mom_strerror(result) << '\n';
-    return EXIT_UNREACHABLE;
+    if (unreadable_ > most_told)
+        std::cerr << "plx show: and " << unreadable_ - most_told << " more records cannot be read\n";
+    if (result_ != 0)
+        return EXIT_UNREACHABLE;
+    return unreadable_ == 0 ? EXIT_DONE : EXIT_SOME_FAILED;
 }
 
-int ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry)
+// A table that fails does not keep the others from being shown.
+void ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry)
 {
     table_ = table_name(table);
+    last_.clear();
     const Record whole(table);
-    return tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, on_entry, this);
+    const int result = tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, on_entry, this);
+    if (result == 0)
+        return;
+    std::cerr << "plx show: " << table_ << ": store: " << tq_mom_strerror(result) << '\n';
+    result_ = result_ == 0 ? result : result_;
+}
+
+// Records come in the order of their keys: one that comes without its own is behind the last.
+bool ShowRun::readable(const tq_mom_notification &entry)
+{
+    const std::string key = line_of(row_of(entry.record, false, false));
+    if (entry.record != nullptr)
+        last_ = key;
+    if (entry.record != nullptr && entry.result == 0)
+        return true;
+    if (++unreadable_ <= most_told) {
+        std::cerr << "plx show: " << table_ << ": "
+                  << (!key.empty() ? key : "the record " + (last_.empty() ? "at the start" : "behind " + last_))
+                  << " cannot be read: " << tq_mom_strerror(entry.result) << '\n';
+    }
+    return false;
 }
 
 int32_t ShowRun::on_status(void *, const tq_mom_notification *entry, void *arg)
 {
     auto *self = static_cast<ShowRun *>(arg);
-    if (entry->record == nullptr || entry->result != 0 || !self->options_.take(entry->record))
+    if (!self->readable(*entry) || !self->options_.take(entry->record))
         return 0;
     if (const auto key = key_of(entry->record))
         self->statuses_[*key] = {number_field(entry->record, "rep_uuid"),
@@ -80,16 +110,12 @@ int32_t ShowRun::on_status(void *, const tq_mom_notification *entry, void *arg)
 int32_t ShowRun::on_record(void *, const tq_mom_notification *entry, void *arg)
 {
     auto *self = static_cast<ShowRun *>(arg);
-    if (entry->record == nullptr || entry->result != 0) {
-        ++self->unreadable_;
-        return 0;
-    }
-    if (!self->options_.take(entry->record))
+    if (!self->readable(*entry) || !self->options_.take(entry->record))
         return 0;
     Row row = Row::object();
     if (self->kind_.tables.size() > 1)
         row["table"] = self->table_;
-    row.update(row_of(entry->record));
+    row.update(row_of(entry->record, self->options_.full));
     if (self->kind_.status != nullptr)
         row["outcome"] = self->outcome(entry->record);
     self->add(std::move(row));
@@ -101,6 +127,8 @@ std::string ShowRun::outcome(const ProtobufCMessage *record) const
 {
     const auto key = key_of(record);
     const auto found = key ? statuses_.find(*key) : statuses_.end();
+    if (found == statuses_.end() && !statuses_whole_)
+        return "unknown";
     if (found == statuses_.end() || found->second.reply != number_field(record, "req_uuid"))
         return "unanswered";
     return std::string(status_text(found->second.status));
@@ -131,7 +159,9 @@ void add_show_command(CLI::App &app, int &exit_code)
     options->add_to(*command);
     command->footer("Examples:\n"
                     "  plx show ace --app edge_filter --acl 10\n"
-                    "  plx show counters --json");
+                    "  plx show counters --json\n\n"
+                    "Of a long value the first bytes are shown, then how many more there are (with --json in the\n"
+                    "object's \"cut\", by column). Exit code 3: some records cannot be read; the rest is shown.");
     command->callback([options, what, &exit_code] { exit_code = ShowRun(*find_kind(*what), *options).run(); });
 }
 

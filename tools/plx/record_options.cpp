@@ -1,0 +1,117 @@
+// See record_options.hpp.
+#include "record_options.hpp"
+
+#include "commands.hpp"
+#include "field.hpp"
+
+#include <algorithm>
+#include <iostream>
+#include <plx/s_policy.pb-c.h>
+#include <tq_topics.pb-c.h>
+
+namespace plx::tool {
+
+namespace {
+
+// The names under which tables carry an application type, the ACL's number, and an entry's.
+constexpr const char *app_fields[] = {"t_app_type", "app_type", "t_apply_type", "apply_type"};
+
+uint64_t key_number(const ProtobufCMessage &key, const char *name, bool &has)
+{
+    const auto *field = find_field(*key.descriptor, name);
+    has = field != nullptr;
+    if (!has)
+        return 0;
+    return field->type == PROTOBUF_C_TYPE_UINT64 ? value_of<uint64_t>(key, *field) : value_of<uint32_t>(key, *field);
+}
+
+bool has_application(const ProtobufCMessage &key, const std::string &app)
+{
+    return std::any_of(std::begin(app_fields), std::end(app_fields), [&](const char *name) {
+        const auto *field = find_field(*key.descriptor, name);
+        const char *text = field == nullptr ? nullptr : value_of<const char *>(key, *field);
+        return text != nullptr && app == text;
+    });
+}
+
+} // namespace
+
+const std::vector<Kind> &kinds()
+{
+    static const std::vector<Kind> all = {
+        {"acl", {&s_policy__acl__descriptor}},
+        {"ace", {&s_policy__ace__descriptor}, &s_policy__ace_psta__descriptor},
+        {"apply", {&s_policy__apply__descriptor}, &s_policy__apply_psta__descriptor},
+        {"port",
+         {&s_policy__port_off__descriptor, &s_policy__port_off_psta__descriptor, &s_policy__uplink__descriptor,
+          &s_policy__uplink_psta__descriptor, &s_policy__svi_router__descriptor, &s_policy__svi_router_psta__descriptor,
+          &s_policy__port_bindinfo__descriptor, &s_policy__port_bindinfo_psta__descriptor}},
+        {"node", {&s_policy__service_node__descriptor}},
+        {"commit", {&s_policy__app_commit__descriptor}},
+        {"topic", {&topics__topic__descriptor}},
+        {"counters", {&s_policy__ace_counter__descriptor}},
+    };
+    return all;
+}
+
+const Kind *find_kind(const std::string &name)
+{
+    const auto kind = std::find_if(kinds().begin(), kinds().end(), [&](const Kind &k) { return k.name == name; });
+    return kind == kinds().end() ? nullptr : &*kind;
+}
+
+void RecordOptions::add_to(CLI::App &command)
+{
+    command.add_option("--store", store, "address of the store: unix:/path, redis://host:port")
+        ->envname("PLX_STORE")
+        ->capture_default_str();
+    command.add_option("--db", db, "number of the policy database")->capture_default_str();
+    command.add_option("--app", app, "only records of this application type")->each([this](const std::string &) {
+        by_app = true;
+    });
+    command.add_option("--acl", acl, "only records of the ACL with this number")->each([this](const std::string &) {
+        by_acl = true;
+    });
+    command.add_option("--sn", sn, "only the entry with this sequence number")->each([this](const std::string &) {
+        by_sn = true;
+    });
+    command.add_flag("--json", json, "one JSON object a line, for scripts");
+    command.add_flag("--full", full, "whole values, however long; else a value is cut, and said to be");
+}
+
+bool RecordOptions::take(const ProtobufCMessage *record) const
+{
+    const ProtobufCMessage *key = record == nullptr ? nullptr : key_of(*record);
+    if (key == nullptr)
+        return !by_app && !by_acl && !by_sn;
+    bool has = false;
+    return (!by_app || has_application(*key, app)) && (!by_acl || (key_number(*key, "acl_id", has) == acl && has)) &&
+           (!by_sn || (key_number(*key, "sn", has) == sn && has));
+}
+
+std::string shown_address(const std::string &store)
+{
+    std::string address = store.substr(0, store.find('?'));
+    const size_t scheme = address.find("://");
+    const size_t at = address.rfind('@');
+    if (scheme == std::string::npos || at == std::string::npos || at < scheme)
+        return address;
+    return address.substr(0, scheme + 3) + address.substr(at + 1);
+}
+
+Context open_store(const char *command, const RecordOptions &options, int &exit_code)
+{
+    Context context(tq_context_new(options.store.c_str()));
+    if (context == nullptr) {
+        std::cerr << "plx " << command << ": '" << shown_address(options.store) << "' is not the address of a store\n";
+        exit_code = EXIT_USAGE;
+    } else if (const int result = tq_mom_client_connect_sync(context.get(), options.db); result != 0) {
+        std::cerr << "plx " << command << ": store " << shown_address(options.store) << ": " << tq_mom_strerror(result)
+                  << '\n';
+        exit_code = EXIT_UNREACHABLE;
+        context.reset();
+    }
+    return context;
+}
+
+} // namespace plx::tool
