@@ -47,7 +47,7 @@ class RowMaker {
   public:
     explicit RowMaker(bool full) : full_(full) {}
     void add(const ProtobufCMessage &message);
-    Row row() const;
+    Row row();
 
   private:
     size_t shown(const std::string &column, size_t bytes, size_t longest);
@@ -61,12 +61,11 @@ class RowMaker {
     Row cut_ = Row::object();
 };
 
-Row RowMaker::row() const
+Row RowMaker::row()
 {
-    Row whole = row_;
     if (!cut_.empty())
-        whole[cut_column] = cut_;
-    return whole;
+        row_[cut_column] = std::move(cut_);
+    return std::move(row_);
 }
 
 // How many of a value's bytes are shown.
