@@ -8,7 +8,7 @@
 
 #include "ssat.h"
 #include "ssat_client.h"
-#include "tools/process.hpp"
+#include "support/process.hpp"
 #include "tq_context.h"
 #include "tq_loop.h"
 
@@ -17,11 +17,11 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -112,12 +112,11 @@ class server {
     {
         int fds[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-        fflush(nullptr);
-        pid = fork();
-        if (pid == 0) {
+        process_.emplace([&] {
             close(fds[0]);
             serve(module, fds[1], output, user);
-        }
+        });
+        pid = process_->pid();
         close(fds[1]);
         until_ = fds[0];
         EXPECT_EQ(read(until_, &error, sizeof error), static_cast<ssize_t>(sizeof error));
@@ -126,21 +125,14 @@ class server {
     server(const server &) = delete;
     server &operator=(const server &) = delete;
 
-    void crash()
-    {
-        kill(pid, SIGKILL);
-        stop();
-    }
-    // The process's wait status: 0 for an orderly end.
+    void crash() { process_.reset(); }
+    // 0 for an orderly end.
     int stop()
     {
-        int status = 0;
-        if (pid > 0) {
+        if (until_ >= 0)
             close(until_);
-            waitpid(pid, &status, 0);
-        }
-        pid = -1;
-        return status;
+        until_ = -1;
+        return process_ ? process_->wait() : 0;
     }
 
     pid_t pid;
@@ -148,6 +140,7 @@ class server {
 
   private:
     int until_;
+    std::optional<plx::tool::Process> process_;
 };
 
 struct connection {

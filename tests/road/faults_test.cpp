@@ -1,10 +1,8 @@
 // What goes wrong between processes: nodes killed, a store that is not there yet or goes away, users without rights.
 #include "road.hpp"
 
-#include <chrono>
 #include <csignal>
 #include <gmock/gmock.h>
-#include <thread>
 
 namespace plx::tool {
 namespace {
@@ -17,16 +15,14 @@ constexpr const char *denied = "the store refuses this user the operation";
 
 class Faults : public Road {
   protected:
-    // Waits until every entry's latest request has this outcome on record.
-    bool entries_become(const std::string &outcome)
+    // Waits until the latest requests of the first entries have this outcome on record, looking at each answer.
+    bool entries_become(const std::string &outcome, size_t first = 0, size_t last = 1)
     {
-        for (int i = 0; i < 100; ++i) {
+        const auto answers = background({"monitor", "ace"}, "plx-reader");
+        return answers->says("watching 2 tables") && answers->wait_for([&] {
             const auto entries = show({"ace"});
-            if (entries.size() == 2 && entries[0]["outcome"] == outcome && entries[1]["outcome"] == outcome)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        return false;
+            return entries.size() == 2 && entries[first]["outcome"] == outcome && entries[last]["outcome"] == outcome;
+        });
     }
 };
 
@@ -56,13 +52,7 @@ TEST_F(Faults, an_answer_that_the_store_does_not_take_comes_again_and_holds_no_o
     server_.run({"SET", status, "foreign"});
     const auto service = ready_node(1);
     const auto written = background(apply_arguments({"--nodes", "1"}), "plx-application");
-    const auto second_is_answered = [&] {
-        const auto entries = show({"ace"});
-        return entries.size() == 2 && entries[1]["outcome"] == "ok";
-    };
-    for (int i = 0; i < 100 && !second_is_answered(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_TRUE(second_is_answered());
+    EXPECT_TRUE(entries_become("ok", 1));
     EXPECT_TRUE(written->running()) << written->out();
     server_.run({"DEL", status});
     EXPECT_EQ(0, written->wait()) << written->err();
@@ -129,7 +119,7 @@ TEST_F(Faults, a_wrong_password_is_refused_without_waiting_and_stays_hidden)
     Arguments commands[] = {{"show", "acl"}, {"monitor"}, {"node"}, apply_arguments()};
     for (Arguments &arguments : commands) {
         arguments.insert(arguments.end(), {"--store", store});
-        const Result result = run_plx(arguments);
+        const Result result = run_program(PLX_PROGRAM, arguments);
         EXPECT_EQ(5, result.exit_code) << arguments[0];
         EXPECT_THAT(result.err, AllOf(HasSubstr(denied), testing::Not(HasSubstr("waiting")),
                                       testing::Not(HasSubstr("wrong-secret"))));

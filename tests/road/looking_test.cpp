@@ -45,7 +45,7 @@ class Looking : public Road {
         return result.out;
     }
 
-    std::unique_ptr<Background> node_;
+    std::unique_ptr<Process> node_;
 };
 
 TEST_F(Looking, show_tells_what_is_asked_for_and_what_was_answered)
@@ -100,6 +100,18 @@ TEST_F(Looking, show_refuses_what_there_is_not)
     const Result result = as("plx-reader", {"show", "aces"});
     EXPECT_EQ(1, result.exit_code);
     EXPECT_THAT(result.err, HasSubstr("there is nothing called 'aces'"));
+}
+
+TEST_F(Looking, show_tells_a_record_that_cannot_be_read_and_shows_the_rest)
+{
+    write_both();
+    const std::string second = "plx{8:ace}:edge,a1,a2";
+    ASSERT_EQ("1", server_.run({"DEL", second}));
+    server_.run({"SET", second, "foreign"});
+    const Result result = as("plx-reader", {"show", "ace"});
+    EXPECT_EQ(3, result.exit_code);
+    EXPECT_THAT(result.err, ContainsRegex("ace: the record behind t_app_type=edge acl_id=1 sn=1 cannot be read: .+"));
+    EXPECT_THAT(result.out, AllOf(ContainsRegex("edge +1 +1 "), ContainsRegex("other +2 +9 ")));
 }
 
 TEST_F(Looking, monitor_tells_each_change_of_an_application_as_an_object)

@@ -22,19 +22,19 @@ std::map<std::string, std::string> Road::environment(const std::string &user) co
     return {{"PLX_STORE", server_.url(user)}};
 }
 
-std::unique_ptr<Background> Road::background(const Arguments &arguments, const std::string &user)
+std::unique_ptr<Process> Road::background(const Arguments &arguments, const std::string &user)
 {
-    return std::make_unique<Background>(PLX_PROGRAM, arguments, environment(user));
+    return std::make_unique<Process>(PLX_PROGRAM, arguments, environment(user));
 }
 
-std::unique_ptr<Background> Road::node(int slot, const Arguments &more, const std::string &user)
+std::unique_ptr<Process> Road::node(int slot, const Arguments &more, const std::string &user)
 {
     Arguments arguments = {"node", "--slot", std::to_string(slot)};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return background(arguments, user);
 }
 
-std::unique_ptr<Background> Road::ready_node(int slot, const Arguments &more)
+std::unique_ptr<Process> Road::ready_node(int slot, const Arguments &more)
 {
     auto started = node(slot, more);
     EXPECT_TRUE(started->says("ready")) << started->err();
@@ -55,7 +55,7 @@ Result Road::apply(const Arguments &more, const std::string &policy)
 
 Result Road::as(const std::string &user, const Arguments &arguments)
 {
-    return run_plx(arguments, environment(user));
+    return run_program(PLX_PROGRAM, arguments, environment(user));
 }
 
 std::vector<nlohmann::json> Road::show(const Arguments &what)

@@ -1,7 +1,6 @@
 // What the cases of this room share: a server, nodes, and plx as the user that each of its commands is made for.
 #pragma once
 
-#include "background.hpp"
 #include "store/redis_server.hpp"
 #include <gtest/gtest.h>
 #include <memory>
@@ -16,10 +15,10 @@ class Road : public testing::Test {
     using Arguments = std::vector<std::string>;
 
     // A node on the slot of that number; it need not be ready yet.
-    std::unique_ptr<Background> node(int slot, const Arguments &more = {}, const std::string &user = "plx-node");
+    std::unique_ptr<Process> node(int slot, const Arguments &more = {}, const std::string &user = "plx-node");
     // The same, ready.
-    std::unique_ptr<Background> ready_node(int slot, const Arguments &more = {});
-    std::unique_ptr<Background> background(const Arguments &arguments, const std::string &user);
+    std::unique_ptr<Process> ready_node(int slot, const Arguments &more = {});
+    std::unique_ptr<Process> background(const Arguments &arguments, const std::string &user);
 
     // plx apply of `policy`, by an application.
     Arguments apply_arguments(const Arguments &more = {}, const std::string &policy = edge_policy);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <random>
@@ -49,16 +50,22 @@ TEST_F(crash, a_server_killed_under_load_loses_nothing_and_tells_each_change_onc
     requests expected;
     uint64_t last = 0;
     for (int time = 0; time < 20; ++time) {
-        std::thread killer([&, pause = 1 + random() % 20] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(pause));
+        std::atomic<uint64_t> written = 0;
+        std::thread killer([&, enough = 1 + random() % 20] {
+            for (uint64_t now = 0; (now = written) < enough;)
+                written.wait(now);
             server.signal(SIGKILL);
         });
         uint64_t sn = random() % 50;
         while (put_ace(sn, ++last) == TQ_MOM_OK) {
             expected[sn] = last;
             acknowledged.push_back(last);
+            ++written;
+            written.notify_one();
             sn = random() % 50;
         }
+        written = UINT64_MAX;
+        written.notify_one();
         killer.join();
         server.crash();
         server.start();

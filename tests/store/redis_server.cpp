@@ -1,20 +1,13 @@
 // See redis_server.hpp.
 #include "redis_server.hpp"
 
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <hiredis/hiredis.h>
 #include <memory>
 #include <netinet/in.h>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -59,54 +52,42 @@ std::string ask(redisContext *context, const std::vector<std::string> &command)
 
 redis_server::redis_server()
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "plx-store-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-        throw std::runtime_error("no temporary directory");
-    directory_ = pattern;
-    socket_ = directory_ + "/store.sock";
     configure();
-}
-
-redis_server::~redis_server()
-{
-    crash();
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
 }
 
 // What is shipped, with the paths of this server and one user more.
 void redis_server::configure() const
 {
-    std::ofstream(directory_ + "/acl")
+    std::ofstream(directory() + "/acl")
         << std::ifstream(PLX_REDIS_CONFIG "/plx-store.acl").rdbuf()
         << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time +client|id "
            "+client|unblock +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget "
            "+hexists +hlen +hset +hsetnx +hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread "
            "+xrange +xrevrange +xinfo|stream\n";
     std::ifstream shipped(PLX_REDIS_CONFIG "/plx-store.conf");
-    std::ofstream config(directory_ + "/conf");
+    std::ofstream config(directory() + "/conf");
     for (std::string line; std::getline(shipped, line);)
         if (!line.starts_with("dir ") && !line.starts_with("unixsocket ") && !line.starts_with("aclfile "))
             config << line << "\n";
-    config << "dir " << directory_ << "\nunixsocket " << socket_ << "\naclfile " << directory_ << "/acl\nlogfile "
-           << directory_ << "/log\n";
+    config << "dir " << directory() << "\nunixsocket " << socket_ << "\naclfile " << directory() << "/acl\nlogfile "
+           << directory() << "/log\n";
 }
 
 void redis_server::start(const std::vector<std::string> &options, const std::string &answer)
 {
-    std::vector<std::string> words = {"redis-server", directory_ + "/conf"};
+    std::vector<std::string> words = {directory() + "/conf"};
     words.insert(words.end(), options.begin(), options.end());
-    launch(std::move(words), answer);
+    launch(words, answer);
 }
 
 void redis_server::start_sentinel(const std::string &port, const std::string &master)
 {
-    const std::string file = directory_ + "/sentinel.conf";
-    std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory_ << "\nunixsocket " << socket_
-                        << "\nlogfile " << directory_ << "/log\nsentinel monitor policy 127.0.0.1 " << master
+    const std::string file = directory() + "/sentinel.conf";
+    std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory() << "\nunixsocket " << socket_
+                        << "\nlogfile " << directory() << "/log\nsentinel monitor policy 127.0.0.1 " << master
                         << " 1\nsentinel auth-user policy plx-operator\nsentinel auth-pass policy change-me-operator\n"
                         << "sentinel down-after-milliseconds policy 300\nsentinel failover-timeout policy 2000\n";
-    launch({"redis-server", file, "--sentinel"}, "PONG");
+    launch({file, "--sentinel"}, "PONG");
 }
 
 std::string redis_server::free_port()
@@ -124,24 +105,11 @@ std::string redis_server::free_port()
     return std::to_string(ntohs(address.sin_port));
 }
 
-void redis_server::launch(std::vector<std::string> words, const std::string &answer)
+void redis_server::launch(const std::vector<std::string> &words, const std::string &answer)
 {
-    std::vector<char *> arguments;
-    for (auto &word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is killed leaves no server behind
-        if (getppid() == parent)
-            execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
+    process_.emplace("redis-server", words);
     const auto answers = [&] { return run({"PING"}).starts_with(answer); };
-    for (int i = 0; i < 2000 && !answers() && waitpid(pid_, nullptr, WNOHANG) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (!answers())
+    if (!process_->wait_for(answers, 20, directory()))
         throw std::runtime_error("the server does not answer");
 }
 
@@ -154,24 +122,9 @@ std::string redis_server::run(const std::vector<std::string> &command) const
     return ask(context.get(), command);
 }
 
-void redis_server::signal(int number) const
-{
-    if (pid_ > 0)
-        kill(pid_, number);
-}
-
-void redis_server::crash()
-{
-    if (pid_ <= 0)
-        return;
-    signal(SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = 0;
-}
-
 void redis_server::erase_data()
 {
-    for (const auto &entry : std::filesystem::directory_iterator(directory_))
+    for (const auto &entry : std::filesystem::directory_iterator(directory()))
         if (entry.path().filename().string().starts_with("appendonly") || entry.path().extension() == ".rdb")
             std::filesystem::remove_all(entry.path());
 }
@@ -184,7 +137,7 @@ std::string redis_server::url(const std::string &user, const std::string &option
 std::string redis_server::credentials(const std::string &user) const
 {
     const std::string password = user == "suite" ? "suite" : "change-me-" + user.substr(user.find('-') + 1);
-    const std::string file = directory_ + "/" + user + ".password";
+    const std::string file = directory() + "/" + user + ".password";
     std::ofstream(file) << password << "\n";
     return "user=" + user + "&password-file=" + file;
 }

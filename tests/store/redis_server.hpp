@@ -4,16 +4,15 @@
 #ifndef STORE_REDIS_SERVER_HPP
 #define STORE_REDIS_SERVER_HPP
 
+#include "support/process.hpp"
+
+#include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 class redis_server {
   public:
     redis_server();
-    ~redis_server();
-    redis_server(const redis_server &) = delete;
-    redis_server &operator=(const redis_server &) = delete;
 
     /// Starts it and waits until its answer to a PING starts so; `options` go behind the configuration.
     void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
@@ -22,14 +21,14 @@ class redis_server {
     /// A TCP port that nobody uses at the moment.
     static std::string free_port();
     /// kill -9, as a crash.
-    void crash();
+    void crash() { process_.reset(); }
     /// Forgets all data while stopped.
     void erase_data();
-    void signal(int number) const;
-    pid_t pid() const { return pid_; }
+    void signal(int number) const { process_->signal(number); }
+    pid_t pid() const { return process_ ? process_->pid() : 0; }
 
     const std::string &socket() const { return socket_; }
-    const std::string &directory() const { return directory_; }
+    const std::string &directory() const { return directory_.path(); }
     std::string url(const std::string &user = "suite", const std::string &options = "") const;
     /// "user=...&password-file=...", for addresses of another form.
     std::string credentials(const std::string &user) const;
@@ -37,12 +36,12 @@ class redis_server {
     std::string run(const std::vector<std::string> &command) const;
 
   private:
-    void launch(std::vector<std::string> words, const std::string &answer);
+    void launch(const std::vector<std::string> &words, const std::string &answer);
     void configure() const;
 
-    std::string directory_;
-    std::string socket_;
-    pid_t pid_ = 0;
+    plx::tool::TemporaryDirectory directory_;
+    std::string socket_ = directory() + "/store.sock";
+    std::optional<plx::tool::Process> process_;
 };
 
 #endif

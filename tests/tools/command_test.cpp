@@ -1,5 +1,5 @@
 // The built plx, run as a program: exit codes, what it prints, and the simulated nodes behind a mem: store.
-#include "process.hpp"
+#include "support/process.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ class Apply : public testing::Test {
   protected:
     Result apply(const std::string &arguments, const std::string &policy = two_entries)
     {
-        return run_plx(words("apply " + arguments + ' ' + directory_.write("policy.yaml", policy)));
+        return run_program(PLX_PROGRAM, words("apply " + arguments + ' ' + directory_.write("policy.yaml", policy)));
     }
 
     TemporaryDirectory directory_;
@@ -89,8 +89,8 @@ TEST_F(Apply, shows_what_became_of_each_entry_and_ends_with_its_exit_code)
 TEST_F(Apply, does_not_call_programmed_what_only_aged)
 {
     const std::string policy = directory_.write("policy.yaml", two_entries);
-    const Result result = run_plx({"apply", "--nodes", "2", "--simulate", "1:silent=*/1/1", policy},
-                                  {{"LD_PRELOAD", FAST_CLOCK}, {"ASAN_OPTIONS", "verify_asan_link_order=0"}});
+    const Result result = run_program(PLX_PROGRAM, {"apply", "--nodes", "2", "--simulate", "1:silent=*/1/1", policy},
+                                      {{"LD_PRELOAD", FAST_CLOCK}, {"ASAN_OPTIONS", "verify_asan_link_order=0"}});
     EXPECT_EQ(4, result.exit_code) << result.err;
     EXPECT_THAT(result.out, AllOf(ContainsRegex("sn 1 first +aged +1 of 2 nodes answered +[0-9]+\\.[0-9]+ s"),
                                   ContainsRegex("sn 2 last +programmed")));
@@ -101,7 +101,7 @@ TEST_F(Apply, shows_its_progress_on_a_terminal)
     if (!has_terminals())
         GTEST_SKIP() << "this machine gives no terminals";
     const std::string policy = directory_.write("policy.yaml", two_entries);
-    const Result result = run_plx_on_terminal({"apply", "--simulate", "1:delay=300", policy});
+    const Result result = run_on_terminal(PLX_PROGRAM, {"apply", "--simulate", "1:delay=300", policy});
     EXPECT_EQ(0, result.exit_code);
     EXPECT_THAT(result.out, HasSubstr("\r\x1b[K1 nodes: 3 waiting, 1 stored"));
     EXPECT_THAT(result.out, HasSubstr("\r\x1b[KENTRY"));
@@ -109,9 +109,9 @@ TEST_F(Apply, shows_its_progress_on_a_terminal)
 
 TEST_F(Apply, programs_the_example_of_an_edge_switch)
 {
-    const Result result = run_plx({"apply", "--nodes", "3", edge});
+    const Result result = run_program(PLX_PROGRAM, {"apply", "--nodes", "3", edge});
     EXPECT_EQ(0, result.exit_code) << result.out << result.err;
-    const Result small = run_plx({"apply", "--nodes", "3", "--table-size", "1024,1024,48", edge});
+    const Result small = run_program(PLX_PROGRAM, {"apply", "--nodes", "3", "--table-size", "1024,1024,48", edge});
     EXPECT_EQ(3, small.exit_code);
     EXPECT_THAT(small.out, HasSubstr("table full"));
 }
@@ -133,7 +133,7 @@ TEST_F(Apply, reports_every_error_of_a_file_and_writes_nothing)
 
 TEST_F(Apply, refuses_a_file_that_cannot_be_read)
 {
-    const Result result = run_plx({"apply", directory_.path() + "/missing.yaml"});
+    const Result result = run_program(PLX_PROGRAM, {"apply", directory_.path() + "/missing.yaml"});
     EXPECT_EQ(2, result.exit_code);
     EXPECT_THAT(result.err, HasSubstr("missing.yaml: cannot be opened: No such file or directory"));
 }
@@ -160,7 +160,7 @@ TEST(CommandLine, that_is_wrong_is_told_with_exit_code_1)
                            {"apply --store nonsense FILE", "'nonsense' is not the address of a store"}};
     for (const auto &[arguments, error] : cases) {
         SCOPED_TRACE(arguments);
-        const Result result = run_plx(words(std::regex_replace(arguments, std::regex("FILE"), edge)));
+        const Result result = run_program(PLX_PROGRAM, words(std::regex_replace(arguments, std::regex("FILE"), edge)));
         EXPECT_EQ(1, result.exit_code);
         EXPECT_THAT(result.err, HasSubstr(error));
         EXPECT_THAT(result.out, IsEmpty());
@@ -171,22 +171,32 @@ TEST_F(Apply, says_when_the_store_cannot_be_reached)
 {
     const std::string policy = directory_.write("policy.yaml", two_entries);
     const std::string nobody = "unix:" + directory_.path() + "/nobody";
-    for (const Result &result : {run_plx({"apply", "--wait", "0", "--store", nobody, policy}),
-                                 run_plx({"apply", "--wait", "0.3", policy}, {{"PLX_STORE", nobody}})}) {
+    for (const Result &result :
+         {run_program(PLX_PROGRAM, {"apply", "--wait", "0", "--store", nobody, policy}),
+          run_program(PLX_PROGRAM, {"apply", "--wait", "0.3", policy}, {{"PLX_STORE", nobody}})}) {
         EXPECT_EQ(5, result.exit_code);
         EXPECT_THAT(result.err, HasSubstr("plx apply: store unix:"));
         EXPECT_THAT(result.out, IsEmpty());
     }
 }
 
+TEST(Output, that_cannot_be_written_is_a_failure)
+{
+    for (const std::string arguments : {"apply " + edge, std::string("apply --help"), std::string("--version")}) {
+        const Result result = run_program("/bin/sh", {"-c", PLX_PROGRAM " " + arguments + " >/dev/full"});
+        EXPECT_EQ(6, result.exit_code) << arguments;
+        EXPECT_THAT(result.err, HasSubstr("the output cannot be written"));
+    }
+}
+
 TEST(Help, tells_of_every_option_and_exit_code)
 {
-    const Result result = run_plx({"apply", "--help"});
+    const Result result = run_program(PLX_PROGRAM, {"apply", "--help"});
     EXPECT_EQ(0, result.exit_code);
     for (const char *part : {"--store", "--db", "--timeout", "--nodes", "--table-size", "--simulate", "--atomic",
                              "--wait", "PLX_STORE", "Exit codes", "docs/attributes.md"})
         EXPECT_THAT(result.out, HasSubstr(part));
-    EXPECT_EQ(0, run_plx({"--version"}).exit_code);
+    EXPECT_EQ(0, run_program(PLX_PROGRAM, {"--version"}).exit_code);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Files that nobody wrote as a policy: they end in errors, not in a crash or in all of the memory.
 #include "policy.hpp"
-#include "process.hpp"
+#include "support/process.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,18 +29,67 @@ TEST(HostileFile, that_nests_without_end_is_refused)
     }
 }
 
-TEST(HostileFile, whose_aliases_multiply_is_refused)
+std::string times(size_t count, const std::string &text)
+{
+    std::string all;
+    for (size_t i = 0; i < count; ++i)
+        all += text;
+    return all;
+}
+
+std::string multiplying()
 {
     std::string text = "a0: &a0 [x, x, x, x, x, x, x, x, x, x]\n";
     for (int level = 1; level < 12; ++level) {
-        const std::string below = "*a" + std::to_string(level - 1);
-        text += "a" + std::to_string(level) + ": &a" + std::to_string(level) + " [";
-        for (int copy = 0; copy < 10; ++copy)
-            text += below + (copy == 9 ? "]\n" : ", ");
+        const std::string name = "a" + std::to_string(level);
+        text += name + ": &" + name + " [" + times(10, "*a" + std::to_string(level - 1) + ", ") + "]\n";
     }
-    const auto errors = errors_of(text);
-    ASSERT_FALSE(errors.empty());
-    EXPECT_THAT(errors.front(), HasSubstr("more than 2000000 parts"));
+    return text;
+}
+
+std::string anchored(size_t levels, const std::string &items)
+{
+    std::string text = "application: a\nacls: ";
+    for (size_t level = 0; level < levels; ++level)
+        text += "&a" + std::to_string(level) + " [";
+    return text + items + std::string(levels, ']') + '\n';
+}
+
+// Every file is refused within half a gigabyte, and with little said of it.
+TEST(HostileFile, costs_what_its_bytes_do)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "a sanitizer's own memory is above the bound";
+#endif
+    const struct {
+        const char *what;
+        std::string text;
+        const char *error;
+    } files[] = {
+        {"aliases that multiply", multiplying(), "more than 2000000 parts"},
+        {"anchors in anchors", anchored(60, times(200'000, "x,")), "an ACL must be a map"},
+        {"aliases that add depth", anchored(40, "x") + "b: &b [" + times(30, "[") + "*a0" + times(31, "]") + "\n",
+         "nested too deeply"},
+        {"a long text again and again", "t: &t " + std::string(1'000'000, 'x') + "\nl: [" + times(10'000, "*t,") + "]",
+         "larger than 32 MiB"},
+        {"ports of an apply again and again",
+         "application: a\nacls: []\napplies:\n- &p {acl: 1, port: 0-4095, direction: in}\n" + times(100'000, "- *p\n"),
+         "more than 100000 applies"},
+        {"hyphens",
+         "application: a\nacls: [{id: 1, class: 1, entries: [{sn: 1, match: {dst_range: \"" +
+             std::string(300'000, '-') + "\"}}]}]\n",
+         "is not a range of ports"},
+        {"repeated keys", "application: a\nacls: []\n" + times(100'000, "acls: []\n"), ": and 99980 more\n"},
+        {"unknown keys", "application: a\nacls: []\n" + times(100'000, "aclz: 1\n"), ": and 99980 more\n"}};
+    const TemporaryDirectory directory;
+    for (const auto &[what, text, error] : files) {
+        SCOPED_TRACE(what);
+        const std::string file = directory.write("policy.yaml", text);
+        const Result result = run_program("/bin/sh", {"-c", "ulimit -v 524288 && exec " PLX_PROGRAM " apply " + file});
+        EXPECT_EQ(2, result.exit_code);
+        EXPECT_THAT(result.err, HasSubstr(error));
+        EXPECT_LT(result.err.size(), 8192U);
+    }
 }
 
 TEST(HostileFile, that_is_larger_than_a_policy_may_be_is_not_read_whole)
