@@ -43,7 +43,7 @@ class Process {
     void signal(int number) const;
     bool running();
 
-    // Waits until it ends; returns its exit code, minus the signal's number when one ended it. Throws when it still runs
+    // Waits until it ends; returns its exit code, minus the signal that ended it. Throws when it still runs
     // after so many seconds.
     int wait(int seconds = 280);
 
