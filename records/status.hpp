@@ -6,18 +6,19 @@
 #pragma once
 
 #include <cstdint>
+#include <plx/status.h>
 #include <string_view>
 
 namespace plx {
 
 enum class Status : int32_t {
-    ok = 0,            // programmed
-    table_full = 101,  // the table has no room for one more entry
-    unsupported = 102, // an attribute that this plane does not know
-    malformed = 103,   // the packed attributes do not add up to the buffer's length
-    bad_value = 104,   // an attribute's value has not the size of its form
-    refused = 105,     // the plane is configured to refuse this entry
-    out_of_range = 106 // a number in the key or the record is beyond what the plane has
+    ok = FP_UDP_NODE_OK,
+    table_full = FP_UDP_NODE_TABLE_FULL,
+    unsupported = FP_UDP_NODE_UNSUPPORTED,
+    malformed = FP_UDP_NODE_MALFORMED,
+    bad_value = FP_UDP_NODE_BAD_VALUE,
+    refused = FP_UDP_NODE_REFUSED,
+    out_of_range = FP_UDP_NODE_OUT_OF_RANGE
 };
 
 // A short text for a status word as it came from the store: any number may be in it.

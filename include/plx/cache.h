@@ -1,5 +1,11 @@
 /* plx/cache.h: the process's copy of what it wrote: nodes, the three node tables, and the operations that keep them
- * linked. */
+ * linked.
+ *
+ * For looking: an application finds here what it has set and how far its outcome is. The manager's operations keep the
+ * cache; whoever adds or deletes nodes by hand leaves records in the store that the library does not know of, or the
+ * other way round. A node's memory is the cache's: it is valid until it, or its ACL, is deleted, which any callback and
+ * any turn of the event loop may do.
+ */
 #ifndef PLX_CACHE_H
 #define PLX_CACHE_H
 
@@ -18,32 +24,44 @@ typedef struct fp_udp_list {
     struct fp_udp_list *prev;
 } fp_udp_list;
 
+/* A cached ACL: one that was set, or that an apply or the synchronisation at start brought. */
 typedef struct fp_udp_acl_node {
-    fp_udp_list ace_list;   /* of fp_udp_ace_node, newest first */
-    fp_udp_list apply_list; /* of fp_udp_apply_node, newest first */
+    /* Of fp_udp_ace_node, newest first. */
+    fp_udp_list ace_list;
+    /* Of fp_udp_apply_node, newest first. */
+    fp_udp_list apply_list;
     fp_udp_acl_info acl;
-    uint32_t ace_count; /* elements of ace_list */
+    /* Elements of ace_list. */
+    uint32_t ace_count;
 } fp_udp_acl_node;
 
+/* A cached ACE. Its attributes are not cached: get_ace reads them from the store. */
 typedef struct fp_udp_ace_node {
-    fp_udp_list links; /* in the ACL's ace_list */
+    /* In the ACL's ace_list. */
+    fp_udp_list links;
+    /* A copy of the ACL's descriptor as of when the ACE was added. */
     fp_udp_acl_info acl;
     fp_udp_ace_info ace;
-    struct fp_udp_req_node *req; /* pending request, or NULL */
+    /* Pending request, or NULL: nothing is waited for. */
+    struct fp_udp_req_node *req;
 } fp_udp_ace_node;
 
+/* A cached apply. */
 typedef struct fp_udp_apply_node {
-    fp_udp_list links; /* in the ACL's apply_list */
+    /* In the ACL's apply_list. */
+    fp_udp_list links;
+    /* As in fp_udp_ace_node. */
     fp_udp_acl_info acl;
     fp_udp_apply_info apply;
-    struct fp_udp_req_node *req; /* pending request, or NULL */
+    /* As in fp_udp_ace_node. */
+    struct fp_udp_req_node *req;
 } fp_udp_apply_node;
 
 /* The table of one kind of node: an open-addressing hash set of node pointers, keyed by fields inside the nodes, that
  * owns no node.
  *   acl:   app_type, acl_id
  *   ace:   app_type, acl_id, sn
- *   apply: app_type, acl_id, apply_type, phyid, pri
+ *   apply: app_type, acl_id, apply_type, phyid, pri; not dir: see fp_udp_apply_key
  * A search key is a node of which only the key's fields are filled. A table must be initialised before it is used.
  *
  *   init      makes an empty table, once; 0.
@@ -89,7 +107,7 @@ FP_UDP_NODE_TABLE(apply);
 /* Makes the three tables. 0. */
 int32_t fp_udp_acldb_init(void);
 
-/* 0 and the node in *node, or -7 and NULL. */
+/* 0 and the node in *node, or -7 and NULL. -4 for a null `node`. */
 int32_t fp_udp_acldb_get_acl(const fp_udp_acl_info *acl, fp_udp_acl_node **node);
 int32_t fp_udp_acldb_get_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace, fp_udp_ace_node **node);
 int32_t fp_udp_acldb_get_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, fp_udp_apply_node **node);

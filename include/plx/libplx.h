@@ -8,7 +8,8 @@
  *     fp_udp_register_app_type("my_app");
  *     fp_udp_register_acl_handler(context, db, &handler);
  *     fp_udp_mgr *mgr = fp_udp_get_mgr();
- *     mgr->set_acl(context, &acl); mgr->set_ace(context, &key, ace); mgr->set_apply(context, &info, cls, apply);
+ *     plx_wait_for_nodes(context->master, nodes, 10000, tq_loop_run_once);
+ *     mgr->set_acl(context, &acl); mgr->set_apply(context, &info, cls, apply); mgr->set_ace(context, &key, ace);
  *     ... the application's event loop runs, and the handler's callbacks tell each outcome.
  *
  * Conventions
@@ -23,12 +24,17 @@
  *  5. Names. An application type is at most 31 characters with its terminator in a 32-byte field. A field without a
  *     terminator is too long a name: -4, and nothing happens.
  *  6. Results. 0 is success, negative codes are enum fp_udp_result, other codes are the store client's or a callback's.
+ *     Whether a write reached the store is told by its fail callback: without one several writers return 0 all the same
+ *     (manager.h). status.h has texts.
  *  7. Callbacks may call any operation, for any node, the reported one and its ACL included. They must not run
  *     the event loop, and must return normally: no exception, no longjmp.
- *  8. Null arguments are refused with -4 unless the operation says otherwise. A null callback is an event not wanted.
- *  9. Byte order. Integers in packed attributes and in private data are the host's; the values of match fields are in
- *     network byte order.
+ *  8. Null arguments, out-pointers included, are refused with -4 unless the operation says otherwise. A null callback is
+ *     an event not wanted.
+ *  9. Byte order. An attribute's type word and length are the host's, its value is in network byte order as
+ *     plx-attributes(7) has it. Private data is the application's own.
  * 10. Not supported: use from several threads, fork() without exec(), unloading the library.
+ *
+ * Names that begin with plx_ are inline functions of these headers, but for plx_initial().
  *
  * <plx/s_policy.pb-c.h>, made from the record schema, declares the records and their descriptors, which the library
  * exports.
@@ -36,10 +42,12 @@
 #ifndef PLX_LIBPLX_H
 #define PLX_LIBPLX_H
 
+#include <plx/attribute.h>
 #include <plx/cache.h>
 #include <plx/diag.h>
 #include <plx/manager.h>
 #include <plx/request.h>
+#include <plx/status.h>
 #include <plx/types.h>
 
 #endif
