@@ -26,9 +26,8 @@ int write_entry(void *context)
         return 1;
 
     const uint8_t permit = 1;
-    fp_udp_attr attr;
-    ace->tlv->construct(&attr, "fwd", FP_UDP_ATTR_ACTION, &permit, 1);
-    ace->tlv->push(&ace->tlv, attr);
+    if (plx_push(&ace->tlv, FP_UDP_ATTR_ACTION, "fwd", &permit, sizeof permit) != FP_UDP_OK)
+        return 1;
     return mgr->set_ace(context, &key, ace.get());
 }
 

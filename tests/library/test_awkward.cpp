@@ -1,7 +1,7 @@
 // Awkward moments: callbacks that write and free, memory that ends, links in the way, nulls; and a platform that is not
 // ours. In this program the doubles of the functions below have other names (CMakeLists.txt), and what a foreign
 // platform may do differently stands in front of them.
-#include "records.h"
+#include "operations.h"
 
 #include <cerrno>
 #include <filesystem>

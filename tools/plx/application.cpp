@@ -29,33 +29,24 @@ std::string write_error(int32_t result)
 {
     if (result > 0)
         return std::string("store: ") + tq_mom_strerror(result);
-    switch (result) {
-    case FP_UDP_NO_MEMORY:
-        return "library: out of memory";
-    case FP_UDP_INVALID:
-        return "library: invalid argument";
-    case FP_UDP_NOT_FOUND:
+    if (result == FP_UDP_NOT_FOUND)
         return "library: the ACL is not there";
-    default:
-        return "library: result " + std::to_string(result);
-    }
+    return std::string("library: ") + plx_result_text(result) + " (" + std::to_string(result) + ")";
 }
 
-// False when memory ran short; the entry is without attributes then.
-bool push(fp_udp_ace *ace, const PolicyEntry &entry)
+// Why an attribute is not in the entry, which must not be set then; empty when all are.
+std::string push(fp_udp_ace *ace, const PolicyEntry &entry)
 {
     ace->ace_pri = entry.priority;
     copy_name(ace->priv, entry.name);
     for (const PolicyAttribute &attribute : entry.attributes) {
-        if (ace->tlv == nullptr)
-            return false;
-        fp_udp_attr attr;
         const std::string name(attribute.form->name);
-        ace->tlv->construct(&attr, name.c_str(), attribute.form->cls, attribute.value.data(),
-                            static_cast<int32_t>(attribute.value.size()));
-        ace->tlv->push(&ace->tlv, attr);
+        const int32_t result =
+            plx_push(&ace->tlv, attribute.form->cls, name.c_str(), attribute.value.data(), attribute.value.size());
+        if (result != FP_UDP_OK)
+            return "attribute " + name + ": " + write_error(result);
     }
-    return ace->tlv != nullptr;
+    return {};
 }
 
 std::string node_error(int32_t status)
@@ -307,10 +298,15 @@ void Application::set(const PolicyAcl &acl, const PolicyEntry &entry)
     fp_udp_acl_key key{};
     copy_name(key.app_type, policy_.application);
     key.acl_id = acl.id;
-    set_row(ace_rows_.at({acl.id, entry.sn}), [&]() -> int32_t {
-        if (object == nullptr || !push(object.get(), entry))
+    const size_t row = ace_rows_.at({acl.id, entry.sn});
+    set_row(row, [&]() -> int32_t {
+        if (object == nullptr)
             return FP_UDP_NO_MEMORY;
-        return mgr_->set_ace(context_, &key, object.get());
+        const std::string missing = push(object.get(), entry);
+        if (missing.empty())
+            return mgr_->set_ace(context_, &key, object.get());
+        ledger_.end(row, Outcome::failed, missing);
+        return FP_UDP_OK;
     });
 }
 
