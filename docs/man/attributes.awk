@@ -41,7 +41,7 @@ function row(   i) {
 }
 
 BEGIN {
-    print ".Dd November 21, 2026\n.Dt PLX-ATTRIBUTES 7\n.Os\n.Sh NAME\n.Nm plx-attributes"
+    print ".Dd November 21, 2026\n.Dt PLX-ATTRIBUTES 7 libplx\n.ds doc-volume libplx manual\n.Os libplx 1.0.0\n.Sh NAME\n.Nm plx-attributes"
     print ".Nd the attributes of libplx entries, and the form of their values\n.Sh DESCRIPTION"
     fresh = 1 # nothing stands under the heading yet
 }

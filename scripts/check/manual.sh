@@ -1,5 +1,6 @@
 #!/bin/sh
-# The manual pages are well formed, and refer to pages that are there (of ours; the system's are not looked for).
+# The manual pages are well formed, name the project and its version in header and footer, and refer to pages that are there
+# (of ours; the system's are not looked for). A page that is another's second name is a link to it.
 set -eu
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -7,7 +8,15 @@ cp docs/man/*.[0-9] "$work"
 awk -f docs/man/attributes.awk docs/attributes.md >"$work/plx-attributes.7"
 
 status=0
+version=$(sed -nE 's/^project\(libplx VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
 for page in "$work"/*; do
+    if target=$(sed -nE '1s/^\.so man[0-9]\///p' "$page") && [ -n "$target" ]; then
+        name=$(basename "${page%.*}")
+        grep -qE "^\.Nm $name( ,)?\$" "$work/$target" || { echo "manual: $target does not name $name" >&2; status=1; }
+        continue
+    fi
+    { grep -qE '^\.Dt .* libplx$' "$page" && grep -qx ".Os libplx $version" "$page"; } ||
+        { echo "manual: $(basename "$page") does not name libplx $version" >&2; status=1; }
     # A sentence to a line is a rule for pages that are written, not for one that is made.
     mandoc -T lint -W warning "$page" | grep -v 'new sentence, new line' && status=1
 done

@@ -315,7 +315,7 @@ constexpr const char *footer = R"(A policy file:
           control: {no_deny: true}
   applies:
     - {acl: 10, port: 1-4, direction: in, priority: 5}
-  docs/attributes.md lists every attribute and how its value is written.
+  plx-policy(5) describes the file, plx-attributes(7) every attribute and how its value is written.
 
 Outcomes:
   programmed   every live service node has answered
