@@ -1,5 +1,6 @@
 #!/bin/sh
-# run.sh SOURCE WORK: builds the library alone against the test doubles as a platform of their own, and runs a program on it.
+# run.sh SOURCE WORK: builds the library alone against the test doubles as a platform of their own, and runs two programs on
+# it: one of an integrator, and one that calls everything.
 set -eu
 source=$1
 work=$2
@@ -12,7 +13,18 @@ $CXX -std=c++20 -shared -fPIC -Wall -Wextra -Werror -I"$source/platform/include"
     "$source/tests/support/store.cpp" "$source/tests/support/platform.cpp" -o "$work/libswitch_platform.so" $protobuf
 cmake -S "$source" -B "$work/build" -G Ninja -DPLX_PLATFORM=external -DPLX_PLATFORM_LIBRARIES="$work/libswitch_platform.so" >"$work/log"
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
-# shellcheck disable=SC2086
-$CC -std=c99 -Wall -Wextra -Werror -I"$source/include" -I"$work/build/proto" "$source/tests/port/program.c" -o "$work/program" \
-    -L"$work/build/lib" -lplx -L"$work" -lswitch_platform -Wl,-rpath,"$work/build/lib:$work" $protobuf
-"$work/program"
+for program in program every_call; do
+    # shellcheck disable=SC2086
+    $CC -std=c99 -pedantic -Wall -Wextra -Werror -I"$source/include" -I"$work/build/proto" -c "$source/tests/port/$program.c" -o "$work/$program.o" $protobuf
+    # shellcheck disable=SC2086
+    $CC "$work/$program.o" -o "$work/$program" -L"$work/build/lib" -lplx -L"$work" -lswitch_platform -Wl,-rpath,"$work/build/lib:$work" $protobuf
+    "$work/$program"
+done
+
+# What the library exports and the program does not call; the records' functions are the generator's.
+nm -u "$work/every_call.o" | awk '{ print $2 }' | sort >"$work/called"
+nm -D --defined-only "$work/build/lib/libplx.so" | awk '$2 == "T" { sub(/@.*/, "", $3); print $3 }' | grep -v '^s_policy__' | sort >"$work/exported"
+if comm -13 "$work/called" "$work/exported" | grep .; then
+    echo "these exported functions are not called by every_call.c" >&2
+    exit 1
+fi
