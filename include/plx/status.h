@@ -4,7 +4,7 @@
  *
  *     -1 to -17     the library: enum fp_udp_result          plx_result_text()
  *     101 and more  a service node: enum fp_udp_node_status  plx_node_status_text()
- *     others        the store client: its own codes          the reference client (1 to 12) has tq_mom_strerror()
+ *     others        the store client: its own codes          of the reference client tq_mom_strerror()
  *
  * The library's and the store client's come from inside the operation, which then changed nothing in the store or left
  * that open; a service node's from the event loop. The texts are inline, in English, never NULL, and not to be freed;

@@ -2,7 +2,8 @@
  *
  * A command's description tells what a line is parsed into: "app_type=%s, acl_id=%d, $n" takes a text and a signed
  * number; %x takes an unsigned hexadecimal number; "$n" ends the list. A description without a conversion, such as
- * "open debug", takes no argument.
+ * "open debug", takes no argument. A line gives its arguments by name or in their order: `fp_udp_dump_acl all 0` is
+ * `fp_udp_dump_acl acl_id=0 app_type=all`.
  */
 #ifndef SSAT_H
 #define SSAT_H
@@ -13,16 +14,20 @@
 extern "C" {
 #endif
 
+/* One argument, by its conversion: %d, %x or %s. */
 typedef union ssat_value {
     int32_t d;
     uint32_t x;
-    const char *s; /* lives until the handler returns */
+    /* Terminated; lives until the handler returns. */
+    const char *s;
 } ssat_value;
 
-/* argv[0] is the first argument, not the command. */
+/* Runs a command on the event loop. argv[0] is the first argument, not the command; there are as many as the description
+ * has conversions. What it prints to standard output goes to whoever asked. 0, or non-zero for "failed". */
 typedef int (*ssat_handler)(int argc, const ssat_value *argv);
 
-/* Opens the shell of a module on the context's event loop. 0 on success. */
+/* Opens the shell of a module on the context's event loop; ssat_client.h is its other end. 0 on success; otherwise the
+ * module has no shell, and everything else works. */
 int ssat_lib_init(void *context, const char *module);
 
 /* Adds a command; the texts are copied. `reserved` is 0. 0 on success. */

@@ -10,8 +10,12 @@ extern "C" {
 
 struct tq_mom_client;
 
+/* Made by the functions below alone. An application reads `master`, to run the loop (tq_loop.h), and hands the whole to
+ * the library and to the store client. */
 typedef struct tq_context {
+    /* The store client (tq_mom.h). */
     struct tq_mom_client *mom;
+    /* The event loop: the library finds it as the second member of whatever context it is given. */
     tq_thread_master *master;
 } tq_context;
 

@@ -25,15 +25,18 @@ int tq_loop_run_once(tq_thread_master *master, int timeout_ms);
 /* Makes tq_loop_run() return once the callback that calls this has returned. */
 void tq_loop_stop(tq_thread_master *master);
 
-/* Drops a pending timer; NULL is accepted. */
+/* Drops a pending timer, whose function is not called then; NULL is accepted. Not for a timer that has fired: its handle
+ * is NULL by then. */
 void tq_thread_cancel(tq_thread *thread);
 
+/* What a watch waits for, and is told of. DISCONNECTED, the other side's end, is told when it was asked for. */
 enum tq_loop_event { TQ_LOOP_READABLE = 1, TQ_LOOP_WRITABLE = 2, TQ_LOOP_DISCONNECTED = 4 };
 typedef struct tq_loop_watch tq_loop_watch;
 typedef void (*tq_loop_func)(tq_loop_watch *watch, int fd, int events, void *arg);
 
 /* Watches a descriptor, which stays the caller's, until tq_loop_unwatch(); `events` is a set of enum tq_loop_event.
- * NULL on failure. A watch may be dropped or changed from inside its own callback. */
+ * NULL on failure. A watch may be dropped or changed from inside its own callback. tq_loop_watch_events() replaces the
+ * set, and returns 0 on success. */
 tq_loop_watch *tq_loop_watch_fd(tq_thread_master *master, int fd, int events, tq_loop_func func, void *arg);
 int tq_loop_watch_events(tq_loop_watch *watch, int events);
 void tq_loop_unwatch(tq_loop_watch *watch);

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Every public header compiles alone, as C99 and as C++, without a warning. So does one twice included.
+# Every public header compiles alone, as C99 and as C++, without a warning. So does one twice included. And the header is
+# the manual: to ten lines of code there are seven lines or more of comment, not counting comments behind code.
 set -eu
 scripts/configure release build
 cmake --build build --target s_policy >/dev/null
@@ -17,6 +18,8 @@ for header in include/plx/*.h platform/include/*.h; do
         case $compiler in *++*) source=$work/alone.cpp ;; *) source=$work/alone.c ;; esac
         $compiler $flags "$source" || { echo "headers: $name does not stand alone with $compiler" >&2; exit 1; }
     done
+    awk '{ sub(/^[ \t]+/, "") } /^$/ { next } inside || /^\/\*/ { ++comment; inside = !/\*\//; next } { ++code }
+         END { exit comment < 0.7 * code }' "$header" || { echo "headers: $name says too little" >&2; exit 1; }
     count=$((count + 1))
 done
 echo "headers: $count headers stand alone"
