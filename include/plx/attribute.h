@@ -14,8 +14,8 @@
  *     if (result != FP_UDP_OK)
  *         fprintf(stderr, "%s: %s\n", failed, plx_result_text(result)); ... and free `ace`, do not set it
  *
- * They serve entries and applies alike, in C and in C++. They are inline: of the library they need the name tables, and they push
- * through the buffer, so that whoever looks there sees no difference.
+ * They serve entries and applies alike, in C and in C++. They are inline: of the library they need the name tables, and
+ * they push through the buffer, so that whoever looks there sees no difference.
  */
 #ifndef PLX_ATTRIBUTE_H
 #define PLX_ATTRIBUTE_H
@@ -40,8 +40,8 @@ typedef struct plx_attribute {
     size_t len;
 } plx_attribute;
 
-/* Whether the table of the class has the name: 1 or 0. For programs that take names from outside and want to refuse them
- * before they build anything. A null name and a class above 2 are unknown. */
+/* Whether the table of the class has the name: 1 or 0. For programs that take names from outside and want to refuse
+ * them before they build anything. A null name and a class above 2 are unknown. */
 static inline int plx_attribute_known(uint32_t cls, const char *name)
 {
     const fp_udp_attr_entry *const tables[] = {ctrl_attr, field_attr, action_attr};
@@ -88,8 +88,8 @@ static inline int32_t plx_push(fp_udp_ace_tlv **tlv, uint32_t cls, const char *n
 
 /* Pushes `count` attributes in their order and stops at the first that fails. The results are plx_push()'s; what stood
  * before the failing one in the list is in the buffer then: free the object, or it will be set with half of its fields.
- * `failed`, when it is not NULL, receives the failing attribute's name (the caller's own pointer; NULL where that is null
- * itself), and NULL on success. A null list of 0 attributes succeeds. */
+ * `failed`, when it is not NULL, receives the failing attribute's name (the caller's own pointer; NULL where that is
+ * null itself), and NULL on success. A null list of 0 attributes succeeds. */
 static inline int32_t plx_push_all(fp_udp_ace_tlv **tlv, const plx_attribute *attributes, size_t count,
                                    const char **failed)
 {

@@ -1,15 +1,15 @@
 /* plx/diag.h: the diagnostic channel's switches, the debug commands, and the operation log.
  *
- * The channel. Every message has a level: Error, Impt (important), Notice or Detail. It goes to standard output when its
- * bit of fp_udp_debug_sw is set, and to the system log when g_policy_plx_zlog_level reaches it; one does not depend on
- * the other. At load nothing is printed, and errors are logged once plx_initial() has opened the log.
+ * The channel. Every message has a level: Error, Impt (important), Notice or Detail. It goes to standard output when
+ * its bit of fp_udp_debug_sw is set, and to the system log when g_policy_plx_zlog_level reaches it; one does not depend
+ * on the other. At load nothing is printed, and errors are logged once plx_initial() has opened the log.
  *
  * The debug commands, in the debug shell "<process name>.fp" (`plx shell` runs them; so does any client of the shell):
  *
  *     fp_udp_set_sw dbg_flags=HEX             sets fp_udp_debug_sw; prints nothing
  *     fp_udp_debug_on                         sets all nine bits of lib_plx_dbg_flag; prints nothing
  *     fp_udp_debug_off                        clears them; prints nothing
- *     fp_udp_debug_save                       writes the switch to the file lib_plx_debug_path, which registration reads
+ *     fp_udp_debug_save                       writes the switch to the file lib_plx_debug_path; registration reads it
  *     fp_udp_debug_show                       "debug_sw:511.", the switch in decimal
  *     fp_udp_dump_acl app_type=TYPE acl_id=N  the cached ACLs with their ACEs and applies: status, identifier, whether
  *                                             the outcome was told (is_req) and how many nodes confirmed (req_count).
@@ -20,8 +20,8 @@
  *
  * The operation log is a trail of each ACL, ACE and apply operation, one line each with the local time, in text files:
  * /tmp/zlog/udp_fp_log/<process name>.log and its alternate <process name>_1.log. They take turns: when the one in use
- * has passed 5 MiB, the other is emptied and becomes the one in use. So the newest record may be in either, and at least
- * the last 5 MiB are there. It is written while FP_UDP_DEBUG_OP_LOG is set, and not otherwise.
+ * has passed 5 MiB, the other is emptied and becomes the one in use. So the newest record may be in either, and at
+ * least the last 5 MiB are there. It is written while FP_UDP_DEBUG_OP_LOG is set, and not otherwise.
  */
 #ifndef PLX_DIAG_H
 #define PLX_DIAG_H

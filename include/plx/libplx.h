@@ -28,8 +28,8 @@
  *     (manager.h). status.h has texts.
  *  7. Callbacks may call any operation, for any node, the reported one and its ACL included. They must not run
  *     the event loop, and must return normally: no exception, no longjmp.
- *  8. Null arguments, out-pointers included, are refused with -4 unless the operation says otherwise. A null callback is
- *     an event not wanted.
+ *  8. Null arguments, out-pointers included, are refused with -4 unless the operation says otherwise. A null callback
+ *     is an event not wanted.
  *  9. Byte order. An attribute's type word and length are the host's, its value is in network byte order as
  *     plx-attributes(7) has it. Private data is the application's own.
  * 10. Not supported: use from several threads, fork() without exec(), unloading the library.

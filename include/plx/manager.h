@@ -30,8 +30,8 @@ enum fp_udp_change { FP_UDP_CHANGE_SET = 0, FP_UDP_CHANGE_DELETED = 1 };
  * every registration. Pointers handed to a callback live until it returns. Where an operation ends in a callback, the
  * callback's result becomes the operation's result. Fields of a descriptor that the event does not know are zero. */
 typedef struct fp_udp_acl_handler {
-    /* 0, 1: an ACL write reached the store, or failed: `result` is the store client's code, or -2 where the cache had no
-     * memory and the store was not asked. Runs inside set_acl. */
+    /* 0, 1: an ACL write reached the store, or failed: `result` is the store client's code, or -2 where the cache had
+     * no memory and the store was not asked. Runs inside set_acl. */
     int32_t (*set_acl_ok_cb)(void *g_ssd_fp_global, const fp_udp_acl *acl, const uint8_t *priv);
     int32_t (*set_acl_fail_cb)(void *g_ssd_fp_global, const fp_udp_acl *acl, int32_t result, const uint8_t *priv);
 
@@ -66,8 +66,8 @@ typedef struct fp_udp_acl_handler {
     int32_t (*svi_router_ok_cb)(void *g_ssd_fp_global, const uint8_t *priv);
     int32_t (*svi_router_fail_cb)(void *g_ssd_fp_global, int32_t result, const uint8_t *priv);
 
-    /* 13, 14: an uplink setting reached the store, or failed there. Runs inside uplink_enable, which returns nothing: no
-     * other way tells. The callbacks' results are dropped. */
+    /* 13, 14: an uplink setting reached the store, or failed there. Runs inside uplink_enable, which returns nothing:
+     * no other way tells. The callbacks' results are dropped. */
     int32_t (*uplink_ok_cb)(void *g_ssd_fp_global, uint32_t phyid, uint32_t type, const uint8_t *priv);
     int32_t (*uplink_fail_cb)(void *g_ssd_fp_global, uint32_t phyid, uint32_t type, int32_t result,
                               const uint8_t *priv);
@@ -87,8 +87,8 @@ FP_UDP_LAYOUT(sizeof(fp_udp_acl_handler) == 17 * sizeof(void *));
  * deleted, and no callback runs. Store failures come back as the store client's own code. */
 typedef struct fp_udp_mgr {
     /* 0: writes an ACL to the store and caches it; one that is cached keeps its ACEs and applies. A failed write
-     * removes the ACL, and with it its ACEs and applies, from the cache. Runs set_acl_ok_cb or set_acl_fail_cb before it
-     * returns, and returns what that returned. Without set_acl_fail_cb it returns 0 also when the store refused the
+     * removes the ACL, and with it its ACEs and applies, from the cache. Runs set_acl_ok_cb or set_acl_fail_cb before
+     * it returns, and returns what that returned. Without set_acl_fail_cb it returns 0 also when the store refused the
      * write, and goes on to write where the cache had no memory; without set_acl_ok_cb a success is 0. */
     int32_t (*set_acl)(void *g_ssd_fp_global, const fp_udp_acl *acl);
     /* 1: deletes an ACL from the store and, with all of its ACEs and applies, from the cache. A failing store is
@@ -104,8 +104,8 @@ typedef struct fp_udp_mgr {
      * short. An ACL without ACEs: count 0, and an array that is to be freed all the same. NULL, and nothing written,
      * where `sn` or `count` is null. */
     uint64_t *(*iterator_ace)(void *g_ssd_fp_global, const fp_udp_acl_key *key, uint64_t **sn, uint32_t *count);
-    /* 5: reads the class of an ACL of "security_app" from database 8. 0, -4 (`acl_cls` is null), -7 (no such ACL) or -11
-     * (store not readable); *acl_cls is written on success alone. */
+    /* 5: reads the class of an ACL of "security_app" from database 8. 0, -4 (`acl_cls` is null), -7 (no such ACL) or
+     * -11 (store not readable); *acl_cls is written on success alone. */
     int32_t (*get_acl_cls)(void *g_ssd_fp_global, int32_t acl_id, uint8_t *acl_cls);
 
     /* 6: writes an ACE to the store and caches it under its ACL, which must be cached (-7 otherwise). `ace` stays the
@@ -147,13 +147,14 @@ typedef struct fp_udp_mgr {
      * With apply_reply_ok_cb registered the outcome comes from the event loop, as for an ACE. A failed write removes
      * the apply from the cache and runs apply_fail_cb. A null `acl` or `apply`: nothing is done, 0.
      *
-     * Returns as set_ace does: 0 with the outcome to come; what apply_fail_cb returned; without it -2 when the cache had
-     * no memory, but 0 when the store refused the write. An ACL in both directions on one port needs two priorities:
-     * fp_udp_apply_key (types.h) says why. */
+     * Returns as set_ace does: 0 with the outcome to come; what apply_fail_cb returned; without it -2 when the cache
+     * had no memory, but 0 when the store refused the write. An ACL in both directions on one port needs two
+     * priorities: fp_udp_apply_key (types.h) says why. */
     int32_t (*set_apply)(void *g_ssd_fp_global, const fp_udp_acl_info *acl, uint32_t acl_cls,
                          const fp_udp_apply *apply);
     /* 15: deletes an apply and its status from the store, and the apply from the cache; a failing store is reported and
-     * does not stop it. No callback runs, and a pending outcome is dropped. Returns 0, also for a null `acl` or `apply`.
+     * does not stop it. No callback runs, and a pending outcome is dropped. Returns 0, also for a null `acl` or
+     * `apply`.
      */
     int32_t (*del_apply)(void *g_ssd_fp_global, const fp_udp_acl_info *acl, const fp_udp_apply *apply);
     /* 16, 17: bracket a rewrite of all applies, and their status records, of an applying application type. Returns the
@@ -168,20 +169,20 @@ typedef struct fp_udp_mgr {
     void (*reserved_21)(void); /* null */
 
     /* 22: disables a port: writes its record, and resets the status record. Runs port_disable_ok_cb or
-     * port_disable_fail_cb, by the first write alone, and returns what it returned. Without that callback it returns the
-     * second write's result, which says nothing of the first. */
+     * port_disable_fail_cb, by the first write alone, and returns what it returned. Without that callback it returns
+     * the second write's result, which says nothing of the first. */
     int32_t (*set_port_disable)(void *g_ssd_fp_global, uint32_t phyid);
     /* 23: enables it again: deletes both records and returns the result of the second deletion; a failure of the first,
      * after which the port stays disabled, is reported only. No callback runs. */
     int32_t (*del_port_disable)(void *g_ssd_fp_global, uint32_t phyid);
-    /* 24: writes the SVI router setting with its 8 private bytes (null: zeros), or with `enable` 0 removes it. Callbacks
-     * and results are those of 22, and for the removal of 23. */
+    /* 24: writes the SVI router setting with its 8 private bytes (null: zeros), or with `enable` 0 removes it.
+     * Callbacks and results are those of 22, and for the removal of 23. */
     int32_t (*svi_router_enable)(void *g_ssd_fp_global, const uint8_t *priv, uint32_t enable);
     /* 25, 26: bracket a rewrite of the SVI router setting. Result as for 16 and 17. */
     int32_t (*expire_svi_router_enable)(void *g_ssd_fp_global);
     int32_t (*del_expire_svi_router_enable)(void *g_ssd_fp_global);
-    /* 27: writes an uplink setting, or with `enable` 0 removes it. Returns nothing: uplink_ok_cb and uplink_fail_cb tell
-     * of a write, and nobody of a removal. A null `uplink` is reported, and nothing happens. */
+    /* 27: writes an uplink setting, or with `enable` 0 removes it. Returns nothing: uplink_ok_cb and uplink_fail_cb
+     * tell of a write, and nobody of a removal. A null `uplink` is reported, and nothing happens. */
     void (*uplink_enable)(void *g_ssd_fp_global, const fp_udp_uplink *uplink, uint32_t enable);
     /* 28, 29: bracket a rewrite of all uplink settings. Result as for 16 and 17. */
     int32_t (*expire_uplink)(void *g_ssd_fp_global);
@@ -194,8 +195,8 @@ typedef struct fp_udp_mgr {
                                  uint32_t bind_type, uint32_t bind_id);
     /* 32, 33, 34: write the enable marker, remove it, write the publish marker of an application type: while the enable
      * marker stands, for `tm_val` seconds at most, service nodes hold the type's changes back, and make them together
-     * when the publish marker comes. tm_val is 0 to 60; -4 beyond. Return the store's result; no callback runs. The name
-     * is not checked. */
+     * when the publish marker comes. tm_val is 0 to 60; -4 beyond. Return the store's result; no callback runs. The
+     * name is not checked. */
     int32_t (*enable_app_commit)(void *g_ssd_fp_global, const char *app_type, uint32_t tm_val);
     int32_t (*disable_app_commit)(void *g_ssd_fp_global, const char *app_type);
     int32_t (*publish_app_commit)(void *g_ssd_fp_global, const char *app_type);
@@ -206,10 +207,10 @@ FP_UDP_LAYOUT(offsetof(fp_udp_mgr, publish_app_commit) == 34 * sizeof(void *));
 
 /* ---- start-up -------------------------------------------------------------------------------------------------- */
 
-/* Opens the log, category "policy_plx", and reads its level from the first line of /etc/plx_dbg/<process name>, or where
- * that file does not exist of /etc/plx_dbg/plx: a number from 1 to 5 (diag.h); any other text is level 1, an empty or
- * missing file leaves the level as it is, 1 at load. Call it before anything else. 0, or -1 when the process's name
- * cannot be read. */
+/* Opens the log, category "policy_plx", and reads its level from the first line of /etc/plx_dbg/<process name>, or
+ * where that file does not exist of /etc/plx_dbg/plx: a number from 1 to 5 (diag.h); any other text is level 1, an
+ * empty or missing file leaves the level as it is, 1 at load. Call it before anything else. 0, or -1 when the process's
+ * name cannot be read. */
 int32_t plx_initial(void);
 
 /* Registers an application type for status subscriptions; call it for each type before fp_udp_register_acl_handler.

@@ -3,8 +3,9 @@
  * An application needs plx_wait_for_nodes() of this header, perhaps g_fp_service.count, and nothing else: set_ace and
  * set_apply start requests, the event loop ends them. The rest is for tools that look into a live process, and tests.
  *
- * A request ends in success when as many service nodes have confirmed it as g_fp_service counts, in failure at the first
- * refusal, and after 180 seconds in success unless a failure was recorded. Where no node is known one answer is enough.
+ * A request ends in success when as many service nodes have confirmed it as g_fp_service counts, in failure at the
+ * first refusal, and after 180 seconds in success unless a failure was recorded. Where no node is known one answer is
+ * enough.
  */
 #ifndef PLX_REQUEST_H
 #define PLX_REQUEST_H
@@ -116,8 +117,8 @@ int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key);
  * nodes have confirmed is a success then. A silent node is so noticed after 20 to 35 seconds. */
 void fp_udp_fp_service_node_expire(void);
 
-/* Runs the event loop until `wanted` service nodes are known, or `bound_ms` milliseconds have passed, or the loop fails.
- * Returns how many are known then: fewer than `wanted` is for the caller to tell, and to decide.
+/* Runs the event loop until `wanted` service nodes are known, or `bound_ms` milliseconds have passed, or the loop
+ * fails. Returns how many are known then: fewer than `wanted` is for the caller to tell, and to decide.
  *
  * Call it between registration and the first set_ace or set_apply. A request that is set earlier is judged by the nodes
  * known when their answers come: the first node's word would do for all. A live node is heard of within 6.5 seconds, so

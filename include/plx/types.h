@@ -130,9 +130,9 @@ typedef struct fp_udp_attr_entry {
 } fp_udp_attr_entry;
 FP_UDP_LAYOUT(sizeof(fp_udp_attr_entry) == 24);
 
-/* The names of the three classes, for look-up. plx-attributes(7) lists them with the form of each value. Of numbers that
- * name something else (`meter`, `mirror`, `mirror_id`, `counter`) the library knows nothing: that page tells whose they
- * are. The tables are writable for programs that were built against them so; do not write. */
+/* The names of the three classes, for look-up. plx-attributes(7) lists them with the form of each value. Of numbers
+ * that name something else (`meter`, `mirror`, `mirror_id`, `counter`) the library knows nothing: that page tells whose
+ * they are. The tables are writable for programs that were built against them so; do not write. */
 extern fp_udp_attr_entry ctrl_attr[FP_UDP_CTRL_ATTR_COUNT];
 extern fp_udp_attr_entry field_attr[FP_UDP_FIELD_ATTR_COUNT];
 extern fp_udp_attr_entry action_attr[FP_UDP_ACTION_ATTR_COUNT];
@@ -149,9 +149,10 @@ extern fp_udp_attr_entry action_attr[FP_UDP_ACTION_ATTR_COUNT];
  * diagnostic channel and leaves `attr` as it was: what a push then appends is what was in it before, or nothing.
  *
  * push: appends `attr` to the buffer that `tlv` points at. A length outside 0..240, a class above 2 or a name that its
- * class's table does not have is reported likewise and leaves the buffer as it was: THE ENTRY IS WIDER THAN IT WAS MEANT,
- * and no result says so. When memory is short the buffer is freed with all that was in it, and *tlv becomes NULL; the
- * next call through it crashes, and an entry that is set so matches everything. More than 65,535 bytes wrap `len`. */
+ * class's table does not have is reported likewise and leaves the buffer as it was: THE ENTRY IS WIDER THAN IT WAS
+ * MEANT, and no result says so. When memory is short the buffer is freed with all that was in it, and *tlv becomes
+ * NULL; the next call through it crashes, and an entry that is set so matches everything. More than 65,535 bytes wrap
+ * `len`. */
 typedef struct fp_udp_ace_tlv fp_udp_ace_tlv;
 struct fp_udp_ace_tlv {
     void (*construct)(fp_udp_attr *attr, const char *name, uint32_t cls, const uint8_t *value, int32_t len);
@@ -170,14 +171,14 @@ FP_UDP_LAYOUT(offsetof(fp_udp_ace_tlv, data) == 2 * sizeof(void *) + 2);
 typedef struct fp_udp_ace {
     /* Sequence number: names the entry within its ACL. Among entries of equal priority the smaller comes first. */
     uint64_t sn;
-    /* Non-zero: the ACL's default entry, which comes behind all others whatever its priority and decides what they leave
-     * open. An ACL has one at most; the library does not check that. */
+    /* Non-zero: the ACL's default entry, which comes behind all others whatever its priority and decides what they
+     * leave open. An ACL has one at most; the library does not check that. */
     uint8_t default_ace;
     /* The application's: stored, and handed back unchanged in callbacks. */
     uint8_t priv[FP_UDP_PRIV_SIZE];
     /* Priority: the greater comes first. */
     uint64_t ace_pri;
-    /* Attributes, owned by the entry; NULL is an entry without attributes, which matches every packet and does nothing. */
+    /* Attributes, owned by the entry; NULL is an entry without attributes: it matches every packet and does nothing. */
     fp_udp_ace_tlv *tlv;
 } fp_udp_ace;
 FP_UDP_LAYOUT(offsetof(fp_udp_ace, priv) == 9 && offsetof(fp_udp_ace, ace_pri) == 48 &&

@@ -22,8 +22,8 @@ typedef union ssat_value {
     const char *s;
 } ssat_value;
 
-/* Runs a command on the event loop. argv[0] is the first argument, not the command; there are as many as the description
- * has conversions. What it prints to standard output goes to whoever asked. 0, or non-zero for "failed". */
+/* Runs a command on the event loop. argv[0] is the first argument, not the command; there are as many as the
+ * description has conversions. What it prints to standard output goes to whoever asked. 0, or non-zero for "failed". */
 typedef int (*ssat_handler)(int argc, const ssat_value *argv);
 
 /* Opens the shell of a module on the context's event loop; ssat_client.h is its other end. 0 on success; otherwise the

@@ -25,8 +25,8 @@ int tq_loop_run_once(tq_thread_master *master, int timeout_ms);
 /* Makes tq_loop_run() return once the callback that calls this has returned. */
 void tq_loop_stop(tq_thread_master *master);
 
-/* Drops a pending timer, whose function is not called then; NULL is accepted. Not for a timer that has fired: its handle
- * is NULL by then. */
+/* Drops a pending timer, whose function is not called then; NULL is accepted. Not for a timer that has fired: its
+ * handle is NULL by then. */
 void tq_thread_cancel(tq_thread *thread);
 
 /* What a watch waits for, and is told of. DISCONNECTED, the other side's end, is told when it was asked for. */

@@ -23,8 +23,8 @@ uint64_t tq_timeval_to_us(const struct timeval *tv);
 uint64_t tq_timeval_to_ms(const struct timeval *tv);
 uint64_t tq_timeval_to_sec(const struct timeval *tv);
 
-/* For records that people read, such as the operation log's: writes the local wall-clock time as "YYYY-MM-DD HH:MM:SS.mmm". Non-zero on success; 0, with an empty text, when
- * `size` does not hold it. */
+/* For records that people read, such as the operation log's: writes the local wall-clock time as "YYYY-MM-DD
+ * HH:MM:SS.mmm". Non-zero on success; 0, with an empty text, when `size` does not hold it. */
 int tq_time_2_string(char *buffer, size_t size);
 
 /* An event loop (tq_loop.h). */

@@ -15,7 +15,8 @@ extern "C" {
 #define TQ_ZLOG_FORMAT(format_index, first)
 #endif
 
-/* zlog's own levels, so that numbers in a configuration mean the same on both sides; the system log has one of the same meaning for each. */
+/* zlog's own levels, so that numbers in a configuration mean the same on both sides; the system log has one of the same
+ * meaning for each. */
 enum tq_zlog_level {
     /* The library's Detail. */
     TQ_ZLOG_DEBUG = 20,
@@ -31,8 +32,9 @@ enum tq_zlog_level {
     TQ_ZLOG_FATAL = 120
 };
 
-/* Opens a log category: the name by which a log's configuration tells messages apart. The library's is "policy_plx", the
- * store client's "tq_mom"; an application takes one of its own. The handle lives as long as the process. NULL when there is no memory for it. */
+/* Opens a log category: the name by which a log's configuration tells messages apart. The library's is "policy_plx",
+ * the store client's "tq_mom"; an application takes one of its own. The handle lives as long as the process. NULL when
+ * there is no memory for it. */
 void *tq_zlog_init(const char *category);
 
 /* Logs one line: where it was reported (a file and a function with their lengths, and a line), how grave it is (enum

@@ -1,6 +1,6 @@
 /* Every exported function and every slot of the manager's table, called from C99 with what the headers promise: a
- * declaration that C cannot use, a symbol that is missing, or a result that is not the documented one shows here. run.sh
- * compares what this calls with what the library exports. */
+ * declaration that C cannot use, a symbol that is missing, or a result that is not the documented one shows here.
+ * run.sh compares what this calls with what the library exports. */
 #include <plx/libplx.h>
 #include <stdio.h>
 #include <stdlib.h>
