@@ -8,6 +8,14 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+# What is installed does not tell where it was built: libraries find each other relative to themselves from the start, and
+# names of files, in messages and for debuggers, begin at the project's root. The generator names sources by their way from
+# the build's folder, or in full.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_BINARY_DIR} OUTPUT_VARIABLE way_to_sources)
+foreach(root IN ITEMS ${PROJECT_SOURCE_DIR} ${way_to_sources} ${PROJECT_BINARY_DIR})
+  add_compile_options(-fdebug-prefix-map=${root}=. -fmacro-prefix-map=${root}=.)
+endforeach()
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
 endif()
