@@ -1,4 +1,7 @@
-/* tq_zlog.h: the system log. Uses zlog where that library is on the machine, syslog otherwise. */
+/* tq_zlog.h: the system log. Uses zlog where that library is on the machine, with the configuration that the
+ * environment's ZLOG_CONF_PATH names; syslog otherwise, and for a category that zlog has no rule for. The library's
+ * category is "policy_plx", the store client's "tq_mom", the debug shell's "ssat".
+ */
 #ifndef TQ_ZLOG_H
 #define TQ_ZLOG_H
 
@@ -37,7 +40,7 @@ enum tq_zlog_level {
  * there is no memory for it. */
 void *tq_zlog_init(const char *category);
 
-/* Logs one line: where it was reported (a file and a function with their lengths, and a line), how grave it is (enum
+/* Logs one line, less the newlines at its end: where it was reported (a file and a function with their lengths, and a line), how grave it is (enum
  * tq_zlog_level), and a format with its arguments, as in zlog's own call. A NULL category logs nothing. The library
  * formats a message itself and passes "%s": at most 1023 characters.
  *

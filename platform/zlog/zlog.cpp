@@ -1,7 +1,8 @@
 // The system log behind tq_zlog.h: zlog where that library is on the machine, syslog(3) otherwise.
 //
-// zlog is looked for once, when the first category is opened. Each category decides for itself: one that zlog does not
-// know (no library, a configuration that does not load, no rule for the name) goes to syslog, so that no line is lost.
+// zlog is looked for once, when the first category is opened. Each category is judged then: one that zlog would lose (no
+// library, a configuration that does not load, no rule that takes any of its lines) goes to syslog, and where there is a
+// configuration without a rule, syslog is told why. A zlog so old that it cannot be asked for its rules is trusted.
 // zlog reads its configuration from the file that ZLOG_CONF_PATH names; an application that has initialised zlog itself
 // keeps its own. Categories are never freed. Whatever the text contains, it reaches either log as data.
 #include "tq_zlog.h"
@@ -22,6 +23,7 @@ namespace {
 struct zlog_library {
     int (*init)(const char *configuration);
     void *(*get_category)(const char *name);
+    int (*level_enabled)(void *category, int level); // may be missing
     void (*log)(void *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
                 int level, const char *format, ...);
 };
@@ -42,6 +44,7 @@ bool open_library(const char *file_name, zlog_library &zlog)
     void *library = dlopen(file_name, RTLD_NOW | RTLD_LOCAL);
     if (!library)
         return false;
+    resolve(library, "zlog_level_enabled", zlog.level_enabled);
     if (resolve(library, "zlog_init", zlog.init) && resolve(library, "zlog_get_category", zlog.get_category) &&
         resolve(library, "zlog", zlog.log))
         return true;
@@ -62,7 +65,7 @@ const zlog_library &zlog()
     return library;
 }
 
-void *open_zlog_category(const char *name)
+void *get_zlog_category(const char *name)
 {
     if (!zlog().get_category)
         return nullptr;
@@ -70,6 +73,24 @@ void *open_zlog_category(const char *name)
         return open;
     zlog().init(getenv("ZLOG_CONF_PATH"));
     return zlog().get_category(name);
+}
+
+bool has_rule(void *category)
+{
+    for (const int level : {TQ_ZLOG_FATAL, TQ_ZLOG_ERROR, TQ_ZLOG_WARN, TQ_ZLOG_NOTICE, TQ_ZLOG_INFO, TQ_ZLOG_DEBUG})
+        if (!zlog().level_enabled || zlog().level_enabled(category, level))
+            return true;
+    return false;
+}
+
+// zlog opens a category that no rule names, and then drops each of its lines without a word.
+void *open_zlog_category(const char *name)
+{
+    void *category = get_zlog_category(name);
+    if (!category || has_rule(category))
+        return category;
+    syslog(LOG_WARNING, "%s: zlog has no rule for this category: its lines go to the system log", name);
+    return nullptr;
 }
 
 int syslog_priority(int level)
@@ -87,16 +108,12 @@ int syslog_priority(int level)
 
 void write_syslog(const category &to, const char *func, size_t func_len, long line, int level, const char *text)
 {
-    int length = static_cast<int>(strlen(text));
-    while (length > 0 && text[length - 1] == '\n')
-        --length;
     const int func_length = func ? static_cast<int>(func_len) : 0;
-    syslog(syslog_priority(level), "%s: %.*s[%ld]: %.*s", to.name.c_str(), func_length, func ? func : "", line, length,
-           text);
+    syslog(syslog_priority(level), "%s: %.*s[%ld]: %s", to.name.c_str(), func_length, func ? func : "", line, text);
 }
 
 // The formatted line, in `buffer` where it fits. Without memory for a longer one the line is cut.
-const char *format_line(char *buffer, size_t size, std::unique_ptr<char[]> &longer, const char *format, va_list args)
+char *format_line(char *buffer, size_t size, std::unique_ptr<char[]> &longer, const char *format, va_list args)
 {
     va_list again;
     va_copy(again, args);
@@ -109,6 +126,14 @@ const char *format_line(char *buffer, size_t size, std::unique_ptr<char[]> &long
         vsnprintf(longer.get(), static_cast<size_t>(length) + 1, format, again);
     va_end(again);
     return longer ? longer.get() : buffer;
+}
+
+// Both logs end their lines themselves.
+void cut_newlines(char *text)
+{
+    size_t length = strlen(text);
+    while (length > 0 && text[length - 1] == '\n')
+        text[--length] = '\0';
 }
 
 } // namespace
@@ -135,8 +160,9 @@ void tqdf_zlog(void *opened, const char *file, size_t file_len, const char *func
     std::unique_ptr<char[]> longer;
     va_list args;
     va_start(args, format);
-    const char *text = format_line(buffer, sizeof buffer, longer, format, args);
+    char *text = format_line(buffer, sizeof buffer, longer, format, args);
     va_end(args);
+    cut_newlines(text);
 
     const auto &to = *static_cast<const category *>(opened);
     if (to.zlog)

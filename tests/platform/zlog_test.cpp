@@ -33,6 +33,11 @@ TEST(zlog, a_line_goes_as_it_is_to_zlog_when_that_can_be_used_or_else_to_syslog)
                  {"zlog_complete", "20 '100%n %s'", "init default\n" + zlog + "20 format=%s: 100%n %s\n"},
                  {"zlog_complete", "80 " + y, "init default\n" + zlog + "80 format=%s: " + y + '\n'},
                  {"zlog_complete", "40 x", "init /other\n" + zlog + "40 format=%s: x\n", "ZLOG_CONF_PATH=/other"},
+                 {"zlog_complete", "80 'x\n\n'", "init default\n" + zlog + "80 format=%s: x\n"},
+                 {"zlog_ruleless", "20 x",
+                  "init default\nsyslog 4 policy: zlog has no rule for this category: its lines go to the system log"
+                  "syslog 7" +
+                      syslog + 'x'},
                  {"zlog_unconfigured", "100 x", "syslog 3" + syslog + 'x'},
                  {"zlog_incomplete", "20 '100%n %s'", "syslog 7" + syslog + "100%n %s"},
                  {"zlog_incomplete", "80 'x\n\n'", "syslog 4" + syslog + 'x'}};
