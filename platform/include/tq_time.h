@@ -36,7 +36,8 @@ typedef int (*tq_thread_func)(tq_thread *thread);
 
 /* Inserts a timer that fires once. `interval` need not be normalised; `handle`, when not NULL, receives the timer and
  * is set to NULL before `func` runs. The timer is freed after `func` returned, whose result is ignored. 0 on success.
- */
+ * In a loop that stood still for half a second or more, timers of ten seconds and more come after what the descriptors
+ * have to tell of that time, by at most two seconds: they mostly judge who was silent. */
 int tq_thread_insert_timer_timeval(tq_thread_master *master, tq_thread **handle, tq_thread_func func, void *arg,
                                    const struct timeval *interval, const char *name);
 

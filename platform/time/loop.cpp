@@ -5,16 +5,25 @@
 // inserts itself again with no interval cannot keep descriptors from being served; equal times fire in the order of
 // insertion; a fired timer has left the queue before its function runs, so the function may do anything to the loop.
 //
+// A loop that stood still (its process was stopped, a callback took long) finds timers late and descriptors with much to
+// tell. A timer of seconds judges silence: it would take for silent whom the process has only not heard. So when a timer
+// is late by more than a hiccup, such patient timers wait until no descriptor has told anything for a moment, and fire
+// then, or after two seconds even so. One quiet poll would prove nothing, as what is heard is asked for piece by piece;
+// the timers by which that is asked are short, and go on. A timer is held back once in its life, so that a loop which is
+// always late and never quiet still fires it, and no timer is held back in a loop that is on time.
+//
 // The loop owns its timers and watches. A timer's handle is cleared only while it still points at that timer: the
 // application may have put another one there.
 #include "tq_loop.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
 #include <map>
 #include <memory>
 #include <new>
+#include <utility>
 #include <uv.h>
 
 using timer_queue = std::multimap<uint64_t, std::unique_ptr<tq_thread>>;
@@ -25,6 +34,8 @@ struct tq_thread {
     tq_thread_func func;
     void *arg;
     timer_queue::iterator place; // end() while the function runs
+    bool patient = false;        // not to fire before what is waiting was heard,
+    uint64_t latest = 0;         // but not later than now; 0: not held back so far
 };
 
 struct tq_loop_watch {
@@ -41,14 +52,21 @@ struct tq_thread_master {
     uv_timer_t bound; // active while a wait is bounded, never otherwise
     timer_queue timers;
     uint64_t pass_time = 0; // nanoseconds; what is inserted from now on is due later than the current pass
+    uint64_t quiet_at = 0;  // when what came while the loop stood still is heard, if no more comes; 0: it is heard
+    uint64_t hold_end = 0;  // by when it counts as heard even so
     bool stopped = false;
     bool progress = false; // a callback ran in this step
+    bool served = false;   // a descriptor's callback ran since the timers were last looked at
 };
 
 namespace {
 
 constexpr uint64_t ns_per_us = 1000;
 constexpr uint64_t ns_per_ms = 1000000;
+constexpr uint64_t hiccup = 500 * ns_per_ms;
+constexpr uint64_t quiet_time = 200 * ns_per_ms; // longer than a slow store's answer takes
+constexpr uint64_t longest_hold = 2000 * ns_per_ms;
+constexpr uint64_t patient_us = 10000000; // shorter ones drive something
 constexpr uint64_t longest_seconds = uint64_t{INT64_MAX} / 4 / 1000000000;
 
 // Microseconds; an interval that is negative is over already, and one beyond the clock is cut.
@@ -83,12 +101,44 @@ void fire(tq_thread_master &master)
     timer->func(timer.get());
 }
 
+// Notices that the loop stood still, and whether it has heard something since. A moment at whose end it stood still
+// again was not quiet.
+void note_pass(tq_thread_master &master, uint64_t now)
+{
+    const bool served = std::exchange(master.served, false);
+    if (master.quiet_at != 0 && (served || now > master.quiet_at + quiet_time / 4))
+        master.quiet_at = std::min(now + quiet_time, master.hold_end);
+    if (now < master.quiet_at)
+        return;
+    const bool late = !master.timers.empty() && master.timers.begin()->first + hiccup < now;
+    master.quiet_at = late ? now + quiet_time : 0;
+    master.hold_end = now + longest_hold;
+}
+
+// Puts the first timer off where it has to wait for what is to be heard.
+bool hold_back(tq_thread_master &master, uint64_t now)
+{
+    tq_thread &timer = *master.timers.begin()->second;
+    if (!timer.patient || master.quiet_at == 0)
+        return false;
+    if (timer.latest == 0)
+        timer.latest = now + longest_hold;
+    if (now >= timer.latest)
+        return false;
+    auto held = master.timers.extract(master.timers.begin());
+    held.key() = std::min(master.quiet_at, timer.latest);
+    timer.place = master.timers.insert(std::move(held));
+    return true;
+}
+
 void fire_due(tq_thread_master &master)
 {
     const uint64_t now = uv_hrtime();
     master.pass_time = now;
+    note_pass(master, now);
     while (!master.stopped && !master.timers.empty() && master.timers.begin()->first <= now)
-        fire(master);
+        if (!hold_back(master, now))
+            fire(master);
 }
 
 // Milliseconds until the first timer, rounded up; -1 without one.
@@ -170,6 +220,7 @@ void on_poll(uv_poll_t *poll, int status, int events)
         uv_poll_start(poll, watch->events, on_poll);
     }
     watch->master->progress = true;
+    watch->master->served = true;
     watch->func(watch, watch->fd, events, watch->arg);
 }
 
@@ -202,6 +253,7 @@ try {
         master->timers.erase(place);
         return ENOMEM;
     }
+    timer->patient = wait_of(*interval) >= patient_us;
     place->second.reset(timer);
     if (handle)
         *handle = timer;

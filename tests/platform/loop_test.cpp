@@ -15,6 +15,7 @@ namespace {
 
 // The machine has other things to do between the start of libuv's timer and the wait that it bounds.
 bool machine_is_busy = false;
+uint64_t clock_ahead_ms = 0; // for the loop's own clock, which so passes over times in which the process was stopped
 
 uint64_t clock_ms()
 {
@@ -25,7 +26,13 @@ uint64_t clock_ms()
 
 } // namespace
 
-// Stands before libuv's own.
+// These stand before libuv's own.
+extern "C" uint64_t uv_hrtime(void)
+{
+    static const auto real = reinterpret_cast<uint64_t (*)()>(dlsym(RTLD_NEXT, "uv_hrtime"));
+    return real() + clock_ahead_ms * 1000000;
+}
+
 extern "C" int uv_timer_start(void *timer, void *func, uint64_t timeout_ms, uint64_t repeat_ms)
 {
     using start_func = int (*)(void *, void *, uint64_t, uint64_t);
@@ -103,6 +110,44 @@ TEST_F(loop_test, a_wait_that_is_over_before_it_begins_ends)
     alarm(0);
     EXPECT_EQ(calls, "f");
     tq_loop_unwatch(watch);
+}
+
+// Every answer that is read is followed by the next a moment after it was asked for, by a short timer.
+TEST_F(loop_test, after_standing_still_a_timer_of_many_seconds_waits_until_what_came_meanwhile_is_heard)
+{
+    const struct {
+        uint64_t late_ms;
+        unsigned answers;
+        uint64_t each_takes_ms; // by the loop's clock
+        size_t heard, most;     // before the timer fires
+    } cases[] = {{100, 30, 0, 0, 0}, {20000, 30, 0, 30, 30}, {20000, 1000, 100, 10, 25}, {20000, 1000, 700, 2, 4}};
+    for (const auto &[late_ms, answers, each_takes_ms, heard, most] : cases) {
+        socket_pair sockets;
+        unsigned left = answers;
+        calls.clear();
+        std::function<void()> expire = [&] { tq_loop_stop(master); };
+        std::function<void()> ask = [&] {
+            if (left-- > 0)
+                sockets.wake();
+        };
+        watcher answer{[&](tq_loop_watch *, int) {
+            char byte;
+            EXPECT_EQ(read(sockets.fd[0], &byte, 1), 1);
+            calls += 'a';
+            clock_ahead_ms += each_takes_ms;
+            insert(nullptr, {0, 1000}, ask);
+        }};
+        auto *watch = tq_loop_watch_fd(master, sockets.fd[0], TQ_LOOP_READABLE, watcher::call, &answer);
+        insert(nullptr, {0, 15000000}, expire);
+        clock_ahead_ms += 10000;
+        insert(nullptr, {5, 0}, ask);
+        clock_ahead_ms += 5000 + late_ms;
+        EXPECT_EQ(tq_loop_run(master), 0);
+        EXPECT_GE(calls.size(), heard) << late_ms << ' ' << each_takes_ms;
+        EXPECT_LE(calls.size(), most) << late_ms << ' ' << each_takes_ms;
+        tq_loop_unwatch(watch);
+        tq_loop_free(std::exchange(master, tq_loop_new())); // with what is still pending
+    }
 }
 
 TEST_F(loop_test, the_whole_interval_may_stand_in_the_microseconds)
