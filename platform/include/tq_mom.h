@@ -109,16 +109,17 @@ enum tq_mom_result {
     TQ_MOM_OK = 0,
     TQ_MOM_INVALID = 1, /* null argument, unknown field, selection beyond the key, message without a descriptor */
     TQ_MOM_NO_MEMORY = 2,
-    TQ_MOM_DISCONNECTED = 3, /* the store cannot be reached */
-    TQ_MOM_TIMEOUT = 4,      /* no answer in time; the outcome of a write is unknown */
-    TQ_MOM_NO_MARK = 5,      /* end of a rewrite without a begin, or after its time ran out */
-    TQ_MOM_CORRUPT = 6,      /* what the store holds under this key is not such a record */
-    TQ_MOM_DENIED = 7,       /* the store refuses this user the operation */
-    TQ_MOM_READ_ONLY = 8,    /* the server is a replica */
-    TQ_MOM_LOADING = 9,      /* the server is reading its data back */
-    TQ_MOM_STORE_FULL = 10,  /* the server is out of memory */
-    TQ_MOM_STORE_ERROR = 11, /* any other refusal of the server */
-    TQ_MOM_BAD_ANSWER = 12   /* the server's answer makes no sense: a walk over a table that does not go forward */
+    TQ_MOM_DISCONNECTED = 3,  /* the store cannot be reached */
+    TQ_MOM_TIMEOUT = 4,       /* no answer in time; the outcome of a write is unknown */
+    TQ_MOM_NO_MARK = 5,       /* end of a rewrite without a begin, or after its time ran out */
+    TQ_MOM_CORRUPT = 6,       /* what the store holds under this key is not such a record */
+    TQ_MOM_DENIED = 7,        /* the store refuses this user the operation */
+    TQ_MOM_READ_ONLY = 8,     /* the server is a replica */
+    TQ_MOM_LOADING = 9,       /* the server is reading its data back */
+    TQ_MOM_STORE_FULL = 10,   /* the server is out of memory */
+    TQ_MOM_STORE_ERROR = 11,  /* any other refusal of the server */
+    TQ_MOM_BAD_ANSWER = 12,   /* the server's answer makes no sense: a walk over a table that does not go forward */
+    TQ_MOM_NO_DESCRIPTOR = 13 /* the process may open no further file, and a subscription needs one */
 };
 
 /* A short text for a result code; never NULL. */

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <system_error>
 
 using namespace mom;
 
@@ -37,6 +38,8 @@ template <typename Body> int guarded(Body body) noexcept
         return body();
     } catch (const std::bad_alloc &) {
         return TQ_MOM_NO_MEMORY;
+    } catch (const std::system_error &) { // the only calls that throw it make a descriptor
+        return TQ_MOM_NO_DESCRIPTOR;
     } catch (...) {
         return TQ_MOM_STORE_ERROR;
     }
@@ -288,6 +291,7 @@ const char *tq_mom_strerror(int result)
         "the store's server is out of memory",
         "the store refused the operation",
         "the store's answer makes no sense",
+        "no file descriptor is left",
     };
     const bool known = result >= 0 && static_cast<size_t>(result) < sizeof texts / sizeof *texts;
     return known ? texts[result] : "unknown result";

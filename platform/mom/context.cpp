@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <new>
+#include <system_error>
 
 using namespace mom;
 
@@ -49,6 +50,9 @@ tq_context *tq_context_new_on(const char *store_url, tq_thread_master *master)
     }
     try {
         return make_context(store_url, master);
+    } catch (const std::system_error &error) {
+        errno = error.code().value();
+        return nullptr;
     } catch (...) {
         errno = ENOMEM;
         return nullptr;
@@ -58,10 +62,8 @@ tq_context *tq_context_new_on(const char *store_url, tq_thread_master *master)
 tq_context *tq_context_new(const char *store_url)
 {
     auto *loop = tq_loop_new();
-    if (loop == nullptr) {
-        errno = ENOMEM;
+    if (loop == nullptr)
         return nullptr;
-    }
     auto *context = tq_context_new_on(store_url, loop);
     if (context == nullptr) {
         const int reason = errno;

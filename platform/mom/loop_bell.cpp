@@ -1,8 +1,9 @@
 // See loop_bell.hpp.
 #include "loop_bell.hpp"
 
-#include <stdexcept>
+#include <cerrno>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace mom {
@@ -13,8 +14,9 @@ loop_bell::loop_bell(tq_thread_master *master, tq_loop_func func, void *arg)
     if (fd_ >= 0)
         watch_ = tq_loop_watch_fd(master, fd_, TQ_LOOP_READABLE, func, arg);
     if (watch_ == nullptr) {
+        const int error = errno;
         close(fd_);
-        throw std::runtime_error("no descriptor for notifications");
+        throw std::system_error(error, std::generic_category());
     }
 }
 

@@ -23,6 +23,8 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <sys/epoll.h>
+#include <unistd.h>
 #include <utility>
 #include <uv.h>
 
@@ -192,6 +194,19 @@ bool alive(const tq_thread_master &master)
     return !master.timers.empty() || uv_loop_alive(&master.loop);
 }
 
+// The first loop of a process has libuv open a descriptor for polling and a pipe for signals; without one it aborts.
+bool enough_descriptors()
+{
+    int spare[3];
+    for (int &fd : spare)
+        fd = epoll_create1(EPOLL_CLOEXEC);
+    const int error = errno;
+    for (const int fd : spare)
+        close(fd);
+    errno = error;
+    return spare[2] >= 0;
+}
+
 int milliseconds_since(uint64_t start)
 {
     const uint64_t passed = (uv_hrtime() - start) / ns_per_ms;
@@ -278,8 +293,12 @@ void tq_thread_cancel(tq_thread *thread)
 tq_thread_master *tq_loop_new(void)
 {
     std::unique_ptr<tq_thread_master> master(new (std::nothrow) tq_thread_master);
-    if (!master || uv_loop_init(&master->loop) != 0)
+    if (!master || !enough_descriptors())
         return nullptr;
+    if (const int error = uv_loop_init(&master->loop); error != 0) {
+        errno = -error;
+        return nullptr;
+    }
     uv_timer_init(&master->loop, &master->bound);
     return master.release();
 }

@@ -99,11 +99,11 @@ TEST_P(no_address, is_refused)
 TEST(results, each_has_a_text_of_its_own)
 {
     std::vector<std::string> texts;
-    for (int result = -1; result <= TQ_MOM_BAD_ANSWER; ++result)
+    for (int result = -1; result <= TQ_MOM_NO_DESCRIPTOR; ++result)
         texts.push_back(tq_mom_strerror(result));
     std::sort(texts.begin(), texts.end());
     EXPECT_EQ(texts.end(), std::adjacent_find(texts.begin(), texts.end()));
-    EXPECT_STREQ("unknown result", tq_mom_strerror(TQ_MOM_BAD_ANSWER + 1));
+    EXPECT_STREQ("unknown result", tq_mom_strerror(TQ_MOM_NO_DESCRIPTOR + 1));
 }
 
 } // namespace

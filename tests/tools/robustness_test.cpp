@@ -1,4 +1,5 @@
-// Files that nobody wrote as a policy: they end in errors, not in a crash or in all of the memory.
+// Files that nobody wrote as a policy, and a process that may open few files: they end in errors, not in a crash or in
+// all of the memory.
 #include "policy.hpp"
 #include "support/process.hpp"
 
@@ -110,6 +111,25 @@ TEST(HostileFile, that_is_no_file_is_refused)
         std::string content;
         EXPECT_FALSE(read_file(path, content, errors)) << path;
     }
+}
+
+TEST(Process, that_may_open_few_files_ends_with_an_error_text_and_an_exit_code)
+{
+    const TemporaryDirectory directory;
+    const std::string policy = directory.write("policy.yaml", "application: a\nacls: []\n");
+    for (const std::string &command :
+         {"apply --store mem: " + policy, std::string("show acl --store mem:"), std::string("node --store nonsense")})
+        for (unsigned limit = 5; limit <= 12; ++limit) {
+            SCOPED_TRACE(command + " with " + std::to_string(limit));
+            const std::string line = "ulimit -n " + std::to_string(limit) + "; exec " PLX_PROGRAM " " + command;
+            const Result result = run_program("/bin/sh", {"-c", line});
+            EXPECT_GE(result.exit_code, 0);
+            EXPECT_NE(result.exit_code == 0, !result.err.empty()) << result.err;
+            if (limit <= 8) {
+                EXPECT_EQ(5, result.exit_code);
+                EXPECT_THAT(result.err, HasSubstr("Too many open files"));
+            }
+        }
 }
 
 } // namespace

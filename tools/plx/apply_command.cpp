@@ -144,7 +144,7 @@ int ApplyRun::open_store()
     if (loop_ != nullptr)
         context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
     if (context_ == nullptr)
-        return fail(EXIT_USAGE, "'" + shown_address(options_.store) + "' is not the address of a store");
+        return tell_no_context("apply", options_.store);
     if (const int result = connect(); result != 0)
         return fail(EXIT_UNREACHABLE, "store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
     return EXIT_DONE;

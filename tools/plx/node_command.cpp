@@ -72,13 +72,11 @@ int NodeRun::run()
 {
     loop_.reset(tq_loop_new());
     if (loop_ == nullptr)
-        throw std::runtime_error("cannot make an event loop");
+        return tell_no_context("node", options_.store);
     if (!make_plane())
         return EXIT_USAGE;
-    if (new_context() == nullptr) {
-        log("'" + shown_address(options_.store) + "' is not the address of a store");
-        return EXIT_USAGE;
-    }
+    if (new_context() == nullptr)
+        return tell_no_context("node", options_.store);
     const StopOnSignal stop(loop_.get());
     const int result = wait_for_store(stop);
     if (result != 0) {

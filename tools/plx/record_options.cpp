@@ -5,6 +5,8 @@
 #include "field.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <plx/s_policy.pb-c.h>
 #include <tq_topics.pb-c.h>
@@ -99,12 +101,22 @@ std::string shown_address(const std::string &store)
     return address.substr(0, scheme + 3) + address.substr(at + 1);
 }
 
+int tell_no_context(const char *command, const std::string &store)
+{
+    const int error = errno;
+    std::cerr << "plx " << command << ": ";
+    if (error == EINVAL)
+        std::cerr << "'" << shown_address(store) << "' is not the address of a store\n";
+    else
+        std::cerr << "store " << shown_address(store) << ": " << std::strerror(error) << '\n';
+    return error == EINVAL ? EXIT_USAGE : EXIT_UNREACHABLE;
+}
+
 Context open_store(const char *command, const RecordOptions &options, int &exit_code)
 {
     Context context(tq_context_new(options.store.c_str()));
     if (context == nullptr) {
-        std::cerr << "plx " << command << ": '" << shown_address(options.store) << "' is not the address of a store\n";
-        exit_code = EXIT_USAGE;
+        exit_code = tell_no_context(command, options.store);
     } else if (const int result = tq_mom_client_connect_sync(context.get(), options.db); result != 0) {
         std::cerr << "plx " << command << ": store " << shown_address(options.store) << ": " << tq_mom_strerror(result)
                   << '\n';
