@@ -21,10 +21,14 @@ class command_buffer {
     {
         bytes_.clear();
         commands_ = 0;
+        answer_limit_ = SIZE_MAX;
     }
     std::string_view bytes() const { return bytes_; }
     /// How many answers will come.
     size_t commands() const { return commands_; }
+    /// How many bytes of answers are taken in before the exchange is given up as TQ_MOM_CORRUPT.
+    size_t answer_limit() const { return answer_limit_; }
+    void limit_answers(size_t bytes) { answer_limit_ = bytes; }
 
     /// Starts a command of this many arguments, its name among them.
     void begin(size_t arguments)
@@ -84,6 +88,7 @@ class command_buffer {
 
     std::string bytes_;
     size_t commands_ = 0;
+    size_t answer_limit_ = SIZE_MAX;
 };
 
 } // namespace mom

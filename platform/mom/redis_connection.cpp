@@ -135,7 +135,7 @@ int redis_connection::parse()
     return reply == nullptr ? 0 : 1;
 }
 
-int redis_connection::receive(size_t count, steady_time deadline, size_t &complete)
+int redis_connection::receive(size_t count, steady_time deadline, size_t &complete, size_t limit)
 {
     for (complete = 0; complete < count;) {
         const int parsed = parse();
@@ -144,6 +144,8 @@ int redis_connection::receive(size_t count, steady_time deadline, size_t &comple
         complete += static_cast<size_t>(parsed);
         if (parsed > 0)
             continue;
+        if (reader_->len - reader_->pos > limit || tape_.bytes() > limit)
+            return TQ_MOM_CORRUPT;
         const int waited = await_input(deadline);
         if (waited != TQ_MOM_OK)
             return waited;
@@ -157,7 +159,7 @@ int redis_connection::exchange(const command_buffer &commands)
     tape_.clear();
     const int sent = send(commands.bytes(), deadline);
     size_t complete = 0;
-    return sent != TQ_MOM_OK ? sent : receive(commands.commands(), deadline, complete);
+    return sent != TQ_MOM_OK ? sent : receive(commands.commands(), deadline, complete, commands.answer_limit());
 }
 
 bool redis_connection::take_in()

@@ -33,7 +33,7 @@ class redis_connection {
     /// TQ_MOM_OK, or what ended the connection.
     int send(std::string_view bytes, steady_time deadline);
     /// Takes in replies until `count` more are on the tape; `complete` counts them, also when it fails on the way.
-    int receive(size_t count, steady_time deadline, size_t &complete);
+    int receive(size_t count, steady_time deadline, size_t &complete, size_t limit = SIZE_MAX);
     /// Sends, clears the tape and receives the answers.
     int exchange(const command_buffer &commands);
 

@@ -49,7 +49,10 @@ class redis_engine final : public engine {
     int collected();
     void flush();
     int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
-    int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys);
+    int measure(redis_table &table, const std::vector<std::string> &keys, std::vector<size_t> &sizes);
+    int scan_in_parts(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
+    int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys,
+                  const std::string *after = nullptr);
     int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
                    bool &continued);
 

@@ -24,6 +24,7 @@ class reply_tape {
     void clear();
     void add(reply_kind kind, int64_t number, std::string_view text = {});
     size_t size() const { return nodes_.size(); }
+    size_t bytes() const { return text_.size() + nodes_.size() * sizeof(node); }
 
   private:
     friend class reply_view;

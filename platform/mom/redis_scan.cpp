@@ -1,14 +1,22 @@
 // Walks over a table in a server: scans and rewrites, a bounded page at a time.
 //
 // A scan asks for a page's records and the next page's keys in one send. Its callbacks may make calls, so a page's
-// answers are taken off the connection first. A sweep's pages are small: the server does nothing else meanwhile.
+// answers are taken off the connection first. What it takes in at once is bounded, so that a record of any size costs
+// neither memory nor the others: who is sent more gives the connection up, asks on a new one how big the records are,
+// and then for fewer. A sweep's pages are small: the server does nothing else meanwhile.
 #include "redis_engine.hpp"
+
+#include <algorithm>
+#include <span>
+#include <utility>
 
 namespace mom {
 namespace {
 
 constexpr unsigned scan_page_size = 1000;
 constexpr unsigned sweep_page_size = 200;
+constexpr size_t part_limit = size_t{1} << 20;
+constexpr size_t answer_limit = size_t{32} << 20; // of a page; a record of a common size takes a few hundred bytes
 
 void add_page(command_buffer &commands, const redis_table &table, const key_range &range, std::string_view after,
               bool continued)
@@ -17,36 +25,31 @@ void add_page(command_buffer &commands, const redis_table &table, const key_rang
                      scan_page_size);
 }
 
-} // namespace
-
-int redis_engine::list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys)
+void add_records(command_buffer &commands, const redis_table &table, std::span<const std::string> keys)
 {
-    const int asked = calls_.ask([&](command_buffer &commands) { add_page(commands, table, range, {}, false); });
-    if (asked != TQ_MOM_OK)
-        return asked;
-    const int result = calls_.link().judge(calls_.link().replies());
-    return result == TQ_MOM_OK ? take_page(table, calls_.link().replies(), nullptr, keys) : result;
+    commands.limit_answers(answer_limit);
+    for (const auto &key : keys)
+        commands.command("HGETALL", table.record(key));
 }
 
-// Delivers the records under `keys`, and replaces these by the page behind them.
-int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
-                            record_sink &sink)
+// How many of the first records to ask for at once.
+size_t part_size(std::span<const size_t> sizes, size_t most)
 {
-    const bool more = keys.size() == scan_page_size;
-    const int asked = calls_.ask([&](command_buffer &commands) {
-        for (const auto &key : keys)
-            commands.command("HGETALL", table.record(key));
-        if (more)
-            add_page(commands, table, range, keys.back(), true);
-    });
-    if (asked != TQ_MOM_OK)
-        return asked;
-    reply_tape tape;
-    calls_.link().take_replies(tape);
+    size_t count = 1;
+    for (size_t bytes = sizes[0]; count < std::min(most, sizes.size()); ++count) {
+        bytes += sizes[count];
+        if (bytes > part_limit)
+            break;
+    }
+    return count;
+}
+
+// Delivers the records under `keys`, whose answers begin at `reply`, which is left behind them.
+int deliver_records(redis_link &link, reply_view &reply, std::span<const std::string> keys, record_sink &sink)
+{
     std::vector<field_value> fields;
-    reply_view reply(tape, 0);
     for (const auto &key : keys) {
-        const int result = calls_.link().judge(reply);
+        const int result = link.judge(reply);
         if (result != TQ_MOM_OK && result != TQ_MOM_CORRUPT)
             return result;
         if (result == TQ_MOM_CORRUPT || (reply.size() > 0 && !parse_record(reply, fields)))
@@ -55,10 +58,101 @@ int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, 
             sink.record(key, fields, TQ_MOM_OK);
         reply = reply.next();
     }
+    return TQ_MOM_OK;
+}
+
+} // namespace
+
+int redis_engine::list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys,
+                            const std::string *after)
+{
+    const int asked = calls_.ask([&](command_buffer &commands) {
+        add_page(commands, table, range, after == nullptr ? std::string_view{} : *after, after != nullptr);
+    });
+    if (asked != TQ_MOM_OK)
+        return asked;
+    const int result = calls_.link().judge(calls_.link().replies());
+    return result == TQ_MOM_OK ? take_page(table, calls_.link().replies(), after, keys) : result;
+}
+
+// Delivers the records under `keys`, and replaces these by the page behind them.
+int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
+                            record_sink &sink)
+{
+    const bool more = keys.size() == scan_page_size;
+    const int asked = calls_.ask([&](command_buffer &commands) {
+        add_records(commands, table, keys);
+        if (more)
+            add_page(commands, table, range, keys.back(), true);
+    });
+    if (asked == TQ_MOM_CORRUPT || asked == TQ_MOM_TIMEOUT)
+        return scan_in_parts(table, keys, range, sink);
+    if (asked != TQ_MOM_OK)
+        return asked;
+    reply_tape tape;
+    calls_.link().take_replies(tape);
+    reply_view reply(tape, 0);
+    const int delivered = deliver_records(calls_.link(), reply, keys, sink);
+    if (delivered != TQ_MOM_OK)
+        return delivered;
     const std::string last = std::move(keys.back());
     keys.clear();
     const int result = more ? calls_.link().judge(reply) : TQ_MOM_OK;
     return more && result == TQ_MOM_OK ? take_page(table, reply, &last, keys) : result;
+}
+
+// How many bytes each record's known fields take: zeros where the user may not ask.
+int redis_engine::measure(redis_table &table, const std::vector<std::string> &keys, std::vector<size_t> &sizes)
+{
+    const auto &type = *table.ref.type->descriptor;
+    const std::span fields(type.fields, type.n_fields);
+    const int asked = calls_.ask([&](command_buffer &commands) {
+        for (const auto &key : keys)
+            for (const auto &field : fields)
+                commands.command("HSTRLEN", table.record(key), field.id);
+    });
+    if (asked != TQ_MOM_OK)
+        return asked;
+    auto reply = calls_.link().replies();
+    for (size_t i = 0; i < keys.size() * fields.size(); ++i, reply = reply.next())
+        if (reply.is(reply_kind::integer))
+            sizes[i / fields.size()] += static_cast<size_t>(reply.integer());
+    return TQ_MOM_OK;
+}
+
+// The same where the answers are more than is taken in, or do not come in time: fewer at a time, without those that are
+// too big.
+int redis_engine::scan_in_parts(redis_table &table, std::vector<std::string> &keys, const key_range &range,
+                                record_sink &sink)
+{
+    std::vector<size_t> sizes(keys.size());
+    int result = measure(table, keys, sizes);
+    size_t most = keys.size();
+    for (size_t from = 0; result == TQ_MOM_OK && from < keys.size();) {
+        const size_t count = part_size(std::span(sizes).subspan(from), most);
+        const auto part = std::span(keys).subspan(from, count);
+        result = sizes[from] > answer_limit
+                     ? int{TQ_MOM_CORRUPT}
+                     : ask([&](command_buffer &commands) { add_records(commands, table, part); });
+        most = result == TQ_MOM_CORRUPT ? (count + 1) / 2 : 2 * count;
+        if (result == TQ_MOM_CORRUPT && count > 1) {
+            result = TQ_MOM_OK;
+            continue;
+        }
+        if (result == TQ_MOM_CORRUPT) {
+            sink.record(part.front(), {}, std::exchange(result, TQ_MOM_OK));
+        } else if (result == TQ_MOM_OK) {
+            reply_tape tape;
+            calls_.link().take_replies(tape);
+            reply_view reply(tape, 0);
+            result = deliver_records(calls_.link(), reply, part, sink);
+        }
+        from += count;
+    }
+    const bool more = keys.size() == scan_page_size;
+    const std::string last = std::move(keys.back());
+    keys.clear();
+    return more && result == TQ_MOM_OK ? list_keys(table, range, keys, &last) : result;
 }
 
 int redis_engine::scan(table_ref ref, const key_range &range, record_sink &sink)

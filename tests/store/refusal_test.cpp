@@ -94,6 +94,31 @@ TEST_F(refusal, meets_each_user_who_leaves_its_role)
         EXPECT_EQ(TQ_MOM_DENIED, tq_mom_client_connect_sync(open_at("unix:" + server.socket() + nobody), 8));
 }
 
+TEST_F(refusal, tells_a_record_of_many_megabytes_as_unreadable_and_goes_on)
+{
+    const std::string key = "plx{8:ace}:a,a1,a3";
+    for (uint64_t sn = 1; sn <= 5; ++sn)
+        write_ace(context, 8, ace_record("a", 1, sn, sn));
+    const auto sent_bytes = [&] {
+        const std::string stats = server.run({"INFO", "stats"}), name = "total_net_output_bytes:";
+        return std::stoull(stats.substr(stats.find(name) + name.size()));
+    };
+    for (const char *field : {"6", "77"}) { // the second is none of the type's, so nobody asks for its size
+        server.run({"EVAL", "return redis.call('HSET', KEYS[1], ARGV[1], string.rep('x', 64e6))", "1", key, field});
+        for (const char *user : {"plx-reader", "plx-application"}) {
+            const auto before = sent_bytes();
+            hearing found;
+            EXPECT_EQ(TQ_MOM_OK, tq_mom_scan_sync(open("timeout=60000", user), 8, ace, 0, hearing::callback, &found));
+            EXPECT_EQ((lines{"4 a/1/1=1", "4 a/1/2=2", "4 ! 6", "4 a/1/4=4", "4 a/1/5=5"}), found.lines)
+                << user << field;
+            if (*field == '6') {
+                EXPECT_LT(sent_bytes() - before, 48'000'000u) << user;
+            }
+        }
+        server.run({"HDEL", key, field});
+    }
+}
+
 TEST_F(refusal, tells_what_is_no_record_under_a_record_s_key)
 {
     const std::string key = "plx{8:ace}:a,a1,a1";
