@@ -11,7 +11,8 @@
 extern "C" {
 #endif
 
-/* NULL, with errno set, when the loop cannot be made; it takes six descriptors. Freeing drops pending timers and watches without calling them. */
+/* NULL, with errno set, when the loop cannot be made; it takes six descriptors. Freeing drops pending timers and
+ * watches without calling them. */
 tq_thread_master *tq_loop_new(void);
 void tq_loop_free(tq_thread_master *master);
 

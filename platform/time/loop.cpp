@@ -5,12 +5,12 @@
 // inserts itself again with no interval cannot keep descriptors from being served; equal times fire in the order of
 // insertion; a fired timer has left the queue before its function runs, so the function may do anything to the loop.
 //
-// A loop that stood still (its process was stopped, a callback took long) finds timers late and descriptors with much to
-// tell. A timer of seconds judges silence: it would take for silent whom the process has only not heard. So when a timer
-// is late by more than a hiccup, such patient timers wait until no descriptor has told anything for a moment, and fire
-// then, or after two seconds even so. One quiet poll would prove nothing, as what is heard is asked for piece by piece;
-// the timers by which that is asked are short, and go on. A timer is held back once in its life, so that a loop which is
-// always late and never quiet still fires it, and no timer is held back in a loop that is on time.
+// A loop that stood still (its process was stopped, a callback took long) finds timers late and descriptors with much
+// to tell. A timer of seconds judges silence: it would take for silent whom the process has only not heard. So when a
+// timer is late by more than a hiccup, such patient timers wait until no descriptor has told anything for a moment, and
+// fire then, or after two seconds even so. One quiet poll would prove nothing, as what is heard is asked for piece by
+// piece; the timers by which that is asked are short, and go on. A timer is held back once in its life, so that a loop
+// which is always late and never quiet still fires it, and no timer is held back in a loop that is on time.
 //
 // The loop owns its timers and watches. A timer's handle is cleared only while it still points at that timer: the
 // application may have put another one there.

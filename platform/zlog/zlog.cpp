@@ -1,8 +1,8 @@
 // The system log behind tq_zlog.h: zlog where that library is on the machine, syslog(3) otherwise.
 //
-// zlog is looked for once, when the first category is opened. Each category is judged then: one that zlog would lose (no
-// library, a configuration that does not load, no rule that takes any of its lines) goes to syslog, and where there is a
-// configuration without a rule, syslog is told why. A zlog so old that it cannot be asked for its rules is trusted.
+// zlog is looked for once, when the first category is opened. Each category is judged when it is opened: one that zlog
+// would lose (no library, a configuration that does not load, no rule that takes any of its lines) goes to syslog,
+// which is told when it was for want of a rule. A zlog so old that it cannot be asked for its rules is trusted.
 // zlog reads its configuration from the file that ZLOG_CONF_PATH names; an application that has initialised zlog itself
 // keeps its own. Categories are never freed. Whatever the text contains, it reaches either log as data.
 #include "tq_zlog.h"
