@@ -40,9 +40,9 @@ enum tq_zlog_level {
  * there is no memory for it. */
 void *tq_zlog_init(const char *category);
 
-/* Logs one line, less the newlines at its end: where it was reported (a file and a function with their lengths, and a line), how grave it is (enum
- * tq_zlog_level), and a format with its arguments, as in zlog's own call. A NULL category logs nothing. The library
- * formats a message itself and passes "%s": at most 1023 characters.
+/* Logs one line, less the newlines at its end: where it was reported (a file and a function with their lengths, and a
+ * line), how grave it is (enum tq_zlog_level), and a format with its arguments, as in zlog's own call. A NULL category
+ * logs nothing. The library formats a message itself and passes "%s": at most 1023 characters.
  *
  * `level` decides what becomes of the line by the log's own configuration. What the library hands over at all is for
  * g_policy_plx_zlog_level (plx/diag.h) to say, before. */

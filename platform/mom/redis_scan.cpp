@@ -133,7 +133,7 @@ int redis_engine::scan_in_parts(redis_table &table, std::vector<std::string> &ke
         const auto part = std::span(keys).subspan(from, count);
         result = sizes[from] > answer_limit
                      ? int{TQ_MOM_CORRUPT}
-                     : ask([&](command_buffer &commands) { add_records(commands, table, part); });
+                     : calls_.ask([&](command_buffer &commands) { add_records(commands, table, part); });
         most = result == TQ_MOM_CORRUPT ? (count + 1) / 2 : 2 * count;
         if (result == TQ_MOM_CORRUPT && count > 1) {
             result = TQ_MOM_OK;
