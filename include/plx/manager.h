@@ -234,7 +234,8 @@ fp_udp_mgr *fp_udp_get_mgr(void);
 /* Makes the cache treat applies that differ only in priority as one: setting such an apply with another priority moves
  * it. Call it before the first apply is cached, which is before fp_udp_register_acl_handler: an apply that is in the
  * cache with its priority is not found any more afterwards, so its answers are dropped and deleting it leaves it there.
- * There is on purpose no way back. The second tells whether it is so: 1 or 0. */
+ * There is no way back: what was cached without its priority could not be told apart again. The second tells whether it
+ * is so: 1 or 0. */
 void fp_udp_set_cmp_apply_skip_prio(void);
 uint8_t fp_udp_is_cmp_apply_skip_priority(void);
 
