@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <regex>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,8 +45,9 @@ static std::vector<uint8_t> bytes_of(const std::string &digits)
 // Text of a file, as one line.
 static std::string unescaped(std::string text)
 {
-    for (size_t at; (at = text.find("\\n")) != std::string::npos;)
-        text.replace(at, 2, "\n");
+    for (const auto &[mark, character] : {std::pair{"\\n", "\n"}, {"\\t", "\t"}})
+        for (size_t at; (at = text.find(mark)) != std::string::npos;)
+            text.replace(at, 2, character);
     return repeated(text);
 }
 
@@ -140,30 +140,49 @@ template <class Made> void furnish(Made &made, const arguments &a)
         free(std::exchange(made->tlv, nullptr));
 }
 
-owned_apply apply_of(session &s, const thing &t, const arguments &a)
+// Sets the thing, or deletes it.
+using operation = int32_t (*)(session &, const thing &, const arguments &, bool on);
+
+int32_t of_acl(session &s, const thing &t, const arguments &a, bool on)
 {
-    return make_apply(s.mgr, t.text(0), t.number(3), t.number(4), t.number(5), a.as<uint8_t>("priv"));
+    const fp_udp_acl acl = make_acl(t.text(0), t.number(1), a.as<uint8_t>("cls"), a.as<uint8_t>("priv"));
+    const fp_udp_acl_key key = make_key(t.text(0), t.number(1));
+    return on ? s.mgr->set_acl(&context, t.lacks(0) ? nullptr : &acl)
+              : s.mgr->del_acl(&context, t.lacks(0) ? nullptr : &key);
 }
 
-// The private bytes of a port's setting, or none.
-struct port_bytes {
-    explicit port_bytes(const arguments &a) : given(a.has("priv"))
-    {
-        put_priv(bytes, sizeof bytes, a.as<uint8_t>("priv"));
-    }
-    const uint8_t *get() const { return given ? bytes : nullptr; }
-    bool given;
-    uint8_t bytes[FP_UDP_PORT_PRIV_SIZE];
-};
-
-using operation = int32_t (*)(session &, const thing &, const arguments &);
-
-template <bool on> int32_t turn_svi(session &s, const thing &, const arguments &a)
+int32_t of_ace(session &s, const thing &t, const arguments &a, bool on)
 {
-    return s.mgr->svi_router_enable(&context, port_bytes(a).get(), on);
+    const fp_udp_acl_key name = make_key(t.text(0), t.number(1)), *key = t.lacks(0) ? nullptr : &name;
+    if (!on)
+        return s.mgr->delete_ace(&context, key, t.large(2));
+    owned_ace ace = make_ace(s.mgr, t.large(2), a.as<uint8_t>("priv"), a.as<uint64_t>("pri"), a.as<uint8_t>("default"));
+    furnish(ace, a);
+    return s.mgr->set_ace(&context, key, t.lacks(2) ? nullptr : ace.get());
 }
 
-template <bool on> int32_t turn_uplink(session &s, const thing &t, const arguments &a)
+int32_t of_apply(session &s, const thing &t, const arguments &a, bool on)
+{
+    const fp_udp_acl_info owner = make_info(t.text(2), t.number(1)), *acl = t.lacks(2) ? nullptr : &owner;
+    owned_apply made = make_apply(s.mgr, t.text(0), t.number(3), t.number(4), t.number(5), a.as<uint8_t>("priv"));
+    furnish(made, a);
+    fp_udp_apply *apply = t.lacks(0) ? nullptr : made.get();
+    return on ? s.mgr->set_apply(&context, acl, a.as<uint32_t>("cls"), apply) : s.mgr->del_apply(&context, acl, apply);
+}
+
+int32_t of_port(session &s, const thing &t, const arguments &, bool on)
+{
+    return (on ? s.mgr->set_port_disable : s.mgr->del_port_disable)(&context, t.number(0));
+}
+
+int32_t of_svi(session &s, const thing &, const arguments &a, bool on)
+{
+    uint8_t priv[FP_UDP_PORT_PRIV_SIZE];
+    put_priv(priv, sizeof priv, a.as<uint8_t>("priv"));
+    return s.mgr->svi_router_enable(&context, a.has("priv") ? priv : nullptr, on);
+}
+
+int32_t of_uplink(session &s, const thing &t, const arguments &a, bool on)
 {
     fp_udp_uplink uplink{t.number(0), t.number(1), {}};
     put_priv(uplink.priv, sizeof uplink.priv, a.as<uint8_t>("priv"));
@@ -171,72 +190,23 @@ template <bool on> int32_t turn_uplink(session &s, const thing &t, const argumen
     return 0;
 }
 
-int32_t set_ace(session &s, const thing &t, const arguments &a)
+int32_t of_binding(session &s, const thing &t, const arguments &, bool on)
 {
-    const fp_udp_acl_key key = make_key(t.text(0), t.number(1));
-    owned_ace ace = make_ace(s.mgr, t.large(2), a.as<uint8_t>("priv"), a.as<uint64_t>("pri"), a.as<uint8_t>("default"));
-    furnish(ace, a);
-    return s.mgr->set_ace(&context, t.lacks(0) ? nullptr : &key, t.lacks(2) ? nullptr : ace.get());
+    return (on ? s.mgr->set_port_bindinfo : s.mgr->del_port_bindinfo)(&context, or_null(t.key[0]), t.number(1),
+                                                                      t.number(2), t.number(3), t.number(4));
 }
 
-int32_t set_apply(session &s, const thing &t, const arguments &a)
+int32_t of_commit(session &s, const thing &t, const arguments &a, bool on)
 {
-    const fp_udp_acl_info acl = make_info(t.text(2), t.number(1));
-    owned_apply apply = apply_of(s, t, a);
-    furnish(apply, a);
-    return s.mgr->set_apply(&context, t.lacks(2) ? nullptr : &acl, a.as<uint32_t>("cls"),
-                            t.lacks(0) ? nullptr : apply.get());
+    const char *type = or_null(t.key[0]);
+    return !on           ? s.mgr->disable_app_commit(&context, type)
+           : t.number(1) ? s.mgr->publish_app_commit(&context, type)
+                         : s.mgr->enable_app_commit(&context, type, a.as<uint32_t>("seconds"));
 }
 
-const std::map<std::string, operation> setters = {
-    {"acl",
-     [](session &s, const thing &t, const arguments &a) {
-         const fp_udp_acl acl = make_acl(t.text(0), t.number(1), a.as<uint8_t>("cls"), a.as<uint8_t>("priv"));
-         return s.mgr->set_acl(&context, t.lacks(0) ? nullptr : &acl);
-     }},
-    {"ace", set_ace},
-    {"apply", set_apply},
-    {"port_off", [](session &s, const thing &t, auto &) { return s.mgr->set_port_disable(&context, t.number(0)); }},
-    {"svi_router", turn_svi<true>},
-    {"uplink", turn_uplink<true>},
-    {"port_bindinfo",
-     [](session &s, const thing &t, auto &) {
-         return s.mgr->set_port_bindinfo(&context, or_null(t.key[0]), t.number(1), t.number(2), t.number(3),
-                                         t.number(4));
-     }},
-    {"app_commit",
-     [](session &s, const thing &t, const arguments &a) {
-         return t.number(1) ? s.mgr->publish_app_commit(&context, or_null(t.key[0]))
-                            : s.mgr->enable_app_commit(&context, or_null(t.key[0]), a.as<uint32_t>("seconds"));
-     }},
-};
-
-const std::map<std::string, operation> removers = {
-    {"acl",
-     [](session &s, const thing &t, auto &) {
-         const fp_udp_acl_key key = make_key(t.text(0), t.number(1));
-         return s.mgr->del_acl(&context, t.lacks(0) ? nullptr : &key);
-     }},
-    {"ace",
-     [](session &s, const thing &t, auto &) {
-         const fp_udp_acl_key key = make_key(t.text(0), t.number(1));
-         return s.mgr->delete_ace(&context, t.lacks(0) ? nullptr : &key, t.large(2));
-     }},
-    {"apply",
-     [](session &s, const thing &t, const arguments &a) {
-         const fp_udp_acl_info acl = make_info(t.text(2), t.number(1));
-         return s.mgr->del_apply(&context, t.lacks(2) ? nullptr : &acl, t.lacks(0) ? nullptr : apply_of(s, t, a).get());
-     }},
-    {"port_off", [](session &s, const thing &t, auto &) { return s.mgr->del_port_disable(&context, t.number(0)); }},
-    {"svi_router", turn_svi<false>},
-    {"uplink", turn_uplink<false>},
-    {"port_bindinfo",
-     [](session &s, const thing &t, auto &) {
-         return s.mgr->del_port_bindinfo(&context, or_null(t.key[0]), t.number(1), t.number(2), t.number(3),
-                                         t.number(4));
-     }},
-    {"app_commit",
-     [](session &s, const thing &t, auto &) { return s.mgr->disable_app_commit(&context, or_null(t.key[0])); }},
+const std::map<std::string, operation> operations = {
+    {"acl", of_acl},        {"ace", of_ace},       {"apply", of_apply},           {"port_off", of_port},
+    {"svi_router", of_svi}, {"uplink", of_uplink}, {"port_bindinfo", of_binding}, {"app_commit", of_commit},
 };
 
 int32_t bracket(session &s, arguments &a, bool begins)
@@ -325,7 +295,8 @@ std::string attribute(session &s, arguments &a)
     if (a.option("push") == "no" && attr.name[0] == '\xEE')
         return "untouched";
     if (a.option("push") == "no")
-        return format("name %.20s len %d value ", attr.name, attr.len) + hex(attr.value, std::min(value.size() + 1, sizeof attr.value));
+        return format("name %.20s len %d value ", attr.name, attr.len) +
+               hex(attr.value, std::min(value.size() + 1, sizeof attr.value));
     attr.len = a.has("pushed_len") ? a.as<int32_t>("pushed_len") : attr.len;
     attr.cls = a.has("cls") ? a.as<uint32_t>("cls") : attr.cls;
     if (a.has("name"))
@@ -347,8 +318,16 @@ std::string copy(session &s, arguments &a)
 
 fake::record record_of(arguments &a)
 {
+    std::map<std::string, std::string> fields = a.options;
+    for (const char *name : {"result", "flag"}) // of the notification
+        fields.erase(name);
     const thing t = a.next_thing();
-    return {t.table, t.key, a.options};
+    return {t.table, t.key, fields};
+}
+
+const ProtobufCMessage *unless_null(const fake::record &record, arguments &a)
+{
+    return a.next() == "null" ? nullptr : static_cast<const ProtobufCMessage *>(record);
 }
 
 // "deliver 1 ace_psta[security_app,4,1] p_status=3 rep_uuid=5 result=6 flag=1". Without a key: "ace_psta", without a
@@ -356,29 +335,19 @@ fake::record record_of(arguments &a)
 std::string deliver(session &, arguments &a)
 {
     const auto event = static_cast<int32_t>(a.number());
-    const std::string table = thing(arguments(a).next_thing()).table;
-    std::map<std::string, std::string> fields = a.options;
-    for (const char *name : {"result", "flag"})
-        a.options.erase(name);
+    const std::string table = arguments(a).next_thing().table;
     const fake::record record = record_of(a);
-    const bool none = a.next() == "null";
-    a.options = fields;
-    const int32_t result =
-        fake::store.deliver(table, event, none ? nullptr : static_cast<const ProtobufCMessage *>(record),
-                            a.as<int32_t>("result"), a.as<int32_t>("flag"));
-    return std::to_string(result);
+    return std::to_string(
+        fake::store.deliver(table, event, unless_null(record, a), a.as<int32_t>("result"), a.as<int32_t>("flag")));
 }
 
 std::string scanned(session &, arguments &a)
 {
     static std::deque<fake::record> kept;
     const auto event = static_cast<int32_t>(a.number());
-    const auto result = a.as<int32_t>("result");
-    a.options.erase("result");
     const std::string table = arguments(a).next_thing().table;
     const fake::record &record = kept.emplace_back(record_of(a));
-    fake::store.scan_entries.push_back(
-        {table, {event, a.next() == "null" ? nullptr : static_cast<const ProtobufCMessage *>(record), result, 0}});
+    fake::store.scan_entries.push_back({table, {event, unless_null(record, a), a.as<int32_t>("result"), 0}});
     return "";
 }
 
@@ -575,7 +544,7 @@ std::string judge(session &s, arguments &a)
 
 // ---- the clock, the channel, the shell and the files
 
-std::string record(session &s, arguments &a)
+void record(session &, arguments &a)
 {
     const thing t = a.next_thing();
     const fp_udp_acl_info acl = make_info(t.text(t.table == "apply" ? 2 : 0), t.number(1));
@@ -595,8 +564,6 @@ std::string record(session &s, arguments &a)
         const fp_udp_apply_info apply = make_apply_info(t.text(0), t.number(3), t.number(4), t.number(5));
         fp_udp_log_op_apply(owner, t.lacks(0) ? nullptr : &apply, type, priv, op);
     }
-    (void)s;
-    return "";
 }
 
 std::string shell(session &, arguments &a)
@@ -618,7 +585,7 @@ std::string path_of(session &s, const std::string &name)
     return s.root + "/" + (at == std::string::npos ? name : std::string(name).replace(at, 7, s.process));
 }
 
-std::string file(session &s, arguments &a)
+void file(session &s, arguments &a)
 {
     const std::string what = a.next(), path = path_of(s, a.next());
     reader in{std::istringstream(a.raw)};
@@ -646,196 +613,156 @@ std::string file(session &s, arguments &a)
         for (const std::string &line : read_lines(path))
             s.shown.push_back(line + "|"); // a blank at its end can be seen
     }
-    return "";
+}
+
+template <bool on> int32_t operate(session &s, arguments &a)
+{
+    const thing t = a.next_thing();
+    return operations.at(t.table)(s, t, a, on);
+}
+
+fp_udp_service_node_key node_key(arguments &a)
+{
+    const thing t = a.next_thing();
+    return {t.number(0), t.number(1), t.number(2)};
+}
+
+int32_t register_callbacks(session &s, arguments &a)
+{
+    const auto db = static_cast<uint32_t>(a.number());
+    const std::string names = a.next();
+    const fp_udp_acl_handler chosen = handler(names);
+    const int32_t result = fp_udp_register_acl_handler(&context, db, names == "null" ? nullptr : &chosen);
+    s.mgr = fp_udp_get_mgr();
+    return result;
+}
+
+std::string new_apply(session &s, arguments &)
+{
+    const fp_udp_apply_key key{};
+    fp_udp_apply *made = s.mgr->alloc_apply(&key);
+    s.mgr->free_apply(made);
+    return made ? "an apply" : "nothing";
+}
+
+std::string process_name(session &, arguments &)
+{
+    char name[100] = "untouched";
+    const int32_t result = fp_udp_dbg_get_proc_name(name);
+    return std::to_string(result) + " " + name;
+}
+
+std::string open_shell(session &, arguments &a)
+{
+    fp_udp_at_reg_init(a.option("context") == "null" ? nullptr : &context);
+    return fake::shell.opened + format(" %zu commands, switch %x", fake::shell.commands.size(), fp_udp_debug_sw);
 }
 
 using verb = std::function<std::string(session &, arguments &)>;
 
+template <class Work> verb silent(Work work)
+{
+    return [work](session &s, arguments &a) {
+        work(s, a);
+        return std::string();
+    };
+}
+template <class Work> verb number(Work work)
+{
+    return [work](session &s, arguments &a) { return std::to_string(work(s, a)); };
+}
+const auto small = [](arguments &a) { return static_cast<uint32_t>(a.number()); };
+
 const std::map<std::string, verb> verbs = {
-    {"start",
-     [](session &s, arguments &a) {
+    // Start-up
+    {"start", silent([](session &s, arguments &a) {
          s.start(handler(a.next()));
          fake::clock.inserted.clear();
          fake::commands.clear();
-         return std::string();
-     }},
-    {"type",
-     [](session &, arguments &a) {
+     })},
+    {"type", number([](auto &, auto &a) {
          const std::string name = a.next();
-         return std::to_string(fp_udp_register_app_type(name == "''" ? "" : or_null(name)));
-     }},
-    {"register",
-     [](session &s, arguments &a) {
-         const auto db = static_cast<uint32_t>(a.number());
-         const std::string names = a.next();
-         const fp_udp_acl_handler chosen = handler(names);
-         const int32_t result = fp_udp_register_acl_handler(&context, db, names == "null" ? nullptr : &chosen);
-         s.mgr = fp_udp_get_mgr();
-         return std::to_string(result);
-     }},
-    {"topics",
-     [](session &, arguments &a) {
+         return fp_udp_register_app_type(name == "''" ? "" : or_null(name));
+     })},
+    {"register", number(register_callbacks)},
+    {"topics", number([](auto &, auto &a) {
          const std::string name = a.next();
-         return std::to_string(
-             fp_udp_cgst_register(a.option("context") == "null" ? nullptr : &context, 7, or_null(name)));
-     }},
-    {"table",
-     [](session &s, arguments &) {
-         s.mgr = fp_udp_get_mgr();
-         return std::string();
-     }},
-    {"set",
-     [](session &s, arguments &a) {
-         const thing t = a.next_thing();
-         return std::to_string(setters.at(t.table)(s, t, a));
-     }},
-    {"del",
-     [](session &s, arguments &a) {
-         const thing t = a.next_thing();
-         return std::to_string(removers.at(t.table)(s, t, a));
-     }},
-    {"expire", [](session &s, arguments &a) { return std::to_string(bracket(s, a, true)); }},
-    {"del_expire", [](session &s, arguments &a) { return std::to_string(bracket(s, a, false)); }},
+         return fp_udp_cgst_register(a.option("context") == "null" ? nullptr : &context, 7, or_null(name));
+     })},
+    {"table", silent([](session &s, auto &) { s.mgr = fp_udp_get_mgr(); })},
+    // Operations
+    {"set", number(operate<true>)},
+    {"del", number(operate<false>)},
+    {"expire", number([](auto &s, auto &a) { return bracket(s, a, true); })},
+    {"del_expire", number([](auto &s, auto &a) { return bracket(s, a, false); })},
     {"iterate", iterate},
     {"class", class_of},
-    {"skip_priority",
-     [](session &, arguments &) {
+    {"skip_priority", number([](auto &, auto &) {
          fp_udp_set_cmp_apply_skip_prio();
-         return std::to_string(fp_udp_is_cmp_apply_skip_priority());
-     }},
+         return fp_udp_is_cmp_apply_skip_priority();
+     })},
     {"get", read_entry},
     {"entry", make_entry},
     {"attr", attribute},
     {"copy", copy},
-    {"new_apply",
-     [](session &s, arguments &) {
-         const fp_udp_apply_key key{};
-         fp_udp_apply *made = s.mgr->alloc_apply(&key);
-         s.mgr->free_apply(made);
-         return std::string(made ? "an apply" : "nothing");
-     }},
-    {"put",
-     [](session &, arguments &a) {
-         const auto db = static_cast<uint32_t>(a.number());
-         fake::store.put(db, *static_cast<const ProtobufCMessage *>(record_of(a)));
-         return std::string();
-     }},
+    {"new_apply", new_apply},
+    // The store and the service nodes
+    {"put", silent([](auto &, auto &a) {
+         const uint32_t db = small(a);
+         fake::store.put(db, *record_of(a));
+     })},
     {"deliver", deliver},
     {"scanned", scanned},
-    {"notify_nothing",
-     [](session &s, arguments &) {
+    {"notify_nothing", silent([](session &s, auto &) {
          for (const fake::subscription &one : fake::store.subscriptions)
              s.shown.push_back(one.table + " " + std::to_string(one.callback(one.handle, nullptr, one.arg)));
-         return std::string();
-     }},
+     })},
+    // The application's callbacks
+    {"answers", silent([](auto &, auto &a) { app.result = static_cast<int32_t>(a.number()); })},
+    {"then", silent([](session &s, auto &a) { s.then.push_back(a.raw); })},
+    // The cache and the requests
     {"show", show},
     {"poke", poke},
     {"cache", in_cache},
     {"wait", wait_for},
     {"judge", judge},
-    {"answers",
-     [](session &, arguments &a) {
-         app.result = static_cast<int32_t>(a.number());
-         return std::string();
-     }},
-    {"then",
-     [](session &s, arguments &a) {
-         s.then.push_back(a.raw);
-         return std::string();
-     }},
-    {"pass",
-     [](session &, arguments &a) {
-         fp_udp_req_check_proc(static_cast<int32_t>(a.number()));
-         return std::string();
-     }},
-    {"expire_nodes",
-     [](session &, arguments &) {
-         fp_udp_fp_service_node_expire();
-         return std::string();
-     }},
-    {"find_node",
-     [](session &, arguments &a) {
-         const thing t = a.next_thing();
-         const fp_udp_service_node_key key{t.number(0), t.number(1), t.number(2)};
+    {"pass", silent([](auto &, auto &a) { fp_udp_req_check_proc(static_cast<int32_t>(a.number())); })},
+    {"expire_nodes", silent([](auto &, auto &) { fp_udp_fp_service_node_expire(); })},
+    {"find_node", [](auto &, auto &a) {
+         const fp_udp_service_node_key key = node_key(a);
          return std::string(fp_udp_fp_service_node_search(&key) ? "found" : "unknown");
      }},
-    {"add_node",
-     [](session &, arguments &a) {
-         const thing t = a.next_thing();
-         const fp_udp_service_node_key key{t.number(0), t.number(1), t.number(2)};
-         return std::to_string(fp_udp_fp_service_node_add(&key));
-     }},
-    {"timers", [](session &, arguments &) { return format("%d %d", fp_udp_expire(), fp_udp_req_check()); }},
-    {"seconds",
-     [](session &, arguments &a) {
-         fake::clock.advance_seconds(static_cast<uint64_t>(a.number()));
-         return std::string();
-     }},
-    {"microseconds", // no timer fires, and time may go back
-     [](session &, arguments &a) {
-         fake::clock.now_us += static_cast<uint64_t>(a.number());
-         return std::string();
-     }},
-    {"wall_clock",
-     [](session &, arguments &a) {
-         fake::clock.wall_clock_works = a.next() == "works";
-         return std::string();
-     }},
-    {"log",
-     [](session &s, arguments &a) {
-         s.levels = a.next();
-         return std::string();
-     }},
-    {"level",
-     [](session &, arguments &a) {
-         g_policy_plx_zlog_level = static_cast<uint32_t>(a.number());
-         return std::string();
-     }},
-    {"switch",
-     [](session &, arguments &a) {
-         fp_udp_debug_sw = static_cast<uint32_t>(a.number());
-         return std::string();
-     }},
-    {"category",
-     [](session &, arguments &a) {
+    {"add_node", number([](auto &, auto &a) {
+         const fp_udp_service_node_key key = node_key(a);
+         return fp_udp_fp_service_node_add(&key);
+     })},
+    // The clock; by microseconds no timer fires, and time may go back
+    {"timers", [](auto &, auto &) { return format("%d %d", fp_udp_expire(), fp_udp_req_check()); }},
+    {"seconds", silent([](auto &, auto &a) { fake::clock.advance_seconds(static_cast<uint64_t>(a.number())); })},
+    {"microseconds", silent([](auto &, auto &a) { fake::clock.now_us += static_cast<uint64_t>(a.number()); })},
+    {"wall_clock", silent([](auto &, auto &a) { fake::clock.wall_clock_works = a.next() == "works"; })},
+    // The channel, the debug shell and the files
+    {"log", silent([](session &s, auto &a) { s.levels = a.next(); })},
+    {"level", silent([](auto &, auto &a) { g_policy_plx_zlog_level = small(a); })},
+    {"switch", silent([](auto &, auto &a) { fp_udp_debug_sw = small(a); })},
+    {"category", silent([](auto &, auto &a) {
          fake::log.opens = a.next() == "opens";
          g_policy_plx_zlog_category = nullptr;
-         return std::string();
-     }},
-    {"initial",
-     [](session &, arguments &) {
+     })},
+    {"initial", [](auto &, auto &) {
          const int32_t result = plx_initial();
          return format("%d level %u", result, g_policy_plx_zlog_level);
      }},
-    {"process_name",
-     [](session &, arguments &) {
-         char name[100] = "untouched";
-         const int32_t result = fp_udp_dbg_get_proc_name(name);
-         return std::to_string(result) + " " + name;
-     }},
-    {"call_process",
-     [](session &, arguments &a) {
-         prctl(PR_SET_NAME, a.next().c_str());
-         return std::string();
-     }},
-    {"op_log_init", [](session &, arguments &) { return std::to_string(fp_udp_op_log_init()); }},
-    {"record", record},
-    {"open_shell",
-     [](session &, arguments &a) {
-         fp_udp_at_reg_init(a.option("context") == "null" ? nullptr : &context);
-         return fake::shell.opened + format(" %zu commands, switch %x", fake::shell.commands.size(), fp_udp_debug_sw);
-     }},
-    {"shell_path",
-     [](session &, arguments &a) {
+    {"process_name", process_name},
+    {"op_log_init", number([](auto &, auto &) { return fp_udp_op_log_init(); })},
+    {"record", silent(record)},
+    {"open_shell", open_shell},
+    {"shell_path", silent([](auto &, auto &a) {
          snprintf(lib_plx_debug_path, sizeof lib_plx_debug_path, "%s", a.next().c_str());
-         return std::string();
-     }},
+     })},
     {"shell", shell},
-    {"set_level",
-     [](session &, arguments &a) {
-         return std::to_string(fp_udp_at_set_zlog_level(static_cast<uint32_t>(a.number())));
-     }},
-    {"file", file},
+    {"set_level", number([](auto &, auto &a) { return fp_udp_at_set_zlog_level(small(a)); })},
+    {"file", silent(file)},
 };
 
 } // namespace

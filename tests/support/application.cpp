@@ -292,44 +292,28 @@ int32_t library_case::set_apply(const std::string &type, uint32_t id, const std:
     return mgr->set_apply(&context, &acl, cls, make_apply(mgr, apply_type, phyid, pri, 0, priv).get());
 }
 
+static int32_t answer(const std::string &table, const lines &key, int32_t status, uint64_t uuid)
+{
+    const fake::record record(table, key, {{"p_status", std::to_string(status)}, {"rep_uuid", std::to_string(uuid)}});
+    return fake::store.deliver(table, TQ_MOM_EVENT_STATUS, record);
+}
+
 int32_t library_case::answer_ace(const std::string &type, uint32_t id, uint64_t sn, int32_t status, uint64_t uuid)
 {
-    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
-    key.t_app_type = const_cast<char *>(type.c_str());
-    key.acl_id = id;
-    key.sn = sn;
-    SPolicy__AcePsta record = S_POLICY__ACE_PSTA__INIT;
-    record.index = &key;
-    record.p_status = status;
-    record.rep_uuid = uuid;
-    return fake::store.deliver("ace_psta", 1, &record.base);
+    return answer("ace_psta", {type, std::to_string(id), std::to_string(sn)}, status, uuid);
 }
 
 int32_t library_case::answer_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
                                    uint32_t pri, int32_t status, uint64_t uuid)
 {
-    SPolicy__ApplyKey key = S_POLICY__APPLY_KEY__INIT;
-    key.t_apply_type = const_cast<char *>(apply_type.c_str());
-    key.app_type = const_cast<char *>(type.c_str());
-    key.acl_id = id;
-    key.phyid = phyid;
-    key.priority = pri;
-    SPolicy__ApplyPsta record = S_POLICY__APPLY_PSTA__INIT;
-    record.index = &key;
-    record.p_status = status;
-    record.rep_uuid = uuid;
-    return fake::store.deliver("apply_psta", 1, &record.base);
+    return answer("apply_psta", {apply_type, std::to_string(id), type, std::to_string(phyid), std::to_string(pri)},
+                  status, uuid);
 }
 
 int32_t library_case::heartbeat(uint32_t dev, uint32_t slot, uint32_t id)
 {
-    SPolicy__ServiceNodeIndex key = S_POLICY__SERVICE_NODE_INDEX__INIT;
-    key.dev = dev;
-    key.slot = slot;
-    key.id = id;
-    SPolicy__ServiceNode record = S_POLICY__SERVICE_NODE__INIT;
-    record.index = &key;
-    return fake::store.deliver("service_node", 24, &record.base);
+    const fake::record record("service_node", {std::to_string(dev), std::to_string(slot), std::to_string(id)});
+    return fake::store.deliver("service_node", TQ_MOM_EVENT_PUBLISHED, record);
 }
 
 fp_udp_acl_node *library_case::cached_acl(const std::string &type, uint32_t id)
