@@ -5,6 +5,9 @@ set -eu
 source=$1
 work=$2
 : "${CC:=cc}" "${CXX:=c++}"
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
 rm -rf "$work"
 mkdir -p "$work"
 protobuf=$(pkg-config --cflags --libs libprotobuf-c)
