@@ -412,6 +412,16 @@ template <class Element, class Name> void list(session &s, const fp_udp_list &he
         s.shown.push_back(name(*reinterpret_cast<const Element *>(at)));
 }
 
+// The names of a class and their ids, a few a line.
+template <size_t Count> void list_names(session &s, const char *cls, const fp_udp_attr_entry (&table)[Count])
+{
+    for (size_t i = 0; i < Count; i++) {
+        if (i % 6 == 0)
+            s.shown.emplace_back(cls);
+        s.shown.back() += format(" %.20s=%u", table[i].name, table[i].id);
+    }
+}
+
 std::string show(session &s, arguments &a)
 {
     const std::string what = arguments(a).next();
@@ -436,12 +446,17 @@ std::string show(session &s, arguments &a)
         for (const char *type : regist_app_type)
             s.shown.push_back(type ? std::string("type ") + type : "no type");
     else if (what == "channel")
-        return format("level %u switch %x category %s %s", g_policy_plx_zlog_level, fp_udp_debug_sw,
-                      fake::log.category.c_str(), g_policy_plx_zlog_category ? "open" : "closed");
+        return format("level %u switch %x category %s %s, %d formatted", g_policy_plx_zlog_level, fp_udp_debug_sw,
+                      fake::log.category.c_str(), g_policy_plx_zlog_category ? "open" : "closed",
+                      std::exchange(fake::log.formatted, 0));
     else if (what == "commands")
         for (const fake::shell_command &command : fake::shell.commands)
             s.shown.push_back(command.module + " " + command.name + ": " + command.description);
-    else
+    else if (what == "names") {
+        list_names(s, "ctrl", ctrl_attr);
+        list_names(s, "field", field_attr);
+        list_names(s, "action", action_attr);
+    } else
         return cached_text(s, a.next_thing());
     return what == "pending" ? std::to_string(s.pending()) : "";
 }
@@ -689,7 +704,13 @@ const std::map<std::string, verb> verbs = {
          const std::string name = a.next();
          return fp_udp_cgst_register(a.option("context") == "null" ? nullptr : &context, 7, or_null(name));
      })},
-    {"table", silent([](session &s, auto &) { s.mgr = fp_udp_get_mgr(); })},
+    {"table", [](session &s, auto &) {
+         s.mgr = fp_udp_get_mgr();
+         std::string empty;
+         for (size_t i = 0; i < sizeof *s.mgr / sizeof(void *); i++)
+             empty += reinterpret_cast<void *const *>(s.mgr)[i] ? "" : " " + std::to_string(i);
+         return "all slots but" + empty;
+     }},
     // Operations
     {"set", number(operate<true>)},
     {"del", number(operate<false>)},
@@ -737,6 +758,7 @@ const std::map<std::string, verb> verbs = {
          return fp_udp_fp_service_node_add(&key);
      })},
     // The clock; by microseconds no timer fires, and time may go back
+    {"begin_waiting", number([](auto &, auto &) { return fp_udp_req_init(&context, g_req_para.handler); })},
     {"timers", [](auto &, auto &) { return format("%d %d", fp_udp_expire(), fp_udp_req_check()); }},
     {"seconds", silent([](auto &, auto &a) { fake::clock.advance_seconds(static_cast<uint64_t>(a.number())); })},
     {"microseconds", silent([](auto &, auto &a) { fake::clock.now_us += static_cast<uint64_t>(a.number()); })},

@@ -87,13 +87,6 @@ owned_ace make_ace(fp_udp_mgr *mgr, uint64_t sn, uint8_t priv = 0, uint64_t pri 
 using owned_apply = std::unique_ptr<fp_udp_apply, void (*)(fp_udp_apply *)>;
 owned_apply make_apply(fp_udp_mgr *mgr, const std::string &apply_type, uint32_t phyid, uint32_t pri = 0,
                        uint32_t dir = 0, uint8_t priv = 0);
-template <class Object> void push(Object &object, const char *name, uint32_t cls, const std::vector<uint8_t> &value)
-{
-    fp_udp_attr attr{};
-    object->tlv->construct(&attr, name, cls, value.data(), static_cast<int32_t>(value.size()));
-    object->tlv->push(&object->tlv, attr);
-}
-
 // What the library prints, and flushes, while `work` runs.
 template <class Work> std::string printed(Work work)
 {

@@ -72,7 +72,6 @@ struct store_double {
     static constexpr int no_record = -1001; // a read that finds nothing, whatever is there
 
     lines calls;
-    bool keeps_calls = true;
     std::map<std::string, results> script; // by operation: "hmset", "set", "get", "del", ...
     int down = 0;                          // the result of every call while non-zero
     std::string failing;                   // the one operation that fails with 9, or "all"

@@ -145,8 +145,7 @@ static bool refuses(const void *handle, const ProtobufCMessage *record, uint32_t
 // Notes a call and tells its result.
 static int called(const std::string &operation, uint32_t db, const std::string &what)
 {
-    if (store.keeps_calls)
-        store.calls.push_back(operation + " " + (what.empty() ? std::to_string(db) : place(db, what)));
+    store.calls.push_back(operation + " " + (what.empty() ? std::to_string(db) : place(db, what)));
     if (++store.asked == store.turn) {
         store.turn_operation = operation;
         return store.turn_result;
@@ -219,8 +218,6 @@ int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
         const ProtobufCFieldDescriptor *field = protobuf_c_message_descriptor_get_field(record->descriptor, fields[i]);
         if (!field)
             return TQ_MOM_INVALID;
-        if (!store.keeps_calls)
-            continue;
         list += (i ? "," : "") + std::to_string(fields[i]);
         values += std::string(" ") + field->name + "=" + value(*record, *field);
     }
