@@ -79,6 +79,11 @@ namespace {
 
 class awkward : public operations_case {
   protected:
+    owned_ace get_ace(const std::string &type, uint32_t id, uint64_t sn)
+    {
+        const fp_udp_acl_key key = make_key(type, id);
+        return {mgr->get_ace(&context, &key, sn), mgr->free_ace};
+    }
     // Three requests that wait: entries 1 and 2 of an ACL, and an apply of it.
     void write_three()
     {
@@ -213,35 +218,31 @@ TEST_F(awkward, a_record_is_taken_by_its_layout_whoever_described_it)
         {"another key", [](foreign_descriptor &d) { d.key->fields[0].offset += 4; }},
         {"no key", [](foreign_descriptor &d) { d.fields[0].descriptor = nullptr; }},
     };
-    acl_record acl("security_app", 1, 6);
-    ace_record ace("security_app", 1, 7);
-    keyed<SPolicy__ApplyPsta, SPolicy__ApplyKey, s_policy__apply_psta__descriptor> bound;
-    keyed<SPolicy__ServiceNode, SPolicy__ServiceNodeIndex, s_policy__service_node__descriptor> node;
-    bound.key.t_apply_type = bound.key.app_type = acl.key.t_app_type;
-    bound.key.acl_id = 1;
-    fake::store.put(8, acl.record.base);
-    fake::store.put(8, ace.record.base);
-    const struct {
-        const char *table;
-        int32_t event;
-        ProtobufCMessage *record;
-    } records[] = {{"acl", 4, &acl.record.base},           {"ace", 4, &ace.record.base},
-                   {"ace_psta", 1, &ace.status.base},      {"apply_psta", 1, &bound.record.base},
-                   {"ace_counter", 24, &ace.counter.base}, {"service_node", 24, &node.record.base}};
+    fake::store.put(8, *fake::record("acl", {"security_app", "1"}, {{"acl_cls", "6"}}));
+    fake::store.put(8, *fake::record("ace", {"security_app", "1", "7"}));
     std::string all;
     for (const auto &row : rows) {
         set_acl("security_app", 1);
         set_ace("security_app", 1, 7);
         set_apply("security_app", 1, "security_app", 0);
-        ace.status.rep_uuid = bound.record.rep_uuid = now();
-        ace.status.p_status = bound.record.p_status = 5;
+        const std::map<std::string, std::string> refusal = {{"rep_uuid", std::to_string(now())}, {"p_status", "5"}};
+        const struct {
+            const char *table;
+            int32_t event;
+            fake::record record;
+        } records[] = {{"acl", 4, {"acl", {"security_app", "1"}}},
+                       {"ace", 4, {"ace", {"security_app", "1", "7"}}},
+                       {"ace_psta", 1, {"ace_psta", {"security_app", "1", "7"}, refusal}},
+                       {"apply_psta", 1, {"apply_psta", {"security_app", "1", "security_app"}, refusal}},
+                       {"ace_counter", 24, {"ace_counter", {"security_app", "1", "7"}}},
+                       {"service_node", 24, {"service_node", {"0", "0", "0"}}}};
         app.take();
         for (const auto &[table, event, record] : records) {
-            foreign_descriptor described(*record->descriptor);
+            ProtobufCMessage &message = const_cast<ProtobufCMessage &>(*record);
+            foreign_descriptor described(*message.descriptor);
             row.alter(described);
-            const auto *own = std::exchange(record->descriptor, &described.message);
-            fake::store.deliver(table, event, record);
-            record->descriptor = own;
+            message.descriptor = &described.message;
+            fake::store.deliver(table, event, &message);
         }
         std::unique_ptr<foreign_descriptor> described;
         foreign.reads = [&](ProtobufCMessage &read) {
@@ -270,9 +271,9 @@ TEST_F(awkward, a_record_is_taken_by_its_layout_whoever_described_it)
 TEST_F(awkward, a_read_needs_no_key_and_gives_back_only_what_it_got)
 {
     start();
-    fake::store.put(5, acl_record("my_app", 1, 6).record.base);
-    fake::store.put(8, acl_record("security_app", 1, 6).record.base);
-    fake::store.put(8, ace_record("security_app", 1, 7).record.base);
+    fake::store.put(5, *fake::record("acl", {"my_app", "1"}, {{"acl_cls", "6"}}));
+    fake::store.put(8, *fake::record("acl", {"security_app", "1"}, {{"acl_cls", "6"}}));
+    fake::store.put(8, *fake::record("ace", {"security_app", "1", "7"}));
     foreign.reads = [](ProtobufCMessage &read) {
         const auto *index = protobuf_c_message_descriptor_get_field_by_name(read.descriptor, "index");
         *reinterpret_cast<void **>(reinterpret_cast<char *>(&read) + index->offset) = nullptr;
@@ -468,7 +469,6 @@ class awkward_log : public awkward {
     awkward_log()
     {
         std::filesystem::create_directories(directory);
-        fake::runs_commands = false;
         start();
         fp_udp_debug_sw = FP_UDP_DEBUG_OP_LOG;
     }

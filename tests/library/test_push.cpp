@@ -4,12 +4,12 @@
 
 namespace {
 
-class attributes : public library_case {
+class checked_push : public library_case {
   protected:
-    attributes() { mgr = fp_udp_get_mgr(); }
+    checked_push() { mgr = fp_udp_get_mgr(); }
 };
 
-TEST_F(attributes, a_checked_push_tells_which_attribute_is_missing)
+TEST_F(checked_push, tells_which_attribute_is_missing)
 {
     const std::vector<uint8_t> bytes(FP_UDP_ATTR_VALUE_MAX + 1, 7);
     const plx_attribute good = {FP_UDP_ATTR_ACTION, "fwd", bytes.data(), 1};
