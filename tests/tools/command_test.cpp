@@ -184,7 +184,7 @@ TEST(Output, that_cannot_be_written_is_a_failure)
 {
     for (const std::string arguments : {"apply " + edge, std::string("apply --help"), std::string("--version")}) {
         const Result result = run_program("/bin/sh", {"-c", PLX_PROGRAM " " + arguments + " >/dev/full"});
-        EXPECT_EQ(6, result.exit_code) << arguments;
+        EXPECT_EQ(8, result.exit_code) << arguments;
         EXPECT_THAT(result.err, HasSubstr("the output cannot be written"));
     }
 }
@@ -194,7 +194,7 @@ TEST(Help, tells_of_every_option_and_exit_code)
     const Result result = run_program(PLX_PROGRAM, {"apply", "--help"});
     EXPECT_EQ(0, result.exit_code);
     for (const char *part : {"--store", "--db", "--timeout", "--nodes", "--table-size", "--simulate", "--atomic",
-                             "--wait", "PLX_STORE", "Exit codes", "docs/attributes.md"})
+                             "--wait", "PLX_STORE", "Exit codes", "plx-attributes(7)"})
         EXPECT_THAT(result.out, HasSubstr(part));
     EXPECT_EQ(0, run_program(PLX_PROGRAM, {"--version"}).exit_code);
 }

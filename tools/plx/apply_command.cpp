@@ -336,7 +336,7 @@ Exit codes:
   0  everything is programmed or stored      3  some entries failed
   1  wrong usage                             4  some entries aged or timed out
   2  invalid file, nothing was written       5  store unreachable
-                                             6  the output could not be written
+                                             8  the output could not be written
 
 Examples:
   plx apply policy.yaml
