@@ -31,6 +31,10 @@ target_compile_options(plx_options INTERFACE -Wall -Wextra -Wconversion -Wshadow
 if(PLX_SANITIZE)
   target_compile_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE})
+  if(CMAKE_C_COMPILER_ID STREQUAL "Clang") # a program in C has libraries in C++
+    target_link_options(plx_options INTERFACE -fsanitize-link-c++-runtime)
+    target_link_libraries(plx_options INTERFACE stdc++)
+  endif()
 else()
   target_compile_options(plx_options INTERFACE -fstack-protector-strong $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
                                                $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
