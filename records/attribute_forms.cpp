@@ -2,6 +2,8 @@
 // numbers. The tables of docs/attributes.md are made from them (attribute_tables.cpp).
 #include "records/attribute.hpp"
 
+#include <iterator>
+
 namespace plx {
 
 namespace {
@@ -290,6 +292,31 @@ constexpr Form all_forms[] = {
 };
 // clang-format on
 
+struct NamedSet {
+    std::string_view name;
+    std::span<const NamedValue> values;
+};
+
+// By NameSet.
+constexpr NamedSet name_sets[] = {
+    {"-", {}},
+    {"protocol", protocol_names},
+    {"port", port_names},
+    {"ethertype", ethertype_names},
+    {"dscp", dscp_names},
+    {"tcp-flags", tcp_flags_names},
+    {"ip-flags", ip_flags_names},
+    {"icmp-type", icmp_type_names},
+    {"arp-op", arp_op_names},
+    {"verdict", verdict_names},
+    {"fragment", fragment_names},
+    {"stp-state", stp_state_names},
+    {"ip-type", ip_type_names},
+    {"vlan-form", vlan_form_names},
+    {"color", color_names},
+};
+static_assert(std::size(name_sets) == static_cast<size_t>(color) + 1);
+
 } // namespace
 
 std::span<const Form> forms()
@@ -299,76 +326,12 @@ std::span<const Form> forms()
 
 std::span<const NamedValue> named_values(NameSet set)
 {
-    switch (set) {
-    case NameSet::none:
-        return {};
-    case NameSet::protocol:
-        return protocol_names;
-    case NameSet::port:
-        return port_names;
-    case NameSet::ethertype:
-        return ethertype_names;
-    case NameSet::dscp:
-        return dscp_names;
-    case NameSet::tcp_flags:
-        return tcp_flags_names;
-    case NameSet::ip_flags:
-        return ip_flags_names;
-    case NameSet::icmp_type:
-        return icmp_type_names;
-    case NameSet::arp_op:
-        return arp_op_names;
-    case NameSet::verdict:
-        return verdict_names;
-    case NameSet::fragment:
-        return fragment_names;
-    case NameSet::stp_state:
-        return stp_state_names;
-    case NameSet::ip_type:
-        return ip_type_names;
-    case NameSet::vlan_form:
-        return vlan_form_names;
-    case NameSet::color:
-        return color_names;
-    }
-    return {};
+    return name_sets[static_cast<size_t>(set)].values;
 }
 
 std::string_view name_of(NameSet set)
 {
-    switch (set) {
-    case NameSet::none:
-        return "-";
-    case NameSet::protocol:
-        return "protocol";
-    case NameSet::port:
-        return "port";
-    case NameSet::ethertype:
-        return "ethertype";
-    case NameSet::dscp:
-        return "dscp";
-    case NameSet::tcp_flags:
-        return "tcp-flags";
-    case NameSet::ip_flags:
-        return "ip-flags";
-    case NameSet::icmp_type:
-        return "icmp-type";
-    case NameSet::arp_op:
-        return "arp-op";
-    case NameSet::verdict:
-        return "verdict";
-    case NameSet::fragment:
-        return "fragment";
-    case NameSet::stp_state:
-        return "stp-state";
-    case NameSet::ip_type:
-        return "ip-type";
-    case NameSet::vlan_form:
-        return "vlan-form";
-    case NameSet::color:
-        return "color";
-    }
-    return "-";
+    return name_sets[static_cast<size_t>(set)].name;
 }
 
 } // namespace plx

@@ -3,10 +3,10 @@
 // Every ACE and apply node hangs on its ACL's list and stands in its kind's table, unless an equal one stood there
 // before. A node that its table has no room for is refused: nothing would ever find it. A node's pending request goes
 // with it. Names without a terminator never get in.
+#include "../fp_udp_req_mng/kinds.hpp"
+#include "../list.hpp"
 #include "area.hpp"
 #include "tables.hpp"
-
-#include "../list.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -31,16 +31,6 @@ bool usable(const fp_udp_acl_info *acl)
     return acl != nullptr && terminated(acl->app_type);
 }
 
-bool usable(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace)
-{
-    return usable(acl) && ace != nullptr;
-}
-
-bool usable(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply)
-{
-    return usable(acl) && apply != nullptr && terminated(apply->apply_type);
-}
-
 fp_udp_acl_node *find(const fp_udp_acl_info &acl)
 {
     fp_udp_acl_node key;
@@ -48,27 +38,49 @@ fp_udp_acl_node *find(const fp_udp_acl_info &acl)
     return fp_udp_acl_node_hash_find(&key);
 }
 
-fp_udp_ace_node *find(const fp_udp_acl_info &acl, const fp_udp_ace_info &ace)
+// What the cache does with a node of either kind, and what it says of one. An ACL counts its ACEs alone.
+template <class Node> struct cached;
+
+template <> struct cached<fp_udp_ace_node> : kind<fp_udp_ace_node> {
+    static constexpr auto find = fp_udp_ace_node_hash_find;
+    static constexpr auto remove = fp_udp_ace_node_hash_remove;
+    static constexpr diag::text<> no_memory = "malloc for ace node fail.";
+    static constexpr diag::text<> no_room = "insert ace node fail";
+    static bool usable(const info &) { return true; }
+    static void make_key(info &) {}
+    static void count_added(fp_udp_acl_node &owner) { ++owner.ace_count; }
+    static void count_deleted(fp_udp_acl_node &owner) { --owner.ace_count; }
+};
+
+template <> struct cached<fp_udp_apply_node> : kind<fp_udp_apply_node> {
+    static constexpr auto find = fp_udp_apply_node_hash_find;
+    static constexpr auto remove = fp_udp_apply_node_hash_remove;
+    static constexpr diag::text<> no_memory = "malloc for acl node fail."; // "acl": log readers match this text
+    static constexpr diag::text<> no_room = "insert apply node fail";
+    static bool usable(const info &apply) { return terminated(apply.apply_type); }
+    static void make_key(info &apply)
+    {
+        if (fp_udp_is_cmp_apply_skip_priority() != 0)
+            apply.pri = 0;
+    }
+    static void count_added(fp_udp_acl_node &) {}
+    static void count_deleted(fp_udp_acl_node &) {}
+};
+
+template <class Node> using info_of = typename kind<Node>::info;
+
+template <class Node> bool usable(const fp_udp_acl_info *acl, const info_of<Node> *info)
 {
-    fp_udp_ace_node key;
-    key.acl = acl;
-    key.ace = ace;
-    return fp_udp_ace_node_hash_find(&key);
+    return usable(acl) && info != nullptr && cached<Node>::usable(*info);
 }
 
-void skip_priority(fp_udp_apply_info &apply)
+template <class Node> Node *find(const fp_udp_acl_info &acl, const info_of<Node> &info)
 {
-    if (fp_udp_is_cmp_apply_skip_priority() != 0)
-        apply.pri = 0;
-}
-
-fp_udp_apply_node *find(const fp_udp_acl_info &acl, const fp_udp_apply_info &apply)
-{
-    fp_udp_apply_node key;
+    Node key;
     key.acl = acl;
-    key.apply = apply;
-    skip_priority(key.apply);
-    return fp_udp_apply_node_hash_find(&key);
+    state_of(key) = info;
+    cached<Node>::make_key(state_of(key));
+    return cached<Node>::find(&key);
 }
 
 template <class Node> int32_t hand_out(Node *found, Node **node)
@@ -79,65 +91,67 @@ template <class Node> int32_t hand_out(Node *found, Node **node)
     return found == nullptr ? FP_UDP_NOT_FOUND : FP_UDP_OK;
 }
 
-// What differs between the two kinds of node on an ACL's lists.
-void forget(fp_udp_ace_node &node)
+template <class Node> int32_t get(const fp_udp_acl_info *acl, const info_of<Node> *info, Node **node)
 {
-    fp_udp_ace_node_hash_remove(&node);
-}
-
-void forget(fp_udp_apply_node &node)
-{
-    fp_udp_apply_node_hash_remove(&node);
-}
-
-void drop_request(fp_udp_ace_node &node)
-{
-    fp_udp_req_node_del(FP_UDP_REQ_ACE, &node);
-}
-
-void drop_request(fp_udp_apply_node &node)
-{
-    fp_udp_req_node_del(FP_UDP_REQ_APPLY, &node);
-}
-
-// A single delete drops the request first, an ACL's delete takes the node out of its table first and poisons its links.
-template <class Node> void destroy_one(Node &node)
-{
-    drop_request(node);
-    forget(node);
-    list::unlink(node.links);
-    std::free(&node);
-}
-
-template <class Node> void destroy_all(fp_udp_list &head)
-{
-    for (Node &node : elements<Node>(head)) {
-        forget(node);
-        list::unlink(node.links);
-        node.links = {poison_next, poison_prev};
-        drop_request(node);
-        std::free(&node);
-    }
+    return hand_out(usable<Node>(acl, info) ? find<Node>(*acl, *info) : nullptr, node);
 }
 
 // A node that stands in its table and on no list yet, or null.
-fp_udp_apply_node *new_apply(const fp_udp_acl_info &acl, const fp_udp_apply_info &apply,
-                             const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+template <class Node> Node *new_node(const fp_udp_acl_info &acl, const info_of<Node> &info, diag::place at)
 {
-    auto *node = static_cast<fp_udp_apply_node *>(std::malloc(sizeof(fp_udp_apply_node)));
+    auto *node = static_cast<Node *>(std::malloc(sizeof(Node)));
     if (node == nullptr) {
-        report<Error>(diag::place{function, line}, "malloc for acl node fail."); // "acl": log readers match this text
+        report<Error>(at, cached<Node>::no_memory);
         return nullptr;
     }
     node->req = nullptr;
     node->acl = acl;
-    node->apply = apply;
-    skip_priority(node->apply);
+    state_of(*node) = info;
+    cached<Node>::make_key(state_of(*node));
     if (store(*node) != Stored::Full)
         return node;
-    report<Error>(diag::place{function, line}, "insert apply node fail");
+    report<Error>(at, cached<Node>::no_room);
     std::free(node);
     return nullptr;
+}
+
+template <class Node>
+int32_t add(fp_udp_acl_node &owner, const fp_udp_acl_info &acl, const info_of<Node> &info, Node **node,
+            const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+{
+    Node *added = new_node<Node>(acl, info, {function, line});
+    if (added == nullptr)
+        return FP_UDP_NO_MEMORY;
+    list::push_front(owner.*kind<Node>::siblings, added->links);
+    cached<Node>::count_added(owner);
+    *node = added;
+    return FP_UDP_OK;
+}
+
+// A single delete drops the request first, an ACL's delete takes the node out of its table first and poisons its links.
+template <class Node> int32_t del(const fp_udp_acl_info *acl, const info_of<Node> *info)
+{
+    fp_udp_acl_node *owner = usable<Node>(acl, info) ? find(*acl) : nullptr;
+    Node *node = owner == nullptr ? nullptr : find<Node>(*acl, *info);
+    if (node == nullptr)
+        return FP_UDP_OK;
+    fp_udp_req_node_del(kind<Node>::request_type, node);
+    cached<Node>::remove(node);
+    list::unlink(node->links);
+    std::free(node);
+    cached<Node>::count_deleted(*owner);
+    return FP_UDP_OK;
+}
+
+template <class Node> void del_all(fp_udp_acl_node &owner)
+{
+    for (Node &node : elements<Node>(owner.*kind<Node>::siblings)) {
+        cached<Node>::remove(&node);
+        list::unlink(node.links);
+        node.links = {poison_next, poison_prev};
+        fp_udp_req_node_del(kind<Node>::request_type, &node);
+        std::free(&node);
+    }
 }
 
 } // namespace
@@ -190,8 +204,8 @@ int32_t fp_udp_acldb_del_acl(const fp_udp_acl_info *acl)
     fp_udp_acl_node *node = usable(acl) ? find(*acl) : nullptr;
     if (node == nullptr)
         return FP_UDP_OK;
-    destroy_all<fp_udp_ace_node>(node->ace_list);
-    destroy_all<fp_udp_apply_node>(node->apply_list);
+    del_all<fp_udp_ace_node>(*node);
+    del_all<fp_udp_apply_node>(*node);
     fp_udp_acl_node_hash_remove(node);
     std::free(node);
     return FP_UDP_OK;
@@ -199,12 +213,12 @@ int32_t fp_udp_acldb_del_acl(const fp_udp_acl_info *acl)
 
 int32_t fp_udp_acldb_get_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace, fp_udp_ace_node **node)
 {
-    return hand_out(usable(acl, ace) ? find(*acl, *ace) : nullptr, node);
+    return get(acl, ace, node);
 }
 
 int32_t fp_udp_acldb_add_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace, fp_udp_ace_node **node)
 {
-    if (!usable(acl, ace) || node == nullptr)
+    if (!usable<fp_udp_ace_node>(acl, ace) || node == nullptr)
         return FP_UDP_INVALID;
     fp_udp_acl_node *owner = find(*acl);
     if (owner == nullptr) {
@@ -212,67 +226,35 @@ int32_t fp_udp_acldb_add_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *
                       ace->sn);
         return FP_UDP_NOT_FOUND;
     }
-    auto *added = static_cast<fp_udp_ace_node *>(std::malloc(sizeof(fp_udp_ace_node)));
-    if (added == nullptr) {
-        report<Error>("malloc for ace node fail.");
-        return FP_UDP_NO_MEMORY;
-    }
-    added->req = nullptr;
-    added->acl = *acl;
-    added->ace = *ace;
-    if (store(*added) == Stored::Full) {
-        report<Error>("insert ace node fail");
-        std::free(added);
-        return FP_UDP_NO_MEMORY;
-    }
-    plx::list::push_front(owner->ace_list, added->links);
-    ++owner->ace_count;
-    *node = added;
-    return FP_UDP_OK;
+    return add(*owner, *acl, *ace, node);
 }
 
 int32_t fp_udp_acldb_del_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace)
 {
-    fp_udp_acl_node *owner = usable(acl, ace) ? find(*acl) : nullptr;
-    fp_udp_ace_node *node = owner == nullptr ? nullptr : find(*acl, *ace);
-    if (node == nullptr)
-        return FP_UDP_OK;
-    destroy_one(*node);
-    --owner->ace_count;
-    return FP_UDP_OK;
+    return del<fp_udp_ace_node>(acl, ace);
 }
 
 int32_t fp_udp_acldb_get_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, fp_udp_apply_node **node)
 {
-    return hand_out(usable(acl, apply) ? find(*acl, *apply) : nullptr, node);
+    return get(acl, apply, node);
 }
 
 int32_t fp_udp_acldb_add_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, fp_udp_apply_node **node)
 {
-    if (!usable(acl, apply) || node == nullptr)
+    if (!usable<fp_udp_apply_node>(acl, apply) || node == nullptr)
         return FP_UDP_INVALID;
     fp_udp_acl_node *known = find(*acl);
     if (known == nullptr && fp_udp_acldb_add_acl(acl) != FP_UDP_OK)
         return FP_UDP_NO_MEMORY;
-    fp_udp_apply_node *added = new_apply(*acl, *apply);
-    if (added == nullptr) {
-        if (known == nullptr)
-            fp_udp_acldb_del_acl(acl);
-        return FP_UDP_NO_MEMORY;
-    }
-    fp_udp_acl_node *owner = known == nullptr ? find(*acl) : known;
-    plx::list::push_front(owner->apply_list, added->links);
-    *node = added;
-    return FP_UDP_OK;
+    const int32_t rv = add(known == nullptr ? *find(*acl) : *known, *acl, *apply, node);
+    if (rv != FP_UDP_OK && known == nullptr)
+        fp_udp_acldb_del_acl(acl);
+    return rv;
 }
 
 int32_t fp_udp_acldb_del_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply)
 {
-    fp_udp_acl_node *owner = usable(acl, apply) ? find(*acl) : nullptr;
-    fp_udp_apply_node *node = owner == nullptr ? nullptr : find(*acl, *apply);
-    if (node != nullptr)
-        destroy_one(*node);
-    return FP_UDP_OK;
+    return del<fp_udp_apply_node>(acl, apply);
 }
 
 } // extern "C"

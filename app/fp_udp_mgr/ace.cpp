@@ -21,11 +21,7 @@ fp_udp_ace_node *cache(const fp_udp_acl_info &acl, const fp_udp_ace_info &info, 
         *rv = fp_udp_acldb_add_ace(&acl, &info, &node);
         return *rv == FP_UDP_OK ? node : nullptr;
     }
-    node->ace.stat = 0;
-    node->ace.uuid = info.uuid;
-    std::memcpy(node->ace.priv, info.priv, sizeof info.priv);
-    node->ace.req_count = 0;
-    node->ace.is_req = 0;
+    start_over(node->ace, info);
     return node;
 }
 

@@ -59,11 +59,7 @@ fp_udp_apply_node *cache(const apply_call &call, int32_t *rv)
         fp_udp_del_mom_apply(call.ctx, call.acl, old);
     }
     node->apply.value_pri = call.info.value_pri;
-    node->apply.stat = 0;
-    node->apply.uuid = call.info.uuid;
-    std::memcpy(node->apply.priv, call.info.priv, sizeof call.info.priv);
-    node->apply.req_count = 0;
-    node->apply.is_req = 0;
+    start_over(node->apply, call.info);
     return node;
 }
 

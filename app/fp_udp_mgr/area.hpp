@@ -57,6 +57,16 @@ fp_udp_acl_info acl_descriptor(const char *app_type, uint32_t acl_id);
 fp_udp_ace_info ace_descriptor(uint64_t sn);
 fp_udp_apply_info apply_descriptor(const char *apply_type, uint32_t phyid, uint32_t priority, uint32_t direction);
 
+// Starts a cached ACE or apply over: what an earlier write was answered counts no more.
+template <class Info> void start_over(Info &cached, const Info &fresh)
+{
+    cached.stat = 0;
+    cached.uuid = fresh.uuid;
+    std::memcpy(cached.priv, fresh.priv, sizeof fresh.priv);
+    cached.req_count = 0;
+    cached.is_req = 0;
+}
+
 // The identifier of a request: the monotonic clock in microseconds. While the clock cannot be read, one more than the
 // last.
 uint64_t new_request_id();

@@ -4,6 +4,7 @@
 // written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ: log
 // readers match them.
 #include "status.hpp"
+#include "../fp_udp_req_mng/kinds.hpp"
 #include "store_record.hpp"
 
 #include <plx/request.h>
@@ -11,98 +12,113 @@
 namespace plx::mgr {
 namespace {
 
-// The pending request ends with its outcome; one that the callback has started anew has no outcome yet.
-void settle_ace(const fp_udp_acl_info &acl, const fp_udp_ace_info &ace, const char *function = __builtin_FUNCTION(),
-                int line = __builtin_LINE())
+// A kind's status record: what it says of which node, and what is said of it.
+template <class Node> struct reply;
+
+template <> struct reply<fp_udp_ace_node> : kind<fp_udp_ace_node> {
+    using record = SPolicy__AcePsta;
+    static constexpr diag::text<> came = "ace return.";
+    static constexpr diag::text<> no_record = "SPolicy__AcePsta is NULL";
+    static constexpr diag::text<> not_cached = "get ace from acldb fail";
+    static constexpr diag::text<> failed_before = "status has update";
+    static constexpr diag::text<> of_older_write = "uuid is not the newest.";
+
+    static bool names_valid(const SPolicy__AceKey &key) { return valid(key.t_app_type); }
+    static fp_udp_acl_info acl(const SPolicy__AceKey &key) { return acl_descriptor(key.t_app_type, key.acl_id); }
+    static info own(const SPolicy__AceKey &key) { return ace_descriptor(key.sn); }
+    static void show(const SPolicy__AceKey &key, diag::place at)
+    {
+        report<Notice>(at, "app_type : %s, acl_id : %d, sn : %lld", key.t_app_type, key.acl_id, key.sn);
+    }
+};
+
+template <> struct reply<fp_udp_apply_node> : kind<fp_udp_apply_node> {
+    using record = SPolicy__ApplyPsta;
+    static constexpr diag::text<> came = "apply return.";
+    static constexpr diag::text<> no_record = "SPolicy__ApplyPsta is NULL";
+    static constexpr diag::text<> not_cached = "get apply fail";
+    static constexpr diag::text<> failed_before = "apply status is not 0";
+    static constexpr diag::text<> of_older_write = "apply uuid is not newest";
+
+    static bool names_valid(const SPolicy__ApplyKey &key) { return valid(key.app_type) && valid(key.t_apply_type); }
+    static fp_udp_acl_info acl(const SPolicy__ApplyKey &key) { return acl_descriptor(key.app_type, key.acl_id); }
+    static info own(const SPolicy__ApplyKey &key)
+    {
+        return apply_descriptor(key.t_apply_type, key.phyid, key.priority, key.direction);
+    }
+    static void show(const SPolicy__ApplyKey &key, diag::place at)
+    {
+        report<Notice>(at, "app_type : %s, acl_id : %d, apply_type : %s, phyid : 0x%x, pri : %d, dir : %d",
+                       key.app_type, key.acl_id, key.t_apply_type, key.phyid, key.priority, key.direction);
+    }
+};
+
+template <class Node> Node *look_up(const fp_udp_acl_info &acl, const typename reply<Node>::info &info, diag::place at)
 {
-    fp_udp_ace_node *node = nullptr;
-    if (fp_udp_acldb_get_ace(&acl, &ace, &node) != FP_UDP_OK)
-        report<Notice>(diag::place{function, line}, "get ace from acldb fail");
-    else if (node->ace.is_req != 0)
-        fp_udp_req_node_del(FP_UDP_REQ_ACE, node);
+    Node *node = nullptr;
+    if (reply<Node>::get(&acl, &info, &node) != FP_UDP_OK)
+        report<Notice>(at, reply<Node>::not_cached);
+    return node;
 }
 
-void settle_apply(const fp_udp_acl_info &acl, const fp_udp_apply_info &apply,
-                  const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+template <class Node> bool answers_newest_write(const Node &node, uint64_t rep_uuid, diag::place at)
 {
-    fp_udp_apply_node *node = nullptr;
-    if (fp_udp_acldb_get_apply(&acl, &apply, &node) != FP_UDP_OK)
-        report<Notice>(diag::place{function, line}, "get apply fail");
-    else if (node->apply.is_req != 0)
-        fp_udp_req_node_del(FP_UDP_REQ_APPLY, node);
+    if (state_of(node).stat != 0) {
+        report<Notice>(at, reply<Node>::failed_before);
+        return false;
+    }
+    if (state_of(node).uuid != rep_uuid) {
+        report<Notice>(at, reply<Node>::of_older_write);
+        return false;
+    }
+    return true;
+}
+
+// The pending request ends with its outcome; one that the callback has started anew has no outcome yet.
+template <class Node> void settle(Node *node)
+{
+    if (node != nullptr && state_of(*node).is_req != 0)
+        fp_udp_req_node_del(reply<Node>::request_type, node);
+}
+
+template <class Node>
+int32_t on_reply(const tq_mom_notification *notification, const char *function = __builtin_FUNCTION(),
+                 int line = __builtin_LINE())
+{
+    using of = reply<Node>;
+    if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
+        return FP_UDP_OK;
+    const diag::place at = {function, line};
+    report<Notice>(at, of::came);
+    const auto *record = keyed_record<typename of::record>(notification->record);
+    if (record == nullptr) {
+        report<Error>(at, of::no_record);
+        return FP_UDP_NO_RECORD;
+    }
+    if (!of::names_valid(*record->index))
+        return refuse_name(function, line);
+    of::show(*record->index, at);
+
+    const fp_udp_acl_info acl = of::acl(*record->index);
+    const auto info = of::own(*record->index);
+    Node *node = look_up<Node>(acl, info, at);
+    if (node == nullptr || !answers_newest_write(*node, record->rep_uuid, at))
+        return FP_UDP_OK;
+    of::judge(node, record->p_status, 0);
+    settle(look_up<Node>(acl, info, at));
+    return FP_UDP_OK;
 }
 
 } // namespace
 
 int32_t ace_service_call_back(void *, const tq_mom_notification *notification, void *)
 {
-    if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
-        return FP_UDP_OK;
-    report<Notice>("ace return.");
-    const auto *record = keyed_record<SPolicy__AcePsta>(notification->record);
-    if (record == nullptr) {
-        report<Error>("SPolicy__AcePsta is NULL");
-        return FP_UDP_NO_RECORD;
-    }
-    const SPolicy__AceKey &key = *record->index;
-    if (!valid(key.t_app_type))
-        return refuse_name();
-    report<Notice>("app_type : %s, acl_id : %d, sn : %lld", key.t_app_type, key.acl_id, key.sn);
-
-    const fp_udp_acl_info acl = acl_descriptor(key.t_app_type, key.acl_id);
-    const fp_udp_ace_info ace = ace_descriptor(key.sn);
-    fp_udp_ace_node *node = nullptr;
-    if (fp_udp_acldb_get_ace(&acl, &ace, &node) != FP_UDP_OK) {
-        report<Notice>("get ace from acldb fail");
-        return FP_UDP_OK;
-    }
-    if (node->ace.stat != 0) {
-        report<Notice>("status has update");
-        return FP_UDP_OK;
-    }
-    if (node->ace.uuid != record->rep_uuid) {
-        report<Notice>("uuid is not the newest.");
-        return FP_UDP_OK;
-    }
-    fp_udp_ace_req_stat_proc(node, record->p_status, 0);
-    settle_ace(acl, ace);
-    return FP_UDP_OK;
+    return on_reply<fp_udp_ace_node>(notification);
 }
 
 int32_t apply_service_call_back(void *, const tq_mom_notification *notification, void *)
 {
-    if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
-        return FP_UDP_OK;
-    report<Notice>("apply return.");
-    const auto *record = keyed_record<SPolicy__ApplyPsta>(notification->record);
-    if (record == nullptr) {
-        report<Error>("SPolicy__ApplyPsta is NULL");
-        return FP_UDP_NO_RECORD;
-    }
-    const SPolicy__ApplyKey &key = *record->index;
-    if (!valid(key.app_type) || !valid(key.t_apply_type))
-        return refuse_name();
-    report<Notice>("app_type : %s, acl_id : %d, apply_type : %s, phyid : 0x%x, pri : %d, dir : %d", key.app_type,
-                   key.acl_id, key.t_apply_type, key.phyid, key.priority, key.direction);
-
-    const fp_udp_acl_info acl = acl_descriptor(key.app_type, key.acl_id);
-    const fp_udp_apply_info apply = apply_descriptor(key.t_apply_type, key.phyid, key.priority, key.direction);
-    fp_udp_apply_node *node = nullptr;
-    if (fp_udp_acldb_get_apply(&acl, &apply, &node) != FP_UDP_OK) {
-        report<Notice>("get apply fail");
-        return FP_UDP_OK;
-    }
-    if (node->apply.stat != 0) {
-        report<Notice>("apply status is not 0");
-        return FP_UDP_OK;
-    }
-    if (node->apply.uuid != record->rep_uuid) {
-        report<Notice>("apply uuid is not newest");
-        return FP_UDP_OK;
-    }
-    fp_udp_apply_req_stat_proc(node, record->p_status, 0);
-    settle_apply(acl, apply);
-    return FP_UDP_OK;
+    return on_reply<fp_udp_apply_node>(notification);
 }
 
 int32_t ace_cnter_notify_call_back(void *ctx, const tq_mom_notification *notification, void *)

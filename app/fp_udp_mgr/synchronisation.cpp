@@ -76,53 +76,55 @@ int32_t cache_ace_and_acl(const SPolicy__Ace &record)
     return fp_udp_cache_ace(*record.index, is_default, Cache::Add);
 }
 
-int32_t acl_scan_entry(void *, const tq_mom_notification *entry, void *)
+// The two tables that are followed: what is done with their records, who is told, and what is said.
+struct acls {
+    using record = SPolicy__Acl;
+    static constexpr char scan_label[] = "scan acl";
+    static constexpr diag::text<> scan_failed = "scan acl entry fail.\n";
+    static constexpr char data_check[] = "fp_udp_acl_data_check";
+    static constexpr char change_handler[] = "acl_notify_call_back";
+
+    static int32_t add(const record &acl) { return fp_udp_cache_acl(*acl.index, Cache::Add); }
+    static int32_t remove(const record &acl) { return fp_udp_cache_acl(*acl.index, Cache::Remove); }
+    static void tell(void *ctx, const fp_udp_acl_info &acl, const record &, int32_t kind)
+    {
+        if (para.handler.acl_change_cb != nullptr)
+            para.handler.acl_change_cb(ctx, &acl, kind);
+    }
+};
+
+struct aces {
+    using record = SPolicy__Ace;
+    static constexpr char scan_label[] = "scan ace";
+    static constexpr diag::text<> scan_failed = "scan ace entry fail.\n";
+    static constexpr char data_check[] = "fp_udp_ace_data_check";
+    static constexpr char change_handler[] = "ace_notify_call_back";
+
+    static int32_t add(const record &ace) { return cache_ace_and_acl(ace); }
+    static int32_t remove(const record &ace) { return fp_udp_cache_ace(*ace.index, false, Cache::Remove); }
+    static void tell(void *ctx, const fp_udp_acl_info &acl, const record &ace, int32_t kind)
+    {
+        if (para.handler.ace_change_cb != nullptr)
+            para.handler.ace_change_cb(ctx, &acl, ace.index->sn, kind);
+    }
+};
+
+template <class Table> int32_t scan_entry(void *, const tq_mom_notification *entry, void *)
 {
     if (entry == nullptr || entry->event != TQ_MOM_EVENT_SET)
         return FP_UDP_OK;
-    const auto *record = readable(*entry) ? keyed_record<SPolicy__Acl>(entry->record) : nullptr;
-    return record == nullptr ? not_cached : fp_udp_cache_acl(*record->index, Cache::Add);
+    const auto *record = readable(*entry) ? keyed_record<typename Table::record>(entry->record) : nullptr;
+    return record == nullptr ? not_cached : Table::add(*record);
 }
 
-int32_t ace_scan_entry(void *, const tq_mom_notification *entry, void *)
+// Scans the records of the security application in database 8.
+template <class Table> void scan(void *ctx, tq_mom_callback entry, diag::place at)
 {
-    if (entry == nullptr || entry->event != TQ_MOM_EVENT_SET)
-        return FP_UDP_OK;
-    const auto *record = readable(*entry) ? keyed_record<SPolicy__Ace>(entry->record) : nullptr;
-    return record == nullptr ? not_cached : cache_ace_and_acl(*record);
-}
-
-// The records of the security application in database 8, of one table.
-template <class Message> int scan(void *ctx, tq_mom_callback entry, const char *label)
-{
-    store_record<Message> record;
+    store_record<typename Table::record> record;
     select(record.key, security_app);
-    return tq_mom_scan_sync(ctx, security_db, record.message(), SelectAppType, entry, const_cast<char *>(label));
-}
-
-template <class Message> void subscribe(void *ctx, tq_mom_callback cb)
-{
-    store_record<Message> record;
-    select(record.key, security_app);
-    tq_mom_subscribe(ctx, security_db, record.message(), SelectAppType, cb, nullptr);
-}
-
-int32_t acl_notify_call_back(void *ctx, const tq_mom_notification *notification, void *arg);
-int32_t ace_notify_call_back(void *ctx, const tq_mom_notification *notification, void *arg);
-
-// The store may have lost changes: every record passes the change handler again.
-int32_t fp_udp_acl_data_check(void *ctx)
-{
-    if (scan<SPolicy__Acl>(ctx, acl_notify_call_back, "scan acl") != 0)
-        report<Error>("scan acl entry fail.\n");
-    return FP_UDP_OK;
-}
-
-int32_t fp_udp_ace_data_check(void *ctx)
-{
-    if (scan<SPolicy__Ace>(ctx, ace_notify_call_back, "scan ace") != 0)
-        report<Error>("scan ace entry fail.\n");
-    return FP_UDP_OK;
+    if (tq_mom_scan_sync(ctx, security_db, record.message(), SelectAppType, entry,
+                         const_cast<char *>(Table::scan_label)) != 0)
+        report<Error>(at, Table::scan_failed);
 }
 
 // A set or deletion that another made: what the change handlers act on.
@@ -132,58 +134,38 @@ bool is_foreign_change(const tq_mom_notification &notification)
            notification.flag != 1;
 }
 
-int32_t change_kind(const tq_mom_notification &notification)
+template <class Table> int32_t on_change(void *ctx, const tq_mom_notification &notification)
 {
-    return notification.event == TQ_MOM_EVENT_SET ? FP_UDP_CHANGE_SET : FP_UDP_CHANGE_DELETED;
-}
-
-int32_t acl_notify_call_back(void *ctx, const tq_mom_notification *notification, void *)
-{
-    if (notification == nullptr)
-        return FP_UDP_OK;
-    if (notification->event == TQ_MOM_EVENT_RESYNC)
-        return fp_udp_acl_data_check(ctx);
-    if (!is_foreign_change(*notification))
-        return FP_UDP_OK;
-    const bool set = notification->event == TQ_MOM_EVENT_SET;
-    const auto *record = keyed_record<SPolicy__Acl>(notification->record);
-    if (record == nullptr || (set && notification->result != 0)) {
+    const bool set = notification.event == TQ_MOM_EVENT_SET;
+    const auto *record = keyed_record<typename Table::record>(notification.record);
+    if (record == nullptr || (set && notification.result != 0)) {
         if (set)
-            report<Error>("Hash error happen\n");
+            report<Error>(diag::place{Table::change_handler, __LINE__}, "Hash error happen\n");
         return FP_UDP_OK;
     }
-    const SPolicy__AclKey &key = *record->index;
-    if (const int32_t rv = fp_udp_cache_acl(key, set ? Cache::Add : Cache::Remove); rv == FP_UDP_INVALID)
-        return rv;
-    const fp_udp_acl_info acl = acl_descriptor(key.t_app_type, key.acl_id);
-    if (para.handler.acl_change_cb != nullptr)
-        para.handler.acl_change_cb(ctx, &acl, change_kind(*notification));
-    return FP_UDP_OK;
-}
-
-int32_t ace_notify_call_back(void *ctx, const tq_mom_notification *notification, void *)
-{
-    if (notification == nullptr)
-        return FP_UDP_OK;
-    if (notification->event == TQ_MOM_EVENT_RESYNC)
-        return fp_udp_ace_data_check(ctx);
-    if (!is_foreign_change(*notification))
-        return FP_UDP_OK;
-    const bool set = notification->event == TQ_MOM_EVENT_SET;
-    const auto *record = keyed_record<SPolicy__Ace>(notification->record);
-    if (record == nullptr || (set && notification->result != 0)) {
-        if (set)
-            report<Error>("Hash error happen\n");
-        return FP_UDP_OK;
-    }
-    const SPolicy__AceKey &key = *record->index;
-    const int32_t rv = set ? cache_ace_and_acl(*record) : fp_udp_cache_ace(key, false, Cache::Remove);
+    const int32_t rv = set ? Table::add(*record) : Table::remove(*record);
     if (rv == FP_UDP_INVALID || rv == FP_UDP_REFUSED)
         return rv;
-    const fp_udp_acl_info acl = acl_descriptor(key.t_app_type, key.acl_id);
-    if (para.handler.ace_change_cb != nullptr)
-        para.handler.ace_change_cb(ctx, &acl, key.sn, change_kind(*notification));
+    const fp_udp_acl_info acl = acl_descriptor(record->index->t_app_type, record->index->acl_id);
+    Table::tell(ctx, acl, *record, set ? FP_UDP_CHANGE_SET : FP_UDP_CHANGE_DELETED);
     return FP_UDP_OK;
+}
+
+template <class Table> int32_t notify_call_back(void *ctx, const tq_mom_notification *notification, void *)
+{
+    if (notification == nullptr)
+        return FP_UDP_OK;
+    // The store may have lost changes: every record comes here again.
+    if (notification->event == TQ_MOM_EVENT_RESYNC)
+        scan<Table>(ctx, notify_call_back<Table>, {Table::data_check, __LINE__});
+    return is_foreign_change(*notification) ? on_change<Table>(ctx, *notification) : FP_UDP_OK;
+}
+
+template <class Table> void subscribe(void *ctx)
+{
+    store_record<typename Table::record> record;
+    select(record.key, security_app);
+    tq_mom_subscribe(ctx, security_db, record.message(), SelectAppType, notify_call_back<Table>, nullptr);
 }
 
 } // namespace
@@ -191,20 +173,18 @@ int32_t ace_notify_call_back(void *ctx, const tq_mom_notification *notification,
 void fp_udp_cache_all_secu_acl_info(void *ctx)
 {
     // ACLs first, so that ACEs normally find theirs.
-    if (scan<SPolicy__Acl>(ctx, acl_scan_entry, "scan acl") != 0)
-        report<Error>("scan acl entry fail.\n");
-    if (scan<SPolicy__Ace>(ctx, ace_scan_entry, "scan ace") != 0)
-        report<Error>("scan ace entry fail.\n");
+    scan<acls>(ctx, scan_entry<acls>, {__func__, __LINE__});
+    scan<aces>(ctx, scan_entry<aces>, {__func__, __LINE__});
 }
 
 void subscribe_acl_changes(void *ctx)
 {
-    subscribe<SPolicy__Acl>(ctx, acl_notify_call_back);
+    subscribe<acls>(ctx);
 }
 
 void subscribe_ace_changes(void *ctx)
 {
-    subscribe<SPolicy__Ace>(ctx, ace_notify_call_back);
+    subscribe<aces>(ctx);
 }
 
 } // namespace plx::mgr

@@ -6,6 +6,7 @@
 // request before it reports and never trusts a neighbour across the call: every removal corrects the walks under way.
 // What a callback writes is newer than the clock that the pass has read, and is left to the next one.
 #include "area.hpp"
+#include "kinds.hpp"
 #include "pending.hpp"
 
 namespace plx::req {
@@ -44,17 +45,7 @@ const fp_udp_acl_handler &handler()
     return g_req_para.handler == nullptr ? no_handler : *g_req_para.handler;
 }
 
-// What a node waits for, and how its outcome is told: the two kinds of node behind one face.
-fp_udp_ace_info &state_of(fp_udp_ace_node &node)
-{
-    return node.ace;
-}
-
-fp_udp_apply_info &state_of(fp_udp_apply_node &node)
-{
-    return node.apply;
-}
-
+// How an outcome is told, and in what words.
 void report_success(const fp_udp_ace_node &node)
 {
     const fp_udp_ace_node told = node;
@@ -93,9 +84,21 @@ void report_failure(const fp_udp_apply_node &node, diag::place at)
     handler().apply_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, &apply, apply.stat, apply.priv);
 }
 
-template <class State> bool answered_by_all(const State &state)
+void report_aged(const fp_udp_ace_node &node, diag::place at)
 {
-    return int32_t{state.req_count} >= g_fp_service.count;
+    report<Error>(at, "Ace aged app:[%s] aclid:[%d] sn:[%u] sub_sn:[%u].\n", node.acl.app_type, node.acl.acl_id,
+                  static_cast<uint32_t>(node.ace.sn), static_cast<uint32_t>(node.ace.sn >> 32));
+}
+
+void report_aged(const fp_udp_apply_node &node, diag::place at)
+{
+    report<Error>(at, "Apply aged app:[%s] phyid:[0x%x] prior:[%u] direction:[%u].\n", node.apply.apply_type,
+                  node.apply.phyid, node.apply.pri, node.apply.dir);
+}
+
+template <class Node> bool answered_by_all(const Node &node)
+{
+    return int32_t{state_of(node).req_count} >= g_fp_service.count;
 }
 
 template <class Node> void succeed(Node &node)
@@ -114,49 +117,49 @@ template <class Node> void fail(Node &node, diag::place at)
 // An aged request without a recorded failure is a success: nodes speak up about what they cannot program.
 template <class Node> void judge_aged(Node &node, diag::place at)
 {
-    if (answered_by_all(state_of(node)) || state_of(node).stat == 0)
+    if (answered_by_all(node) || state_of(node).stat == 0)
         succeed(node);
     else
         fail(node, at);
 }
 
-template <class Node>
-void judge(Node &node, int32_t status, int32_t final, const char *function = __builtin_FUNCTION(),
-           int line = __builtin_LINE())
+template <class Node> void judge(Node &node, int32_t status, int32_t final, diag::place at)
 {
     const telling outcome(&node);
     auto &state = state_of(node);
     if (status == 0) {
         ++state.req_count;
-        if (state.is_req == 0 && answered_by_all(state))
+        if (state.is_req == 0 && answered_by_all(node))
             succeed(node);
         return;
     }
     if (final != 0)
-        return judge_aged(node, {function, line});
+        return judge_aged(node, at);
     state.stat = status;
-    fail(node, {function, line});
+    fail(node, at);
 }
 
-bool answered_by_all(const fp_udp_req_node &request)
+// The text names the operation that judges, too.
+template <class Node> int32_t judge(Node *node, int32_t status, int32_t final, diag::text<> no_node)
 {
-    return request.type == FP_UDP_REQ_ACE ? answered_by_all(static_cast<fp_udp_ace_node *>(request.node)->ace)
-                                          : answered_by_all(static_cast<fp_udp_apply_node *>(request.node)->apply);
+    if (node == nullptr) {
+        report<Error>(no_node);
+        return FP_UDP_INVALID;
+    }
+    judge(*node, status, final, {no_node.function, no_node.line});
+    return FP_UDP_OK;
 }
 
 // A node that its callback has written anew waits again, and is not.
-bool being_told(const fp_udp_req_node &request)
+template <class Node> bool being_told(const Node &node)
 {
-    const uint8_t is_req = request.type == FP_UDP_REQ_ACE
-                               ? static_cast<fp_udp_ace_node *>(request.node)->ace.is_req
-                               : static_cast<fp_udp_apply_node *>(request.node)->apply.is_req;
-    return is_req != 0 && telling::of(request.node);
+    return state_of(node).is_req != 0 && telling::of(&node);
 }
 
 // A request ends by its age, or in a forced pass by having answers enough. One that has no time yet begins to age now.
 bool is_due(fp_udp_req_node &request, const timeval &now, bool forced)
 {
-    if (forced && answered_by_all(request))
+    if (forced && with_node(request, [](auto &node) { return answered_by_all(node); }))
         return true;
     if (!known(now))
         return false;
@@ -165,23 +168,11 @@ bool is_due(fp_udp_req_node &request, const timeval &now, bool forced)
     return age_seconds(now, request.time) >= ageing_seconds;
 }
 
-void end_aged_ace(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+template <class Node> void end_aged(Node &node, diag::place at)
 {
-    auto *node = static_cast<fp_udp_ace_node *>(request->node);
-    report<Error>(plx::diag::place{function, line}, "Ace aged app:[%s] aclid:[%d] sn:[%u] sub_sn:[%u].\n",
-                  node->acl.app_type, node->acl.acl_id, static_cast<uint32_t>(node->ace.sn),
-                  static_cast<uint32_t>(node->ace.sn >> 32));
-    detach(request);
-    fp_udp_ace_req_stat_proc(node, aged, 1);
-}
-
-void end_aged_apply(fp_udp_req_node *request, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
-{
-    auto *node = static_cast<fp_udp_apply_node *>(request->node);
-    report<Error>(plx::diag::place{function, line}, "Apply aged app:[%s] phyid:[0x%x] prior:[%u] direction:[%u].\n",
-                  node->apply.apply_type, node->apply.phyid, node->apply.pri, node->apply.dir);
-    detach(request);
-    fp_udp_apply_req_stat_proc(node, aged, 1);
+    report_aged(node, at);
+    detach(node.req);
+    kind<Node>::judge(&node, aged, 1);
 }
 
 } // namespace
@@ -193,22 +184,12 @@ extern "C" {
 
 int32_t fp_udp_ace_req_stat_proc(fp_udp_ace_node *node, int32_t status, int32_t final)
 {
-    if (node == nullptr) {
-        report<Error>("ace_node is NULL.");
-        return FP_UDP_INVALID;
-    }
-    judge(*node, status, final);
-    return FP_UDP_OK;
+    return judge(node, status, final, "ace_node is NULL.");
 }
 
 int32_t fp_udp_apply_req_stat_proc(fp_udp_apply_node *node, int32_t status, int32_t final)
 {
-    if (node == nullptr) {
-        report<Error>("apply_node is NULL.");
-        return FP_UDP_INVALID;
-    }
-    judge(*node, status, final);
-    return FP_UDP_OK;
+    return judge(node, status, final, "apply_node is NULL.");
 }
 
 void fp_udp_req_check_proc(int32_t force)
@@ -219,12 +200,12 @@ void fp_udp_req_check_proc(int32_t force)
         fp_udp_req_node *request = walk.next();
         if (request == nullptr)
             return;
-        if (walk.precedes(*request) || !is_due(*request, now, force == 1) || being_told(*request))
+        if (walk.precedes(*request) || !is_due(*request, now, force == 1))
             continue;
-        if (request->type == FP_UDP_REQ_ACE)
-            end_aged_ace(request);
-        else
-            end_aged_apply(request);
+        plx::with_node(*request, [at = plx::diag::place{__func__, __LINE__}](auto &node) {
+            if (!being_told(node))
+                end_aged(node, at);
+        });
     }
 }
 

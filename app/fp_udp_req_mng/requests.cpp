@@ -3,6 +3,7 @@
 // A node and its request always point at each other. The list is ordered by first submission, oldest first. What ends a
 // request is in outcomes.cpp.
 #include "area.hpp"
+#include "kinds.hpp"
 #include "pending.hpp"
 
 #include <cstdlib>
@@ -16,8 +17,7 @@ namespace {
 
 fp_udp_req_node *&request_of(uint8_t type, void *node)
 {
-    return type == FP_UDP_REQ_ACE ? static_cast<fp_udp_ace_node *>(node)->req
-                                  : static_cast<fp_udp_apply_node *>(node)->req;
+    return with_node(type, node, [](auto &waiting) -> fp_udp_req_node *& { return waiting.req; });
 }
 
 // Starts a request's waiting, or starts it over.
