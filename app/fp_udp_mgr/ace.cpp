@@ -2,6 +2,7 @@
 //
 // A failed write removes the ACE from the cache, also one that was there before. The outcome of a tracked write comes
 // later, from the event loop; an ACE that no port uses needs no confirmation and is answered at once.
+#include "../fp_udp_req_mng/kinds.hpp"
 #include "../list.hpp"
 #include "operations.hpp"
 #include "store_record.hpp"
@@ -52,6 +53,7 @@ bool needs_confirmation(const fp_udp_acl_info &acl)
 int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32_t fallback, int32_t result,
              const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
+    ++counters.ace.failed_at_once;
     if (para.handler.ace_fail_cb == nullptr)
         return fallback;
     const uint64_t sn = ace.sn;
@@ -73,6 +75,7 @@ int32_t track(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, fp_u
     // An earlier write that was still waited for is answered by this.
     fp_udp_req_node_del(FP_UDP_REQ_ACE, node);
     node->ace.is_req = 1;
+    ++counters.ace.ok_at_once;
     return para.handler.ace_reply_ok_cb(ctx, &acl, ace.sn, ace.priv);
 }
 

@@ -1,6 +1,7 @@
 // Apply operations: an ACL bound to a port, cached, written with its ACL's class, and handed to the request tracker.
 //
 // An apply object is shorter than the cache's descriptor, so the cache always gets a descriptor made from it.
+#include "../fp_udp_req_mng/kinds.hpp"
 #include "operations.hpp"
 #include "store_record.hpp"
 
@@ -98,6 +99,7 @@ int write(const apply_call &call, uint8_t acl_cls)
 // Tells the application of a write that failed; without a callback the operation's result is `fallback`.
 int32_t fail(const apply_call &call, int32_t fallback, int32_t result)
 {
+    ++counters.apply.failed_at_once;
     if (para.handler.apply_fail_cb == nullptr)
         return fallback;
     fp_udp_log_op_apply(&call.acl, &call.info, nullptr, call.apply.priv, FP_UDP_OP_FAIL);

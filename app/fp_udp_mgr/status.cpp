@@ -65,10 +65,12 @@ template <class Node> bool answers_newest_write(const Node &node, uint64_t rep_u
 {
     if (state_of(node).stat != 0) {
         report<Notice>(at, reply<Node>::failed_before);
+        ++outcomes_of(node).dropped_late;
         return false;
     }
     if (state_of(node).uuid != rep_uuid) {
         report<Notice>(at, reply<Node>::of_older_write);
+        ++outcomes_of(node).dropped_older;
         return false;
     }
     return true;
@@ -102,6 +104,8 @@ int32_t on_reply(const tq_mom_notification *notification, const char *function =
     const fp_udp_acl_info acl = of::acl(*record->index);
     const auto info = of::own(*record->index);
     Node *node = look_up<Node>(acl, info, at);
+    if (node == nullptr)
+        ++(counters.*of::outcomes).dropped_unknown;
     if (node == nullptr || !answers_newest_write(*node, record->rep_uuid, at))
         return FP_UDP_OK;
     of::judge(node, record->p_status, 0);

@@ -101,8 +101,9 @@ template <class Node> bool answered_by_all(const Node &node)
     return int32_t{state_of(node).req_count} >= g_fp_service.count;
 }
 
-template <class Node> void succeed(Node &node)
+template <class Node> void succeed(Node &node, uint64_t plx_outcomes::*how)
 {
+    ++(outcomes_of(node).*how);
     state_of(node).stat = 0;
     state_of(node).is_req = 1;
     report_success(node);
@@ -110,6 +111,7 @@ template <class Node> void succeed(Node &node)
 
 template <class Node> void fail(Node &node, diag::place at)
 {
+    ++outcomes_of(node).failed;
     state_of(node).is_req = 1;
     report_failure(node, at);
 }
@@ -117,8 +119,10 @@ template <class Node> void fail(Node &node, diag::place at)
 // An aged request without a recorded failure is a success: nodes speak up about what they cannot program.
 template <class Node> void judge_aged(Node &node, diag::place at)
 {
-    if (answered_by_all(node) || state_of(node).stat == 0)
-        succeed(node);
+    if (answered_by_all(node))
+        succeed(node, &plx_outcomes::ok_by_answers);
+    else if (state_of(node).stat == 0)
+        succeed(node, &plx_outcomes::ok_by_age);
     else
         fail(node, at);
 }
@@ -129,8 +133,10 @@ template <class Node> void judge(Node &node, int32_t status, int32_t final, diag
     auto &state = state_of(node);
     if (status == 0) {
         ++state.req_count;
-        if (state.is_req == 0 && answered_by_all(node))
-            succeed(node);
+        if (state.is_req != 0)
+            ++outcomes_of(node).dropped_late;
+        else if (answered_by_all(node))
+            succeed(node, &plx_outcomes::ok_by_answers);
         return;
     }
     if (final != 0)

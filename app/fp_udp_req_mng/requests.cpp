@@ -10,6 +10,15 @@
 
 extern "C" {
 constinit fp_udp_req_para g_req_para = {nullptr, nullptr, {&g_req_para.pending, &g_req_para.pending}};
+
+const plx_counters *plx_get_counters(void)
+{
+    return &plx::counters;
+}
+}
+
+namespace plx {
+constinit plx_counters counters = {};
 }
 
 namespace plx::req {

@@ -779,6 +779,9 @@ const std::map<std::string, verb> verbs = {
     {"op_log_init", number([](auto &, auto &) { return fp_udp_op_log_init(); })},
     {"record", silent(record)},
     {"open_shell", open_shell},
+    {"more_commands", number([](auto &, auto &a) {
+         return plx_register_debug_commands(a.option("context") == "null" ? nullptr : &context);
+     })},
     {"shell_path", silent([](auto &, auto &a) {
          snprintf(lib_plx_debug_path, sizeof lib_plx_debug_path, "%s", a.next().c_str());
      })},

@@ -101,6 +101,9 @@ static void call_diagnostics(void *context)
     fp_udp_at_reg_init(context);
     GIVES(0, fp_udp_at_set_zlog_level(6));
     GIVES(1, g_policy_plx_zlog_level);
+    GIVES(-4, plx_register_debug_commands(NULL));
+    GIVES(0, plx_register_debug_commands(context));
+    GIVES(1, plx_get_counters()->ace.failed); /* call_cache judged one */
     GIVES(0, fp_udp_op_log_init());
     GIVES(0, fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG); /* so these write nothing */
     fp_udp_log_op_acl(&other, NULL, NULL, FP_UDP_OP_ADD);

@@ -198,6 +198,7 @@ int Application::start()
         return FP_UDP_REFUSED;
     const fp_udp_acl_handler handler = Callbacks::table();
     const int result = fp_udp_register_acl_handler(context_, db_, &handler);
+    (void)plx_register_debug_commands(context_); // a shell that does not open is reported, and nothing else
     mgr_ = fp_udp_get_mgr();
     return result;
 }

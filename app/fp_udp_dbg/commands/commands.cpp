@@ -2,14 +2,13 @@
 //
 // The roof of the library: reads what the areas below export, and nothing includes it. Commands run on the event loop
 // and print to standard output.
-#include "../channel/channel.hpp"
-#include "../channel/proc_name.hpp"
+#include "../../list.hpp"
+#include "shell.hpp"
 
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <plx/request.h>
-#include <ssat.h>
 #include <tq_time.h>
 
 extern "C" {
@@ -17,11 +16,6 @@ char lib_plx_debug_path[64] = "/var/lib_plx_debug.txt";
 }
 
 namespace plx::dbg {
-
-inline constexpr char source[] = "app/fp_udp_dbg.cpp";
-template <diag::Word W> inline constexpr diag::reporter<W, source> report{};
-using enum diag::Word;
-
 namespace {
 
 constexpr size_t saved_switch_size = 65; // of the save file's first line, with its terminator
@@ -122,13 +116,6 @@ void print_apply(const fp_udp_apply_info &apply)
     print_request_state(apply.is_req, apply.req_count);
 }
 
-// Lists are walked by their links: this floor knows the exported structures alone.
-template <class Node, class Print> void for_each(const fp_udp_list &head, Print print)
-{
-    for (const fp_udp_list *at = head.next; at != &head; at = at->next)
-        print(*reinterpret_cast<const Node *>(at));
-}
-
 int32_t dump_acl(fp_udp_acl_node *node, void *arg)
 {
     const fp_udp_acl_info &acl = node->acl;
@@ -138,9 +125,11 @@ int32_t dump_acl(fp_udp_acl_node *node, void *arg)
     std::printf("    app_type : %-22s, acl_id : %-4d, stat : %-2d, uuid : %llu\n", acl.app_type,
                 static_cast<int32_t>(acl.acl_id), acl.stat, static_cast<unsigned long long>(acl.uuid));
     std::printf("    >>ace info\n");
-    for_each<fp_udp_ace_node>(node->ace_list, [](const fp_udp_ace_node &ace) { print_ace(ace.ace); });
+    for (const fp_udp_ace_node &ace : elements<fp_udp_ace_node>(node->ace_list))
+        print_ace(ace.ace);
     std::printf("    >>apply info\n");
-    for_each<fp_udp_apply_node>(node->apply_list, [](const fp_udp_apply_node &apply) { print_apply(apply.apply); });
+    for (const fp_udp_apply_node &apply : elements<fp_udp_apply_node>(node->apply_list))
+        print_apply(apply.apply);
     std::fflush(stdout);
     return 0;
 }
@@ -175,20 +164,13 @@ int on_dump_service_node(int, const ssat_value *)
 {
     std::printf("---dump service node---\n");
     std::printf("DEV  SLOT    PID      UP_TIME\n");
-    for_each<fp_udp_service_node>(g_fp_service.nodes, [](const fp_udp_service_node &node) {
+    for (const fp_udp_service_node &node : elements<fp_udp_service_node>(g_fp_service.nodes))
         std::printf("%3d%6d%7d  0x%9llx(ms)\n", static_cast<int32_t>(node.dev), static_cast<int32_t>(node.slot),
                     static_cast<int32_t>(node.id), static_cast<unsigned long long>(tq_timeval_to_ms(&node.up_time)));
-    });
     std::printf("service node num: %d\n", g_fp_service.count);
     std::fflush(stdout);
     return 0;
 }
-
-struct command {
-    const char *name;
-    const char *arguments; // the shell's argument description
-    ssat_handler handler;
-};
 
 constexpr command commands[] = {
     {"fp_udp_set_sw", "dbg_flags=%x, $n", on_set_sw},
@@ -237,22 +219,18 @@ int32_t fp_udp_at_set_zlog_level(uint32_t level)
 
 void fp_udp_at_reg_init(void *context)
 {
-    char name[proc_name_size] = {};
-    if (fp_udp_dbg_get_proc_name(name) != 0)
-        report<Error>("ssat get proc name fail");
-    char module[proc_name_size + sizeof ".fp"];
-    std::snprintf(module, sizeof module, "%s.fp", name);
+    const module_name module(".fp");
     if (context == nullptr) {
-        report<Error>("g_ssd_fp_global = %p, module = %p\n", context, static_cast<void *>(module));
+        report<Error>("g_ssd_fp_global = %p, module = %p\n", context, module.text);
         return;
     }
-    if (ssat_lib_init(context, module) != 0) {
+    if (ssat_lib_init(context, module.text) != 0) {
         report<Error>("ssat lib init fail");
         return;
     }
     load_switch();
     for (const command &c : commands)
-        ssat_reg_mod_cmd(module, c.name, 0, c.arguments, c.handler);
+        ssat_reg_mod_cmd(module.text, c.name, 0, c.arguments, c.handler);
 }
 
 } // extern "C"
