@@ -89,7 +89,7 @@ template <class Kind> class node_table {
         return i == none ? nullptr : t_->keys[i];
     }
 
-    Stored insert(node &n)
+    [[nodiscard]] Stored insert(node &n)
     {
         if (t_ == nullptr || (t_->n_occupied >= t_->upper_bound && !make_room()))
             return find(&n) == nullptr ? Stored::Full : Stored::Equal;
@@ -113,7 +113,7 @@ template <class Kind> class node_table {
         --t_->size;
     }
 
-    int32_t traverse(callback cb, uint32_t start, uint32_t count, void *arg)
+    [[nodiscard]] int32_t traverse(callback cb, uint32_t start, uint32_t count, void *arg)
     {
         if (cb == nullptr)
             return FP_UDP_INVALID;
@@ -172,7 +172,7 @@ template <class Kind> class node_table {
         return deleted;
     }
 
-    bool make_room()
+    [[nodiscard]] bool make_room()
     {
         if (t_->n_buckets > uint64_t{2} * t_->size)
             return rebuild(t_->n_buckets);
@@ -180,7 +180,7 @@ template <class Kind> class node_table {
     }
 
     // False when memory is short; the table is then as it was.
-    bool rebuild(uint32_t buckets)
+    [[nodiscard]] bool rebuild(uint32_t buckets)
     {
         uint32_t *words = bucket_flags::allocate(buckets);
         if (words == nullptr)
@@ -198,7 +198,7 @@ template <class Kind> class node_table {
         return true;
     }
 
-    bool resize_keys(uint32_t buckets)
+    [[nodiscard]] bool resize_keys(uint32_t buckets)
     {
         if (buckets > SIZE_MAX / sizeof(node *))
             return false;

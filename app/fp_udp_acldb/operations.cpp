@@ -83,7 +83,7 @@ template <class Node> Node *find(const fp_udp_acl_info &acl, const info_of<Node>
     return cached<Node>::find(&key);
 }
 
-template <class Node> int32_t hand_out(Node *found, Node **node)
+template <class Node> [[nodiscard]] int32_t hand_out(Node *found, Node **node)
 {
     if (node == nullptr)
         return FP_UDP_INVALID;
@@ -91,7 +91,7 @@ template <class Node> int32_t hand_out(Node *found, Node **node)
     return found == nullptr ? FP_UDP_NOT_FOUND : FP_UDP_OK;
 }
 
-template <class Node> int32_t get(const fp_udp_acl_info *acl, const info_of<Node> *info, Node **node)
+template <class Node> [[nodiscard]] int32_t get(const fp_udp_acl_info *acl, const info_of<Node> *info, Node **node)
 {
     return hand_out(usable<Node>(acl, info) ? find<Node>(*acl, *info) : nullptr, node);
 }
@@ -116,8 +116,8 @@ template <class Node> Node *new_node(const fp_udp_acl_info &acl, const info_of<N
 }
 
 template <class Node>
-int32_t add(fp_udp_acl_node &owner, const fp_udp_acl_info &acl, const info_of<Node> &info, Node **node,
-            const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] int32_t add(fp_udp_acl_node &owner, const fp_udp_acl_info &acl, const info_of<Node> &info, Node **node,
+                          const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     Node *added = new_node<Node>(acl, info, {function, line});
     if (added == nullptr)
@@ -129,7 +129,7 @@ int32_t add(fp_udp_acl_node &owner, const fp_udp_acl_info &acl, const info_of<No
 }
 
 // A single delete drops the request first, an ACL's delete takes the node out of its table first and poisons its links.
-template <class Node> int32_t del(const fp_udp_acl_info *acl, const info_of<Node> *info)
+template <class Node> [[nodiscard]] int32_t del(const fp_udp_acl_info *acl, const info_of<Node> *info)
 {
     fp_udp_acl_node *owner = usable<Node>(acl, info) ? find(*acl) : nullptr;
     Node *node = owner == nullptr ? nullptr : find<Node>(*acl, *info);

@@ -2,6 +2,7 @@
 //
 // Notices name the first difference found. Each kind has its own words for it, which log readers match.
 #include "tables.hpp"
+
 #include "area.hpp"
 #include "word_hash.hpp"
 
@@ -149,7 +150,7 @@ struct apply_kind {
     int32_t fp_udp_##kind##_node_hash_insert(fp_udp_##kind##_node *node)                                               \
     {                                                                                                                  \
         if (node != nullptr)                                                                                           \
-            kind##_nodes().insert(*node);                                                                              \
+            (void)kind##_nodes().insert(*node); /* dropped: plx/cache.h says so */                                     \
         return 0;                                                                                                      \
     }                                                                                                                  \
     fp_udp_##kind##_node *fp_udp_##kind##_node_hash_find(const fp_udp_##kind##_node *key)                              \
@@ -175,7 +176,7 @@ struct apply_kind {
     }                                                                                                                  \
     int32_t fp_udp_##kind##_node_traverse_op(fp_udp_##kind##_node_cb cb, void *arg)                                    \
     {                                                                                                                  \
-        kind##_nodes().traverse(cb, 0, UINT32_MAX, arg);                                                               \
+        (void)kind##_nodes().traverse(cb, 0, UINT32_MAX, arg); /* dropped: plx/cache.h says so */                      \
         return 0;                                                                                                      \
     }                                                                                                                  \
     }

@@ -7,8 +7,8 @@
 
 namespace plx::acldb {
 
-Stored store(fp_udp_acl_node &node);
-Stored store(fp_udp_ace_node &node);
-Stored store(fp_udp_apply_node &node);
+[[nodiscard]] Stored store(fp_udp_acl_node &node);
+[[nodiscard]] Stored store(fp_udp_ace_node &node);
+[[nodiscard]] Stored store(fp_udp_apply_node &node);
 
 } // namespace plx::acldb

@@ -57,7 +57,7 @@ class descriptor {
         if (fd_ >= 0)
             close(fd_);
     }
-    descriptor(descriptor &&other) : fd_(std::exchange(other.fd_, -1)) {}
+    descriptor(descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     descriptor &operator=(descriptor &&) = delete;
     explicit operator bool() const { return fd_ >= 0; }
     int get() const { return fd_; }
@@ -69,7 +69,7 @@ class descriptor {
 constexpr int directory_flags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_RDONLY;
 
 // The log directory, reached without following a link.
-int open_directory()
+[[nodiscard]] int open_directory()
 {
     const descriptor zlog(open("/tmp/zlog", directory_flags));
     return zlog ? openat(zlog.get(), "udp_fp_log", directory_flags) : -1;
@@ -125,7 +125,7 @@ class log_file {
 };
 
 // Both files or neither: a record needs the first, and its turn the second.
-bool make_files(const descriptor &directory, diag::place at)
+[[nodiscard]] bool make_files(const descriptor &directory, diag::place at)
 {
     const log_file first(directory, Main);
     if (!first) {

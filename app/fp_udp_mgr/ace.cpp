@@ -26,14 +26,14 @@ fp_udp_ace_node *cache(const fp_udp_acl_info &acl, const fp_udp_ace_info &info, 
     return node;
 }
 
-int write(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, uint64_t request_id)
+[[nodiscard]] int write(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, uint64_t request_id)
 {
     store_record<SPolicy__Ace> record;
     fill(record.key, acl, ace.sn);
     record.values.value = field_bytes(ace.tlv);
     record.values.c_status = 0;
     record.values.req_uuid = request_id;
-    record.values.default_ace = ace.default_ace != 0;
+    record.values.default_ace = ace.default_ace != 0 ? 1 : 0;
     record.values.priv = field_bytes(ace.priv);
     record.values.ace_pri = ace.ace_pri;
     return record.write(ctx);
@@ -50,8 +50,8 @@ bool needs_confirmation(const fp_udp_acl_info &acl)
 
 // Tells the application of a write that failed; without a callback the operation's result is `fallback`. The callback
 // may free the entry.
-int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32_t fallback, int32_t result,
-             const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32_t fallback,
+                           int32_t result, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     ++counters.ace.failed_at_once;
     if (para.handler.ace_fail_cb == nullptr)
@@ -65,7 +65,7 @@ int32_t fail(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, int32
 }
 
 // Goes on from a write that reached the store.
-int32_t track(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, fp_udp_ace_node *node)
+[[nodiscard]] int32_t track(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ace &ace, fp_udp_ace_node *node)
 {
     if (para.handler.ace_reply_ok_cb == nullptr)
         return FP_UDP_OK;
@@ -172,7 +172,7 @@ int32_t fp_udp_del_expire_ace(void *ctx, const char *app_type)
 fp_udp_ace *fp_udp_get_ace(void *ctx, const fp_udp_acl_key *key, uint64_t sn)
 {
     if (!valid(key)) {
-        refuse_name();
+        (void)refuse_name(); // an object has no code
         return nullptr;
     }
     const fp_udp_acl_info acl = acl_descriptor(key->app_type, key->acl_id);

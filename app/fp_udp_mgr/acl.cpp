@@ -1,17 +1,16 @@
 // ACL operations: written synchronously, answered by the store alone.
+#include "../list.hpp"
 #include "operations.hpp"
 #include "store_record.hpp"
 
 #include <cstdlib>
 #include <plx/diag.h>
 
-#include "../list.hpp"
-
 namespace plx::mgr {
 namespace {
 
 // Caches a new ACL, or brings a cached one up to date; its ACEs and applies stay.
-int32_t cache(const fp_udp_acl_info &acl)
+[[nodiscard]] int32_t cache(const fp_udp_acl_info &acl)
 {
     fp_udp_acl_node *node = nullptr;
     if (fp_udp_acldb_get_acl(&acl, &node) != FP_UDP_OK)
@@ -20,7 +19,7 @@ int32_t cache(const fp_udp_acl_info &acl)
     return FP_UDP_OK;
 }
 
-int write(void *ctx, const fp_udp_acl &acl, uint64_t request_id)
+[[nodiscard]] int write(void *ctx, const fp_udp_acl &acl, uint64_t request_id)
 {
     store_record<SPolicy__Acl> record;
     record.key.t_app_type = field_text(acl.app_type);
@@ -32,7 +31,7 @@ int write(void *ctx, const fp_udp_acl &acl, uint64_t request_id)
     return record.write(ctx);
 }
 
-int32_t report_failed(void *ctx, const fp_udp_acl &acl, const fp_udp_acl_info &info, int32_t result)
+[[nodiscard]] int32_t report_failed(void *ctx, const fp_udp_acl &acl, const fp_udp_acl_info &info, int32_t result)
 {
     fp_udp_log_op_acl(&info, nullptr, acl.priv, FP_UDP_OP_FAIL);
     return para.handler.set_acl_fail_cb(ctx, &acl, result, acl.priv);
@@ -141,7 +140,7 @@ uint64_t *fp_udp_iterator_ace(void *, const fp_udp_acl_key *key, uint64_t **sn, 
     *sn = nullptr;
     *count = 0;
     if (!valid(key)) {
-        refuse_name();
+        (void)refuse_name(); // a list has no code
         return nullptr;
     }
     const fp_udp_acl_info info = acl_descriptor(key->app_type, key->acl_id);

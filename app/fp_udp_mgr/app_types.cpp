@@ -21,7 +21,7 @@ bool registered(const char *app_type)
     return false;
 }
 
-template <class Message> int register_topic(void *ctx, uint32_t value, const char *name)
+template <class Message> [[nodiscard]] int register_topic(void *ctx, uint32_t value, const char *name)
 {
     const store_record<Message> record;
     return libcgstctrl_gen_topic_reg(ctx, value, name, record.message(), 0);

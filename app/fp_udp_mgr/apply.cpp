@@ -84,7 +84,7 @@ uint8_t class_of(void *ctx, const fp_udp_acl_info &acl, uint32_t believed, const
     return cls;
 }
 
-int write(const apply_call &call, uint8_t acl_cls)
+[[nodiscard]] int write(const apply_call &call, uint8_t acl_cls)
 {
     store_record<SPolicy__Apply> record;
     fill(record.key, call.acl, call.info);
@@ -97,7 +97,7 @@ int write(const apply_call &call, uint8_t acl_cls)
 }
 
 // Tells the application of a write that failed; without a callback the operation's result is `fallback`.
-int32_t fail(const apply_call &call, int32_t fallback, int32_t result)
+[[nodiscard]] int32_t fail(const apply_call &call, int32_t fallback, int32_t result)
 {
     ++counters.apply.failed_at_once;
     if (para.handler.apply_fail_cb == nullptr)
@@ -165,7 +165,7 @@ int32_t fp_udp_expire_apply(void *ctx, const char *apply_type)
         return refuse_name();
     fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_EXPIRE);
     report<Detail>("app_type : %s\n", apply_type);
-    begin_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire apply fail.\n");
+    (void)begin_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire apply fail.\n");
     return begin_rewrite<SPolicy__ApplyPsta>(ctx, apply_type, "Expire apply pstate fail.\n");
 }
 
@@ -177,7 +177,7 @@ int32_t fp_udp_del_expire_apply(void *ctx, const char *apply_type)
         return refuse_name();
     fp_udp_log_op_apply(nullptr, nullptr, apply_type, nullptr, FP_UDP_OP_DEL_EXPIRE);
     report<Detail>("app_type : %s\n", apply_type);
-    end_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire del apply fail.\n");
+    (void)end_rewrite<SPolicy__Apply>(ctx, apply_type, "Expire del apply fail.\n");
     return end_rewrite<SPolicy__ApplyPsta>(ctx, apply_type, "Expire del apply pstate fail.\n");
 }
 

@@ -46,7 +46,7 @@ template <class Named> bool valid(const Named *named) requires requires
 }
 
 // Reports a name that is not valid, as the calling function.
-inline int32_t refuse_name(const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] inline int32_t refuse_name(const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     report<Error>(diag::place{function, line}, "app_type is invalid");
     return FP_UDP_INVALID;

@@ -52,13 +52,13 @@ namespace plx::mgr {
 
 // Reads the class of an ACL of any application type from database 0 or 8. 0, -4, -7 or -11; *acl_cls is written on
 // success alone.
-int32_t fp_get_acl_cls(void *ctx, uint32_t db, const char *app_type, uint32_t acl_id, uint8_t *acl_cls);
+[[nodiscard]] int32_t fp_get_acl_cls(void *ctx, uint32_t db, const char *app_type, uint32_t acl_id, uint8_t *acl_cls);
 
 // A new, empty attribute buffer, or null.
-fp_udp_ace_tlv *new_tlv();
+[[nodiscard]] fp_udp_ace_tlv *new_tlv();
 
 // Gives a buffer room for `len` attribute bytes and returns it, moved perhaps; null, with the buffer as it was, when
 // memory is short.
-fp_udp_ace_tlv *resize_tlv(fp_udp_ace_tlv *tlv, size_t len);
+[[nodiscard]] fp_udp_ace_tlv *resize_tlv(fp_udp_ace_tlv *tlv, size_t len);
 
 } // namespace plx::mgr

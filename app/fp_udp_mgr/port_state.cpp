@@ -17,8 +17,8 @@ struct results {
 };
 
 template <class Setting, class Status>
-results write_both(void *ctx, const store_record<Setting> &setting, const store_record<Status> &status,
-                   diag::text<> setting_failed, diag::text<> status_failed)
+[[nodiscard]] results write_both(void *ctx, const store_record<Setting> &setting, const store_record<Status> &status,
+                                 diag::text<> setting_failed, diag::text<> status_failed)
 {
     results rv = {setting.write(ctx), 0};
     if (rv.setting != 0)
@@ -31,8 +31,8 @@ results write_both(void *ctx, const store_record<Setting> &setting, const store_
 
 // The result of a removal is that of the status record's.
 template <class Setting, class Status>
-int32_t del_both(void *ctx, const store_record<Setting> &setting, const store_record<Status> &status,
-                 diag::text<> setting_failed, diag::text<> status_failed)
+[[nodiscard]] int32_t del_both(void *ctx, const store_record<Setting> &setting, const store_record<Status> &status,
+                               diag::text<> setting_failed, diag::text<> status_failed)
 {
     if (setting.del(ctx) != 0)
         report<Error>(setting_failed);
@@ -43,7 +43,7 @@ int32_t del_both(void *ctx, const store_record<Setting> &setting, const store_re
 }
 
 // Tells the application what became of the setting; without the callback the result is the status record's.
-template <class Ok, class Fail> int32_t answer(results rv, bool has_ok, Ok ok, bool has_fail, Fail fail)
+template <class Ok, class Fail> [[nodiscard]] int32_t answer(results rv, bool has_ok, Ok ok, bool has_fail, Fail fail)
 {
     if (rv.setting != 0)
         return has_fail ? fail(rv.setting) : rv.status;
@@ -52,16 +52,16 @@ template <class Ok, class Fail> int32_t answer(results rv, bool has_ok, Ok ok, b
 
 // Brackets the rewrite of a whole setting table and its status table; the result is the second call's.
 template <class Setting, class Status>
-int32_t begin_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
+[[nodiscard]] int32_t begin_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
 {
-    store_record<Setting>().begin_rewrite(ctx, SelectAll, setting_failed);
+    (void)store_record<Setting>().begin_rewrite(ctx, SelectAll, setting_failed);
     return store_record<Status>().begin_rewrite(ctx, SelectAll, status_failed);
 }
 
 template <class Setting, class Status>
-int32_t end_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
+[[nodiscard]] int32_t end_both(void *ctx, diag::text<> setting_failed, diag::text<> status_failed)
 {
-    store_record<Setting>().end_rewrite(ctx, SelectAll, setting_failed);
+    (void)store_record<Setting>().end_rewrite(ctx, SelectAll, setting_failed);
     return store_record<Status>().end_rewrite(ctx, SelectAll, status_failed);
 }
 
@@ -90,14 +90,15 @@ void set_uplink(void *ctx, const fp_udp_uplink &uplink, uplink_records &records)
         write_both(ctx, records.setting, records.status, {"uplink entry hmset failed.\n", "fp_udp_uplink_enable"},
                    {"uplink entry hmset failed.\n", "fp_udp_uplink_enable"});
     const auto &handler = para.handler;
-    answer(
+    // The operation returns nothing.
+    (void)answer(
         rv, handler.uplink_ok_cb != nullptr,
         [&] { return handler.uplink_ok_cb(ctx, uplink.phyid, uplink.type, uplink.priv); },
         handler.uplink_fail_cb != nullptr,
         [&](int result) { return handler.uplink_fail_cb(ctx, uplink.phyid, uplink.type, result, uplink.priv); });
 }
 
-int32_t set_svi_router(void *ctx, const uint8_t *priv)
+[[nodiscard]] int32_t set_svi_router(void *ctx, const uint8_t *priv)
 {
     static const uint8_t no_priv[FP_UDP_PORT_PRIV_SIZE] = {};
     store_record<SPolicy__SviRouter> setting;
@@ -115,8 +116,8 @@ int32_t set_svi_router(void *ctx, const uint8_t *priv)
 }
 
 // The parameters of a port binding: 0, or -4 reported as the calling operation.
-int32_t check_binding(const char *app_type, uint32_t acl_cls, uint32_t bind_type,
-                      const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] int32_t check_binding(const char *app_type, uint32_t acl_cls, uint32_t bind_type,
+                                    const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     if (!valid(app_type))
         return refuse_name(function, line);
@@ -198,8 +199,8 @@ void fp_udp_uplink_enable(void *ctx, const fp_udp_uplink *uplink, uint32_t enabl
     if (enable != 0)
         set_uplink(ctx, *uplink, records);
     else
-        del_both(ctx, records.setting, records.status, "uplink entry del failed.\n",
-                 "uplink pstate entry del failed.\n");
+        (void)del_both(ctx, records.setting, records.status, "uplink entry del failed.\n",
+                       "uplink pstate entry del failed.\n");
 }
 
 int32_t fp_udp_expire_uplink(void *ctx)

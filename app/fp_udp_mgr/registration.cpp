@@ -15,12 +15,13 @@
 namespace plx::mgr {
 namespace {
 
+// A subscription that the store refuses does not stop a registration; the next registration makes it again.
 template <class Message> void subscribe_each_type(void *ctx, tq_mom_callback cb)
 {
     for (int32_t i = 0; i < para.app_type_num; ++i) {
         store_record<Message> record;
         select(record.key, regist_app_type[i]);
-        tq_mom_subscribe(ctx, para.db, record.message(), SelectAppType, cb, nullptr);
+        (void)tq_mom_subscribe(ctx, para.db, record.message(), SelectAppType, cb, nullptr);
     }
 }
 
@@ -41,7 +42,7 @@ void subscribe(void *ctx)
         subscribe_each_type<SPolicy__AceCounter>(ctx, ace_cnter_notify_call_back);
 }
 
-int32_t connect(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] int32_t connect(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     const bool follows_changes = para.handler.acl_change_cb != nullptr || para.handler.ace_change_cb != nullptr;
     if (!follows_changes || tq_mom_client_connect_sync(ctx, security_db) == 0)
@@ -50,14 +51,14 @@ int32_t connect(void *ctx, const char *function = __builtin_FUNCTION(), int line
     return FP_UDP_REFUSED;
 }
 
-int32_t set_up(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
+[[nodiscard]] int32_t set_up(void *ctx, const char *function = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     if (const int32_t rv = fp_udp_acldb_init(); rv != 0) {
         report<Error>(diag::place{function, line}, "fp udp acldb init fail, rv[%d]", rv);
         return FP_UDP_REFUSED;
     }
     fp_udp_at_reg_init(ctx);
-    fp_udp_req_init(ctx, &para.handler);
+    (void)fp_udp_req_init(ctx, &para.handler); // a timer that is refused was reported
     para.set_up = 1;
     return FP_UDP_OK;
 }

@@ -4,6 +4,7 @@
 // written it anew: what is left to do is decided by looking it up again. The ACE's and the apply's texts differ: log
 // readers match them.
 #include "status.hpp"
+
 #include "../fp_udp_req_mng/kinds.hpp"
 #include "store_record.hpp"
 

@@ -89,21 +89,21 @@ template <class Message> class store_record {
     const ProtobufCMessage *message() const { return &values.base; }
 
     // Writes the fields of the record type's row.
-    int write(void *ctx) const
+    [[nodiscard]] int write(void *ctx) const
     {
         return tq_mom_hmset_sync(ctx, para.db, message(), schema<Message>::fields, std::size(schema<Message>::fields));
     }
-    int write_whole(void *ctx) const { return tq_mom_set_sync(ctx, para.db, message()); }
-    int del(void *ctx) const { return tq_mom_del_sync(ctx, para.db, message()); }
+    [[nodiscard]] int write_whole(void *ctx) const { return tq_mom_set_sync(ctx, para.db, message()); }
+    [[nodiscard]] int del(void *ctx) const { return tq_mom_del_sync(ctx, para.db, message()); }
 
     // Begin and end a rewrite of the records that the first `selection` key fields select. A failure is reported as
     // `failed`.
     static constexpr uint32_t rewrite_bound = 1000;
-    int begin_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
+    [[nodiscard]] int begin_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
         return reported(tq_mom_dsbegin_sync(ctx, para.db, message(), selection, uint64_t{rewrite_bound}), failed);
     }
-    int end_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
+    [[nodiscard]] int end_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
         return reported(tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound), failed);
     }
@@ -215,14 +215,14 @@ class store_result {
 };
 
 // Begin and end the rewrite of one table's records of an application type.
-template <class Message> int begin_rewrite(void *ctx, const char *app_type, diag::text<> failed)
+template <class Message> [[nodiscard]] int begin_rewrite(void *ctx, const char *app_type, diag::text<> failed)
 {
     store_record<Message> record;
     select(record.key, app_type);
     return record.begin_rewrite(ctx, SelectAppType, failed);
 }
 
-template <class Message> int end_rewrite(void *ctx, const char *app_type, diag::text<> failed)
+template <class Message> [[nodiscard]] int end_rewrite(void *ctx, const char *app_type, diag::text<> failed)
 {
     store_record<Message> record;
     select(record.key, app_type);

@@ -3,6 +3,7 @@
 // Nothing is written to the store from here, and a scan only adds to the cache. Records are others' work: a key may be
 // missing, its name missing or of any length.
 #include "synchronisation.hpp"
+
 #include "store_record.hpp"
 
 namespace plx::mgr {
@@ -17,7 +18,7 @@ bool readable(const tq_mom_notification &notification)
     return notification.record != nullptr && notification.result == 0;
 }
 
-int32_t fp_udp_cache_acl(const SPolicy__AclKey &key, Cache how)
+[[nodiscard]] int32_t fp_udp_cache_acl(const SPolicy__AclKey &key, Cache how)
 {
     if (!valid(key.t_app_type))
         return refuse_name();
@@ -32,7 +33,7 @@ int32_t fp_udp_cache_acl(const SPolicy__AclKey &key, Cache how)
     return FP_UDP_OK;
 }
 
-int32_t fp_udp_cache_ace(const SPolicy__AceKey &key, bool default_ace, Cache how)
+[[nodiscard]] int32_t fp_udp_cache_ace(const SPolicy__AceKey &key, bool default_ace, Cache how)
 {
     if (!valid(key.t_app_type))
         return refuse_name();
@@ -53,7 +54,7 @@ int32_t fp_udp_cache_ace(const SPolicy__AceKey &key, bool default_ace, Cache how
 }
 
 // Makes the ACL that an ACE names.
-int32_t fp_udp_acl_info_add(const SPolicy__AceKey &key)
+[[nodiscard]] int32_t fp_udp_acl_info_add(const SPolicy__AceKey &key)
 {
     if (!valid(key.t_app_type))
         return refuse_name();
@@ -65,7 +66,7 @@ int32_t fp_udp_acl_info_add(const SPolicy__AceKey &key)
 }
 
 // Caches an ACE, with its ACL where that is not in the store.
-int32_t cache_ace_and_acl(const SPolicy__Ace &record)
+[[nodiscard]] int32_t cache_ace_and_acl(const SPolicy__Ace &record)
 {
     const bool is_default = record.default_ace != 0;
     const int32_t rv = fp_udp_cache_ace(*record.index, is_default, Cache::Add);
@@ -134,7 +135,7 @@ bool is_foreign_change(const tq_mom_notification &notification)
            notification.flag != 1;
 }
 
-template <class Table> int32_t on_change(void *ctx, const tq_mom_notification &notification)
+template <class Table> [[nodiscard]] int32_t on_change(void *ctx, const tq_mom_notification &notification)
 {
     const bool set = notification.event == TQ_MOM_EVENT_SET;
     const auto *record = keyed_record<typename Table::record>(notification.record);
@@ -161,11 +162,12 @@ template <class Table> int32_t notify_call_back(void *ctx, const tq_mom_notifica
     return is_foreign_change(*notification) ? on_change<Table>(ctx, *notification) : FP_UDP_OK;
 }
 
+// A subscription that the store refuses does not stop a registration; the next registration makes it again.
 template <class Table> void subscribe(void *ctx)
 {
     store_record<typename Table::record> record;
     select(record.key, security_app);
-    tq_mom_subscribe(ctx, security_db, record.message(), SelectAppType, notify_call_back<Table>, nullptr);
+    (void)tq_mom_subscribe(ctx, security_db, record.message(), SelectAppType, notify_call_back<Table>, nullptr);
 }
 
 } // namespace

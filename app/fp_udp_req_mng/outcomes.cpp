@@ -49,31 +49,33 @@ const fp_udp_acl_handler &handler()
 void report_success(const fp_udp_ace_node &node)
 {
     const fp_udp_ace_node told = node;
-    if (handler().ace_reply_ok_cb != nullptr)
-        handler().ace_reply_ok_cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.priv);
+    if (const auto cb = handler().ace_reply_ok_cb; cb != nullptr)
+        cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.priv);
 }
 
 void report_success(const fp_udp_apply_node &node)
 {
     const fp_udp_apply_node told = node;
-    if (handler().apply_reply_ok_cb != nullptr)
-        handler().apply_reply_ok_cb(g_req_para.g_ssd_fp_global, &told.acl, &told.apply, told.apply.priv);
+    if (const auto cb = handler().apply_reply_ok_cb; cb != nullptr)
+        cb(g_req_para.g_ssd_fp_global, &told.acl, &told.apply, told.apply.priv);
 }
 
 void report_failure(const fp_udp_ace_node &node, diag::place at)
 {
-    if (handler().ace_fail_cb == nullptr)
+    const auto cb = handler().ace_fail_cb;
+    if (cb == nullptr)
         return;
     const fp_udp_ace_node told = node;
     report<Error>(at, "service node reply set ace fail! app_type:%s acl_id:%d sn:%llx.\n", told.acl.app_type,
                   told.acl.acl_id, told.ace.sn);
-    handler().ace_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.stat, told.ace.priv);
+    cb(g_req_para.g_ssd_fp_global, &told.acl, told.ace.sn, told.ace.stat, told.ace.priv);
 }
 
 // "app:" is the applying type, "acl_type:" the ACL's: log readers match these labels.
 void report_failure(const fp_udp_apply_node &node, diag::place at)
 {
-    if (handler().apply_fail_cb == nullptr)
+    const auto cb = handler().apply_fail_cb;
+    if (cb == nullptr)
         return;
     const fp_udp_apply_node told = node;
     const fp_udp_apply_info &apply = told.apply;
@@ -81,7 +83,7 @@ void report_failure(const fp_udp_apply_node &node, diag::place at)
         at,
         "reply apply failed! status:%d app:[%s] phyid:[0x%x] prior:[%u] direction:[%u] acl_type:[%s] acl_id:[%d].\n",
         apply.stat, apply.apply_type, apply.phyid, apply.pri, apply.dir, told.acl.app_type, told.acl.acl_id);
-    handler().apply_fail_cb(g_req_para.g_ssd_fp_global, &told.acl, &apply, apply.stat, apply.priv);
+    cb(g_req_para.g_ssd_fp_global, &told.acl, &apply, apply.stat, apply.priv);
 }
 
 void report_aged(const fp_udp_ace_node &node, diag::place at)
@@ -146,7 +148,7 @@ template <class Node> void judge(Node &node, int32_t status, int32_t final, diag
 }
 
 // The text names the operation that judges, too.
-template <class Node> int32_t judge(Node *node, int32_t status, int32_t final, diag::text<> no_node)
+template <class Node> [[nodiscard]] int32_t judge(Node *node, int32_t status, int32_t final, diag::text<> no_node)
 {
     if (node == nullptr) {
         report<Error>(no_node);
@@ -200,6 +202,7 @@ int32_t fp_udp_apply_req_stat_proc(fp_udp_apply_node *node, int32_t status, int3
 
 void fp_udp_req_check_proc(int32_t force)
 {
+    const plx::diag::place here = {__func__, __LINE__};
     const timeval now = time_now();
     pending_walk walk;
     for (uint32_t visits = 0; force == 1 || visits < visits_per_tick; ++visits) {
@@ -208,9 +211,9 @@ void fp_udp_req_check_proc(int32_t force)
             return;
         if (walk.precedes(*request) || !is_due(*request, now, force == 1))
             continue;
-        plx::with_node(*request, [at = plx::diag::place{__func__, __LINE__}](auto &node) {
+        plx::with_node(*request, [here](auto &node) {
             if (!being_told(node))
-                end_aged(node, at);
+                end_aged(node, here);
         });
     }
 }

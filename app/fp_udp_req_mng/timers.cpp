@@ -17,7 +17,7 @@ namespace {
 constexpr suseconds_t req_check_us = 10'000'000;
 constexpr suseconds_t service_expire_us = 15'000'000;
 
-int insert(tq_thread **handle, tq_thread_func func, suseconds_t interval_us)
+[[nodiscard]] int insert(tq_thread **handle, tq_thread_func func, suseconds_t interval_us)
 {
     // The thread master is the second member of every context.
     auto **members = static_cast<tq_thread_master **>(g_req_para.g_ssd_fp_global);
@@ -26,8 +26,8 @@ int insert(tq_thread **handle, tq_thread_func func, suseconds_t interval_us)
     return tq_thread_insert_timer_timeval(master, handle, func, nullptr, &interval, "fp_udp_api");
 }
 
-int insert_req_check();
-int insert_service_expire();
+[[nodiscard]] int insert_req_check();
+[[nodiscard]] int insert_service_expire();
 
 int on_req_check(tq_thread *)
 {
@@ -83,7 +83,7 @@ int32_t fp_udp_req_init(void *g_ssd_fp_global, const fp_udp_acl_handler *handler
     plx::list::reset(g_req_para.pending);
     plx::list::reset(g_fp_service.nodes);
     g_fp_service.count = 0;
-    fp_udp_expire();
+    (void)fp_udp_expire(); // reported
     return fp_udp_req_check();
 }
 

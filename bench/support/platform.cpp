@@ -2,6 +2,7 @@
 #include "platform.hpp"
 #include "counting.hpp"
 
+#include <cstdlib>
 #include <libcgstctrl.h>
 #include <plx/diag.h>
 #include <ssat.h>
@@ -34,7 +35,8 @@ fp_udp_mgr *registered()
     const fp_udp_acl_handler handler = callbacks();
     plx_initial();
     fp_udp_register_app_type(app_type);
-    fp_udp_register_acl_handler(context(), 0, &handler);
+    if (fp_udp_register_acl_handler(context(), 0, &handler) != 0)
+        std::abort();
     fp_udp_mgr *mgr = fp_udp_get_mgr();
     fp_udp_debug_sw = 0;
     g_policy_plx_zlog_level = 0;

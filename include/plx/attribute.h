@@ -66,7 +66,8 @@ static inline int plx_attribute_known(uint32_t cls, const char *name)
  *
  * On the diagnostic channel -4 may be silent: what can be seen to be refused is not pushed at all. A value of the wrong
  * length for its name is pushed: a service node answers it with FP_UDP_NODE_BAD_VALUE. */
-static inline int32_t plx_push(fp_udp_ace_tlv **tlv, uint32_t cls, const char *name, const void *value, size_t len)
+FP_UDP_RESULT static inline int32_t plx_push(fp_udp_ace_tlv **tlv, uint32_t cls, const char *name, const void *value,
+                                             size_t len)
 {
     fp_udp_attr attr;
     size_t grown;
@@ -90,8 +91,8 @@ static inline int32_t plx_push(fp_udp_ace_tlv **tlv, uint32_t cls, const char *n
  * before the failing one in the list is in the buffer then: free the object, or it will be set with half of its fields.
  * `failed`, when it is not NULL, receives the failing attribute's name (the caller's own pointer; NULL where that is
  * null itself), and NULL on success. A null list of 0 attributes succeeds. */
-static inline int32_t plx_push_all(fp_udp_ace_tlv **tlv, const plx_attribute *attributes, size_t count,
-                                   const char **failed)
+FP_UDP_RESULT static inline int32_t plx_push_all(fp_udp_ace_tlv **tlv, const plx_attribute *attributes, size_t count,
+                                                 const char **failed)
 {
     int32_t result = FP_UDP_OK;
     size_t i;

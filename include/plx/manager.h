@@ -226,7 +226,8 @@ int32_t fp_udp_cgst_register(void *g_ssd_fp_global, uint32_t value, const char *
  * commands and timers the first time, and subscribes every time it is called. Callbacks may run before it returns only
  * by way of the application's own calls. 0; -1 when the store or the cache cannot be set up; otherwise the result of
  * the service-node subscription, after which the call may be repeated. */
-int32_t fp_udp_register_acl_handler(void *g_ssd_fp_global, uint32_t db, const fp_udp_acl_handler *handler);
+FP_UDP_RESULT int32_t fp_udp_register_acl_handler(void *g_ssd_fp_global, uint32_t db,
+                                                  const fp_udp_acl_handler *handler);
 
 /* Returns the operation table, which lives as long as the library; starts the operation log anew. */
 fp_udp_mgr *fp_udp_get_mgr(void);

@@ -30,6 +30,15 @@ extern "C" {
 #define FP_UDP_LAYOUT(condition) struct fp_udp_layout_unchecked
 #endif
 
+/* A result that tells what nothing else does: whoever drops it is warned. In C++17 `(void)` drops it on purpose. */
+#if defined(__cplusplus) && __cplusplus >= 201703L
+#define FP_UDP_RESULT [[nodiscard]]
+#elif defined(__GNUC__)
+#define FP_UDP_RESULT __attribute__((warn_unused_result))
+#else
+#define FP_UDP_RESULT
+#endif
+
 /* Store failures are passed on with the store client's own non-zero code, which is never one of these. status.h has
  * texts. */
 enum fp_udp_result {

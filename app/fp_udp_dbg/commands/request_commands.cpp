@@ -4,7 +4,6 @@
 
 #include <plx/counters.h>
 #include <plx/request.h>
-#include <sys/time.h>
 
 namespace plx::dbg {
 namespace {
@@ -38,13 +37,12 @@ int on_counters(int, const ssat_value *)
 
 void print_state(const fp_udp_req_node &request, uint8_t replies)
 {
-    timeval now = {}, age = {};
-    if (tq_monotime(&now) == 0 && timerisset(&request.time)) {
-        timersub(&now, &request.time, &age);
-        std::printf("%8lld", static_cast<long long>(age.tv_sec));
-    } else {
+    const timeval &since = request.time;
+    timeval now = {};
+    if (tq_monotime(&now) != 0 || (since.tv_sec == 0 && since.tv_usec == 0))
         std::printf("%8s", "-");
-    }
+    else
+        std::printf("%8lld", static_cast<long long>(now.tv_sec - since.tv_sec - (now.tv_usec < since.tv_usec ? 1 : 0)));
     std::printf("%6u of %-5d", replies, g_fp_service.count);
 }
 
