@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstddef>
-
 #include <plx/cache.h>
 
 namespace plx {

@@ -14,10 +14,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <type_traits>
-
 #include <plx/diag.h>
 #include <tq_zlog.h>
+#include <type_traits>
 
 namespace plx::diag {
 
