@@ -1,11 +1,12 @@
-// What the store client's tests stand on: a store of each kind, contexts on one loop, records and what was heard.
+// What the store client's tests stand on: stores of each kind, contexts on one loop, records and what was heard.
 //
-// The suite sees the public interface alone; a store_backend is all that an engine brings. Nothing here waits for a
-// time to pass: wait_for() runs the loop until something has been seen, and settle() until a last write has been heard.
+// The tests see the public interface alone. Nothing here waits for a time to pass: wait_for() runs the loop until
+// something has been seen.
 #ifndef STORE_SUITE_HPP
 #define STORE_SUITE_HPP
 
 #include "records/host.hpp"
+#include "redis_server.hpp"
 #include "support/keyed.h"
 
 #include <plx/s_policy.pb-c.h>
@@ -19,24 +20,8 @@
 #include <vector>
 
 using lines = std::vector<std::string>;
-
-/// A store that nobody else uses; ends with the object.
-class store_backend {
-  public:
-    virtual ~store_backend() = default;
-    /// Its address with options such as "log=100" behind it.
-    virtual std::string url(const std::string &options) const = 0;
-};
-
-struct backend_kind {
-    const char *name;
-    std::unique_ptr<store_backend> (*make)();
-};
-
-/// The kinds that the suite runs on (backends.cpp).
-std::vector<backend_kind> backend_kinds();
-
 using context_ptr = plx::Context;
+using requests = std::map<uint64_t, uint64_t>; ///< of ACEs by their sn
 
 /// An ACE or its status.
 template <typename Record, const ProtobufCMessageDescriptor &of, uint64_t Record::*uuid>
@@ -59,18 +44,18 @@ struct record_of_ace : keyed<Record, SPolicy__AceKey, of> {
 using ace_record = record_of_ace<SPolicy__Ace, s_policy__ace__descriptor, &SPolicy__Ace::req_uuid>;
 using psta_record = record_of_ace<SPolicy__AcePsta, s_policy__ace_psta__descriptor, &SPolicy__AcePsta::rep_uuid>;
 
-/// A record of ace, ace_psta or ace_counter as "app/acl/sn=uuid".
-std::string text_of(const ProtobufCMessage *record);
-
 /// Writes all value fields that the library writes.
 int write_ace(tq_context *context, uint32_t db, const ace_record &ace);
 int write_psta(tq_context *context, uint32_t db, const psta_record &psta);
 
+/// The stored ACEs of application "a".
+int find_stored(tq_context *context, uint32_t db, requests &found);
+requests stored(tq_context *context, uint32_t db = 8);
+
 /// Keeps what a callback was told; may do something about it, too.
 struct hearing {
-    ::lines lines; // "4 app/1/2=3", "*3 app/1/2=0" for an echo, "29", "!" behind one without a record
+    ::lines lines; // "4 ace[a,1,2] 8=3", "*" before an echo, "29", "! 6" for a record that cannot be read
     std::function<void(const tq_mom_notification &)> also;
-    bool settled = false; // settle()'s record was heard
     static int32_t callback(void *handle, const tq_mom_notification *told, void *arg);
     bool ends_with(const std::string &line) const { return !lines.empty() && lines.back() == line; }
 };
@@ -83,23 +68,34 @@ class store_users {
     void wait_for(const std::function<bool()> &condition);
     /// Repeats a call until the store is back.
     void until_ok(const std::function<int()> &call);
-    void subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection = 1,
-                   uint32_t db = 8);
+    void subscribe(tq_context *context, hearing &to, const ProtobufCMessage *record, uint32_t selection = 1);
 
     plx::Loop loop{tq_loop_new()};
     std::vector<context_ptr> contexts;
 };
 
 /// The cases that hold for every kind of store.
-class store_suite : public store_users, public testing::TestWithParam<backend_kind> {
+class store_suite : public store_users, public testing::TestWithParam<const char *> {
   protected:
-    tq_context *open(const std::string &options = "");
-    /// Runs the loop until all that was written to the ACE and ACE status tables so far has been heard by `to`, which
-    /// follows the whole of one of them or `app`'s part.
-    void settle(hearing &to, const std::string &app = "a");
-    lines scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection = 0, uint32_t db = 8);
+    void SetUp() override;
+    std::string url() const { return server_ ? server_->url("suite", "timeout=10000") : "mem:suite"; }
+    tq_context *open() { return open_at(url()); }
+    lines scan(tq_context *context, const ProtobufCMessage *record, uint32_t selection = 0);
 
-    std::unique_ptr<store_backend> backend = GetParam().make();
+  private:
+    std::optional<redis_server> server_;
+};
+
+/// A server that goes wrong, or somebody who does to it.
+class faults : public store_users, public testing::Test {
+  protected:
+    /// A busy disk may hold an fsync up for seconds.
+    tq_context *open(const std::string &options = "timeout=10000", const std::string &user = "suite")
+    {
+        return open_at(server.url(user, options));
+    }
+
+    redis_server server;
 };
 
 #endif

@@ -1,0 +1,481 @@
+// Scenarios of scripts/*.txt, on a store of each kind; those of redis*.txt on a server alone.
+//
+//     == a_deletion_takes_one_record            a test of its own; "each a b|c" before it: once per word, whose parts
+//     w: set ace[a,1,<1..2>] 8=$n               are $1, $2; <1..2> and <a|b> make several lines of one, $n tells which
+//     l: subscribe ace[a]                       who: verb table@db[key,...] field=value; as many key fields as select
+//     w: until merge ace[a,1,1] 11=3            repeated until the store is back; of these fields alone
+//         = 6 …                                 what came of it, where that is more than success
+//     heard                                     (settle: without telling; sofar: without waiting) what all subscriptions, or those of a table, were told since, up to here
+//         l ace[a]: *4 ace[a,1,1] 8=1 11=3      event, * before that of an echo
+//
+// Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT stand for the server's. PLX_ACCEPT=1 ctest -R
+// script writes what comes instead of comparing it, for a diff to be reviewed.
+#include "record_text.hpp"
+#include "suite.hpp"
+
+#include <csignal>
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <numeric>
+#include <sstream>
+#include <tq_zlog.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string heading = "== ", came = "    ";
+lines log_lines; // what the client told the system log
+
+} // namespace
+
+// Comes before the logging library's own.
+void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int, const char *format, ...)
+{
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    log_lines.emplace_back(line);
+}
+
+namespace {
+
+lines words_of(const std::string &line)
+{
+    lines words;
+    std::istringstream in(line);
+    for (std::string word; in >> std::quoted(word);)
+        words.push_back(word);
+    return words;
+}
+
+std::string replaced(std::string text, const std::string &part, const std::string &by)
+{
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += by.size())
+        text.replace(at, part.size(), by);
+    return text;
+}
+
+// A line with <...> as the lines that it stands for.
+lines expanded(const std::string &line)
+{
+    const size_t open = line.find('<'), close = line.find('>', open);
+    if (open == std::string::npos || close == std::string::npos)
+        return {line};
+    const std::string inside = line.substr(open + 1, close - open - 1);
+    lines choices = parts_of(inside, '|'), all;
+    if (const size_t dots = inside.find(".."); dots != std::string::npos) {
+        choices.clear();
+        for (long n = std::stol(inside); n <= std::stol(inside.substr(dots + 2)); n++)
+            choices.push_back(std::to_string(n));
+    }
+    for (const auto &choice : choices)
+        for (const auto &one : expanded(replaced(line.substr(0, open) + choice + line.substr(close + 1), "$n", choice)))
+            all.push_back(one);
+    return all;
+}
+
+lines read_lines(const std::string &path)
+{
+    lines all;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        all.push_back(line);
+    return all;
+}
+
+// Results as "0*3 6".
+std::string runs_of(const std::vector<int> &results)
+{
+    std::string text;
+    for (size_t at = 0, end; at < results.size(); at = end) {
+        for (end = at; end < results.size() && results[end] == results[at];)
+            ++end;
+        text += " " + std::to_string(results[at]) + (end - at > 1 ? "*" + std::to_string(end - at) : "");
+    }
+    return text;
+}
+
+/// One who uses the store, under the name that a line begins with.
+struct actor {
+    tq_context *context = nullptr;
+    bool batching = false;
+    uint32_t collected = 0;
+    std::map<std::string, hearing> told;  ///< by what was subscribed to
+    std::map<std::string, hearing> marks; ///< by table: tells when all before it was told
+};
+
+class scenario : public store_users, public testing::Test {
+  public:
+    scenario(std::string path, std::string name, bool on_server)
+        : path_(std::move(path)), name_(std::move(name)), on_server_(on_server)
+    {
+    }
+
+    void TestBody() override
+    {
+        log_lines.clear();
+        if (on_server_)
+            server_.emplace(), start({});
+        lines asked, got;
+        section(asked);
+        for (const auto &line : asked)
+            if (!line.starts_with(' '))
+                script_.push_back(line);
+        play(got);
+        if (getenv("PLX_ACCEPT"))
+            accept(got);
+        else
+            compare(asked, got);
+    }
+
+  private:
+    void section(lines &mine) const
+    {
+        std::string at;
+        for (const auto &line : read_lines(path_))
+            if (line.starts_with(heading))
+                at = line.substr(heading.size());
+            else if (!line.empty() && at == name_)
+                mine.push_back(line);
+    }
+
+    // A line "each" is behind the heading; its turns are told one after another, below the last line.
+    void play(lines &got)
+    {
+        const bool turns = script_.front().starts_with("each ");
+        const lines each = turns ? words_of(script_.front().substr(5)) : lines{""};
+        for (const auto &turn : each) {
+            if (turns)
+                out_ = {came + "-- " + turn};
+            const lines parts = parts_of(turn, '|');
+            for (size_t i = turns ? 1 : 0; i < script_.size(); ++i) {
+                std::string line = script_[i];
+                for (size_t part = 0; part < parts.size(); ++part)
+                    line = replaced(line, "$" + std::to_string(part + 1), parts[part]);
+                if (!turns)
+                    got.push_back(line);
+                else
+                    out_.push_back(came + line);
+                for (const auto &one : expanded(line))
+                    perform(one);
+                if (!turns)
+                    got.insert(got.end(), out_.begin(), out_.end()), out_.clear();
+            }
+            all_turns_.insert(all_turns_.end(), out_.begin(), out_.end());
+            out_.clear();
+        }
+        if (turns)
+            got = script_, got.insert(got.end(), all_turns_.begin(), all_turns_.end());
+    }
+
+    void show(std::string text)
+    {
+        if (server_)
+            text = replaced(replaced(text, server_->socket(), "SOCKET"), port_, "PORT");
+        out_.push_back(came + text);
+    }
+
+    void perform(const std::string &line)
+    {
+        lines words = words_of(line);
+        if (words.front() == "#")
+            return;
+        if (words.front().ends_with(':')) {
+            auto &who = actors_[words.front()];
+            act(who, {words.begin() + 1, words.end()});
+        } else {
+            direct(words);
+        }
+    }
+
+    // ---- what actors do
+
+    std::string address(const lines &options) const
+    {
+        std::string user = "suite", rest = "timeout=10000";
+        for (const auto &option : options)
+            if (option.starts_with("user="))
+                user = option.substr(5);
+            else
+                rest += "&" + option;
+        return server_ ? server_->url(user, rest) : "mem:script?" + rest;
+    }
+
+    tq_context *open(actor &who, const lines &options)
+    {
+        std::string at = address(options);
+        if (!options.empty() && options[0].find(':') != std::string::npos)
+            at = replaced(replaced(options[0], "SOCKET", server_->socket()), "PORT", port_);
+        who.context = open_at(at);
+        return who.context;
+    }
+
+    void act(actor &who, lines words)
+    {
+        const bool patient = words[0] == "until";
+        if (patient)
+            words.erase(words.begin());
+        const std::string verb = words[0];
+        words.erase(words.begin());
+        if (verb == "open")
+            open(who, words);
+        else if (who.context == nullptr)
+            open(who, {});
+        if (verb == "free") {
+            std::erase_if(contexts, [&](const auto &each) { return each.get() == who.context; });
+            who = {};
+            return;
+        }
+        int result = call(who, verb, words);
+        if (patient)
+            wait_for([&] { return result == TQ_MOM_OK || (result = call(who, verb, words)) == TQ_MOM_OK; });
+        if (result != TQ_MOM_OK)
+            show("= " + std::to_string(result));
+    }
+
+    int call(actor &who, const std::string &verb, const lines &words)
+    {
+        auto *const context = who.context;
+        if (verb == "open")
+            return TQ_MOM_OK;
+        if (verb == "connect")
+            return tq_mom_client_connect_sync(context, 8);
+        if (verb == "state")
+            return tq_mom_state_get(context, 8, 0) != TQ_MOM_OK;
+        if (verb == "batch")
+            return who.collected = 0, who.batching = true, tq_mom_batch_begin(context);
+        if (verb == "send")
+            return tq_mom_batch_send(context), TQ_MOM_OK;
+        if (verb == "done")
+            return end_batch(who);
+        const text_record record(words.at(0), {words.begin() + 1, words.end()});
+        const auto selection = static_cast<uint32_t>(record.key_fields());
+        const uint32_t db = record.db();
+        const auto bound = words.size() > 1 ? std::strtoull(words[1].c_str(), nullptr, 10) : 1000;
+        if (verb == "get")
+            return get(context, record);
+        if (verb == "scan")
+            return scan(context, record, selection);
+        if (verb == "subscribe")
+            return subscribe(who, words[0], record, selection);
+        if (verb == "begin")
+            return tq_mom_dsbegin_sync(context, db, record.message(), selection, bound);
+        if (verb == "end")
+            return tq_mom_dsend_sync(context, db, record.message(), selection, static_cast<uint32_t>(bound));
+        const auto &fields = record.numbers();
+        int result = TQ_MOM_OK;
+        if (verb == "merge")
+            result = tq_mom_hmset_sync(context, db, record.message(), fields.empty() ? nullptr : fields.data(),
+                                       static_cast<uint32_t>(fields.size()));
+        else if (verb == "del")
+            result = tq_mom_del_sync(context, db, record.message());
+        else if (verb == "set")
+            result = tq_mom_set_sync(context, db, record.message());
+        else
+            ADD_FAILURE() << "no verb " << verb;
+        who.collected += who.batching && result == TQ_MOM_OK;
+        return result;
+    }
+
+    int end_batch(actor &who)
+    {
+        std::vector<int> results(who.collected, -1);
+        const int result = tq_mom_batch_end(who.context, results.data(), who.collected);
+        who.batching = false;
+        who.collected = 0;
+        show("results" + runs_of(results));
+        return result;
+    }
+
+    int get(tq_context *context, const text_record &record)
+    {
+        auto *found = tq_mom_hgetall_sync(context, record.db(), record.message());
+        if (found == nullptr)
+            return show("not asked"), TQ_MOM_OK;
+        const int status = found->status;
+        if (status == TQ_MOM_OK)
+            show(found->record == nullptr ? "no record" : text_of_message(found->record));
+        else
+            EXPECT_EQ(nullptr, found->record);
+        tq_mom_hash_res_free(found);
+        return status;
+    }
+
+    int scan(tq_context *context, const text_record &record, uint32_t selection)
+    {
+        hearing found;
+        const int result =
+            tq_mom_scan_sync(context, record.db(), record.message(), selection, hearing::callback, &found);
+        const size_t told = found.lines.size();
+        if (told > 5)
+            show(std::to_string(told) + ", " + found.lines.front() + " .. " + found.lines.back());
+        else
+            std::for_each(found.lines.begin(), found.lines.end(), [&](const auto &line) { show(line); });
+        return result;
+    }
+
+    int subscribe(actor &who, const std::string &what, const text_record &record, uint32_t selection)
+    {
+        const std::string table = record.table();
+        auto &told = who.told[what];
+        const int result =
+            tq_mom_subscribe(who.context, record.db(), record.message(), selection, hearing::callback, &told);
+        if (result == TQ_MOM_OK && who.marks.contains(table) == false)
+            tq_mom_subscribe(who.context, record.db(), record.message(), 0, hearing::callback, &who.marks[table]);
+        return result;
+    }
+
+    // ---- what happens to the store
+
+    void direct(lines words)
+    {
+        const std::string verb = words[0];
+        words.erase(words.begin());
+        for (auto &word : words)
+            word = verb == "server" ? unescaped(word) : replaced(word, "PORT", port_);
+        if (verb == "heard" || verb == "sofar" || verb == "settle")
+            hear(words.empty() ? "" : words[0], verb);
+        else if (verb == "log")
+            std::for_each(log_lines.begin(), log_lines.end(), [&](const auto &line) { show(line); }), log_lines.clear();
+        else if (verb == "server" || verb == "quiet")
+            ask(words, verb == "quiet");
+        else if (verb == "await")
+            wait_for([&] {
+                return server_->run({words.begin() + 1, words.end()}).find(words[0]) != std::string::npos;
+            });
+        else if (verb == "crash")
+            server_->crash();
+        else if (verb == "start")
+            start(words);
+        else if (verb == "erase")
+            server_->erase_data();
+        else if (verb == "keep")
+            fs::copy(data(), data() + ".older", fs::copy_options::recursive);
+        else if (verb == "older")
+            fs::remove_all(data()), fs::rename(data() + ".older", data());
+        else if (verb == "stop" || verb == "go")
+            server_->signal(verb == "stop" ? SIGSTOP : SIGCONT);
+        else
+            ADD_FAILURE() << "no verb " << verb;
+    }
+
+    std::string data() const { return server_->directory() + "/appendonlydir"; }
+
+    void ask(const lines &command, bool quiet)
+    {
+        const std::string answer = server_->run(command);
+        if (!quiet && answer != "OK")
+            show(answer);
+    }
+
+    // With an answer to expect first, where that is not PONG.
+    void start(lines options)
+    {
+        std::string answer = "PONG";
+        if (!options.empty() && !options[0].starts_with("-"))
+            answer = options[0], options.erase(options.begin());
+        options.insert(options.end(), {"--appendfsync", "no"}); // the disk's own speed is not what this is about
+        server_->crash();
+        server_->start(options, answer);
+    }
+
+    // A last record of each table that is followed, under an application that no scenario has; it is heard, and goes.
+    void settle(actor &who, const std::string &of)
+    {
+        const context_ptr other(tq_context_new_on(address({}).c_str(), loop.get()));
+        for (auto &[table, mark] : who.marks) {
+            if (!of.empty() && table != of)
+                continue;
+            const text_record last(table + "[" + mark_name + "]", {});
+            const auto heard = [&mark](auto matches) {
+                return std::any_of(mark.lines.begin(), mark.lines.end(), matches);
+            };
+            do { // where changes were lost, this one may be among them
+                mark.lines.clear();
+                until_ok([&] { return tq_mom_set_sync(other.get(), last.db(), last.message()); });
+                wait_for([&] { return heard(is_lost) || heard(is_mark); });
+            } while (!heard(is_mark) && !HasFailure());
+            EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(other.get(), last.db(), last.message()));
+        }
+    }
+
+    void hear(const std::string &of, const std::string &verb)
+    {
+        for (auto &[name, who] : actors_) {
+            if (verb != "sofar")
+                settle(who, of);
+            for (auto &[what, told] : who.told) {
+                if (!of.empty() && what.substr(0, what.find('[')) != of)
+                    continue;
+                std::erase_if(told.lines, [](const auto &line) { return line.find(mark_name) != line.npos; });
+                for (const auto &line : verb == "settle" ? lines{} : told.lines)
+                    show(name.substr(0, name.size() - 1) + " " + what + ": " + line);
+                told.lines.clear();
+            }
+        }
+    }
+
+    // ---- the file
+
+    void compare(const lines &asked, const lines &got) const
+    {
+        const auto [expected, other] = std::mismatch(asked.begin(), asked.end(), got.begin(), got.end());
+        if (expected == asked.end() && other == got.end())
+            return;
+        std::string last;
+        for (auto at = asked.begin(); at < expected; ++at)
+            last = at->starts_with(' ') ? last : *at;
+        ADD_FAILURE() << path_ << ", after \"" << last
+                      << "\"\n  expected: " << (expected == asked.end() ? "nothing more" : *expected)
+                      << "\n  came:     " << (other == got.end() ? "nothing more" : *other);
+    }
+
+    void accept(const lines &got) const
+    {
+        const lines all = read_lines(path_);
+        std::ofstream file(path_);
+        bool mine = false;
+        for (const auto &line : all) {
+            if (line.starts_with(heading)) {
+                file << (mine ? "\n" : "");
+                mine = line.substr(heading.size()) == name_;
+                file << line << "\n";
+                for (const auto &one : mine ? got : lines{})
+                    file << one << "\n";
+            } else if (!mine) {
+                file << line << "\n";
+            }
+        }
+    }
+
+    static constexpr char mark_name[] = "!settled";
+    static bool is_lost(const std::string &line) { return line == "29"; }
+    static bool is_mark(const std::string &line) { return line.find(mark_name) != line.npos && line[0] != '3'; }
+    const std::string path_, name_, port_ = redis_server::free_port();
+    const bool on_server_;
+    std::optional<redis_server> server_;
+    std::map<std::string, actor> actors_;
+    lines script_, out_, all_turns_;
+};
+
+const bool registered = [] {
+    for (const auto &file : fs::directory_iterator(PLX_STORE_SCRIPTS))
+        for (const auto &line : read_lines(file.path()))
+            for (const bool on_server : {false, true}) {
+                const std::string kind = file.path().stem(), path = file.path();
+                if (!line.starts_with(heading) || (!on_server && kind.starts_with("redis")))
+                    continue;
+                const std::string name = line.substr(heading.size());
+                testing::RegisterTest((kind + "_script").c_str(), (name + (on_server ? "/redis" : "/mem")).c_str(),
+                                      nullptr, nullptr, path.c_str(), 1,
+                                      [=]() -> testing::Test * { return new scenario(path, name, on_server); });
+            }
+    return true;
+}();
+
+} // namespace
