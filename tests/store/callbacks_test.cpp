@@ -109,18 +109,6 @@ TEST_P(store_suite, publications_that_were_subscribed_to_first_come_before_what_
     }
 }
 
-TEST_P(store_suite, a_context_can_bring_its_own_loop)
-{
-    const context_ptr own(tq_context_new(url().c_str()));
-    ASSERT_NE(nullptr, own);
-    hearing heard;
-    subscribe(own.get(), heard, any_ace, 0);
-    write_ace(own.get(), 8, ace_record("a", 1, 1, 1));
-    for (int i = 0; i < 1000 && heard.lines.empty(); ++i)
-        tq_loop_run_once(own->master, 10);
-    EXPECT_EQ((lines{"*4 ace[a,1,1] 8=1"}), heard.lines);
-}
-
 TEST_P(store_suite, arguments_that_are_no_records_are_refused)
 {
     auto *context = open();

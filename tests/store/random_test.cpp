@@ -1,137 +1,126 @@
 // Random operations against a plain map: what the store holds, and what a subscriber makes of the changes it hears.
+#include "record_text.hpp"
 #include "suite.hpp"
 
 #include <random>
 
 namespace {
 
-using key = std::tuple<std::string, uint32_t, uint64_t>;    // application, ACL, sn
-using fields = std::tuple<uint64_t, uint64_t, std::string>; // request, priority, value
-using policy = std::map<key, fields>;
-
-key key_of(const SPolicy__Ace ace)
-{
-    return {ace.index->t_app_type, ace.index->acl_id, ace.index->sn};
-}
-
-fields fields_of(const SPolicy__Ace ace)
-{
-    return {ace.req_uuid, ace.ace_pri, {reinterpret_cast<const char *>(ace.value.data), ace.value.len}};
-}
+using fields = std::map<uint32_t, std::string>; // by number, as text
+using policy = std::map<std::string, fields>;   // by the text of table and key
 
 /// Applies what it hears to a copy of the table.
 int32_t replicate(void *, const tq_mom_notification *told, void *arg)
 {
     auto &copy = *static_cast<policy *>(arg);
-    EXPECT_EQ(TQ_MOM_OK, told->result);
-    if (told->record == nullptr)
-        return ADD_FAILURE() << "event " << told->event, 0;
-    const auto &ace = *reinterpret_cast<const SPolicy__Ace *>(told->record);
-    if (told->event == TQ_MOM_EVENT_DELETED)
-        copy.erase(key_of(ace));
-    else
-        copy[key_of(ace)] = fields_of(ace);
+    const auto parts = parts_of(text_of_message(told->record), ' ');
+    copy.erase(parts[0]);
+    for (size_t i = 1; told->event != TQ_MOM_EVENT_DELETED && i < parts.size(); ++i)
+        copy[parts[0]][static_cast<uint32_t>(std::stoul(parts[i]))] = parts[i].substr(parts[i].find('=') + 1);
+    if (told->event != TQ_MOM_EVENT_DELETED)
+        copy[parts[0]];
     return 0;
 }
 
-/// One client's random calls and what they must come to.
-class worker {
-  public:
-    worker(tq_context *context, policy &model, std::mt19937 &random) : context_(context), model_(model), random_(random)
-    {
-    }
+class random_calls : public store_suite {
+  protected:
+    uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random() % below); }
 
-    void act()
+    void act(tq_context *context)
     {
-        static const char *const apps[] = {"a", "a,", "ab", "", "%", "security_app"};
-        const std::string app = apps[pick(std::size(apps))];
-        ace_record ace(app, pick(4), pick(12));
-        fill(ace);
+        const auto key = any_app() + "," + any_acl() + "," + std::to_string(pick(12)) + "]";
         const uint32_t what = pick(20);
         if (what < 11)
-            merge(ace);
+            merge(context, key);
         else if (what < 14)
-            replace(ace);
+            replace(context, key);
         else if (what < 18)
-            remove(ace);
+            remove(context, key);
         else
-            rewrite(ace, 1 + pick(2));
+            rewrite(context, any_app() + (pick(2) == 0 ? "" : "," + any_acl()));
     }
 
-  private:
-    uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random_() % below); }
-
-    void fill(ace_record &ace)
+    std::string any_app()
     {
-        ace.record.req_uuid = pick(4) == 0 ? 0 : random_();
-        ace.record.ace_pri = pick(3);
-        ace.set_value(std::string(pick(40), static_cast<char>(pick(256))));
+        static const char *const apps[] = {"a", "a%2C", "ab", "", "%25", "security_app"};
+        return std::string("ace[") + apps[pick(std::size(apps))];
     }
-
-    void merge(const ace_record &ace)
+    std::string any_acl() { return std::to_string(pick(4)); }
+    fields any_fields(uint32_t one_of)
     {
-        std::vector<uint32_t> numbers;
-        auto &[request, priority, value] = model_[key_of(ace.record)];
-        if (pick(2) == 0)
-            numbers.push_back(6), value = ace.value;
-        if (pick(2) == 0)
-            numbers.push_back(8), request = ace.record.req_uuid;
-        if (pick(2) == 0)
-            numbers.push_back(11), priority = ace.record.ace_pri;
-        ASSERT_EQ(TQ_MOM_OK,
-                  tq_mom_hmset_sync(context_, 8, ace, numbers.data(), static_cast<uint32_t>(numbers.size())));
+        fields some;
+        if (pick(one_of) == 0)
+            some[6] = escaped(std::string(pick(40), static_cast<char>(pick(256))));
+        if (pick(one_of) == 0)
+            some[8] = pick(4) == 0 ? "0" : std::to_string(random());
+        if (pick(one_of) == 0)
+            some[11] = std::to_string(pick(3));
+        return some;
     }
-
-    void replace(const ace_record &ace)
+    static lines words_of(const fields &some)
     {
-        model_[key_of(ace.record)] = fields_of(ace.record);
-        ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(context_, 8, ace));
+        lines words;
+        for (const auto &[number, text] : some)
+            words.push_back(std::to_string(number) + "=" + text);
+        return words;
     }
 
-    void remove(const ace_record &ace)
+    void merge(tq_context *context, const std::string &key)
     {
-        model_.erase(key_of(ace.record));
-        ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context_, 8, ace));
+        const auto some = any_fields(2);
+        const text_record record(key, words_of(some));
+        const auto &numbers = record.numbers();
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_hmset_sync(context, 8, record.message(), numbers.data(),
+                                               static_cast<uint32_t>(numbers.size())));
+        for (const auto &[number, text] : some)
+            model[key][number] = text;
+        std::erase_if(model[key], [](const auto &field) { return field.second.empty() || field.second == "0"; });
     }
-
+    void replace(tq_context *context, const std::string &key)
+    {
+        auto &all = model[key] = any_fields(1);
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(context, 8, text_record(key, words_of(all)).message()));
+        std::erase_if(all, [](const auto &field) { return field.second.empty() || field.second == "0"; });
+    }
+    void remove(tq_context *context, const std::string &key)
+    {
+        model.erase(key);
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_del_sync(context, 8, text_record(key, {}).message()));
+    }
     // A bracket around a few writes, of an application or one of its ACLs.
-    void rewrite(const ace_record &selected, uint32_t selection)
+    void rewrite(tq_context *context, const std::string &begin)
     {
-        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context_, 8, selected, selection, 1000));
-        std::erase_if(model_, [&](const auto &known) {
-            const auto &[app, acl, sn] = known.first;
-            return app == selected.app && (selection == 1 || acl == selected.key.acl_id);
-        });
-        for (uint32_t i = pick(8); i > 0; --i) {
-            ace_record ace(selected.app, pick(4), pick(12));
-            fill(ace);
-            replace(ace);
-        }
-        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context_, 8, selected, selection, 60'000));
+        const text_record selected(begin + "]", {});
+        const auto selection = static_cast<uint32_t>(selected.key_fields());
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(context, 8, selected.message(), selection, 1000));
+        std::erase_if(model, [&](const auto &known) { return known.first.starts_with(begin + ","); });
+        for (uint32_t i = pick(8); i > 0; --i)
+            replace(context, begin + (selection == 1 ? "," + any_acl() : "") + "," + std::to_string(pick(12)) + "]");
+        ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend_sync(context, 8, selected.message(), selection, 60'000));
     }
 
-    tq_context *context_;
-    policy &model_;
-    std::mt19937 &random_;
+    const uint32_t seed = std::random_device{}();
+    std::mt19937 random{seed};
+    policy model;
 };
 
-TEST_P(store_suite, the_store_and_its_subscribers_agree_with_a_map)
+INSTANTIATE_TEST_SUITE_P(on, random_calls, testing::Values("mem", "redis"),
+                         [](const auto &each) { return each.param; });
+
+TEST_P(random_calls, leave_what_a_map_says_in_the_store_and_with_its_subscribers)
 {
-    const uint32_t seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    policy model, heard;
-    auto *one = open();
-    auto *other = open();
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(one, 8, ace_record("", 0, 0), 0, replicate, &heard));
-    worker workers[] = {{one, model, random}, {other, model, random}};
+    policy heard;
+    tq_context *users[] = {open(), open()};
+    const ace_record any("", 0, 0);
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_subscribe(users[0], 8, any, 0, replicate, &heard));
     for (int step = 0; step < 3000 && !HasFatalFailure(); ++step) {
-        workers[random() % 2].act();
-        if (random() % 16 == 0)
+        act(users[pick(2)]);
+        if (pick(16) == 0)
             tq_loop_run_once(loop.get(), 0);
+        policy stored;
         if (step % 500 == 499) {
-            policy stored;
-            ASSERT_EQ(TQ_MOM_OK, tq_mom_scan_sync(other, 8, ace_record("", 0, 0), 0, replicate, &stored));
+            ASSERT_EQ(TQ_MOM_OK, tq_mom_scan_sync(users[1], 8, any, 0, replicate, &stored));
             ASSERT_EQ(model, stored);
         }
     }

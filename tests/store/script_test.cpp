@@ -122,10 +122,14 @@ class scenario : public store_users, public testing::Test {
         if (on_server_)
             server_.emplace(), start({});
         lines asked, got;
-        section(asked);
-        for (const auto &line : asked)
-            if (!line.starts_with(' '))
-                script_.push_back(line);
+        std::string at;
+        for (const auto &line : read_lines(path_))
+            if (line.starts_with(heading))
+                at = line.substr(heading.size());
+            else if (!line.empty() && at == name_)
+                asked.push_back(line);
+        std::copy_if(asked.begin(), asked.end(), std::back_inserter(script_),
+                     [](const auto &line) { return line[0] != ' '; });
         play(got);
         if (getenv("PLX_ACCEPT"))
             accept(got);
@@ -134,43 +138,24 @@ class scenario : public store_users, public testing::Test {
     }
 
   private:
-    void section(lines &mine) const
-    {
-        std::string at;
-        for (const auto &line : read_lines(path_))
-            if (line.starts_with(heading))
-                at = line.substr(heading.size());
-            else if (!line.empty() && at == name_)
-                mine.push_back(line);
-    }
-
-    // A line "each" is behind the heading; its turns are told one after another, below the last line.
+    // Every line with what came of it; behind a first line "each", once more for each of its words, as they come.
     void play(lines &got)
     {
         const bool turns = script_.front().starts_with("each ");
-        const lines each = turns ? words_of(script_.front().substr(5)) : lines{""};
-        for (const auto &turn : each) {
+        for (const auto &turn : turns ? words_of(script_.front().substr(5)) : lines{""}) {
             if (turns)
-                out_ = {came + "-- " + turn};
+                show("-- " + turn);
             const lines parts = parts_of(turn, '|');
-            for (size_t i = turns ? 1 : 0; i < script_.size(); ++i) {
-                std::string line = script_[i];
+            for (std::string line : lines(script_.begin() + (turns ? 1 : 0), script_.end())) {
                 for (size_t part = 0; part < parts.size(); ++part)
                     line = replaced(line, "$" + std::to_string(part + 1), parts[part]);
-                if (!turns)
-                    got.push_back(line);
-                else
-                    out_.push_back(came + line);
+                out_.push_back((turns ? came : "") + line);
                 for (const auto &one : expanded(line))
                     perform(one);
-                if (!turns)
-                    got.insert(got.end(), out_.begin(), out_.end()), out_.clear();
             }
-            all_turns_.insert(all_turns_.end(), out_.begin(), out_.end());
-            out_.clear();
         }
-        if (turns)
-            got = script_, got.insert(got.end(), all_turns_.begin(), all_turns_.end());
+        got = turns ? script_ : lines{};
+        got.insert(got.end(), out_.begin(), out_.end());
     }
 
     void show(std::string text)
@@ -185,12 +170,10 @@ class scenario : public store_users, public testing::Test {
         lines words = words_of(line);
         if (words.front() == "#")
             return;
-        if (words.front().ends_with(':')) {
-            auto &who = actors_[words.front()];
-            act(who, {words.begin() + 1, words.end()});
-        } else {
+        if (words.front().ends_with(':'))
+            act(actors_[words.front()], {words.begin() + 1, words.end()});
+        else
             direct(words);
-        }
     }
 
     // ---- what actors do
@@ -206,13 +189,11 @@ class scenario : public store_users, public testing::Test {
         return server_ ? server_->url(user, rest) : "mem:script?" + rest;
     }
 
-    tq_context *open(actor &who, const lines &options)
+    void open(actor &who, const lines &options)
     {
-        std::string at = address(options);
-        if (!options.empty() && options[0].find(':') != std::string::npos)
-            at = replaced(replaced(options[0], "SOCKET", server_->socket()), "PORT", port_);
-        who.context = open_at(at);
-        return who.context;
+        const bool whole = !options.empty() && options[0].find(':') != std::string::npos;
+        who.context = open_at(whole ? replaced(replaced(options[0], "SOCKET", server_->socket()), "PORT", port_)
+                                    : address(options));
     }
 
     void act(actor &who, lines words)
@@ -254,31 +235,41 @@ class scenario : public store_users, public testing::Test {
         if (verb == "done")
             return end_batch(who);
         const text_record record(words.at(0), {words.begin() + 1, words.end()});
-        const auto selection = static_cast<uint32_t>(record.key_fields());
-        const uint32_t db = record.db();
-        const auto bound = words.size() > 1 ? std::strtoull(words[1].c_str(), nullptr, 10) : 1000;
         if (verb == "get")
             return get(context, record);
-        if (verb == "scan")
-            return scan(context, record, selection);
-        if (verb == "subscribe")
-            return subscribe(who, words[0], record, selection);
-        if (verb == "begin")
-            return tq_mom_dsbegin_sync(context, db, record.message(), selection, bound);
-        if (verb == "end")
-            return tq_mom_dsend_sync(context, db, record.message(), selection, static_cast<uint32_t>(bound));
+        if (verb == "set" || verb == "merge" || verb == "del")
+            return write(who, verb, record);
+        return select(who, verb, record, words);
+    }
+
+    int write(actor &who, const std::string &verb, const text_record &record)
+    {
         const auto &fields = record.numbers();
-        int result = TQ_MOM_OK;
-        if (verb == "merge")
-            result = tq_mom_hmset_sync(context, db, record.message(), fields.empty() ? nullptr : fields.data(),
-                                       static_cast<uint32_t>(fields.size()));
-        else if (verb == "del")
-            result = tq_mom_del_sync(context, db, record.message());
-        else if (verb == "set")
-            result = tq_mom_set_sync(context, db, record.message());
-        else
-            ADD_FAILURE() << "no verb " << verb;
+        const int result = verb == "set"   ? tq_mom_set_sync(who.context, record.db(), record.message())
+                           : verb == "del" ? tq_mom_del_sync(who.context, record.db(), record.message())
+                                           : tq_mom_hmset_sync(who.context, record.db(), record.message(),
+                                                               fields.data(), static_cast<uint32_t>(fields.size()));
         who.collected += who.batching && result == TQ_MOM_OK;
+        return result;
+    }
+
+    int select(actor &who, const std::string &verb, const text_record &record, const lines &words)
+    {
+        const auto selection = static_cast<uint32_t>(record.key_fields());
+        const auto bound = words.size() > 1 ? std::strtoull(words[1].c_str(), nullptr, 10) : 1000;
+        if (verb == "begin")
+            return tq_mom_dsbegin_sync(who.context, record.db(), record.message(), selection, bound);
+        if (verb == "end")
+            return tq_mom_dsend_sync(who.context, record.db(), record.message(), selection,
+                                     static_cast<uint32_t>(bound));
+        if (verb == "scan")
+            return scan(who.context, record, selection);
+        EXPECT_EQ("subscribe", verb);
+        const int result = tq_mom_subscribe(who.context, record.db(), record.message(), selection, hearing::callback,
+                                            &who.told[words[0]]);
+        if (result == TQ_MOM_OK && !who.marks.contains(record.table()))
+            tq_mom_subscribe(who.context, record.db(), record.message(), 0, hearing::callback,
+                             &who.marks[record.table()]);
         return result;
     }
 
@@ -316,17 +307,6 @@ class scenario : public store_users, public testing::Test {
             show(std::to_string(told) + ", " + found.lines.front() + " .. " + found.lines.back());
         else
             std::for_each(found.lines.begin(), found.lines.end(), [&](const auto &line) { show(line); });
-        return result;
-    }
-
-    int subscribe(actor &who, const std::string &what, const text_record &record, uint32_t selection)
-    {
-        const std::string table = record.table();
-        auto &told = who.told[what];
-        const int result =
-            tq_mom_subscribe(who.context, record.db(), record.message(), selection, hearing::callback, &told);
-        if (result == TQ_MOM_OK && who.marks.contains(table) == false)
-            tq_mom_subscribe(who.context, record.db(), record.message(), 0, hearing::callback, &who.marks[table]);
         return result;
     }
 
@@ -441,15 +421,14 @@ class scenario : public store_users, public testing::Test {
         std::ofstream file(path_);
         bool mine = false;
         for (const auto &line : all) {
-            if (line.starts_with(heading)) {
+            const bool heads = line.starts_with(heading);
+            if (heads)
                 file << (mine ? "\n" : "");
-                mine = line.substr(heading.size()) == name_;
+            mine = heads ? line.substr(heading.size()) == name_ : mine;
+            if (heads || !mine)
                 file << line << "\n";
-                for (const auto &one : mine ? got : lines{})
-                    file << one << "\n";
-            } else if (!mine) {
-                file << line << "\n";
-            }
+            for (const auto &one : heads &&mine ? got : lines{})
+                file << one << "\n";
         }
     }
 
@@ -460,7 +439,7 @@ class scenario : public store_users, public testing::Test {
     const bool on_server_;
     std::optional<redis_server> server_;
     std::map<std::string, actor> actors_;
-    lines script_, out_, all_turns_;
+    lines script_, out_;
 };
 
 const bool registered = [] {
