@@ -1,17 +1,19 @@
-// Scenarios of scripts/*.txt, on a store of each kind; those of redis*.txt on a server alone.
+// Scenarios of scripts/*.txt, on a store of each kind; those of redis*.txt on a server alone, of mem*.txt without one.
 //
 //     == a_deletion_takes_one_record            a test of its own; "each a b|c" before it: once per word, whose parts
 //     w: set ace[a,1,<1..2>] 8=$n               are $1, $2; <1..2> and <a|b> make several lines of one, $n tells which
 //     l: subscribe ace[a]                       who: verb table@db[key,...] field=value; as many key fields as select
 //     w: until merge ace[a,1,1] 11=3            repeated until the store is back; of these fields alone
 //         = 6 …                                 what came of it, where that is more than success
-//     heard                                     (settle: without telling; sofar: without waiting) what all subscriptions, or those of a table, were told since, up to here
+//     heard                                     what subscriptions, to all or this table, were told up to here; settle
+//                                               does without telling, sofar without waiting
 //         l ace[a]: *4 ace[a,1,1] 8=1 11=3      event, * before that of an echo
 //
 // Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT stand for the server's. PLX_ACCEPT=1 ctest -R
 // script writes what comes instead of comparing it, for a diff to be reviewed.
 #include "record_text.hpp"
 #include "suite.hpp"
+#include "text_verbs.hpp"
 
 #include <csignal>
 #include <cstdarg>
@@ -340,6 +342,8 @@ class scenario : public store_users, public testing::Test {
             fs::remove_all(data()), fs::rename(data() + ".older", data());
         else if (verb == "stop" || verb == "go")
             server_->signal(verb == "stop" ? SIGSTOP : SIGCONT);
+        else if (const auto text = text_verb(verb, words.at(0)); !text.empty())
+            show(text);
         else
             ADD_FAILURE() << "no verb " << verb;
     }
@@ -447,7 +451,7 @@ const bool registered = [] {
         for (const auto &line : read_lines(file.path()))
             for (const bool on_server : {false, true}) {
                 const std::string kind = file.path().stem(), path = file.path();
-                if (!line.starts_with(heading) || (!on_server && kind.starts_with("redis")))
+                if (!line.starts_with(heading) || kind.starts_with(on_server ? "mem" : "redis"))
                     continue;
                 const std::string name = line.substr(heading.size());
                 testing::RegisterTest((kind + "_script").c_str(), (name + (on_server ? "/redis" : "/mem")).c_str(),
