@@ -2,6 +2,8 @@
 // that a sanitizer sees a walk beyond it. What a copy must hold is worked out here a second time, from the description.
 #include "library.hpp"
 
+#include <support/keyed.h>
+
 #include <cstddef>
 #include <memory>
 #include <utility>
@@ -20,18 +22,19 @@ bytes any_block(fuzz::input &in)
     const auto beyond =
         in.below(16) == 0 ? in.number<uint32_t>() % 100'000 : 0; // zeros behind what the input spells out
     bytes block;
+    const auto append = [&block](const void *data, size_t size) {
+        block.insert(block.end(), static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + size);
+    };
     while (!in.done() && in.chance()) { // well-formed, if nothing lies about its length
         const uint32_t type = in.chance() ? fwd : in.number<uint32_t>();
         const std::string value = in.text();
         const uint32_t len = in.below(8) == 0 ? in.number<uint32_t>() : static_cast<uint32_t>(value.size());
-        const auto *word = reinterpret_cast<const uint8_t *>(&type);
-        block.insert(block.end(), word, word + sizeof type);
-        word = reinterpret_cast<const uint8_t *>(&len);
-        block.insert(block.end(), word, word + sizeof len);
-        block.insert(block.end(), value.begin(), value.end());
+        append(&type, sizeof type);
+        append(&len, sizeof len);
+        append(value.data(), value.size());
     }
     const std::string raw = in.rest();
-    block.insert(block.end(), raw.begin(), raw.end());
+    append(raw.data(), raw.size());
     block.resize(block.size() + beyond);
     return block;
 }
@@ -128,14 +131,10 @@ void read_back(fp_udp_mgr &mgr, const std::string &packed)
 
 void read_back(fp_udp_mgr &mgr, const bytes &block)
 {
-    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
-    key.t_app_type = const_cast<char *>("my_app");
-    key.acl_id = 1;
-    key.sn = sn;
-    SPolicy__Ace record = S_POLICY__ACE__INIT;
-    record.index = &key;
-    record.value = {block.size(), const_cast<uint8_t *>(block.data())};
-    fake::store.put(8, record.base);
+    keyed<SPolicy__Ace, SPolicy__AceKey, s_policy__ace__descriptor> stored;
+    stored.key.t_app_type = const_cast<char *>("my_app"), stored.key.acl_id = 1, stored.key.sn = sn;
+    stored.record.value = {block.size(), const_cast<uint8_t *>(block.data())};
+    fake::store.put(8, stored.record.base);
     const fp_udp_acl_key acl = {"my_app", 1};
     const owned_ace ace(mgr.get_ace(&fuzz::context, &acl, sn), mgr.free_ace);
     fuzz::require(ace != nullptr, "a stored ACE is read back");

@@ -4,6 +4,7 @@
 #include "input.hpp"
 
 #include <plx/s_policy.pb-c.h>
+#include <support/keyed.h>
 #include <tq_context.h>
 #include <tq_loop.h>
 #include <tq_mom.h>
@@ -208,24 +209,18 @@ std::string reply_to(const std::string &command)
 
 // ---- the server's side of a connection
 
-// The names of the commands in what was sent.
+// The names of the commands in what was sent: "*2\r\n$3\r\nGET\r\n$1\r\nk\r\n".
 std::vector<std::string> commands_in(std::string_view sent)
 {
     std::vector<std::string> names;
-    auto take_number = [&sent] {
-        const size_t end = sent.find('\n');
-        const size_t number = strtoul(std::string(sent.substr(1, end)).c_str(), nullptr, 10);
-        sent.remove_prefix(end + 1);
-        return number;
-    };
-    while (!sent.empty()) {
-        const size_t arguments = take_number();
-        for (size_t i = 0; i < arguments; i++) {
-            const size_t size = take_number();
-            if (i == 0)
-                names.emplace_back(sent.substr(0, size));
-            sent.remove_prefix(size + 2);
-        }
+    for (bool first = false; !sent.empty();) {
+        const bool begins = sent[0] == '*';
+        const size_t number = strtoul(sent.data() + 1, nullptr, 10);
+        sent.remove_prefix(sent.find('\n') + 1);
+        if (!begins && first)
+            names.emplace_back(sent.substr(0, number));
+        first = begins;
+        sent.remove_prefix(begins ? 0 : number + 2);
     }
     return names;
 }
@@ -331,25 +326,6 @@ int32_t hear(void *, const tq_mom_notification *told, void *)
     return 0;
 }
 
-// One record of each kind of table.
-struct records {
-    SPolicy__AceKey key = S_POLICY__ACE_KEY__INIT;
-    SPolicy__Ace ace = S_POLICY__ACE__INIT;
-    SPolicy__AcePsta status = S_POLICY__ACE_PSTA__INIT;
-    SPolicy__ServiceNodeIndex node_key = S_POLICY__SERVICE_NODE_INDEX__INIT;
-    SPolicy__ServiceNode node = S_POLICY__SERVICE_NODE__INIT;
-
-    records()
-    {
-        key.t_app_type = const_cast<char *>("my_app");
-        key.acl_id = 1;
-        key.sn = 7;
-        ace.index = status.index = &key;
-        ace.c_status = status.p_status = 1;
-        node.index = &node_key;
-    }
-};
-
 // Told results agree with the one for all.
 void end_batch()
 {
@@ -368,12 +344,17 @@ void turn_loop()
 
 void step()
 {
-    static records all;
+    static keyed<SPolicy__Ace, SPolicy__AceKey, s_policy__ace__descriptor> ace;
+    static keyed<SPolicy__AcePsta, SPolicy__AceKey, s_policy__ace_psta__descriptor> status;
+    static keyed<SPolicy__ServiceNode, SPolicy__ServiceNodeIndex, s_policy__service_node__descriptor> node;
+    for (SPolicy__AceKey *key : {&ace.key, &status.key})
+        key->t_app_type = const_cast<char *>("my_app"), key->acl_id = 1, key->sn = 7;
+    ace.record.c_status = status.record.p_status = 1;
     static const uint32_t fields[] = {6, 7};
-    const ProtobufCMessage *kinds[] = {&all.ace.base, &all.status.base, &all.node.base};
+    const ProtobufCMessage *kinds[] = {ace, status, node};
     using call = void (*)(const ProtobufCMessage *);
     const call calls[] = {
-        [](auto *r) { tq_mom_hmset_sync(application, 5, r, fields, r == &all.node.base ? 0 : 2); },
+        [](auto *r) { tq_mom_hmset_sync(application, 5, r, fields, r == node ? 0 : 2); },
         [](auto *r) { tq_mom_set_sync(application, 5, r); },
         [](auto *r) { tq_mom_hash_res_free(tq_mom_hgetall_sync(application, 5, r)); },
         [](auto *r) { tq_mom_del_sync(application, 5, r); },
