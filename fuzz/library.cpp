@@ -80,7 +80,7 @@ fp_udp_mgr &fresh_library(const fp_udp_acl_handler &handler)
 
 void require_consistency()
 {
-    const std::string fault = fake::first_fault(true);
+    const std::string fault = fake::first_fault();
     require(fault.empty(), fault.c_str());
 }
 

@@ -246,11 +246,7 @@ class model {
     }
 
     // From then on: as a script's first line.
-    int32_t skip_priority()
-    {
-        skips_priority = true;
-        return 0;
-    }
+    int32_t skip_priority() { return skips_priority = true; }
 
     target cached_as(target t) const
     {

@@ -1,176 +1,155 @@
-// Faults at every place where one can happen, one at a time: each allocation (once, and all from there on), and each
-// store call with each kind of failure.
+// Faults at every place where one can happen, one at a time: each allocation and each file call (once, and all from
+// there on), and each store call with each kind of failure.
 //
-// After each fault the cache is whole, the same call without a fault works, and once all is taken away again no block
-// is left. What each fault is answered with stands in the transcripts.
-#include "operations.h"
+// After each fault the cache is whole, the same call without a fault works, and once all is taken away again no block or
+// file is left. What each fault is answered with stands in the transcripts.
+#include "verbs.h"
+
+#include <cerrno>
+#include <regex>
 
 namespace {
 
 using fake::format;
-using fake::store_double;
+
+lines joined(lines first, const lines &second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
 
 struct operation {
-    const char *name;
-    std::function<void()> prepare;
-    std::function<std::string()> run; // what the application sees: a result, and events
+    lines prepare, run;
+    const char *outcomes = ".*"; // of what is shown, with a file's fault
 };
 
-// What the application sees of a call.
-std::string seen(int32_t result)
-{
-    std::string text = std::to_string(result);
-    for (const std::string &event : app.take())
-        text += "; " + event;
-    return text;
-}
+const lines with_acl = {"set acl[security_app,1] priv=40"},
+            with_all = {with_acl[0], "set ace[security_app,1,1] priv=40",
+                        "set apply[my_app,1,security_app,1,0,0] priv=40"},
+            stored = {"put 8 acl[security_app,3]", "put 8 ace[security_app,3,5] value=0105000001000000aa"},
+            answered = {"set ace[security_app,1,{1..8}]", "set apply[my_app,1,security_app,{1..8},0,0]",
+                        "deliver 24 service_node[1,0,0]", "deliver 1 ace_psta[security_app,1,1] rep_uuid=now",
+                        "seconds 200"},
+            no_files = {"file remove zlog/udp_fp_log/PROCESS.log", "file remove zlog/udp_fp_log/PROCESS_1.log",
+                        "op_log_init"},
+            record = {"switch 0x100", "record acl[null,0] app=my_app op=2", "switch 0",
+                      "file show zlog/udp_fp_log/PROCESS.log"};
 
-class faults : public operations_case {
+const operation operations[] = {
+    {{}, with_acl},
+    {with_all, with_acl},
+    {with_acl, {with_all[1]}},
+    {with_all, {with_all[1]}},
+    {{"set acl[my_app,2]"}, {"set ace[my_app,2,1] priv=40"}},
+    {{}, {with_all[2]}},
+    {with_all, {with_all[2]}},
+    {with_all, {"del ace[security_app,1,1]", "del apply[my_app,1,security_app,1,0,0]", "del acl[security_app,1]"}},
+    {with_all, {"expire {acl,ace,apply} my_app", "del_expire {acl,ace,apply} my_app"}},
+    {stored, {"get ace[security_app,3,5]", "copy {1,0}"}},
+    {{}, {"deliver 24 service_node[1,0,0]"}},
+    {stored, {"deliver 29 {acl,ace} null"}},
+    {with_acl, answered},
+};
+
+// A size that cannot be told is none: such a record goes into the file that is current, or is lost.
+const operation file_operations[] = {
+    {no_files, record},
+    {joined(joined(no_files, record), {"file write zlog/udp_fp_log/PROCESS.log"}), record},
+    {joined(joined(no_files, record), {"file size zlog/udp_fp_log/PROCESS.log 0x500001"}),
+     {record[0], record[1], record[2], "file show zlog/udp_fp_log/PROCESS_1.log"}},
+    {{}, {"op_log_init"}, "= (-1|256);"},
+    {{"level 1", "file write etc/PROCESS 3"}, {"initial", "level 1"}, "= (0|-1) level 1;"},
+    {{"level 1", "file remove etc/PROCESS", "file write etc/plx 4"}, {"initial", "level 1"}, "= (0|-1) level 1;"},
+    {{"switch 0", "file write switch 44"}, {"open_shell", "switch 0"}, "= .*fp 9 commands, switch (0|2c);"},
+    {{"open_shell", "file write switch 1", "switch 511"},
+     {"shell fp_udp_debug_save", "file show switch"},
+     "= [-0-9]+;1\\|;"},
+};
+
+class faults : public session {
   protected:
-    static constexpr int kinds[] = {9, store_double::no_answer, store_double::no_record};
-
-    // An entry in database 8, and its ACL.
-    static void store_entry()
+    void TestBody() override {}
+    // What the application sees.
+    std::string run(const lines &verbs)
     {
-        fake::store.put(8, *fake::record("acl", {"security_app", "3"}));
-        fake::store.put(8, *fake::record("ace", {"security_app", "3", "5"}, {{"value", "0105000001000000aa"}}));
+        std::string text;
+        for (const std::string &line : verbs)
+            for (const std::string &one : expanded(line)) {
+                const std::string result = perform(one);
+                for (const lines &seen : {lines{result}, std::exchange(shown, {}), app.take()})
+                    for (const std::string &said : seen)
+                        text += said.empty() ? "" : said + ";";
+            }
+        return text;
     }
-
-    std::string answered()
-    {
-        for (uint32_t i = 1; i <= 8; i++) {
-            set_ace("security_app", 1, i);
-            set_apply("security_app", 1, "my_app", i);
-        }
-        heartbeat(1);
-        answer_ace("security_app", 1, 1, 0, now());
-        fake::clock.advance_seconds(200);
-        app.take();
-        return "any";
-    }
-
-    std::vector<operation> operations();
     void wipe();
-    void check(const operation &op, const std::string &fault);
-
     // Runs an operation from scratch with `fault` armed for the n-th time, until there is no n-th time.
-    template <class Fault> void loop(const operation &op, Fault fault)
-    {
-        const auto prepared = [&] {
-            op.prepare();
-            forget_calls();
-        };
-        wipe();
-        prepared();
-        const std::string usual = op.run();
-        wipe();
-        const long blocks = fake::live_blocks();
-        for (int n = 1, more = 1; more; n++) {
-            prepared();
-            more = fault(n);
-            prepared(); // the fault may have taken what the operation needs
-            EXPECT_EQ(op.run(), usual) << op.name << " after fault " << n;
-            wipe();
-            ASSERT_EQ(fake::live_blocks(), blocks) << op.name << ", fault " << n;
-        }
-    }
+    template <class Fault> int loop(const operation &op, Fault fault);
 };
-
-std::vector<operation> faults::operations()
-{
-    const auto nothing = [] {};
-    const auto with_acl = [this] { set_acl("security_app", 1, 0, 40); };
-    const auto with_all = [this, with_acl] {
-        with_acl();
-        set_ace("security_app", 1, 1, 40);
-        set_apply("security_app", 1, "my_app", 1, 0, 40);
-    };
-    const auto set_an_ace = [this] { return seen(set_ace("security_app", 1, 1, 40)); };
-    const auto set_an_apply = [this] { return seen(set_apply("security_app", 1, "my_app", 1, 0, 40)); };
-    const auto set_an_acl = [this] { return seen(set_acl("security_app", 1, 0, 40)); };
-    const auto bracket = [this](auto first, auto second) {
-        return [this, first, second] {
-            const std::string begun = seen((mgr->*first)(&context, "my_app"));
-            return begun + ", " + seen((mgr->*second)(&context, "my_app"));
-        };
-    };
-    return {
-        {"set an ACL", nothing, set_an_acl},
-        {"set an ACL again", with_all, set_an_acl},
-        {"set an entry", with_acl, set_an_ace},
-        {"set an entry again", with_all, set_an_ace},
-        {"set an entry that needs no answer", [this] { set_acl("my_app", 2); },
-         [this] { return seen(set_ace("my_app", 2, 1, 40)); }},
-        {"set an apply", nothing, set_an_apply},
-        {"set an apply again", with_all, set_an_apply},
-        {"delete", with_all,
-         [this] {
-             const std::string text = seen(del_ace("security_app", 1, 1));
-             return text + seen(del_apply("security_app", 1, "my_app", 1)) + seen(del_acl("security_app", 1));
-         }},
-        {"rewrite all ACLs", with_acl, bracket(&fp_udp_mgr::expire_acl, &fp_udp_mgr::del_expire_acl)},
-        {"rewrite all entries", with_all, bracket(&fp_udp_mgr::expire_ace, &fp_udp_mgr::del_expire_ace)},
-        {"rewrite all applies", with_all, bracket(&fp_udp_mgr::expire_apply, &fp_udp_mgr::del_expire_apply)},
-        {"read an entry and copy it", store_entry,
-         [this] {
-             const fp_udp_acl_key key = make_key("security_app", 3);
-             const owned_ace read(mgr->get_ace(&context, &key, 5), mgr->free_ace);
-             const owned_ace whole(mgr->copy_ace(read.get(), 1, nullptr), mgr->free_ace);
-             const owned_ace part(mgr->copy_ace(read.get(), 0, nullptr), mgr->free_ace);
-             return std::string(whole && part ? "copied" : "nothing");
-         }},
-        {"hear of a service node", nothing, [this] { return seen(heartbeat(1)); }},
-        {"resynchronise ACLs", store_entry, [] { return seen(fake::store.deliver("acl", 29, nullptr)); }},
-        {"resynchronise entries", store_entry, [] { return seen(fake::store.deliver("ace", 29, nullptr)); }},
-        {"grow, be answered and age", with_acl, [this] { return answered(); }},
-    };
-}
 
 // Takes everything away, down to tables as a process that has just started has them: their growth can fail, too.
 void faults::wipe()
 {
-    del_acl("my_app", 2);
-    for (uint32_t id : {1U, 3U})
-        del_acl("security_app", id);
-    fake::clock.advance_seconds(60);
+    entry.reset();
+    fp_udp_debug_sw = 0;
+    run({"del acl[my_app,2]", "del acl[security_app,{1,3}]", "seconds 60"});
     EXPECT_EQ(broken(), "");
     EXPECT_EQ(fp_udp_acl_node_hash_size() + fp_udp_ace_node_hash_size() + fp_udp_apply_node_hash_size(), 0U);
     EXPECT_EQ(pending() + list_length(g_fp_service.nodes) + fake::store.unreleased.size(), 0U);
-    const fp_udp_acl_table acls = std::exchange(*fp_udp_acl_node_list, {});
-    const fp_udp_ace_table aces = std::exchange(*fp_udp_ace_node_list, {});
-    const fp_udp_apply_table applies = std::exchange(*fp_udp_apply_node_list, {});
-    for (void *block :
-         {static_cast<void *>(acls.flags), static_cast<void *>(acls.keys), static_cast<void *>(aces.flags),
-          static_cast<void *>(aces.keys), static_cast<void *>(applies.flags), static_cast<void *>(applies.keys)})
-        free(block);
-    fake::store.records.clear();
-    fake::store.marks.clear();
-    fake::store.stale.clear();
-    fake::clock.inserted = {};
-    forget_calls();
+    const auto empty = [](auto &table) {
+        free(table.flags);
+        free(static_cast<void *>(table.keys));
+        table = {};
+    };
+    empty(*fp_udp_acl_node_list);
+    empty(*fp_udp_ace_node_list);
+    empty(*fp_udp_apply_node_list);
+    std::exchange(fake::shell.commands, {});
+    forget_everything();
 }
 
-void faults::check(const operation &op, const std::string &fault)
+template <class Fault> int faults::loop(const operation &op, Fault fault)
 {
-    EXPECT_EQ(broken(false), "") << op.name << ", " << fault;
-    EXPECT_TRUE(fake::store.unreleased.empty()) << op.name << ", " << fault;
+    const std::string name = op.run.front();
+    wipe();
+    run(op.prepare);
+    const std::string usual = run(op.run);
+    wipe();
+    const long blocks = fake::live_blocks();
+    const size_t files = fake::open_files();
+    for (int n = 1;; n++) {
+        bool failed = false;
+        {
+            run(op.prepare);
+            forget_calls();
+            std::string call, seen;
+            failed = fault(n, call, [&] { seen = run(op.run); });
+            EXPECT_TRUE(seen == usual || std::regex_match(seen, std::regex(op.outcomes))) << name << call << n << seen;
+            EXPECT_EQ(broken(), "") << name << ", " << call << n;
+            EXPECT_TRUE(fake::store.unreleased.empty()) << name << ", " << call << n;
+            run(op.prepare); // the fault may have taken what the operation needs
+            EXPECT_EQ(run(op.run), usual) << name << " after " << call << n;
+        }
+        wipe();
+        EXPECT_EQ(std::pair(fake::live_blocks(), fake::open_files()), std::pair(blocks, files)) << name << ", " << n;
+        if (!failed)
+            return n;
+    }
 }
 
 TEST_F(faults, memory_may_be_short_at_any_site_once_and_from_there_on)
 {
     start();
     int sites = 0;
-    for (const operation &op : operations())
+    for (const operation &op : operations)
         for (const fake::lasts how_long : {fake::once, fake::from_then_on})
-            loop(op, [&](int n) {
-                fake::failing_allocation fail(n, how_long);
-                op.run();
-                const bool failed = fake::failing_allocation::seen() >= n;
-                const fake::failing_allocation::pause pause;
-                check(op, format("allocation %d", n));
-                sites += failed;
-                return failed;
-            });
+            sites += loop(op,
+                          [&](int n, std::string &, auto work) {
+                              fake::failing_allocation fail(n, how_long);
+                              work();
+                              return fake::failing_allocation::seen() >= n;
+                          }) -
+                     1;
     EXPECT_GT(sites, 90);
 }
 
@@ -178,55 +157,67 @@ TEST_F(faults, each_store_call_may_fail)
 {
     start();
     int calls = 0;
-    for (const operation &op : operations())
-        for (const int kind : kinds)
-            loop(op, [&](int n) {
-                fake::store.asked = 0;
-                fake::store.turn = n;
-                fake::store.turn_result = kind;
-                op.run();
-                fake::store.turn = 0;
-                const bool failed = fake::store.asked >= n;
-                check(op, fake::store.turn_operation + format(" = %d", kind));
-                calls += failed;
-                return failed;
-            });
+    for (const operation &op : operations)
+        for (const int kind : {9, fake::store_double::no_answer, fake::store_double::no_record})
+            calls += loop(op,
+                          [&](int n, std::string &call, auto work) {
+                              fake::store.fail_at(n, kind);
+                              work();
+                              call = fake::store.turn_operation;
+                              return std::exchange(fake::store.turn, 0) <= fake::store.asked;
+                          }) -
+                     1;
     EXPECT_GT(calls, 80);
 }
 
-// A registration is a process's first, so each has a process of its own.
-TEST_F(faults, a_registration_survives_each_fault_and_the_next_one_works)
+TEST_F(faults, each_file_call_may_fail)
 {
-    const auto registered = [this](int store_turn, int memory_turn, fake::lasts how_long) {
-        store_entry();
-        fp_udp_register_app_type("security_app");
-        const fp_udp_acl_handler handler = application::handler();
-        int32_t result = 0;
-        fake::store.asked = 0;
-        fake::store.turn = store_turn;
-        fake::store.turn_result = 9;
+    start();
+    int calls = 0;
+    for (const operation &op : file_operations)
+        for (const int error : {ENOSPC, EMFILE, EACCES, EINTR, fake::failing_file_call::short_count})
+            for (const fake::lasts how_long : {fake::once, fake::from_then_on})
+                if (error != EINTR || how_long == fake::once) // what is interrupted for ever is tried for ever
+                    calls += loop(op,
+                                  [&](int n, std::string &call, auto work) {
+                                      fake::failing_file_call fail(n, error, how_long);
+                                      work();
+                                      call = fake::failing_file_call::failed() + format(" with %d ", error);
+                                      return fake::failing_file_call::seen() >= n;
+                                  }) -
+                             1;
+    EXPECT_GT(calls, 300);
+}
+
+// A registration is a process's first, so each has a process of its own.
+TEST(registration_faults, each_is_survived_and_the_next_registration_works)
+{
+    const auto registered = [](int store_turn, int memory_turn, fake::lasts how_long) {
+        struct : session {
+            void TestBody() override {}
+        } s;
+        for (const std::string &line : stored)
+            s.perform(line);
+        s.perform("type security_app");
+        fake::store.fail_at(store_turn, 9);
+        std::string result;
         {
             fake::failing_allocation fail(memory_turn, how_long);
-            result = fp_udp_register_acl_handler(&context, 5, &handler);
+            result = s.perform("register 5 all");
         }
         fake::store.turn = 0;
         const std::string call = store_turn && fake::store.asked >= store_turn ? fake::store.turn_operation : "nothing";
         const bool memory_failed = memory_turn && fake::failing_allocation::seen() >= memory_turn;
         const bool last_call = call == "subscribe" && fake::store.asked == store_turn;
-        if (result != (call == "connect" ? -1 : last_call ? 9 : 0) || !broken(false).empty())
-            return format("result %d, ", result) + call + " failed, " + broken(false);
-        if (fp_udp_register_acl_handler(&context, 5, &handler) != 0 ||
-            fake::store.deliver("service_node", 1, nullptr) < 0)
+        if (result != (call == "connect" ? "= -1" : last_call ? "= 9" : "= 0") || !broken().empty())
+            return "result " + result + ", " + call + " failed, " + broken();
+        if (s.perform("register 5 all") != "= 0" || s.perform("deliver 24 service_node null")[2] == '-')
             return std::string("the next registration");
-        mgr = fp_udp_get_mgr();
-        for (int again = 0; again < 2; again++) { // also in a cache that could not be made
-            del_acl("security_app", 1);
-            set_acl("security_app", 1);
-            set_ace("security_app", 1, 1);
-            set_apply("security_app", 1, "my_app", 1);
-            fake::clock.advance_seconds(200);
-        }
-        if (memory_turn == 0 && (!cached_ace("security_app", 3, 5) || !cached_ace("security_app", 1, 1)))
+        for (int again = 0; again < 2; again++) // also in a cache that could not be made
+            for (const char *line : {"del acl[security_app,1]", "set acl[security_app,1]", "set ace[security_app,1,1]",
+                                     "set apply[my_app,1,security_app,1,0,0]", "seconds 200"})
+                s.perform(line);
+        if (memory_turn == 0 && (!s.cached_ace("security_app", 3, 5) || !s.cached_ace("security_app", 1, 1)))
             return std::string("the cache");
         return std::string(call == "nothing" && !memory_failed ? "no more" : "");
     };

@@ -1,17 +1,18 @@
 // The library beside the plain model: random operations, with callbacks that call back into the library, and after each
 // the same results, events, cache, pending list, service nodes and store, in the same order.
 //
-// A run is a script, one operation a line, run in a process of its own:
-//     ace my_app 1 5 40 ! hmset      sets an entry with private bytes from 40; that store operation fails
-//     then del_ace my_app 1 5        runs inside the next callback
+// A run is a script of verbs as the transcripts have them, and a few of its own, run in a process of its own:
+//     set ace[my_app,1,5] priv=40 ! hmset     that store operation fails meanwhile
+//     then del ace[my_app,1,5]                runs inside the next callback
+//     answer ace[my_app,1,5] 0 newest         a service node's, to the newest write or to the one before
+//     tick 20000000                           the clock goes on, and the timers' passes run
+//     changed, gone ace[security_app,1,5]     somebody else wrote or deleted it
 // A script that fails is shortened while it still fails, and printed. PLX_TEST_SCRIPT=file runs it again; those that
 // showed a fault stay in tests/library/model/. PLX_TEST_SEED and PLX_TEST_STEPS choose another random run.
 #include "model.h"
-#include "operations.h"
-#include "script.h"
+#include "verbs.h"
 
 #include <array>
-#include <filesystem>
 #include <random>
 
 namespace {
@@ -27,194 +28,128 @@ constexpr size_t usual_steps = 5'000;
 constexpr size_t usual_steps = 20'000;
 #endif
 
-// Random words of a script.
+// Random lines: each capital letter of a form is drawn.
+const std::pair<const char *, uint32_t> forms[] = {
+    {"set acl[T,A] priv=N", 20},
+    {"set ace[T,A,E] priv=N", 30},
+    {"set apply[T,A,T,P,B,0] priv=N", 20},
+    {"del acl[T,A]", 2},
+    {"del ace[T,A,E]", 4},
+    {"del apply[T,A,T,P,B,0]", 4},
+    {"answer ace[T,A,E] S W", 40},
+    {"answer apply[T,A,T,P,B,0] S W", 40},
+    {"deliver 24 service_node[B,B,B]", 8},
+    {"tick C", 10},
+    {"pass B", 2},
+    {"expire O T", 3},
+    {"del_expire O T", 3},
+    {"changed acl[security_app,A]", 2},
+    {"changed ace[security_app,A,E]", 2},
+    {"gone acl[security_app,A]", 2},
+    {"gone ace[security_app,A,E]", 1},
+    {"deliver 29 acl null", 1},
+    {"deliver 29 ace null", 1},
+};
+
 struct dice {
     std::mt19937_64 random;
     uint32_t width = 1; // how many times more things than usual there are
 
     uint32_t up_to(uint32_t n) { return static_cast<uint32_t>(random() % n); }
-    std::string word(uint32_t n) { return " " + std::to_string(up_to(n)); }
-    std::string type() { return up_to(2) ? " security_app" : " my_app"; }
-    std::string acl() { return type() + word(3 * width); }
-    std::string ace() { return acl() + word(6 * width); }
-    std::string apply() { return acl() + type() + word(3) + word(2); }
-    std::string status() { return up_to(4) ? " 0" : " 5"; }
-    std::string which() { return up_to(5) ? " newest" : " older"; } // write that is answered
-    std::string table() { return up_to(2) ? " acl" : " ace"; }
-    // Whole seconds, so that ages come to stand on either side of their limits; or a step back.
-    std::string time()
+    std::string drawn(char what)
     {
-        return up_to(30) ? word(up_to(4) ? 21 : 120) + "000000" : " -" + std::to_string(up_to(2'000'000));
+        const auto number = [this](uint32_t n) { return std::to_string(up_to(n)); };
+        switch (what) {
+        case 'T':
+            return up_to(2) ? "security_app" : "my_app";
+        case 'A':
+            return number(3 * width);
+        case 'E':
+            return number(6 * width);
+        case 'P':
+            return number(3);
+        case 'B':
+            return number(2);
+        case 'N':
+            return number(200);
+        case 'S':
+            return up_to(4) ? "0" : "5";
+        case 'W':
+            return up_to(5) ? "newest" : "older";
+        case 'O':
+            return up_to(3) == 0 ? "apply" : up_to(2) ? "acl" : "ace";
+        case 'C': // whole seconds, so that ages come to stand on either side of their limits; or a step back
+            return up_to(30) ? number(up_to(4) ? 21 : 120) + "000000" : "-" + number(2'000'000);
+        default:
+            return {what};
+        }
     }
-    std::string bracket() { return (up_to(3) ? table() : " apply") + type(); }
+    std::string line();
 };
 
-// Braces take the words from left to right.
-acl_key acl_of(reader &r)
+std::string dice::line()
 {
-    return {r.word(), r.small()};
-}
-target ace_of(reader &r)
-{
-    return {acl_of(r), static_cast<uint64_t>(r.number()), "", 0, 0};
-}
-target apply_of(reader &r)
-{
-    return {acl_of(r), 0, r.word(), r.small(), r.small()};
-}
-
-// The library, behind the model's face.
-class library : public operations_case {
-  public:
-    void TestBody() override {}
-
-    int32_t set_acl(const acl_key &key, uint8_t priv) { return library_case::set_acl(key.type, key.id, 0, priv); }
-    int32_t set_ace(const target &t, uint8_t priv) { return library_case::set_ace(t.acl.type, t.acl.id, t.sn, priv); }
-    int32_t set_apply(const target &t, uint8_t priv)
-    {
-        return library_case::set_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri, priv);
-    }
-    int32_t del_acl(const acl_key &key) { return operations_case::del_acl(key.type, key.id); }
-    int32_t del(const target &t)
-    {
-        return t.is_apply() ? del_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri)
-                            : del_ace(t.acl.type, t.acl.id, t.sn);
-    }
-    int32_t expire(const std::string &table, const std::string &type)
-    {
-        const auto operation = table == "acl" ? mgr->expire_acl : table == "ace" ? mgr->expire_ace : mgr->expire_apply;
-        return operation(&context, type.c_str());
-    }
-    int32_t del_expire(const std::string &table, const std::string &type)
-    {
-        const auto operation = table == "acl"   ? mgr->del_expire_acl
-                               : table == "ace" ? mgr->del_expire_ace
-                                                : mgr->del_expire_apply;
-        return operation(&context, type.c_str());
-    }
-    int32_t change(const std::string &table, const target &t, bool deleted);
-    int32_t resync(const std::string &table) { return fake::store.deliver(table, TQ_MOM_EVENT_RESYNC, nullptr); }
-    int32_t answer(const target &t, int status, const std::string &)
-    {
-        const uint64_t uuid = model.uuids.empty() ? 0 : model.uuids.front();
-        model.uuids.erase(model.uuids.begin(), model.uuids.begin() + !model.uuids.empty());
-        return t.is_apply() ? answer_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri, status, uuid)
-                            : answer_ace(t.acl.type, t.acl.id, t.sn, status, uuid);
-    }
-    int32_t alive(const plain::node_key &node)
-    {
-        return std::apply([&](auto... key) { return heartbeat(key...); }, node);
-    }
-    int32_t tick(int64_t) // the model moved the clock
-    {
-        fp_udp_fp_service_node_expire();
-        return pass(false);
-    }
-    int32_t pass(bool forced)
-    {
-        fp_udp_req_check_proc(forced);
-        return 0;
-    }
-    int32_t skip_priority()
-    {
-        fp_udp_set_cmp_apply_skip_prio();
-        return 0;
-    }
-
-  protected:
-    plain::model model;
-};
-
-int32_t library::change(const std::string &table, const target &t, bool deleted)
-{
-    lines key = {t.acl.type, std::to_string(t.acl.id), std::to_string(t.sn)};
-    key.resize(table == "acl" ? 2 : 3);
-    const fake::record record(table, key);
-    if (deleted)
-        fake::store.records.erase("8 " + fake::address(*record));
-    else
-        fake::store.put(8, *record);
-    return fake::store.deliver(table, deleted ? TQ_MOM_EVENT_DELETED : TQ_MOM_EVENT_SET, record);
+    uint32_t weights = 0;
+    for (const auto &form : forms)
+        weights += form.second;
+    uint32_t at = up_to(weights);
+    const auto *form = forms;
+    while (at >= form->second)
+        at -= (form++)->second;
+    std::string text;
+    for (const char *letter = form->first; *letter; letter++)
+        text += drawn(*letter);
+    const char *fails[] = {"hmset", "hmset", "hmset", "del", "get", "scan", "dsbegin", "dsend", "all"};
+    if (up_to(8) == 0)
+        text += std::string(" ! ") + fails[up_to(std::size(fails))];
+    return up_to(8) == 0 && text[0] != 't' ? "then " + text : text;
 }
 
-// An operation: how often, which words, and what it does, to the model as to the library.
-struct verb {
-    template <class Run>
-    verb(const char *called, uint32_t often, std::string (*of)(dice &), Run run)
-        : name(called), weight(often), words(of), on_model(run), on_library(run)
-    {
+target target_of(const thing &t)
+{
+    return t.table == "apply" ? target{{t.text(2), t.number(1)}, 0, t.text(0), t.number(3), t.number(4)}
+                              : target{{t.text(0), t.number(1)}, t.large(2), "", 0, 0};
+}
+
+int32_t run_on_model(plain::model &model, const std::string &line)
+{
+    arguments a(line);
+    const std::string verb = a.next();
+    if (verb == "tick")
+        return model.tick(a.number());
+    if (verb == "pass")
+        return model.pass(a.number() != 0);
+    if (verb == "skip_priority")
+        return model.skip_priority();
+    if (verb == "expire" || verb == "del_expire") {
+        const std::string table = a.next();
+        return verb == "expire" ? model.expire(table, a.next()) : model.del_expire(table, a.next());
     }
-    const char *name;
-    uint32_t weight;
-    std::string (*words)(dice &);
-    int32_t (*on_model)(plain::model &, reader &);
-    int32_t (*on_library)(library &, reader &);
-};
-
-const auto answer_as = [](auto &side, const target &t, reader &r) {
-    const int status = static_cast<int>(r.number());
-    return side.answer(t, status, r.word());
-};
-const auto change_as = [](auto &side, reader &r, bool deleted) {
-    const std::string table = r.word();
-    target t = ace_of(r);
-    t.acl.type = plain::security; // nobody else's are followed
-    return side.change(table, t, deleted);
-};
-
-const verb verbs[] = {
-    {"acl", 20, [](dice &d) { return d.acl() + d.word(200); },
-     [](auto &side, reader &r) {
-         const acl_key key = acl_of(r);
-         return side.set_acl(key, static_cast<uint8_t>(r.number()));
-     }},
-    {"ace", 30, [](dice &d) { return d.ace() + d.word(200); },
-     [](auto &side, reader &r) {
-         const target t = ace_of(r);
-         return side.set_ace(t, static_cast<uint8_t>(r.number()));
-     }},
-    {"apply", 20, [](dice &d) { return d.apply() + d.word(200); },
-     [](auto &side, reader &r) {
-         const target t = apply_of(r);
-         return side.set_apply(t, static_cast<uint8_t>(r.number()));
-     }},
-    {"del_acl", 2, [](dice &d) { return d.acl(); }, [](auto &side, reader &r) { return side.del_acl(acl_of(r)); }},
-    {"del_ace", 4, [](dice &d) { return d.ace(); }, [](auto &side, reader &r) { return side.del(ace_of(r)); }},
-    {"del_apply", 4, [](dice &d) { return d.apply(); }, [](auto &side, reader &r) { return side.del(apply_of(r)); }},
-    {"answer_ace", 40, [](dice &d) { return d.ace() + d.status() + d.which(); },
-     [](auto &side, reader &r) { return answer_as(side, ace_of(r), r); }},
-    {"answer_apply", 40, [](dice &d) { return d.apply() + d.status() + d.which(); },
-     [](auto &side, reader &r) { return answer_as(side, apply_of(r), r); }},
-    {"alive", 8, [](dice &d) { return d.word(2) + d.word(2) + d.word(2); },
-     [](auto &side, reader &r) {
-         return side.alive(plain::node_key{r.small(), r.small(), r.small()});
-     }},
-    {"tick", 10, [](dice &d) { return d.time(); }, [](auto &side, reader &r) { return side.tick(r.number()); }},
-    {"pass", 2, [](dice &d) { return d.word(2); }, [](auto &side, reader &r) { return side.pass(r.number() != 0); }},
-    {"expire", 3, [](dice &d) { return d.bracket(); },
-     [](auto &side, reader &r) {
-         const std::string table = r.word();
-         return side.expire(table, r.word());
-     }},
-    {"del_expire", 3, [](dice &d) { return d.bracket(); },
-     [](auto &side, reader &r) {
-         const std::string table = r.word();
-         return side.del_expire(table, r.word());
-     }},
-    {"changed", 4, [](dice &d) { return d.table() + d.ace(); },
-     [](auto &side, reader &r) { return change_as(side, r, false); }},
-    {"gone", 3, [](dice &d) { return d.table() + d.ace(); },
-     [](auto &side, reader &r) { return change_as(side, r, true); }},
-    {"resync", 1, [](dice &d) { return d.table(); }, [](auto &side, reader &r) { return side.resync(r.word()); }},
-    {"skip_priority", 0, [](dice &) { return std::string(); },
-     [](auto &side, reader &) { return side.skip_priority(); }},
-};
+    if (verb == "deliver" && a.number() == TQ_MOM_EVENT_RESYNC)
+        return model.resync(a.next());
+    const thing t = a.next_thing();
+    const target of = target_of(t);
+    if (verb == "deliver")
+        return model.alive({t.number(0), t.number(1), t.number(2)});
+    if (verb == "changed" || verb == "gone")
+        return model.change(t.table, of, verb == "gone");
+    if (verb == "answer") {
+        const auto status = static_cast<int>(a.number());
+        return model.answer(of, status, a.next());
+    }
+    if (verb == "del")
+        return t.table == "acl" ? model.del_acl(of.acl) : model.del(of);
+    const int priv = a.as<uint8_t>("priv");
+    return t.table == "acl"   ? model.set_acl(of.acl, priv)
+           : t.table == "ace" ? model.set_ace(of, priv)
+                              : model.set_apply(of, priv);
+}
 
 // What must be the same whenever all is taken away: blocks, open files, timers, requests, service nodes and entries.
 using remains = std::array<size_t, 6>;
 
 // Both of them side by side.
-class life : public library {
+class life : public session {
   public:
     life()
     {
@@ -224,6 +159,7 @@ class life : public library {
         app.on_event = [this](const std::string &) { run_armed(library_armed, false); };
         model.on_event = [this] { run_armed(model_armed, true); };
     }
+    void TestBody() override {}
 
     // Runs a script; the first difference, looked for behind every so many lines, or "".
     std::string run(const script &lines, size_t every = 1)
@@ -250,13 +186,15 @@ class life : public library {
         armed.pop_front();
         run_one(line, on_model);
     }
+    std::string run_on_library(const std::string &line);
     std::string compare();
     std::string compare_entries();
     std::string compare_records();
     std::string compare_requests();
 
+    plain::model model;
     std::deque<std::string> model_armed, library_armed;
-    std::vector<int32_t> model_results, library_results;
+    lines model_results, library_results;
 };
 
 void life::step(const std::string &line)
@@ -275,16 +213,35 @@ void life::run_one(const std::string &line, bool on_model)
     const size_t mark = line.find(" ! ");
     std::string &failing = on_model ? model.failing : fake::store.failing;
     const std::string outer = std::exchange(failing, mark == std::string::npos ? "" : line.substr(mark + 3));
-    reader words{std::istringstream(line.substr(0, mark))};
-    const std::string name = words.word();
-    const auto v = std::find_if(std::begin(verbs), std::end(verbs), [&](const verb &one) { return name == one.name; });
-    if (v == std::end(verbs))
-        ADD_FAILURE() << "no operation is called \"" << name << "\"";
-    else if (on_model)
-        model_results.push_back(v->on_model(model, words));
+    if (on_model)
+        model_results.push_back(fake::format("= %d", run_on_model(model, line.substr(0, mark))));
     else
-        library_results.push_back(v->on_library(*this, words));
+        library_results.push_back(run_on_library(line.substr(0, mark)));
     failing = outer;
+}
+
+std::string life::run_on_library(const std::string &line)
+{
+    arguments a(line);
+    const std::string verb = a.next(), where = a.next();
+    if (verb == "tick" || verb == "pass") {
+        perform(verb == "tick" ? "expire_nodes" : line); // the model has moved the clock
+        return verb == "tick" ? perform("pass 0") + "= 0" : "= 0";
+    }
+    if (verb == "changed") {
+        perform("put 8 " + where);
+        return perform("deliver 4 " + where);
+    }
+    if (verb == "gone") {
+        fake::store.records.erase("8 " + where);
+        return perform("deliver 3 " + where);
+    }
+    if (verb != "answer")
+        return perform(line);
+    const uint64_t uuid = model.uuids.empty() ? 0 : model.uuids.front();
+    model.uuids.erase(model.uuids.begin(), model.uuids.begin() + !model.uuids.empty());
+    return perform("deliver 1 " + std::string(where).insert(where.find('['), "_psta") + " p_status=" + a.next() +
+                   " rep_uuid=" + std::to_string(uuid));
 }
 
 template <class Seen> std::string differ(const std::string &what, const Seen &is, const Seen &should)
@@ -376,20 +333,13 @@ remains life::go_quiet()
 {
     model_armed.clear();
     library_armed.clear();
-    for (const auto &[key, none] : std::exchange(model.acls, {}))
-        del_acl(key);
-    model.entries.clear();
-    model.requests.clear();
-    model.nodes.clear();
-    model.records.clear();
-    model.foreign.clear();
-    model.marks.clear();
+    for (const auto &[key, none] : model.acls)
+        perform("del acl[" + key.type + "," + std::to_string(key.id) + "]");
+    const auto hook = model.on_event;
+    model = {};
+    model.on_event = hook;
     fake::clock.advance_seconds(300);
-    fake::clock.inserted = {};
-    fake::store.records.clear();
-    fake::store.stale.clear();
-    fake::store.marks.clear();
-    forget_calls();
+    forget_everything();
     return {static_cast<size_t>(fake::live_blocks()),
             fake::open_files(),
             fake::clock.timers.size(),
@@ -400,26 +350,12 @@ remains life::go_quiet()
 
 script random_script(uint64_t seed, size_t steps, uint32_t width = 1)
 {
-    dice d{std::mt19937_64(seed), width};
-    uint32_t weights = 0;
-    for (const verb &v : verbs)
-        weights += v.weight;
-    const char *fails[] = {"hmset", "hmset", "hmset", "del", "get", "scan", "dsbegin", "dsend", "all"};
+    dice d{.random = std::mt19937_64(seed), .width = width};
     script lines;
     if (seed % 2)
         lines.push_back("skip_priority");
-    while (lines.size() < steps) {
-        uint32_t at = d.up_to(weights);
-        const verb *v = verbs;
-        while (at >= v->weight)
-            at -= (v++)->weight;
-        std::string line = v->name + v->words(d);
-        if (d.up_to(8) == 0)
-            line += std::string(" ! ") + fails[d.up_to(std::size(fails))];
-        if (d.up_to(8) == 0 && v->name != std::string("tick"))
-            line = "then " + line;
-        lines.push_back(line);
-    }
+    while (lines.size() < steps)
+        lines.push_back(d.line());
     return lines;
 }
 

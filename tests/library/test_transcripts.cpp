@@ -7,7 +7,7 @@
 //         = 0                            what came of it: its result, what was shown or printed, store calls, log
 //         store hmset 5 acl[my_app,4] …  lines, timers, and what the application was told
 //     set acl[my_app,4] ! hmset=9        with the store's next hmset failing; also memory=2, the second allocation,
-//                                        timer=, topic=, shell=; level= and switch= for this line
+//                                        timer=, topic=, shell=, file= (0 counts); level= and switch= for this line
 //     quiet set ace[my_app,4,{1..99}]    only its effect counts
 //
 // PLX_ACCEPT=1 ctest -R transcripts: writes what came instead of comparing it, for a diff to be reviewed.
@@ -40,27 +40,6 @@ std::string readable(std::string text, const std::string &process)
     for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos;)
         text.replace(at, 1, "\\n");
     return text;
-}
-
-// A line with a brace as the lines that it stands for.
-script expanded(const std::string &line)
-{
-    const size_t open = line.find('{'), close = line.find('}');
-    if (open == std::string::npos || close == std::string::npos)
-        return {line};
-    const std::string inside = line.substr(open + 1, close - open - 1);
-    script choices, all;
-    if (const size_t dots = inside.find(".."); dots != std::string::npos)
-        for (long n = std::stol(inside); n <= std::stol(inside.substr(dots + 2)); n++)
-            choices.push_back(std::to_string(n));
-    else
-        for (std::istringstream list(inside); list;)
-            if (std::string choice; std::getline(list, choice, inside.find('|') == inside.npos ? ',' : '|'))
-                choices.push_back(choice);
-    for (const std::string &choice : choices)
-        for (const std::string &one : expanded(line.substr(0, open) + choice + line.substr(close + 1)))
-            all.push_back(one);
-    return all;
 }
 
 class transcript : public session {
@@ -131,6 +110,7 @@ void transcript::step(const std::string &line, script *out)
         {"timer", fake::clock.insertions}, {"topic", fake::topics.script}, {"shell", fake::shell.openings}};
     const uint32_t level = g_policy_plx_zlog_level, bits = fp_udp_debug_sw;
     std::optional<fake::failing_allocation> memory;
+    std::optional<fake::failing_file_call> files;
     for (const auto &[name, values] : faults.options) {
         fake::results results;
         std::istringstream list(values);
@@ -138,6 +118,8 @@ void transcript::step(const std::string &line, script *out)
             results.push_back(std::stoi(one, nullptr, 0));
         if (name == "memory")
             memory.emplace(results.front());
+        else if (name == "file")
+            files.emplace(results.front(), 5); // EIO
         else if (name == "level" || name == "switch")
             (name == "level" ? g_policy_plx_zlog_level : fp_udp_debug_sw) = static_cast<uint32_t>(results.front());
         else if (const auto found = doubles.find(name); found != doubles.end())
@@ -148,6 +130,9 @@ void transcript::step(const std::string &line, script *out)
     std::string result;
     const std::string console = printed([&] { result = perform(line.substr(0, mark)); });
     memory.reset();
+    if (files)
+        shown.push_back(fake::format("%d file calls", fake::failing_file_call::seen()));
+    files.reset();
     fake::store.script.clear();
     if (faults.has("level"))
         g_policy_plx_zlog_level = level;

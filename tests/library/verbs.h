@@ -12,6 +12,8 @@
 
 std::string repeated(const std::string &text);
 const char *or_null(const std::string &text);
+// A line with a brace as the lines that it stands for: {a,b}, {a,b|c,d}, {1..9}.
+script expanded(const std::string &line);
 
 // A table, and its key's fields.
 struct thing {

@@ -49,25 +49,14 @@ class library_case : public testing::Test {
     // Registers the types, the callbacks and database 5, and takes the operation table.
     void start(const fp_udp_acl_handler &handler = application::handler(),
                const lines &types = {"security_app", "my_app"});
-    // Calls with the private data that `priv` starts.
-    int32_t set_acl(const std::string &type, uint32_t id, uint8_t cls = 0, uint8_t priv = 0);
-    int32_t set_ace(const std::string &type, uint32_t id, uint64_t sn, uint8_t priv = 0);
-    int32_t set_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
-                      uint32_t pri = 0, uint8_t priv = 0, uint32_t cls = 0);
-
-    // What a service node answers, and what it says while it is alive.
-    int32_t answer_ace(const std::string &type, uint32_t id, uint64_t sn, int32_t status, uint64_t uuid);
-    int32_t answer_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
-                         uint32_t pri, int32_t status, uint64_t uuid);
-    int32_t heartbeat(uint32_t dev, uint32_t slot = 0, uint32_t id = 0);
-    void forget_calls(); // of store, log and application
+    void forget_calls();      // of store, log and application
+    void forget_everything(); // also what the store holds
 
     fp_udp_acl_node *cached_acl(const std::string &type, uint32_t id);
     fp_udp_ace_node *cached_ace(const std::string &type, uint32_t id, uint64_t sn);
     fp_udp_apply_node *cached_apply(const std::string &type, uint32_t id, const std::string &apply_type, uint32_t phyid,
                                     uint32_t pri = 0);
     static size_t pending();
-    static uint64_t now() { return fake::clock.now_us; }
 
     fp_udp_mgr *mgr = nullptr;
     std::string process; // this process's name, unlike any other's
@@ -76,8 +65,7 @@ class library_case : public testing::Test {
 // Elements of a list, after checking its links both ways.
 size_t list_length(const fp_udp_list &head);
 // The first thing wrong with the cache's tables and lists, the pending list and the service nodes; "" when all is well.
-// `tables_are_whole` false: a node on an ACL's list need not stand in its table, which could not take it.
-std::string broken(bool tables_are_whole = true);
+std::string broken();
 // Runs work in a child of this process and returns what it returns, or how it ended instead: the library's state here
 // stays as it is. A child that is not done in 200 s is ended. A quiet one prints nothing.
 std::string in_child(const std::function<std::string()> &work, bool quiet = false);

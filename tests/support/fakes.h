@@ -78,6 +78,8 @@ struct store_double {
     // The call that fails, by its number since `asked` was zero, and with what.
     int turn = 0, turn_result = 0, asked = 0;
     std::string turn_operation; // what that call was
+    void fail_at(int n, int result) { asked = 0, turn = n, turn_result = result; }
+    std::function<void(ProtobufCMessage &)> on_read; // may change a record that is handed out
     std::vector<subscription> subscriptions;
     std::map<std::string, std::string> records; // packed, by "db table[key]"
     std::set<std::string> marks;
@@ -107,6 +109,8 @@ struct clock_double {
     std::list<timer> timers;
     results insertions;
     bool wall_clock_works = true; // the wall clock always shows "NOW"
+    bool works = true;
+    bool keeps_handles = false; // of timers that have fired
 
     // Moves the clock and fires what becomes due on the way.
     void advance(uint64_t us);

@@ -11,7 +11,6 @@
 namespace fake {
 
 struct inspection {
-    bool tables_are_whole;
     std::string fault;
     size_t acls = 0, aces = 0, applies = 0;
     std::vector<const void *> waiting; // requests that nodes point at
@@ -38,7 +37,7 @@ struct inspection {
     template <class Node> void node(const fp_udp_acl_node &owner, const Node *n, const Node *in_table, uint8_t type)
     {
         expect(n->acl.acl_id == owner.acl.acl_id && !strcmp(n->acl.app_type, owner.acl.app_type), "a node's ACL");
-        expect(in_table == n || (!tables_are_whole && !in_table), "a listed node is not the table's");
+        expect(in_table == n, "a listed node is not the table's");
         if (!n->req)
             return;
         expect(n->req->node == n && n->req->type == type, "a request of another node");
@@ -72,7 +71,7 @@ struct inspection {
         }
         expect(table->size == stored && table->n_occupied == occupied && occupied <= table->upper_bound,
                "a table's counts");
-        expect(stored == listed || (!tables_are_whole && stored < listed), "a table's size");
+        expect(stored == listed, "a table's size");
     }
 
     void requests()
@@ -86,11 +85,10 @@ struct inspection {
     }
 };
 
-// "" when all is well. `tables_are_whole` false: a node on an ACL's list need not stand in its table, which could not
-// take it.
-inline std::string first_fault(bool tables_are_whole)
+// "" when all is well.
+inline std::string first_fault()
 {
-    inspection all{tables_are_whole, {}, 0, 0, 0, {}};
+    inspection all;
     fp_udp_acl_node_hash_traverse(
         [](fp_udp_acl_node *node, void *arg) {
             static_cast<inspection *>(arg)->acl(node);

@@ -2,6 +2,7 @@
 #include "fakes.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +29,7 @@ void clock_double::advance(uint64_t us)
         timer fired = std::move(*next);
         timers.erase(next);
         now_us = std::max(now_us, fired.due_us);
-        if (fired.handle)
+        if (fired.handle && !keeps_handles)
             *fired.handle = nullptr;
         fired.func(fired.thread.get());
     }
@@ -66,9 +67,9 @@ extern "C" {
 
 int tq_monotime(struct timeval *now)
 {
-    now->tv_sec = static_cast<time_t>(fake::clock.now_us / 1'000'000);
+    now->tv_sec = fake::clock.works ? static_cast<time_t>(fake::clock.now_us / 1'000'000) : 0x77777777;
     now->tv_usec = static_cast<suseconds_t>(fake::clock.now_us % 1'000'000);
-    return 0;
+    return fake::clock.works ? 0 : 5;
 }
 
 uint64_t tq_timeval_to_us(const struct timeval *tv)
@@ -101,6 +102,8 @@ int tq_thread_insert_timer_timeval(tq_thread_master *master, tq_thread **handle,
         abort();
     fake::clock.inserted.push_back(format("%s %llds %lldus", name, static_cast<long long>(interval->tv_sec),
                                           static_cast<long long>(interval->tv_usec)));
+    if (fake::clock.keeps_handles && *handle)
+        return EEXIST;
     if (int result = fake::clock.insertions.next())
         return result;
     auto thread = std::make_unique<tq_thread>(tq_thread{arg});

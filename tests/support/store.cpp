@@ -132,6 +132,12 @@ static owned_message unpack(const ProtobufCMessageDescriptor *descriptor, const 
                                                    reinterpret_cast<const uint8_t *>(packed.data())));
 }
 
+// What a read hands out: a copy, so that whoever changes it does not change what is freed.
+struct given_result : tq_mom_hash_res {
+    owned_message own;
+    std::vector<char> copy;
+};
+
 static bool refuses(const void *handle, const ProtobufCMessage *record, uint32_t selection = 0)
 {
     bool known = handle && record && record->descriptor && (!index_of(*record) || key_of(*record));
@@ -251,20 +257,23 @@ tq_mom_hash_res *tq_mom_hgetall_sync(void *handle, uint32_t db, const ProtobufCM
     if (result == store_double::no_answer)
         return nullptr;
     auto held = store.records.find(place(db, address(*record)));
-    ProtobufCMessage *found =
-        held == store.records.end() || result ? nullptr : unpack(record->descriptor, held->second).release();
-    const int status = result == store_double::no_record ? 0 : result;
-    return *store.unreleased.insert(new tq_mom_hash_res{status, found}).first;
+    auto *given = new given_result{{result == store_double::no_record ? 0 : result, nullptr}, nullptr, {}};
+    if (held != store.records.end() && !result) {
+        given->own = unpack(record->descriptor, held->second);
+        const auto *bytes = reinterpret_cast<const char *>(given->own.get());
+        given->copy.assign(bytes, bytes + record->descriptor->sizeof_message);
+        given->record = reinterpret_cast<ProtobufCMessage *>(given->copy.data());
+        if (store.on_read)
+            store.on_read(*given->record);
+    }
+    return *store.unreleased.insert(given).first;
 }
 
 void tq_mom_hash_res_free(tq_mom_hash_res *res)
 {
-    if (!res)
-        return;
     if (store.unreleased.erase(res) == 0)
         abort(); // freed twice, or never given out
-    owned_message record(res->record);
-    delete res;
+    delete static_cast<given_result *>(res);
 }
 
 int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
