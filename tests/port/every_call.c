@@ -1,12 +1,26 @@
-/* Every exported function and every slot of the manager's table, called from C99 with what the headers promise: a
+/* An application on an integrator's platform: every exported function and every slot of the manager's table, called from C99 with what the headers promise: a
  * declaration that C cannot use, a symbol that is missing, or a result that is not the documented one shows here.
  * run.sh compares what this calls with what the library exports. */
 #include <plx/libplx.h>
+#include <plx/s_policy.pb-c.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-static int failures, slots;
+int port_deliver(const char *table, int event, const ProtobufCMessage *record);
+
+static int failures, slots, answered;
+
+static int32_t on_ok(void *context, const fp_udp_acl_info *acl, uint64_t sn, const uint8_t *priv)
+{
+    (void)context, (void)priv;
+    return answered += acl->acl_id == 4 && sn == 9;
+}
+static int32_t on_fail(void *context, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *priv)
+{
+    (void)context, (void)acl, (void)sn, (void)status, (void)priv;
+    return 0;
+}
 
 #define GIVES(expected, call)                                                                                          \
     do {                                                                                                               \
@@ -115,15 +129,24 @@ static void call_entries(fp_udp_mgr *mgr, void *context, const char *type, const
 {
     fp_udp_ace *ace = (++slots, mgr->alloc_ace(9, 1));
     fp_udp_ace *copy, *read;
+    SPolicy__AceKey index = S_POLICY__ACE_KEY__INIT;
+    SPolicy__AcePsta status = S_POLICY__ACE_PSTA__INIT;
     uint8_t deny = 0;
     uint64_t *numbers;
     uint32_t count;
+    index.t_app_type = "security_app";
+    index.acl_id = 4;
+    index.sn = 9;
+    status.index = &index;
+    status.rep_uuid = 1000000000u; /* the double's clock stands */
     GIVES(-4, plx_push(&ace->tlv, FP_UDP_ATTR_FIELD, "ipv4_scr", &deny, 1));
     GIVES(0, plx_push(&ace->tlv, FP_UDP_ATTR_ACTION, "fwd", &deny, 1));
     copy = (++slots, mgr->copy_ace(ace, 0, &deny));
     GIVES(1, deny == 1 && copy->tlv->len == 0);
     SLOT(0, expire_ace(context, type));
     SLOT(0, set_ace(context, key, ace));
+    GIVES(0, port_deliver("ace_psta", 1, &status.base));
+    GIVES(1, answered);
     SLOT(1, iterator_ace(context, key, &numbers, &count) == numbers);
     GIVES(1, count == 1 && numbers[0] == 9);
     free(numbers);
@@ -190,7 +213,7 @@ int main(void)
 {
     int master;
     void *context[2] = {NULL, &master};
-    const fp_udp_acl_handler handler = {0};
+    const fp_udp_acl_handler handler = {.ace_reply_ok_cb = on_ok, .ace_fail_cb = on_fail};
 
     call_acl_table();
     call_ace_table();

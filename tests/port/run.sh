@@ -1,6 +1,6 @@
 #!/bin/sh
-# run.sh SOURCE WORK: builds the library alone against the test doubles as a platform of their own, and runs two programs on
-# it: one of an integrator, and one that calls everything.
+# run.sh SOURCE WORK: builds the library alone against the test doubles as a platform of their own, and runs a program on it
+# that calls everything.
 set -eu
 source=$1
 work=$2
@@ -16,13 +16,11 @@ $CXX -std=c++20 -shared -fPIC -Wall -Wextra -Werror -I"$source/platform/include"
     "$source/tests/support/store.cpp" "$source/tests/support/platform.cpp" -o "$work/libswitch_platform.so" $protobuf
 cmake -S "$source" -B "$work/build" -G Ninja -DPLX_PLATFORM=external -DPLX_PLATFORM_LIBRARIES="$work/libswitch_platform.so" >"$work/log"
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
-for program in program every_call; do
-    # shellcheck disable=SC2086
-    $CC -std=c99 -pedantic -Wall -Wextra -Werror -I"$source/include" -I"$work/build/proto" -c "$source/tests/port/$program.c" -o "$work/$program.o" $protobuf
-    # shellcheck disable=SC2086
-    $CC "$work/$program.o" -o "$work/$program" -L"$work/build/lib" -lplx -L"$work" -lswitch_platform -Wl,-rpath,"$work/build/lib:$work" $protobuf
-    "$work/$program"
-done
+# shellcheck disable=SC2086
+$CC -std=c99 -pedantic -Wall -Wextra -Werror -I"$source/include" -I"$work/build/proto" -c "$source/tests/port/every_call.c" -o "$work/every_call.o" $protobuf
+# shellcheck disable=SC2086
+$CC "$work/every_call.o" -o "$work/every_call" -L"$work/build/lib" -lplx -L"$work" -lswitch_platform -Wl,-rpath,"$work/build/lib:$work" $protobuf
+"$work/every_call"
 
 # What the library exports and the program does not call; the records' functions are the generator's.
 nm -u "$work/every_call.o" | awk '{ print $2 }' | sort >"$work/called"
