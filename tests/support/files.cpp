@@ -8,26 +8,22 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace fake {
 
-static bool active;
-
 led_elsewhere::led_elsewhere(const std::string &from, const std::string &to) : from_(from)
 {
     paths()[from] = to;
-    active = true;
 }
 
 led_elsewhere::~led_elsewhere()
 {
     paths().erase(from_);
-    active = !paths().empty();
 }
 
 std::map<std::string, std::string> &led_elsewhere::paths()
@@ -39,23 +35,17 @@ std::map<std::string, std::string> &led_elsewhere::paths()
 static std::string actual(const char *path)
 {
     std::string text = path;
-    if (active)
-        for (const auto &[from, to] : led_elsewhere::paths())
-            if (text.compare(0, from.size(), from) == 0)
-                return to + text.substr(from.size());
+    for (const auto &[from, to] : led_elsewhere::paths())
+        if (text.compare(0, from.size(), from) == 0)
+            return to + text.substr(from.size());
     return text;
 }
 
 lines commands;
 size_t open_files()
 {
-    size_t count = 0;
-    DIR *directory = opendir("/proc/self/fd");
-    while (directory && readdir(directory))
-        count++;
-    if (directory)
-        closedir(directory);
-    return count;
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(open), end(open)));
 }
 
 static bool failing, from_there_on;
@@ -112,53 +102,47 @@ static int refused(const char *name, const void *caller)
 #define SIZED(name) #name
 #endif
 #define REAL(function, symbol) reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, symbol))
-// Leaves the function with `result` when the call's turn to fail has come. A short call is none of a failure's.
-#define REFUSE(name, result)                                                                                           \
-    if (fake::refused(name, __builtin_return_address(0)) > 0)                                                          \
-        return result;
+// A call that goes on to the C library's, unless its turn to fail has come.
+#define FORWARD(type, function, symbol, parameters, arguments, failed)                                                 \
+    type function parameters                                                                                           \
+    {                                                                                                                  \
+        if (fake::refused(#function, __builtin_return_address(0)) > 0)                                                 \
+            return failed;                                                                                             \
+        static const auto real = REAL(function, symbol);                                                               \
+        return real arguments;                                                                                         \
+    }
+// One that may also move a single byte.
+#define MOVE(function, pointer)                                                                                        \
+    ssize_t function(int file, pointer bytes, size_t size)                                                             \
+    {                                                                                                                  \
+        const int refused = fake::refused(#function, __builtin_return_address(0));                                     \
+        static const auto real = REAL(function, #function);                                                            \
+        return refused > 0 ? -1 : real(file, bytes, refused ? 1 : size);                                               \
+    }
+// Where a path leads, in the calls that take a fixed one.
+#define LED (fake::actual(path).c_str())
 
 extern "C" {
 
+// The mode is passed on whether or not there is one, as the C library reads it.
 int open(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    const auto mode = static_cast<mode_t>(flags & O_CREAT ? va_arg(arguments, int) : 0);
+    const auto mode = static_cast<mode_t>(va_arg(arguments, int));
     va_end(arguments);
-    REFUSE("open", -1)
     static const auto real = REAL(openat, SIZED(openat));
-    return real(AT_FDCWD, fake::active ? fake::actual(path).c_str() : path, flags, mode);
+    return fake::refused("open", __builtin_return_address(0)) > 0 ? -1 : real(AT_FDCWD, LED, flags, mode);
 }
 
 int openat(int directory, const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    const auto mode = static_cast<mode_t>(flags & O_CREAT ? va_arg(arguments, int) : 0);
+    const auto mode = static_cast<mode_t>(va_arg(arguments, int));
     va_end(arguments);
-    REFUSE("openat", -1)
     static const auto real = REAL(openat, SIZED(openat));
-    return real(directory, path, flags, mode);
-}
-
-int access(const char *path, int type)
-{
-    REFUSE("access", -1)
-    return faccessat(AT_FDCWD, fake::active ? fake::actual(path).c_str() : path, type, 0);
-}
-
-FILE *fopen(const char *path, const char *mode)
-{
-    REFUSE("fopen", nullptr)
-    static const auto real = REAL(fopen, SIZED(fopen));
-    return real(fake::active ? fake::actual(path).c_str() : path, mode);
-}
-
-char *fgets(char *text, int size, FILE *file)
-{
-    REFUSE("fgets", nullptr)
-    static const auto real = REAL(fgets, "fgets");
-    return real(text, size, file);
+    return fake::refused("openat", __builtin_return_address(0)) > 0 ? -1 : real(directory, path, flags, mode);
 }
 
 // The file is closed all the same, as Linux does.
@@ -166,50 +150,23 @@ int close(int file)
 {
     static const auto real = REAL(close, "close");
     const int result = real(file);
-    REFUSE("close", -1)
-    return result;
+    return fake::refused("close", __builtin_return_address(0)) > 0 ? -1 : result;
 }
 
-int fstat(int file, struct stat *found)
-{
-    REFUSE("fstat", -1)
-    static const auto real = REAL(fstat, SIZED(fstat));
-    return real(file, found);
-}
-
-int fstatat(int directory, const char *path, struct stat *found, int flags)
-{
-    REFUSE("fstatat", -1)
-    static const auto real = REAL(fstatat, SIZED(fstatat));
-    return real(directory, path, found, flags);
-}
-
-int ftruncate(int file, off_t size)
-{
-    REFUSE("ftruncate", -1)
-    static const auto real = REAL(ftruncate, SIZED(ftruncate));
-    return real(file, size);
-}
-
-ssize_t read(int file, void *bytes, size_t size)
-{
-    static const auto real = REAL(read, "read");
-    const int refused = fake::refused("read", __builtin_return_address(0));
-    return refused > 0 ? -1 : real(file, bytes, refused ? 1 : size);
-}
-
-ssize_t write(int file, const void *bytes, size_t size)
-{
-    static const auto real = REAL(write, "write");
-    const int refused = fake::refused("write", __builtin_return_address(0));
-    return refused > 0 ? -1 : real(file, bytes, refused ? 1 : size);
-}
+FORWARD(int, access, "access", (const char *path, int type), (LED, type), -1)
+FORWARD(FILE *, fopen, SIZED(fopen), (const char *path, const char *mode), (LED, mode), nullptr)
+FORWARD(char *, fgets, "fgets", (char *text, int size, FILE *file), (text, size, file), nullptr)
+FORWARD(int, fstat, SIZED(fstat), (int file, struct stat *found), (file, found), -1)
+FORWARD(int, fstatat, SIZED(fstatat), (int directory, const char *path, struct stat *found, int flags),
+        (directory, path, found, flags), -1)
+FORWARD(int, ftruncate, SIZED(ftruncate), (int file, off_t size), (file, size), -1)
+MOVE(read, void *)
+MOVE(write, const void *)
 
 int system(const char *command)
 {
     fake::commands.push_back(command);
-    REFUSE("system", 256)
-    return 0;
+    return fake::refused("system", __builtin_return_address(0)) > 0 ? 256 : 0;
 }
 
 } // extern "C"
