@@ -42,27 +42,32 @@ std::string readable(std::string text, const std::string &process)
     return text;
 }
 
+std::string text_of(const script &all)
+{
+    std::string text;
+    for (const std::string &line : all)
+        text += line + "\n";
+    return text;
+}
+
 class transcript : public session {
   public:
     transcript(std::string path, std::string name) : path_(std::move(path)), name_(std::move(name)) {}
 
     void TestBody() override
     {
-        script before, asked, got;
-        for (const std::string &line : section(before))
-            asked.push_back(line);
+        script before, got;
+        const script asked = section(before);
         for (const std::string &line : before)
             run(line, nullptr);
-        for (const std::string &line : asked) {
-            if (line[0] == ' ')
-                continue;
-            got.push_back(line);
-            run(line, &got);
-        }
+        for (const std::string &line : asked)
+            if (line[0] != ' ') {
+                got.push_back(line);
+                run(line, &got);
+            }
         if (getenv("PLX_ACCEPT"))
-            accept(got);
-        else
-            compare(asked, got);
+            return accept(got);
+        EXPECT_EQ(text_of(asked), text_of(got)) << path_ << ", " << name_;
     }
 
   private:
@@ -70,7 +75,6 @@ class transcript : public session {
     void run(const std::string &line, script *out);
     void step(const std::string &line, script *out);
     void collect(const std::string &result, const std::string &console, script *out);
-    void compare(const script &asked, const script &got) const;
     void accept(const script &got) const;
 
     const std::string path_, name_;
@@ -172,37 +176,12 @@ void transcript::collect(const std::string &result, const std::string &console, 
             add("broken: " + fault);
 }
 
-void transcript::compare(const script &asked, const script &got) const
-{
-    const auto differs = std::mismatch(asked.begin(), asked.end(), got.begin(), got.end());
-    if (differs.first == asked.end() && differs.second == got.end())
-        return;
-    std::string last;
-    for (auto at = asked.begin(); at < differs.first; ++at)
-        if ((*at)[0] != ' ')
-            last = *at;
-    ADD_FAILURE() << path_ << ", " << name_ << ", after \"" << last
-                  << "\"\n  expected: " << (differs.first == asked.end() ? "nothing more" : *differs.first)
-                  << "\n  came:     " << (differs.second == got.end() ? "nothing more" : *differs.second);
-}
-
+// Puts what came in the place of what is there.
 void transcript::accept(const script &got) const
 {
-    const script all = read_lines(path_);
-    std::ofstream file(path_);
-    bool mine = false;
-    for (const std::string &line : all) {
-        const bool heads = line.compare(0, heading.size(), heading) == 0;
-        if (heads && mine)
-            file << "\n";
-        if (heads)
-            mine = line.substr(heading.size()) == name_;
-        if (heads || !mine)
-            file << line << "\n";
-        if (heads && mine)
-            for (const std::string &one : got)
-                file << one << "\n";
-    }
+    const std::string all = text_of(read_lines(path_)), head = heading + name_ + "\n";
+    const size_t begin = ("\n" + all).find("\n" + head) + head.size(), end = all.find("\n" + heading, begin);
+    std::ofstream(path_) << all.substr(0, begin) + text_of(got) + (end == all.npos ? "" : all.substr(end));
 }
 
 const bool registered = [] {

@@ -50,10 +50,10 @@ class session : public library_case {
     ~session() override;
     std::string perform(const std::string &line); // "= result", or nothing
 
-    lines shown;     // by the verb that runs
-    owned_ace entry; // that the attribute verbs work on
-    lines then;      // runs in the next callbacks
-    std::string levels = "EID";
+    lines shown;               // by the verb that runs
+    owned_ace entry;           // that the attribute verbs work on
+    lines then;                // runs in the next callbacks
+    std::string levels = "EI"; // of the log that are shown
     const std::string root;
 
   private:
