@@ -1,97 +1,59 @@
-// Application and service nodes as processes of their own, with the rights that each has, on a server as it is shipped.
-#include "road.hpp"
+// Application, service nodes, plx show and monitor as processes of their own, with the rights that each has, around a
+// store server as it is shipped. The prompt names the user. More verbs:
+//
+//     store start | crash       the server, which is not there at the beginning
+//     store run COMMAND...      a command to it as its operator, and the answer
+#include "store/redis_server.hpp"
+#include "support/session.hpp"
 
-#include <csignal>
-#include <gmock/gmock.h>
+#include <iterator>
+#include <sstream>
 
-namespace plx::tool {
+namespace plx {
 namespace {
 
-using testing::AllOf;
-using testing::ContainsRegex;
-using testing::HasSubstr;
+class Road : public Session {
+  public:
+    Road()
+    {
+        setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
+        setenv("GUIDE", GUIDE_PROGRAM, 1);
+        setenv("POLICIES", POLICIES, 1);
+        setenv("SOCKET", server_.socket().c_str(), 1);
+        for (const std::string user : {"application", "node", "reader"})
+            urls_[user] = server_.url("plx-" + user);
+    }
 
-class Nodes : public Road {
-  protected:
-    Nodes() { server_.start(); }
+  private:
+    using Environment = std::map<std::string, std::string>;
+
+    Environment environment(const std::string &user) const override
+    {
+        const auto store = urls_.find(user);
+        return store == urls_.end() ? Environment() : Environment{{"PLX_STORE", store->second}};
+    }
+
+    std::string perform(const std::string &line) override
+    {
+        std::istringstream stream(line);
+        const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+        if (words.size() < 2 || words[0] != "store") {
+            std::string text = Session::perform(line);
+            for (size_t at; (at = text.find(server_.socket())) != std::string::npos;)
+                text.replace(at, server_.socket().size(), "SOCKET");
+            return text;
+        }
+        if (words[1] == "run")
+            return server_.run({words.begin() + 2, words.end()});
+        words[1] == "crash" ? server_.crash() : server_.start();
+        return {};
+    }
+
+    redis_server server_;
+    Environment urls_; // of the store, by user
 };
 
-TEST_F(Nodes, all_answer_an_application)
-{
-    const auto first = ready_node(1), second = ready_node(2), third = ready_node(3);
-    const Result result = apply({"--nodes", "3"});
-    EXPECT_EQ(0, result.exit_code) << result.err;
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("acl 1 guard +stored"), ContainsRegex("acl 1 on port 5 in +programmed"),
-                                  ContainsRegex("sn 1 first +programmed +ok"), ContainsRegex("sn 2 last +programmed"),
-                                  HasSubstr("3 programmed, 1 stored; service nodes: 3")));
-    EXPECT_THAT(result.err, ContainsRegex("waiting for service nodes to show that they live: [0-2] of 3"));
-}
-
-TEST_F(Nodes, fail_an_entry_that_one_of_them_has_no_room_for)
-{
-    const auto first = ready_node(1), second = ready_node(2), small = ready_node(3, {"--table-size", "1"});
-    const Result result = apply({"--nodes", "3"});
-    EXPECT_EQ(3, result.exit_code) << result.err;
-    EXPECT_THAT(result.out, AllOf(ContainsRegex("acl 1 on port 5 in +programmed"),
-                                  ContainsRegex("sn [12] (first|last) +programmed"),
-                                  ContainsRegex("sn [12] (first|last) +failed +table full \\(101\\)"),
-                                  HasSubstr("2 programmed, 1 stored, 1 failed; service nodes: 3")));
-}
-
-TEST_F(Nodes, make_an_atomic_policy_together)
-{
-    const auto first = ready_node(1), second = ready_node(2);
-    const Result result = apply({"--nodes", "2", "--atomic"});
-    EXPECT_EQ(0, result.exit_code) << result.err;
-    EXPECT_THAT(result.out, HasSubstr("3 programmed, 1 stored; service nodes: 2"));
-}
-
-TEST_F(Nodes, take_up_what_was_written_before_they_came)
-{
-    const auto written = background(apply_arguments(), "plx-application");
-    ASSERT_TRUE(written->says("no service node is alive: until one comes, nobody confirms"));
-    const auto late = ready_node(1);
-    EXPECT_EQ(0, written->wait()) << written->err();
-    EXPECT_THAT(written->out(), HasSubstr("3 programmed, 1 stored"));
-}
-
-TEST_F(Nodes, leave_the_store_when_they_are_asked_to_end)
-{
-    const auto ended = ready_node(1), interrupted = ready_node(2), stays = ready_node(3);
-    ASSERT_EQ(3U, show({"node"}).size());
-    ended->signal(SIGTERM);
-    interrupted->signal(SIGINT);
-    EXPECT_EQ(0, ended->wait());
-    EXPECT_EQ(0, interrupted->wait());
-    const auto left = show({"node"});
-    ASSERT_EQ(1U, left.size());
-    EXPECT_EQ(3, left[0]["slot"]);
-}
-
-TEST_F(Nodes, that_are_missing_are_named_and_nothing_is_written)
-{
-    const auto only = ready_node(1);
-    const Result result = apply({"--nodes", "2", "--wait", "0"});
-    EXPECT_EQ(4, result.exit_code);
-    EXPECT_THAT(result.err, AllOf(HasSubstr("waiting for service nodes"),
-                                  HasSubstr("only 1 of 2 service nodes are alive; nothing was written")));
-    EXPECT_TRUE(show({"acl"}).empty());
-}
-
-// The guide's program, on each of its three loops.
-class Guide : public Nodes, public testing::WithParamInterface<const char *> {};
-
-TEST_P(Guide, has_its_entries_confirmed_by_two_nodes)
-{
-    const auto first = ready_node(1), second = ready_node(2);
-    const Result result = run_program(GUIDE_PROGRAM, {GetParam()}, environment("plx-application"));
-    EXPECT_EQ(0, result.exit_code) << result.err;
-    EXPECT_THAT(result.out, AllOf(HasSubstr("acl 1 on port 0x10: programmed"), HasSubstr("acl 1 entry 1: programmed"),
-                                  HasSubstr("acl 1 entry 2: programmed"), HasSubstr("acl 1 entry 3: programmed")));
-}
-
-INSTANTIATE_TEST_SUITE_P(Loops, Guide, testing::Values("own", "epoll", "uv"),
-                         [](const auto &loop) { return std::string(loop.param); });
+const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new Road; });
 
 } // namespace
-} // namespace plx::tool
+} // namespace plx

@@ -1,19 +1,17 @@
-/* A time library in front of the real one, for LD_PRELOAD: the library looks at its pending requests after a second
- * instead of ten, and each time it does so, 200 seconds have passed. What ages after minutes is seen to age at once,
- * while everything else takes the time it takes. */
+/* A time library in front of the real one, for LD_PRELOAD: PLX_SPEED seconds of its clock pass in each second, and its
+ * timers are due that much sooner. What takes minutes is seen to happen at once, in the order in which it would. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 #include <tq_time.h>
 
-enum { STEP_S = 200, SOONER = 10, US_PER_S = 1000000, REQUEST_CHECK_US = 10 * US_PER_S };
+enum { US_PER_S = 1000000 };
 
 typedef int (*monotime_func)(struct timeval *now);
 typedef int (*insert_func)(tq_thread_master *master, tq_thread **handle, tq_thread_func func, void *arg,
                            const struct timeval *interval, const char *name);
-
-static long passed_s;
-static tq_thread_func request_check;
 
 static void find_real(const char *name, void *func)
 {
@@ -21,32 +19,35 @@ static void find_real(const char *name, void *func)
     memcpy(func, &found, sizeof found);
 }
 
-static int later_request_check(tq_thread *thread)
+static int64_t speed(void)
 {
-    passed_s += STEP_S;
-    return request_check(thread);
+    return atoi(getenv("PLX_SPEED"));
+}
+
+static struct timeval normalised(int64_t us)
+{
+    return (struct timeval){us / US_PER_S, us % US_PER_S};
 }
 
 int tq_monotime(struct timeval *now)
 {
+    static int64_t start;
     monotime_func real;
     int result;
     find_real("tq_monotime", &real);
     result = real(now);
-    now->tv_sec += passed_s;
+    const int64_t us = (int64_t)now->tv_sec * US_PER_S + now->tv_usec;
+    if (start == 0)
+        start = us;
+    *now = normalised(start + (us - start) * speed());
     return result;
 }
 
 int tq_thread_insert_timer_timeval(tq_thread_master *master, tq_thread **handle, tq_thread_func func, void *arg,
                                    const struct timeval *interval, const char *name)
 {
-    struct timeval time = *interval;
+    const struct timeval time = normalised(((int64_t)interval->tv_sec * US_PER_S + interval->tv_usec) / speed());
     insert_func real;
     find_real("tq_thread_insert_timer_timeval", &real);
-    if (strcmp(name, "fp_udp_api") == 0 && time.tv_sec == 0 && time.tv_usec == REQUEST_CHECK_US) {
-        request_check = func;
-        func = later_request_check;
-        time.tv_usec /= SOONER;
-    }
     return real(master, handle, func, arg, &time, name);
 }

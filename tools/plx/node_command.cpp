@@ -148,6 +148,7 @@ void NodeRun::retire()
 void add_node_command(CLI::App &app, int &exit_code)
 {
     const auto options = std::make_shared<NodeCommandOptions>();
+    const auto heartbeat = std::make_shared<uint32_t>(options->node.heartbeat.count());
     CLI::App *command =
         app.add_subcommand("node", "Run a service node: take up what the store asks for, program it, and answer.");
     command->add_option("--store", options->store, "address of the store: unix:/path, redis://host:port")
@@ -157,6 +158,11 @@ void add_node_command(CLI::App &app, int &exit_code)
     command->add_option("--dev", options->node.dev, "device number")->capture_default_str();
     command->add_option("--slot", options->node.slot, "slot number")->capture_default_str();
     command->add_option("--id", options->node.id, "number of the service on its slot")->capture_default_str();
+    command
+        ->add_option("--heartbeat", *heartbeat,
+                     "milliseconds between two signs of life; applications count a node out after 20 s without")
+        ->check(CLI::Range(10U, 5000U))
+        ->capture_default_str();
     command->add_option("--plane", options->plane, "forwarding plane behind the node: sim")
         ->check(CLI::IsMember({"sim"}))
         ->capture_default_str();
@@ -168,7 +174,10 @@ void add_node_command(CLI::App &app, int &exit_code)
                     "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
                     "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
                     "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
-    command->callback([options, &exit_code] { exit_code = NodeRun(*options).run(); });
+    command->callback([options, heartbeat, &exit_code] {
+        options->node.heartbeat = milliseconds(*heartbeat);
+        exit_code = NodeRun(*options).run();
+    });
 }
 
 } // namespace plx::tool

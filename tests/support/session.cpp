@@ -1,0 +1,75 @@
+// See session.hpp.
+#include "session.hpp"
+
+#include <filesystem>
+#include <regex>
+#include <sstream>
+
+namespace plx {
+
+using tool::Process;
+
+// What a scenario's programs are found by.
+Session::Session()
+{
+    const std::string program = PLX_PROGRAM;
+    setenv("PATH", (std::filesystem::path(program).parent_path().string() + ':' + getenv("PATH")).c_str(), 1);
+    setenv("DIR", directory_.path().c_str(), 1);
+    setenv("HOME", directory_.path().c_str(), 1);
+    setenv("TERM", "vt100", 1);
+}
+
+std::map<std::string, std::string> Session::environment(const std::string &) const
+{
+    return {};
+}
+
+std::string Session::readable(std::string text) const
+{
+    for (size_t at; (at = text.find(directory_.path())) != std::string::npos;)
+        text.replace(at, directory_.path().size(), "DIR");
+    static const std::regex time(" +[0-9]+\\.[0-9]+ m?s"), number("[0-9]{9,}");
+    return std::regex_replace(std::regex_replace(text, time, " T"), number, "N");
+}
+
+std::string Session::shown(const tool::Result &result) const
+{
+    std::string text = result.out + (result.out.empty() || result.out.ends_with('\n') ? "" : "|\n");
+    std::istringstream errors(result.err);
+    for (std::string line; std::getline(errors, line);)
+        text += "! " + line + '\n';
+    return readable(text) + (result.exit_code == 0 ? "" : "= " + std::to_string(result.exit_code));
+}
+
+std::string Session::perform(const std::string &line)
+{
+    static const std::regex command("(\\w*)\\$ (?:(\\w+)& )?(.*)");
+    if (std::smatch found; std::regex_match(line, found, command)) {
+        const std::string script = "cd $DIR; " + (found[2].matched ? "exec " : std::string()) + found[3].str();
+        if (!found[2].matched)
+            return shown(tool::run_program("/bin/sh", {"-c", script}, environment(found[1])));
+        started_[found[2]] =
+            std::make_unique<Process>("/bin/sh", std::vector<std::string>{"-c", script}, environment(found[1]));
+        return {};
+    }
+    std::string rest = line;
+    const std::string verb = take_word(rest);
+    if (verb == "terminal")
+        return shown(tool::run_on_terminal("/bin/sh", {"-c", "cd $DIR; " + rest}));
+    const std::string name = take_word(rest);
+    if (!started_.contains(name))
+        return "there is no verb for this line";
+    Process &process = *started_.at(name);
+    if (verb == "says")
+        return process.says(rest) ? "" : "it only says " + process.err();
+    if (verb == "running")
+        return process.running() ? "yes" : "no";
+    if (verb == "signal")
+        process.signal(std::stoi(rest));
+    if (verb != "end")
+        return {};
+    const bool ended = process.wait_for([&] { return !process.running(); }, 15);
+    return (ended ? "" : "it still runs\n") + shown({ended ? process.wait() : 0, process.out(), process.err()});
+}
+
+} // namespace plx

@@ -1,0 +1,128 @@
+// plx in transcripts: its programs, and, without starting one, what it makes of texts:
+//
+//     policy TEXT          what it means, or its errors; entry and applies put a part into a small policy
+//     value NAME TEXT      the attribute's bytes, and what is shown of them where that is not the text
+//     shown NAME BYTES     what is shown of bytes
+//     nearest WORD OTHER...
+#include "attribute_text.hpp"
+#include "attribute_value.hpp"
+#include "policy.hpp"
+#include "support/session.hpp"
+
+#include <iterator>
+#include <sstream>
+
+namespace plx::tool {
+namespace {
+
+const Form *form(std::string_view name)
+{
+    const auto found = std::ranges::find(forms(), name, &Form::name);
+    return found == forms().end() ? nullptr : &*found;
+}
+
+std::string hex(const std::vector<uint8_t> &bytes)
+{
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
+    return text;
+}
+
+std::string value(const std::string &name, const std::string &text)
+{
+    const auto [bytes, error] = encode(*form(name), text);
+    if (!error.empty())
+        return error + (bytes.empty() ? "" : ", but bytes");
+    const std::string shown = format_value(form(name), bytes);
+    return hex(bytes) + (shown == text ? "" : " " + shown);
+}
+
+std::string shown_bytes(const std::string &name, const std::string &digits)
+{
+    std::vector<uint8_t> bytes;
+    for (size_t at = 0; at + 1 < digits.size(); at += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16)));
+    return format_value(form(name), bytes);
+}
+
+void describe(const PolicyEntry &entry, std::ostream &out)
+{
+    out << " sn " << entry.sn << " name '" << entry.name << "' priority " << entry.priority
+        << (entry.is_default ? " default" : "");
+    for (const PolicyAttribute &attribute : entry.attributes)
+        out << ' ' << attribute.form->cls << '/' << attribute.form->name << '=' << hex(attribute.value);
+    out << '\n';
+}
+
+std::string policy(const std::string &text)
+{
+    Errors errors;
+    Part root;
+    std::optional<Policy> read;
+    if (parse_document(text, root, errors))
+        read = read_policy(root, errors);
+    std::ostringstream out;
+    for (const std::string &line : errors.lines("f"))
+        out << line.substr(2) << '\n';
+    if (!read || !errors.empty())
+        return out.str() + (read ? "but a policy" : "");
+    out << "application " << read->application << '\n';
+    for (const PolicyAcl &acl : read->acls) {
+        out << "acl " << acl.id << " name '" << acl.name << "' class " << unsigned{acl.cls} << '\n';
+        for (const PolicyEntry &entry : acl.entries)
+            describe(entry, out);
+    }
+    for (const PolicyApply &apply : read->applies)
+        out << "acl " << apply.acl << " on port " << apply.port << ' ' << direction_name(apply.direction)
+            << " priority " << apply.priority << '\n';
+    return out.str();
+}
+
+std::string small_policy(const std::string &entry, const std::string &applies)
+{
+    return policy("application: a\nacls:\n- id: 1\n  class: 1\n  entries:\n  - " + entry + "\napplies: " + applies +
+                  '\n');
+}
+
+std::string closest(const std::string &text)
+{
+    std::istringstream stream(text.substr(text.find(' ')));
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    return std::string(nearest(text.substr(0, text.find(' ')), {words.begin(), words.end()}));
+}
+
+class Tools : public Session {
+  public:
+    Tools()
+    {
+        setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
+        setenv("EXAMPLES", EXAMPLES, 1);
+        setenv("POLICIES", POLICIES, 1);
+        unsetenv("PLX_STORE");
+    }
+
+  private:
+    std::string perform(const std::string &line) override
+    {
+        std::string text = line;
+        const std::string verb = take_word(text);
+        if (verb == "policy")
+            return policy(unescaped(text));
+        if (verb == "entry")
+            return small_policy(unescaped(text), "[]");
+        if (verb == "applies")
+            return small_policy("{sn: 1}", text);
+        if (verb == "nearest")
+            return closest(line.substr(verb.size() + 1));
+        if (verb != "value" && verb != "shown")
+            return Session::perform(line);
+        const std::string name = take_word(text);
+        return verb == "value" ? value(name, unescaped(text)) : shown_bytes(name, text);
+    }
+};
+
+const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new Tools; });
+
+} // namespace
+} // namespace plx::tool
