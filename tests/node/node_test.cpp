@@ -1,269 +1,404 @@
-// The node on an embedded store: what it answers, when it touches its plane, and what it survives.
-#include "world.hpp"
+// The node on an embedded store, in transcripts, and the simulated plane by itself:
+//
+//     store ?log=2                  options of the store, before all else
+//     speed 50                      of the clock, also before all else
+//     start one size=1 silent=edge  a node of that name on a simulated plane that behaves so
+//     stop one; restart one         the node alone: its plane stays; `fresh one` restarts it on an empty plane
+//     set ace:edge/10/1 100 BYTES   a request by the application; del takes it away
+//     marker edge enable 60         an application's commit marker; unmark takes it away
+//     settle [NODES]                what was heard until everything written before has been dealt with, in order of keys
+//     until 3                       what was heard once there are so many answers
+//     intervals 1 1 1               of heartbeat, counters and retry in milliseconds, for the nodes to come
+//     counted 2; beats 10           the first counter records; that many heartbeats
+//     plane one                     what is on it, and how much it was asked to do since it was last looked at
+//     stored status                 the keys in that table
+//     plane one size=2              a plane without a node, for which
+//     make one ace:edge/10/1 BYTES  or "gone" for the bytes, tells the answer
+//     option TEXT; matches PATTERN  whether it is one; which of an entry, a binding and an uplink it matches
+#include "plane/node.hpp"
+#include "plane/simulated/simulated.hpp"
+#include "records/status.hpp"
+#include "support/transcript.hpp"
 
-#include <gmock/gmock.h>
+#include <chrono>
+#include <iterator>
+#include <numeric>
 #include <plx/s_policy.pb-c.h>
+#include <sstream>
+#include <tq_loop.h>
 
 namespace plx::plane {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using Words = std::vector<std::string>;
 
-constexpr int32_t full = static_cast<int32_t>(Status::table_full);
+constexpr uint32_t db = 8;
+constexpr uint32_t barrier_port = 4'000'000'000; // whose setting is written to see that everything before it is done
 
-const auto &status = s_policy__ace_psta__descriptor;
-const auto &counters = s_policy__ace_counter__descriptor;
-
-class NodeTest : public World {};
-
-TEST_F(NodeTest, answers_what_was_written_before_it_started_and_every_change_after_that)
+std::vector<uint8_t> bytes_of(const std::string &digits)
 {
-    set(ace(1), 100);
-    start();
-    set(apply(1), 101);
-    settle();
-    set(ace(1), 102, packed(0x202, {1}));
-    settle();
-    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), 0, 100}, Heard{ace(1), 0, 102}));
-    EXPECT_THAT(answers(apply(1)), ElementsAre(Heard{apply(1), 0, 101}));
+    std::vector<uint8_t> bytes;
+    for (size_t at = 0; at + 1 < digits.size(); at += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16)));
+    return bytes;
 }
 
-TEST_F(NodeTest, answers_settings_of_every_table)
+// "ace:edge/10/1"
+Key key(const std::string &text)
 {
-    start();
-    constexpr auto no_such_kind = static_cast<int32_t>(Status::out_of_range);
-    const std::pair<Key, int32_t> cases[] = {{PortBindKey{"edge", 1, 2, 3, 3}, 0},
-                                             {PortBindKey{"edge", 1, 2, 0, 3}, no_such_kind},
-                                             {PortBindKey{"edge", 1, 2, 4, 3}, no_such_kind},
-                                             {PortOffKey{5}, 0},
-                                             {UplinkKey{6, 1}, 0},
-                                             {SviRouterKey{}, 0}};
-    for (const auto &[key, expected] : cases)
-        set(key, 7);
-    settle();
-    for (const auto &[key, expected] : cases)
-        EXPECT_THAT(answers(key), ElementsAre(Heard{key, expected, 7}));
+    Words parts(1);
+    for (const char c : text)
+        if (c == ':' || c == '/')
+            parts.emplace_back();
+        else
+            parts.back().push_back(c);
+    const auto number = [&](size_t part) { return static_cast<uint32_t>(std::stoul(parts.at(part))); };
+    if (parts[0] == "ace")
+        return AceKey{parts[1], number(2), std::stoull(parts.at(3))};
+    if (parts[0] == "apply")
+        return ApplyKey{parts[1], number(2), parts[1], number(3), 1, 0};
+    if (parts[0] == "bind")
+        return PortBindKey{parts[1], 1, 2, number(2), 3};
+    if (parts[0] == "off")
+        return PortOffKey{number(1)};
+    return parts[0] == "uplink" ? Key(UplinkKey{number(1), 1}) : Key(SviRouterKey{});
 }
 
-TEST_F(NodeTest, answers_a_request_once_however_often_it_is_written)
+std::string text_of(const Key &key)
 {
-    SimulatedPlane &plane = start();
-    set(ace(1), 100);
-    settle();
-    set(ace(1), 100);
-    settle();
-    EXPECT_EQ(1, heard_of(ace(1)));
-    const uint64_t touched = plane.touched();
-    set(ace(1), 101);
-    settle();
-    EXPECT_EQ(2, heard_of(ace(1)));
-    EXPECT_EQ(1U + touched, plane.touched()) << "only the settling was programmed: the entry's content is the same";
+    std::ostringstream text;
+    if (const auto *ace = std::get_if<AceKey>(&key))
+        text << "ace:" << ace->app << '/' << ace->acl << '/' << ace->sn;
+    else if (const auto *apply = std::get_if<ApplyKey>(&key))
+        text << "apply:" << apply->app << '/' << apply->acl << '/' << apply->phyid;
+    else if (const auto *bind = std::get_if<PortBindKey>(&key))
+        text << "bind:" << application_of(key) << '/' << bind->bind_type;
+    else if (const auto *off = std::get_if<PortOffKey>(&key))
+        text << "off:" << off->phyid;
+    else
+        text << (std::holds_alternative<UplinkKey>(key) ? "uplink" : "svi");
+    return text.str();
 }
 
-TEST_F(NodeTest, answers_beside_other_nodes_also_when_the_record_says_the_same)
-{
-    start(), start(), start(simulated({"size=0"}));
-    set(ace(1), 100);
-    settle(3);
-    EXPECT_THAT(answers(ace(1)),
-                testing::UnorderedElementsAre(Heard{ace(1), 0, 100}, Heard{ace(1), 0, 100}, Heard{ace(1), full, 100}));
-}
-
-TEST_F(NodeTest, takes_deleted_entries_out_so_that_others_fit)
-{
-    SimulatedPlane &plane = start(simulated({"size=1"}));
-    set(ace(1), 100);
-    set(ace(2), 101);
-    settle();
-    EXPECT_EQ(full, answers(ace(2)).at(0).status);
-    del(ace(1));
-    set(ace(2), 102);
-    settle();
-    EXPECT_EQ(0, answers(ace(2)).at(1).status);
-    EXPECT_EQ(1U, plane.entries());
-}
-
-TEST_F(NodeTest, makes_the_last_of_changes_that_it_hears_of_together)
-{
-    SimulatedPlane &plane = start();
-    set(ace(1), 100);
-    del(ace(1));
-    set(ace(2), 101);
-    set(ace(2), 102);
-    settle();
-    EXPECT_EQ(1U, plane.entries());
-    EXPECT_THAT(answers(ace(1)), IsEmpty());
-    EXPECT_EQ(102U, answers(ace(2)).back().request);
-}
-
-TEST_F(NodeTest, ignores_names_that_no_application_can_have)
-{
-    SimulatedPlane &plane = start();
-    set(ace(1, 10, std::string(40, 'x')), 100);
-    set(ace(2), 101);
-    settle();
-    EXPECT_EQ(1U, plane.entries());
-    EXPECT_EQ(1, heard_of(ace(2)));
-}
-
-TEST_F(NodeTest, stays_silent_where_it_is_told_to)
-{
-    start(simulated({"silent=edge/10/1"}));
-    set(ace(1), 100);
-    set(ace(2), 101);
-    settle();
-    EXPECT_EQ(0, heard_of(ace(1)));
-    EXPECT_EQ(1, heard_of(ace(2)));
-}
-
-TEST_F(NodeTest, gives_no_late_answer_to_a_request_that_was_replaced_or_for_an_entry_that_is_gone)
-{
-    SimulatedPlane &plane = start(simulated({"delay=300@edge"}));
-    set(ace(1), 100);
-    set(ace(2), 101);
-    EXPECT_TRUE(run_until([&] { return plane.entries() == 2; }));
-    EXPECT_THAT(heard_, IsEmpty());
-    set(ace(1), 102); // the same content, which is answered at once
-    del(ace(2));
-    set(ace(3), 103);
-    EXPECT_TRUE(run_until([&] { return heard_of(ace(3)) == 1; }));
-    settle();
-    EXPECT_THAT(answers(ace(1)), ElementsAre(Heard{ace(1), 0, 102}));
-    EXPECT_THAT(answers(ace(2)), IsEmpty());
-}
-
-TEST_F(NodeTest, publishes_counters_of_programmed_entries_alone)
-{
-    start(simulated({"refuse=edge/10/2"}));
-    set(ace(1), 100);
-    set(ace(2), 101);
-    EXPECT_TRUE(run_until([&] { return counters_.size() >= 2; }));
-    EXPECT_EQ((Heard{ace(1), 16, 1024}), counters_[0]);
-    EXPECT_EQ((Heard{ace(1), 32, 2048}), counters_[1]);
-}
-
-TEST_F(NodeTest, keeps_showing_that_it_lives_but_no_counters_that_stand_still)
-{
-    SimulatedOptions quiet;
-    quiet.packets_per_reading = 0;
-    start(quiet);
-    set(ace(1), 100);
-    EXPECT_TRUE(run_until([&] { return heartbeats_ >= 10; }));
-    EXPECT_EQ(1U, counters_.size());
-}
-
-TEST_F(NodeTest, takes_what_it_told_of_an_entry_away_with_it)
-{
-    SimulatedOptions quiet;
-    quiet.packets_per_reading = 0;
-    start(quiet);
-    set(ace(1), 100);
-    set(ace(2), 101);
-    EXPECT_TRUE(run_until([&] { return stored(counters).size() == 2; }));
-    del(ace(1));
-    settle();
-    EXPECT_THAT(stored(status), ElementsAre(ace(2)));
-    EXPECT_THAT(stored(counters), ElementsAre(ace(2)));
-    set(ace(1), 102);
-    settle();
-    EXPECT_THAT(stored(status), ElementsAre(ace(1), ace(2)));
-    EXPECT_TRUE(run_until([&] { return stored(counters).size() == 2; })) << "the same numbers are told anew";
-}
-
-// ---- restart --------------------------------------------------------------------------------------------------------
-
-TEST_F(NodeTest, touches_after_a_restart_only_what_differs)
-{
-    SimulatedPlane plane({});
-    {
-        const auto before = node(plane);
-        for (uint64_t sn = 1; sn <= 4; ++sn)
-            set(ace(sn), 100 + sn);
-        settle();
-    }
-    const uint64_t touched = plane.touched();
-    del(ace(1));
-    set(ace(2), 202, packed(0x202, {0}));
-    set(ace(5), 205);
-    const auto after = node(plane);
-    EXPECT_EQ(3U + touched, plane.touched());
-    EXPECT_EQ(4U + 1U, plane.installed().size()) << "four entries and the settling's port";
-    settle();
-    EXPECT_EQ(1, heard_of(ace(3))) << "an answer that is in the store is not repeated";
-    EXPECT_EQ(202U, answers(ace(2)).back().request);
-}
-
-TEST_F(NodeTest, answers_after_a_restart_what_it_had_programmed_but_not_answered)
-{
-    SimulatedPlane plane(simulated({"delay=3600000@edge"}));
-    {
-        const auto before = node(plane);
-        set(ace(1), 100);
-        EXPECT_TRUE(run_until([&] { return plane.entries() == 1; }));
-    }
-    const uint64_t touched = plane.touched();
-    const auto after = node(plane);
-    EXPECT_TRUE(run_until([&] { return heard_of(ace(1)) == 1; }));
-    EXPECT_EQ(touched, plane.touched());
-}
-
-TEST_F(NodeTest, clears_at_its_start_what_is_left_of_entries_that_went)
-{
-    SimulatedPlane plane({});
-    {
-        const auto before = node(plane);
-        for (uint64_t sn = 1; sn <= 3; ++sn)
-            set(ace(sn), 100 + sn);
-        EXPECT_TRUE(run_until([&] { return stored(counters).size() == 3; }));
-    }
-    del(ace(1));
-    set_marker("edge", S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE, 60);
-    SimulatedPlane empty({});
-    const auto after = node(empty);
-    settle();
-    EXPECT_EQ(0U, empty.entries()) << "the marker stands";
-    EXPECT_THAT(stored(status), ElementsAre(ace(2), ace(3)));
-    EXPECT_THAT(stored(counters), ElementsAre(ace(2), ace(3)));
-}
-
-TEST_F(NodeTest, removes_nothing_of_a_table_that_it_cannot_read_whole)
-{
-    SimulatedPlane plane({});
-    {
-        const auto before = node(plane);
-        set(ace(1), 100);
-        settle();
-    }
-    del(ace(1));
-    set(ace(2, 10, std::string(40, 'x')), 101);
-    const auto after = node(plane);
-    settle();
-    EXPECT_EQ(1U, plane.entries());
-    EXPECT_THAT(stored(status), ElementsAre(ace(1)));
-}
-
-// ---- changes that the store could not keep --------------------------------------------------------------------------
-
-class NodeOnAShortLog : public World {
-  protected:
-    NodeOnAShortLog() : World("?log=2") {}
+struct Heard {
+    Key key;
+    int64_t status;   // or packets
+    uint64_t request; // or bytes
 };
 
-TEST_F(NodeOnAShortLog, compares_the_tables_when_changes_were_missed)
+// A plane, the node on it, and what was seen of them.
+struct Place {
+    std::unique_ptr<SimulatedPlane> plane;
+    std::unique_ptr<Node> node;
+    uint64_t touched = 0, batches = 0;
+};
+
+class NodeSession : public Transcript {
+    using Verb = std::string (NodeSession::*)(const Words &);
+
+    std::string perform(const std::string &line) override;
+    Context context() { return Context(tq_context_new_on(url_.c_str(), loop_.get())); }
+
+    std::string store(const Words &words);
+    std::string intervals(const Words &words);
+    std::string start(const Words &words);
+    std::string set(const Words &words);
+    std::string mark(const Words &words);
+    std::string settle(const Words &words);
+    std::string until(const Words &words);
+    std::string plane(const Words &words);
+    std::string stored(const Words &words);
+    std::string make(const Words &words);
+    std::string option(const Words &words);
+    std::string matches(const Words &words);
+
+    void subscribe();
+    void write(const Key &key, uint64_t request, std::vector<uint8_t> value = {});
+    bool run_until(const std::function<bool()> &condition);
+    std::string take_heard();
+    std::string show(Place &place);
+
+    static int32_t on_status(void *handle, const tq_mom_notification *notification, void *arg);
+    static int32_t on_publication(void *handle, const tq_mom_notification *notification, void *arg);
+    static int32_t on_stored(void *handle, const tq_mom_notification *notification, void *arg);
+
+    std::string url_ = "mem:node-test";
+    NodeOptions options_{.db = db, .heartbeat = milliseconds(1), .counters = milliseconds(1), .retry = milliseconds(1)};
+    Loop loop_{tq_loop_new()};
+    Context application_;
+    std::vector<Heard> heard_, counters_;
+    size_t barriers_ = 0;
+    int heartbeats_ = 0;
+    uint32_t round_ = 0;
+    milliseconds marked_{0};
+    std::map<std::string, Place> places_;
+};
+
+SimulatedOptions simulated(const Words &texts)
 {
-    SimulatedPlane &plane = start();
-    set(ace(1), 100);
-    set(ace(2), 101);
-    settle();
-    const uint64_t touched = plane.touched();
-    del(ace(2));
-    for (uint64_t sn = 3; sn <= 9; ++sn)
-        set(ace(sn), 100 + sn);
-    EXPECT_TRUE(run_until([&] { return plane.entries() == 8; }));
-    EXPECT_FALSE(plane.installed().contains(ace(2)));
-    EXPECT_EQ(8U + touched, plane.touched()) << "entry 1 is not touched";
+    SimulatedOptions made;
+    for (size_t at = 2; at < texts.size(); ++at)
+        if (texts[at] == "still")
+            made.packets_per_reading = 0;
+        else
+            EXPECT_TRUE(made.add(texts[at])) << texts[at];
+    return made;
 }
+
+std::string NodeSession::perform(const std::string &line)
+{
+    static const std::map<std::string, Verb> verbs = {
+        {"store", &NodeSession::store},      {"speed", &NodeSession::store},   {"intervals", &NodeSession::intervals},
+        {"start", &NodeSession::start},      {"stop", &NodeSession::start},    {"restart", &NodeSession::start},
+        {"fresh", &NodeSession::start},      {"set", &NodeSession::set},       {"del", &NodeSession::set},
+        {"marker", &NodeSession::mark},      {"unmark", &NodeSession::mark},   {"settle", &NodeSession::settle},
+        {"until", &NodeSession::until},      {"counted", &NodeSession::until}, {"beats", &NodeSession::until},
+        {"programmed", &NodeSession::until}, {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
+        {"make", &NodeSession::make},        {"option", &NodeSession::option}, {"matches", &NodeSession::matches}};
+    std::istringstream stream(line);
+    Words words{std::istream_iterator<std::string>(stream), {}};
+    const auto verb = verbs.find(words.at(0));
+    words.resize(std::max<size_t>(words.size(), 2));
+    if (application_ == nullptr && verb->first != "store" && verb->first != "speed")
+        subscribe();
+    return (this->*verb->second)(words);
+}
+
+std::string NodeSession::store(const Words &words)
+{
+    if (words[0] == "speed")
+        setenv("PLX_SPEED", words[1].c_str(), 1);
+    else
+        url_ += words[1];
+    return {};
+}
+
+// In milliseconds: heartbeat, counters, retry
+std::string NodeSession::intervals(const Words &words)
+{
+    options_.heartbeat = milliseconds(std::stoi(words.at(1)));
+    options_.counters = milliseconds(std::stoi(words.at(2)));
+    options_.retry = milliseconds(std::stoi(words.at(3)));
+    return {};
+}
+
+std::string NodeSession::start(const Words &words)
+{
+    const auto id = static_cast<uint32_t>(places_.size());
+    Place &place = places_[words[1]];
+    place.node.reset();
+    if (words[0] == "stop")
+        return {};
+    if (words[0] != "restart")
+        place = {std::make_unique<SimulatedPlane>(simulated(words)), nullptr};
+    options_.id = id;
+    place.node = std::make_unique<Node>(context(), *place.plane, options_);
+    return place.node->start() == 0 ? "" : "it does not start";
+}
+
+std::string NodeSession::plane(const Words &words)
+{
+    const auto found = places_.find(words[1]);
+    if (found != places_.end())
+        return show(found->second);
+    places_[words[1]].plane = std::make_unique<SimulatedPlane>(simulated(words));
+    return {};
+}
+
+std::string NodeSession::show(Place &place)
+{
+    std::ostringstream text;
+    const SimulatedPlane &plane = *place.plane;
+    text << "touched " << plane.touched() - std::exchange(place.touched, plane.touched()) << " in "
+         << plane.batches() - std::exchange(place.batches, plane.batches()) << " batches, entries " << plane.entries();
+    for (const auto &[key, installed] : plane.installed())
+        text << (std::holds_alternative<UplinkKey>(key) ? "" : ' ' + text_of(key));
+    return text.str();
+}
+
+std::string NodeSession::make(const Words &words)
+{
+    SimulatedPlane &plane = *places_.at(words[1]).plane;
+    Change change{key(words.at(2)), std::nullopt};
+    if (words.size() < 4 || words[3] != "gone")
+        change.wanted = Requested{.request = 1, .value = bytes_of(words.size() > 3 ? words[3] : "")};
+    const uint64_t before = plane.installed()[change.key].fingerprint;
+    const Answer answer = plane.program(std::span(&change, 1)).at(0);
+    std::ostringstream text;
+    text << status_text(static_cast<int32_t>(answer.status)) << (answer.silent ? " silent" : "");
+    if (answer.delay.count() != 0)
+        text << " after " << answer.delay.count();
+    if (plane.installed()[change.key].fingerprint != before)
+        text << ", changed";
+    return text.str();
+}
+
+std::string NodeSession::option(const Words &words)
+{
+    SimulatedOptions made;
+    return made.add(words[1]) ? "understood" : made.rules.empty() ? "refused" : "refused, but a rule";
+}
+
+std::string NodeSession::matches(const Words &words)
+{
+    const auto pattern = parse_pattern(words[1]);
+    std::string text;
+    for (const char *const one : {"ace:edge/10/5", "apply:edge/10/1", "uplink:1"})
+        text += pattern && pattern->matches(key(one)) ? std::string(one) + ' ' : "";
+    return text + '.';
+}
+
+// ---- the application ------------------------------------------------------------------------------------------------
+
+void NodeSession::subscribe()
+{
+    application_ = context();
+    const auto hear = [&](const ProtobufCMessageDescriptor &table, tq_mom_callback on_change) {
+        EXPECT_EQ(0, tq_mom_subscribe(application_.get(), db, Record(table).message(), 0, on_change, this));
+    };
+    for (const Table &table : tables())
+        hear(*table.status, on_status);
+    hear(s_policy__service_node__descriptor, on_publication);
+    hear(s_policy__ace_counter__descriptor, on_publication);
+}
+
+std::string NodeSession::set(const Words &words)
+{
+    const Key wanted = key(words[1]);
+    if (words[0] == "set")
+        write(wanted, std::stoull(words.at(2)), bytes_of(words.size() > 3 ? words[3] : ""));
+    else
+        EXPECT_EQ(
+            0, tq_mom_del_sync(application_.get(), db, Record(*tables()[wanted.index()].requested, wanted).message()));
+    return {};
+}
+
+void NodeSession::write(const Key &key, uint64_t request, std::vector<uint8_t> value)
+{
+    Record record(*tables()[key.index()].requested, key);
+    record.set_number("req_uuid", request);
+    const ProtobufCBinaryData bytes{value.size(), value.data()};
+    const ProtobufCMessage *message = record.message();
+    if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(message->descriptor, "value"))
+        std::memcpy(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(message)) + field->offset, &bytes,
+                    sizeof bytes);
+    EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, message));
+}
+
+std::string NodeSession::mark(const Words &words)
+{
+    const std::string app = words[1] == "nobody" ? "" : words[1];
+    Record record(s_policy__app_commit__descriptor);
+    record.set_key_text(0, app.c_str());
+    const std::string &kind = words.at(2);
+    record.set_key_number(1, kind == "enable" ? 0 : kind == "publish" ? 1 : std::stoul(kind));
+    record.set_number("tm_val", words.size() > 3 ? std::stoul(words[3]) : 0);
+    const bool gone = words[0] == "unmark";
+    EXPECT_EQ(0, (gone ? tq_mom_del_sync : tq_mom_set_sync)(application_.get(), db, record.message()));
+    marked_ = now();
+    return {};
+}
+
+bool NodeSession::run_until(const std::function<bool()> &condition)
+{
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20); // only a fault takes that long
+    while (!condition() && std::chrono::steady_clock::now() < give_up)
+        tq_loop_run_once(loop_.get(), 10);
+    return condition();
+}
+
+// Two rounds: changes of other tables may be delivered after a first one.
+std::string NodeSession::settle(const Words &words)
+{
+    const size_t nodes = words[1].empty() ? 1 : std::stoul(words[1]);
+    ++round_;
+    for (size_t round = 1; round <= 2; ++round) {
+        barriers_ = 0;
+        write(UplinkKey{.phyid = barrier_port, .type = round_}, round);
+        if (!run_until([&] { return barriers_ >= nodes; }))
+            return "a node does not answer";
+    }
+    return take_heard();
+}
+
+std::string NodeSession::take_heard()
+{
+    std::multiset<std::string> lines;
+    for (const Heard &heard : std::exchange(heard_, {}))
+        lines.insert(text_of(heard.key) + ' ' + std::to_string(heard.request) + ' ' +
+                     std::string(status_text(static_cast<int32_t>(heard.status))) + '\n');
+    return std::accumulate(lines.begin(), lines.end(), std::string());
+}
+
+// With a second number: unless it came before so many seconds had passed since the last marker.
+std::string NodeSession::until(const Words &words)
+{
+    const std::string &verb = words[0];
+    const size_t wanted = std::stoul(words[1]);
+    const auto reached = [&] {
+        return verb == "until"     ? heard_.size() >= wanted
+               : verb == "counted" ? counters_.size() >= wanted
+               : verb == "beats"   ? static_cast<size_t>(heartbeats_) >= wanted
+                                   : places_.begin()->second.plane->entries() == wanted;
+    };
+    const bool in_time = run_until(reached);
+    const bool sooner = words.size() > 2 && now() - marked_ < std::chrono::seconds(std::stoi(words[2]));
+    std::string text = in_time ? sooner ? "too soon\n" : "" : "not in time\n";
+    if (verb == "until")
+        return text + take_heard();
+    if (verb == "counted")
+        for (size_t at = 0; at < std::min(wanted, counters_.size()); ++at)
+            text += text_of(counters_[at].key) + ' ' + std::to_string(counters_[at].status) + " packets " +
+                    std::to_string(counters_[at].request) + " bytes\n";
+    if (verb == "beats")
+        text += std::to_string(counters_.size()) + " counters";
+    return text;
+}
+
+std::string NodeSession::stored(const Words &words)
+{
+    const auto &table = words[1] == "status"     ? s_policy__ace_psta__descriptor
+                        : words[1] == "counters" ? s_policy__ace_counter__descriptor
+                                                 : s_policy__service_node__descriptor;
+    std::string keys;
+    EXPECT_EQ(0, tq_mom_scan_sync(application_.get(), db, Record(table).message(), 0, on_stored, &keys));
+    return keys;
+}
+
+int32_t NodeSession::on_stored(void *, const tq_mom_notification *notification, void *arg)
+{
+    const auto key = key_of(notification->record);
+    *static_cast<std::string *>(arg) += (key ? text_of(*key) : "a node") + '\n';
+    return 0;
+}
+
+int32_t NodeSession::on_status(void *, const tq_mom_notification *notification, void *arg)
+{
+    auto *self = static_cast<NodeSession *>(arg);
+    const auto key = notification->event == TQ_MOM_EVENT_STATUS ? key_of(notification->record) : std::nullopt;
+    const auto *uplink = key ? std::get_if<UplinkKey>(&*key) : nullptr;
+    if (uplink != nullptr && uplink->phyid == barrier_port)
+        self->barriers_ += uplink->type == self->round_;
+    else if (key)
+        self->heard_.push_back({*key, static_cast<int32_t>(number_field(notification->record, "p_status")),
+                                number_field(notification->record, "rep_uuid")});
+    return 0;
+}
+
+int32_t NodeSession::on_publication(void *, const tq_mom_notification *notification, void *arg)
+{
+    auto *self = static_cast<NodeSession *>(arg);
+    if (notification->event != TQ_MOM_EVENT_PUBLISHED)
+        return 0;
+    if (const auto key = key_of(notification->record))
+        self->counters_.push_back({*key, static_cast<int64_t>(number_field(notification->record, "counter_pkt")),
+                                   number_field(notification->record, "counter_byte")});
+    else
+        ++self->heartbeats_;
+    return 0;
+}
+
+const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new NodeSession; });
 
 } // namespace
 } // namespace plx::plane

@@ -1,5 +1,6 @@
 // Keys and contents taken from records, hostile ones among them.
 #include "records/record.hpp"
+#include "records/status.hpp"
 
 #include <gtest/gtest.h>
 #include <plx/s_policy.pb-c.h>
@@ -68,6 +69,18 @@ TEST(Fingerprint, tells_contents_apart_and_requests_not)
         change(other);
         EXPECT_NE(base.fingerprint(), other.fingerprint());
     }
+}
+
+TEST(StatusText, is_there_for_every_number)
+{
+    EXPECT_EQ("table full", status_text(101));
+    EXPECT_EQ("unknown status", status_text(-7));
+    EXPECT_EQ("number out of range", status_text(106));
+    EXPECT_EQ("unknown status", status_text(107));
+    EXPECT_STREQ("invalid argument", plx_result_text(FP_UDP_INVALID));
+    EXPECT_STREQ("topic refused", plx_result_text(FP_UDP_TOPIC_REFUSED));
+    for (const int32_t none : {1, -3, -18})
+        EXPECT_STREQ("unknown result", plx_result_text(none));
 }
 
 } // namespace

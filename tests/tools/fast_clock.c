@@ -21,7 +21,8 @@ static void find_real(const char *name, void *func)
 
 static int64_t speed(void)
 {
-    return atoi(getenv("PLX_SPEED"));
+    const char *given = getenv("PLX_SPEED");
+    return given ? atoi(given) : 1;
 }
 
 static struct timeval normalised(int64_t us)
