@@ -146,6 +146,7 @@ class server {
 struct connection {
     int fd;
     explicit connection(const std::string &module = module_name) : fd(ssat_client_connect(module.c_str())) {}
+    explicit connection(int taken) : fd(taken) {}
     ~connection()
     {
         if (fd >= 0)

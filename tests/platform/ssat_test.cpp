@@ -235,26 +235,20 @@ TEST_F(ssat_test, what_is_no_socket_is_left_alone)
 std::string answer_to_uid(uid_t uid, const fs::path &path)
 {
     int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    const plx::tool::Process other([&] {
         sockaddr_un address{AF_UNIX, {}};
         strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        const int fd = setuid(uid) == 0 ? socket(AF_UNIX, SOCK_STREAM, 0) : -1;
-        char text[128] = "no connection";
-        if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
-            send(fd, "count\n", 6, MSG_NOSIGNAL);
-            text[std::max<ssize_t>(0, recv(fd, text, sizeof text - 1, MSG_WAITALL))] = '\0';
+        const connection client(setuid(uid) == 0 ? socket(AF_UNIX, SOCK_STREAM, 0) : -1);
+        std::string text = "no connection";
+        if (connect(client.fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+            client.send_raw("count\n");
+            text = client.receive_all();
         }
-        _exit(write(fds[1], text, strlen(text)) < 0);
-    }
+        _exit(write(fds[1], text.data(), text.size()) < 0);
+    });
     close(fds[1]);
-    char text[128];
-    const ssize_t got = read(fds[0], text, sizeof text);
-    close(fds[0]);
-    waitpid(child, nullptr, 0);
-    return {text, static_cast<size_t>(std::max<ssize_t>(0, got))};
+    return connection(fds[0]).receive_all();
 }
 
 TEST_F(ssat_test, another_user_is_refused_and_logged)

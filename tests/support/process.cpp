@@ -1,7 +1,6 @@
 // See process.hpp.
 #include "process.hpp"
 
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 namespace plx::tool {
 
@@ -163,24 +163,41 @@ bool has_terminals()
     return true;
 }
 
-Result run_on_terminal(const std::string &program, const std::vector<std::string> &arguments)
+Terminal::Terminal(const std::string &program, const std::vector<std::string> &arguments)
 {
-    int terminal = -1;
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child < 0)
-        throw std::runtime_error("forkpty");
-    if (child == 0)
+    int other = -1;
+    if (openpty(&fd_, &other, nullptr, nullptr, nullptr) != 0)
+        throw std::runtime_error("openpty");
+    process_.emplace([&] {
+        close(fd_);
+        login_tty(other);
         exec(program, arguments, {});
-    Result result;
-    std::array<char, 4096> buffer;
-    ssize_t got = 0;
-    while ((got = read(terminal, buffer.data(), buffer.size())) > 0)
-        result.out.append(buffer.data(), static_cast<size_t>(got));
-    close(terminal);
-    int status = 0;
-    waitpid(child, &status, 0);
-    result.exit_code = exit_code_of(status);
-    return result;
+    });
+    close(other);
+}
+
+Terminal::~Terminal()
+{
+    close(fd_);
+}
+
+std::string Terminal::read_until(const std::string &wanted)
+{
+    std::string text;
+    char buffer[256];
+    for (pollfd waiting{fd_, POLLIN, 0}; text.find(wanted) == text.npos && poll(&waiting, 1, 10000) > 0;) {
+        const ssize_t got = read(fd_, buffer, sizeof buffer);
+        if (got <= 0)
+            break;
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+void Terminal::type(const std::string &keys) const
+{
+    if (write(fd_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size()))
+        throw std::runtime_error("typing");
 }
 
 TemporaryDirectory::TemporaryDirectory()

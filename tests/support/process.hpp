@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <sys/types.h>
@@ -79,7 +80,22 @@ Result run_program(const std::string &program, const std::vector<std::string> &a
 // False where no pseudo-terminal can be had, as in a root without /dev/pts.
 bool has_terminals();
 
-// Everything that a program writes to a terminal that it stands on with all of its outputs.
-Result run_on_terminal(const std::string &program, const std::vector<std::string> &arguments);
+// A program on a terminal of its own, with all of its outputs.
+class Terminal {
+  public:
+    Terminal(const std::string &program, const std::vector<std::string> &arguments);
+    ~Terminal();
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    // What it shows until `wanted` appears among it, or it ends or is silent for ten seconds.
+    std::string read_until(const std::string &wanted);
+    void type(const std::string &keys) const;
+    int wait() { return process_->wait(); }
+
+  private:
+    int fd_ = -1;
+    std::optional<Process> process_;
+};
 
 } // namespace plx::tool

@@ -41,6 +41,24 @@ std::string Session::shown(const tool::Result &result) const
     return readable(text) + (result.exit_code == 0 ? "" : "= " + std::to_string(result.exit_code));
 }
 
+std::string Session::on_terminal(const std::string &verb, const std::string &rest)
+{
+    if (verb == "tty") {
+        if (!tool::has_terminals())
+            return skip("this machine gives no terminals");
+        terminal_.emplace("/bin/sh", std::vector<std::string>{"-c", "cd $DIR; exec " + rest});
+    }
+    if (verb == "type")
+        terminal_->type(unescaped(rest));
+    if (verb == "end") {
+        terminal_->read_until("never");
+        return "= " + std::to_string(terminal_->wait());
+    }
+    const std::string wanted = verb == "shows" ? unescaped(rest) : "";
+    const std::string shown = terminal_->read_until(wanted);
+    return shown.find(wanted) == shown.npos ? "it shows " + testing::PrintToString(shown) : "";
+}
+
 std::string Session::perform(const std::string &line)
 {
     static const std::regex command("(\\w*)\\$ (?:(\\w+)& )?(.*)");
@@ -54,8 +72,8 @@ std::string Session::perform(const std::string &line)
     }
     std::string rest = line;
     const std::string verb = take_word(rest);
-    if (verb == "terminal")
-        return shown(tool::run_on_terminal("/bin/sh", {"-c", "cd $DIR; " + rest}));
+    if (verb == "tty" || verb == "type" || verb == "shows" || line == "end tty")
+        return on_terminal(verb, rest);
     const std::string name = take_word(rest);
     if (!started_.contains(name))
         return "there is no verb for this line";

@@ -6,7 +6,9 @@
 //     signal one 15
 //     running one                  yes or no
 //     end one                      waits until it ends, and shows all of it
-//     terminal plx apply x.yaml    on a terminal
+//     tty plx shell app.fp         on a terminal
+//     type va\tna                  keys on it
+//     shows app.fp>                waits for a text on it; at last, end tty
 //
 // Shown as T is what took a time, as N a number of more than eight digits.
 #pragma once
@@ -30,7 +32,9 @@ class Session : public Transcript {
 
   private:
     std::string shown(const tool::Result &result) const;
+    std::string on_terminal(const std::string &verb, const std::string &rest);
 
+    std::optional<tool::Terminal> terminal_;
     std::map<std::string, std::unique_ptr<tool::Process>> started_;
 };
 

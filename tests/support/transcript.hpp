@@ -25,6 +25,8 @@ class Transcript : public testing::Test {
   protected:
     // Does what a line says, and tells what came of it.
     virtual std::string perform(const std::string &line) = 0;
+    // For perform() to return: the rest of the scenario cannot be had here.
+    static std::string skip(const char *why);
 
   private:
     struct Step {
