@@ -65,7 +65,9 @@ static inline int plx_attribute_known(uint32_t cls, const char *name)
  *     it for an entry without attributes.
  *
  * On the diagnostic channel -4 may be silent: what can be seen to be refused is not pushed at all. A value of the wrong
- * length for its name is pushed: a service node answers it with FP_UDP_NODE_BAD_VALUE. */
+ * length for its name is pushed: a service node answers it with FP_UDP_NODE_BAD_VALUE.
+ *
+ * The compiler warns whoever drops the result: an entry that lost a match field is programmed, and agrees with more. */
 FP_UDP_RESULT static inline int32_t plx_push(fp_udp_ace_tlv **tlv, uint32_t cls, const char *name, const void *value,
                                              size_t len)
 {
