@@ -30,7 +30,8 @@ extern "C" {
 #define FP_UDP_LAYOUT(condition) struct fp_udp_layout_unchecked
 #endif
 
-/* A result that tells what nothing else does: whoever drops it is warned. In C++17 `(void)` drops it on purpose. */
+/* Marks a function whose result tells what nothing else does: whoever drops it is warned. From C++17 on a cast to void
+ * drops it on purpose; in C, where GCC warns of the cast as well, assign it and say why it is of no use. */
 #if defined(__cplusplus) && __cplusplus >= 201703L
 #define FP_UDP_RESULT [[nodiscard]]
 #elif defined(__GNUC__)
