@@ -120,10 +120,12 @@ std::string take_value(const ProtobufCFieldDescriptor *field, uint64_t kind, std
         size = take_number(bytes);
     std::string_view value = bytes.substr(0, size);
     bytes.remove_prefix(size);
+    uint32_t whole = 0;
+    double fraction = 0;
     if (kind == fixed32)
-        return std::to_string(*reinterpret_cast<const uint32_t *>(value.data()));
+        return std::memcpy(&whole, value.data(), sizeof whole), std::to_string(whole);
     if (kind == fixed64)
-        return std::to_string(*reinterpret_cast<const double *>(value.data()));
+        return std::memcpy(&fraction, value.data(), sizeof fraction), std::to_string(fraction);
     if (type == PROTOBUF_C_TYPE_MESSAGE)
         return text_of_bytes(message_of(*field), value);
     if (wire_of(type) == counted)

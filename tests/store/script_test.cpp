@@ -368,39 +368,36 @@ class scenario : public store_users, public testing::Test {
         server_->start(options, answer);
     }
 
-    // A last record of each table that is followed, under an application that no scenario has; it is heard, and goes.
-    void settle(actor &who, const std::string &of)
+    // A last record of a table that is followed, under an application that no scenario has; it is heard, and goes.
+    void settle(const std::string &table, hearing &mark)
     {
         const context_ptr other(tq_context_new_on(address({}).c_str(), loop.get()));
-        for (auto &[table, mark] : who.marks) {
-            if (!of.empty() && table != of)
-                continue;
-            const text_record last(table + "[" + mark_name + "]", {});
-            const auto heard = [&mark](auto matches) {
-                return std::any_of(mark.lines.begin(), mark.lines.end(), matches);
-            };
-            do { // where changes were lost, this one may be among them
-                mark.lines.clear();
-                until_ok([&] { return tq_mom_set_sync(other.get(), last.db(), last.message()); });
-                wait_for([&] { return heard(is_lost) || heard(is_mark); });
-            } while (!heard(is_mark) && !HasFailure());
-            EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(other.get(), last.db(), last.message()));
-        }
+        const text_record last(table + "[" + mark_name + "]", {});
+        const auto heard = [&mark](auto matches) { return std::any_of(mark.lines.begin(), mark.lines.end(), matches); };
+        do { // where changes were lost, this one may be among them
+            mark.lines.clear();
+            until_ok([&] { return tq_mom_set_sync(other.get(), last.db(), last.message()); });
+            wait_for([&] { return heard(is_lost) || heard(is_mark); });
+        } while (!heard(is_mark) && !HasFailure());
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_del_sync(other.get(), last.db(), last.message()));
+    }
+
+    void tell(const std::string &whose, hearing &told, bool silently)
+    {
+        for (const auto &line : std::exchange(told.lines, {}))
+            if (!silently && line.find(mark_name) == line.npos)
+                show(whose + ": " + line);
     }
 
     void hear(const std::string &of, const std::string &verb)
     {
         for (auto &[name, who] : actors_) {
-            if (verb != "sofar")
-                settle(who, of);
-            for (auto &[what, told] : who.told) {
-                if (!of.empty() && what.substr(0, what.find('[')) != of)
-                    continue;
-                std::erase_if(told.lines, [](const auto &line) { return line.find(mark_name) != line.npos; });
-                for (const auto &line : verb == "settle" ? lines{} : told.lines)
-                    show(name.substr(0, name.size() - 1) + " " + what + ": " + line);
-                told.lines.clear();
-            }
+            for (auto &[table, mark] : who.marks)
+                if (verb != "sofar" && (of.empty() || table == of))
+                    settle(table, mark);
+            for (auto &[what, told] : who.told)
+                if (of.empty() || what.substr(0, what.find('[')) == of)
+                    tell(name.substr(0, name.size() - 1).append(" ").append(what), told, verb == "settle");
         }
     }
 
