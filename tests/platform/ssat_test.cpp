@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 namespace fs = std::filesystem;
@@ -117,6 +118,17 @@ TEST_F(ssat_session, output_beyond_the_bound_is_cut_and_said_to_be)
     EXPECT_EQ(answer.size(), 4 + (size_t{4} << 20) + 5);
     EXPECT_EQ(answer.substr(answer.size() - 5), "[cut]");
     EXPECT_EQ(client.run("count"), "ok: 1") << "standard output works again";
+}
+
+TEST_F(ssat_session, signals_that_interrupt_a_waiting_client_cost_it_nothing)
+{
+    struct sigaction ignored = {};
+    ignored.sa_handler = [](int) {};
+    sigaction(SIGALRM, &ignored, nullptr);
+    const itimerval often{{0, 1000}, {0, 1000}}, never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(client.run("loop"), "ok: in out");
+    setitimer(ITIMER_REAL, &never, nullptr);
 }
 
 TEST_F(ssat_test, a_client_that_does_not_read_or_goes_away_harms_nobody)
