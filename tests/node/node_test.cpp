@@ -6,7 +6,7 @@
 //     stop one; restart one         the node alone: its plane stays; `fresh one` restarts it on an empty plane
 //     set ace:edge/10/1 100 BYTES   a request by the application; del takes it away
 //     marker edge enable 60         an application's commit marker; unmark takes it away
-//     settle [NODES]                what was heard until everything written before has been dealt with, in order of keys
+//     settle [NODES]                what was heard until all that was written before is dealt with, in order of keys
 //     until 3                       what was heard once there are so many answers
 //     intervals 1 1 1               of heartbeat, counters and retry in milliseconds, for the nodes to come
 //     counted 2; beats 10           the first counter records; that many heartbeats
