@@ -12,7 +12,8 @@
  *     at once between paced reconnection attempts.
  *  4. Records handed in are copied and may be freed after the call. Records handed to a callback live until it returns.
  *  5. Callbacks of tq_mom_subscribe run from the event loop only, never from inside a call into the store client.
- *     Callbacks of tq_mom_scan_sync run before the scan returns. Both may call any function of this header.
+ *     Callbacks of tq_mom_scan_sync run before the scan returns. Both may call any function of this header. An exception
+ *     that one lets out ends there; a scan then calls it no more, and fails.
  *  6. One thread: the client takes no lock.
  */
 #ifndef TQ_MOM_H

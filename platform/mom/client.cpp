@@ -1,11 +1,10 @@
 // tq_mom.h over an engine: arguments are checked, records encoded and decoded, and exceptions stopped here.
 #include "client.hpp"
 
+#include "platform/guard.hpp"
 #include "wire.hpp"
 
 #include <cstdlib>
-#include <new>
-#include <system_error>
 
 using namespace mom;
 
@@ -32,33 +31,22 @@ int resolve(void *handle, uint32_t db, const ProtobufCMessage *record, target &o
 }
 
 // Runs `body`; no exception leaves.
-template <typename Body> int guarded(Body body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::bad_alloc &) {
-        return TQ_MOM_NO_MEMORY;
-    } catch (const std::system_error &) { // the only calls that throw it make a descriptor
-        return TQ_MOM_NO_DESCRIPTOR;
-    } catch (...) {
-        return TQ_MOM_STORE_ERROR;
-    }
-}
-
 template <typename Body> int call_engine(void *handle, Body body) noexcept
-{
+try {
     auto *client = handle == nullptr ? nullptr : static_cast<tq_context *>(handle)->mom;
-    return client == nullptr ? TQ_MOM_INVALID : guarded([&] { return static_cast<int>(body(*client->engine)); });
+    return client == nullptr ? TQ_MOM_INVALID : static_cast<int>(body(*client->engine));
+} catch (...) {
+    return platform::thrown_result();
 }
 
-// Runs `body` on what the arguments name.
+// The same, on what the arguments name.
 template <typename Body> int call(void *handle, uint32_t db, const ProtobufCMessage *record, Body body) noexcept
-{
-    return guarded([&]() -> int {
-        target target{};
-        const int resolved = resolve(handle, db, record, target);
-        return resolved != TQ_MOM_OK ? resolved : body(target);
-    });
+try {
+    target target{};
+    const int resolved = resolve(handle, db, record, target);
+    return resolved != TQ_MOM_OK ? resolved : body(target);
+} catch (...) {
+    return platform::thrown_result();
 }
 
 template <typename Body>
@@ -86,10 +74,15 @@ class scan_sink final : public record_sink {
     scan_sink(const target &target, const listener &to) : target_(target), to_(to) {}
     void record(std::string_view key, field_values fields, int result) override
     {
-        target_.client->notify(to_, *target_.table.type, key, fields, {TQ_MOM_EVENT_SET, nullptr, result, 0});
+        if (told_ == TQ_MOM_OK)
+            told_ =
+                target_.client->notify(to_, *target_.table.type, key, fields, {TQ_MOM_EVENT_SET, nullptr, result, 0});
     }
+    /// Of the callback, which is not called again once it failed.
+    int told() const { return told_; }
 
   private:
+    int told_ = TQ_MOM_OK;
     target target_;
     listener to_;
 };
@@ -132,13 +125,21 @@ void subscription::deliver(const change &change)
 {
     const tq_mom_notification told{event_of(*table_.type, change.kind), nullptr, change.result, change.echo ? 1 : 0};
     if (change.kind == change_kind::resync)
-        to_.callback(to_.handle, &told, to_.arg);
+        client_.tell(to_, told);
     else
         client_.notify(to_, *table_.type, change.key, change.fields, told);
 }
 
-void tq_mom_client::notify(const listener &to, const record_type &type, std::string_view key_text, field_values fields,
-                           tq_mom_notification notification)
+int tq_mom_client::tell(const listener &to, const tq_mom_notification &notification) noexcept
+try {
+    to.callback(to.handle, &notification, to.arg);
+    return TQ_MOM_OK;
+} catch (...) {
+    return platform::thrown_result();
+}
+
+int tq_mom_client::notify(const listener &to, const record_type &type, std::string_view key_text, field_values fields,
+                          tq_mom_notification notification)
 {
     ProtobufCMessage *record = nullptr;
     if (notification.result == TQ_MOM_OK) {
@@ -146,8 +147,9 @@ void tq_mom_client::notify(const listener &to, const record_type &type, std::str
         notification.result = record == nullptr ? TQ_MOM_CORRUPT : TQ_MOM_OK;
     }
     notification.record = record;
-    to.callback(to.handle, &notification, to.arg);
+    const int told = tell(to, notification);
     protobuf_c_message_free_unpacked(record, nullptr);
+    return told;
 }
 
 int tq_mom_client_connect_sync(void *handle, uint32_t)
@@ -236,7 +238,8 @@ int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, 
         return TQ_MOM_INVALID;
     return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
         scan_sink sink(target, {handle, cb, arg});
-        return target.client->engine->scan(target.table, range, sink);
+        const int result = target.client->engine->scan(target.table, range, sink);
+        return result == TQ_MOM_OK ? sink.told() : result;
     });
 }
 
@@ -252,11 +255,10 @@ int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, 
             if (known->is_for(target.table, range, to))
                 return TQ_MOM_OK;
         auto added = std::make_unique<subscription>(client, target.table, range, to);
-        client.subscriptions.push_back(std::move(added));
-        const auto at = client.subscriptions.back().get();
-        const int subscribed = client.engine->subscribe(target.table, range, *at);
-        if (subscribed != TQ_MOM_OK)
-            client.subscriptions.pop_back();
+        client.subscriptions.reserve(client.subscriptions.size() + 1); // once the engine has it, it has to stay
+        const int subscribed = client.engine->subscribe(target.table, range, *added);
+        if (subscribed == TQ_MOM_OK)
+            client.subscriptions.push_back(std::move(added));
         return subscribed;
     });
 }

@@ -4,7 +4,9 @@
 #include "wire.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace mom {
 namespace {
@@ -74,6 +76,23 @@ void close_index(std::string &out, const record_type &type, size_t start)
     append_tag(head, type.index->id, wire_type::length);
     append_varint(head, out.size() - start);
     out.insert(start, head);
+}
+
+// Want of memory is no fault of the record.
+ProtobufCMessage *unpack(const record_type &type, std::string_view bytes)
+{
+    bool short_of_memory = false;
+    ProtobufCAllocator allocator{[](void *refused, size_t size) {
+                                     void *block = std::malloc(size);
+                                     *static_cast<bool *>(refused) |= block == nullptr && size > 0;
+                                     return block;
+                                 },
+                                 [](void *, void *block) { std::free(block); }, &short_of_memory};
+    auto *record = protobuf_c_message_unpack(type.descriptor, &allocator, bytes.size(),
+                                             reinterpret_cast<const uint8_t *>(bytes.data()));
+    if (short_of_memory)
+        throw std::bad_alloc();
+    return record;
 }
 
 } // namespace
@@ -195,8 +214,7 @@ ProtobufCMessage *decode_record(const record_type &type, std::string_view key, f
             return nullptr;
         scratch.append(field.bytes);
     }
-    return protobuf_c_message_unpack(type.descriptor, nullptr, scratch.size(),
-                                     reinterpret_cast<const uint8_t *>(scratch.data()));
+    return unpack(type, scratch);
 }
 
 } // namespace mom

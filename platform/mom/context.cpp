@@ -1,12 +1,11 @@
 // tq_context.h: a loop and a store client, made and freed together.
 #include "client.hpp"
 #include "mem_engine.hpp"
+#include "platform/guard.hpp"
 #include "redis_engine.hpp"
 
 #include <cerrno>
 #include <cstdlib>
-#include <new>
-#include <system_error>
 
 using namespace mom;
 
@@ -43,20 +42,14 @@ tq_context *make_context(const char *address, tq_thread_master *master)
 } // namespace
 
 tq_context *tq_context_new_on(const char *store_url, tq_thread_master *master)
-{
+try {
     if (master == nullptr) {
         errno = EINVAL;
         return nullptr;
     }
-    try {
-        return make_context(store_url, master);
-    } catch (const std::system_error &error) {
-        errno = error.code().value();
-        return nullptr;
-    } catch (...) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    return make_context(store_url, master);
+} catch (...) {
+    return platform::thrown_errno<tq_context *>(nullptr);
 }
 
 tq_context *tq_context_new(const char *store_url)

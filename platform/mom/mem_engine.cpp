@@ -50,9 +50,14 @@ bool mem_subscription::step()
         recover();
         return true;
     }
-    ++seen_;
-    if (range_.contains(change->key))
-        deliver(*change);
+    ++seen_; // before the callback, which may run the loop
+    try {
+        if (range_.contains(change->key))
+            deliver(*change);
+    } catch (...) { // it was not told
+        --seen_;
+        throw;
+    }
     return true;
 }
 
@@ -70,27 +75,34 @@ void mem_subscription::deliver(const mem_change &change)
 // other tables, so there the records that changed since are delivered, oldest change first.
 void mem_subscription::recover()
 {
-    const uint64_t since = seen_;
+    std::vector<std::pair<uint64_t, std::string>> changed;
+    if (ref_.type->kind != record_kind::requested)
+        for (const auto &[key, record] : table_.records())
+            if (record.stamp > seen_ && range_.contains(key))
+                changed.emplace_back(record.stamp, key);
+    std::sort(changed.begin(), changed.end());
+    std::list<std::string> missed;
+    for (auto &[stamp, key] : changed)
+        missed.push_back(std::move(key));
+    missed_.splice(missed_.end(), missed);
     seen_ = table_.last();
     if (ref_.type->kind == record_kind::requested)
-        return sink_.deliver({change_kind::resync, {}, {}, false});
-    std::vector<std::pair<uint64_t, std::string>> changed;
-    for (const auto &[key, record] : table_.records())
-        if (record.stamp > since && range_.contains(key))
-            changed.emplace_back(record.stamp, key);
-    std::sort(changed.begin(), changed.end());
-    for (auto &[stamp, key] : changed)
-        missed_.push_back(std::move(key));
+        sink_.deliver({change_kind::resync, {}, {}, false});
 }
 
 // A record that was written again since comes with its own change.
 void mem_subscription::deliver_missed()
 {
-    const std::string key = std::move(missed_.front());
-    missed_.pop_front();
-    const auto record = table_.records().find(key);
-    if (record != table_.records().end() && record->second.stamp <= seen_)
-        deliver({key, record->second.image, 0});
+    std::list<std::string> next;
+    next.splice(next.end(), missed_, missed_.begin());
+    const auto record = table_.records().find(next.front());
+    try {
+        if (record != table_.records().end() && record->second.stamp <= seen_)
+            deliver({next.front(), record->second.image, 0});
+    } catch (...) { // it was not told
+        missed_.splice(missed_.begin(), next);
+        throw;
+    }
 }
 
 mem_engine::mem_engine(const store_url &url, tq_thread_master *master)

@@ -10,6 +10,8 @@
 #include "marks.hpp"
 #include "mem_store.hpp"
 
+#include <list>
+
 namespace mom {
 
 class mem_engine;
@@ -38,7 +40,7 @@ class mem_subscription final : public mem_reader {
     key_range range_;
     change_sink &sink_;
     uint64_t seen_;
-    std::deque<std::string> missed_; // records to deliver for changes that the log lost; not changed after seen_
+    std::list<std::string> missed_; // records to deliver for changes that the log lost; not changed after seen_
 };
 
 class mem_engine final : public engine {

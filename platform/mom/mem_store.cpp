@@ -62,11 +62,15 @@ void mem_table::write(std::string_view key, field_values fields, write_mode mode
     if (record != records_.end() && mode == write_mode::merge)
         record->second.image->list(merged_);
     merge_fields(merged_, fields);
-    auto image = std::make_shared<const field_image>(merged_);
+    const mem_record written{std::make_shared<const field_image>(merged_), last_ + 1};
+    record_map added;
     if (record == records_.end())
-        record = records_.emplace(std::string(key), mem_record{}).first;
-    record->second = {image, last_ + 1};
-    log(key, std::move(image), writer);
+        added.emplace(std::string(key), written);
+    log(key, written.image, writer); // from here on nothing fails
+    if (record == records_.end())
+        records_.insert(added.extract(added.begin()));
+    else
+        record->second = written;
 }
 
 void mem_table::remove(std::string_view key, uint64_t writer)

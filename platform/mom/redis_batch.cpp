@@ -251,14 +251,19 @@ bool command_batch::finish(redis_link &link, std::vector<int> &results, const ri
     }
     if (!sent)
         link.drop();
+    forget();
+    return as_meant;
+}
+
+void command_batch::forget()
+{
     commands_.clear();
     calls_.clear();
     items_.clear();
-    if (std::exchange(closed_, false))
-        open_.clear();
+    open_.clear();
+    closed_ = false;
     results_ = sent_ = sent_bytes_ = 0;
     failure_ = TQ_MOM_OK;
-    return as_meant;
 }
 
 } // namespace mom

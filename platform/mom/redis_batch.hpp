@@ -35,6 +35,8 @@ class command_batch {
     /// Sends the rest, waits for the answers, appends the result of each, and is empty again. False: something failed,
     /// or the metadata is not what it was.
     bool finish(redis_link &link, std::vector<int> &results, const ride &along);
+    /// Empty again, whatever became of what was collected.
+    void forget();
 
   private:
     enum class verdict : uint8_t { done, partly, again };

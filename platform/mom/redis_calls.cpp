@@ -59,15 +59,27 @@ int redis_calls::ready_to_collect()
     return result;
 }
 
+void redis_calls::give_up()
+{
+    link_.drop();
+    batch_.forget();
+    ++era_;
+    spoilt_ = true;
+}
+
 void redis_calls::send()
 {
-    if (!batch_.send(link_))
+    bool sent = true;
+    collect([&](command_batch &batch) { sent = batch.send(link_); });
+    if (!sent)
         flush();
 }
 
 void redis_calls::flush(const ride &along)
 {
-    if (!batch_.empty() && !batch_.finish(link_, results_, along))
+    bool as_meant = true;
+    collect([&](command_batch &batch) { as_meant = batch.empty() || batch.finish(link_, results_, along); });
+    if (!as_meant)
         ++era_; // the metadata may have changed, or be gone: have the next write look
 }
 

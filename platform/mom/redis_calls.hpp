@@ -14,6 +14,7 @@
 #include "redis_batch.hpp"
 
 #include <functional>
+#include <utility>
 
 namespace mom {
 
@@ -37,7 +38,19 @@ class redis_calls {
 
     /// Before something joins the batch, which is of one connection, whose server has the scripts.
     int ready_to_collect();
-    command_batch &batch() { return batch_; }
+    const command_batch &batch() const { return batch_; }
+    /// Adds to the batch. Short of memory halfway, all that was collected is given up, and the connection with it.
+    template <typename Step> void collect(Step step)
+    {
+        try {
+            step(batch_);
+        } catch (...) {
+            give_up();
+            throw;
+        }
+    }
+    /// Whether that happened since this was asked last.
+    bool spoilt() { return std::exchange(spoilt_, false); }
     /// Sends what was collected, and does not wait for the answers.
     void send();
     void flush(const ride &along = {});
@@ -46,6 +59,7 @@ class redis_calls {
 
   private:
     int ready();
+    void give_up();
 
     redis_link link_;
     redis_scripts scripts_;
@@ -53,6 +67,7 @@ class redis_calls {
     command_buffer commands_;
     command_batch batch_{scripts_, writer_};
     std::vector<int> results_;
+    bool spoilt_ = false;
     uint64_t count_ = 0;
     uint64_t generation_ = 0; ///< of the connection of the latest call
     uint64_t era_ = 0;

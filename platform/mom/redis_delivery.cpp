@@ -23,13 +23,13 @@ uint64_t parse_stamp(std::string_view text)
 
 } // namespace
 
-void redis_audience::deliver(uint64_t number, const change &change)
+void redis_audience::deliver(uint64_t number, const change &change, size_t &told)
 {
     const bool to_all = change.kind == change_kind::resync;
-    for (size_t i = 0; i < subscribers.size(); ++i) {
-        const bool later = number > subscribers[i].start;
-        if (to_all || (later && subscribers[i].range.contains(change.key)))
-            subscribers[i].sink.deliver(change);
+    for (; told < subscribers.size(); ++told) {
+        const bool later = number > subscribers[told].start;
+        if (to_all || (later && subscribers[told].range.contains(change.key)))
+            subscribers[told].sink.deliver(change);
     }
 }
 
@@ -44,7 +44,7 @@ bool redis_audience::set_aside(int result)
 
 redis_audience &redis_delivery::add(redis_table &table)
 {
-    return *audiences_.emplace_back(new redis_audience{table, {}, {}});
+    return *audiences_.emplace_back(std::make_unique<redis_audience>(redis_audience{table, {}, {}}));
 }
 
 void redis_delivery::put(redis_audience &to, const log_entry &entry)
@@ -98,12 +98,13 @@ redis_delivery::outcome redis_delivery::round()
 
 void redis_delivery::deliver_next()
 {
-    const queued next = std::move(queue_.front());
-    queue_.pop_front();
+    auto &next = queue_.front();
     const field_value body{joined, next.body};
     const bool written = next.kind == change_kind::written;
     next.to.deliver(next.number,
-                    {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK});
+                    {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK},
+                    next.told);
+    queue_.pop_front();
 }
 
 // One page of making up for lost changes. Where the store does not answer, the rest waits for the reconnection, which
@@ -142,40 +143,50 @@ int redis_delivery::list_lost(redis_audience &of)
     for (const auto &key : keys) {
         const uint64_t stamp = parse_stamp(reply.text());
         if (stamp > lost.base && stamp <= lost.last)
-            lost.found.emplace_back(stamp, key);
+            lost.found.push_back({stamp, key});
         lost.after = key;
         reply = reply.next();
     }
     lost.listed = keys.size() < records_per_page;
     if (lost.listed)
-        std::sort(lost.found.begin(), lost.found.end());
+        lost.found.sort([](const auto &a, const auto &b) { return a.stamp < b.stamp; });
     return TQ_MOM_OK;
 }
 
 // A record that was written again since comes with its own change.
 int redis_delivery::deliver_lost(redis_audience &of)
 {
-    std::vector<std::pair<uint64_t, std::string>> page;
-    auto &found = of.lost->found;
-    for (; !found.empty() && page.size() < changes_per_round; found.pop_front())
-        page.push_back(std::move(found.front()));
+    struct page_of { // what was not told of it comes back
+        explicit page_of(redis_audience &from) : of(from)
+        {
+            auto &found = of.lost->found;
+            const auto size = std::min<size_t>(found.size(), changes_per_round);
+            records.splice(records.end(), found, found.begin(), std::next(found.begin(), static_cast<long>(size)));
+        }
+        ~page_of()
+        {
+            if (of.lost)
+                of.lost->found.splice(of.lost->found.begin(), records);
+        }
+        redis_audience &of;
+        std::list<redis_audience::recovery::record> records;
+    } page(of);
     const uint64_t last = of.lost->last;
     const int asked = calls_.ask([&](command_buffer &commands) {
-        for (const auto &[stamp, key] : page)
-            commands.command("HGETALL", of.table.record(key));
+        for (const auto &record : page.records)
+            commands.command("HGETALL", of.table.record(record.key));
     });
-    if (asked != TQ_MOM_OK) {
-        found.insert(found.begin(), page.begin(), page.end());
+    if (asked != TQ_MOM_OK)
         return asked;
-    }
     reply_tape tape;
     calls_.link().take_replies(tape);
     std::vector<field_value> fields;
     reply_view reply(tape, 0);
-    for (const auto &[number, key] : page) {
+    for (; !page.records.empty(); page.records.pop_front()) {
+        auto &record = page.records.front();
         std::string_view stamp;
         if (reply.size() > 0 && parse_record(reply, fields, &stamp) && parse_stamp(stamp) <= last)
-            of.deliver(number, {change_kind::written, key, fields, false, TQ_MOM_OK});
+            of.deliver(record.stamp, {change_kind::written, record.key, fields, false, TQ_MOM_OK}, record.told);
         reply = reply.next();
     }
     return TQ_MOM_OK;

@@ -13,6 +13,7 @@
 #include "redis_calls.hpp"
 
 #include <deque>
+#include <list>
 #include <optional>
 
 namespace mom {
@@ -30,10 +31,16 @@ struct redis_audience {
         uint64_t last;
         std::string after;
         bool listed = false;
-        std::deque<std::pair<uint64_t, std::string>> found; ///< in the order of writing once all are listed
+        struct record {
+            uint64_t stamp;
+            std::string key;
+            size_t told = 0; ///< subscribers
+        };
+        std::list<record> found; ///< in the order of writing once all are listed
     };
 
-    void deliver(uint64_t number, const change &change);
+    /// Tells the subscribers from number `told` on, which counts them. What leaves it by exception was not told to that one.
+    void deliver(uint64_t number, const change &change, size_t &told);
     /// False where `result` is no reason to; else the table is not read until `aside` is taken back.
     bool set_aside(int result);
 
@@ -71,6 +78,7 @@ class redis_delivery {
         std::string key;
         std::string body;
         bool echo;
+        size_t told = 0; ///< subscribers
     };
 
     void deliver_next();

@@ -52,6 +52,10 @@ int redis_engine::end_batch(std::span<int> results)
     if (!calls_.batch().empty())
         flush();
     const auto all = std::exchange(calls_.results(), {});
+    if (calls_.spoilt()) { // what was done of it is not known
+        std::fill(results.begin(), results.end(), int{TQ_MOM_DISCONNECTED});
+        return TQ_MOM_DISCONNECTED;
+    }
     std::copy_n(all.begin(), std::min(all.size(), results.size()), results.begin());
     const auto failed = std::find_if(all.begin(), all.end(), [](int result) { return result != TQ_MOM_OK; });
     return failed == all.end() ? TQ_MOM_OK : *failed;
@@ -88,7 +92,7 @@ int redis_engine::write(table_ref ref, std::string_view key, const encoded_field
     result = result == TQ_MOM_OK ? know(table, fields.values) : result;
     if (result != TQ_MOM_OK)
         return result;
-    calls_.batch().write(table, mode, key, fields);
+    calls_.collect([&](command_batch &batch) { batch.write(table, mode, key, fields); });
     return collected();
 }
 
@@ -97,7 +101,8 @@ int redis_engine::remove(table_ref ref, std::string_view key)
     const int result = calls_.ready_to_collect();
     if (result != TQ_MOM_OK)
         return result;
-    calls_.batch().remove(table_of(ref), key);
+    auto &table = table_of(ref);
+    calls_.collect([&](command_batch &batch) { batch.remove(table, key); });
     return collected();
 }
 

@@ -27,7 +27,11 @@ class redis_engine final : public engine {
     int state() override { return calls_.link().connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
     int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
     int remove(table_ref ref, std::string_view key) override;
-    void begin_batch() override { batching_ = true; }
+    void begin_batch() override
+    {
+        calls_.spoilt(); // before this batch
+        batching_ = true;
+    }
     void send_batch() override { calls_.send(); }
     int end_batch(std::span<int> results) override;
     int read(table_ref ref, std::string_view key, record_sink &sink) override;

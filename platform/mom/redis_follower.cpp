@@ -24,7 +24,7 @@ int redis_follower::subscribe(redis_table &table, const key_range &range, change
     auto *known = find(table.log);
     added = known == nullptr;
     if (added)
-        known = tables_.emplace_back(new followed{delivery_.add(table), redis_feed(now)}).get();
+        known = tables_.emplace_back(std::make_unique<followed>(followed{delivery_.add(table), redis_feed(now)})).get();
     known->audience.subscribers.push_back({range, sink, now.last});
     return TQ_MOM_OK;
 }

@@ -69,13 +69,18 @@ int redis_reader::subscribe(redis_table &table, const key_range &range, change_s
         return result;
     if (added && life_ == life::asked)
         life_ = life::stale;
+    guard(&redis_reader::follow); // whatever fails now: the sink has its place
+    return TQ_MOM_OK;
+}
+
+void redis_reader::follow()
+{
     if (life_ == life::off && connect() != TQ_MOM_OK)
         reconnect_in(calls_.link().pause());
     else if (life_ == life::stale)
         remind();
     else
         ask();
-    return TQ_MOM_OK;
 }
 
 // ---- the connection

@@ -55,6 +55,7 @@ class redis_reader {
     template <void (redis_reader::*Step)()> static int on_timer(tq_thread *timer);
     void guard(void (redis_reader::*step)());
 
+    void follow();
     void become(life next);
     int connect();
     int prepare(line &next);

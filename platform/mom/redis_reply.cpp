@@ -14,7 +14,7 @@ template <typename... Arguments> void *add_to_tape(const redisReadTask *task, Ar
     try {
         tape->add(arguments...);
         return tape;
-    } catch (const std::bad_alloc &) {
+    } catch (...) {
         return nullptr;
     }
 }

@@ -5,6 +5,7 @@
 #include "ssat_client.h"
 
 #include "directory.hpp"
+#include "platform/guard.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <memory>
-#include <new>
 #include <optional>
 #include <poll.h>
 #include <sys/socket.h>
@@ -137,8 +137,8 @@ try {
         if (entry->d_name[0] != '.' && alive(fd, entry->d_name))
             func(ssat::unescape(entry->d_name).c_str(), arg);
     return 0;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+} catch (...) {
+    return platform::thrown_error();
 }
 
 int ssat_client_connect(const char *module)
@@ -151,9 +151,8 @@ try {
     if (!directory)
         return -1;
     return ssat::connect_to(directory.get(), ssat::escape(module), SOCK_NONBLOCK).release();
-} catch (const std::bad_alloc &) {
-    errno = ENOMEM;
-    return -1;
+} catch (...) {
+    return platform::thrown_errno(-1);
 }
 
 int ssat_client_run(int fd, const char *line, void (*func)(const char *text, size_t size, void *arg), void *arg,
@@ -181,7 +180,6 @@ try {
     if (cut)
         *cut = header->cut;
     return header->status;
-} catch (const std::bad_alloc &) {
-    errno = ENOMEM;
-    return -1;
+} catch (...) {
+    return platform::thrown_errno(-1);
 }

@@ -163,7 +163,7 @@ void module::on_connection(tq_loop_watch *, int, int, void *arg)
 try {
     if (!busy())
         static_cast<module *>(arg)->accept_one();
-} catch (const std::bad_alloc &) {
+} catch (...) {
     log(TQ_ZLOG_ERROR, __func__, "no memory for another connection");
 }
 

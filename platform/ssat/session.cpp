@@ -52,7 +52,7 @@ void session::on_event(tq_loop_watch *, int, int events, void *arg)
     bool alive = false;
     try {
         alive = self->advance(events & TQ_LOOP_READABLE);
-    } catch (const std::bad_alloc &) {
+    } catch (...) {
         // This client is given up; what the module holds is untouched.
     }
     if (!alive)

@@ -7,6 +7,7 @@
 
 #include "log.hpp"
 #include "module.hpp"
+#include "platform/guard.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -59,8 +60,8 @@ try {
     if (known == modules().end())
         return open_module(context, module);
     return known->second->context() == context ? 0 : EBUSY;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+} catch (...) {
+    return platform::thrown_error();
 }
 
 int ssat_reg_mod_cmd(const char *module, const char *command, int reserved, const char *description,
@@ -75,6 +76,6 @@ try {
     if (!ssat::valid_command_name(command) || !one_line(description) || !arguments)
         return EINVAL;
     return known->second->add({command, description, std::move(*arguments), handler});
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+} catch (...) {
+    return platform::thrown_error();
 }

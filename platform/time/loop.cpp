@@ -16,13 +16,14 @@
 // application may have put another one there.
 #include "tq_loop.h"
 
+#include "platform/guard.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
 #include <map>
 #include <memory>
-#include <new>
 #include <sys/epoll.h>
 #include <unistd.h>
 #include <utility>
@@ -59,6 +60,7 @@ struct tq_thread_master {
     bool stopped = false;
     bool progress = false; // a callback ran in this step
     bool served = false;   // a descriptor's callback ran since the timers were last looked at
+    int thrown = 0;        // by a callback: what the run ends with
 };
 
 namespace {
@@ -92,6 +94,15 @@ void clear_handle(const tq_thread &timer)
         *timer.handle = nullptr;
 }
 
+// A callback that throws ends the run. Nothing passes through libuv.
+template <typename Callback> void call(tq_thread_master &master, Callback callback) noexcept
+try {
+    callback();
+} catch (...) {
+    master.thrown = platform::thrown_error();
+    master.stopped = true;
+}
+
 void fire(tq_thread_master &master)
 {
     auto first = master.timers.begin();
@@ -100,7 +111,7 @@ void fire(tq_thread_master &master)
     timer->place = master.timers.end();
     clear_handle(*timer);
     master.progress = true;
-    timer->func(timer.get());
+    call(master, [&] { timer->func(timer.get()); });
 }
 
 // Notices that the loop stood still, and whether it has heard something since. A moment at whose end it stood still
@@ -236,7 +247,7 @@ void on_poll(uv_poll_t *poll, int status, int events)
     }
     watch->master->progress = true;
     watch->master->served = true;
-    watch->func(watch, watch->fd, events, watch->arg);
+    call(*watch->master, [&] { watch->func(watch, watch->fd, events, watch->arg); });
 }
 
 constexpr int known_events = TQ_LOOP_READABLE | TQ_LOOP_WRITABLE | TQ_LOOP_DISCONNECTED;
@@ -273,8 +284,8 @@ try {
     if (handle)
         *handle = timer;
     return 0;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+} catch (...) {
+    return platform::thrown_error();
 }
 
 void *tq_thread_arg(const tq_thread *thread)
@@ -293,6 +304,8 @@ void tq_thread_cancel(tq_thread *thread)
 tq_thread_master *tq_loop_new(void)
 {
     std::unique_ptr<tq_thread_master> master(new (std::nothrow) tq_thread_master);
+    if (!master)
+        errno = ENOMEM;
     if (!master || !enough_descriptors())
         return nullptr;
     if (const int error = uv_loop_init(&master->loop); error != 0) {
@@ -325,7 +338,7 @@ int tq_loop_run(tq_thread_master *master)
         step(*master, -1, -1);
     }
     master->stopped = false;
-    return 0;
+    return std::exchange(master->thrown, 0);
 }
 
 int tq_loop_run_once(tq_thread_master *master, int timeout_ms)
@@ -343,7 +356,7 @@ int tq_loop_run_once(tq_thread_master *master, int timeout_ms)
             remaining = timeout_ms - milliseconds_since(start);
     } while (!master->progress && (timeout_ms < 0 || remaining > 0));
     master->stopped = false;
-    return 0;
+    return std::exchange(master->thrown, 0);
 }
 
 void tq_loop_stop(tq_thread_master *master)
@@ -357,8 +370,10 @@ tq_loop_watch *tq_loop_watch_fd(tq_thread_master *master, int fd, int events, tq
     if (!master || fd < 0 || !func)
         return nullptr;
     auto *watch = new (std::nothrow) tq_loop_watch{{}, master, func, arg, fd, events & known_events};
-    if (!watch)
+    if (!watch) {
+        errno = ENOMEM;
         return nullptr;
+    }
     if (init_poll(*master, watch->poll, fd) != 0) {
         delete watch;
         return nullptr;

@@ -4,12 +4,12 @@
 // from gen_init on, for the context and database that it named there: a registration under any other is refused, so
 // that a misspelt name does not create a user. Nothing is ever removed, as there is no call for it.
 #include "libcgstctrl.h"
+#include "platform/guard.hpp"
 #include "tq_mom.h"
 #include "tq_topics.pb-c.h"
 
 #include <cstring>
 #include <ctime>
-#include <new>
 #include <set>
 #include <string>
 #include <tuple>
@@ -46,8 +46,8 @@ try {
         return result;
     users().emplace(context, value, name);
     return 0;
-} catch (const std::bad_alloc &) {
-    return TQ_MOM_NO_MEMORY;
+} catch (...) {
+    return platform::thrown_result();
 }
 
 int libcgstctrl_gen_topic_reg(void *context, uint32_t value, const char *name, const ProtobufCMessage *record,
@@ -67,6 +67,6 @@ try {
     topic.message = const_cast<char *>(record->descriptor->name);
     topic.registered_at = static_cast<uint64_t>(time(nullptr));
     return tq_mom_set_sync(context, value, &topic.base);
-} catch (const std::bad_alloc &) {
-    return TQ_MOM_NO_MEMORY;
+} catch (...) {
+    return platform::thrown_result();
 }

@@ -7,6 +7,8 @@
 // keeps its own. Categories are never freed. Whatever the text contains, it reaches either log as data.
 #include "tq_zlog.h"
 
+#include "platform/guard.hpp"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -147,8 +149,8 @@ try {
     if (added)
         place->second.zlog = open_zlog_category(name);
     return &place->second;
-} catch (const std::bad_alloc &) {
-    return nullptr;
+} catch (...) {
+    return platform::thrown_errno<void *>(nullptr);
 }
 
 void tqdf_zlog(void *opened, const char *file, size_t file_len, const char *func, size_t func_len, long line, int level,

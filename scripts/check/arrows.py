@@ -25,11 +25,12 @@ ROOMS = {
     "app/fp_udp_dbg/channel/": PUBLIC,
     "app/fp_udp_dbg/commands/": GROUND,
     # The reference platform knows no record type, and its libraries know each other by their contracts alone.
-    "platform/mom/": {"platform/include/"},
-    "platform/time/": {"platform/include/"},
-    "platform/zlog/": {"platform/include/"},
-    "platform/ssat/": {"platform/include/"},
-    "platform/topics/": {"platform/include/", "platform/topics/tq_topics.proto"},
+    "platform/guard.hpp": {"platform/include/"},
+    "platform/mom/": {"platform/include/", "platform/guard.hpp"},
+    "platform/time/": {"platform/include/", "platform/guard.hpp"},
+    "platform/zlog/": {"platform/include/", "platform/guard.hpp"},
+    "platform/ssat/": {"platform/include/", "platform/guard.hpp"},
+    "platform/topics/": {"platform/include/", "platform/guard.hpp", "platform/topics/tq_topics.proto"},
     # The topics' record type is for readers too.
     "platform/topics/tq_topics.proto": set(),
     # What nodes and tools share. Neither includes the other for it.

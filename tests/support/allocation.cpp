@@ -1,9 +1,10 @@
 // Failing allocations, and the count of live ones. malloc, calloc, realloc and free are defined here, before the C
-// library's (and before a sanitizer's, which stays behind them): a call whose return address lies in libplx.so is
-// counted and, when its turn has come, refused. All others pass. Built without instrumentation, since the first calls
+// library's (and before a sanitizer's, which stays behind them): a call whose return address lies in libplx.so, or in the
+// libraries that a program names instead, is counted and, when its turn has come, refused. All others pass. Built without instrumentation, since the first calls
 // come before a sanitizer is ready.
 #include "fakes.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -27,23 +28,30 @@ void __libc_free(void *block);
 
 namespace {
 
-uintptr_t library_begin, library_end;
+const char *const *watched;
+struct range {
+    uintptr_t begin, end;
+} libraries[8];
+size_t found;
 bool counting, from_there_on;
 int turn, seen_so_far;
 long live;
 
 int find_library(dl_phdr_info *info, size_t, void *)
 {
-    if (!strstr(info->dlpi_name, "libplx.so"))
+    const char *const *name = watched;
+    while (*name && !strstr(info->dlpi_name, *name))
+        ++name;
+    if (!*name)
         return 0;
     for (int i = 0; i < info->dlpi_phnum; i++) {
         const auto &part = info->dlpi_phdr[i];
         if (part.p_type != PT_LOAD || !(part.p_flags & PF_X))
             continue;
-        library_begin = info->dlpi_addr + part.p_vaddr;
-        library_end = library_begin + part.p_memsz;
+        const uintptr_t begin = info->dlpi_addr + part.p_vaddr;
+        libraries[found++] = {begin, begin + part.p_memsz};
     }
-    return 1;
+    return 0;
 }
 
 bool refused(void *caller)
@@ -91,12 +99,21 @@ void free(void *block)
 
 namespace fake {
 
+void watch(const char *const *names)
+{
+    watched = names;
+    found = 0;
+    dl_iterate_phdr(find_library, nullptr);
+}
+
 bool in_library(const void *caller)
 {
-    if (!library_end)
-        dl_iterate_phdr(find_library, nullptr);
-    auto at = reinterpret_cast<uintptr_t>(caller);
-    return at >= library_begin && at < library_end;
+    static constexpr const char *library[] = {"libplx.so", nullptr};
+    if (!watched)
+        watch(library);
+    const auto at = reinterpret_cast<uintptr_t>(caller);
+    const auto holds = [at](const range &each) { return at >= each.begin && at < each.end; };
+    return std::any_of(libraries, libraries + found, holds);
 }
 
 long live_blocks()

@@ -170,7 +170,9 @@ class led_elsewhere {
     std::string from_;
 };
 
-// Whether a return address lies in libplx.
+// Names the libraries whose allocations are counted, and may fail, in place of libplx: parts of file names, then null.
+void watch(const char *const *names);
+// Whether a return address lies in one of them.
 bool in_library(const void *caller);
 // Blocks of the whole program that are allocated and not freed.
 long live_blocks();
