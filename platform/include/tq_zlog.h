@@ -6,6 +6,7 @@
 #define TQ_ZLOG_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -44,10 +45,18 @@ void *tq_zlog_init(const char *category);
  * line), how grave it is (enum tq_zlog_level), and a format with its arguments, as in zlog's own call. A NULL category
  * logs nothing. The library formats a message itself and passes "%s": at most 1023 characters.
  *
+ * Of one message (the same category, file, line, level and text) no more than twenty go out within a second. Those
+ * beyond are held back and counted: "N more of these: TEXT" is logged once when the second is over, with the next message
+ * of whatever kind, or when the process ends in an orderly way. A message of another text is another message. The last
+ * 32 messages are watched; one that had to make room is told of at once.
+ *
  * `level` decides what becomes of the line by the log's own configuration. What the library hands over at all is for
  * g_policy_plx_zlog_level (plx/diag.h) to say, before. */
 void tqdf_zlog(void *category, const char *file, size_t file_len, const char *func, size_t func_len, long line,
                int level, const char *format, ...) TQ_ZLOG_FORMAT(8, 9);
+
+/* How many messages were held back in this process. */
+uint64_t tq_zlog_held_back(void);
 
 /* snprintf()'s contract: at most `size` bytes with the terminator; returns how many characters the whole text has. The
  * library formats what it logs with it. */

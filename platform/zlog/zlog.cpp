@@ -4,10 +4,12 @@
 // would lose (no library, a configuration that does not load, no rule that takes any of its lines) goes to syslog,
 // which is told when it was for want of a rule. A zlog so old that it cannot be asked for its rules is trusted.
 // zlog reads its configuration from the file that ZLOG_CONF_PATH names; an application that has initialised zlog itself
-// keeps its own. Categories are never freed. Whatever the text contains, it reaches either log as data.
+// keeps its own. Categories are never freed. Any thread may log: one lock keeps the categories and the bound on repeated
+// messages, and nothing is written under it. Whatever the text contains, it reaches either log as data.
 #include "tq_zlog.h"
 
 #include "platform/guard.hpp"
+#include "repeats.hpp"
 
 #include <cstdarg>
 #include <cstdio>
@@ -16,9 +18,11 @@
 #include <dlfcn.h>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <syslog.h>
+#include <time.h>
 
 namespace {
 
@@ -138,17 +142,67 @@ void cut_newlines(char *text)
         text[--length] = '\0';
 }
 
+using zlog_limit::held_message, zlog_limit::message;
+
+std::mutex guard;
+zlog_limit::repeats repeats; // used under the guard
+
+uint64_t now_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+// `text` is the message's, or one about it; it is terminated.
+void write(const message &of, const char *text)
+{
+    const auto &to = *static_cast<const category *>(of.category);
+    if (to.zlog)
+        zlog().log(to.zlog, of.file.data(), of.file.size(), of.func.data(), of.func.size(), of.line, of.level, "%s",
+                   text);
+    else
+        write_syslog(to, of.func.data(), of.func.size(), of.line, of.level, text);
+}
+
+void write(const held_message &held)
+{
+    char text[256];
+    const message of = held.get();
+    snprintf(text, sizeof text, "%llu more of these: %.*s", static_cast<unsigned long long>(held.times),
+             static_cast<int>(of.text.size()), of.text.data());
+    write(of, text);
+}
+
+void tell_what_is_over(uint64_t now)
+{
+    const auto next = [now] {
+        const std::lock_guard lock(guard);
+        return repeats.over(now);
+    };
+    while (const auto held = next())
+        write(*held);
+}
+
+struct at_exit {
+    ~at_exit() { tell_what_is_over(UINT64_MAX); }
+};
+
 } // namespace
 
 void *tq_zlog_init(const char *name)
 try {
     if (!name)
         return nullptr;
-    static auto &categories = *new std::map<std::string, category>; // outlives whoever logs at exit
-    const auto [place, added] = categories.try_emplace(name, category{name, nullptr});
-    if (added)
-        place->second.zlog = open_zlog_category(name);
-    return &place->second;
+    const std::lock_guard lock(guard);
+    static auto &categories = *new std::map<std::string, category, std::less<>>; // outlives whoever logs at exit
+    auto known = categories.find(std::string_view(name));
+    if (known == categories.end()) {
+        known = categories.try_emplace(name, category{name, nullptr}).first;
+        known->second.zlog = open_zlog_category(name);
+    }
+    static const at_exit tells; // made after zlog was opened, it ends before that does
+    return &known->second;
 } catch (...) {
     return platform::thrown_errno<void *>(nullptr);
 }
@@ -166,11 +220,25 @@ void tqdf_zlog(void *opened, const char *file, size_t file_len, const char *func
     va_end(args);
     cut_newlines(text);
 
-    const auto &to = *static_cast<const category *>(opened);
-    if (to.zlog)
-        zlog().log(to.zlog, file, file_len, func, func_len, line, level, "%s", text);
-    else
-        write_syslog(to, func, func_len, line, level, text);
+    const message said{opened, {file, file ? file_len : 0}, {func, func ? func_len : 0}, line, level, text};
+    const uint64_t now = now_ms();
+    tell_what_is_over(now);
+    std::optional<held_message> told;
+    bool admitted;
+    {
+        const std::lock_guard lock(guard);
+        admitted = repeats.admit(said, now, told);
+    }
+    if (told)
+        write(*told);
+    if (admitted)
+        write(said, text);
+}
+
+uint64_t tq_zlog_held_back(void)
+{
+    const std::lock_guard lock(guard);
+    return repeats.held_back();
 }
 
 int at_snprintf(char *buffer, size_t size, const char *format, ...)

@@ -55,6 +55,22 @@ TEST(zlog, levels_keep_their_meaning_in_syslog)
                   "syslog " + std::to_string(priority) + " policy: function[42]: x");
 }
 
+TEST(zlog, a_message_that_repeats_is_held_back_and_counted)
+{
+    const std::string line = "zlog policy app/file.cpp function 42 100 format=%s: ";
+    const auto times = [&](int count, const std::string &text) {
+        std::string lines;
+        for (int i = 0; i < count; ++i)
+            lines += line + text + '\n';
+        return lines;
+    };
+    EXPECT_EQ(write_line("zlog_complete", "100 x 20"), "init default\n" + times(20, "x") + times(1, "of another text") +
+                                                           times(1, "later") + times(20, "x") + "held back 0");
+    EXPECT_EQ(write_line("zlog_complete", "100 x 25"),
+              "init default\n" + times(20, "x") + times(1, "of another text") + times(1, "5 more of these: x") +
+                  times(1, "later") + times(20, "x") + "held back 10" + times(1, "5 more of these: x"));
+}
+
 TEST(zlog, without_a_category_nothing_happens)
 {
     EXPECT_EQ(tq_zlog_init(nullptr), nullptr);
