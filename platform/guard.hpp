@@ -13,7 +13,7 @@
 namespace platform {
 
 /// Inside a handler: ENOMEM, the number that a system error carries, or else EIO.
-inline int thrown_error() noexcept
+[[nodiscard]] inline int thrown_error() noexcept
 {
     try {
         throw;
@@ -27,7 +27,7 @@ inline int thrown_error() noexcept
 }
 
 /// The same for those whose results are the store client's.
-inline int thrown_result() noexcept
+[[nodiscard]] inline int thrown_result() noexcept
 {
     switch (thrown_error()) {
     case ENOMEM:

@@ -34,6 +34,22 @@ int ssat_lib_init(void *context, const char *module);
 int ssat_reg_mod_cmd(const char *module, const char *command, int reserved, const char *description,
                      ssat_handler handler);
 
+/* What the shells of this process have counted since it started; a module has no counters of its own. The command
+ * `counters` of each shell (ssat_client.h) prints these among others. */
+typedef struct ssat_counters {
+    /* Commands that ran, whatever they returned. */
+    uint64_t commands;
+    /* Of these, how many printed more than the shell keeps: the rest of their output is lost. */
+    uint64_t cut;
+    /* Connections that were idle longest and had to make room for another. */
+    uint64_t dropped;
+    /* Connections of other users, which are refused and logged. */
+    uint64_t denied;
+} ssat_counters;
+
+/* Fills them in. */
+void ssat_counters_get(ssat_counters *counters);
+
 #ifdef __cplusplus
 }
 #endif

@@ -14,7 +14,9 @@
  * Words of a line are separated by blanks. A word in double quotes may hold blanks, and \" and \\ in it; outside quotes
  * `name=value` gives an argument by its name, any other word the next argument not given yet. The command `help` lists
  * the commands, one a line: the name, one `argument=%conversion` word for each argument, then a tab and the
- * description; `help NAME` tells of one.
+ * description; `help NAME` tells of one. Beside `help` the shell has one command of its own, which is not listed, and
+ * gives way to a command of that name: `counters` prints what the platform has counted for the module's context, one a
+ * line, a number, a tab and what it counts.
  *
  * Sockets live in $PLX_SHELL_DIR; without it in /run/plx for root, in plx/ under $XDG_RUNTIME_DIR when that is the
  * user's, else in /tmp/plx-UID. The directory is its owner's alone.

@@ -24,6 +24,20 @@ int tq_loop_run(tq_thread_master *master);
  * due. 0 on success. */
 int tq_loop_run_once(tq_thread_master *master, int timeout_ms);
 
+/* What a loop has counted since it was made. */
+typedef struct tq_loop_counters {
+    /* Timers that fired. */
+    uint64_t timers;
+    /* Of these, how many did a tenth of a second or more after they were due: something kept the loop, or the process,
+     * from running. */
+    uint64_t late;
+    /* The worst lateness, in microseconds. */
+    uint64_t worst_us;
+    /* Exceptions that callbacks let out. */
+    uint64_t exceptions;
+} tq_loop_counters;
+void tq_loop_counters_get(const tq_thread_master *master, tq_loop_counters *counters);
+
 /* Makes tq_loop_run() return once the callback that calls this has returned. */
 void tq_loop_stop(tq_thread_master *master);
 

@@ -106,25 +106,71 @@ int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *recor
  * is deleted and the call fails. */
 int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound);
 
+/* Every result: its name, its number, what it tells and what an operator can do about it. The codes, their texts and the
+ * advice are made from this list alone. */
+#define TQ_MOM_RESULTS(RESULT)                                                                                         \
+    RESULT(OK, 0, "success", "")                                                                                       \
+    /* null argument, unknown field, selection beyond the key, message without a descriptor */                         \
+    RESULT(INVALID, 1, "invalid argument", "this is a fault of the program: tell who wrote it")                        \
+    RESULT(NO_MEMORY, 2, "out of memory", "free memory on this machine, or raise the process's limit")                 \
+    RESULT(DISCONNECTED, 3, "the store cannot be reached",                                                             \
+           "see that the server runs and that the store's address is its")                                             \
+    /* the outcome of a write is unknown */                                                                            \
+    RESULT(TIMEOUT, 4, "no answer in time",                                                                            \
+           "see why the server is slow; what was to be written may have been: write it again")                         \
+    RESULT(NO_MARK, 5, "no rewrite was begun, or its time ran out", "begin the rewrite anew, with more time")          \
+    /* also a record of another schema */                                                                              \
+    RESULT(CORRUPT, 6, "what is stored under this key is not such a record",                                           \
+           "something else has written there: delete the key and write the record again")                              \
+    RESULT(DENIED, 7, "the store refuses this user the operation",                                                     \
+           "compare user and password of the store's address with the server's access list")                           \
+    RESULT(READ_ONLY, 8, "the store's server is a replica and takes no writes",                                        \
+           "give the address of the master, or those of the sentinels")                                                \
+    RESULT(LOADING, 9, "the store's server is still loading its data", "wait: it becomes ready by itself")             \
+    RESULT(STORE_FULL, 10, "the store's server is out of memory",                                                      \
+           "raise the server's maxmemory, or delete what nobody needs")                                                \
+    /* any other refusal; also a scan whose callback let an exception out */                                           \
+    RESULT(STORE_ERROR, 11, "the store refused the operation",                                                         \
+           "the system log has the server's own words, under tq_mom")                                                  \
+    /* a walk over a table that does not go forward */                                                                 \
+    RESULT(BAD_ANSWER, 12, "the store's answer makes no sense",                                                        \
+           "see whether something else writes to the store's tables")                                                  \
+    /* a subscription needs one */                                                                                     \
+    RESULT(NO_DESCRIPTOR, 13, "no file descriptor is left", "raise the process's limit of open files")
+
+#define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = number,
 enum tq_mom_result {
-    TQ_MOM_OK = 0,
-    TQ_MOM_INVALID = 1, /* null argument, unknown field, selection beyond the key, message without a descriptor */
-    TQ_MOM_NO_MEMORY = 2,
-    TQ_MOM_DISCONNECTED = 3,  /* the store cannot be reached */
-    TQ_MOM_TIMEOUT = 4,       /* no answer in time; the outcome of a write is unknown */
-    TQ_MOM_NO_MARK = 5,       /* end of a rewrite without a begin, or after its time ran out */
-    TQ_MOM_CORRUPT = 6,       /* what the store holds under this key is not such a record */
-    TQ_MOM_DENIED = 7,        /* the store refuses this user the operation */
-    TQ_MOM_READ_ONLY = 8,     /* the server is a replica */
-    TQ_MOM_LOADING = 9,       /* the server is reading its data back */
-    TQ_MOM_STORE_FULL = 10,   /* the server is out of memory */
-    TQ_MOM_STORE_ERROR = 11,  /* any other refusal of the server */
-    TQ_MOM_BAD_ANSWER = 12,   /* the server's answer makes no sense: a walk over a table that does not go forward */
-    TQ_MOM_NO_DESCRIPTOR = 13 /* the process may open no further file, and a subscription needs one */
+    TQ_MOM_RESULTS(TQ_MOM_RESULT_CODE)
+    /* How many there are. */
+    TQ_MOM_RESULT_COUNT
 };
+#undef TQ_MOM_RESULT_CODE
 
 /* A short text for a result code; never NULL. */
 const char *tq_mom_strerror(int result);
+
+/* What an operator can do about it, as one short sentence without an end; NULL where there is nothing to be done. */
+const char *tq_mom_advice(int result);
+
+/* What a context's store client has counted since it was made. */
+typedef struct tq_mom_counters {
+    /* Calls by their result (enum tq_mom_result): all that take a record, and connecting. A write that was collected
+     * counts by what came of it at the end of the batch. */
+    uint64_t results[TQ_MOM_RESULT_COUNT];
+    /* Connections to a server: one for calls, one more with the first subscription; all beyond are reconnections. */
+    uint64_t connections;
+    /* Notifications that subscriptions were told. */
+    uint64_t delivered;
+    /* How often changes were lost: a table's change log did not reach back far enough, or was another one. */
+    uint64_t losses;
+    /* Records told in place of lost changes. Of requested state nothing is told but TQ_MOM_EVENT_RESYNC. */
+    uint64_t recovered;
+    /* Exceptions that callbacks let out. */
+    uint64_t exceptions;
+} tq_mom_counters;
+
+/* Fills in the counters of a context. 0, or TQ_MOM_INVALID. */
+int tq_mom_counters_get(void *handle, tq_mom_counters *counters);
 
 #ifdef __cplusplus
 }

@@ -5,6 +5,8 @@
 #include "wire.hpp"
 
 #include <cstdlib>
+#include <iterator>
+#include <tuple>
 
 using namespace mom;
 
@@ -39,14 +41,22 @@ try {
     return platform::thrown_result();
 }
 
-// The same, on what the arguments name.
+int counted(void *handle, int result) noexcept
+{
+    auto *client = handle == nullptr ? nullptr : static_cast<tq_context *>(handle)->mom;
+    if (client != nullptr)
+        client->engine->count(result);
+    return result;
+}
+
+// The same, on what the arguments name; and counts.
 template <typename Body> int call(void *handle, uint32_t db, const ProtobufCMessage *record, Body body) noexcept
 try {
     target target{};
     const int resolved = resolve(handle, db, record, target);
-    return resolved != TQ_MOM_OK ? resolved : body(target);
+    return counted(handle, resolved != TQ_MOM_OK ? resolved : body(target));
 } catch (...) {
-    return platform::thrown_result();
+    return counted(handle, platform::thrown_result());
 }
 
 template <typename Body>
@@ -125,9 +135,10 @@ void subscription::deliver(const change &change)
 {
     const tq_mom_notification told{event_of(*table_.type, change.kind), nullptr, change.result, change.echo ? 1 : 0};
     if (change.kind == change_kind::resync)
-        client_.tell(to_, told);
+        std::ignore = client_.tell(to_, told); // an exception has nobody else to go to, and is counted
     else
-        client_.notify(to_, *table_.type, change.key, change.fields, told);
+        std::ignore = client_.notify(to_, *table_.type, change.key, change.fields, told);
+    ++client_.engine->counters.delivered;
 }
 
 int tq_mom_client::tell(const listener &to, const tq_mom_notification &notification) noexcept
@@ -135,6 +146,7 @@ try {
     to.callback(to.handle, &notification, to.arg);
     return TQ_MOM_OK;
 } catch (...) {
+    ++engine->counters.exceptions;
     return platform::thrown_result();
 }
 
@@ -154,7 +166,7 @@ int tq_mom_client::notify(const listener &to, const record_type &type, std::stri
 
 int tq_mom_client_connect_sync(void *handle, uint32_t)
 {
-    return call_engine(handle, [](engine &engine) { return engine.connect(); });
+    return counted(handle, call_engine(handle, [](engine &engine) { return engine.connect(); }));
 }
 
 int tq_mom_state_get(void *handle, uint32_t, int)
@@ -169,7 +181,8 @@ int tq_mom_batch_begin(void *handle)
 
 void tq_mom_batch_send(void *handle)
 {
-    call_engine(handle, [](engine &engine) { return engine.send_batch(), TQ_MOM_OK; });
+    // What fails here is told at the end.
+    std::ignore = call_engine(handle, [](engine &engine) { return engine.send_batch(), TQ_MOM_OK; });
 }
 
 int tq_mom_batch_end(void *handle, int *results, uint32_t count)
@@ -277,24 +290,41 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     });
 }
 
+namespace {
+
+struct result_row {
+    const char *text;
+    const char *advice;
+};
+#define ROW(name, number, text, advice) {text, advice},
+constexpr result_row result_rows[] = {TQ_MOM_RESULTS(ROW)};
+#undef ROW
+static_assert(std::size(result_rows) == TQ_MOM_RESULT_COUNT, "the numbers of the list go up one by one");
+
+const result_row *row_of(int result)
+{
+    return result >= 0 && result < TQ_MOM_RESULT_COUNT ? &result_rows[result] : nullptr;
+}
+
+} // namespace
+
 const char *tq_mom_strerror(int result)
 {
-    static constexpr const char *texts[] = {
-        "success",
-        "invalid argument",
-        "out of memory",
-        "the store cannot be reached",
-        "no answer in time",
-        "no rewrite was begun, or its time ran out",
-        "what is stored under this key is not such a record",
-        "the store refuses this user the operation",
-        "the store's server is a replica and takes no writes",
-        "the store's server is still loading its data",
-        "the store's server is out of memory",
-        "the store refused the operation",
-        "the store's answer makes no sense",
-        "no file descriptor is left",
-    };
-    const bool known = result >= 0 && static_cast<size_t>(result) < sizeof texts / sizeof *texts;
-    return known ? texts[result] : "unknown result";
+    const auto *row = row_of(result);
+    return row == nullptr ? "unknown result" : row->text;
+}
+
+const char *tq_mom_advice(int result)
+{
+    const auto *row = row_of(result);
+    return row == nullptr || *row->advice == '\0' ? nullptr : row->advice;
+}
+
+int tq_mom_counters_get(void *handle, tq_mom_counters *counters)
+{
+    auto *client = handle == nullptr ? nullptr : static_cast<tq_context *>(handle)->mom;
+    if (client == nullptr || counters == nullptr)
+        return TQ_MOM_INVALID;
+    *counters = client->engine->counters;
+    return TQ_MOM_OK;
 }

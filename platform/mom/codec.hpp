@@ -62,7 +62,8 @@ const ProtobufCMessage *key_of(const record_type &type, const ProtobufCMessage &
 class field_encoder {
   public:
     /// The listed fields, defaults as empty strings. False when a number is not a value field of the type.
-    bool encode_listed(const record_type &type, const ProtobufCMessage &record, std::span<const uint32_t> numbers);
+    [[nodiscard]] bool encode_listed(const record_type &type, const ProtobufCMessage &record,
+                                     std::span<const uint32_t> numbers);
     /// All that is not default, unknown fields included.
     void encode_all(const record_type &type, const ProtobufCMessage &record);
     encoded_fields fields() const { return {values_, bytes_}; }

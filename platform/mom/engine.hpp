@@ -59,22 +59,33 @@ enum class write_mode {
 class engine {
   public:
     virtual ~engine() = default;
-    virtual int connect() = 0;
-    virtual int state() = 0;
-    virtual int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) = 0;
-    virtual int remove(table_ref table, std::string_view key) = 0;
+    engine(const engine &) = delete;
+    engine &operator=(const engine &) = delete;
+
+    /// `result` is of enum tq_mom_result.
+    void count(int result) { ++counters.results[result]; }
+    tq_mom_counters counters{};
+
+    [[nodiscard]] virtual int connect() = 0;
+    [[nodiscard]] virtual int state() = 0;
+    [[nodiscard]] virtual int write(table_ref table, std::string_view key, const encoded_fields &fields,
+                                    write_mode mode) = 0;
+    [[nodiscard]] virtual int remove(table_ref table, std::string_view key) = 0;
     /// Writes and removals in between may be collected; the end returns the first failure, and fills in each one's
     /// result as far as there is room.
     virtual void begin_batch() = 0;
     virtual void send_batch() = 0;
-    virtual int end_batch(std::span<int> results) = 0;
+    [[nodiscard]] virtual int end_batch(std::span<int> results) = 0;
     /// Calls the sink once if the record exists.
-    virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;
-    virtual int scan(table_ref table, const key_range &range, record_sink &sink) = 0;
+    [[nodiscard]] virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;
+    [[nodiscard]] virtual int scan(table_ref table, const key_range &range, record_sink &sink) = 0;
     /// The sink outlives the engine's last round.
-    virtual int subscribe(table_ref table, const key_range &range, change_sink &sink) = 0;
-    virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;
-    virtual int sweep(table_ref table, const key_range &range, uint32_t bound_ms) = 0;
+    [[nodiscard]] virtual int subscribe(table_ref table, const key_range &range, change_sink &sink) = 0;
+    [[nodiscard]] virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;
+    [[nodiscard]] virtual int sweep(table_ref table, const key_range &range, uint32_t bound_ms) = 0;
+
+  protected:
+    engine() = default;
 };
 
 } // namespace mom

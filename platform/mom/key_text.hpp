@@ -37,7 +37,7 @@ void append_key_text(std::string &out, field_span fields, const ProtobufCMessage
 key_range select_keys(field_span fields, const ProtobufCMessage *key, size_t count);
 
 /// Appends the key message's wire encoding; false, with `out` in an unknown state, when `text` is no such key.
-bool append_key_wire(std::string &out, field_span fields, std::string_view text);
+[[nodiscard]] bool append_key_wire(std::string &out, field_span fields, std::string_view text);
 
 } // namespace mom
 

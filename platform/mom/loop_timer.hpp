@@ -19,7 +19,7 @@ class loop_timer {
 
     bool running() const { return timer_ != nullptr; }
     /// A running one goes on as it is. False when there was no memory.
-    bool start(std::chrono::milliseconds pause)
+    [[nodiscard]] bool start(std::chrono::milliseconds pause)
     {
         const timeval interval{pause.count() / 1000, pause.count() % 1000 * 1000};
         return running() || tq_thread_insert_timer_timeval(master_, &timer_, func_, arg_, &interval, name_) == 0;

@@ -86,6 +86,7 @@ void mem_subscription::recover()
         missed.push_back(std::move(key));
     missed_.splice(missed_.end(), missed);
     seen_ = table_.last();
+    ++owner_.counters.losses;
     if (ref_.type->kind == record_kind::requested)
         sink_.deliver({change_kind::resync, {}, {}, false});
 }
@@ -97,8 +98,10 @@ void mem_subscription::deliver_missed()
     next.splice(next.end(), missed_, missed_.begin());
     const auto record = table_.records().find(next.front());
     try {
-        if (record != table_.records().end() && record->second.stamp <= seen_)
+        if (record != table_.records().end() && record->second.stamp <= seen_) {
             deliver({next.front(), record->second.image, 0});
+            ++owner_.counters.recovered;
+        }
     } catch (...) { // it was not told
         missed_.splice(missed_.begin(), next);
         throw;

@@ -46,21 +46,22 @@ class mem_subscription final : public mem_reader {
 class mem_engine final : public engine {
   public:
     mem_engine(const store_url &url, tq_thread_master *master);
-    int connect() override { return TQ_MOM_OK; }
-    int state() override { return TQ_MOM_OK; }
-    int write(table_ref table, std::string_view key, const encoded_fields &fields, write_mode mode) override;
-    int remove(table_ref table, std::string_view key) override;
+    [[nodiscard]] int connect() override { return TQ_MOM_OK; }
+    [[nodiscard]] int state() override { return TQ_MOM_OK; }
+    [[nodiscard]] int write(table_ref table, std::string_view key, const encoded_fields &fields,
+                            write_mode mode) override;
+    [[nodiscard]] int remove(table_ref table, std::string_view key) override;
     void begin_batch() override {}
     void send_batch() override {}
-    int end_batch(std::span<int> results) override
+    [[nodiscard]] int end_batch(std::span<int> results) override
     {
         return std::fill(results.begin(), results.end(), TQ_MOM_OK), TQ_MOM_OK;
     }
-    int read(table_ref table, std::string_view key, record_sink &sink) override;
-    int scan(table_ref table, const key_range &range, record_sink &sink) override;
-    int subscribe(table_ref table, const key_range &range, change_sink &sink) override;
-    int mark(table_ref table, const key_range &range, uint64_t bound_seconds) override;
-    int sweep(table_ref table, const key_range &range, uint32_t bound_ms) override;
+    [[nodiscard]] int read(table_ref table, std::string_view key, record_sink &sink) override;
+    [[nodiscard]] int scan(table_ref table, const key_range &range, record_sink &sink) override;
+    [[nodiscard]] int subscribe(table_ref table, const key_range &range, change_sink &sink) override;
+    [[nodiscard]] int mark(table_ref table, const key_range &range, uint64_t bound_seconds) override;
+    [[nodiscard]] int sweep(table_ref table, const key_range &range, uint32_t bound_ms) override;
 
     uint64_t writer() const { return writer_; }
     void wake();

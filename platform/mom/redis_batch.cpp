@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <tq_mom.h>
+#include <tuple>
 #include <utility>
 
 namespace mom {
@@ -175,7 +176,7 @@ void command_batch::undo(redis_link &link, const int *results) const
         build_undo(commands, each, own);
     }
     if (commands.commands() > 0 && failed == TQ_MOM_OK)
-        link.exchange(commands);
+        std::ignore = link.exchange(commands); // each record has its result; what is not undone is a change too many
 }
 
 // The records are those of the call that stands apart.

@@ -29,12 +29,12 @@ class command_batch {
     bool full() const { return size() >= 256; }
     bool empty() const { return size() == 0; }
     /// Sends what was not sent yet. False: the batch is to be finished, which tells why.
-    bool send(redis_link &link, const ride &along = {});
+    [[nodiscard]] bool send(redis_link &link, const ride &along = {});
     /// Nothing was sent yet: what goes may take a ride along.
     bool all_unsent() const { return sent_ == 0; }
     /// Sends the rest, waits for the answers, appends the result of each, and is empty again. False: something failed,
     /// or the metadata is not what it was.
-    bool finish(redis_link &link, std::vector<int> &results, const ride &along);
+    [[nodiscard]] bool finish(redis_link &link, std::vector<int> &results, const ride &along);
     /// Empty again, whatever became of what was collected.
     void forget();
 

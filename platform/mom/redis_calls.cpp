@@ -5,8 +5,8 @@
 
 namespace mom {
 
-redis_calls::redis_calls(const store_url &url)
-    : link_(url), writer_{random_name(), std::to_string(url.log_limit.value_or(100'000))}
+redis_calls::redis_calls(const store_url &url, tq_mom_counters &counters)
+    : counters_(counters), link_(url, counters), writer_{random_name(), std::to_string(url.log_limit.value_or(100'000))}
 {
 }
 

@@ -22,9 +22,10 @@ class redis_calls {
   public:
     using builder = std::function<void(command_buffer &)>;
 
-    explicit redis_calls(const store_url &url);
+    redis_calls(const store_url &url, tq_mom_counters &counters);
 
     redis_link &link() { return link_; }
+    tq_mom_counters &counters() { return counters_; }
     redis_scripts &scripts() { return scripts_; }
     const writer_identity &writer() const { return writer_; }
     /// Goes up with each call.
@@ -32,12 +33,12 @@ class redis_calls {
     uint64_t era() const { return era_; }
 
     /// Sends what `build` puts into the buffer, after connecting if need be. The answers are link().replies().
-    int ask(const builder &build);
+    [[nodiscard]] int ask(const builder &build);
     /// Asks for a script, whose text the server gets when it lacks it.
-    int run(redis_script &script, const builder &build);
+    [[nodiscard]] int run(redis_script &script, const builder &build);
 
     /// Before something joins the batch, which is of one connection, whose server has the scripts.
-    int ready_to_collect();
+    [[nodiscard]] int ready_to_collect();
     const command_batch &batch() const { return batch_; }
     /// Adds to the batch. Short of memory halfway, all that was collected is given up, and the connection with it.
     template <typename Step> void collect(Step step)
@@ -58,9 +59,10 @@ class redis_calls {
     std::vector<int> &results() { return results_; }
 
   private:
-    int ready();
+    [[nodiscard]] int ready();
     void give_up();
 
+    tq_mom_counters &counters_; ///< the engine's
     redis_link link_;
     redis_scripts scripts_;
     writer_identity writer_;

@@ -31,18 +31,18 @@ class redis_connection {
 
     int fd() const { return context_->fd; }
     /// TQ_MOM_OK, or what ended the connection.
-    int send(std::string_view bytes, steady_time deadline);
+    [[nodiscard]] int send(std::string_view bytes, steady_time deadline);
     /// Takes in replies until `count` more are on the tape; `complete` counts them, also when it fails on the way.
-    int receive(size_t count, steady_time deadline, size_t &complete, size_t limit = SIZE_MAX);
+    [[nodiscard]] int receive(size_t count, steady_time deadline, size_t &complete, size_t limit = SIZE_MAX);
     /// Sends, clears the tape and receives the answers.
-    int exchange(const command_buffer &commands);
+    [[nodiscard]] int exchange(const command_buffer &commands);
 
     /// Takes in what has arrived without waiting; false when the connection ended.
     bool take_in();
     /// True when there is more of what was taken in than was parsed.
     bool has_input() const { return reader_->pos < reader_->len; }
     /// Parses one reply of what was taken in: 1 it is on the tape, 0 not yet complete, -1 not understood.
-    int parse();
+    [[nodiscard]] int parse();
     /// True when the peer is still there and has not said anything unasked.
     bool quiet() const;
 
@@ -52,7 +52,7 @@ class redis_connection {
   private:
     redis_connection(redisContext *context, const store_url &url);
     bool wait(short events, steady_time deadline) const;
-    int await_input(steady_time deadline);
+    [[nodiscard]] int await_input(steady_time deadline);
     ssize_t read_once();
 
     std::unique_ptr<redisContext, context_closer> context_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <tuple>
 #include <utility>
 
 namespace mom {
@@ -132,7 +133,7 @@ int redis_delivery::list_lost(redis_audience &of)
         return result;
     std::vector<std::string> keys;
     // Where the index is out of order the page ends, and with it the walk: what was found must do.
-    take_page(of.table, calls_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
+    std::ignore = take_page(of.table, calls_.link().replies(), lost.after.empty() ? nullptr : &lost.after, keys);
     result = calls_.ask([&](command_buffer &commands) {
         for (const auto &key : keys)
             commands.command("HGET", of.table.record(key), "#");
@@ -185,8 +186,10 @@ int redis_delivery::deliver_lost(redis_audience &of)
     for (; !page.records.empty(); page.records.pop_front()) {
         auto &record = page.records.front();
         std::string_view stamp;
-        if (reply.size() > 0 && parse_record(reply, fields, &stamp) && parse_stamp(stamp) <= last)
+        if (reply.size() > 0 && parse_record(reply, fields, &stamp) && parse_stamp(stamp) <= last) {
             of.deliver(record.stamp, {change_kind::written, record.key, fields, false, TQ_MOM_OK}, record.told);
+            ++calls_.counters().recovered;
+        }
         reply = reply.next();
     }
     return TQ_MOM_OK;

@@ -82,9 +82,9 @@ class redis_delivery {
     };
 
     void deliver_next();
-    int recover(redis_audience &of);
-    int list_lost(redis_audience &of);
-    int deliver_lost(redis_audience &of);
+    [[nodiscard]] int recover(redis_audience &of);
+    [[nodiscard]] int list_lost(redis_audience &of);
+    [[nodiscard]] int deliver_lost(redis_audience &of);
 
     redis_calls &calls_;
     std::vector<std::unique_ptr<redis_audience>> audiences_;

@@ -9,7 +9,7 @@
 namespace mom {
 
 redis_engine::redis_engine(const store_url &url, tq_thread_master *master)
-    : calls_(url), reader_(std::make_unique<redis_reader>(calls_, master))
+    : calls_(url, counters), reader_(std::make_unique<redis_reader>(calls_, master))
 {
 }
 
@@ -52,6 +52,10 @@ int redis_engine::end_batch(std::span<int> results)
     if (!calls_.batch().empty())
         flush();
     const auto all = std::exchange(calls_.results(), {});
+    for (const int result : all) { // each was counted as a success when it was collected
+        --counters.results[TQ_MOM_OK];
+        count(result);
+    }
     if (calls_.spoilt()) { // what was done of it is not known
         std::fill(results.begin(), results.end(), int{TQ_MOM_DISCONNECTED});
         return TQ_MOM_DISCONNECTED;

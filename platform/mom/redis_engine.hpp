@@ -23,22 +23,23 @@ class redis_engine final : public engine {
   public:
     redis_engine(const store_url &url, tq_thread_master *master);
     ~redis_engine() override;
-    int connect() override { return calls_.link().ensure(); }
-    int state() override { return calls_.link().connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
-    int write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode) override;
-    int remove(table_ref ref, std::string_view key) override;
+    [[nodiscard]] int connect() override { return calls_.link().ensure(); }
+    [[nodiscard]] int state() override { return calls_.link().connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
+    [[nodiscard]] int write(table_ref ref, std::string_view key, const encoded_fields &fields,
+                            write_mode mode) override;
+    [[nodiscard]] int remove(table_ref ref, std::string_view key) override;
     void begin_batch() override
     {
         calls_.spoilt(); // before this batch
         batching_ = true;
     }
     void send_batch() override { calls_.send(); }
-    int end_batch(std::span<int> results) override;
-    int read(table_ref ref, std::string_view key, record_sink &sink) override;
-    int scan(table_ref ref, const key_range &range, record_sink &sink) override;
-    int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
-    int mark(table_ref ref, const key_range &range, uint64_t bound_seconds) override;
-    int sweep(table_ref ref, const key_range &range, uint32_t bound_ms) override;
+    [[nodiscard]] int end_batch(std::span<int> results) override;
+    [[nodiscard]] int read(table_ref ref, std::string_view key, record_sink &sink) override;
+    [[nodiscard]] int scan(table_ref ref, const key_range &range, record_sink &sink) override;
+    [[nodiscard]] int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
+    [[nodiscard]] int mark(table_ref ref, const key_range &range, uint64_t bound_seconds) override;
+    [[nodiscard]] int sweep(table_ref ref, const key_range &range, uint32_t bound_ms) override;
 
   private:
     struct mark_stamp {
@@ -49,16 +50,18 @@ class redis_engine final : public engine {
     };
 
     redis_table &table_of(table_ref ref);
-    int know(redis_table &table, field_values fields);
-    int collected();
+    [[nodiscard]] int know(redis_table &table, field_values fields);
+    [[nodiscard]] int collected();
     void flush();
-    int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
-    int measure(redis_table &table, const std::vector<std::string> &keys, std::vector<size_t> &sizes);
-    int scan_in_parts(redis_table &table, std::vector<std::string> &keys, const key_range &range, record_sink &sink);
-    int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys,
-                  const std::string *after = nullptr);
-    int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
-                   bool &continued);
+    [[nodiscard]] int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
+                                record_sink &sink);
+    [[nodiscard]] int measure(redis_table &table, const std::vector<std::string> &keys, std::vector<size_t> &sizes);
+    [[nodiscard]] int scan_in_parts(redis_table &table, std::vector<std::string> &keys, const key_range &range,
+                                    record_sink &sink);
+    [[nodiscard]] int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys,
+                                const std::string *after = nullptr);
+    [[nodiscard]] int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
+                                 bool &continued);
 
     redis_calls calls_;
     bool batching_ = false;

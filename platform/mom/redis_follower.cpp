@@ -210,9 +210,9 @@ int redis_follower::compare_more(followed &of, redis_feed::history &found)
 
 void redis_follower::lose(followed &of, uint64_t base, const log_position &now)
 {
-    ++losses_;
+    const uint64_t losses = ++calls_.counters().losses;
     report(TQ_ZLOG_WARN, "changes " + std::to_string(base + 1) + " and later of " + of.table().log +
-                             " are lost, resynchronising (" + std::to_string(losses_) + " times so far)");
+                             " are lost, resynchronising (" + std::to_string(losses) + " times so far)");
     of.feed.restart(now);
     delivery_.lose(of.audience, base, now.last);
 }

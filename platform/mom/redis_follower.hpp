@@ -25,7 +25,7 @@ class redis_follower {
     redis_follower(redis_calls &calls, redis_delivery &delivery) : calls_(calls), delivery_(delivery) {}
 
     /// `added`: the table was not followed so far.
-    int subscribe(redis_table &table, const key_range &range, change_sink &sink, bool &added);
+    [[nodiscard]] int subscribe(redis_table &table, const key_range &range, change_sink &sink, bool &added);
 
     enum class scope : uint8_t { nothing, busy, all };
     /// Puts a question into the buffer, unless there is nothing to ask. With a `busy_wait` it names only the logs that
@@ -35,7 +35,7 @@ class redis_follower {
     bool accept(reply_view reply);
 
     /// Compares all histories with the server's.
-    int settle();
+    [[nodiscard]] int settle();
     /// Whether a table that is set aside can be read again: settle() takes it in.
     bool any_whole_again();
 
@@ -49,11 +49,11 @@ class redis_follower {
 
     followed *find(std::string_view log);
     bool goes_first(const followed &of) const;
-    int position(const redis_table &table, log_position &out);
+    [[nodiscard]] int position(const redis_table &table, log_position &out);
     bool accept_stream(reply_view stream);
     bool accept_entry(followed &of, const log_entry &entry, bool ours);
-    int settle(followed &of);
-    int compare_more(followed &of, redis_feed::history &found);
+    [[nodiscard]] int settle(followed &of);
+    [[nodiscard]] int compare_more(followed &of, redis_feed::history &found);
     void lose(followed &of, uint64_t base, const log_position &now);
 
     redis_calls &calls_;
@@ -62,7 +62,6 @@ class redis_follower {
     unsigned entries_ = 0;                          ///< of each log that were asked for
     uint64_t questions_ = 0;
     uint64_t whole_question_ = 0; ///< number of the latest that asked for all logs
-    uint64_t losses_ = 0;
 };
 
 } // namespace mom

@@ -163,6 +163,7 @@ std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int
         return nullptr;
     }
     result = log_in(*connection);
+    counters_.connections += result == TQ_MOM_OK;
     return result == TQ_MOM_OK ? std::move(connection) : nullptr;
 }
 

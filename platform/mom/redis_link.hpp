@@ -13,6 +13,8 @@
 
 #include "redis_connection.hpp"
 
+#include <tq_mom.h>
+
 namespace mom {
 
 /// What leaves together with a call that is waited for: a question on another connection to the same server, which
@@ -24,24 +26,24 @@ struct ride {
 
 class redis_link {
   public:
-    explicit redis_link(store_url url) : url_(std::move(url)) {}
+    redis_link(store_url url, tq_mom_counters &counters) : url_(std::move(url)), counters_(counters) {}
 
     /// Connects when there is no connection and an attempt is due.
-    int ensure();
+    [[nodiscard]] int ensure();
     /// One exchange on the connection, which is dropped when that fails. Does not reconnect.
-    int exchange(const command_buffer &commands);
+    [[nodiscard]] int exchange(const command_buffer &commands);
     /// Sends commands whose answers receive() takes later, before any exchange and also when sending failed. What rides
     /// along with them does so when they are the first, and receive() is the next call.
-    int send(std::string_view commands, size_t answers, const ride &along = {});
+    [[nodiscard]] int send(std::string_view commands, size_t answers, const ride &along = {});
     /// The answers to all that was sent so; those that came before the connection failed are among them. The answer to
     /// the question that rode along is left on its connection.
-    int receive(reply_tape &into, size_t &complete, const ride &along = {});
+    [[nodiscard]] int receive(reply_tape &into, size_t &complete, const ride &along = {});
     /// The answers of the last exchange, of which there are some.
     reply_view replies() const { return connection_->replies(); }
     /// Takes the answers out, for a caller whose callbacks make calls of their own.
     void take_replies(reply_tape &into) { std::swap(into, connection_->tape()); }
     /// An answer's result; a replica's refusal makes a link that asks sentinels look for the master again.
-    int judge(reply_view reply);
+    [[nodiscard]] int judge(reply_view reply);
 
     bool up() const { return connection_ != nullptr; }
     /// The same, after a look whether the server is still there.
@@ -61,12 +63,13 @@ class redis_link {
   private:
     std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
     bool ask_sentinels(endpoint &master);
-    int log_in(redis_connection &connection);
-    bool read_password(std::string &password) const;
+    [[nodiscard]] int log_in(redis_connection &connection);
+    [[nodiscard]] bool read_password(std::string &password) const;
     void note(int result);
     void warn_about_server();
 
     store_url url_;
+    tq_mom_counters &counters_;
     std::unique_ptr<redis_connection> connection_;
     size_t outstanding_ = 0; ///< answers that receive() is to take
     std::string with_question_;

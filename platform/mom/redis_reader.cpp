@@ -138,7 +138,8 @@ void redis_reader::reconnect_in(milliseconds pause)
 {
     if (life_ != life::off)
         disconnect();
-    timer_.start(std::max(pause, milliseconds{1}));
+    if (!timer_.start(std::max(pause, milliseconds{1})))
+        bell_->ring(); // takes no memory: the next turn tries again
 }
 
 void redis_reader::on_time()
@@ -242,7 +243,8 @@ void redis_reader::remind()
 {
     const int asked = calls_.ask([this](command_buffer &commands) { commands.command("CLIENT", "UNBLOCK", line_.id); });
     if (asked != TQ_MOM_OK || calls_.link().replies().integer() != 1)
-        timer_.start(remind_pause);
+        if (!timer_.start(remind_pause))
+            reconnect_in(at_once);
 }
 
 // ---- delivery
@@ -257,13 +259,15 @@ void redis_reader::turn()
 {
     if (delivery_.in_round())
         return;
+    if (life_ == life::off && !timer_.running())
+        reconnect_in(after_lack_of_memory);
     const auto [more, result] = delivery_.round();
     if (result != TQ_MOM_OK)
         reconnect_in(after_recovery);
     if (more)
         bell_->ring();
-    if (delivery_.any_aside())
-        look_timer_.start(look_pause);
+    if (delivery_.any_aside() && !look_timer_.start(look_pause))
+        bell_->ring();
     ask_in_time();
 }
 
@@ -272,8 +276,8 @@ void redis_reader::look()
 {
     if (follower_.any_whole_again())
         reconnect_in(at_once);
-    else if (delivery_.any_aside())
-        look_timer_.start(look_pause);
+    else if (delivery_.any_aside() && !look_timer_.start(look_pause))
+        bell_->ring();
 }
 
 } // namespace mom

@@ -32,7 +32,7 @@ class redis_reader {
     redis_reader(const redis_reader &) = delete;
     redis_reader &operator=(const redis_reader &) = delete;
 
-    int subscribe(redis_table &table, const key_range &range, change_sink &sink);
+    [[nodiscard]] int subscribe(redis_table &table, const key_range &range, change_sink &sink);
     /// What a call may take along now: nothing, or the question that is due. rode() tells whether it arrived.
     ride offer();
     void rode(const ride &along, bool arrived);
@@ -57,8 +57,8 @@ class redis_reader {
 
     void follow();
     void become(life next);
-    int connect();
-    int prepare(line &next);
+    [[nodiscard]] int connect();
+    [[nodiscard]] int prepare(line &next);
     void disconnect();
     void reconnect_in(std::chrono::milliseconds pause);
     void on_time();

@@ -71,9 +71,9 @@ using reader_ptr = std::unique_ptr<redisReader, reader_free>;
 reader_ptr make_reader(reply_tape &tape);
 
 /// The result code that an error reply stands for.
-int result_of_error(std::string_view error);
+[[nodiscard]] int result_of_error(std::string_view error);
 /// That of any reply: 0 unless it is an error.
-int result_of(reply_view reply);
+[[nodiscard]] int result_of(reply_view reply);
 
 } // namespace mom
 

@@ -18,7 +18,7 @@ class redis_script {
   public:
     explicit constexpr redis_script(const char *text) : text_(text) {}
     /// The digest, asking the server for it the first time.
-    int load(redis_link &link);
+    [[nodiscard]] int load(redis_link &link);
     std::string_view digest() const { return digest_; }
     void forget() { digest_.clear(); }
 

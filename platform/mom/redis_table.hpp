@@ -71,9 +71,10 @@ bool parse_record(reply_view reply, std::vector<field_value> &fields, std::strin
 
 /// Appends the keys of a page of the index. Stops where one does not lie behind the one before, of which `after` is the
 /// first (null: none): a walk over such an index might never end.
-int take_page(const redis_table &table, reply_view page, const std::string *after, std::vector<std::string> &keys);
+[[nodiscard]] int take_page(const redis_table &table, reply_view page, const std::string *after,
+                            std::vector<std::string> &keys);
 /// Reports that, and is its result.
-int out_of_order(const redis_table &table);
+[[nodiscard]] int out_of_order(const redis_table &table);
 
 /// The bounds of a range for ZRANGEBYLEX, from behind `after` when that is not empty.
 std::string lex_from(const key_range &range, std::string_view after, bool continued);

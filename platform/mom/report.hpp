@@ -9,7 +9,7 @@ namespace mom {
 
 inline void report(int level, const std::string &text)
 {
-    static void *const category = tq_zlog_init("tq_mom");
+    void *const category = tq_zlog_init("tq_mom"); // the same each time; none while memory is short
     constexpr char file[] = "platform/mom";
     tqdf_zlog(category, file, sizeof file - 1, "tq_mom", 6, 0, level, "%s", text.c_str());
 }

@@ -11,7 +11,7 @@ namespace ssat {
 inline void log(int level, std::string_view function, const char *text)
 {
     constexpr std::string_view file = "platform/ssat";
-    static void *const category = tq_zlog_init("ssat");
+    void *const category = tq_zlog_init("ssat"); // the same each time; none while memory is short
     tqdf_zlog(category, file.data(), file.size(), function.data(), function.size(), 0, level, "%s", text);
 }
 

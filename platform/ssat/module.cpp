@@ -1,6 +1,7 @@
 #include "module.hpp"
 
 #include "capture.hpp"
+#include "counters.hpp"
 #include "directory.hpp"
 #include "log.hpp"
 #include "tq_context.h"
@@ -42,7 +43,9 @@ answer call_captured(ssat_handler handler, const std::vector<ssat_value> &values
 
     answer answer;
     bool cut = false;
+    ++counted().commands;
     answer.output = output.finish(answer.output_size, cut);
+    counted().cut += cut;
     answer.text = (result == 0 ? "ok " : "failed ") + std::to_string(answer.output_size) + (cut ? " cut\n" : "\n");
     return answer;
 }
@@ -63,6 +66,7 @@ bool may_enter(int connection)
     socklen_t size = sizeof peer;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == geteuid() || peer.uid == 0))
         return true;
+    ++counted().denied;
     const answer denied = make_answer("denied", "this module belongs to another user\n");
     send(connection, denied.text.data(), denied.text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     const std::string who = "uid " + std::to_string(peer.uid) + ", pid " + std::to_string(peer.pid);
@@ -124,6 +128,8 @@ answer module::run(std::string_view line)
     if (name == "help")
         return help(arguments);
     const auto found = commands_.find(name);
+    if (found == commands_.end() && name == "counters" && arguments.empty())
+        return make_answer("ok", list_counters(context_));
     if (found == commands_.end())
         return unknown(name);
 
@@ -141,6 +147,8 @@ answer module::help(std::span<const word> names) const
     for (const auto &[name, command] : commands_)
         if (names.empty() || names.front().text == name)
             text += help_line(command);
+    if (text.empty() && !names.empty() && names.front().text == "counters")
+        text = counters_help;
     return text.empty() && !names.empty() ? unknown(names.front().text) : make_answer("ok", text);
 }
 
@@ -177,8 +185,10 @@ void module::accept_one()
     }
     if (!may_enter(connection.get()))
         return;
-    if (sessions_.size() == most_sessions)
+    if (sessions_.size() == most_sessions) {
         sessions_.pop_front();
+        ++counted().dropped;
+    }
     sessions_.push_back(std::make_unique<session>(*this, std::move(connection)));
     if (!sessions_.back()->start(master_))
         sessions_.pop_back();

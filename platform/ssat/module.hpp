@@ -30,7 +30,7 @@ class module {
 
     const void *context() const { return context_; }
     void remove_socket();
-    int add(command &&added); // 0 or an errno value
+    [[nodiscard]] int add(command &&added); // 0 or an errno value
 
     // Runs one line. The answer to a blank line is empty.
     answer run(std::string_view line);

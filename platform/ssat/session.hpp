@@ -37,13 +37,13 @@ class session {
     session(const session &) = delete;
     session &operator=(const session &) = delete;
 
-    bool start(tq_thread_master *master);
+    [[nodiscard]] bool start(tq_thread_master *master);
 
   private:
     static void on_event(tq_loop_watch *watch, int fd, int events, void *arg);
-    bool advance(bool readable); // false: the session is over
-    bool receive();
-    bool send_more();
+    [[nodiscard]] bool advance(bool readable); // false: the session is over
+    [[nodiscard]] bool receive();
+    [[nodiscard]] bool send_more();
     void answer_line();
     bool has_line() const { return input_.find('\n') != std::string::npos; }
 

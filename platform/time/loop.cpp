@@ -36,6 +36,7 @@ struct tq_thread {
     tq_thread **handle;
     tq_thread_func func;
     void *arg;
+    uint64_t due;
     timer_queue::iterator place; // end() while the function runs
     bool patient = false;        // not to fire before what is waiting was heard,
     uint64_t latest = 0;         // but not later than now; 0: not held back so far
@@ -52,6 +53,7 @@ struct tq_loop_watch {
 
 struct tq_thread_master {
     uv_loop_t loop;
+    tq_loop_counters counters{};
     uv_timer_t bound; // active while a wait is bounded, never otherwise
     timer_queue timers;
     uint64_t pass_time = 0; // nanoseconds; what is inserted from now on is due later than the current pass
@@ -67,6 +69,7 @@ namespace {
 
 constexpr uint64_t ns_per_us = 1000;
 constexpr uint64_t ns_per_ms = 1000000;
+constexpr uint64_t lateness = 100 * ns_per_ms;
 constexpr uint64_t hiccup = 500 * ns_per_ms;
 constexpr uint64_t quiet_time = 200 * ns_per_ms; // longer than a slow store's answer takes
 constexpr uint64_t longest_hold = 2000 * ns_per_ms;
@@ -100,7 +103,15 @@ try {
     callback();
 } catch (...) {
     master.thrown = platform::thrown_error();
+    ++master.counters.exceptions;
     master.stopped = true;
+}
+
+void count_timer(tq_loop_counters &counters, uint64_t late)
+{
+    ++counters.timers;
+    counters.late += late >= lateness;
+    counters.worst_us = std::max(counters.worst_us, late / ns_per_us);
 }
 
 void fire(tq_thread_master &master)
@@ -110,6 +121,7 @@ void fire(tq_thread_master &master)
     master.timers.erase(first);
     timer->place = master.timers.end();
     clear_handle(*timer);
+    count_timer(master.counters, master.pass_time - timer->due);
     master.progress = true;
     call(master, [&] { timer->func(timer.get()); });
 }
@@ -273,8 +285,9 @@ int tq_thread_insert_timer_timeval(tq_thread_master *master, tq_thread **handle,
 try {
     if (!master || !func || !interval)
         return EINVAL;
-    const auto place = master->timers.emplace(due_after(*master, *interval), nullptr);
-    auto *timer = new (std::nothrow) tq_thread{master, handle, func, arg, place};
+    const uint64_t due = due_after(*master, *interval);
+    const auto place = master->timers.emplace(due, nullptr);
+    auto *timer = new (std::nothrow) tq_thread{master, handle, func, arg, due, place};
     if (!timer) {
         master->timers.erase(place);
         return ENOMEM;
@@ -357,6 +370,12 @@ int tq_loop_run_once(tq_thread_master *master, int timeout_ms)
     } while (!master->progress && (timeout_ms < 0 || remaining > 0));
     master->stopped = false;
     return std::exchange(master->thrown, 0);
+}
+
+void tq_loop_counters_get(const tq_thread_master *master, tq_loop_counters *counters)
+{
+    if (master && counters)
+        *counters = master->counters;
 }
 
 void tq_loop_stop(tq_thread_master *master)

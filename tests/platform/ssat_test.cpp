@@ -73,6 +73,17 @@ TEST_F(ssat_session, help_lists_every_command_with_its_usage)
     EXPECT_EQ(client.run("help nothing"), "unknown: no command is named 'nothing'; help lists the commands\n");
 }
 
+TEST_F(ssat_session, the_platform_s_counters_are_the_shell_s_own_command)
+{
+    client.run("fail");
+    EXPECT_EQ(client.run("help counters"), "ok: counters\tthe platform's own counters\n");
+    const std::string counters = client.run("counters");
+    EXPECT_NE(counters.find("0\ttimers\n"), std::string::npos) << counters;
+    EXPECT_NE(counters.find("1\tshell commands\n0\tshell answers cut\n"), std::string::npos) << counters;
+    EXPECT_EQ(counters.find("store"), std::string::npos) << "the context has no store: " << counters;
+    EXPECT_EQ(client.run("counters now"), "unknown: no command is named 'counters'; help lists the commands\n");
+}
+
 TEST_F(ssat_test, what_the_application_prints_stays_with_the_application)
 {
     server app(module_name, output);

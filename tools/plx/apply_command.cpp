@@ -145,8 +145,11 @@ int ApplyRun::open_store()
         context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
     if (context_ == nullptr)
         return tell_no_context("apply", options_.store);
-    if (const int result = connect(); result != 0)
-        return fail(EXIT_UNREACHABLE, "store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
+    if (const int result = connect(); result != 0) {
+        fail(EXIT_UNREACHABLE, "store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
+        tell_advice(result);
+        return EXIT_UNREACHABLE;
+    }
     return EXIT_DONE;
 }
 

@@ -70,6 +70,7 @@ int MonitorRun::run()
     const StopOnSignal stop(context_->master);
     if (const int result = subscribe(); result != 0) {
         std::cerr << "plx monitor: store: " << tq_mom_strerror(result) << '\n';
+        tell_advice(result);
         return EXIT_UNREACHABLE;
     }
     std::cerr << "plx monitor: watching " << feeds_.size() << " tables" << std::endl;

@@ -112,6 +112,12 @@ int tell_no_context(const char *command, const std::string &store)
     return error == EINVAL ? EXIT_USAGE : EXIT_UNREACHABLE;
 }
 
+void tell_advice(int result)
+{
+    if (const char *advice = tq_mom_advice(result); advice != nullptr)
+        std::cerr << "hint: " << advice << '\n';
+}
+
 Context open_store(const char *command, const RecordOptions &options, int &exit_code)
 {
     Context context(tq_context_new(options.store.c_str()));
@@ -120,6 +126,7 @@ Context open_store(const char *command, const RecordOptions &options, int &exit_
     } else if (const int result = tq_mom_client_connect_sync(context.get(), options.db); result != 0) {
         std::cerr << "plx " << command << ": store " << shown_address(options.store) << ": " << tq_mom_strerror(result)
                   << '\n';
+        tell_advice(result);
         exit_code = EXIT_UNREACHABLE;
         context.reset();
     }

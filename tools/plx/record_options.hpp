@@ -40,6 +40,9 @@ std::string shown_address(const std::string &store);
 /// Says on standard error, by errno, why there is no context at an address; returns the exit code for it.
 int tell_no_context(const char *command, const std::string &store);
 
+// Standard error gets what an operator can do about a result of the store client, where there is something.
+void tell_advice(int result);
+
 // A store, opened as one of these commands needs it; reports why not. Null when it cannot be reached.
 Context open_store(const char *command, const RecordOptions &options, int &exit_code);
 

@@ -77,6 +77,7 @@ void ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_e
     if (result == 0)
         return;
     std::cerr << "plx show: " << table_ << ": store: " << tq_mom_strerror(result) << '\n';
+    tell_advice(result);
     result_ = result_ == 0 ? result : result_;
 }
 
