@@ -55,7 +55,6 @@ void reset_doubles()
 {
     fake::store.take();
     fake::store.script.clear();
-    fake::store.down = 0;
     fake::store.records.clear();
     fake::store.marks.clear();
     fake::store.scan_entries.clear();

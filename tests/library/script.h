@@ -31,6 +31,14 @@ struct reader {
     }
 };
 
+inline std::string text_of(const script &all)
+{
+    std::string text;
+    for (const std::string &line : all)
+        text += line + "\n";
+    return text;
+}
+
 inline script read_lines(const std::string &path)
 {
     std::ifstream file(path);

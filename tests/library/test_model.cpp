@@ -362,10 +362,8 @@ void expect_passes(const script &lines, const std::string &name)
     const std::string difference = outcome(lines, false);
     if (difference.empty())
         return;
-    std::string text;
-    for (const std::string &line : shortened(lines))
-        text += line + "\n";
-    ADD_FAILURE() << name << ": " << difference << "\nPLX_TEST_SCRIPT=file repeats this script:\n" << text;
+    ADD_FAILURE() << name << ": " << difference << "\nPLX_TEST_SCRIPT=file repeats this script:\n"
+                  << text_of(shortened(lines));
 }
 
 script read_script(const std::string &path)

@@ -42,14 +42,6 @@ std::string readable(std::string text, const std::string &process)
     return text;
 }
 
-std::string text_of(const script &all)
-{
-    std::string text;
-    for (const std::string &line : all)
-        text += line + "\n";
-    return text;
-}
-
 class transcript : public session {
   public:
     transcript(std::string path, std::string name) : path_(std::move(path)), name_(std::move(name)) {}

@@ -8,6 +8,7 @@
 
 using fake::format;
 using fake::hex;
+using ull = unsigned long long;
 
 std::string repeated(const std::string &text)
 {
@@ -258,7 +259,7 @@ std::string iterate(session &s, arguments &a)
     EXPECT_EQ(result, sns);
     std::string text = result ? "listed" : "nothing";
     for (uint32_t i = 0; i < count; i++)
-        text += format(" %llu", static_cast<unsigned long long>(sns[i]));
+        text += format(" %llu", ull(sns[i]));
     free(result);
     return text;
 }
@@ -277,9 +278,9 @@ std::string described(const owned_ace &ace)
 {
     if (!ace)
         return "nothing";
-    std::string text = format("entry %llu default=%d pri=%llu priv=", static_cast<unsigned long long>(ace->sn),
-                              ace->default_ace, static_cast<unsigned long long>(ace->ace_pri)) +
-                       hex(ace->priv, sizeof ace->priv);
+    std::string text =
+        format("entry %llu default=%d pri=%llu priv=", ull(ace->sn), ace->default_ace, ull(ace->ace_pri)) +
+        hex(ace->priv, sizeof ace->priv);
     return text + (ace->tlv ? format(" len=%d ", ace->tlv->len) + hex(ace->tlv->data, ace->tlv->len) : " no buffer");
 }
 
@@ -438,8 +439,7 @@ void *cached(session &s, const thing &t)
 
 template <class Node> std::string state_of(const Node &node, const std::string &end)
 {
-    return format(" stat=%d uuid=%llu count=%d is_req=%d", node.stat, static_cast<unsigned long long>(node.uuid),
-                  node.req_count, node.is_req) +
+    return format(" stat=%d uuid=%llu count=%d is_req=%d", node.stat, ull(node.uuid), node.req_count, node.is_req) +
            end + " priv=" + hex(node.priv, sizeof node.priv);
 }
 
@@ -451,12 +451,12 @@ std::string cached_text(session &s, const thing &t)
     if (t.table == "acl") {
         const auto *node = static_cast<fp_udp_acl_node *>(at);
         return format("acl %s/%u stat=%d uuid=%llu entries=%u priv=", node->acl.app_type, node->acl.acl_id,
-                      node->acl.stat, static_cast<unsigned long long>(node->acl.uuid), node->ace_count) +
+                      node->acl.stat, ull(node->acl.uuid), node->ace_count) +
                hex(node->acl.priv, sizeof node->acl.priv);
     }
     if (t.table == "ace") {
         const auto *node = static_cast<fp_udp_ace_node *>(at);
-        return format("ace %llx", static_cast<unsigned long long>(node->ace.sn)) +
+        return format("ace %llx", ull(node->ace.sn)) +
                state_of(node->ace, format(" def=%d waits=%d", node->ace.def, node->req != nullptr));
     }
     const auto *node = static_cast<fp_udp_apply_node *>(at);
@@ -466,17 +466,14 @@ std::string cached_text(session &s, const thing &t)
 
 std::string name_of(const fp_udp_req_node &request)
 {
-    const auto since = format(" since %llu", static_cast<unsigned long long>(tq_timeval_to_us(&request.time)));
-    if (request.type == FP_UDP_REQ_ACE) {
-        const auto *ace = static_cast<const fp_udp_ace_node *>(request.node);
-        return format("ace %s/%u/%llx", ace->acl.app_type, ace->acl.acl_id,
-                      static_cast<unsigned long long>(ace->ace.sn)) +
-               since;
-    }
+    const auto *ace = static_cast<const fp_udp_ace_node *>(request.node);
     const auto *apply = static_cast<const fp_udp_apply_node *>(request.node);
-    return format("apply %s/%u@%s/%x", apply->acl.app_type, apply->acl.acl_id, apply->apply.apply_type,
-                  apply->apply.phyid) +
-           since;
+    const bool is_ace = request.type == FP_UDP_REQ_ACE;
+    const fp_udp_acl_info &acl = is_ace ? ace->acl : apply->acl;
+    return format("%s %s/%u", is_ace ? "ace" : "apply", acl.app_type, acl.acl_id) +
+           (is_ace ? format("/%llx", ull(ace->ace.sn))
+                   : format("@%s/%x", apply->apply.apply_type, apply->apply.phyid)) +
+           format(" since %llu", ull(tq_timeval_to_us(&request.time)));
 }
 
 template <class Element, class Name> void list(session &s, const fp_udp_list &head, Name name)
@@ -506,8 +503,7 @@ std::string show(session &s, arguments &a)
         list<fp_udp_req_node>(s, g_req_para.pending, name_of);
     else if (what == "nodes")
         list<fp_udp_service_node>(s, g_fp_service.nodes, [](auto &node) {
-            return format("node %u/%u/%u at %llu", node.dev, node.slot, node.id,
-                          static_cast<unsigned long long>(tq_timeval_to_us(&node.up_time)));
+            return format("node %u/%u/%u at %llu", node.dev, node.slot, node.id, ull(tq_timeval_to_us(&node.up_time)));
         });
     else if (what == "timers")
         for (const fake::timer &timer : fake::clock.timers)

@@ -73,7 +73,6 @@ struct store_double {
 
     lines calls;
     std::map<std::string, results> script; // by operation: "hmset", "set", "get", "del", ...
-    int down = 0;                          // the result of every call while non-zero
     std::string failing;                   // the one operation that fails with 9, or "all"
     // The call that fails, by its number since `asked` was zero, and with what.
     int turn = 0, turn_result = 0, asked = 0;
@@ -89,7 +88,6 @@ struct store_double {
 
     lines take() { return std::exchange(calls, {}); }
     void put(uint32_t db, const ProtobufCMessage &record);
-    bool holds(uint32_t db, const std::string &where) const;
     // Calls the newest subscription of a table; its result, or -1000 when there is none.
     int32_t deliver(const std::string &table, int32_t event, const ProtobufCMessage *record, int32_t result = 0,
                     int32_t flag = 0);

@@ -106,11 +106,6 @@ static std::string place(uint32_t db, const std::string &where)
     return std::to_string(db) + " " + where;
 }
 
-bool store_double::holds(uint32_t db, const std::string &where) const
-{
-    return records.count(place(db, where)) != 0;
-}
-
 void store_double::put(uint32_t db, const ProtobufCMessage &record)
 {
     std::string packed(protobuf_c_message_get_packed_size(&record), '\0');
@@ -159,8 +154,7 @@ static int called(const std::string &operation, uint32_t db, const std::string &
     if (store.failing == operation || store.failing == "all")
         return 9;
     const auto scripted = store.script.find(operation);
-    const int result = scripted == store.script.end() ? 0 : scripted->second.next();
-    return store.down ? store.down : result;
+    return scripted == store.script.end() ? 0 : scripted->second.next();
 }
 
 // The stored record with the listed fields taken from `record`.
