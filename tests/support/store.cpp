@@ -252,8 +252,9 @@ tq_mom_hash_res *tq_mom_hgetall_sync(void *handle, uint32_t db, const ProtobufCM
         return nullptr;
     auto held = store.records.find(place(db, address(*record)));
     auto *given = new given_result{{result == store_double::no_record ? 0 : result, nullptr}, nullptr, {}};
-    if (held != store.records.end() && !result) {
+    if (held != store.records.end() && !result)
         given->own = unpack(record->descriptor, held->second);
+    if (given->own) {
         const auto *bytes = reinterpret_cast<const char *>(given->own.get());
         given->copy.assign(bytes, bytes + record->descriptor->sizeof_message);
         given->record = reinterpret_cast<ProtobufCMessage *>(given->copy.data());
