@@ -138,7 +138,7 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     /* a subscription needs one */                                                                                     \
     RESULT(NO_DESCRIPTOR, 13, "no file descriptor is left", "raise the process's limit of open files")
 
-#define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = number,
+#define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {
     TQ_MOM_RESULTS(TQ_MOM_RESULT_CODE)
     /* How many there are. */
