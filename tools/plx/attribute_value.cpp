@@ -326,8 +326,8 @@ std::string_view nearest(std::string_view text, const std::vector<std::string_vi
         return best;
     const std::string folded = lower(text);
     for (const std::string_view candidate : candidates) {
-        const auto [shorter, longer] = std::minmax(folded.size(), candidate.size());
-        size_t distance = longer - shorter; // at least
+        size_t distance =
+            std::max(folded.size(), candidate.size()) - std::min(folded.size(), candidate.size()); // or more
         if (distance < least)
             distance = edit_distance(folded, candidate);
         if (distance < least) {
