@@ -114,9 +114,11 @@ int32_t fp_udp_acldb_get_apply(const fp_udp_acl_info *acl, const fp_udp_apply_in
 
 /* 0 or -2. A second add under a live key leaves the first node and returns 0. */
 int32_t fp_udp_acldb_add_acl(const fp_udp_acl_info *acl);
-/* 0 and the new node, -7 when the ACL is not cached, or -2. */
+/* 0 and the new node, -7 when the ACL is not cached, -2 when memory is exhausted or the table cannot grow (nothing is
+ * left then), or -4 for a null `node`. */
 int32_t fp_udp_acldb_add_ace(const fp_udp_acl_info *acl, const fp_udp_ace_info *ace, fp_udp_ace_node **node);
-/* 0 and the new node, or -2. An ACL that is not cached is added first. */
+/* 0 and the new node, -2 as above, or -4 for a null `node`. An ACL that is not cached is added first, and goes again
+ * where its apply is refused. */
 int32_t fp_udp_acldb_add_apply(const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, fp_udp_apply_node **node);
 
 /* Always 0. Deleting an ACL deletes its ACEs and applies; pending requests are dropped without a callback. */

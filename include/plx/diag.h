@@ -77,8 +77,8 @@ enum fp_udp_op {
     FP_UDP_OP_FAIL = 7
 };
 
-/* Names the log files after the process and makes their directory. 0, -1, or the status of the shell that was to make
- * it. */
+/* Names the log files after the process and makes their directory. 0; -1 when the process has no name or a link is in
+ * the way, behind which nothing is kept; or the status of the shell that was to make the directory. */
 int32_t fp_udp_op_log_init(void);
 
 /* Append one record while FP_UDP_DEBUG_OP_LOG is set. Every argument but `op` may be NULL: its field is left out. `app`
