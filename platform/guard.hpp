@@ -1,5 +1,5 @@
-// What keeps exceptions inside the platform's libraries. Every function of a C face that can meet one, and every callback
-// that such a function calls, ends in a `catch (...)` that asks here what was thrown, as an errno value.
+// What keeps exceptions inside the platform's libraries. Every function of a C face that can meet one, and every
+// callback that such a function calls, ends in a `catch (...)` that asks here what was thrown, as an errno value.
 //
 // Memory may be short anywhere, a descriptor where one is made; an application's callback may throw what it likes.
 #ifndef PLX_PLATFORM_GUARD_HPP

@@ -22,8 +22,8 @@
 extern "C" {
 #endif
 
-/* What became of the requests, and of the answers, of one kind. A request counts once, as it ends. One that is set again
- * while it waits goes on waiting, and one that is deleted ends without an outcome: neither counts. */
+/* What became of the requests, and of the answers, of one kind. A request counts once, as it ends. One that is set
+ * again while it waits goes on waiting, and one that is deleted ends without an outcome: neither counts. */
 typedef struct plx_outcomes {
     /* As many service nodes confirmed as were alive, perhaps because fewer were left. */
     uint64_t ok_by_answers;

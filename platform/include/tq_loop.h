@@ -16,8 +16,8 @@ extern "C" {
 tq_thread_master *tq_loop_new(void);
 void tq_loop_free(tq_thread_master *master);
 
-/* Runs until tq_loop_stop(). 0; ENOENT when there is nothing left to wait for. When a callback lets an exception out, this
- * call and the next return there: ENOMEM, or the number of a system error, or EIO. Running again goes on. */
+/* Runs until tq_loop_stop(). 0; ENOENT when there is nothing left to wait for. When a callback lets an exception out,
+ * this call and the next return there: ENOMEM, or the number of a system error, or EIO. Running again goes on. */
 int tq_loop_run(tq_thread_master *master);
 
 /* Waits at most `timeout_ms` (0 does not wait, -1 waits without bound) for something to happen, and handles all that is

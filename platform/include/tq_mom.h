@@ -12,8 +12,8 @@
  *     at once between paced reconnection attempts.
  *  4. Records handed in are copied and may be freed after the call. Records handed to a callback live until it returns.
  *  5. Callbacks of tq_mom_subscribe run from the event loop only, never from inside a call into the store client.
- *     Callbacks of tq_mom_scan_sync run before the scan returns. Both may call any function of this header. An exception
- *     that one lets out ends there; a scan then calls it no more, and fails.
+ *     Callbacks of tq_mom_scan_sync run before the scan returns. Both may call any function of this header.
+ *     An exception that one lets out ends there; a scan then calls it no more, and fails.
  *  6. One thread: the client takes no lock.
  */
 #ifndef TQ_MOM_H
@@ -106,8 +106,8 @@ int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *recor
  * is deleted and the call fails. */
 int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound);
 
-/* Every result: its name, its number, what it tells and what an operator can do about it. The codes, their texts and the
- * advice are made from this list alone. */
+/* Every result: its name, its number, what it tells and what an operator can do about it. The codes, their texts and
+ * the advice are made from this list alone. */
 #define TQ_MOM_RESULTS(RESULT)                                                                                         \
     RESULT(OK, 0, "success", "")                                                                                       \
     /* null argument, unknown field, selection beyond the key, message without a descriptor */                         \

@@ -46,9 +46,9 @@ void *tq_zlog_init(const char *category);
  * logs nothing. The library formats a message itself and passes "%s": at most 1023 characters.
  *
  * Of one message (the same category, file, line, level and text) no more than twenty go out within a second. Those
- * beyond are held back and counted: "N more of these: TEXT" is logged once when the second is over, with the next message
- * of whatever kind, or when the process ends in an orderly way. A message of another text is another message. The last
- * 32 messages are watched; one that had to make room is told of at once.
+ * beyond are held back and counted: "N more of these: TEXT" is logged once when the second is over, with the next
+ * message of whatever kind, or when the process ends in an orderly way. A message of another text is another message.
+ * The last 32 messages are watched; one that had to make room is told of at once.
  *
  * `level` decides what becomes of the line by the log's own configuration. What the library hands over at all is for
  * g_policy_plx_zlog_level (plx/diag.h) to say, before. */

@@ -44,7 +44,8 @@ class subscription final : public change_sink {
 struct tq_mom_client {
     /// Calls back. An exception of the callback ends here, as a result.
     [[nodiscard]] int tell(const mom::listener &to, const tq_mom_notification &notification) noexcept;
-    /// Decodes and tells; a record that cannot be decoded is told as a result. What leaves it by exception was not told.
+    /// Decodes and tells; a record that cannot be decoded is told as a result. What leaves it by exception was not
+    /// told.
     [[nodiscard]] int notify(const mom::listener &to, const mom::record_type &type, std::string_view key,
                              mom::field_values fields, tq_mom_notification notification);
 

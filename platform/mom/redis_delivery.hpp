@@ -39,7 +39,8 @@ struct redis_audience {
         std::list<record> found; ///< in the order of writing once all are listed
     };
 
-    /// Tells the subscribers from number `told` on, which counts them. What leaves it by exception was not told to that one.
+    /// Tells the subscribers from number `told` on, which counts them. What leaves it by exception was not told to that
+    /// one.
     void deliver(uint64_t number, const change &change, size_t &told);
     /// False where `result` is no reason to; else the table is not read until `aside` is taken back.
     bool set_aside(int result);

@@ -1,7 +1,7 @@
 // The bound on repeated messages: twenty of one kind within a second, then a count of the rest.
 //
-// Asked before each message goes to the log, by zlog.cpp. It needs neither a timer nor a thread: what a second held back
-// is handed out when it is asked for next, or at the end of the process. Not safe for threads by itself.
+// Asked before each message goes to the log, by zlog.cpp. It needs neither a timer nor a thread: what a second held
+// back is handed out when it is asked for next, or at the end of the process. Not safe for threads by itself.
 #ifndef TQ_ZLOG_REPEATS_HPP
 #define TQ_ZLOG_REPEATS_HPP
 

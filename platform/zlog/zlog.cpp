@@ -4,8 +4,8 @@
 // would lose (no library, a configuration that does not load, no rule that takes any of its lines) goes to syslog,
 // which is told when it was for want of a rule. A zlog so old that it cannot be asked for its rules is trusted.
 // zlog reads its configuration from the file that ZLOG_CONF_PATH names; an application that has initialised zlog itself
-// keeps its own. Categories are never freed. Any thread may log: one lock keeps the categories and the bound on repeated
-// messages, and nothing is written under it. Whatever the text contains, it reaches either log as data.
+// keeps its own. Categories are never freed. Any thread may log: one lock keeps the categories and the bound on
+// repeated messages, and nothing is written under it. Whatever the text contains, it reaches either log as data.
 #include "tq_zlog.h"
 
 #include "platform/guard.hpp"

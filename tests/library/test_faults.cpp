@@ -1,8 +1,8 @@
 // Faults at every place where one can happen, one at a time: each allocation and each file call (once, and all from
 // there on), and each store call with each kind of failure.
 //
-// After each fault the cache is whole, the same call without a fault works, and once all is taken away again no block or
-// file is left. What each fault is answered with stands in the transcripts.
+// After each fault the cache is whole, the same call without a fault works, and once all is taken away again no block
+// or file is left. What each fault is answered with stands in the transcripts.
 #include "verbs.h"
 
 #include <cerrno>

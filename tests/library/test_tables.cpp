@@ -77,8 +77,8 @@ struct plain_table {
             found = in[at] == deleted ? at : found;
         return found == in.size() ? at : found;
     }
-    // A half empty one is purged, a fuller one doubles: each id goes to its first empty bucket, changing places with one
-    // not yet moved.
+    // A half empty one is purged, a fuller one doubles: each id goes to its first empty bucket, changing places with
+    // one not yet moved.
     void make_room()
     {
         std::vector<int> old = buckets;

@@ -1,4 +1,5 @@
-// Writes one log line for zlog_test: category, level, text; with a number, repeated ones. A line that goes to syslog is printed instead.
+// Writes one log line for zlog_test: category, level, text; with a number, repeated ones. A line that goes to syslog is
+// printed instead.
 #include "tq_zlog.h"
 
 #include <cstdarg>

@@ -1,6 +1,6 @@
-/* An application on an integrator's platform: every exported function and every slot of the manager's table, called from C99 with what the headers promise: a
- * declaration that C cannot use, a symbol that is missing, or a result that is not the documented one shows here.
- * run.sh compares what this calls with what the library exports. */
+/* An application on an integrator's platform: every exported function and every slot of the manager's table, called
+ * from C99 with what the headers promise: a declaration that C cannot use, a symbol that is missing, or a result that
+ * is not the documented one shows here. run.sh compares what this calls with what the library exports. */
 #include <plx/libplx.h>
 #include <plx/s_policy.pb-c.h>
 #include <stdio.h>

@@ -1,7 +1,7 @@
 // Failing allocations, and the count of live ones. malloc, calloc, realloc and free are defined here, before the C
-// library's (and before a sanitizer's, which stays behind them): a call whose return address lies in libplx.so, or in the
-// libraries that a program names instead, is counted and, when its turn has come, refused. All others pass. Built without instrumentation, since the first calls
-// come before a sanitizer is ready.
+// library's (and before a sanitizer's, which stays behind them): a call whose return address lies in libplx.so, or in
+// the libraries that a program names instead, is counted and, when its turn has come, refused. All others pass. Built
+// without instrumentation, since the first calls come before a sanitizer is ready.
 #include "fakes.h"
 
 #include <algorithm>

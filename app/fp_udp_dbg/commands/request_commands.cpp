@@ -1,4 +1,5 @@
-// The debug commands about requests: how they ended so far, and those that are waited for. An application asks for them.
+// The debug commands about requests: how they ended so far, and those that are waited for. An application asks for
+// them.
 #include "../../list.hpp"
 #include "shell.hpp"
 
