@@ -1,5 +1,5 @@
 #!/usr/bin/env -S python3 -B
-"""Tests are at most a third of all other code.
+"""The share of tests does not grow: a third of all other code is meant.
 
 Counts the lines of C, C++, Python and shell in tests/ and fuzz/ over those of everything else that is code, prints the
 share by room, and fails above BAR. What is data, such as transcripts and fuzz inputs, is not counted."""
