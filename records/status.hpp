@@ -18,7 +18,11 @@ enum class Status : int32_t {
     malformed = FP_UDP_NODE_MALFORMED,
     bad_value = FP_UDP_NODE_BAD_VALUE,
     refused = FP_UDP_NODE_REFUSED,
-    out_of_range = FP_UDP_NODE_OUT_OF_RANGE
+    out_of_range = FP_UDP_NODE_OUT_OF_RANGE,
+    contradiction = FP_UDP_NODE_CONTRADICTION,
+    not_permitted = FP_UDP_NODE_NOT_PERMITTED,
+    plane_error = FP_UDP_NODE_PLANE_ERROR,
+    no_interface = FP_UDP_NODE_NO_INTERFACE
 };
 
 // A short text for a status word as it came from the store: any number may be in it.

@@ -38,7 +38,15 @@ enum fp_udp_node_status {
     /* The plane is configured to refuse this entry. */
     FP_UDP_NODE_REFUSED = 105,
     /* A number in the key or the record is beyond what the plane has: a direction, a kind of binding. */
-    FP_UDP_NODE_OUT_OF_RANGE = 106
+    FP_UDP_NODE_OUT_OF_RANGE = 106,
+    /* What the entry asks for excludes itself: no packet is ARP and has an IPv4 source, none is dropped and sent on. */
+    FP_UDP_NODE_CONTRADICTION = 107,
+    /* The node lacks the right to program its plane, or somebody else owns the table. */
+    FP_UDP_NODE_NOT_PERMITTED = 108,
+    /* The plane failed in a way of its own, which the node's log tells. */
+    FP_UDP_NODE_PLANE_ERROR = 109,
+    /* The port, or the one named in an action, is the node's, but its interface is not there. */
+    FP_UDP_NODE_NO_INTERFACE = 110
 };
 
 /* What a node status is called: "table full" for 101. "unknown status" for a number that is none of enum
@@ -51,10 +59,14 @@ static inline const char *plx_node_status_text(int32_t status)
                                         "malformed attributes",
                                         "attribute value of wrong size",
                                         "refused by configuration",
-                                        "number out of range"};
+                                        "number out of range",
+                                        "contradiction in the entry",
+                                        "not permitted",
+                                        "error of the plane",
+                                        "no interface"};
     if (status == FP_UDP_NODE_OK)
         return "ok";
-    if (status < FP_UDP_NODE_TABLE_FULL || status > FP_UDP_NODE_OUT_OF_RANGE)
+    if (status < FP_UDP_NODE_TABLE_FULL || status > FP_UDP_NODE_NO_INTERFACE)
         return "unknown status";
     return texts[status - FP_UDP_NODE_TABLE_FULL];
 }

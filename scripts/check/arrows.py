@@ -38,7 +38,11 @@ ROOMS = {
     # The node knows no particular plane, and no plane another.
     "plane/": PUBLIC | {"records/"},
     "plane/simulated/": PUBLIC | {"records/", "plane/"},
-    "tools/": PUBLIC | {"records/", "plane/", "plane/simulated/", "platform/topics/tq_topics.proto"},
+    # What entries do to packets, without anybody who does it.
+    "plane/packet/": PUBLIC | {"records/"},
+    "plane/nftables/": PUBLIC | {"records/", "plane/", "plane/packet/"},
+    "tools/": PUBLIC | {"records/", "plane/", "plane/simulated/", "plane/packet/", "plane/nftables/",
+               "platform/topics/tq_topics.proto"},
     "examples/": PUBLIC,
 }
 FREE = ("tests/", "bench/", "fuzz/", "docs/", "packaging/", "scripts/")

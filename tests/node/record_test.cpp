@@ -76,7 +76,8 @@ TEST(StatusText, is_there_for_every_number)
     EXPECT_EQ("table full", status_text(101));
     EXPECT_EQ("unknown status", status_text(-7));
     EXPECT_EQ("number out of range", status_text(106));
-    EXPECT_EQ("unknown status", status_text(107));
+    EXPECT_EQ("no interface", status_text(110));
+    EXPECT_EQ("unknown status", status_text(111));
     EXPECT_STREQ("invalid argument", plx_result_text(FP_UDP_INVALID));
     EXPECT_STREQ("topic refused", plx_result_text(FP_UDP_TOPIC_REFUSED));
     for (const int32_t none : {1, -3, -18})

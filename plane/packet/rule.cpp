@@ -1,0 +1,35 @@
+// See rule.hpp.
+#include "plane/packet/rule.hpp"
+
+#include <algorithm>
+
+namespace plx::plane::packet {
+
+namespace {
+
+constexpr uint32_t tag_types[] = {0x8100, 0x88a8};
+constexpr uint32_t port_protocols[] = {6, 17, 132};
+constexpr uint32_t icmp_protocols[] = {1, 58};
+constexpr uint32_t extension_types[] = {0, 43, 44, 51, 60, 135, 139, 140};
+constexpr ConstantSet sets[] = {
+    {"tags", 2, tag_types}, {"ported", 1, port_protocols}, {"icmps", 1, icmp_protocols}, {"ext", 1, extension_types}};
+
+} // namespace
+
+std::span<const ConstantSet> constant_sets()
+{
+    return sets;
+}
+
+Bytes::Bytes(std::span<const uint8_t> bytes) : size(static_cast<uint8_t>(std::min(bytes.size(), data.size())))
+{
+    std::copy_n(bytes.begin(), size, data.begin());
+}
+
+Bytes::Bytes(uint64_t number, size_t width) : size(static_cast<uint8_t>(width))
+{
+    for (size_t at = width; at-- > 0; number >>= 8U)
+        data[at] = static_cast<uint8_t>(number);
+}
+
+} // namespace plx::plane::packet
