@@ -2,6 +2,7 @@
 #include "input.hpp"
 
 #include <plx/types.h>
+#include <sstream>
 #include <tools/plx/policy.hpp>
 
 namespace {
@@ -10,11 +11,13 @@ using namespace plx::tool;
 
 void check(const PolicyEntry &entry)
 {
-    for (const PolicyAttribute &attribute : entry.attributes) {
-        fuzz::require(attribute.form != nullptr, "an attribute has its form");
-        fuzz::require(attribute.value.size() <= FP_UDP_ATTR_VALUE_MAX, "an attribute's value fits");
+    const auto attributes = plx::unpack(entry.attributes());
+    fuzz::require(attributes.has_value(), "an entry is packed well");
+    for (const plx::Attribute &attribute : *attributes) {
+        bool known = false;
+        fuzz::require(plx::form_of(attribute, known) != nullptr, "an attribute has its form");
     }
-    fuzz::require(entry.name.size() <= FP_UDP_PRIV_SIZE, "an entry's name fits");
+    fuzz::require(entry.name().size() <= FP_UDP_PRIV_SIZE, "an entry's name fits");
 }
 
 void check(const Policy &policy)
@@ -41,14 +44,9 @@ void check(const Errors &errors)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string content = fuzz::input(data, size).rest();
-    Part root;
+    std::istringstream content(fuzz::input(data, size).rest());
     Errors errors;
-    if (!parse_document(content, root, errors)) {
-        check(errors);
-        return 0;
-    }
-    const auto policy = read_policy(root, errors);
+    const auto policy = read_policy(content, "/nowhere/", errors);
     fuzz::require(policy.has_value() == errors.empty(), "a policy is read or faults are told");
     if (policy)
         check(*policy);

@@ -36,6 +36,15 @@ const std::multimap<Word, const Form *> &forms_by_word()
     return by_word;
 }
 
+uint32_t id_in_table(const Form &form)
+{
+    const auto table = name_table(form.cls);
+    const auto row = std::find_if(table.begin(), table.end(), [&form](const fp_udp_attr_entry &entry) {
+        return form.name == std::string_view(entry.name, strnlen(entry.name, sizeof entry.name));
+    });
+    return row == table.end() ? 0 : row->id;
+}
+
 } // namespace
 
 uint32_t Form::bytes() const
@@ -59,11 +68,13 @@ const Form *find_form(fp_udp_attr_class cls, std::string_view name)
 
 uint32_t attribute_id(const Form &form)
 {
-    const auto table = name_table(form.cls);
-    const auto row = std::find_if(table.begin(), table.end(), [&form](const fp_udp_attr_entry &entry) {
-        return form.name == std::string_view(entry.name, strnlen(entry.name, sizeof entry.name));
-    });
-    return row == table.end() ? 0 : row->id;
+    static const std::vector<uint32_t> ids = [] {
+        std::vector<uint32_t> all;
+        for (const Form &each : forms())
+            all.push_back(id_in_table(each));
+        return all;
+    }();
+    return ids[static_cast<size_t>(&form - forms().data())];
 }
 
 std::optional<std::vector<Attribute>> unpack(std::span<const uint8_t> packed)

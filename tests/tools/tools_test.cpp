@@ -21,7 +21,7 @@ const Form *form(std::string_view name)
     return found == forms().end() ? nullptr : &*found;
 }
 
-std::string hex(const std::vector<uint8_t> &bytes)
+std::string hex(std::span<const uint8_t> bytes)
 {
     std::string text;
     for (const uint8_t byte : bytes)
@@ -48,23 +48,24 @@ std::string shown_bytes(const std::string &name, const std::string &digits)
 
 void describe(const PolicyEntry &entry, std::ostream &out)
 {
-    out << " sn " << entry.sn << " name '" << entry.name << "' priority " << entry.priority
+    out << " sn " << entry.sn << " name '" << entry.name() << "' priority " << entry.priority
         << (entry.is_default ? " default" : "");
-    for (const PolicyAttribute &attribute : entry.attributes)
-        out << ' ' << attribute.form->cls << '/' << attribute.form->name << '=' << hex(attribute.value);
+    const auto attributes = unpack(entry.attributes());
+    for (const Attribute &attribute : *attributes) {
+        bool known = false;
+        out << ' ' << attribute.cls << '/' << form_of(attribute, known)->name << '=' << hex(attribute.value);
+    }
     out << '\n';
 }
 
 std::string policy(const std::string &text)
 {
     Errors errors;
-    Part root;
-    std::optional<Policy> read;
-    if (parse_document(text, root, errors))
-        read = read_policy(root, errors);
+    std::istringstream in(text);
+    const std::optional<Policy> read = read_policy(in, POLICIES "/", errors);
     std::ostringstream out;
     for (const std::string &line : errors.lines("f"))
-        out << line.substr(2) << '\n';
+        out << line.substr(line.starts_with("f:") ? 2 : sizeof POLICIES) << '\n'; // without the file, the directory
     if (!read || !errors.empty())
         return out.str() + (read ? "but a policy" : "");
     out << "application " << read->application << '\n';

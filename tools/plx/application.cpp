@@ -3,8 +3,12 @@
 
 #include "records/status.hpp"
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <numeric>
+#include <span>
 #include <tq_mom.h>
 
 namespace plx::tool {
@@ -20,7 +24,7 @@ template <size_t Size> void copy_name(char (&field)[Size], const std::string &na
     std::memcpy(field, name.c_str(), std::min(name.size(), Size - 1));
 }
 
-void copy_name(uint8_t (&priv)[FP_UDP_PRIV_SIZE], const std::string &name)
+void copy_name(uint8_t (&priv)[FP_UDP_PRIV_SIZE], std::string_view name)
 {
     std::memcpy(priv, name.data(), std::min(name.size(), sizeof priv));
 }
@@ -34,19 +38,19 @@ std::string write_error(int32_t result)
     return std::string("library: ") + plx_result_text(result) + " (" + std::to_string(result) + ")";
 }
 
-// Why an attribute is not in the entry, which must not be set then; empty when all are.
-std::string push(fp_udp_ace *ace, const PolicyEntry &entry)
+// The entry's attributes are packed already: they are put into the buffer as pushing them one by one would.
+bool fill(fp_udp_ace *ace, const PolicyEntry &entry)
 {
     ace->ace_pri = entry.priority;
-    copy_name(ace->priv, entry.name);
-    for (const PolicyAttribute &attribute : entry.attributes) {
-        const std::string name(attribute.form->name);
-        const int32_t result =
-            plx_push(&ace->tlv, attribute.form->cls, name.c_str(), attribute.value.data(), attribute.value.size());
-        if (result != FP_UDP_OK)
-            return "attribute " + name + ": " + write_error(result);
-    }
-    return {};
+    copy_name(ace->priv, entry.name());
+    const std::span<const uint8_t> packed = entry.attributes();
+    void *grown = std::realloc(ace->tlv, offsetof(fp_udp_ace_tlv, data) + packed.size());
+    if (grown == nullptr)
+        return false;
+    ace->tlv = static_cast<fp_udp_ace_tlv *>(grown);
+    ace->tlv->len = static_cast<uint16_t>(packed.size());
+    std::copy(packed.begin(), packed.end(), ace->tlv->data);
+    return true;
 }
 
 std::string node_error(int32_t status)
@@ -62,7 +66,7 @@ Application::Application(tq_context *context, uint32_t db, const Policy &policy)
     : context_(context), db_(db), policy_(policy)
 {
     current_ = this;
-    add_rows();
+    ledger_ = Ledger(number_rows(), [this](size_t row) { return label(row); });
 }
 
 Application::~Application()
@@ -70,30 +74,69 @@ Application::~Application()
     current_ = nullptr;
 }
 
-void Application::add_rows()
+size_t Application::number_rows()
 {
-    std::multimap<uint32_t, const PolicyApply *> applies;
-    for (const PolicyApply &apply : policy_.applies)
-        applies.emplace(apply.acl, &apply);
-    const auto named = [](const std::string &name) { return name.empty() ? name : " " + name; };
+    acls_.reserve(policy_.acls.size());
     for (const PolicyAcl &acl : policy_.acls) {
-        const std::string label = "acl " + std::to_string(acl.id);
-        acls_[acl.id] = {.row = ledger_.add(label + named(acl.name)), .cls = acl.cls};
-        const auto [first, last] = applies.equal_range(acl.id);
-        for (auto apply = first; apply != last; ++apply)
-            add_row(label, *apply->second);
-        for (const PolicyEntry &entry : acl.entries)
-            ace_rows_[{acl.id, entry.sn}] = ledger_.add(label + " sn " + std::to_string(entry.sn) + named(entry.name));
+        acl_numbers_[acl.id] = acls_.size();
+        acls_.push_back({.policy = &acl, .row = 0});
     }
+    for (const PolicyApply &apply : policy_.applies)
+        acls_[acl_numbers_.at(apply.acl)].applies.push_back(&apply);
+    size_t rows = 0;
+    for (Acl &acl : acls_) {
+        acl.row = rows;
+        rows = acl.first_entry() + acl.policy->entries.size();
+        sort_entries(acl);
+        for (size_t apply = 0; apply < acl.applies.size(); ++apply) {
+            const PolicyApply &bound = *acl.applies[apply];
+            apply_rows_[{bound.acl, bound.port, bound.priority}] = acl.row + 1 + apply;
+        }
+    }
+    return rows;
 }
 
-void Application::add_row(const std::string &acl, const PolicyApply &apply)
+void Application::sort_entries(Acl &acl) const
 {
-    std::string label = acl + " on port " + std::to_string(apply.port) + ' ';
+    const auto &entries = acl.policy->entries;
+    const auto by_sn = [](const PolicyEntry &a, const PolicyEntry &b) { return a.sn < b.sn; };
+    if (std::is_sorted(entries.begin(), entries.end(), by_sn))
+        return;
+    acl.order.resize(entries.size());
+    std::iota(acl.order.begin(), acl.order.end(), 0U);
+    std::sort(acl.order.begin(), acl.order.end(),
+              [&](uint32_t a, uint32_t b) { return by_sn(entries[a], entries[b]); });
+}
+
+std::string apply_label(const PolicyApply &apply)
+{
+    std::string label = " on port " + std::to_string(apply.port) + ' ';
     label += direction_name(apply.direction);
     if (apply.priority != 0)
         label += " priority " + std::to_string(apply.priority);
-    apply_rows_[{apply.acl, apply.port, apply.priority}] = ledger_.add(std::move(label));
+    return label;
+}
+
+std::string Application::label(size_t row) const
+{
+    const auto behind =
+        std::upper_bound(acls_.begin(), acls_.end(), row, [](size_t at, const Acl &acl) { return at < acl.row; });
+    const Acl &acl = *std::prev(behind);
+    std::string label = "acl " + std::to_string(acl.policy->id);
+    const auto named = [&label](std::string_view name) {
+        if (!name.empty())
+            (label += ' ') += name;
+    };
+    if (row == acl.row) {
+        named(acl.policy->name);
+    } else if (row < acl.first_entry()) {
+        label += apply_label(*acl.applies[row - acl.row - 1]);
+    } else {
+        const PolicyEntry &entry = acl.policy->entries[row - acl.first_entry()];
+        label += " sn " + std::to_string(entry.sn);
+        named(entry.name());
+    }
+    return label;
 }
 
 // ---- what the library tells -----------------------------------------------------------------------------------------
@@ -101,15 +144,15 @@ void Application::add_row(const std::string &acl, const PolicyApply &apply)
 struct Application::Callbacks {
     static int32_t acl_ok(void *, const fp_udp_acl *acl, const uint8_t *) noexcept
     {
-        if (const auto known = current_->acls_.find(acl->acl_id); known != current_->acls_.end())
-            current_->ledger_.end(known->second.row, Outcome::stored, "ok");
+        if (const auto known = current_->acl_numbers_.find(acl->acl_id); known != current_->acl_numbers_.end())
+            current_->ledger_.end(current_->acls_[known->second].row, Outcome::stored, "ok");
         return 0;
     }
 
     static int32_t acl_fail(void *, const fp_udp_acl *acl, int32_t result, const uint8_t *) noexcept
     {
-        if (const auto known = current_->acls_.find(acl->acl_id); known != current_->acls_.end())
-            current_->refused(known->second.row, result);
+        if (const auto known = current_->acl_numbers_.find(acl->acl_id); known != current_->acl_numbers_.end())
+            current_->refused(current_->acls_[known->second].row, result);
         return 0;
     }
 
@@ -119,14 +162,14 @@ struct Application::Callbacks {
         key.sn = sn;
         fp_udp_ace_node *node = nullptr;
         const bool cached = fp_udp_acldb_get_ace(acl, &key, &node) == 0;
-        if (const size_t *row = current_->find_ace(acl, sn))
+        if (const auto row = current_->find_ace(acl, sn))
             current_->succeeded(*row, cached ? node->ace.req_count : 0);
         return 0;
     }
 
     static int32_t ace_fail(void *, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *) noexcept
     {
-        if (const size_t *row = current_->find_ace(acl, sn))
+        if (const auto row = current_->find_ace(acl, sn))
             current_->refused(*row, status);
         return 0;
     }
@@ -134,7 +177,7 @@ struct Application::Callbacks {
     static int32_t apply_ok(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply,
                             const uint8_t *) noexcept
     {
-        if (const size_t *row = current_->find_apply(acl, apply->phyid, apply->pri))
+        if (const auto row = current_->find_apply(acl, apply->phyid, apply->pri))
             current_->succeeded(*row, apply->req_count);
         return 0;
     }
@@ -142,7 +185,7 @@ struct Application::Callbacks {
     static int32_t apply_fail(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, int32_t status,
                               const uint8_t *) noexcept
     {
-        if (const size_t *row = current_->find_apply(acl, apply->phyid, apply->pri))
+        if (const auto row = current_->find_apply(acl, apply->phyid, apply->pri))
             current_->refused(*row, status);
         return 0;
     }
@@ -160,16 +203,30 @@ struct Application::Callbacks {
     }
 };
 
-const size_t *Application::find_ace(const fp_udp_acl_info *acl, uint64_t sn) const
+std::optional<size_t> Application::find_ace(const fp_udp_acl_info *acl, uint64_t sn) const
 {
-    const auto row = ace_rows_.find({acl->acl_id, sn});
-    return row == ace_rows_.end() ? nullptr : &row->second;
+    const auto known = acl_numbers_.find(acl->acl_id);
+    if (known == acl_numbers_.end())
+        return std::nullopt;
+    const Acl &owner = acls_[known->second];
+    const auto &entries = owner.policy->entries;
+    size_t at = 0;
+    if (owner.order.empty()) {
+        const auto entry = std::lower_bound(entries.begin(), entries.end(), sn,
+                                            [](const PolicyEntry &each, uint64_t wanted) { return each.sn < wanted; });
+        at = static_cast<size_t>(entry - entries.begin());
+    } else {
+        const auto place = std::lower_bound(owner.order.begin(), owner.order.end(), sn,
+                                            [&](uint32_t each, uint64_t wanted) { return entries[each].sn < wanted; });
+        at = place == owner.order.end() ? entries.size() : *place;
+    }
+    return at < entries.size() && entries[at].sn == sn ? std::optional(owner.first_entry() + at) : std::nullopt;
 }
 
-const size_t *Application::find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const
+std::optional<size_t> Application::find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const
 {
     const auto row = apply_rows_.find({acl->acl_id, port, priority});
-    return row == apply_rows_.end() ? nullptr : &row->second;
+    return row == apply_rows_.end() ? std::nullopt : std::optional(row->second);
 }
 
 // The library also tells of success when it has waited long enough without hearing of a failure; how many nodes have
@@ -232,9 +289,10 @@ int Application::write(const std::function<void()> &pause)
         set(apply);
         breathe();
     }
-    for (const PolicyAcl &acl : policy_.acls) {
-        for (const PolicyEntry &entry : acl.entries) {
-            set(acl, entry);
+    for (const Acl &acl : acls_) {
+        size_t row = acl.first_entry();
+        for (const PolicyEntry &entry : acl.policy->entries) {
+            set(*acl.policy, entry, row++);
             breathe();
         }
     }
@@ -272,7 +330,7 @@ void Application::set(const PolicyAcl &acl)
     object.acl_id = acl.id;
     object.acl_cls = acl.cls;
     copy_name(object.priv, acl.name);
-    set_row(acls_.at(acl.id).row, [&] { return mgr_->set_acl(context_, &object); });
+    set_row(acls_[acl_numbers_.at(acl.id)].row, [&] { return mgr_->set_acl(context_, &object); });
 }
 
 void Application::set(const PolicyApply &apply)
@@ -286,28 +344,22 @@ void Application::set(const PolicyApply &apply)
     fp_udp_acl_info acl{};
     copy_name(acl.app_type, policy_.application);
     acl.acl_id = apply.acl;
+    const uint8_t cls = acls_[acl_numbers_.at(apply.acl)].policy->cls;
     set_row(apply_rows_.at({apply.acl, apply.port, apply.priority}), [&]() -> int32_t {
-        return object == nullptr ? FP_UDP_NO_MEMORY
-                                 : mgr_->set_apply(context_, &acl, acls_.at(apply.acl).cls, object.get());
+        return object == nullptr ? FP_UDP_NO_MEMORY : mgr_->set_apply(context_, &acl, cls, object.get());
     });
 }
 
-void Application::set(const PolicyAcl &acl, const PolicyEntry &entry)
+void Application::set(const PolicyAcl &acl, const PolicyEntry &entry, size_t row)
 {
     const std::unique_ptr<fp_udp_ace, void (*)(fp_udp_ace *)> object(
         mgr_->alloc_ace(entry.sn, entry.is_default ? 1 : 0), mgr_->free_ace);
     fp_udp_acl_key key{};
     copy_name(key.app_type, policy_.application);
     key.acl_id = acl.id;
-    const size_t row = ace_rows_.at({acl.id, entry.sn});
     set_row(row, [&]() -> int32_t {
-        if (object == nullptr)
-            return FP_UDP_NO_MEMORY;
-        const std::string missing = push(object.get(), entry);
-        if (missing.empty())
-            return mgr_->set_ace(context_, &key, object.get());
-        ledger_.end(row, Outcome::failed, missing);
-        return FP_UDP_OK;
+        return object == nullptr || !fill(object.get(), entry) ? FP_UDP_NO_MEMORY
+                                                               : mgr_->set_ace(context_, &key, object.get());
     });
 }
 

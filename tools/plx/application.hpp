@@ -8,6 +8,7 @@
 #include "policy.hpp"
 #include <functional>
 #include <map>
+#include <optional>
 #include <plx/libplx.h>
 #include <tq_context.h>
 #include <tuple>
@@ -43,30 +44,34 @@ class Application {
     Ledger &ledger() { return ledger_; }
 
   private:
-    using AceId = std::pair<uint32_t, uint64_t>;              // ACL, sn
     using ApplyId = std::tuple<uint32_t, uint32_t, uint32_t>; // ACL, port, priority
     using Operation = int32_t (*)(void *context, const char *app_type);
 
     struct Callbacks;
 
+    // Where an ACL's rows are: its own, its applies', its entries'.
     struct Acl {
+        const PolicyAcl *policy;
         size_t row;
-        uint8_t cls;
+        std::vector<const PolicyApply *> applies{};
+        std::vector<uint32_t> order{}; // of the entries by their sn, where that is not the file's
+        size_t first_entry() const { return row + 1 + applies.size(); }
     };
 
-    void add_rows();
-    void add_row(const std::string &acl, const PolicyApply &apply);
+    size_t number_rows();
+    void sort_entries(Acl &acl) const;
+    std::string label(size_t row) const;
 
     int bracket(std::initializer_list<Operation> operations);
     void set(const PolicyAcl &acl);
     void set(const PolicyApply &apply);
-    void set(const PolicyAcl &acl, const PolicyEntry &entry);
+    void set(const PolicyAcl &acl, const PolicyEntry &entry, size_t row);
     template <typename Write> void set_row(size_t row, Write &&write);
 
     void succeeded(size_t row, int answers);
     void refused(size_t row, int32_t status);
-    const size_t *find_ace(const fp_udp_acl_info *acl, uint64_t sn) const;
-    const size_t *find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
+    std::optional<size_t> find_ace(const fp_udp_acl_info *acl, uint64_t sn) const;
+    std::optional<size_t> find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
 
     static Application *current_;
 
@@ -75,8 +80,8 @@ class Application {
     const Policy &policy_;
     fp_udp_mgr *mgr_ = nullptr;
     Ledger ledger_;
-    std::map<uint32_t, Acl> acls_;
-    std::map<AceId, size_t> ace_rows_;
+    std::vector<Acl> acls_;                  // in the order of the file, that of rows
+    std::map<uint32_t, size_t> acl_numbers_; // where each is in acls_
     std::map<ApplyId, size_t> apply_rows_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
     bool store_lost_ = false;

@@ -124,12 +124,8 @@ int ApplyRun::fail(int exit_code, const std::string &message)
 bool ApplyRun::read(Policy &policy)
 {
     Errors errors;
-    std::string content;
-    Part root;
-    if (read_file(options_.file, content, errors) && parse_document(content, root, errors)) {
-        if (auto checked = read_policy(root, errors))
-            policy = std::move(*checked);
-    }
+    if (auto checked = read_policy(options_.file, errors))
+        policy = std::move(*checked);
     for (const std::string &line : errors.lines(options_.file))
         std::cerr << line << '\n';
     if (!errors.empty())
@@ -312,6 +308,9 @@ constexpr const char *footer = R"(A policy file:
           priority: 100             # optional, 0 when absent
           match: {etype: ipv4, ipv4_src: 10.0.0.0/8}
           action: {fwd: deny, counter: 10}
+        - sn: 1000                  # and so on: an entry for each line of the file
+          match: {etype: ipv4, ipv4_src: {prefixes: blocklist.txt}}
+          action: {fwd: deny}
         - sn: 9999
           default: true             # the ACL's default entry, one at most
           action: {fwd: permit}

@@ -4,153 +4,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <map>
-#include <sstream>
-#include <stdexcept>
-#include <sys/stat.h>
-#include <yaml-cpp/eventhandler.h>
-#include <yaml-cpp/exceptions.h>
-#include <yaml-cpp/parser.h>
 
 namespace plx::tool {
 
 namespace {
 
-constexpr size_t largest_file = 32U << 20U; // bytes
-constexpr size_t most_parts = 2'000'000;
 constexpr size_t deepest = 64;
-constexpr size_t longest_quote = 48; // characters of the text
+constexpr size_t free_copies = 2'000'000;  // parts and bytes that aliases may copy in any file
+constexpr size_t copies_of_each_part = 32; // and so many for each that stands in it
+constexpr size_t longest_quote = 48;       // characters of the text
 constexpr size_t longest_message = 200;
-
-std::string too_large()
-{
-    return "larger than " + std::to_string(largest_file >> 20U) + " MiB";
-}
-
-struct Refused : std::runtime_error {
-    Refused(Position where, const std::string &why) : std::runtime_error(why), at(where) {}
-    Position at;
-};
-
-Position position(const YAML::Mark &mark)
-{
-    return mark.is_null() ? Position{} : Position{mark.line + 1, mark.column + 1};
-}
-
-// What a part holds with all that is in it, aliases replaced.
-struct Cost {
-    size_t parts = 1;
-    size_t text = 0;
-    size_t height = 0; // of what is nested in it
-
-    void contain(const Cost &inner)
-    {
-        parts += inner.parts;
-        text += inner.text;
-        height = std::max(height, inner.height + 1);
-    }
-};
-
-class TreeBuilder final : public YAML::EventHandler {
-  public:
-    void OnDocumentStart(const YAML::Mark &) override {}
-    void OnDocumentEnd() override {}
-    void OnNull(const YAML::Mark &mark, YAML::anchor_t anchor) override { leaf({.at = position(mark)}, anchor); }
-    void OnAlias(const YAML::Mark &mark, YAML::anchor_t anchor) override { alias(position(mark), anchor); }
-    void OnScalar(const YAML::Mark &mark, const std::string &, YAML::anchor_t anchor, const std::string &value) override
-    {
-        leaf({.kind = Part::Kind::scalar, .at = position(mark), .text = value}, anchor);
-    }
-    void OnSequenceStart(const YAML::Mark &mark, const std::string &, YAML::anchor_t anchor,
-                         YAML::EmitterStyle::value) override
-    {
-        open(Part::Kind::list, position(mark), anchor);
-    }
-    void OnSequenceEnd() override { close(); }
-    void OnMapStart(const YAML::Mark &mark, const std::string &, YAML::anchor_t anchor,
-                    YAML::EmitterStyle::value) override
-    {
-        open(Part::Kind::map, position(mark), anchor);
-    }
-    void OnMapEnd() override { close(); }
-
-    Part root;
-
-  private:
-    struct Open {
-        Part part;
-        Cost cost;
-        YAML::anchor_t anchor;
-        Part::List items{};
-    };
-    struct Anchored {
-        Part part;
-        Cost cost;
-    };
-
-    void open(Part::Kind kind, Position at, YAML::anchor_t anchor)
-    {
-        spend({.height = 1}, at);
-        stack_.push_back({{.kind = kind, .at = at}, {.height = 1}, anchor});
-    }
-
-    void close()
-    {
-        Open done = std::move(stack_.back());
-        stack_.pop_back();
-        done.items.shrink_to_fit();
-        done.part.shared = std::make_shared<const Part::List>(std::move(done.items));
-        attach(std::move(done.part), done.cost, done.anchor);
-    }
-
-    void leaf(Part part, YAML::anchor_t anchor)
-    {
-        const Cost cost{.text = part.text.size()};
-        spend(cost, part.at);
-        attach(std::move(part), cost, anchor);
-    }
-
-    // A copy stands where the alias stands, its parts where they were written.
-    void alias(Position at, YAML::anchor_t anchor)
-    {
-        const auto named = anchored_.find(anchor);
-        if (named == anchored_.end())
-            throw Refused(at, "an alias to a part that holds it");
-        spend(named->second.cost, at);
-        Part copy = named->second.part;
-        copy.at = at;
-        attach(std::move(copy), named->second.cost, YAML::NullAnchor);
-    }
-
-    void attach(Part part, const Cost &cost, YAML::anchor_t anchor)
-    {
-        if (anchor != YAML::NullAnchor)
-            anchored_[anchor] = {part, cost};
-        if (stack_.empty()) {
-            root = std::move(part);
-            return;
-        }
-        stack_.back().cost.contain(cost);
-        stack_.back().items.push_back(std::move(part));
-    }
-
-    void spend(const Cost &cost, Position at)
-    {
-        if (stack_.size() + cost.height > deepest)
-            throw Refused(at, "nested too deeply");
-        spent_.parts += cost.parts;
-        spent_.text += cost.text;
-        if (spent_.parts > most_parts)
-            throw Refused(at, "the file has more than " + std::to_string(most_parts) + " parts");
-        if (spent_.text > largest_file)
-            throw Refused(at, "with its aliases replaced, the file is " + too_large());
-    }
-
-    std::vector<Open> stack_;
-    std::map<YAML::anchor_t, Anchored> anchored_;
-    Cost spent_{.parts = 0};
-};
 
 // The text with bytes that a terminal might act on escaped.
 std::string plain(std::string_view text)
@@ -167,25 +30,35 @@ std::string plain(std::string_view text)
     return result;
 }
 
-std::string file_error(std::string_view what)
+std::string_view view(const yaml_char_t *text)
 {
-    return std::string(what) + ": " + std::strerror(errno);
+    return text == nullptr ? "" : reinterpret_cast<const char *>(text);
+}
+
+Position position(const yaml_mark_t &mark)
+{
+    return {static_cast<int>(mark.line) + 1, static_cast<int>(mark.column) + 1};
+}
+
+Event scalar(const yaml_event_t &event)
+{
+    const auto &data = event.data.scalar;
+    const std::string_view text(reinterpret_cast<const char *>(data.value), data.length);
+    const bool bare = data.style == YAML_PLAIN_SCALAR_STYLE && data.tag == nullptr;
+    const bool null = bare && (text.empty() || text == "~" || text == "null" || text == "Null" || text == "NULL");
+    return {null ? Event::Kind::null : Event::Kind::scalar, {}, text};
 }
 
 } // namespace
 
-const Part::List &Part::parts() const
-{
-    static const List none;
-    return shared == nullptr ? none : *shared;
-}
-
-void Errors::add(Position at, std::string message)
+void Errors::add(Position at, const std::string &file, int line, std::string message)
 {
     ++count_;
-    const auto place = std::upper_bound(errors_.begin(), errors_.end(), at,
-                                        [](Position before, const Error &error) { return before < error.at; });
-    errors_.insert(place, {at, std::move(message)});
+    Error added{at, file, line, std::move(message)};
+    const auto place =
+        std::upper_bound(errors_.begin(), errors_.end(), added,
+                         [](const Error &before, const Error &error) { return before.order() < error.order(); });
+    errors_.insert(place, std::move(added));
     if (errors_.size() > most_shown)
         errors_.pop_back();
 }
@@ -194,8 +67,10 @@ std::vector<std::string> Errors::lines(std::string_view file) const
 {
     std::vector<std::string> lines;
     for (const Error &error : errors_) {
-        std::string line(file);
-        if (error.at.line != 0)
+        std::string line(error.file.empty() ? file : plain(error.file));
+        if (!error.file.empty() && error.line != 0)
+            line += ':' + std::to_string(error.line);
+        else if (error.file.empty() && error.at.line != 0)
             line += ':' + std::to_string(error.at.line) + ':' + std::to_string(error.at.column);
         lines.push_back(line + ": " + error.message);
     }
@@ -209,40 +84,203 @@ std::string quoted(std::string_view text)
     return "'" + plain(text.substr(0, longest_quote)) + (text.size() > longest_quote ? "...'" : "'");
 }
 
-bool read_file(const std::string &path, std::string &content, Errors &errors)
+std::string file_error(std::string_view what)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        errors.add({}, file_error("cannot be opened"));
-        return false;
-    }
-    content.resize(largest_file + 1);
-    file.read(content.data(), static_cast<std::streamsize>(content.size()));
-    content.resize(static_cast<size_t>(file.gcount()));
-    if (file.bad())
-        errors.add({}, file_error("cannot be read"));
-    else if (content.size() > largest_file)
-        errors.add({}, too_large());
-    return errors.empty();
+    return std::string(what) + ": " + std::strerror(errno);
 }
 
-bool parse_document(const std::string &content, Part &root, Errors &errors)
+// ---- the parser -----------------------------------------------------------------------------------------------------
+
+Document::Document(std::istream &in) : in_(in)
 {
-    TreeBuilder builder;
-    try {
-        std::istringstream stream(content);
-        YAML::Parser parser(stream);
-        if (!parser.HandleNextDocument(builder))
-            errors.add({1, 1}, "the file is empty");
-        else if (TreeBuilder second; parser.HandleNextDocument(second))
-            errors.add(second.root.at, "a second document: a policy is one");
-    } catch (const Refused &refused) {
-        errors.add(refused.at, refused.what());
-    } catch (const YAML::Exception &error) {
-        errors.add(position(error.mark), plain(error.msg.substr(0, longest_message))); // it may quote the file
+    if (yaml_parser_initialize(&parser_) == 0)
+        throw std::bad_alloc();
+    yaml_parser_set_input(&parser_, &Document::read, &in_);
+    parse(); // the stream's start
+    parse();
+    if (event_.type == YAML_STREAM_END_EVENT)
+        throw Fault({1, 1}, "the file is empty");
+}
+
+Document::~Document()
+{
+    yaml_event_delete(&event_);
+    yaml_parser_delete(&parser_);
+}
+
+int Document::read(void *in, unsigned char *buffer, size_t size, size_t *got) noexcept
+{
+    auto &stream = *static_cast<std::istream *>(in);
+    stream.read(reinterpret_cast<char *>(buffer), static_cast<std::streamsize>(size));
+    *got = static_cast<size_t>(stream.gcount());
+    return stream.bad() ? 0 : 1;
+}
+
+void Document::parse()
+{
+    yaml_event_delete(&event_);
+    if (yaml_parser_parse(&parser_, &event_) == 0)
+        refuse_syntax();
+}
+
+Position Document::position() const
+{
+    return tool::position(event_.start_mark);
+}
+
+void Document::refuse_syntax() const
+{
+    if (parser_.error == YAML_MEMORY_ERROR)
+        throw std::bad_alloc();
+    if (in_.bad())
+        throw Fault({}, file_error("cannot be read"));
+    std::string why(parser_.problem == nullptr ? "is no YAML" : parser_.problem);
+    if (parser_.context != nullptr)
+        why += std::string(" ") + parser_.context;
+    const bool in_bytes = parser_.error == YAML_READER_ERROR; // then only the parser's own place is known
+    throw Fault(tool::position(in_bytes ? parser_.mark : parser_.problem_mark), plain(why.substr(0, longest_message)));
+}
+
+// ---- events ---------------------------------------------------------------------------------------------------------
+
+Event Document::next()
+{
+    Event event;
+    while (copies_.empty() ? !next_parsed(event) : !next_copied(event)) {
     }
-    root = std::move(builder.root);
-    return errors.empty();
+    return event;
+}
+
+// False when what stands there is an alias, whose copy comes next.
+bool Document::next_parsed(Event &event)
+{
+    parse();
+    const yaml_char_t *anchor = nullptr;
+    switch (event_.type) {
+    case YAML_ALIAS_EVENT:
+        return begin_copy();
+    case YAML_SCALAR_EVENT:
+        event = scalar(event_);
+        anchor = event_.data.scalar.anchor;
+        break;
+    case YAML_SEQUENCE_START_EVENT:
+        event.kind = Event::Kind::list;
+        anchor = event_.data.sequence_start.anchor;
+        break;
+    case YAML_MAPPING_START_EVENT:
+        event.kind = Event::Kind::map;
+        anchor = event_.data.mapping_start.anchor;
+        break;
+    default:
+        event.kind = Event::Kind::end;
+        break;
+    }
+    event.at = position();
+    parsed_ += 1 + event.text.size();
+    if (event.opens() && depth_ >= deepest)
+        throw Fault(event.at, "nested too deeply");
+    depth_ += event.opens() ? 1 : 0;
+    note(event, anchor);
+    if (event.kind == Event::Kind::end)
+        --depth_;
+    end_anchors();
+    return true;
+}
+
+// A copy stands where the alias stands, its parts where they were written.
+bool Document::begin_copy()
+{
+    const std::string_view name = view(event_.data.alias.anchor);
+    if (std::any_of(open_.begin(), open_.end(), [name](const Open &open) { return open.name == name; }))
+        throw Fault(position(), "an alias to a part that holds it");
+    const auto named = anchors_.find(name);
+    if (named == anchors_.end())
+        throw Fault(position(), "the referenced anchor is not defined");
+    if (tape_ != nullptr) {
+        tape_->events.push_back({Event::Kind::null, position(), tape_->copies.size(), std::string::npos});
+        tape_->copies.push_back(named->second);
+        if (named->second.tape == tape_)
+            tape_->copies.back().tape.reset(); // a tape does not hold itself
+    }
+    copies_.push_back(named->second);
+    alias_at_ = position();
+    alias_starts_ = true;
+    return false;
+}
+
+bool Document::next_copied(Event &event)
+{
+    Range &copy = copies_.back();
+    if (copy.begin == copy.end) {
+        copies_.pop_back();
+        return false;
+    }
+    const Tape &tape = *copy.tape;
+    const Noted &noted = tape.events[copy.begin++];
+    if (noted.size == std::string::npos) {
+        alias_at_ = alias_starts_ ? alias_at_ : noted.at;
+        alias_starts_ = true;
+        Range inner = tape.copies[noted.text];
+        if (inner.tape == nullptr)
+            inner.tape = copy.tape;
+        copies_.push_back(std::move(inner));
+        return false;
+    }
+    event = {noted.kind, alias_starts_ ? alias_at_ : noted.at,
+             std::string_view(tape.text).substr(noted.text, noted.size)};
+    alias_starts_ = false;
+    copied_ += 1 + event.text.size();
+    if (copied_ > free_copies + copies_of_each_part * parsed_)
+        throw Fault(event.at, "the file's aliases copy more than " + std::to_string(copies_of_each_part) +
+                                  " times what stands in it");
+    if (event.opens() && depth_ >= deepest)
+        throw Fault(event.at, "nested too deeply");
+    depth_ += event.opens() ? 1 : 0;
+    depth_ -= event.kind == Event::Kind::end ? 1 : 0;
+    return true;
+}
+
+// Keeps what stands in anchored parts.
+void Document::note(const Event &event, const yaml_char_t *anchor)
+{
+    if (anchor != nullptr) {
+        if (tape_ == nullptr)
+            tape_ = std::make_shared<Tape>();
+        open_.push_back({std::string(view(anchor)), tape_->events.size(), depth_ - (event.opens() ? 1 : 0)});
+    }
+    if (tape_ == nullptr)
+        return;
+    tape_->events.push_back({event.kind, event.at, tape_->text.size(), event.text.size()});
+    tape_->text += event.text;
+}
+
+// Those whose part the last event has ended.
+void Document::end_anchors()
+{
+    while (!open_.empty() && open_.back().depth == depth_) {
+        anchors_[open_.back().name] = {tape_, open_.back().begin, tape_->events.size()};
+        open_.pop_back();
+    }
+    if (open_.empty())
+        tape_.reset();
+}
+
+void Document::skip(const Event &begun)
+{
+    if (!begun.opens())
+        return;
+    for (const size_t outside = depth_ - 1; depth_ > outside;)
+        next();
+}
+
+void Document::finish()
+{
+    parse(); // the document's end
+    parse();
+    if (event_.type == YAML_STREAM_END_EVENT)
+        return;
+    const Position second = position();
+    throw Fault(second, "a second document: a policy is one");
 }
 
 } // namespace plx::tool

@@ -1,15 +1,19 @@
-// A YAML document as a tree that knows where each of its parts stands in the file.
+// A YAML document as a stream of events, each of which knows where it stands in the file.
 //
-// The tree is built from the parser's events under limits, since a policy file may come from anywhere: bytes of the
-// file, depth, parts and their text. An alias shares the items of what it names and spends as if it had copied them, so
-// that a tree takes memory in proportion to its file, and reading it takes time within the limits.
+// Nothing is kept of what was read but the parts that have an anchor, so that the length of a file has no bound of its
+// own. A policy file may come from anywhere: the depth is bounded, and so is what aliases copy, in proportion to the
+// file: an alias is delivered as the events of what it names, and costs as many.
 #pragma once
 
 #include <cstdint>
+#include <istream>
+#include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+#include <yaml.h>
 
 namespace plx::tool {
 
@@ -19,26 +23,14 @@ struct Position { // counted from 1; 0 stands for the file as a whole
     auto operator<=>(const Position &) const = default;
 };
 
-struct Part {
-    enum class Kind : uint8_t { null, scalar, list, map };
-
-    using List = std::vector<Part>;
-
-    // Of a list: its items; of a map: key, value, key, value ...
-    const List &parts() const;
-
-    Kind kind = Kind::null;
-    Position at;
-    std::string text{}; // of a scalar
-    std::shared_ptr<const List> shared{};
-};
-
 // What is wrong with a file. Errors are gathered, so that one run shows all of them, or the first of very many.
 class Errors {
   public:
     static constexpr size_t most_shown = 20;
 
-    void add(Position at, std::string message);
+    void add(Position at, std::string message) { add(at, {}, 0, std::move(message)); }
+    // A fault on a line of another file, which is named at `at`; line 0 stands for that file as a whole.
+    void add(Position at, const std::string &file, int line, std::string message);
     bool empty() const { return count_ == 0; }
     size_t size() const { return count_; }
     // There are as many as are shown: no trouble need be taken over another one's words.
@@ -49,7 +41,10 @@ class Errors {
   private:
     struct Error {
         Position at;
+        std::string file; // another one
+        int line;         // in it
         std::string message;
+        auto order() const { return std::pair(at, line); }
     };
     std::vector<Error> errors_; // the first in the file, in order
     size_t count_ = 0;
@@ -58,10 +53,82 @@ class Errors {
 // The text in quotes, with bytes that a terminal might act on escaped and cut where it gets long.
 std::string quoted(std::string_view text);
 
-// Reads a file whole. False, with an error, when it cannot be read or is larger than a policy may be.
-bool read_file(const std::string &path, std::string &content, Errors &errors);
+// What is wrong with the last call of the system.
+std::string file_error(std::string_view what);
 
-// The only document of `content`. On false the errors tell why, and `root` is not to be used.
-bool parse_document(const std::string &content, Part &root, Errors &errors);
+struct Event {
+    enum class Kind : uint8_t { null, scalar, list, map, end };
+
+    Kind kind = Kind::null; // `end`: of the list or map that was begun last and has not ended
+    Position at;
+    std::string_view text{}; // of a scalar, until the next event
+
+    bool opens() const { return kind == Kind::list || kind == Kind::map; }
+};
+
+class Document {
+  public:
+    // No document, or one that cannot be read on: where and why.
+    struct Fault : std::runtime_error {
+        Fault(Position where, const std::string &why) : std::runtime_error(why), at(where) {}
+        Position at;
+    };
+
+    // The stream outlives it.
+    explicit Document(std::istream &in);
+    ~Document();
+    Document(const Document &) = delete;
+    Document &operator=(const Document &) = delete;
+
+    Event next();                  // of the one value that the document is; not beyond it
+    void skip(const Event &begun); // what is left of a value whose first event this was
+    void finish();                 // behind the value: there is nothing more in the file
+
+  private:
+    // What stood in an anchored part, without what the aliases in it stand for.
+    struct Noted {
+        Event::Kind kind;
+        Position at;
+        size_t text, size; // in the tape's text; of an alias: `text` is its number in `copies`, `size` is npos
+    };
+    struct Tape;
+    struct Range {
+        std::shared_ptr<const Tape> tape; // none: the one that the range stands in
+        size_t begin, end;
+    };
+    struct Tape {
+        std::vector<Noted> events;
+        std::string text;
+        std::vector<Range> copies;
+    };
+    struct Open { // an anchored part that has not ended
+        std::string name;
+        size_t begin;
+        size_t depth;
+    };
+
+    static int read(void *in, unsigned char *buffer, size_t size, size_t *got) noexcept;
+    void parse();
+    Position position() const;
+    [[noreturn]] void refuse_syntax() const;
+    bool next_parsed(Event &event);
+    bool next_copied(Event &event);
+    bool begin_copy();
+    void note(const Event &event, const yaml_char_t *anchor);
+    void end_anchors();
+
+    std::istream &in_;
+    yaml_parser_t parser_{};
+    yaml_event_t event_{}; // the last of the parser
+    size_t depth_ = 0;
+    size_t parsed_ = 0; // parts, and bytes of text
+    size_t copied_ = 0;
+    std::map<std::string, Range, std::less<>> anchors_;
+    std::vector<Open> open_;
+    std::shared_ptr<Tape> tape_; // of the outermost that is open
+    std::vector<Range> copies_;  // that are being delivered, the innermost last; `begin` is what comes next
+    Position alias_at_;          // where the first event of a copy stands
+    bool alias_starts_ = false;
+};
 
 } // namespace plx::tool

@@ -3,22 +3,27 @@
 
 #include "records/host.hpp"
 #include <algorithm>
-#include <iomanip>
-#include <sstream>
+#include <cstdio>
 
 namespace plx::tool {
 
 namespace {
 
+// "1.5 ms", "2.00 s"
 std::string duration(uint64_t us)
 {
-    std::ostringstream text;
-    text << std::fixed;
+    char text[32];
     if (us >= 1'000'000)
-        text << std::setprecision(2) << static_cast<double>(us) / 1e6 << " s";
+        std::snprintf(text, sizeof text, "%.2f s", static_cast<double>(us) / 1e6);
     else
-        text << std::setprecision(1) << static_cast<double>(us) / 1e3 << " ms";
-    return text.str();
+        std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(us) / 1e3);
+    return text;
+}
+
+// Makes `line` `width` columns wide.
+void pad(std::string &line, size_t width)
+{
+    line.resize(std::max(line.size(), width), ' ');
 }
 
 bool ended(Outcome outcome)
@@ -49,11 +54,9 @@ const char *outcome_name(Outcome outcome)
     return "";
 }
 
-size_t Ledger::add(std::string entry)
+Ledger::Ledger(size_t rows, Label label) : rows_(rows), label_(std::move(label))
 {
-    rows_.push_back({std::move(entry)});
-    ++counts_[static_cast<size_t>(Outcome::unwritten)];
-    return rows_.size() - 1;
+    counts_[static_cast<size_t>(Outcome::unwritten)] = rows;
 }
 
 void Ledger::begin(size_t row)
@@ -62,13 +65,22 @@ void Ledger::begin(size_t row)
     move(rows_[row], Outcome::waiting);
 }
 
-void Ledger::end(size_t row, Outcome outcome, std::string status)
+void Ledger::end(size_t row, Outcome outcome, const std::string &status)
 {
-    if (ended(rows_[row].outcome))
+    Row &ending = rows_[row];
+    if (ended(ending.outcome))
         return;
-    rows_[row].ended_us = now_us();
-    rows_[row].status = std::move(status);
-    move(rows_[row], outcome);
+    ending.took_us = static_cast<uint32_t>(std::min<uint64_t>(now_us() - ending.begun_us, UINT32_MAX));
+    ending.status = number_of(status) & 0xffffffU;
+    move(ending, outcome);
+}
+
+uint32_t Ledger::number_of(const std::string &status)
+{
+    const auto [known, added] = numbers_.try_emplace(status, static_cast<uint32_t>(statuses_.size()));
+    if (added)
+        statuses_.push_back(status);
+    return known->second;
 }
 
 void Ledger::end_waiting(Outcome outcome, const std::string &status)
@@ -101,19 +113,27 @@ void Ledger::print(std::ostream &out) const
 {
     size_t entry_width = 5;
     size_t status_width = 6;
-    for (const Row &row : rows_) {
-        entry_width = std::max(entry_width, row.entry.size());
-        status_width = std::max(status_width, row.status.size());
+    for (size_t row = 0; row < rows_.size(); ++row) {
+        entry_width = std::max(entry_width, label_(row).size());
+        status_width = std::max(status_width, statuses_[rows_[row].status].size());
     }
-    const auto line = [&](const std::string &entry, const char *outcome, const std::string &status,
-                          const std::string &time) {
-        out << std::left << std::setw(static_cast<int>(entry_width) + 2) << entry << std::setw(12) << outcome
-            << std::setw(static_cast<int>(status_width) + 2) << status << std::right << std::setw(9) << time << '\n';
+    std::string line;
+    const auto print_line = [&](const std::string &entry, const char *outcome, const std::string &status,
+                                const std::string &time) {
+        line = entry;
+        pad(line, entry_width + 2);
+        line += outcome;
+        pad(line, entry_width + 14);
+        line += status;
+        pad(line, entry_width + 16 + status_width + (time.size() < 9 ? 9 - time.size() : 0));
+        out << (line += time) << '\n';
     };
-    line("ENTRY", "OUTCOME", "STATUS", "TIME");
-    for (const Row &row : rows_) {
-        const bool timed = row.begun_us != 0 && row.ended_us >= row.begun_us;
-        line(row.entry, outcome_name(row.outcome), row.status, timed ? duration(row.ended_us - row.begun_us) : "-");
+    print_line("ENTRY", "OUTCOME", "STATUS", "TIME");
+    for (size_t row = 0; row < rows_.size(); ++row) {
+        const Row &shown = rows_[row];
+        const bool timed = shown.begun_us != 0 && ended(shown.outcome);
+        print_line(label_(row), outcome_name(shown.outcome), statuses_[shown.status],
+                   timed ? duration(shown.took_us) : "-");
     }
 }
 

@@ -1,9 +1,11 @@
 // What was asked for and what became of it: one row for each ACL, apply and entry of a policy, in the order of the
-// file.
+// file. A row is small, since a policy may have millions: its words are made when it is printed.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,10 +27,15 @@ const char *outcome_name(Outcome outcome);
 
 class Ledger {
   public:
-    size_t add(std::string entry);
+    // What a row is about; called when it is printed.
+    using Label = std::function<std::string(size_t row)>;
+
+    Ledger() = default;
+    Ledger(size_t rows, Label label);
+
     void begin(size_t row);
     // The first end of a row since it was begun is the one that counts.
-    void end(size_t row, Outcome outcome, std::string status);
+    void end(size_t row, Outcome outcome, const std::string &status);
     // Ends every row that waits.
     void end_waiting(Outcome outcome, const std::string &status);
 
@@ -40,16 +47,19 @@ class Ledger {
 
   private:
     struct Row {
-        std::string entry;
-        std::string status{};
         uint64_t begun_us = 0;
-        uint64_t ended_us = 0;
-        Outcome outcome = Outcome::unwritten;
+        uint32_t took_us = 0; // an hour and more is shown as one
+        uint32_t status : 24 = 0;
+        Outcome outcome : 8 = Outcome::unwritten;
     };
 
     void move(Row &row, Outcome outcome);
+    uint32_t number_of(const std::string &status);
 
     std::vector<Row> rows_;
+    Label label_;
+    std::vector<std::string> statuses_{""}; // the few that there are
+    std::map<std::string, uint32_t> numbers_;
     std::array<size_t, outcome_count> counts_{};
 };
 

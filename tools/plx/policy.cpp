@@ -1,12 +1,14 @@
 // Reading a policy from a document. Every fault is noted and reading goes on, so that one run shows all of them.
 //
-// A map is read by a table of the keys that it may have, each with what to do about its value. What spans maps - ACLs
-// and applies that are there twice, applies of ACLs that are not there - is checked as the parts are added.
+// A map is read by a table of the keys that it may have, each with what to do about its value, as the document's events
+// come. What spans maps - ACLs and applies that are there twice, applies of ACLs that are not there - is checked as the
+// parts are added.
 #include "policy.hpp"
 
 #include "attribute_value.hpp"
 #include <algorithm>
-#include <functional>
+#include <array>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <plx/types.h>
@@ -18,12 +20,14 @@ namespace {
 
 constexpr uint32_t most_ports_of_an_apply = 4096;
 constexpr size_t most_applies = 100'000;
+constexpr size_t longest_line = 255; // of a file of values
 constexpr std::string_view directions[] = {"in", "out"};
 
-struct Field {
+// What a map may have under one key. `read` takes the value, whose first event it is given, to its end.
+template <typename Target> struct Field {
     std::string_view name;
     bool required;
-    std::function<void(const Part &value)> read;
+    void (*read)(class Reader &reader, const Event &value, Target &target);
 };
 
 struct Binding { // an apply as the file has it, of any number of ports
@@ -31,42 +35,72 @@ struct Binding { // an apply as the file has it, of any number of ports
     std::vector<uint32_t> ports;
 };
 
+// An entry as the file has it: it may stand for several, each with another value of one attribute.
+struct EntryDraft {
+    PolicyEntry entry;
+    bool known = false; // it has a number
+    std::string name;
+    std::vector<uint8_t> packed;  // attributes
+    const Form *listed = nullptr; // the one that has several values
+    size_t listed_at = 0;         // where it belongs among the others
+    std::vector<uint8_t> values;  // of it, each behind its length
+};
+
 class Reader {
   public:
-    explicit Reader(Errors &errors) : errors_(errors) {}
+    Reader(Document &document, const std::string &directory, Errors &errors)
+        : document_(document), directory_(directory), errors_(errors)
+    {
+    }
 
-    Policy read(const Part &root);
+    Policy read();
 
   private:
-    void fields(const Part &map, std::string_view what, const std::vector<Field> &fields);
-    void unknown_key(const Part &key, std::string_view what, const std::vector<Field> &fields);
-    void items(const Part &list, std::string_view what, const std::function<void(const Part &)> &read);
+    template <typename Target, size_t Count>
+    void fields(const Event &map, std::string_view what, const Field<Target> (&fields)[Count], Target &target);
+    template <typename Target, size_t Count>
+    void unknown_key(const Event &key, std::string_view what, const Field<Target> (&fields)[Count]);
+    void refuse_kind(const Event &value, std::string_view what, std::string_view wanted);
+    template <typename Read> void items(const Event &list, std::string_view what, Read &&read);
 
-    std::string_view text(const Part &part, std::string_view what);
-    std::string name(const Part &part, std::string_view what);
-    uint64_t number(const Part &part, std::string_view what, uint64_t largest);
-    // `read` becomes true when the number was there and in range.
-    template <typename Number>
-    std::function<void(const Part &)> into(Number &number, std::string_view what, bool *read = nullptr);
-    std::function<void(const Part &)> into(std::string &text, std::string_view what);
-    bool flag(const Part &part, std::string_view what);
+    std::optional<std::string_view> text(const Event &value, std::string_view what);
+    void name(const Event &value, std::string_view what, std::string &name);
+    // Whether the number was there and in range.
+    template <typename Number> bool number(const Event &value, std::string_view what, Number &number);
+    void flag(const Event &value, std::string_view what, bool &flag);
 
-    void acl(const Part &part);
-    void entry(const Part &part, PolicyAcl &acl);
+    void acl(const Event &value);
     void check_entries(const PolicyAcl &acl);
-    void attributes(const Part &map, fp_udp_attr_class cls, PolicyEntry &entry);
-    void attribute(const Part &key, const Part &value, fp_udp_attr_class cls, PolicyEntry &entry);
-    void unknown_attribute(const Part &key, fp_udp_attr_class cls);
+    void check_sns(const PolicyAcl &acl);
 
-    void apply(const Part &part);
-    std::vector<uint32_t> ports(const Part &part);
-    void port_range(const Part &part, std::vector<uint32_t> &ports);
-    uint32_t direction(const Part &part);
+    void entry(const Event &value, PolicyAcl &acl);
+    void add_entries(PolicyAcl &acl);
+    void add_entry(PolicyAcl &acl, uint64_t sn, std::span<const uint8_t> packed);
+    void attributes(const Event &map, fp_udp_attr_class cls);
+    void attribute(const Form &form, const Event &value);
+    void several(const Form &form, const Event &value);
+    void values_of_file(const Form &form, const Event &map);
+    void values_of_file(const Form &form, std::istream &file, Position at, const std::string &path);
+    bool add_value(const Form &form, std::string_view text, std::string &error);
+    void unknown_attribute(const Event &key, fp_udp_attr_class cls);
+
+    void apply(const Event &value);
+    void ports(const Event &value, std::vector<uint32_t> &ports);
+    void port_range(const Event &value, std::vector<uint32_t> &ports);
+    void direction(const Event &value, uint32_t &direction);
     void bind();
     void bind(PolicyApply apply, uint32_t port);
 
+    static const Field<Reader> policy_fields[3];
+    static const Field<std::pair<PolicyAcl, bool>> acl_fields[4];
+    static const Field<EntryDraft> entry_fields[7];
+    static const Field<std::pair<Binding, bool>> apply_fields[4];
+
+    Document &document_;
+    const std::string &directory_;
     Errors &errors_;
     Policy policy_;
+    EntryDraft draft_;
     std::map<uint32_t, Position> acls_;
     bool all_acls_known_ = true; // no ACL without a number
     std::vector<Binding> bindings_;
@@ -87,17 +121,19 @@ std::string_view class_name(fp_udp_attr_class cls)
     return "";
 }
 
-std::string_view kind_name(Part::Kind kind)
+std::string_view kind_name(Event::Kind kind)
 {
     switch (kind) {
-    case Part::Kind::null:
+    case Event::Kind::null:
         return "nothing";
-    case Part::Kind::scalar:
+    case Event::Kind::scalar:
         return "a plain value";
-    case Part::Kind::list:
+    case Event::Kind::list:
         return "a list";
-    case Part::Kind::map:
+    case Event::Kind::map:
         return "a map";
+    case Event::Kind::end:
+        break;
     }
     return "";
 }
@@ -107,143 +143,160 @@ std::string line_of(Position at)
     return "line " + std::to_string(at.line);
 }
 
-std::string wrong_kind(std::string_view what, std::string_view wanted, const Part &part)
+std::string did_you_mean(std::string_view text, const std::vector<std::string_view> &names)
 {
-    return std::string(what) + " must be " + std::string(wanted) + ", not " + std::string(kind_name(part.kind));
+    const std::string_view close = nearest(text, names);
+    return close.empty() ? "" : "; did you mean '" + std::string(close) + "'?";
 }
 
 // ---- the shapes of YAML ---------------------------------------------------------------------------------------------
 
-void Reader::fields(const Part &map, std::string_view what, const std::vector<Field> &fields)
+void Reader::refuse_kind(const Event &value, std::string_view what, std::string_view wanted)
 {
-    if (map.kind != Part::Kind::map)
-        return errors_.add(map.at, wrong_kind(what, "a map", map));
-    std::map<std::string_view, Position> seen;
-    for (size_t i = 0; i + 1 < map.parts().size(); i += 2) {
-        const Part &key = map.parts()[i];
-        const auto field =
-            std::find_if(fields.begin(), fields.end(), [&key](const Field &known) { return known.name == key.text; });
-        if (field == fields.end())
+    errors_.add(value.at,
+                std::string(what) + " must be " + std::string(wanted) + ", not " + std::string(kind_name(value.kind)));
+    document_.skip(value);
+}
+
+template <typename Target, size_t Count>
+void Reader::fields(const Event &map, std::string_view what, const Field<Target> (&fields)[Count], Target &target)
+{
+    if (map.kind != Event::Kind::map)
+        return refuse_kind(map, what, "a map");
+    std::array<Position, Count> seen{};
+    for (Event key = document_.next(); key.kind != Event::Kind::end; key = document_.next()) {
+        const auto field = std::find_if(std::begin(fields), std::end(fields), [&key](const auto &known) {
+            return key.kind == Event::Kind::scalar && known.name == key.text;
+        });
+        if (field == std::end(fields)) {
             unknown_key(key, what, fields);
-        else if (const auto [first, fresh] = seen.try_emplace(field->name, key.at); !fresh)
-            errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first->second));
-        else
-            field->read(map.parts()[i + 1]);
+            document_.skip(document_.next());
+        } else if (Position &first = seen[static_cast<size_t>(field - fields)]; first.line != 0) {
+            errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first));
+            document_.skip(document_.next());
+        } else {
+            first = key.at;
+            field->read(*this, document_.next(), target);
+        }
     }
-    for (const Field &field : fields) {
-        if (field.required && !seen.contains(field.name))
-            errors_.add(map.at, std::string(what) + " has no '" + std::string(field.name) + "'");
+    for (size_t field = 0; field < Count; ++field) {
+        if (fields[field].required && seen[field].line == 0)
+            errors_.add(map.at, std::string(what) + " has no '" + std::string(fields[field].name) + "'");
     }
 }
 
-void Reader::unknown_key(const Part &key, std::string_view what, const std::vector<Field> &fields)
+template <typename Target, size_t Count>
+void Reader::unknown_key(const Event &key, std::string_view what, const Field<Target> (&fields)[Count])
 {
-    if (key.kind != Part::Kind::scalar)
-        return errors_.add(key.at, wrong_kind("a key", "a plain value", key));
-    std::vector<std::string_view> names(fields.size());
-    std::transform(fields.begin(), fields.end(), names.begin(), [](const Field &field) { return field.name; });
-    const std::string_view close = errors_.full() ? "" : nearest(key.text, names);
+    if (key.kind != Event::Kind::scalar)
+        return refuse_kind(key, "a key", "a plain value");
+    std::vector<std::string_view> names;
+    for (const auto &field : fields)
+        names.push_back(field.name);
     errors_.add(key.at, std::string(what) + " has no key " + quoted(key.text) +
-                            (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));
+                            (errors_.full() ? "" : did_you_mean(key.text, names)));
 }
 
-void Reader::items(const Part &list, std::string_view what, const std::function<void(const Part &)> &read)
+template <typename Read> void Reader::items(const Event &list, std::string_view what, Read &&read)
 {
-    if (list.kind != Part::Kind::list)
-        return errors_.add(list.at, wrong_kind(what, "a list", list));
-    for (const Part &item : list.parts())
+    if (list.kind != Event::Kind::list)
+        return refuse_kind(list, what, "a list");
+    for (Event item = document_.next(); item.kind != Event::Kind::end; item = document_.next())
         read(item);
 }
 
-std::string_view Reader::text(const Part &part, std::string_view what)
+std::optional<std::string_view> Reader::text(const Event &value, std::string_view what)
 {
-    if (part.kind == Part::Kind::scalar)
-        return part.text;
-    errors_.add(part.at, wrong_kind(what, "a plain value", part));
-    return {};
+    if (value.kind == Event::Kind::scalar)
+        return value.text;
+    refuse_kind(value, what, "a plain value");
+    return std::nullopt;
 }
 
-std::string Reader::name(const Part &part, std::string_view what)
+void Reader::name(const Event &value, std::string_view what, std::string &name)
 {
-    const std::string_view value = text(part, what);
+    const auto written = text(value, what);
+    if (!written)
+        return;
     constexpr size_t longest = FP_UDP_APP_TYPE_SIZE - 1;
-    if (value.size() > longest)
-        errors_.add(part.at, std::string(what) + " has " + std::to_string(value.size()) + " characters, more than " +
-                                 std::to_string(longest));
-    else if (part.kind == Part::Kind::scalar && value.empty())
-        errors_.add(part.at, std::string(what) + " is empty");
+    if (written->size() > longest)
+        errors_.add(value.at, std::string(what) + " has " + std::to_string(written->size()) +
+                                  " characters, more than " + std::to_string(longest));
+    else if (written->empty())
+        errors_.add(value.at, std::string(what) + " is empty");
     const auto unprintable = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
-    if (std::any_of(value.begin(), value.end(), unprintable))
-        errors_.add(part.at, std::string(what) + " has unprintable characters");
-    return std::string(value.substr(0, longest));
+    if (std::any_of(written->begin(), written->end(), unprintable))
+        errors_.add(value.at, std::string(what) + " has unprintable characters");
+    name = written->substr(0, longest);
 }
 
-uint64_t Reader::number(const Part &part, std::string_view what, uint64_t largest)
+template <typename Number> bool Reader::number(const Event &value, std::string_view what, Number &number)
 {
-    uint64_t value = 0;
-    const size_t before = errors_.size();
-    const std::string_view written = text(part, what);
-    if (errors_.size() != before)
-        return 0;
-    if (!parse_number(written, value) || value > largest)
-        errors_.add(part.at, std::string(what) + ": " + quoted(written) + " is not a number from 0 to " +
-                                 std::to_string(largest));
-    return value;
+    constexpr uint64_t largest = std::numeric_limits<Number>::max();
+    const auto written = text(value, what);
+    uint64_t read = 0;
+    if (!written)
+        return false;
+    if (!parse_number(*written, read) || read > largest) {
+        errors_.add(value.at, std::string(what) + ": " + quoted(*written) + " is not a number from 0 to " +
+                                  std::to_string(largest));
+        return false;
+    }
+    number = static_cast<Number>(read);
+    return true;
 }
 
-template <typename Number>
-std::function<void(const Part &)> Reader::into(Number &value, std::string_view what, bool *read)
+void Reader::flag(const Event &value, std::string_view what, bool &flag)
 {
-    return [this, &value, what, read](const Part &part) {
-        const size_t before = errors_.size();
-        value = static_cast<Number>(number(part, what, std::numeric_limits<Number>::max()));
-        if (read != nullptr)
-            *read = errors_.size() == before;
-    };
-}
-
-std::function<void(const Part &)> Reader::into(std::string &value, std::string_view what)
-{
-    return [this, &value, what](const Part &part) { value = name(part, what); };
-}
-
-bool Reader::flag(const Part &part, std::string_view what)
-{
-    bool value = false;
-    const size_t before = errors_.size();
-    const std::string_view written = text(part, what);
-    if (errors_.size() == before && !parse_bool(written, value))
-        errors_.add(part.at, std::string(what) + ": " + quoted(written) + " is neither true nor false");
-    return value;
+    const auto written = text(value, what);
+    if (written && !parse_bool(*written, flag))
+        errors_.add(value.at, std::string(what) + ": " + quoted(*written) + " is neither true nor false");
 }
 
 // ---- the policy -----------------------------------------------------------------------------------------------------
 
-Policy Reader::read(const Part &root)
+const Field<Reader> Reader::policy_fields[] = {
+    {"application", true,
+     [](Reader &self, const Event &value, Reader &) {
+         self.name(value, "the application type", self.policy_.application);
+     }},
+    {"acls", true,
+     [](Reader &self, const Event &list, Reader &) {
+         self.items(list, "acls", [&self](const Event &item) { self.acl(item); });
+     }},
+    {"applies", false, [](Reader &self, const Event &list, Reader &) {
+         self.items(list, "applies", [&self](const Event &item) { self.apply(item); });
+     }}};
+
+Policy Reader::read()
 {
-    fields(root, "the policy",
-           {{"application", true, into(policy_.application, "the application type")},
-            {"acls", true, [this](const Part &list) { items(list, "acls", [this](const Part &part) { acl(part); }); }},
-            {"applies", false,
-             [this](const Part &list) { items(list, "applies", [this](const Part &part) { apply(part); }); }}});
+    fields(document_.next(), "the policy", policy_fields, *this);
+    document_.finish();
     bind();
     return std::move(policy_);
 }
 
-void Reader::acl(const Part &part)
+using AclDraft = std::pair<PolicyAcl, bool>; // and whether it has a number
+
+const Field<AclDraft> Reader::acl_fields[] = {
+    {"id", true,
+     [](Reader &self, const Event &value, AclDraft &draft) {
+         draft.first.at = value.at;
+         draft.second = self.number(value, "the ACL's id", draft.first.id);
+     }},
+    {"name", false,
+     [](Reader &self, const Event &value, AclDraft &draft) { self.name(value, "the ACL's name", draft.first.name); }},
+    {"class", true,
+     [](Reader &self, const Event &value, AclDraft &draft) { self.number(value, "the ACL's class", draft.first.cls); }},
+    {"entries", true, [](Reader &self, const Event &list, AclDraft &draft) {
+         self.items(list, "entries", [&](const Event &item) { self.entry(item, draft.first); });
+     }}};
+
+void Reader::acl(const Event &value)
 {
-    PolicyAcl acl{.at = part.at};
-    bool known = false;
-    fields(part, "an ACL",
-           {{"id", true,
-             [&](const Part &value) {
-                 acl.at = value.at;
-                 into(acl.id, "the ACL's id", &known)(value);
-             }},
-            {"name", false, into(acl.name, "the ACL's name")},
-            {"class", true, into(acl.cls, "the ACL's class")},
-            {"entries", true,
-             [&](const Part &list) { items(list, "entries", [&](const Part &item) { entry(item, acl); }); }}});
+    AclDraft draft{{.at = value.at}, false};
+    fields(value, "an ACL", acl_fields, draft);
+    auto &[acl, known] = draft;
     all_acls_known_ = all_acls_known_ && known;
     if (!known)
         return;
@@ -253,34 +306,14 @@ void Reader::acl(const Part &part)
     policy_.acls.push_back(std::move(acl));
 }
 
-void Reader::entry(const Part &part, PolicyAcl &acl)
-{
-    PolicyEntry entry{.at = part.at};
-    bool known = false;
-    fields(part, "an entry",
-           {{"sn", true,
-             [&](const Part &value) {
-                 entry.at = value.at;
-                 into(entry.sn, "the entry's sn", &known)(value);
-             }},
-            {"name", false, into(entry.name, "the entry's name")},
-            {"priority", false, into(entry.priority, "the entry's priority")},
-            {"default", false, [&](const Part &value) { entry.is_default = flag(value, "default"); }},
-            {"match", false, [&](const Part &map) { attributes(map, FP_UDP_ATTR_FIELD, entry); }},
-            {"action", false, [&](const Part &map) { attributes(map, FP_UDP_ATTR_ACTION, entry); }},
-            {"control", false, [&](const Part &map) { attributes(map, FP_UDP_ATTR_CTRL, entry); }}});
-    if (known)
-        acl.entries.push_back(std::move(entry));
-}
-
 void Reader::check_entries(const PolicyAcl &acl)
 {
-    std::map<uint64_t, Position> sns;
+    const auto &entries = acl.entries;
+    const auto ascending = [](const PolicyEntry &a, const PolicyEntry &b) { return a.sn >= b.sn; };
+    if (std::adjacent_find(entries.begin(), entries.end(), ascending) != entries.end())
+        check_sns(acl);
     const PolicyEntry *fallback = nullptr;
-    for (const PolicyEntry &entry : acl.entries) {
-        if (const auto [first, fresh] = sns.try_emplace(entry.sn, entry.at); !fresh)
-            errors_.add(entry.at, "sn " + std::to_string(entry.sn) + " is there twice in ACL " +
-                                      std::to_string(acl.id) + ", first on " + line_of(first->second));
+    for (const PolicyEntry &entry : entries) {
         if (!entry.is_default)
             continue;
         if (fallback != nullptr)
@@ -290,35 +323,216 @@ void Reader::check_entries(const PolicyAcl &acl)
     }
 }
 
-void Reader::attributes(const Part &map, fp_udp_attr_class cls, PolicyEntry &entry)
+// Where they stand in no order.
+void Reader::check_sns(const PolicyAcl &acl)
 {
-    if (map.kind != Part::Kind::map)
-        return errors_.add(map.at, wrong_kind(class_name(cls), "a map", map));
-    std::map<std::string_view, Position> seen;
-    for (size_t i = 0; i + 1 < map.parts().size(); i += 2) {
-        const Part &key = map.parts()[i];
-        if (const auto [first, fresh] = seen.try_emplace(key.text, key.at); !fresh)
-            errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first->second));
+    std::vector<const PolicyEntry *> sorted;
+    sorted.reserve(acl.entries.size());
+    for (const PolicyEntry &entry : acl.entries)
+        sorted.push_back(&entry);
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const PolicyEntry *a, const PolicyEntry *b) { return a->sn < b->sn; });
+    const PolicyEntry *first = nullptr; // of its sn
+    for (const PolicyEntry *entry : sorted) {
+        if (first != nullptr && first->sn == entry->sn)
+            errors_.add(entry->at, "sn " + std::to_string(entry->sn) + " is there twice in ACL " +
+                                       std::to_string(acl.id) + ", first on " + line_of(first->at));
         else
-            attribute(key, map.parts()[i + 1], cls, entry);
+            first = entry;
     }
 }
 
-void Reader::attribute(const Part &key, const Part &value, fp_udp_attr_class cls, PolicyEntry &entry)
+// ---- entries --------------------------------------------------------------------------------------------------------
+
+const Field<EntryDraft> Reader::entry_fields[] = {
+    {"sn", true,
+     [](Reader &self, const Event &value, EntryDraft &draft) {
+         draft.entry.at = value.at;
+         draft.known = self.number(value, "the entry's sn", draft.entry.sn);
+     }},
+    {"name", false,
+     [](Reader &self, const Event &value, EntryDraft &draft) { self.name(value, "the entry's name", draft.name); }},
+    {"priority", false,
+     [](Reader &self, const Event &value, EntryDraft &draft) {
+         self.number(value, "the entry's priority", draft.entry.priority);
+     }},
+    {"default", false,
+     [](Reader &self, const Event &value, EntryDraft &draft) { self.flag(value, "default", draft.entry.is_default); }},
+    {"match", false, [](Reader &self, const Event &map, EntryDraft &) { self.attributes(map, FP_UDP_ATTR_FIELD); }},
+    {"action", false, [](Reader &self, const Event &map, EntryDraft &) { self.attributes(map, FP_UDP_ATTR_ACTION); }},
+    {"control", false, [](Reader &self, const Event &map, EntryDraft &) { self.attributes(map, FP_UDP_ATTR_CTRL); }}};
+
+void Reader::entry(const Event &value, PolicyAcl &acl)
 {
-    const Form *form = find_form(cls, key.text);
-    if (form == nullptr)
-        return unknown_attribute(key, cls);
-    if (value.kind != Part::Kind::scalar)
-        return errors_.add(value.at, wrong_kind(key.text, "a plain value", value));
-    Encoding encoding = encode(*form, value.text);
-    if (!encoding.error.empty())
-        return errors_.add(value.at, key.text + ": " + encoding.error);
-    entry.attributes.push_back({form, std::move(encoding.bytes)});
+    draft_.entry = {.at = value.at};
+    draft_.known = false;
+    draft_.name.clear();
+    draft_.packed.clear();
+    draft_.listed = nullptr;
+    draft_.values.clear();
+    fields(value, "an entry", entry_fields, draft_);
+    if (draft_.known)
+        add_entries(acl);
 }
 
-void Reader::unknown_attribute(const Part &key, fp_udp_attr_class cls)
+void append_packed(std::vector<uint8_t> &packed, const Form &form, std::span<const uint8_t> value)
 {
+    const uint32_t header[2] = {attribute_id(form) << 8U | static_cast<uint32_t>(form.cls),
+                                static_cast<uint32_t>(value.size())};
+    const auto *bytes = reinterpret_cast<const uint8_t *>(header);
+    packed.insert(packed.end(), bytes, bytes + sizeof header);
+    packed.insert(packed.end(), value.begin(), value.end());
+}
+
+// One entry, or one for each value in the list: numbered on from the entry's own sn, and else alike.
+void Reader::add_entries(PolicyAcl &acl)
+{
+    const PolicyEntry &entry = draft_.entry;
+    if (draft_.listed == nullptr)
+        return add_entry(acl, entry.sn, draft_.packed);
+    if (entry.is_default)
+        return errors_.add(entry.at, "a default entry takes no list: an ACL has one");
+    uint64_t sn = entry.sn;
+    std::vector<uint8_t> packed;
+    for (size_t at = 0; at < draft_.values.size(); at += 1 + size_t{draft_.values[at]}, ++sn) {
+        if (sn < entry.sn)
+            return errors_.add(entry.at, "there are no numbers left for the list: the entry's sn is too large");
+        const auto listed_at = draft_.packed.begin() + static_cast<ptrdiff_t>(draft_.listed_at);
+        packed.assign(draft_.packed.begin(), listed_at);
+        append_packed(packed, *draft_.listed, std::span(draft_.values).subspan(at + 1, draft_.values[at]));
+        packed.insert(packed.end(), listed_at, draft_.packed.end());
+        add_entry(acl, sn, packed);
+    }
+}
+
+void Reader::add_entry(PolicyAcl &acl, uint64_t sn, std::span<const uint8_t> packed)
+{
+    if (packed.size() > UINT16_MAX)
+        return errors_.add(draft_.entry.at, "the entry's attributes have more than 65535 bytes");
+    PolicyEntry &entry = acl.entries.emplace_back(draft_.entry);
+    entry.sn = sn;
+    entry.bytes = policy_.pool.add({reinterpret_cast<const uint8_t *>(draft_.name.data()), draft_.name.size()}, packed);
+    entry.name_size = static_cast<uint8_t>(draft_.name.size());
+    entry.packed_size = static_cast<uint16_t>(packed.size());
+}
+
+void Reader::attributes(const Event &map, fp_udp_attr_class cls)
+{
+    if (map.kind != Event::Kind::map)
+        return refuse_kind(map, class_name(cls), "a map");
+    std::vector<std::pair<const Form *, Position>> seen;
+    for (Event key = document_.next(); key.kind != Event::Kind::end; key = document_.next()) {
+        const Form *form = key.kind == Event::Kind::scalar ? find_form(cls, key.text) : nullptr;
+        const auto first =
+            std::find_if(seen.begin(), seen.end(), [form](const auto &had) { return had.first == form; });
+        if (form == nullptr) {
+            unknown_attribute(key, cls);
+            document_.skip(document_.next());
+        } else if (first != seen.end()) {
+            errors_.add(key.at, quoted(key.text) + " is there twice, first on " + line_of(first->second));
+            document_.skip(document_.next());
+        } else {
+            seen.emplace_back(form, key.at);
+            attribute(*form, document_.next());
+        }
+    }
+}
+
+void Reader::attribute(const Form &form, const Event &value)
+{
+    if (value.opens() && form.cls == FP_UDP_ATTR_FIELD)
+        return several(form, value);
+    const auto written = text(value, form.name);
+    if (!written)
+        return;
+    const Encoding encoding = encode(form, *written);
+    if (!encoding.error.empty())
+        return errors_.add(value.at, std::string(form.name) + ": " + encoding.error);
+    append_packed(draft_.packed, form, encoding.bytes);
+}
+
+bool Reader::add_value(const Form &form, std::string_view text, std::string &error)
+{
+    Encoding encoding = encode(form, text);
+    if (encoding.error.empty()) {
+        draft_.values.push_back(static_cast<uint8_t>(encoding.bytes.size()));
+        draft_.values.insert(draft_.values.end(), encoding.bytes.begin(), encoding.bytes.end());
+        return true;
+    }
+    error = std::string(form.name) + ": " + encoding.error;
+    return false;
+}
+
+// A list of values, or the file that has them.
+void Reader::several(const Form &form, const Event &value)
+{
+    if (draft_.listed != nullptr) {
+        errors_.add(value.at,
+                    std::string(form.name) + ": the entry has a list already, of " + std::string(draft_.listed->name));
+        return document_.skip(value);
+    }
+    draft_.listed = &form;
+    draft_.listed_at = draft_.packed.size();
+    const size_t before = errors_.size();
+    if (value.kind == Event::Kind::map)
+        values_of_file(form, value);
+    else
+        items(value, form.name, [&](const Event &item) {
+            std::string error;
+            const auto written = text(item, form.name);
+            if (written && !add_value(form, *written, error))
+                errors_.add(item.at, error);
+        });
+    if (draft_.values.empty() && errors_.size() == before)
+        errors_.add(value.at, std::string(form.name) + " has no values");
+}
+
+void Reader::values_of_file(const Form &form, const Event &map)
+{
+    struct Named {
+        std::string path{};
+        Position at{};
+    };
+    static constexpr Field<Named> file_fields[] = {
+        {"prefixes", true, [](Reader &self, const Event &value, Named &named) {
+             named.at = value.at;
+             if (const auto written = self.text(value, "the file's name"))
+                 named.path = *written;
+         }}};
+    Named named;
+    fields(map, form.name, file_fields, named);
+    if (named.path.empty())
+        return;
+    const std::string path = named.path[0] == '/' ? named.path : directory_ + named.path;
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return errors_.add(named.at, file_error(quoted(named.path) + " cannot be opened"));
+    values_of_file(form, file, named.at, path);
+}
+
+// One value a line; what stands behind # or ; is a comment.
+void Reader::values_of_file(const Form &form, std::istream &file, Position at, const std::string &path)
+{
+    std::array<char, longest_line + 1> buffer;
+    std::string error;
+    for (int line = 1; file.getline(buffer.data(), buffer.size()); ++line) {
+        std::string_view text = buffer.data();
+        text = text.substr(0, text.find_first_of("#;"));
+        const size_t first = std::min(text.find_first_not_of(" \t\r"), text.size());
+        text = text.substr(first, text.find_last_not_of(" \t\r") + 1 - first);
+        if (!text.empty() && !add_value(form, text, error))
+            errors_.add(at, path, line, error);
+    }
+    if (file.bad())
+        errors_.add(at, path, 0, file_error("cannot be read"));
+    else if (!file.eof())
+        errors_.add(at, path, 0, "has a line of more than " + std::to_string(longest_line) + " characters");
+}
+
+void Reader::unknown_attribute(const Event &key, fp_udp_attr_class cls)
+{
+    if (key.kind != Event::Kind::scalar)
+        return refuse_kind(key, "a key", "a plain value");
     std::string message = "there is no " + std::string(class_name(cls)) + " attribute " + quoted(key.text);
     std::vector<std::string_view> names;
     for (const Form &form : forms()) {
@@ -327,25 +541,31 @@ void Reader::unknown_attribute(const Part &key, fp_udp_attr_class cls)
         else if (form.name == key.text)
             return errors_.add(key.at, message + ", but one under '" + std::string(class_name(form.cls)) + "'");
     }
-    const std::string_view close = errors_.full() ? "" : nearest(key.text, names);
-    errors_.add(key.at, message + (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));
+    errors_.add(key.at, message + (errors_.full() ? "" : did_you_mean(key.text, names)));
 }
 
 // ---- applies --------------------------------------------------------------------------------------------------------
 
-void Reader::apply(const Part &part)
+using ApplyDraft = std::pair<Binding, bool>; // and whether it has an ACL
+
+const Field<ApplyDraft> Reader::apply_fields[] = {
+    {"acl", true,
+     [](Reader &self, const Event &value, ApplyDraft &draft) {
+         draft.first.apply.at = value.at;
+         draft.second = self.number(value, "the apply's ACL", draft.first.apply.acl);
+     }},
+    {"port", true, [](Reader &self, const Event &value, ApplyDraft &draft) { self.ports(value, draft.first.ports); }},
+    {"direction", true,
+     [](Reader &self, const Event &value, ApplyDraft &draft) { self.direction(value, draft.first.apply.direction); }},
+    {"priority", false, [](Reader &self, const Event &value, ApplyDraft &draft) {
+         self.number(value, "the apply's priority", draft.first.apply.priority);
+     }}};
+
+void Reader::apply(const Event &value)
 {
-    Binding binding{.apply = {.at = part.at}, .ports = {}};
-    bool known = false;
-    fields(part, "an apply",
-           {{"acl", true,
-             [&](const Part &value) {
-                 binding.apply.at = value.at;
-                 into(binding.apply.acl, "the apply's ACL", &known)(value);
-             }},
-            {"port", true, [&](const Part &value) { binding.ports = ports(value); }},
-            {"direction", true, [&](const Part &value) { binding.apply.direction = direction(value); }},
-            {"priority", false, into(binding.apply.priority, "the apply's priority")}});
+    ApplyDraft draft{{.apply = {.at = value.at}, .ports = {}}, false};
+    fields(value, "an apply", apply_fields, draft);
+    auto &[binding, known] = draft;
     if (!known)
         return;
     ports_ += binding.ports.size(); // an apply of a few bytes may have thousands
@@ -354,46 +574,43 @@ void Reader::apply(const Part &part)
     bindings_.push_back(std::move(binding));
 }
 
-std::vector<uint32_t> Reader::ports(const Part &part)
+void Reader::ports(const Event &value, std::vector<uint32_t> &ports)
 {
-    std::vector<uint32_t> numbers;
-    if (part.kind != Part::Kind::list)
-        port_range(part, numbers);
+    if (value.kind != Event::Kind::list)
+        port_range(value, ports);
     else
-        items(part, "port", [&](const Part &item) { port_range(item, numbers); });
-    return numbers;
+        items(value, "port", [&](const Event &item) { port_range(item, ports); });
 }
 
-void Reader::port_range(const Part &part, std::vector<uint32_t> &ports)
+void Reader::port_range(const Event &value, std::vector<uint32_t> &ports)
 {
-    const size_t before = errors_.size();
-    const std::string_view written = text(part, "the apply's port");
-    if (errors_.size() != before)
+    const auto whole = text(value, "the apply's port");
+    if (!whole)
         return;
+    const std::string_view written = *whole;
     const size_t hyphen = std::min(written.find('-'), written.size());
     uint64_t first = 0;
     uint64_t last = 0;
     const bool numbers = parse_number(written.substr(0, hyphen), first) &&
                          parse_number(hyphen == written.size() ? written : written.substr(hyphen + 1), last);
     if (!numbers || first > last || last > UINT32_MAX)
-        return errors_.add(part.at, quoted(written) + " is not a port number or a range such as 1-24");
+        return errors_.add(value.at, quoted(written) + " is not a port number or a range such as 1-24");
     if (last - first >= most_ports_of_an_apply - std::min<uint64_t>(ports.size(), most_ports_of_an_apply))
-        return errors_.add(part.at, "more than " + std::to_string(most_ports_of_an_apply) + " ports in one apply");
+        return errors_.add(value.at, "more than " + std::to_string(most_ports_of_an_apply) + " ports in one apply");
     for (uint64_t port = first; port <= last; ++port)
         ports.push_back(static_cast<uint32_t>(port));
 }
 
-uint32_t Reader::direction(const Part &part)
+void Reader::direction(const Event &value, uint32_t &direction)
 {
-    const size_t before = errors_.size();
-    const std::string_view written = text(part, "the apply's direction");
-    for (uint32_t direction = 0; direction < std::size(directions); ++direction) {
-        if (written == directions[direction])
-            return direction;
-    }
-    if (errors_.size() == before)
-        errors_.add(part.at, "direction " + quoted(written) + " is neither in nor out");
-    return 0;
+    const auto written = text(value, "the apply's direction");
+    if (!written)
+        return;
+    const auto known = std::find(std::begin(directions), std::end(directions), *written);
+    if (known == std::end(directions))
+        errors_.add(value.at, "direction " + quoted(*written) + " is neither in nor out");
+    else
+        direction = static_cast<uint32_t>(known - directions);
 }
 
 // When all ACLs are known: an ACL may stand behind the applies of it.
@@ -427,10 +644,44 @@ void Reader::bind(PolicyApply apply, uint32_t port)
 
 } // namespace
 
-std::optional<Policy> read_policy(const Part &root, Errors &errors)
+std::optional<Policy> read_policy(std::istream &in, const std::string &directory, Errors &errors)
 {
-    Policy policy = Reader(errors).read(root);
-    return errors.empty() ? std::optional(std::move(policy)) : std::nullopt;
+    try {
+        Document document(in);
+        Policy policy = Reader(document, directory, errors).read();
+        if (errors.empty())
+            return policy;
+    } catch (const Document::Fault &fault) {
+        errors.add(fault.at, fault.what());
+    } catch (const std::bad_alloc &) {
+        errors.add({}, "is too large for this process's memory");
+    }
+    return std::nullopt;
+}
+
+std::optional<Policy> read_policy(const std::string &path, Errors &errors)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        errors.add({}, file_error("cannot be opened"));
+        return std::nullopt;
+    }
+    return read_policy(file, path.substr(0, path.rfind('/') + 1), errors);
+}
+
+const uint8_t *BytePool::add(std::span<const uint8_t> first, std::span<const uint8_t> second)
+{
+    constexpr size_t chunk_size = 256U << 10U;
+    const size_t size = first.size() + second.size();
+    if (size > room_.size()) {
+        const size_t taken = std::max(size, chunk_size);
+        chunks_.push_back(std::make_unique_for_overwrite<uint8_t[]>(taken));
+        room_ = {chunks_.back().get(), taken};
+    }
+    uint8_t *at = room_.data();
+    std::copy(second.begin(), second.end(), std::copy(first.begin(), first.end(), at));
+    room_ = room_.subspan(size);
+    return at;
 }
 
 std::string_view direction_name(uint32_t direction)
