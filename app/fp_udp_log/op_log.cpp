@@ -1,8 +1,9 @@
 // The operation log: one line per ACL, ACE and apply operation, in two files per process that take turns at 5 MiB.
 //
 // Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records: one takes eight system calls. The
-// directory is under /tmp, so nothing on the way to a file is followed if it is a link. Failures are reported and drop
-// the record, never the operation.
+// directory is under /tmp, where anybody may plant something: no link on the way to a file is followed, both folders are
+// this user's or root's, and nothing is written to or emptied but a file of this user's that has no other name. Failures
+// are reported and drop the record, never the operation.
 #include "../fp_udp_dbg/channel/channel.hpp"
 #include "../fp_udp_dbg/channel/proc_name.hpp"
 
@@ -39,7 +40,7 @@ enum Which : uint8_t {
 struct {
     char name[2][dbg::proc_name_size + sizeof "_1.log"]; // of the main and the second file, within the directory
     bool named;
-    bool behind_link; // no record can be kept, which was said at the start
+    bool unsafe; // no record can be kept, which was said at the start
     Which current = None;
 } state;
 
@@ -81,11 +82,33 @@ bool is_link(int parent, const char *name)
     return fstatat(parent, name, &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(found.st_mode);
 }
 
-bool is_behind_link()
+// Opens a folder, made if it is not there, readable for all whatever the umask is. mkdir itself follows no link.
+descriptor make_folder(const descriptor &parent, const char *name)
+{
+    const bool made = mkdirat(parent.get(), name, 0755) == 0;
+    descriptor folder(openat(parent.get(), name, directory_flags));
+    if (made && folder)
+        (void)fchmod(folder.get(), 0755);
+    return folder;
+}
+
+bool is_foreign(const descriptor &folder)
+{
+    struct stat found = {};
+    return folder && fstat(folder.get(), &found) == 0 && found.st_uid != 0 && found.st_uid != geteuid();
+}
+
+// Makes the log directory. What is wrong with what stands in its place, or null.
+const char *claim_directory()
 {
     const descriptor tmp(open("/tmp", O_DIRECTORY | O_CLOEXEC | O_RDONLY));
-    const descriptor zlog(open("/tmp/zlog", directory_flags));
-    return is_link(tmp.get(), "zlog") || is_link(zlog.get(), "udp_fp_log");
+    const descriptor zlog = make_folder(tmp, "zlog");
+    const descriptor logs = make_folder(zlog, "udp_fp_log");
+    if (is_link(tmp.get(), "zlog") || is_link(zlog.get(), "udp_fp_log"))
+        return "a link is in the way of /tmp/zlog/udp_fp_log";
+    if (is_foreign(zlog) || is_foreign(logs))
+        return "/tmp/zlog/udp_fp_log belongs to another user";
+    return nullptr;
 }
 
 // One of the two files, open at its end.
@@ -95,33 +118,56 @@ class log_file {
     log_file(const descriptor &directory, Which which) : file_(state.named ? open_in(directory, which) : -1)
     {
         struct stat found = {};
-        if (file_ && fstat(file_.get(), &found) == 0 && S_ISREG(found.st_mode))
+        if (file_ && fstat(file_.get(), &found) == 0 && is_ours(found))
             size_ = found.st_size;
     }
     explicit operator bool() const { return size_ >= 0; }
     off_t size() const { return size_; }
     bool empty_it() const { return ftruncate(file_.get(), 0) == 0; }
 
+    // The header of a run. A new file's mode is not the umask's business.
+    void begin(const char *header) const
+    {
+        if (size_ == 0)
+            (void)fchmod(file_.get(), 0644);
+        write_text(header);
+    }
+
+    // All of it or, on a full disk, nothing: half a line would spoil the next one too.
     void write_text(const char *text) const
     {
-        for (size_t left = std::strlen(text); left > 0;) {
-            const ssize_t n = TEMP_FAILURE_RETRY(write(file_.get(), text, left));
+        const size_t length = std::strlen(text);
+        size_t done = 0;
+        while (done < length) {
+            const ssize_t n = TEMP_FAILURE_RETRY(write(file_.get(), text + done, length - done));
             if (n <= 0)
-                return;
-            text += n;
-            left -= static_cast<size_t>(n);
+                return take_back(done);
+            done += static_cast<size_t>(n);
         }
     }
 
   private:
+    // Unless a process of the same name has written behind it meanwhile.
+    void take_back(size_t written) const
+    {
+        struct stat found = {};
+        if (written > 0 && fstat(file_.get(), &found) == 0 && found.st_size == size_ + static_cast<off_t>(written))
+            (void)!ftruncate(file_.get(), size_);
+    }
+
+    static bool is_ours(const struct stat &found)
+    {
+        return S_ISREG(found.st_mode) && found.st_uid == geteuid() && found.st_nlink == 1;
+    }
+
     static int open_in(const descriptor &directory, Which which)
     {
         constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-        return directory ? openat(directory.get(), state.name[which], flags, 0666) : -1;
+        return directory ? openat(directory.get(), state.name[which], flags, 0644) : -1;
     }
 
     descriptor file_;
-    off_t size_ = -1; // unless a regular file was opened
+    off_t size_ = -1; // unless a file of ours was opened
 };
 
 // Both files or neither: a record needs the first, and its turn the second.
@@ -139,8 +185,8 @@ class log_file {
         report<Error>(at, "fp_udp_open log 1 fail.\n");
         return false;
     }
-    first.write_text(header_text);
-    second.write_text(second_header_text);
+    first.begin(header_text);
+    second.begin(second_header_text);
     state.current = Main;
     return true;
 }
@@ -167,7 +213,7 @@ log_file choose_file(const descriptor &directory, diag::place at)
 
 bool wanted()
 {
-    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0 && !state.behind_link;
+    return (fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG) != 0 && !state.unsafe;
 }
 
 // The file that a record goes into, and the time now.
@@ -266,9 +312,10 @@ int32_t fp_udp_op_log_init(void)
     std::snprintf(state.name[Main], sizeof state.name[Main], "%s.log", name);
     std::snprintf(state.name[Second], sizeof state.name[Second], "%s_1.log", name);
     state.named = true;
-    state.behind_link = is_behind_link();
-    if (state.behind_link) {
-        report<Error>("a link is in the way of /tmp/zlog/udp_fp_log, no operation is logged.\n");
+    const char *obstacle = claim_directory();
+    state.unsafe = obstacle != nullptr;
+    if (state.unsafe) {
+        report<Error>("%s, no operation is logged.\n", obstacle);
         return -1;
     }
     if (const int status = std::system("mkdir -p /tmp/zlog/udp_fp_log"); status != 0) {

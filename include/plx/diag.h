@@ -21,7 +21,8 @@
  * The operation log is a trail of each ACL, ACE and apply operation, one line each with the local time, in text files:
  * /tmp/zlog/udp_fp_log/<process name>.log and its alternate <process name>_1.log. They take turns: when the one in use
  * has passed 5 MiB, the other is emptied and becomes the one in use. So the newest record may be in either, and at
- * least the last 5 MiB are there. It is written while FP_UDP_DEBUG_OP_LOG is set, and not otherwise.
+ * least the last 5 MiB are there. It is written while FP_UDP_DEBUG_OP_LOG is set, and not otherwise. Nothing is written
+ * where a link, another user's folder, or a file that is not ours alone stands in the way.
  */
 #ifndef PLX_DIAG_H
 #define PLX_DIAG_H

@@ -1,8 +1,10 @@
 // See verbs.h. One function a verb, in the table at the end.
 #include "verbs.h"
 
+#include <csignal>
 #include <cstring>
 #include <regex>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -691,6 +693,8 @@ void file(session &s, arguments &a)
         mkfifo(path.c_str(), 0600);
     else if (what == "link")
         EXPECT_EQ(symlink((s.root + "/" + rest).c_str(), path.c_str()), 0);
+    else if (what == "name") // a second one
+        EXPECT_EQ(link(path.c_str(), path_of(s, rest).c_str()), 0);
     else if (what == "move")
         EXPECT_EQ(rename(path.c_str(), path_of(s, rest).c_str()), 0);
     else if (what == "list")
@@ -871,6 +875,16 @@ const std::map<std::string, verb> verbs = {
     {"shell", shell},
     {"set_level", number([](auto &, auto &a) { return fp_udp_at_set_zlog_level(small(a)); })},
     {"file", silent(file)},
+    {"owner", silent([](auto &, auto &a) { fake::owner_of_all = small(a); })},
+    {"umask", silent([](auto &, auto &a) { umask(small(a)); })},
+    {"mode", [](auto &s, auto &a) {
+         return format("%o", static_cast<unsigned>(std::filesystem::status(path_of(s, a.next())).permissions()));
+     }},
+    {"room", silent([](auto &, auto &a) { // of a file, where the disk is full
+         const rlimit most{small(a), RLIM_INFINITY};
+         signal(SIGXFSZ, SIG_IGN);
+         EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &most), 0);
+     })},
 };
 
 } // namespace

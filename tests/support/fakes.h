@@ -13,6 +13,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <ssat.h>
 #include <string>
@@ -199,6 +200,8 @@ class failing_allocation {
 size_t open_files();
 // What system() was asked for; it does nothing, and succeeds.
 extern lines commands;
+// Whose all files seem to be, to fstat(); nobody's in particular means: as they are.
+extern std::optional<uid_t> owner_of_all;
 
 // Makes the n-th file call that libplx itself makes fail with an error, or all from there on, while an instance lives;
 // `short_count` instead of an error lets a read or write pass one byte. n = 0 only counts.

@@ -27,6 +27,8 @@ namespace plx::dbg {
 
 void make_file_name(char *name)
 {
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+        *name = '_';
     while ((name = std::strchr(name, '/')) != nullptr)
         *name = '_';
 }
