@@ -134,12 +134,23 @@ char *format_line(char *buffer, size_t size, std::unique_ptr<char[]> &longer, co
     return longer ? longer.get() : buffer;
 }
 
-// Both logs end their lines themselves.
-void cut_newlines(char *text)
+bool is_control(unsigned char byte, unsigned char before)
+{
+    const bool of_utf8 = before == 0xC2 && byte >= 0x80 && byte < 0xA0;
+    return byte < 0x20 || byte == 0x7F || of_utf8;
+}
+
+// Both logs end their lines themselves. A name from a store or an application must neither forge a line nor reach a
+// terminal as commands.
+void make_one_line(char *text)
 {
     size_t length = strlen(text);
     while (length > 0 && text[length - 1] == '\n')
         text[--length] = '\0';
+    for (size_t i = 0; i < length; ++i)
+        if (text[i] != '\t' &&
+            is_control(static_cast<unsigned char>(text[i]), i ? static_cast<unsigned char>(text[i - 1]) : 0))
+            text[i] = '?';
 }
 
 using zlog_limit::held_message, zlog_limit::message;
@@ -218,7 +229,7 @@ void tqdf_zlog(void *opened, const char *file, size_t file_len, const char *func
     va_start(args, format);
     char *text = format_line(buffer, sizeof buffer, longer, format, args);
     va_end(args);
-    cut_newlines(text);
+    make_one_line(text);
 
     const message said{opened, {file, file ? file_len : 0}, {func, func ? func_len : 0}, line, level, text};
     const uint64_t now = now_ms();

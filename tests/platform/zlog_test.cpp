@@ -32,6 +32,8 @@ TEST(zlog, a_line_goes_as_it_is_to_zlog_when_that_can_be_used_or_else_to_syslog)
     } cases[] = {{"zlog_complete", "80 'a line'", "init default\n" + zlog + "80 format=%s: a line\n"},
                  {"zlog_complete", "20 '100%n %s'", "init default\n" + zlog + "20 format=%s: 100%n %s\n"},
                  {"zlog_complete", "80 " + y, "init default\n" + zlog + "80 format=%s: " + y + '\n'},
+                 {"zlog_complete", R"x(20 "$(printf 'a\nb\033c\302\233d\303\251')")x",
+                  "init default\n" + zlog + "20 format=%s: a?b?c\302?d\303\251\n"},
                  {"zlog_complete", "40 x", "init /other\n" + zlog + "40 format=%s: x\n", "ZLOG_CONF_PATH=/other"},
                  {"zlog_complete", "80 'x\n\n'", "init default\n" + zlog + "80 format=%s: x\n"},
                  {"zlog_ruleless", "20 x",
