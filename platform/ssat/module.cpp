@@ -7,8 +7,10 @@
 #include "tq_context.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 namespace ssat {
@@ -60,6 +62,12 @@ answer unknown(const std::string &name)
     return make_answer("unknown", "no command is named '" + name + "'; help lists the commands\n");
 }
 
+void refuse(int connection, const char *reason)
+{
+    const answer denied = make_answer("denied", reason);
+    send(connection, denied.text.data(), denied.text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
 bool may_enter(int connection)
 {
     ucred peer{};
@@ -67,11 +75,19 @@ bool may_enter(int connection)
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == geteuid() || peer.uid == 0))
         return true;
     ++counted().denied;
-    const answer denied = make_answer("denied", "this module belongs to another user\n");
-    send(connection, denied.text.data(), denied.text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    refuse(connection, "this module belongs to another user\n");
     const std::string who = "uid " + std::to_string(peer.uid) + ", pid " + std::to_string(peer.pid);
     log(TQ_ZLOG_WARN, __func__, ("refused a connection of " + who).c_str());
     return false;
+}
+
+// A shell must not take what the store needs to come back: a connection for calls, one for changes, and a file.
+bool descriptors_to_spare(int connection)
+{
+    std::array<owned_fd, 3> spare;
+    for (auto &each : spare)
+        each = owned_fd(fcntl(connection, F_DUPFD_CLOEXEC, 0));
+    return static_cast<bool>(spare.back());
 }
 
 } // namespace
@@ -185,6 +201,8 @@ void module::accept_one()
     }
     if (!may_enter(connection.get()))
         return;
+    if (!descriptors_to_spare(connection.get()))
+        return refuse(connection.get(), "no file descriptor is free for another session\n");
     if (sessions_.size() == most_sessions) {
         sessions_.pop_front();
         ++counted().dropped;
