@@ -123,7 +123,7 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     RESULT(CORRUPT, 6, "what is stored under this key is not such a record",                                           \
            "something else has written there: delete the key and write the record again")                              \
     RESULT(DENIED, 7, "the store refuses this user the operation",                                                     \
-           "compare user and password of the store's address with the server's access list")                           \
+           "give the user this right in the server's access list, or take another user")                                   \
     RESULT(READ_ONLY, 8, "the store's server is a replica and takes no writes",                                        \
            "give the address of the master, or those of the sentinels")                                                \
     RESULT(LOADING, 9, "the store's server is still loading its data", "wait: it becomes ready by itself")             \
@@ -136,7 +136,12 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     RESULT(BAD_ANSWER, 12, "the store's answer makes no sense",                                                        \
            "see whether something else writes to the store's tables")                                                  \
     /* a subscription needs one */                                                                                     \
-    RESULT(NO_DESCRIPTOR, 13, "no file descriptor is left", "raise the process's limit of open files")
+    RESULT(NO_DESCRIPTOR, 13, "no file descriptor is left", "raise the process's limit of open files")                 \
+    /* the server does not tell which of the two it is */                                                              \
+    RESULT(BAD_LOGIN, 14, "the store knows no such user with this password",                                           \
+           "compare user and password of the store's address with the server's access list")                           \
+    RESULT(NO_PASSWORD, 15, "the password file cannot be read",                                                        \
+           "make it a file with the password as its first line, which this process may read")
 
 #define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {

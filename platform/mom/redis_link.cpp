@@ -4,10 +4,15 @@
 #include "report.hpp"
 
 #include <algorithm>
-#include <fstream>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
 #include <mutex>
 #include <set>
+#include <sys/stat.h>
 #include <tq_mom.h>
+#include <unistd.h>
 #include <utility>
 
 namespace mom {
@@ -164,6 +169,7 @@ std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int
     }
     result = log_in(*connection);
     counters_.connections += result == TQ_MOM_OK;
+    at_ = where;
     return result == TQ_MOM_OK ? std::move(connection) : nullptr;
 }
 
@@ -185,16 +191,28 @@ bool redis_link::ask_sentinels(endpoint &master)
     return false;
 }
 
+// The first line of a regular file, however its lines end: anything else could make us wait, or is a mistake.
 bool redis_link::read_password(std::string &password) const
 {
     password = url_.password;
     if (url_.password_file.empty())
         return true;
-    std::ifstream file(url_.password_file);
-    if (std::getline(file, password))
-        return true;
-    report(TQ_ZLOG_ERROR, "cannot read the password file " + url_.password_file);
-    return false;
+    const int fd = ::open(url_.password_file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat found {};
+    std::array<char, 1024> text{};
+    ssize_t size = fd < 0 || fstat(fd, &found) != 0 ? -1 : 0;
+    if (size == 0 && S_ISREG(found.st_mode))
+        size = read(fd, text.data(), text.size());
+    const std::string reason = size < 0                 ? std::strerror(errno)
+                               : S_ISREG(found.st_mode) ? "it is empty"
+                                                        : "it is no file";
+    if (fd >= 0)
+        close(fd);
+    const std::string_view line(text.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    password = line.substr(0, line.find_first_of("\r\n"));
+    if (password.empty())
+        report(TQ_ZLOG_ERROR, "cannot read the password file " + url_.password_file + ": " + reason);
+    return !password.empty();
 }
 
 // The last answer tells whether the server takes commands: it may be loading, or want a password that we have not.
@@ -202,7 +220,7 @@ int redis_link::log_in(redis_connection &connection)
 {
     std::string password;
     if (!read_password(password))
-        return TQ_MOM_DENIED;
+        return TQ_MOM_NO_PASSWORD;
     command_buffer commands;
     if (!password.empty() && url_.user.empty())
         commands.command("AUTH", password);
@@ -222,6 +240,18 @@ int redis_link::log_in(redis_connection &connection)
             return result;
     }
     return TQ_MOM_OK;
+}
+
+// Does the server do what somebody asks who has not logged in? Our own login says nothing about that.
+bool redis_link::serves_strangers() const
+{
+    if (url_.password.empty() && url_.password_file.empty() && url_.user.empty())
+        return true;
+    const auto stranger = redis_connection::open(at_, url_);
+    command_buffer question;
+    question.command("PING");
+    return stranger != nullptr && stranger->exchange(question) == TQ_MOM_OK &&
+           result_of(stranger->replies()) == TQ_MOM_OK;
 }
 
 // What an operator should know about the server: asked on the first connection, said once.
@@ -245,8 +275,7 @@ void redis_link::warn_about_server()
     if (!limit.empty() && limit != "0" && info_value(info, "maxmemory_policy") != "noeviction")
         warn_once(store + " may evict policy when it runs short of memory: set maxmemory-policy noeviction");
     const auto port = info_value(info, "tcp_port");
-    const bool logged_in = !url_.password.empty() || !url_.password_file.empty() || !url_.user.empty();
-    if (!logged_in && !port.empty() && port != "0")
+    if (!port.empty() && port != "0" && serves_strangers())
         warn_once(store + " is open to everybody who reaches its TCP port " + std::string(port) + ": set a password");
 }
 

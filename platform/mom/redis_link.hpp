@@ -65,6 +65,7 @@ class redis_link {
     bool ask_sentinels(endpoint &master);
     [[nodiscard]] int log_in(redis_connection &connection);
     [[nodiscard]] bool read_password(std::string &password) const;
+    [[nodiscard]] bool serves_strangers() const;
     void note(int result);
     void warn_about_server();
 
@@ -75,6 +76,7 @@ class redis_link {
     std::string with_question_;
     uint64_t generation_ = 0;
     steady_time last_use_{};
+    endpoint at_; // of the server that we logged in to last
     bool warned_ = false;
     std::chrono::milliseconds back_off_{0};
     steady_time next_attempt_{};

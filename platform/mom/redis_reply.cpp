@@ -116,6 +116,10 @@ reader_ptr make_reader(reply_tape &tape)
 
 int result_of_error(std::string_view error)
 {
+    // The reason behind it is what counts.
+    constexpr std::string_view discarded = "EXECABORT Transaction discarded because of: ";
+    if (error.starts_with(discarded))
+        error.remove_prefix(discarded.size());
     static constexpr struct {
         std::string_view start;
         int result;
@@ -124,9 +128,9 @@ int result_of_error(std::string_view error)
         {"READONLY", TQ_MOM_READ_ONLY},
         {"OOM", TQ_MOM_STORE_FULL},
         {"NOPERM", TQ_MOM_DENIED},
-        {"NOAUTH", TQ_MOM_DENIED},
-        {"WRONGPASS", TQ_MOM_DENIED},
-        {"ERR invalid password", TQ_MOM_DENIED},
+        {"NOAUTH", TQ_MOM_BAD_LOGIN},
+        {"WRONGPASS", TQ_MOM_BAD_LOGIN},
+        {"ERR invalid password", TQ_MOM_BAD_LOGIN},
         {"ERR The user executing the script", TQ_MOM_DENIED},
         {"WRONGTYPE", TQ_MOM_CORRUPT},
         {"NOMARK", TQ_MOM_NO_MARK},

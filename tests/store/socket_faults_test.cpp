@@ -351,7 +351,7 @@ TEST_F(pace, of_attempts_doubles_up_to_two_seconds_and_begins_anew_after_a_succe
     EXPECT_EQ(doubling, attempts(context, TQ_MOM_DISCONNECTED));
     server.start();
     auto *stranger = open_at("unix:" + server.socket() + "?user=stranger");
-    EXPECT_EQ(doubling, attempts(stranger, TQ_MOM_DENIED));
+    EXPECT_EQ(doubling, attempts(stranger, TQ_MOM_BAD_LOGIN));
 }
 
 TEST_F(pace, of_calls_is_that_of_the_address)

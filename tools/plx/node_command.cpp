@@ -101,7 +101,7 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
     int told = 0;
     while (!stop.asked()) {
         const int result = start();
-        if (result == 0 || result == TQ_MOM_DENIED)
+        if (result == 0 || result == TQ_MOM_DENIED || result == TQ_MOM_BAD_LOGIN || result == TQ_MOM_NO_PASSWORD)
             return result;
         if (result != told)
             log("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
