@@ -5,6 +5,7 @@
 #pragma once
 
 #include "plane/packet/rule.hpp"
+#include "plane/packet/runs.hpp"
 #include "plane/plane.hpp"
 
 struct nlmsghdr;
@@ -23,6 +24,9 @@ class Interfaces {
 // by ConstantSet::name. False when an interface has no index, or there is no room: the message is as before then.
 bool put_rule_expressions(nlmsghdr *message, size_t capacity, const packet::Rule &rule, const Interfaces &interfaces,
                           const Counters &start);
+
+// The same for a map: the guards of the shape, then its fields, looked up in the verdict map of that name.
+bool put_lookup_expressions(nlmsghdr *message, size_t capacity, const packet::Shape &shape, const std::string &map);
 
 // Room for the expressions of any rule that compile() makes.
 constexpr size_t rule_expressions_max = 8192;

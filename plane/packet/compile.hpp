@@ -36,9 +36,9 @@ enum Directions : uint8_t { ingress = 1, egress = 2 };
 
 struct Compiled {
     Status status = Status::ok;
-    std::string text; // why not, naming the attribute; empty when ok
+    std::string text{}; // why not, naming the attribute; empty when ok
     // In order; all of them are the entry. None: the entry is not to be installed, or no frame here can match it.
-    std::vector<Rule> rules;
+    std::vector<Rule> rules{};
     uint8_t directions = ingress | egress;
     bool unless_default = false; // not to be installed while its ACL has a default entry
 };

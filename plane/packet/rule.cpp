@@ -11,8 +11,23 @@ constexpr uint32_t tag_types[] = {0x8100, 0x88a8};
 constexpr uint32_t port_protocols[] = {6, 17, 132};
 constexpr uint32_t icmp_protocols[] = {1, 58};
 constexpr uint32_t extension_types[] = {0, 43, 44, 51, 60, 135, 139, 140};
-constexpr ConstantSet sets[] = {
-    {"tags", 2, tag_types}, {"ported", 1, port_protocols}, {"icmps", 1, icmp_protocols}, {"ext", 1, extension_types}};
+constexpr ConstantSet sets[] = {{"tags", 2, tag_types},
+                                {"ported", 1, port_protocols},
+                                {"icmps", 1, icmp_protocols},
+                                {"extensions", 1, extension_types}};
+
+Bytes masked(Bytes bytes, const Bytes &mask)
+{
+    for (size_t at = 0; at < mask.size; ++at)
+        bytes.data[at] &= mask.data[at];
+    return bytes;
+}
+
+bool contains(const ConstantSet &set, const Bytes &bytes)
+{
+    return std::any_of(set.values.begin(), set.values.end(),
+                       [&](uint32_t value) { return Bytes(value, set.size) == bytes; });
+}
 
 } // namespace
 
@@ -30,6 +45,25 @@ Bytes::Bytes(uint64_t number, size_t width) : size(static_cast<uint8_t>(width))
 {
     for (size_t at = width; at-- > 0; number >>= 8U)
         data[at] = static_cast<uint8_t>(number);
+}
+
+bool holds(const Test &test, const Bytes &found)
+{
+    switch (test.relation) {
+    case Relation::equal:
+        return masked(found, test.mask) == test.value;
+    case Relation::different:
+        return masked(found, test.mask) != test.value;
+    case Relation::within:
+        return test.value <= found && found <= test.last;
+    case Relation::outside:
+        return found < test.value || test.last < found;
+    case Relation::one_of:
+        return contains(*test.set, found);
+    case Relation::none_of:
+        return !contains(*test.set, found);
+    }
+    return false;
 }
 
 } // namespace plx::plane::packet

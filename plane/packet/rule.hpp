@@ -55,7 +55,13 @@ struct ConstantSet {
     uint8_t size; // of a value
     std::span<const uint32_t> values;
 };
-std::span<const ConstantSet> constant_sets();
+enum class Common : uint8_t {
+    tags,      // Ethernet types of VLAN tags
+    ported,    // protocols whose header begins with two ports: TCP, UDP, SCTP
+    icmps,     // ICMP and ICMPv6
+    extensions // IPv6 headers behind which others follow
+};
+std::span<const ConstantSet> constant_sets(); // by Common
 
 enum class Relation : uint8_t {
     equal,     // to `value`
@@ -69,11 +75,14 @@ enum class Relation : uint8_t {
 struct Test {
     Source source;
     Relation relation = Relation::equal;
-    Bytes mask; // bits that are compared, of the source's size; empty: all. Only `equal` and `different` have one
-    Bytes value, last;
+    Bytes mask{}; // bits that are compared, of the source's size; empty: all. Only `equal` and `different` have one
+    Bytes value{}, last{};
     const ConstantSet *set = nullptr;
     bool operator==(const Test &) const = default;
 };
+
+// Whether bytes that were found at the test's source pass it.
+bool holds(const Test &test, const Bytes &found);
 
 // Count on the counter object of that number, which the plane has for all entries together.
 struct CountOn {

@@ -1,0 +1,17 @@
+// Entries as text: "vid=100/0xff0 ipv4_src=10.0.0.0/8 -> cos=5 fwd=deny !permit2deny=1": match fields, and behind the arrow
+// actions; "!" goes before a control, "#" before a value that is given as bytes.
+#pragma once
+
+#include "plane/packet/compile.hpp"
+
+namespace plx::test {
+
+// Throws std::invalid_argument.
+Requested entry_of(const std::string &text);
+// One attribute, as entry_of() reads it.
+void push(Requested &entry, const Form &form, std::span<const uint8_t> value);
+
+// Ports 1 and 2, a meter, a mirror session, a sample group and two user-defined fields.
+plane::packet::Config configuration();
+
+} // namespace plx::test
