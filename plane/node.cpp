@@ -10,9 +10,6 @@ namespace plx::plane {
 
 namespace {
 
-// Work between two looks at the loop is bounded, so that a node with a million entries still shows that it lives.
-constexpr int counters_per_pass = 500;
-
 uint64_t wall_clock_ms()
 {
     timeval time{};
@@ -44,6 +41,7 @@ int Node::start()
         return result;
     take_up_installed();
     compare();
+    watch_plane();
     counter_timer_.start(options_.counters);
     return 0;
 }
@@ -81,7 +79,7 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
         self->inbox_.push_back({std::move(*key), std::nullopt});
         if (!deleted)
             self->inbox_.back().wanted = requested_of(notification->record);
-        self->inbox_timer_.start_unless_pending(milliseconds(0));
+        self->inbox_timer_.start_unless_pending(self->gathering_);
     }
     return 0;
 }
@@ -98,11 +96,33 @@ int32_t Node::on_marker(void *, const tq_mom_notification *notification, void *a
     return 0;
 }
 
+// ---- the plane ------------------------------------------------------------------------------------------------------
+
+void Node::watch_plane()
+{
+    if (plane_.descriptor() < 0)
+        return;
+    const auto look = [](tq_loop_watch *, int, int, void *node) { static_cast<Node *>(node)->look(); };
+    watch_.reset(tq_loop_watch_fd(context_->master, plane_.descriptor(), TQ_LOOP_READABLE, look, this));
+}
+
+// What the plane lost differs from what is wanted: comparing with the tables brings it back.
+void Node::look()
+{
+    const std::vector<Key> keys = plane_.look();
+    for (const Key &key : keys)
+        if (const auto entry = entries_.find(key); entry != entries_.end())
+            entry->second.fingerprint = 0;
+    if (!keys.empty())
+        compare_timer_.start_unless_pending(milliseconds(0));
+}
+
 // ---- what the node writes -------------------------------------------------------------------------------------------
 
 void Node::beat()
 {
     outbox_.take_answers();
+    look();
     Record record(s_policy__service_node__descriptor);
     record.set_key_number(0, options_.dev);
     record.set_key_number(1, options_.slot);
@@ -111,31 +131,26 @@ void Node::beat()
     heartbeat_timer_.start(options_.heartbeat);
 }
 
-// Publishes the counters that changed, some entries at a time.
+// Publishes the counters that changed, as many as the plane reads at one go: work between two looks at the loop is
+// bounded, so that a node with a million entries still shows that it lives.
 void Node::publish_counters()
 {
     outbox_.take_answers();
+    const std::vector<std::pair<AceKey, Counters>> read = plane_.counters();
     std::vector<std::pair<Key, Counters>> sent;
-    auto entry = last_counted_ ? entries_.upper_bound(*last_counted_) : entries_.begin();
-    last_counted_.reset();
     tq_mom_batch_begin(context_.get());
-    for (int count = 0; entry != entries_.end() && std::holds_alternative<AceKey>(entry->first); ++entry, ++count) {
-        if (count == counters_per_pass) {
-            last_counted_ = std::prev(entry)->first;
-            break;
-        }
-        const auto counters = plane_.counters(std::get<AceKey>(entry->first));
-        const auto published = published_.find(entry->first);
+    for (const auto &[ace, counters] : read) {
+        const auto published = published_.find(ace);
         const bool told = published != published_.end() && published->second == counters;
-        if (counters && !told && write(entry->first, *counters) == 0)
-            sent.emplace_back(entry->first, *counters);
+        if (!told && entries_.contains(ace) && write(ace, counters) == 0)
+            sent.emplace_back(ace, counters);
     }
     std::vector<int> results(sent.size());
     tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
     for (size_t i = 0; i < sent.size(); ++i)
         if (results[i] == 0)
             published_[sent[i].first] = sent[i].second;
-    counter_timer_.start(last_counted_ ? milliseconds(0) : options_.counters);
+    counter_timer_.start(read.empty() ? options_.counters : milliseconds(0));
 }
 
 // The second pair of counters stays 0: no plane here counts twice.

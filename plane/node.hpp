@@ -3,11 +3,12 @@
 // The node owns its store context, and with it the subscriptions that call it; the plane is the caller's and may
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
-// Changes are taken from notifications and gathered until the loop has delivered what it had (take_changes). Where
-// notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call - the
-// node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
-// What the node wrote about an entry goes with it; what is left of entries that went while no node was there is looked
-// for at the start.
+// Changes are taken from notifications and gathered until the loop has delivered what it had, and for as long as the
+// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be missing -
+// at the start, when the store says so, when a commit ends, after a failed call, when the plane lost something - the node
+// reads the tables and makes only what differs (compare). A request is answered once, however often it is seen. What the
+// node wrote about an entry goes with it; what is left of entries that went while no node was there is looked for at the
+// start.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
 // are compared. How answers reach the store is in outbox.hpp.
@@ -84,6 +85,9 @@ class Node {
     void settle(const Change &change, const Answer &answer);
     bool current(const Key &key, uint64_t request) const;
 
+    void watch_plane();
+    void look();
+
     void beat();
     void publish_counters();
     int write(const Key &ace, const Counters &counters);
@@ -93,11 +97,12 @@ class Node {
     Context context_;
     std::map<Key, Entry> entries_;
     std::vector<Change> inbox_;
-    bool cleared_ = false; // what entries had left that went before this node was there
+    milliseconds gathering_{0}; // changes, for as long as the plane took for the last
+    bool cleared_ = false;      // what entries had left that went before this node was there
     Commits commits_;
     Outbox outbox_;
     std::map<Key, Counters> published_; // of each entry, what its counter record holds
-    std::optional<Key> last_counted_;   // where the publication goes on
+    Watch watch_;                       // of the plane's descriptor
     Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_;
 };
 

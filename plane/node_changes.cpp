@@ -167,7 +167,10 @@ void Node::make(std::vector<Change> changes)
 {
     std::erase_if(changes, [this](const Change &change) { return !needs_plane(change); });
     if (!changes.empty()) {
+        constexpr milliseconds longest_gathering{50};
+        const milliseconds begin = now();
         const std::vector<Answer> answers = plane_.program(changes);
+        gathering_ = std::min(now() - begin, longest_gathering);
         for (size_t i = 0; i < changes.size(); ++i)
             settle(changes[i], answers.at(i));
     }
@@ -201,8 +204,10 @@ void Node::settle(const Change &change, const Answer &answer)
         outbox_.remove(change.key);
         return;
     }
-    entries_[change.key] = {change.wanted->request, change.wanted->fingerprint(), answer.status};
-    if (!answer.silent)
+    Entry &entry = entries_[change.key];
+    const bool told = entry.request != 0 && entry.request == change.wanted->request && entry.status == answer.status;
+    entry = {change.wanted->request, change.wanted->fingerprint(), answer.status};
+    if (!answer.silent && !told)
         outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay);
 }
 

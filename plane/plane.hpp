@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace plx::plane {
@@ -47,8 +48,16 @@ class Plane {
     // What is programmed: a plane may have outlived the node that programmed it.
     virtual std::map<Key, Installed> installed() const = 0;
 
-    // Hits of a programmed entry since it was first programmed; nullopt when there is none.
-    virtual std::optional<Counters> counters(const AceKey &key) = 0;
+    // Hits of programmed entries since they were first programmed, as many as are read at one go: each call goes on where
+    // the last one ended. None: all have been read, and the next call begins again.
+    virtual std::vector<std::pair<AceKey, Counters>> counters() = 0;
+
+    // A descriptor that becomes readable when something happened that may change what is in force; -1 for none.
+    virtual int descriptor() const { return -1; }
+
+    // Looks after what is programmed: when the descriptor is readable, and at every heartbeat. The keys that are not in
+    // force any more, or that were refused and would not be now: the node programs them again.
+    virtual std::vector<Key> look() { return {}; }
 };
 
 } // namespace plx::plane

@@ -15,9 +15,11 @@ namespace plx {
 struct HostDeleter {
     void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
     void operator()(tq_context *context) const { tq_context_free(context); }
+    void operator()(tq_loop_watch *watch) const { tq_loop_unwatch(watch); }
 };
 using Loop = std::unique_ptr<tq_thread_master, HostDeleter>; // outlives the contexts and timers on it
 using Context = std::unique_ptr<tq_context, HostDeleter>;
+using Watch = std::unique_ptr<tq_loop_watch, HostDeleter>; // the descriptor stays the caller's
 
 using milliseconds = std::chrono::milliseconds;
 

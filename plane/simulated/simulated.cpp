@@ -156,15 +156,21 @@ std::map<Key, Installed> SimulatedPlane::installed() const
     return all;
 }
 
-std::optional<Counters> SimulatedPlane::counters(const AceKey &key)
+std::vector<std::pair<AceKey, Counters>> SimulatedPlane::counters()
 {
-    const auto row = rows_.find(key);
-    if (row == rows_.end())
-        return std::nullopt;
-    Counters &counters = row->second.counters;
-    counters.packets += options_.packets_per_reading;
-    counters.bytes += options_.packets_per_reading * 64;
-    return counters;
+    constexpr size_t at_one_go = 500;
+    std::vector<std::pair<AceKey, Counters>> read;
+    auto row = last_counted_ ? rows_.upper_bound(*last_counted_) : rows_.begin();
+    for (; row != rows_.end() && is_entry(row->first) && read.size() < at_one_go; ++row) {
+        Counters &counters = row->second.counters;
+        counters.packets += options_.packets_per_reading;
+        counters.bytes += options_.packets_per_reading * 64;
+        read.emplace_back(std::get<AceKey>(row->first), counters);
+    }
+    last_counted_.reset();
+    if (!read.empty())
+        last_counted_ = read.back().first;
+    return read;
 }
 
 } // namespace plx::plane

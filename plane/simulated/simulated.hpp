@@ -47,7 +47,7 @@ class SimulatedPlane final : public Plane {
 
     std::vector<Answer> program(std::span<const Change> changes) override;
     std::map<Key, Installed> installed() const override;
-    std::optional<Counters> counters(const AceKey &key) override;
+    std::vector<std::pair<AceKey, Counters>> counters() override;
 
     size_t entries() const { return entries_; }   // ACEs programmed
     uint64_t touched() const { return touched_; } // changes that were asked for
@@ -64,6 +64,7 @@ class SimulatedPlane final : public Plane {
 
     SimulatedOptions options_;
     std::map<Key, Row> rows_;
+    std::optional<Key> last_counted_;
     size_t entries_ = 0;
     uint64_t touched_ = 0;
     uint64_t batches_ = 0;
