@@ -19,6 +19,10 @@ class Road : public Session {
         setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
         setenv("GUIDE", GUIDE_PROGRAM, 1);
         setenv("POLICIES", POLICIES, 1);
+        setenv("PYTHON", PYTHON, 1);
+        setenv("PYTHONPATH", PYTHON, 1);
+        setenv("LD_LIBRARY_PATH", LIBRARIES, 1);
+        setenv("PYTHONDONTWRITEBYTECODE", "1", 1);
         setenv("SOCKET", server_.socket().c_str(), 1);
         for (const std::string user : {"application", "node", "reader"})
             urls_[user] = server_.url("plx-" + user);
@@ -53,7 +57,11 @@ class Road : public Session {
     Environment urls_; // of the store, by user
 };
 
-const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new Road; });
+const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new Road; })
+#ifndef PLX_UNDER_SANITIZER // which must be linked into the interpreter
+                        && register_transcripts(PLX_TRANSCRIPTS "/../python", [] { return new Road; })
+#endif
+    ;
 
 } // namespace
 } // namespace plx
