@@ -127,7 +127,10 @@ void Node::beat()
     record.set_key_number(0, options_.dev);
     record.set_key_number(1, options_.slot);
     record.set_key_number(2, options_.id);
-    tq_mom_set_sync(context_.get(), options_.db, record.message()); // a failed one is as good as a late one
+    // A failed one is as good as a late one. Who cannot hear what is asked for is not to be counted on.
+    if (tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
+        tq_mom_state_get(context_.get(), options_.db, 0) == 0)
+        tq_mom_set_sync(context_.get(), options_.db, record.message());
     heartbeat_timer_.start(options_.heartbeat);
 }
 

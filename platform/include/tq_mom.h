@@ -34,7 +34,9 @@ enum tq_mom_event {
     TQ_MOM_EVENT_DELETED = 3,    /* a record of any table was deleted */
     TQ_MOM_EVENT_SET = 4,        /* a requested-state record was written; also every entry of a scan */
     TQ_MOM_EVENT_PUBLISHED = 24, /* a record that neither requests nor answers was written */
-    TQ_MOM_EVENT_RESYNC = 29     /* changes may have been missed: scan the table again; no record */
+    /* Changes may have been missed: scan the table again; no record. Of a table of status it comes behind the
+     * records that have changed meanwhile, each told once, as it is now; of one of publications those are all. */
+    TQ_MOM_EVENT_RESYNC = 29
 };
 
 typedef struct tq_mom_notification {
@@ -55,7 +57,7 @@ typedef struct tq_mom_hash_res {
 /* Connects the handle to a database. A handle that was never connected connects itself at its first call. */
 int tq_mom_client_connect_sync(void *handle, uint32_t db);
 
-/* 0 while connected, non-zero otherwise. `reserved` is 0. */
+/* 0 while connected and, with subscriptions, while their changes can be heard; non-zero otherwise. `reserved` is 0. */
 int tq_mom_state_get(void *handle, uint32_t db, int reserved);
 
 /* Creates the record if absent and sets exactly the value fields whose numbers are listed; other fields, also those
@@ -102,8 +104,9 @@ int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, 
 int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint64_t bound);
 
 /* Ends it: deletes the selected records that nobody has written since the mark, each a change like any other. `bound`
- * is the time limit of the deletion itself, in milliseconds. Without a mark, or after the mark's time ran out, nothing
- * is deleted and the call fails. */
+ * is the time limit of the deletion itself, in milliseconds: where it is not enough the call returns
+ * TQ_MOM_UNFINISHED, and the same call goes on from there, also after any other failure. Without a mark, or after the
+ * mark's time ran out, nothing is deleted and the call fails. */
 int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound);
 
 /* Every result: its name, its number, what it tells and what an operator can do about it. The codes, their texts and
@@ -123,7 +126,7 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     RESULT(CORRUPT, 6, "what is stored under this key is not such a record",                                           \
            "something else has written there: delete the key and write the record again")                              \
     RESULT(DENIED, 7, "the store refuses this user the operation",                                                     \
-           "give the user this right in the server's access list, or take another user")                                   \
+           "give the user this right in the server's access list, or take another user")                               \
     RESULT(READ_ONLY, 8, "the store's server is a replica and takes no writes",                                        \
            "give the address of the master, or those of the sentinels")                                                \
     RESULT(LOADING, 9, "the store's server is still loading its data", "wait: it becomes ready by itself")             \
@@ -141,7 +144,11 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     RESULT(BAD_LOGIN, 14, "the store knows no such user with this password",                                           \
            "compare user and password of the store's address with the server's access list")                           \
     RESULT(NO_PASSWORD, 15, "the password file cannot be read",                                                        \
-           "make it a file with the password as its first line, which this process may read")
+           "make it a file with the password as its first line, which this process may read")                          \
+    /* of tq_mom_dsend_sync(): some of the records were looked at */                                                   \
+    RESULT(UNFINISHED, 16, "the time was not enough, and the same call goes on", "make the same call again")           \
+    /* more than 16 MiB */                                                                                             \
+    RESULT(TOO_BIG, 17, "the record is too big", "this is a fault of the program: tell who wrote it")
 
 #define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {

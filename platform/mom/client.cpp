@@ -112,6 +112,17 @@ class read_sink final : public record_sink {
     tq_mom_hash_res &out_;
 };
 
+constexpr size_t longest_record = size_t{16} << 20; // whatever it holds, readers take it in
+
+int write(const target &target, write_mode mode)
+{
+    const auto fields = target.client->encoder.fields();
+    const auto key = key_text(target);
+    if (fields.bytes.size() + key.size() > longest_record)
+        return TQ_MOM_TOO_BIG;
+    return target.client->engine->write(target.table, key, fields, mode);
+}
+
 int32_t event_of(const record_type &type, change_kind kind)
 {
     if (kind == change_kind::resync)
@@ -197,16 +208,15 @@ int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
         auto &encoder = target.client->encoder;
         if ((fields == nullptr && count > 0) || !encoder.encode_listed(*target.table.type, *record, {fields, count}))
             return TQ_MOM_INVALID;
-        return target.client->engine->write(target.table, key_text(target), encoder.fields(), write_mode::merge);
+        return write(target, write_mode::merge);
     });
 }
 
 int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
 {
     return call(handle, db, record, [&](const target &target) -> int {
-        auto &encoder = target.client->encoder;
-        encoder.encode_all(*target.table.type, *record);
-        return target.client->engine->write(target.table, key_text(target), encoder.fields(), write_mode::replace);
+        target.client->encoder.encode_all(*target.table.type, *record);
+        return write(target, write_mode::replace);
     });
 }
 

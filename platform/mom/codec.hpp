@@ -22,6 +22,12 @@ enum class record_kind {
     publication, ///< neither
 };
 
+/// Whether lost changes are told: publications speak for themselves.
+constexpr bool tells_losses(record_kind kind)
+{
+    return kind != record_kind::publication;
+}
+
 struct record_type {
     const ProtobufCMessageDescriptor *descriptor;
     std::string table;

@@ -1,4 +1,4 @@
-// The marks of begun rewrites: per selection, the change number that the table had reached.
+// The marks of begun rewrites: per selection, where the table stood, and how far the sweep at the end has come.
 //
 // Owned by an engine: a rewrite is ended through the handle that began it.
 #ifndef TQ_MOM_MARKS_HPP
@@ -7,7 +7,6 @@
 #include "engine.hpp"
 
 #include <map>
-#include <optional>
 #include <tuple>
 
 namespace mom {
@@ -20,31 +19,31 @@ inline uint64_t now_ms()
     return tq_timeval_to_ms(&now);
 }
 
-template <typename Number> class mark_book {
+template <typename Mark> class mark_book {
   public:
-    void set(table_ref table, const key_range &range, Number number, uint64_t seconds)
+    void set(table_ref table, const key_range &range, Mark mark, uint64_t seconds)
     {
         constexpr uint64_t longest = UINT64_MAX / 4000;
-        marks_[key(table, range)] = {number, now_ms() + 1000 * (seconds < longest ? seconds : longest)};
+        marks_[key(table, range)] = {std::move(mark), now_ms() + 1000 * (seconds < longest ? seconds : longest)};
     }
 
-    /// Nothing when there is none or its time ran out.
-    std::optional<Number> find(table_ref table, const key_range &range)
+    /// Null when there is none or its time ran out.
+    Mark *find(table_ref table, const key_range &range)
     {
         const auto mark = marks_.find(key(table, range));
         if (mark == marks_.end())
-            return std::nullopt;
+            return nullptr;
         if (now_ms() < mark->second.expiry_ms)
-            return mark->second.number;
+            return &mark->second.mark;
         marks_.erase(mark);
-        return std::nullopt;
+        return nullptr;
     }
 
     void erase(table_ref table, const key_range &range) { marks_.erase(key(table, range)); }
 
   private:
     struct entry {
-        Number number;
+        Mark mark;
         uint64_t expiry_ms;
     };
     using mark_key = std::tuple<uint32_t, std::string, key_range>;

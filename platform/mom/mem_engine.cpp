@@ -6,7 +6,8 @@
 namespace mom {
 namespace {
 
-constexpr int changes_per_round = 64;
+constexpr int changes_per_turn = 64; // of one subscription, before the next has its turn
+constexpr uint64_t round_ms = 3;
 constexpr unsigned records_per_clock_read = 256;
 
 } // namespace
@@ -28,9 +29,9 @@ void mem_subscription::wake()
     owner_.wake();
 }
 
-bool mem_subscription::round()
+bool mem_subscription::turn()
 {
-    int left = changes_per_round;
+    int left = changes_per_turn;
     while (left > 0 && step())
         --left;
     table_.trim();
@@ -71,8 +72,8 @@ void mem_subscription::deliver(const mem_change &change)
     sink_.deliver({change_kind::written, change.key, fields, echo});
 }
 
-// The log no longer reaches back to what was seen last. Who follows requested state scans again; nobody does that for
-// other tables, so there the records that changed since are delivered, oldest change first.
+// The log no longer reaches back to what was seen last. Who follows requested state scans again; of other tables the
+// records that changed since are delivered, oldest change first, before the loss is told.
 void mem_subscription::recover()
 {
     std::vector<std::pair<uint64_t, std::string>> changed;
@@ -87,7 +88,13 @@ void mem_subscription::recover()
     missed_.splice(missed_.end(), missed);
     seen_ = table_.last();
     ++owner_.counters.losses;
-    if (ref_.type->kind == record_kind::requested)
+    if (missed_.empty())
+        tell_loss();
+}
+
+void mem_subscription::tell_loss()
+{
+    if (tells_losses(ref_.type->kind))
         sink_.deliver({change_kind::resync, {}, {}, false});
 }
 
@@ -102,6 +109,8 @@ void mem_subscription::deliver_missed()
             deliver({next.front(), record->second.image, 0});
             ++owner_.counters.recovered;
         }
+        if (missed_.empty())
+            tell_loss();
     } catch (...) { // it was not told
         missed_.splice(missed_.begin(), next);
         throw;
@@ -163,26 +172,28 @@ int mem_engine::subscribe(table_ref table, const key_range &range, change_sink &
 
 int mem_engine::mark(table_ref table, const key_range &range, uint64_t bound_seconds)
 {
-    marks_.set(table, range, store_->table(table).last(), bound_seconds);
+    marks_.set(table, range, {store_->table(table).last(), {}, false}, bound_seconds);
     return TQ_MOM_OK;
 }
 
-// When the time runs out the mark stays: another call goes on.
+// When the time runs out the mark stays, and another call goes on from there.
 int mem_engine::sweep(table_ref table, const key_range &range, uint32_t bound_ms)
 {
-    const auto mark = marks_.find(table, range);
-    if (!mark)
+    auto *mark = marks_.find(table, range);
+    if (mark == nullptr)
         return TQ_MOM_NO_MARK;
     const uint64_t deadline = now_ms() + bound_ms;
     auto &records = store_->table(table);
     unsigned walked = 0;
-    auto record = records.records().lower_bound(range.begin);
+    auto record = mark->begun ? records.records().upper_bound(mark->after) : records.records().lower_bound(range.begin);
     while (record != records.records().end() && range.contains(record->first)) {
+        if (++walked % records_per_clock_read == 0 && now_ms() >= deadline) {
+            mark->after = std::prev(record)->first;
+            return mark->begun = true, TQ_MOM_UNFINISHED;
+        }
         const auto current = record++;
-        if (current->second.stamp <= *mark)
+        if (current->second.stamp <= mark->last)
             records.remove(current->first, writer_);
-        if (++walked % records_per_clock_read == 0 && now_ms() >= deadline)
-            return TQ_MOM_TIMEOUT;
     }
     marks_.erase(table, range);
     return TQ_MOM_OK;
@@ -206,14 +217,24 @@ void mem_engine::on_bell(tq_loop_watch *, int, int, void *arg)
 void mem_engine::round()
 {
     bell_->silence();
+    const uint64_t deadline = now_ms() + round_ms;
+    bool more = true;
+    while (more && now_ms() < deadline)
+        more = turns();
+    if (more)
+        bell_->ring();
+}
+
+// One turn of each subscription.
+bool mem_engine::turns()
+{
     bool more = false;
     for (size_t i = 0; i < subscriptions_.size(); ++i) {
-        more |= subscriptions_[i]->round();
+        more |= subscriptions_[i]->turn();
         if (more && i == 0 && subscriptions_[0]->is_publication())
             break; // it goes first, see tq_mom_subscribe
     }
-    if (more)
-        bell_->ring();
+    return more;
 }
 
 } // namespace mom

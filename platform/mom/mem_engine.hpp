@@ -1,8 +1,8 @@
 // The engine of "mem:" addresses: one handle's view of an embedded store.
 //
 // A descriptor that the loop watches is made readable while changes wait, so delivery takes turns with everything else
-// on the loop. Each round gives every subscription a bounded number of changes. Subscriptions are only ever added, at
-// the end, and a round walks them by position: a callback may subscribe.
+// on the loop. A round takes a bounded time, in which every subscription has its turns. Subscriptions are only ever
+// added, at the end, and a round walks them by position: a callback may subscribe.
 #ifndef TQ_MOM_MEM_ENGINE_HPP
 #define TQ_MOM_MEM_ENGINE_HPP
 
@@ -25,13 +25,14 @@ class mem_subscription final : public mem_reader {
     uint64_t seen() const override { return seen_; }
     void wake() override;
     /// Delivers a bounded number of changes; true when more are waiting.
-    bool round();
+    bool turn();
     bool is_publication() const { return ref_.type->kind == record_kind::publication; }
 
   private:
     bool step();
     void deliver(const mem_change &change);
     void recover();
+    void tell_loss();
     void deliver_missed();
 
     mem_engine &owner_;
@@ -69,11 +70,18 @@ class mem_engine final : public engine {
   private:
     static void on_bell(tq_loop_watch *watch, int fd, int events, void *arg);
     void round();
+    bool turns();
 
     std::shared_ptr<mem_store> store_;
     tq_thread_master *master_;
     uint64_t writer_;
-    mark_book<uint64_t> marks_;
+    struct sweep_mark {
+        uint64_t last;     ///< change before the rewrite
+        std::string after; ///< the sweep goes on behind this key, where it has begun
+        bool begun;
+    };
+
+    mark_book<sweep_mark> marks_;
     std::unique_ptr<loop_bell> bell_;
     std::vector<std::unique_ptr<mem_subscription>> subscriptions_; // end before what they ring
 };

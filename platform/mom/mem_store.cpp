@@ -90,8 +90,9 @@ void mem_table::log(std::string_view key, image_ptr image, uint64_t writer)
     }
     log_.push_back(std::make_shared<const mem_change>(mem_change{std::string(key), std::move(image), writer}));
     ++last_;
-    while (log_.size() > log_limit_)
-        log_.pop_front();
+    log_bytes_ += log_.back()->bytes();
+    while (log_.size() > limits_.changes && log_bytes_ > limits_.bytes)
+        drop_oldest();
     for (auto *reader : readers_)
         reader->wake();
 }
@@ -113,7 +114,13 @@ void mem_table::trim()
     for (const auto *reader : readers_)
         seen = std::min(seen, reader->seen());
     while (!log_.empty() && first() <= seen)
-        log_.pop_front();
+        drop_oldest();
+}
+
+void mem_table::drop_oldest()
+{
+    log_bytes_ -= log_.front()->bytes();
+    log_.pop_front();
 }
 
 std::shared_ptr<mem_store> mem_store::open(const store_url &url)
@@ -125,13 +132,14 @@ std::shared_ptr<mem_store> mem_store::open(const store_url &url)
         store = std::make_shared<mem_store>();
         stores[url.name] = store;
     }
-    store->log_limit_ = url.log_limit.value_or(store->log_limit_);
+    store->limits_.changes = url.log_limit.value_or(store->limits_.changes);
+    store->limits_.bytes = url.log_memory.value_or(store->limits_.bytes);
     return store;
 }
 
 mem_table &mem_store::table(const table_ref &table)
 {
-    return tables_.try_emplace({table.db, table.type->table}, log_limit_).first->second;
+    return tables_.try_emplace({table.db, table.type->table}, limits_).first->second;
 }
 
 } // namespace mom

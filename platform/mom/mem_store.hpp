@@ -2,7 +2,8 @@
 //
 // A mem_store is shared by name between the engines of one thread and lives as long as one of them. Records are
 // immutable images that the log shares. A table's changes are numbered from 1 without gaps; the log keeps those that a
-// subscription has yet to see, at most log_limit of them. A record's stamp is the number of its last write.
+// subscription has yet to see: as many as the limits' count or bytes allow, whichever are more. A record's stamp is the
+// number of its last write.
 #ifndef TQ_MOM_MEM_STORE_HPP
 #define TQ_MOM_MEM_STORE_HPP
 
@@ -20,6 +21,7 @@ class field_image {
     explicit field_image(field_values fields);
     /// Replaces `out`; the views live as long as the image.
     void list(std::vector<field_value> &out) const;
+    size_t bytes() const { return block_.size(); }
 
   private:
     std::string block_;
@@ -30,6 +32,9 @@ struct mem_change {
     std::string key;
     image_ptr image; ///< null: deleted
     uint64_t writer;
+
+    /// What keeping it costs, about.
+    uint64_t bytes() const { return 160 + key.size() + (image == nullptr ? 0 : image->bytes()); }
 };
 
 struct mem_record {
@@ -47,11 +52,17 @@ class mem_reader {
     ~mem_reader() = default;
 };
 
+/// What a log keeps for subscriptions that have yet to see it.
+struct mem_limits {
+    uint64_t changes = usual_log_limit;
+    uint64_t bytes = usual_log_memory;
+};
+
 class mem_table {
   public:
     using record_map = std::map<std::string, mem_record, std::less<>>;
 
-    explicit mem_table(const uint64_t &log_limit) : log_limit_(log_limit) {}
+    explicit mem_table(const mem_limits &limits) : limits_(limits) {}
     void write(std::string_view key, field_values fields, write_mode mode, uint64_t writer);
     void remove(std::string_view key, uint64_t writer);
     const record_map &records() const { return records_; }
@@ -67,12 +78,14 @@ class mem_table {
 
   private:
     void log(std::string_view key, image_ptr image, uint64_t writer);
+    void drop_oldest();
     uint64_t first() const { return last_ - log_.size() + 1; }
 
-    const uint64_t &log_limit_;
+    const mem_limits &limits_;
     record_map records_;
     std::deque<std::shared_ptr<const mem_change>> log_;
     uint64_t last_ = 0;
+    uint64_t log_bytes_ = 0;
     std::vector<mem_reader *> readers_;
     std::vector<field_value> merged_;
 };
@@ -85,7 +98,7 @@ class mem_store {
     uint64_t next_writer() { return ++writers_; }
 
   private:
-    uint64_t log_limit_ = 1'000'000;
+    mem_limits limits_;
     uint64_t writers_ = 0;
     std::map<std::pair<uint32_t, std::string>, mem_table> tables_;
 };

@@ -21,19 +21,16 @@ void command_batch::close()
     if (closed_ || open_.records() == 0)
         return;
     auto &table = *open_.table();
-    table.untrimmed += open_.records();
-    const bool trims = table.untrimmed >= writes_per_trim;
-    const std::string_view trim_to = trims ? std::string_view(writer_.log_limit) : std::string_view();
-    table.untrimmed = trims ? 0 : table.untrimmed;
+    trim_in_time(table, open_.records());
     item &added = add_item(table, open_.records());
     if (open_.known_beforehand()) {
         const size_t before = commands_.commands();
-        open_.build_transaction(commands_, trim_to);
+        open_.build_transaction(commands_);
         added.answers = commands_.commands() - before;
         added.steps = open_.steps();
     } else {
         added.start = commands_.bytes().size();
-        open_.build_call(commands_, scripts_.write, writer_.name, trim_to);
+        open_.build_call(commands_, scripts_.write, writer_.name);
         added.size = commands_.bytes().size() - added.start;
     }
     table.latest += open_.records();
@@ -49,7 +46,7 @@ void command_batch::make_room()
         return;
     if (item &last = items_.back(); last.steps > 0) {
         last.start = calls_.bytes().size();
-        open_.build_call(calls_, scripts_.write, writer_.name, {});
+        open_.build_call(calls_, scripts_.write, writer_.name);
         last.size = calls_.bytes().size() - last.start;
     }
     open_.clear();
@@ -59,11 +56,23 @@ void command_batch::make_room()
 void command_batch::remove(redis_table &table, std::string_view key)
 {
     make_room();
+    trim_in_time(table, 1);
     item &added = add_item(table, 1);
     added.start = commands_.bytes().size();
-    scripts_.remove.begin(commands_, 3, 3);
+    scripts_.remove.begin(commands_, 3, 2);
     commands_.add(table.prefix, key).add(table.index).add(table.log);
-    commands_.add(key).add(writer_.name).add(writer_.log_limit);
+    commands_.add(key).add(writer_.name);
+    added.size = commands_.bytes().size() - added.start;
+}
+
+// A call without results, in front of what makes it due.
+void command_batch::trim_in_time(redis_table &table, size_t changes)
+{
+    if (!table.trim_due(changes))
+        return;
+    item &added = add_item(table, 0);
+    added.start = commands_.bytes().size();
+    scripts_.trim_log(commands_, table, writer_);
     added.size = commands_.bytes().size() - added.start;
 }
 
@@ -119,7 +128,14 @@ void command_batch::judge(redis_link &link, const reply_tape &answers, size_t co
 command_batch::verdict command_batch::judge_call(redis_link &link, const item &each, reply_view reply,
                                                  std::span<int> results) const
 {
-    if (reply.is(reply_kind::error) && (reply.text().starts_with("NOSCRIPT") || reply.text().starts_with("NOMETA")))
+    const auto says = [&](std::string_view what) {
+        return reply.is(reply_kind::error) && reply.text().starts_with(what);
+    };
+    if (each.results == 0 && says("NOSCRIPT")) { // the writes behind it do not wait for that
+        scripts_.trim.forget();
+        return verdict::done;
+    }
+    if (says("NOSCRIPT") || says("NOMETA"))
         return verdict::again;
     if (!reply.is(reply_kind::array)) {
         std::fill(results.begin(), results.end(), link.judge(reply));
@@ -191,9 +207,9 @@ void command_batch::build_undo(command_buffer &commands, const item &each, std::
     auto record = reply_view(parsed, 0).at(3 + keys_before_records); // behind the command, digest and count of keys
     for (const int result : results) {
         if (result == TQ_MOM_CORRUPT) {
-            scripts_.undo.begin(commands, 3, 3);
+            scripts_.undo.begin(commands, 3, 2);
             commands.add(record.text()).add(each.table.index).add(each.table.log);
-            commands.add(record.text().substr(each.table.prefix.size())).add(writer_.name).add(writer_.log_limit);
+            commands.add(record.text().substr(each.table.prefix.size())).add(writer_.name);
         }
         record = record.next();
     }

@@ -43,7 +43,7 @@ class command_batch {
     struct item {
         redis_table &table;
         size_t answers; ///< how many the server gives
-        size_t results; ///< how many these make, from
+        size_t results; ///< how many these make, none of trimming a log, from
         size_t first;   ///< this one on
         size_t steps;   ///< of a transaction, for each record; 0: a call
         size_t start;   ///< of the call, in bytes; a transaction's stands apart
@@ -54,6 +54,7 @@ class command_batch {
     size_t size() const { return results_ + (closed_ ? 0 : open_.records()); }
     void close();
     void make_room();
+    void trim_in_time(redis_table &table, size_t changes);
     item &add_item(redis_table &table, size_t results);
     std::string_view call(const item &each) const;
     void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);

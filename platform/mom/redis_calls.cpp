@@ -6,7 +6,9 @@
 namespace mom {
 
 redis_calls::redis_calls(const store_url &url, tq_mom_counters &counters)
-    : counters_(counters), link_(url, counters), writer_{random_name(), std::to_string(url.log_limit.value_or(100'000))}
+    : counters_(counters),
+      link_(url, counters), writer_{random_name(), std::to_string(url.log_limit.value_or(usual_log_limit)),
+                                    std::to_string(url.log_memory.value_or(usual_log_memory))}
 {
 }
 
@@ -48,14 +50,21 @@ int redis_calls::run(redis_script &script, const builder &build)
     return TQ_MOM_STORE_ERROR;
 }
 
+int redis_calls::load(redis_script &script)
+{
+    const int result = ready();
+    if (result != TQ_MOM_OK)
+        return result;
+    flush();
+    return script.load(link_);
+}
+
 int redis_calls::ready_to_collect()
 {
     int result = ready();
-    for (auto *script : {&scripts_.write, &scripts_.remove})
-        if (result == TQ_MOM_OK && script->digest().empty()) {
-            flush();
-            result = script->load(link_);
-        }
+    for (auto *script : {&scripts_.write, &scripts_.remove, &scripts_.trim})
+        if (result == TQ_MOM_OK && script->digest().empty())
+            result = load(*script);
     return result;
 }
 

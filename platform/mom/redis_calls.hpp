@@ -37,6 +37,9 @@ class redis_calls {
     /// Asks for a script, whose text the server gets when it lacks it.
     [[nodiscard]] int run(redis_script &script, const builder &build);
 
+    /// Gives the server a script's text.
+    [[nodiscard]] int load(redis_script &script);
+
     /// Before something joins the batch, which is of one connection, whose server has the scripts.
     [[nodiscard]] int ready_to_collect();
     const command_batch &batch() const { return batch_; }

@@ -27,7 +27,7 @@ void set_option(int fd, int level, int name, int value)
     setsockopt(fd, level, name, &value, sizeof value);
 }
 
-// A peer that vanished without a word is noticed within about ten seconds.
+// A peer that vanished without a word is noticed within about ten seconds, whether it owes us something or we it.
 void keep_alive(int fd)
 {
     set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -35,6 +35,7 @@ void keep_alive(int fd)
     set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, 4);
     set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, 2);
     set_option(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
+    set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, 8000);
 }
 
 } // namespace
@@ -90,6 +91,7 @@ int redis_connection::send(std::string_view bytes, steady_time deadline)
 }
 
 constexpr size_t read_size = 16384;
+constexpr size_t input_limit = size_t{64} << 20; // of an answer that nobody waits for
 constexpr unsigned waits_per_look = 16;
 
 // What recv() returned, with the bytes handed to the parser: 0 at the end of the stream, -1 when nothing is there.
@@ -167,7 +169,7 @@ bool redis_connection::take_in()
     ssize_t size = read_once();
     while (size == ssize_t{read_size}) // a whole buffer: there may be more
         size = read_once();
-    return size != 0;
+    return size != 0 && reader_->len - reader_->pos + tape_.bytes() <= input_limit;
 }
 
 bool redis_connection::quiet() const

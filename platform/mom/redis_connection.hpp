@@ -37,7 +37,7 @@ class redis_connection {
     /// Sends, clears the tape and receives the answers.
     [[nodiscard]] int exchange(const command_buffer &commands);
 
-    /// Takes in what has arrived without waiting; false when the connection ended.
+    /// Takes in what has arrived without waiting; false when the connection ended, or sends more than will be taken.
     bool take_in();
     /// True when there is more of what was taken in than was parsed.
     bool has_input() const { return reader_->pos < reader_->len; }

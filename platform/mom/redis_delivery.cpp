@@ -11,8 +11,10 @@
 namespace mom {
 namespace {
 
-constexpr size_t queue_enough = 256;
-constexpr int changes_per_round = 64;
+constexpr size_t queue_enough = size_t{16} << 20;
+constexpr std::chrono::milliseconds round_time{3};
+constexpr unsigned changes_per_clock_read = 16;
+constexpr int changes_per_page = 64;
 constexpr unsigned records_per_page = 256;
 
 uint64_t parse_stamp(std::string_view text)
@@ -51,21 +53,33 @@ redis_audience &redis_delivery::add(redis_table &table)
 void redis_delivery::put(redis_audience &to, const log_entry &entry)
 {
     const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
-    queue_.push_back({to, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
-                      entry.writer == calls_.writer().name});
+    put({to, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
+         entry.writer == calls_.writer().name});
+}
+
+void redis_delivery::put(queued &&change)
+{
+    queue_.push_back(std::move(change));
+    queue_bytes_ += queue_.back().bytes();
 }
 
 void redis_delivery::lose(redis_audience &to, uint64_t base, uint64_t last)
 {
     if (to.table.requested())
-        queue_.push_back({to, change_kind::resync, last, {}, {}, false});
+        tell_loss(to, last);
     else
         to.lost = redis_audience::recovery{to.lost ? std::min(base, to.lost->base) : base, last, {}, false, {}};
 }
 
+void redis_delivery::tell_loss(redis_audience &to, uint64_t last)
+{
+    if (tells_losses(to.table.ref.type->kind))
+        put({to, change_kind::resync, last, {}, {}, false});
+}
+
 bool redis_delivery::has_enough() const
 {
-    return queue_.size() >= queue_enough;
+    return queue_bytes_ >= queue_enough;
 }
 
 bool redis_delivery::any_aside() const
@@ -92,8 +106,10 @@ redis_delivery::outcome redis_delivery::round()
         else if (!each.set_aside(recovered))
             result = recovered;
     }
-    for (int left = changes_per_round; left > 0 && !recovering && !queue_.empty(); --left)
-        deliver_next();
+    const auto end = std::chrono::steady_clock::now() + round_time;
+    for (unsigned told = 0; !recovering && !queue_.empty(); deliver_next())
+        if (++told % changes_per_clock_read == 0 && std::chrono::steady_clock::now() >= end)
+            break;
     return {!queue_.empty() || recovering, result};
 }
 
@@ -105,6 +121,7 @@ void redis_delivery::deliver_next()
     next.to.deliver(next.number,
                     {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK},
                     next.told);
+    queue_bytes_ -= next.bytes();
     queue_.pop_front();
 }
 
@@ -113,8 +130,10 @@ void redis_delivery::deliver_next()
 int redis_delivery::recover(redis_audience &of)
 {
     const int result = of.lost->listed ? deliver_lost(of) : list_lost(of);
-    if (result == TQ_MOM_OK && of.lost && of.lost->listed && of.lost->found.empty())
+    if (result == TQ_MOM_OK && of.lost && of.lost->listed && of.lost->found.empty()) {
+        tell_loss(of, of.lost->last);
         of.lost.reset();
+    }
     return result;
 }
 
@@ -161,7 +180,7 @@ int redis_delivery::deliver_lost(redis_audience &of)
         explicit page_of(redis_audience &from) : of(from)
         {
             auto &found = of.lost->found;
-            const auto size = std::min<size_t>(found.size(), changes_per_round);
+            const auto size = std::min<size_t>(found.size(), changes_per_page);
             records.splice(records.end(), found, found.begin(), std::next(found.begin(), static_cast<long>(size)));
         }
         ~page_of()

@@ -2,10 +2,11 @@
 //
 // 1. Each followed table has an audience: who is told of which of its records. Audiences and their subscribers are only
 //    ever added, and walked by position: a callback may subscribe.
-// 2. Changes wait in one queue, in the order in which the reader put them, and leave it in rounds of bounded size.
+// 2. Changes wait in one queue of bounded size, in the order in which the reader put them, and leave it in rounds that
+//    take a bounded time.
 // 3. Of lost changes an audience of requested state is told to scan again. For any other table the records whose stamp
-//    is beyond what was seen are listed, page by page, and then delivered in the order of their writing. Until that is
-//    done the queue waits.
+//    is beyond what was seen are listed, page by page, and then delivered in the order of their writing, while the
+//    queue waits; then it is told that there may have been more.
 // 4. A table that is damaged, or not ours to read, is set aside with what was lost of it, so that the others go on.
 #ifndef TQ_MOM_REDIS_DELIVERY_HPP
 #define TQ_MOM_REDIS_DELIVERY_HPP
@@ -59,7 +60,7 @@ class redis_delivery {
     void put(redis_audience &to, const log_entry &entry);
     /// Changes behind `base`, up to `last`, are lost.
     void lose(redis_audience &to, uint64_t base, uint64_t last);
-    /// As long as so much waits, nothing more needs to be asked for.
+    /// As long as so much waits, nothing more is asked for: the server keeps it.
     bool has_enough() const;
     bool any_aside() const;
 
@@ -80,16 +81,20 @@ class redis_delivery {
         std::string body;
         bool echo;
         size_t told = 0; ///< subscribers
+        size_t bytes() const { return sizeof(queued) + key.size() + body.size(); }
     };
 
+    void put(queued &&change);
     void deliver_next();
     [[nodiscard]] int recover(redis_audience &of);
+    void tell_loss(redis_audience &to, uint64_t last);
     [[nodiscard]] int list_lost(redis_audience &of);
     [[nodiscard]] int deliver_lost(redis_audience &of);
 
     redis_calls &calls_;
     std::vector<std::unique_ptr<redis_audience>> audiences_;
     std::deque<queued> queue_;
+    size_t queue_bytes_ = 0;
     bool in_round_ = false;
 };
 

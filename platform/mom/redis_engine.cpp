@@ -20,6 +20,11 @@ redis_table &redis_engine::table_of(table_ref ref)
     return tables_.try_emplace({ref.db, ref.type}, ref).first->second;
 }
 
+int redis_engine::state()
+{
+    return calls_.link().connected() && reader_->hears() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED;
+}
+
 // The reader's next question rides along where nothing of the batch was sent yet. Whatever happens, it hears whether
 // the connections lasted.
 void redis_engine::flush()
@@ -91,6 +96,7 @@ int redis_engine::know(redis_table &table, field_values fields)
 
 int redis_engine::write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode)
 {
+    reader_->meanwhile();
     auto &table = table_of(ref);
     int result = calls_.ready_to_collect();
     result = result == TQ_MOM_OK ? know(table, fields.values) : result;
@@ -102,6 +108,7 @@ int redis_engine::write(table_ref ref, std::string_view key, const encoded_field
 
 int redis_engine::remove(table_ref ref, std::string_view key)
 {
+    reader_->meanwhile();
     const int result = calls_.ready_to_collect();
     if (result != TQ_MOM_OK)
         return result;

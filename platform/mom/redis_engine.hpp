@@ -24,7 +24,7 @@ class redis_engine final : public engine {
     redis_engine(const store_url &url, tq_thread_master *master);
     ~redis_engine() override;
     [[nodiscard]] int connect() override { return calls_.link().ensure(); }
-    [[nodiscard]] int state() override { return calls_.link().connected() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED; }
+    [[nodiscard]] int state() override;
     [[nodiscard]] int write(table_ref ref, std::string_view key, const encoded_fields &fields,
                             write_mode mode) override;
     [[nodiscard]] int remove(table_ref ref, std::string_view key) override;
@@ -47,6 +47,9 @@ class redis_engine final : public engine {
         std::string generation;
         std::string token;
         std::string stamp;
+        bool was_empty;    ///< the selection, when the rewrite began
+        std::string after; ///< the sweep goes on behind this key, where it has begun
+        bool begun;
     };
 
     redis_table &table_of(table_ref ref);
@@ -60,8 +63,7 @@ class redis_engine final : public engine {
                                     record_sink &sink);
     [[nodiscard]] int list_keys(redis_table &table, const key_range &range, std::vector<std::string> &keys,
                                 const std::string *after = nullptr);
-    [[nodiscard]] int sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
-                                 bool &continued);
+    [[nodiscard]] int sweep_page(redis_table &table, const key_range &range, mark_stamp &mark);
 
     redis_calls calls_;
     bool batching_ = false;

@@ -4,9 +4,12 @@
 #include "report.hpp"
 
 #include <algorithm>
+#include <tuple>
 
 namespace mom {
 namespace {
+
+constexpr unsigned believed_seconds = 60; // that a reader is where it said
 
 std::string log_id(uint64_t number)
 {
@@ -91,7 +94,7 @@ redis_follower::scope redis_follower::question(command_buffer &into, unsigned en
     into.clear();
     into.begin(6 + 2 * read.size());
     into.add("XREAD").add("COUNT").add(entries).add("BLOCK");
-    into.add(busy ? static_cast<unsigned>(busy_wait.count()) : 0u).add("STREAMS");
+    into.add(busy ? static_cast<unsigned>(busy_wait.count()) : longest_wait_ms).add("STREAMS");
     for (const auto *each : read)
         into.add(each->table().log);
     for (const auto *each : read)
@@ -215,6 +218,75 @@ void redis_follower::lose(followed &of, uint64_t base, const log_position &now)
                              " are lost, resynchronising (" + std::to_string(losses) + " times so far)");
     of.feed.restart(now);
     delivery_.lose(of.audience, base, now.last);
+}
+
+int redis_follower::compare(bool &parted)
+{
+    const uint64_t losses = calls_.counters().losses;
+    const int result = settle();
+    parted = losses != calls_.counters().losses;
+    return result;
+}
+
+int redis_follower::step_over()
+{
+    for (const auto &each : tables_) {
+        log_position now;
+        const int result = position(each->table(), now);
+        if (result != TQ_MOM_OK && !each->audience.set_aside(result))
+            return result;
+        if (result == TQ_MOM_OK && now.last > each->feed.cursor())
+            lose(*each, each->feed.cursor(), now);
+    }
+    return TQ_MOM_OK;
+}
+
+// ---- what the store knows of this reader
+
+void redis_follower::say_where(uint64_t moved)
+{
+    std::vector<followed *> tell;
+    for (const auto &each : tables_)
+        if (!each->said || each->feed.cursor() - *each->said >= moved)
+            tell.push_back(each.get());
+    auto &script = calls_.scripts().here;
+    if (tell.empty() || (refused_ && *refused_ == calls_.link().generation()))
+        return;
+    if (script.digest().empty() && calls_.load(script) != TQ_MOM_OK)
+        return refuse_in_silence();
+    const int result = calls_.ask([&](command_buffer &commands) {
+        for (const auto *each : tell) {
+            script.begin(commands, 1, 3);
+            commands.add(each->table().readers).add(calls_.writer().name);
+            commands.add(each->feed.cursor()).add(believed_seconds);
+        }
+    });
+    if (result != TQ_MOM_OK)
+        return;
+    auto reply = calls_.link().replies();
+    for (auto *each : tell) {
+        if (reply.is(reply_kind::error))
+            return reply.text().starts_with("NOSCRIPT") ? script.forget() : refuse_in_silence();
+        each->said = each->feed.cursor();
+        reply = reply.next();
+    }
+}
+
+// Who may not tell does without, and does not fill the server's log with refusals.
+void redis_follower::refuse_in_silence()
+{
+    refused_ = calls_.link().generation();
+}
+
+void redis_follower::leave()
+{
+    if (!calls_.link().connected() ||
+        std::none_of(tables_.begin(), tables_.end(), [](auto &each) { return each->said; }))
+        return;
+    std::ignore = calls_.ask([&](command_buffer &commands) {
+        for (const auto &each : tables_)
+            commands.command("HDEL", each->table().readers, calls_.writer().name);
+    });
 }
 
 bool redis_follower::any_whole_again()

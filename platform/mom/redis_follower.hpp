@@ -8,6 +8,8 @@
 // 4. What a feed cannot have (a gap, another history) is told to delivery as lost, and the feed goes on from where the
 //    log stands.
 // 5. A table that cannot be read is set aside, and looked at again until it can.
+// 6. How far each table was read is told to the store now and then, so that its log is kept from there on; no longer than
+//    a while without being told again.
 //
 // Asks its own questions on the connection for calls. Knows neither the connection that waits for changes nor a clock.
 #ifndef TQ_MOM_REDIS_FOLLOWER_HPP
@@ -20,10 +22,14 @@
 
 namespace mom {
 
+/// The server answers a question after so long, whether there is a change or not.
+constexpr unsigned longest_wait_ms = 4000;
+
 class redis_follower {
   public:
     redis_follower(redis_calls &calls, redis_delivery &delivery) : calls_(calls), delivery_(delivery) {}
 
+    bool follows() const { return !tables_.empty(); }
     /// `added`: the table was not followed so far.
     [[nodiscard]] int subscribe(redis_table &table, const key_range &range, change_sink &sink, bool &added);
 
@@ -38,12 +44,22 @@ class redis_follower {
     [[nodiscard]] int settle();
     /// Whether a table that is set aside can be read again: settle() takes it in.
     bool any_whole_again();
+    /// The same for all tables while the connection lasts; `parted`: a question that was asked is of another history.
+    [[nodiscard]] int compare(bool &parted);
+
+    /// Tells how far each table was read, those alone whose number has moved by so much.
+    void say_where(uint64_t moved);
+    /// Takes that back.
+    void leave();
+    /// Gives up what cannot be taken in: all that was not read yet is lost.
+    [[nodiscard]] int step_over();
 
   private:
     struct followed {
         redis_audience &audience;
         redis_feed feed;
-        uint64_t heard = 0; ///< number of the question that was told its latest change
+        uint64_t heard = 0;             ///< number of the question that was told its latest change
+        std::optional<uint64_t> said{}; ///< up to here it was read, as the store knows
         redis_table &table() const { return audience.table; }
     };
 
@@ -55,13 +71,15 @@ class redis_follower {
     [[nodiscard]] int settle(followed &of);
     [[nodiscard]] int compare_more(followed &of, redis_feed::history &found);
     void lose(followed &of, uint64_t base, const log_position &now);
+    void refuse_in_silence();
 
     redis_calls &calls_;
     redis_delivery &delivery_;
     std::vector<std::unique_ptr<followed>> tables_; ///< in the order of their first subscriptions
     unsigned entries_ = 0;                          ///< of each log that were asked for
     uint64_t questions_ = 0;
-    uint64_t whole_question_ = 0; ///< number of the latest that asked for all logs
+    std::optional<uint64_t> refused_; ///< the connection on which this reader may not tell where it is
+    uint64_t whole_question_ = 0;     ///< number of the latest that asked for all logs
 };
 
 } // namespace mom

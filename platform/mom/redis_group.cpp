@@ -39,24 +39,21 @@ void write_group::add(redis_table &table, write_mode mode, bool complete, std::s
     listed_.add("0").add(key);
 }
 
-void write_group::build_transaction(command_buffer &into, std::string_view trim_to) const
+void write_group::build_transaction(command_buffer &into) const
 {
     into.command("MULTI");
     into.command("HMGET", table_->meta, "gen", "fields");
     into.append_built(steps_.bytes(), steps_.commands());
     into.begin(2 + 2 * records_);
     into.add("ZADD").add(table_->index).add_built(listed_.bytes());
-    if (!trim_to.empty())
-        into.command("XTRIM", table_->log, "MAXLEN", "~", trim_to);
     into.command("EXEC");
 }
 
-void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer,
-                             std::string_view trim_to) const
+void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer) const
 {
-    script.begin(into, keys_before_records + records_, 5 + argument_count_);
+    script.begin(into, keys_before_records + records_, 4 + argument_count_);
     into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
-    into.add(writer).add(trim_to).add(mode_ == write_mode::replace ? "replace" : "merge");
+    into.add(writer).add(mode_ == write_mode::replace ? "replace" : "merge");
     into.add(complete_ ? std::string_view(table_->field_list) : "?");
     if (table_->requested())
         into.add("");

@@ -18,12 +18,6 @@ namespace mom {
 
 constexpr size_t keys_before_records = 3; ///< in a call
 
-/// Who writes: in every call.
-struct writer_identity {
-    std::string name;      ///< this handle's name in the log
-    std::string log_limit; ///< changes kept of each table
-};
-
 class write_group {
   public:
     size_t records() const { return records_; }
@@ -35,9 +29,8 @@ class write_group {
     bool known_beforehand() const { return table_->requested() && (complete_ || mode_ == write_mode::replace); }
     /// How many steps a transaction takes for each record.
     size_t steps() const { return complete_ ? 2 : 3; }
-    void build_transaction(command_buffer &into, std::string_view trim_to) const;
-    void build_call(command_buffer &into, const redis_script &script, std::string_view writer,
-                    std::string_view trim_to) const;
+    void build_transaction(command_buffer &into) const;
+    void build_call(command_buffer &into, const redis_script &script, std::string_view writer) const;
     void clear();
 
   private:

@@ -10,12 +10,20 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr unsigned entries_per_read = 128;
+constexpr unsigned entries_per_read = 1024;
+constexpr size_t usual_answer = size_t{256} << 10; // bytes of answers that may be longer next time
+constexpr uint64_t changes_per_saying = 8192;
+constexpr unsigned tries_at_one_entry = 2;
 constexpr milliseconds between_questions{1};
 constexpr milliseconds busy_time{2}; // how long only the logs that tell something are asked for
 constexpr milliseconds remind_pause{2};
 constexpr milliseconds sending_time{1000};
 constexpr milliseconds look_pause{1000};
+constexpr milliseconds longest_silence{longest_wait_ms + 5000};
+constexpr milliseconds between_takes{1};
+constexpr milliseconds between_sayings{5000};
+constexpr milliseconds between_quick_sayings{100};
+constexpr milliseconds between_comparisons{5000};
 
 // Until the next attempt after a failure of this kind.
 constexpr milliseconds at_once{0};
@@ -56,6 +64,10 @@ redis_reader::redis_reader(redis_calls &calls, tq_thread_master *master)
 
 redis_reader::~redis_reader()
 {
+    try {
+        follower_.leave();
+    } catch (...) { // then it is forgotten in a while
+    }
     disconnect();
 }
 
@@ -69,6 +81,8 @@ int redis_reader::subscribe(redis_table &table, const key_range &range, change_s
         return result;
     if (added && life_ == life::asked)
         life_ = life::stale;
+    if (added && life_ != life::off)
+        follower_.say_where(1);
     guard(&redis_reader::follow); // whatever fails now: the sink has its place
     return TQ_MOM_OK;
 }
@@ -123,7 +137,11 @@ int redis_reader::prepare(line &next)
         return result;
     next.id = std::to_string(next.connection->replies().integer());
     next.connection->tape().clear();
-    return follower_.settle();
+    result = pace_.dropped > tries_at_one_entry ? step_over() : TQ_MOM_OK;
+    result = result == TQ_MOM_OK ? follower_.settle() : result;
+    if (result == TQ_MOM_OK)
+        follower_.say_where(0);
+    return result;
 }
 
 void redis_reader::disconnect()
@@ -165,24 +183,70 @@ void redis_reader::on_time()
 
 void redis_reader::take_in()
 {
-    if (!line_.connection->take_in()) { // perhaps the server found its answer too big for us
-        pace_.entries = std::max(pace_.entries / 2, 1u);
-        return reconnect_in(at_once);
-    }
+    if (!line_.connection->take_in())
+        return dropped();
     take_answer();
+}
+
+// Perhaps the server found its answer too big for us, or we did.
+void redis_reader::dropped()
+{
+    pace_.dropped += pace_.entries == 1 && life_ == life::asked;
+    pace_.entries = std::max(pace_.entries / 2, 1u);
+    reconnect_in(at_once);
+}
+
+// What cannot be read entry by entry is lost, and what is behind it is read on.
+int redis_reader::step_over()
+{
+    const int result = follower_.step_over();
+    if (result == TQ_MOM_OK)
+        pace_.dropped = 0;
+    return result;
 }
 
 void redis_reader::take_answer()
 {
+    if (accept_answer())
+        turn();
+}
+
+bool redis_reader::accept_answer()
+{
     const int parsed = line_.connection->parse();
     if (parsed == 0)
-        return;
+        return false;
     if (parsed < 0 || !follower_.accept(line_.connection->replies()))
-        return reconnect_in(after_refusal);
+        return reconnect_in(after_refusal), false;
+    const bool usual = line_.connection->tape().bytes() <= usual_answer;
+    pace_.entries = usual ? std::min(pace_.entries * 2, entries_per_read) : std::max(pace_.entries / 2, 1u);
+    pace_.dropped = 0;
     line_.connection->tape().clear();
     become(life::idle);
-    pace_.entries = std::min(pace_.entries * 2, entries_per_read);
-    turn();
+    return true;
+}
+
+void redis_reader::meanwhile()
+{
+    const auto now = steady_clock::now();
+    if (life_ == life::off || delivery_.in_round() || now - pace_.taken < between_takes)
+        return;
+    pace_.taken = now;
+    guard(&redis_reader::take_meanwhile);
+}
+
+// What came is delivered by the loop. A question that a call is about to take along is left to it.
+void redis_reader::take_meanwhile()
+{
+    if (life_ == life::asked || life_ == life::stale) {
+        if (!line_.connection->take_in())
+            return dropped();
+        if (accept_answer())
+            bell_->ring();
+    }
+    if (life_ == life::idle && !timer_.running() && !timer_.start(at_once))
+        ask();
+    say_where(pace_.taken);
 }
 
 // ---- questions
@@ -266,18 +330,49 @@ void redis_reader::turn()
         reconnect_in(after_recovery);
     if (more)
         bell_->ring();
-    if (delivery_.any_aside() && !look_timer_.start(look_pause))
+    if (!look_timer_.start(look_pause))
         bell_->ring();
+    say_where(steady_clock::now());
     ask_in_time();
 }
 
-// A table that is whole again comes in with a new connection.
+// How far the tables were read: soon after much of it, else now and then, so that the store goes on believing it.
+void redis_reader::say_where(steady_time now)
+{
+    const bool due = now - pace_.said >= between_sayings;
+    if (!due && now - pace_.said < between_quick_sayings)
+        return;
+    pace_.said = now;
+    follower_.say_where(due ? 0 : changes_per_saying);
+}
+
+// False: what was asked for is another history's, or the store does not answer.
+bool redis_reader::compare()
+{
+    const auto now = steady_clock::now();
+    if (now - pace_.compared < between_comparisons)
+        return true;
+    pace_.compared = now;
+    bool parted = false;
+    return follower_.compare(parted) == TQ_MOM_OK && !parted;
+}
+
+// A table that is whole again comes in with a new connection; and so does everything after an answer that is overdue.
 void redis_reader::look()
 {
-    if (follower_.any_whole_again())
-        reconnect_in(at_once);
-    else if (delivery_.any_aside() && !look_timer_.start(look_pause))
+    if (!look_timer_.start(look_pause))
         bell_->ring();
+    if (life_ == life::off || delivery_.in_round())
+        return;
+    if (life_ != life::idle && !line_.connection->take_in())
+        return dropped();
+    if (life_ != life::idle)
+        take_answer();
+    const bool silent =
+        life_ != life::idle && life_ != life::off && steady_clock::now() - pace_.asked > longest_silence;
+    if (life_ != life::off && (silent || follower_.any_whole_again() || !compare()))
+        return reconnect_in(at_once);
+    say_where(steady_clock::now());
 }
 
 } // namespace mom

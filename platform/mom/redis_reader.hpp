@@ -36,6 +36,10 @@ class redis_reader {
     /// What a call may take along now: nothing, or the question that is due. rode() tells whether it arrived.
     ride offer();
     void rode(const ride &along, bool arrived);
+    /// Takes in what has come while the application makes calls and the loop does not run; calls no sink.
+    void meanwhile();
+    /// False while changes of what was subscribed to cannot be heard.
+    bool hears() const { return life_ != life::off || !follower_.follows(); }
 
   private:
     enum class life : uint8_t { off, idle, asked, stale };
@@ -49,6 +53,10 @@ class redis_reader {
         uint64_t calls = 0;     ///< how many there had been when it was last decided when to ask
         steady_time asked{};
         steady_time asked_all{};
+        steady_time taken{}; ///< meanwhile
+        steady_time said{};
+        steady_time compared{};
+        unsigned dropped = 0; ///< connections in turn, over the answer to a question for one entry
     };
 
     template <void (redis_reader::*Step)()> static void on_event(tq_loop_watch *watch, int fd, int events, void *arg);
@@ -64,6 +72,10 @@ class redis_reader {
     void on_time();
     void take_in();
     void take_answer();
+    bool accept_answer();
+    void take_meanwhile();
+    void dropped();
+    [[nodiscard]] int step_over();
     bool question();
     void ask();
     void ask_in_time();
@@ -71,6 +83,8 @@ class redis_reader {
     void turn();
     void hear_bell();
     void look();
+    bool compare();
+    void say_where(steady_time now);
 
     redis_calls &calls_;
     tq_thread_master *master_;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <span>
+#include <tuple>
 #include <utility>
 
 namespace mom {
@@ -15,6 +16,7 @@ namespace {
 
 constexpr unsigned scan_page_size = 1000;
 constexpr unsigned sweep_page_size = 200;
+constexpr uint64_t longest_mark_seconds = 366 * 86'400;
 constexpr size_t part_limit = size_t{1} << 20;
 constexpr size_t answer_limit = size_t{32} << 20; // of a page; a record of a common size takes a few hundred bytes
 
@@ -168,60 +170,68 @@ int redis_engine::scan(table_ref ref, const key_range &range, record_sink &sink)
 int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_seconds)
 {
     auto &table = table_of(ref);
-    mark_stamp mark;
-    mark.token = random_name();
+    const uint64_t seconds = std::min(bound_seconds, longest_mark_seconds);
+    const std::string token = random_name();
     table.known = 0;
     const int result = calls_.run(calls_.scripts().mark, [&](command_buffer &commands) {
-        calls_.scripts().mark.begin(commands, 2, 3);
-        commands.add(table.meta).add(table.log);
-        commands.add(calls_.writer().name + mark.token).add(mark.token).add(table.stamp_kind());
+        calls_.scripts().mark.begin(commands, 3, 6);
+        commands.add(table.meta).add(table.log).add(table.index);
+        commands.add(calls_.writer().name + token).add(token).add(table.stamp_kind());
+        commands.add(lex_from(range, {}, false)).add(lex_to(range)).add(seconds);
     });
     if (result != TQ_MOM_OK)
         return result;
     const auto reply = calls_.link().replies();
-    mark.epoch = reply.at(0).text();
-    mark.generation = std::to_string(reply.at(1).integer());
-    mark.stamp = std::to_string(reply.at(2).integer());
-    marks_.set(ref, range, mark, bound_seconds);
+    const auto text = [&](size_t index) { return std::string(reply.at(index).text()); };
+    const auto number = [&](size_t index) { return std::to_string(reply.at(index).integer()); };
+    marks_.set(ref, range, {text(0), number(1), text(2), number(3), reply.at(4).integer() == 0, {}, false}, seconds);
     return TQ_MOM_OK;
 }
 
-int redis_engine::sweep_page(redis_table &table, const key_range &range, const mark_stamp &mark, std::string &after,
-                             bool &continued)
+// Where the selection was empty no page is looked at, but whether the mark still holds.
+int redis_engine::sweep_page(redis_table &table, const key_range &range, mark_stamp &mark)
 {
     const int result = calls_.run(calls_.scripts().sweep, [&](command_buffer &commands) {
-        calls_.scripts().sweep.begin(commands, 3, 10);
+        calls_.scripts().sweep.begin(commands, 3, 9);
         commands.add(table.index).add(table.log).add(table.meta);
-        commands.add(calls_.writer().name).add(calls_.writer().log_limit).add(table.prefix);
-        commands.add(lex_from(range, after, continued)).add(lex_to(range)).add(sweep_page_size);
+        commands.add(calls_.writer().name).add(table.prefix);
+        commands.add(lex_from(range, mark.after, mark.begun)).add(lex_to(range));
+        commands.add(mark.was_empty ? 0u : sweep_page_size);
         commands.add(mark.stamp).add(mark.epoch).add(mark.generation).add(mark.token);
     });
     if (result != TQ_MOM_OK)
         return result;
     const auto reply = calls_.link().replies();
-    if (continued && reply.is(reply_kind::text) && reply.text() <= after)
+    const auto last = reply.at(1);
+    if (mark.begun && last.is(reply_kind::text) && last.text() <= mark.after)
         return out_of_order(table);
-    continued = reply.is(reply_kind::text);
-    after = reply.text();
+    const auto gone = static_cast<size_t>(reply.at(0).integer());
+    mark.begun = last.is(reply_kind::text);
+    mark.after = last.text();
+    if (gone > 0 && table.trim_due(gone)) // a longer log is no reason to fail
+        std::ignore = calls_.run(calls_.scripts().trim, [&](command_buffer &commands) {
+            calls_.scripts().trim_log(commands, table, calls_.writer());
+        });
     return TQ_MOM_OK;
 }
 
+// Where it was stays in the mark.
 int redis_engine::sweep(table_ref ref, const key_range &range, uint32_t bound_ms)
 {
-    const auto mark = marks_.find(ref, range);
-    if (!mark)
+    auto *mark = marks_.find(ref, range);
+    if (mark == nullptr)
         return TQ_MOM_NO_MARK;
     const uint64_t deadline = now_ms() + bound_ms;
     auto &table = table_of(ref);
-    std::string after;
-    bool continued = false;
-    do {
-        const int result = sweep_page(table, range, *mark, after, continued);
+    for (bool gets_on = false;; gets_on = true) {
+        const int result = sweep_page(table, range, *mark);
         if (result != TQ_MOM_OK)
-            return result;
-        if (continued && now_ms() >= deadline)
-            return TQ_MOM_TIMEOUT;
-    } while (continued);
+            return gets_on && result == TQ_MOM_TIMEOUT ? int{TQ_MOM_UNFINISHED} : result;
+        if (!mark->begun)
+            break;
+        if (now_ms() >= deadline)
+            return TQ_MOM_UNFINISHED;
+    }
     marks_.erase(ref, range);
     return TQ_MOM_OK;
 }

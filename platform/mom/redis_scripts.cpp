@@ -36,16 +36,29 @@ end
 return redis.call('HMGET', meta, 'gen', 'fields')
 )";
 
-// KEYS meta, log; ARGV epoch-if-new, token, 'number' or 'generation'.
-// Returns epoch, new generation, and the stamp below which a record was not written since.
+// KEYS meta, log, index; ARGV epoch-if-new, token, 'number' or 'generation', the selection from, to, seconds until the
+// mark is of no more use.
+// Returns epoch, new generation, its mark, the stamp below which a record was not written since, and whether there is
+// any record of the selection. Marks that are of no more use go now and then; too many of them are others' making.
 constexpr char mark_text[] = R"(
 local meta = KEYS[1]
 if redis.call('HSETNX', meta, 'epoch', ARGV[1]) == 1 then
   redis.call('HSET', meta, 'gen', 1, 'fields', '')
 end
 local gen = redis.call('HINCRBY', meta, 'gen', 1)
-redis.call('HSET', meta, 'mark:' .. gen, ARGV[2])
-redis.call('HDEL', meta, 'mark:' .. (gen - 64))
+local now = tonumber(redis.call('TIME')[1])
+local mark = ARGV[2] .. ' ' .. string.format('%.0f', now + ARGV[6])
+redis.call('HSET', meta, 'mark:' .. gen, mark)
+if gen % 64 == 0 then
+  local all = redis.call('HGETALL', meta)
+  for i = 1, #all, 2 do
+    local of = tonumber(string.match(all[i], '^mark:(%d+)$'))
+    local expiry = tonumber(string.match(all[i + 1], '^%d+ (%d+)$'))
+    if of and (not expiry or expiry < now or of < gen - 4096) then
+      redis.call('HDEL', meta, all[i])
+    end
+  end
+end
 local stamp = gen
 if ARGV[3] == 'number' then
   stamp = 1
@@ -58,11 +71,11 @@ if ARGV[3] == 'number' then
     end
   end
 end
-return {redis.call('HGET', meta, 'epoch'), gen, stamp}
+local any = #redis.call('ZRANGEBYLEX', KEYS[3], ARGV[4], ARGV[5], 'LIMIT', 0, 1)
+return {redis.call('HGET', meta, 'epoch'), gen, mark, stamp, any}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, what to trim the log to ('' for not now), 'replace' or 'merge',
-// the table's fields where each record has all that the client knows of, the number that the first change is likely to
+// KEYS index, log, meta, then each record; ARGV writer, 'replace' or 'merge', the table's fields where each record has all that the client knows of, the number that the first change is likely to
 // get ('' where the stamp is the generation), then of each record: key, fields joined, how many fields, and their
 // numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
@@ -72,7 +85,7 @@ return {redis.call('HGET', meta, 'epoch'), gen, stamp}
 // What this leaves to Lua's garbage collector is paid for every 50 calls, in one of them: hence no functions, and no
 // more tables and texts than needed.
 constexpr char write_text[] = R"(
-local log, expected, gen, fields = KEYS[2], ARGV[5], nil, nil
+local log, expected, gen, fields = KEYS[2], ARGV[4], nil, nil
 if expected == '' then
   local known = redis.call('HMGET', KEYS[3], 'gen', 'fields')
   gen, fields = known[1], known[2]
@@ -82,8 +95,8 @@ if expected == '' then
 else
   fields = redis.call('HGET', KEYS[3], 'fields')
 end
-local whole = fields == ARGV[4]
-local results, at, new = {}, 6, false
+local whole = fields == ARGV[3]
+local results, at, new = {}, 5, false
 for i = 4, #KEYS do
   local record, count = KEYS[i], ARGV[at + 2]
   local last = at + 2 + 2 * count
@@ -92,7 +105,7 @@ for i = 4, #KEYS do
     had = redis.pcall('HLEN', record)
     if type(had) ~= 'number' then
       result = had
-    elseif had > 0 and ARGV[3] == 'replace' then
+    elseif had > 0 and ARGV[2] == 'replace' then
       redis.call('DEL', record)
     end
   end
@@ -105,7 +118,7 @@ for i = 4, #KEYS do
       redis.call('ZADD', KEYS[1], 0, ARGV[at])
       new = true
     end
-    if had + result > count + 1 and ARGV[3] == 'merge' then
+    if had + result > count + 1 and ARGV[2] == 'merge' then
       local all, parts = redis.call('HGETALL', record), {}
       for j = 1, #all, 2 do
         if all[j] ~= '#' then
@@ -128,9 +141,6 @@ for i = 4, #KEYS do
   results[i - 3] = result
   at = last + 1
 end
-if ARGV[2] ~= '' then
-  redis.call('XTRIM', log, 'MAXLEN', '~', ARGV[2])
-end
 if new and not fields then
   local now = redis.call('TIME')
   redis.call('HSETNX', KEYS[3], 'epoch', now[1] .. '.' .. now[2])
@@ -140,49 +150,97 @@ end
 return results
 )";
 
-// KEYS record, index, log; ARGV key, writer, log limit.
+// KEYS record, index, log; ARGV key, writer.
 constexpr char remove_text[] = R"(
 if redis.call('HEXISTS', KEYS[1], '#') == 0 then
   return 0
 end
 redis.call('DEL', KEYS[1])
 redis.call('ZREM', KEYS[2], ARGV[1])
-redis.call('XADD', KEYS[3], 'MAXLEN', '~', ARGV[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
+redis.call('XADD', KEYS[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
 return 1
 )";
 
-// KEYS record, index, log; ARGV key, writer, log limit.
+// KEYS record, index, log; ARGV key, writer.
 constexpr char undo_text[] = R"(
 redis.call('ZREM', KEYS[2], ARGV[1])
-redis.call('XADD', KEYS[3], 'MAXLEN', '~', ARGV[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
+redis.call('XADD', KEYS[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
 return 1
 )";
 
-// KEYS index, log, meta; ARGV writer, log limit, record prefix, from, to, page, stamp, epoch, generation, token.
-// Returns the last key looked at, or nil when the page was the last.
+// KEYS log, readers; ARGV how many changes are kept, how many bytes of them for readers that live.
+// A reader's field holds the number up to which it has read, and when it is taken for dead, by the server's clock.
+constexpr char trim_text[] = R"(
+local info = redis.pcall('XINFO', 'STREAM', KEYS[1])
+local keep, length, last = tonumber(ARGV[1]), 0, 0
+for i = 1, #info, 2 do
+  if info[i] == 'length' then
+    length = info[i + 1]
+  elseif info[i] == 'last-generated-id' then
+    last = tonumber(string.match(info[i + 1], '^0%-(%d+)$')) or 0
+  end
+end
+if length <= keep then
+  return 0
+end
+local lowest, now = last, tonumber(redis.call('TIME')[1])
+local readers = redis.pcall('HGETALL', KEYS[2])
+for i = 1, #readers, 2 do
+  local number, expiry = string.match(readers[i + 1], '^(%d+) (%d+)$')
+  if not number or tonumber(expiry) < now then
+    redis.call('HDEL', KEYS[2], readers[i])
+  else
+    lowest = math.min(lowest, tonumber(number))
+  end
+end
+if last - lowest > keep then
+  local bytes = redis.pcall('MEMORY', 'USAGE', KEYS[1])
+  if type(bytes) == 'number' and bytes <= tonumber(ARGV[2]) then
+    return redis.call('XTRIM', KEYS[1], 'MINID', '~', '0-' .. string.format('%.0f', lowest + 1))
+  elseif type(bytes) == 'number' then
+    keep = math.max(keep, math.floor(length * ARGV[2] / bytes))
+  end
+end
+return redis.call('XTRIM', KEYS[1], 'MAXLEN', '~', string.format('%.0f', keep))
+)";
+
+// KEYS readers; ARGV name, the number up to which it has read, seconds for which it is to be believed.
+// Names are many only where somebody makes them up: a new one then finds no place.
+constexpr char here_text[] = R"(
+local now = tonumber(redis.call('TIME')[1])
+if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 and redis.call('HLEN', KEYS[1]) >= 1024 then
+  return 0
+end
+return redis.call('HSET', KEYS[1], ARGV[1], ARGV[2] .. ' ' .. string.format('%.0f', now + ARGV[3]))
+)";
+
+// KEYS index, log, meta; ARGV writer, record prefix, from, to, page, stamp, epoch, generation, token.
+// Returns how many records were deleted, and the last key looked at, or nil when the page was the last.
 constexpr char sweep_text[] = R"(
 local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
-if redis.call('HGET', meta, 'epoch') ~= ARGV[8] or redis.call('HGET', meta, 'mark:' .. ARGV[9]) ~= ARGV[10] then
+if redis.call('HGET', meta, 'epoch') ~= ARGV[7] or redis.call('HGET', meta, 'mark:' .. ARGV[8]) ~= ARGV[9] then
   return redis.error_reply('NOMARK the mark is gone')
 end
-local limit, page = tonumber(ARGV[7]), tonumber(ARGV[6])
-local keys = redis.call('ZRANGEBYLEX', index, ARGV[4], ARGV[5], 'LIMIT', 0, page)
+local limit, page, gone = tonumber(ARGV[6]), tonumber(ARGV[5]), 0
+local keys = redis.call('ZRANGEBYLEX', index, ARGV[3], ARGV[4], 'LIMIT', 0, page)
 for _, key in ipairs(keys) do
-  local record = ARGV[3] .. key
+  local record = ARGV[2] .. key
   local stamp = redis.pcall('HGET', record, '#')
   if type(stamp) == 'string' and tonumber(stamp) and tonumber(stamp) < limit then
     redis.call('DEL', record)
     redis.call('ZREM', index, key)
-    redis.call('XADD', log, 'MAXLEN', '~', ARGV[2], '0-*', 'k', key, 'w', ARGV[1], 'd', '')
+    redis.call('XADD', log, '0-*', 'k', key, 'w', ARGV[1], 'd', '')
+    gone = gone + 1
   end
 end
-return #keys == page and keys[#keys] or false
+return {gone, #keys == page and keys[#keys] or false}
 )";
 
 } // namespace
 
 redis_scripts::redis_scripts()
-    : meta(meta_text), mark(mark_text), write(write_text), remove(remove_text), undo(undo_text), sweep(sweep_text)
+    : meta(meta_text), mark(mark_text), write(write_text), remove(remove_text), undo(undo_text), trim(trim_text),
+      here(here_text), sweep(sweep_text)
 {
 }
 
@@ -203,6 +261,12 @@ void redis_scripts::make_sure(command_buffer &commands, const redis_table &table
 {
     meta.begin(commands, 1, 2);
     commands.add(table.meta).add(random_name()).add(fields);
+}
+
+void redis_scripts::trim_log(command_buffer &commands, const redis_table &table, const writer_identity &writer) const
+{
+    trim.begin(commands, 2, 2);
+    commands.add(table.log).add(table.readers).add(writer.log_limit).add(writer.log_memory);
 }
 
 void redis_script::begin(command_buffer &commands, size_t keys, size_t arguments) const

@@ -30,17 +30,29 @@ class redis_script {
     std::string digest_;
 };
 
+/// Who writes, and how much of what is written the logs keep.
+struct writer_identity {
+    std::string name;       ///< this handle's name in the log
+    std::string log_limit;  ///< changes kept of each table
+    std::string log_memory; ///< bytes of those that are kept for readers that live
+};
+
 /// The scripts of one engine; their keys and arguments are listed with their texts.
 struct redis_scripts {
     redis_scripts();
     /// A call that makes sure of a table's metadata, and that it lists `fields`; the answer is what take_meta() takes.
     void make_sure(command_buffer &commands, const redis_table &table, std::string_view fields) const;
 
+    /// A call that trims the table's log.
+    void trim_log(command_buffer &commands, const redis_table &table, const writer_identity &writer) const;
+
     redis_script meta;   ///< makes sure of a table's metadata, extends its field list
     redis_script mark;   ///< begins a rewrite
     redis_script write;  ///< writes records of one table, log entry with the whole record included
     redis_script remove; ///< deletes a record
     redis_script undo;   ///< takes back the index entry of a write that met a foreign key
+    redis_script trim;   ///< trims a log to what is kept, or what readers that live have not read
+    redis_script here;   ///< says how far a reader has read
     redis_script sweep;  ///< deletes one page of what was not written since a mark
 };
 

@@ -23,6 +23,7 @@ struct redis_table {
         index = tag + "/index";
         log = tag + "/log";
         meta = tag + "/meta";
+        readers = tag + "/readers";
     }
     std::string record(std::string_view key) const { return prefix + std::string(key); }
     bool requested() const { return ref.type->kind == record_kind::requested; }
@@ -34,7 +35,15 @@ struct redis_table {
     std::string index;
     std::string log;
     std::string meta;
+    std::string readers;
 
+    /// Counts changes of one's own that are about to be made; true when the log is to be trimmed first.
+    bool trim_due(size_t changes)
+    {
+        const bool due = (untrimmed += changes) >= writes_per_trim;
+        untrimmed = due ? 0 : untrimmed;
+        return due;
+    }
     /// Takes over an answer of the metadata's two fields.
     void take_meta(std::string_view gen, std::string_view list);
     /// Whether the metadata lists all these fields.

@@ -51,12 +51,12 @@ std::string_view take_until(std::string_view &text, char mark)
 
 bool parse_option(store_url &url, std::string_view name, std::string_view value)
 {
-    if (name == "log") {
-        uint64_t limit = 0;
-        if (!parse_number(value, limit) || limit == 0)
-            return false;
-        url.log_limit = limit;
-        return true;
+    if (name == "log")
+        return parse_number(value, url.log_limit.emplace()) && url.log_limit != 0;
+    if (name == "log-memory") {
+        const bool whole = parse_number(value, url.log_memory.emplace()) && *url.log_memory <= UINT64_MAX >> 20;
+        *url.log_memory <<= 20;
+        return whole;
     }
     if (name == "timeout")
         return parse_number(value, url.timeout_ms) && url.timeout_ms > 0 && url.timeout_ms <= 3'600'000;

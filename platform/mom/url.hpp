@@ -1,6 +1,7 @@
 // Store addresses: "mem:[NAME]", "unix:/path", "redis://[user[:password]@]host[:port]",
 // "sentinel://host[:port][,host[:port]...]/name", each with options behind '?', joined by '&':
 //   log=N              changes kept per table (a server may keep a few more)
+//   log-memory=MB      more of them are kept for readers that live, up to so much
 //   timeout=MS         bound of a call
 //   spin=US            how long a call polls for its answer before it sleeps; 0 switches that off
 //   user=, password-file=  credentials of a server; the file's first line
@@ -18,6 +19,9 @@ namespace mom {
 
 enum class store_scheme { mem, unix_socket, tcp, sentinel };
 
+constexpr uint64_t usual_log_limit = 100'000;
+constexpr uint64_t usual_log_memory = uint64_t{128} << 20;
+
 struct endpoint {
     std::string host;
     uint16_t port;
@@ -34,6 +38,7 @@ struct store_url {
     std::string password;
     std::string password_file;
     std::optional<uint64_t> log_limit;
+    std::optional<uint64_t> log_memory; ///< bytes
     uint32_t timeout_ms = 1000;
     uint32_t spin_us = usual_spin_us();
 };

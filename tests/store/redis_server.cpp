@@ -60,7 +60,8 @@ void redis_server::configure() const
 {
     std::ofstream(directory() + "/acl")
         << std::ifstream(PLX_REDIS_CONFIG "/plx-store.acl").rdbuf()
-        << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time +client|id "
+        << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time "
+           "+memory|usage +client|id "
            "+client|unblock +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hstrlen "
            "+hexists +hlen +hset +hsetnx +hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread "
            "+xrange +xrevrange +xinfo|stream\n";

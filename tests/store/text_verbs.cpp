@@ -34,7 +34,8 @@ std::string parts_of_address(const std::string &text)
     }
     std::string parts = std::to_string(static_cast<int>(url->scheme)) + " " + url->name + " as " + url->user + ":" +
                         url->password + " " + url->password_file + " timeout " + std::to_string(url->timeout_ms) +
-                        " log " + std::to_string(url->log_limit.value_or(0));
+                        " log " + std::to_string(url->log_limit.value_or(0)) + "/" +
+                        std::to_string(url->log_memory.value_or(0));
     for (const auto &host : url->hosts)
         parts += " at " + host.host + " " + std::to_string(host.port);
     return parts + (url->spin_us == 0 ? " without spinning" : "");
