@@ -11,14 +11,13 @@
 //     quiet set ace[my_app,4,{1..99}]    only its effect counts
 //
 // PLX_ACCEPT=1 ctest -R transcripts: writes what came instead of comparing it, for a diff to be reviewed.
+#include "support/transcript.hpp"
 #include "verbs.h"
 
 #include <optional>
 #include <regex>
 
 namespace {
-
-const std::string heading = "== ", came = "    ", expansion = "  > ";
 
 // What varies between runs, and what is long, in a word.
 std::string readable(std::string text, const std::string &process)
@@ -42,63 +41,28 @@ std::string readable(std::string text, const std::string &process)
     return text;
 }
 
-class transcript : public session {
-  public:
-    transcript(std::string path, std::string name) : path_(std::move(path)), name_(std::move(name)) {}
+class library : public plx::Transcript {
+    std::string perform(const std::string &line) override;
+    std::string step(const std::string &line);
+    std::string came_of(const std::string &result, const std::string &console);
 
-    void TestBody() override
-    {
-        script before, got;
-        const script asked = section(before);
-        for (const std::string &line : before)
-            run(line, nullptr);
-        for (const std::string &line : asked)
-            if (line[0] != ' ') {
-                got.push_back(line);
-                run(line, &got);
-            }
-        if (getenv("PLX_ACCEPT"))
-            return accept(got);
-        EXPECT_EQ(text_of(asked), text_of(got)) << path_ << ", " << name_;
-    }
-
-  private:
-    script section(script &before) const;
-    void run(const std::string &line, script *out);
-    void step(const std::string &line, script *out);
-    void collect(const std::string &result, const std::string &console, script *out);
-    void accept(const script &got) const;
-
-    const std::string path_, name_;
+    struct : session {
+        void TestBody() override {}
+    } own;
+    bool quiet = false;
 };
 
-// The scenario's lines without blank ones, and those before the file's first.
-script transcript::section(script &before) const
+std::string library::perform(const std::string &line)
 {
-    script mine;
-    std::string at;
-    for (const std::string &line : read_lines(path_))
-        if (line.compare(0, heading.size(), heading) == 0)
-            at = line.substr(heading.size());
-        else if (!line.empty() && (at == name_ || at.empty()))
-            (at.empty() ? before : mine).push_back(line);
-    return mine;
-}
-
-void transcript::run(const std::string &line, script *out)
-{
-    if (line[0] == '#')
-        return;
-    const bool quiet = line.compare(0, 6, "quiet ") == 0;
+    quiet = line.starts_with("quiet ");
     const script all = expanded(quiet ? line.substr(6) : line);
-    for (const std::string &one : all) {
-        if (out && !quiet && all.size() > 1)
-            out->push_back(expansion + one);
-        step(one, quiet ? nullptr : out);
-    }
+    std::string text;
+    for (const std::string &one : all)
+        text += (quiet || all.size() == 1 ? "" : "> " + one + '\n') + step(one);
+    return text;
 }
 
-void transcript::step(const std::string &line, script *out)
+std::string library::step(const std::string &line)
 {
     const size_t mark = line.find(" ! ");
     arguments faults(mark == std::string::npos ? "" : line.substr(mark + 3));
@@ -124,68 +88,49 @@ void transcript::step(const std::string &line, script *out)
             fake::store.script[name] = results;
     }
     std::string result;
-    const std::string console = printed([&] { result = perform(line.substr(0, mark)); });
+    const std::string console = printed([&] { result = own.perform(line.substr(0, mark)); });
     memory.reset();
     if (files)
-        shown.push_back(fake::format("%d file calls", fake::failing_file_call::seen()));
+        own.shown.push_back(fake::format("%d file calls", fake::failing_file_call::seen()));
     files.reset();
     fake::store.script.clear();
     if (faults.has("level"))
         g_policy_plx_zlog_level = level;
     if (faults.has("switch"))
         fp_udp_debug_sw = bits;
-    collect(result, console, out);
+    return came_of(result, console);
 }
 
-void transcript::collect(const std::string &result, const std::string &console, script *out)
+std::string library::came_of(const std::string &result, const std::string &console)
 {
-    const auto add = [&](const std::string &text) {
-        if (out)
-            out->push_back(came + readable(text, process));
-    };
+    std::string all;
+    const auto add = [&](const std::string &text) { all += quiet ? "" : readable(text, own.process) + '\n'; };
     const auto add_all = [&](const char *who, const lines &texts) {
         for (const std::string &text : texts)
             add(who + text);
     };
     if (!result.empty())
         add(result);
-    add_all("", std::exchange(shown, {}));
+    add_all("", std::exchange(own.shown, {}));
     std::istringstream printed_text(console);
     for (std::string text; std::getline(printed_text, text);)
         add("console " + text + "|");
     add_all("store ", fake::store.take());
     const std::vector<fake::log_line> kept = fake::log.kept;
-    add_all("log ", fake::log.take(levels));
-    if (levels.find('f') != std::string::npos)
+    add_all("log ", fake::log.take(own.levels));
+    if (own.levels.find('f') != std::string::npos)
         for (const fake::log_line &one : kept)
             add("by " + one.file + " " + one.func);
     add_all("topics ", std::exchange(fake::topics.calls, {}));
     add_all("timer ", std::exchange(fake::clock.inserted, {}));
     add_all("system ", std::exchange(fake::commands, {}));
     add_all("app ", app.take());
-    if (out && g_req_para.pending.next && g_fp_service.nodes.next)
+    if (!quiet && g_req_para.pending.next && g_fp_service.nodes.next)
         if (const std::string fault = broken(); !fault.empty())
             add("broken: " + fault);
+    return all;
 }
 
-// Puts what came in the place of what is there.
-void transcript::accept(const script &got) const
-{
-    const std::string all = text_of(read_lines(path_)), head = heading + name_ + "\n";
-    const size_t begin = ("\n" + all).find("\n" + head) + head.size(), end = all.find("\n" + heading, begin);
-    std::ofstream(path_) << all.substr(0, begin) + text_of(got) + (end == all.npos ? "" : all.substr(end));
-}
-
-const bool registered = [] {
-    for (const auto &file : std::filesystem::directory_iterator(PLX_TRANSCRIPTS))
-        for (const std::string &line : read_lines(file.path()))
-            if (line.compare(0, heading.size(), heading) == 0)
-                testing::RegisterTest(file.path().stem().c_str(), line.substr(heading.size()).c_str(), nullptr, nullptr,
-                                      file.path().c_str(), 1,
-                                      [path = file.path().string(), name = line.substr(heading.size())]() -> session * {
-                                          return new transcript(path, name);
-                                      });
-    return true;
-}();
+const bool registered = plx::register_transcripts(PLX_TRANSCRIPTS, [] { return new library; });
 
 } // namespace
