@@ -1,5 +1,5 @@
-// The event loop and the clock in transcripts (transcripts/time): what timers and watches may do to the loop and to each
-// other from inside their callbacks. What ran is shown in its order, by name, a watch with its events.
+// The event loop and the clock in transcripts (transcripts/time): what timers and watches may do to the loop and to
+// each other from inside their callbacks. What ran is shown in its order, by name, a watch with its events.
 //
 //     timer NAME[@HANDLE] S[,US] : ACTION ; ...   a timer of so many seconds, and what it does: verbs of this list
 //     watch NAME r|w|- : ACTION ; ...             on a pair of sockets, or with "broken" for the events on a dead pipe

@@ -1,7 +1,7 @@
-// Scenarios of scripts/*.txt, on a store of each kind; those of redis*.txt on a server alone, of mem*.txt without one.
+// Scenarios of scripts/*/*.txt (support/transcript.hpp), on a store of each kind: those of redis/ on a server alone, of
+// mem/ without one, of both/ on each.
 //
-//     == a_deletion_takes_one_record            a test of its own; "each a b|c" before it: once per word, whose parts
-//     w: set ace[a,1,<1..2>] 8=$n               are $1, $2; <1..2> and <a|b> make several lines of one, $n tells which
+//     w: set ace[a,1,<1..2>] 8=$n               <1..2> and <a|b> make several lines of one, $n tells which
 //     l: subscribe ace[a]                       who: verb table@db[key,...] field=value; as many key fields as select
 //     w: until merge ace[a,1,1] 11=3            repeated until the store is back; of these fields alone
 //         = 6 …                                 what came of it, where that is more than success
@@ -9,10 +9,10 @@
 //                                               does without telling, sofar without waiting
 //         l ace[a]: *4 ace[a,1,1] 8=1 11=3      event, * before that of an echo
 //
-// Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT stand for the server's. PLX_ACCEPT=1 ctest -R
-// script writes what comes instead of comparing it, for a diff to be reviewed.
+// Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT stand for the server's.
 #include "record_text.hpp"
 #include "suite.hpp"
+#include "support/transcript.hpp"
 #include "text_verbs.hpp"
 
 #include <csignal>
@@ -20,7 +20,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
-#include <numeric>
 #include <sstream>
 #include <tq_zlog.h>
 
@@ -28,7 +27,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string heading = "== ", came = "    ";
 lines log_lines; // what the client told the system log
 
 } // namespace
@@ -81,15 +79,6 @@ lines expanded(const std::string &line)
     return all;
 }
 
-lines read_lines(const std::string &path)
-{
-    lines all;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);)
-        all.push_back(line);
-    return all;
-}
-
 // Results as "0*3 6".
 std::string runs_of(const std::vector<int> &results)
 {
@@ -111,71 +100,34 @@ struct actor {
     std::map<std::string, hearing> marks; ///< by table: tells when all before it was told
 };
 
-class scenario : public store_users, public testing::Test {
+class scenario : public store_users, public plx::Transcript {
   public:
-    scenario(std::string path, std::string name, bool on_server)
-        : path_(std::move(path)), name_(std::move(name)), on_server_(on_server)
-    {
-    }
-
-    void TestBody() override
+    explicit scenario(bool on_server)
     {
         log_lines.clear();
-        if (on_server_)
+        if (on_server)
             server_.emplace(), start({});
-        lines asked, got;
-        std::string at;
-        for (const auto &line : read_lines(path_))
-            if (line.starts_with(heading))
-                at = line.substr(heading.size());
-            else if (!line.empty() && at == name_)
-                asked.push_back(line);
-        std::copy_if(asked.begin(), asked.end(), std::back_inserter(script_),
-                     [](const auto &line) { return line[0] != ' '; });
-        play(got);
-        if (getenv("PLX_ACCEPT"))
-            accept(got);
-        else
-            compare(asked, got);
     }
 
   private:
-    // Every line with what came of it; behind a first line "each", once more for each of its words, as they come.
-    void play(lines &got)
+    std::string perform(const std::string &line) override
     {
-        const bool turns = script_.front().starts_with("each ");
-        for (const auto &turn : turns ? words_of(script_.front().substr(5)) : lines{""}) {
-            if (turns)
-                show("-- " + turn);
-            const lines parts = parts_of(turn, '|');
-            for (std::string line : lines(script_.begin() + (turns ? 1 : 0), script_.end())) {
-                for (size_t part = 0; part < parts.size(); ++part)
-                    line = replaced(line, "$" + std::to_string(part + 1), parts[part]);
-                out_.push_back((turns ? came : "") + line);
-                for (const auto &one : expanded(line))
-                    perform(one);
-            }
+        out_.clear();
+        for (const auto &one : expanded(line)) {
+            lines words = words_of(one);
+            if (words.front().ends_with(':'))
+                act(actors_[words.front()], {words.begin() + 1, words.end()});
+            else
+                direct(words);
         }
-        got = turns ? script_ : lines{};
-        got.insert(got.end(), out_.begin(), out_.end());
+        return out_;
     }
 
     void show(std::string text)
     {
         if (server_)
             text = replaced(replaced(text, server_->socket(), "SOCKET"), port_, "PORT");
-        out_.push_back(came + text);
-    }
-
-    void perform(const std::string &line)
-    {
-        lines words = words_of(line);
-        if (words.front() == "#")
-            return;
-        if (words.front().ends_with(':'))
-            act(actors_[words.front()], {words.begin() + 1, words.end()});
-        else
-            direct(words);
+        out_ += text + '\n';
     }
 
     // ---- what actors do
@@ -401,61 +353,27 @@ class scenario : public store_users, public testing::Test {
         }
     }
 
-    // ---- the file
-
-    void compare(const lines &asked, const lines &got) const
-    {
-        const auto [expected, other] = std::mismatch(asked.begin(), asked.end(), got.begin(), got.end());
-        if (expected == asked.end() && other == got.end())
-            return;
-        std::string last;
-        for (auto at = asked.begin(); at < expected; ++at)
-            last = at->starts_with(' ') ? last : *at;
-        ADD_FAILURE() << path_ << ", after \"" << last
-                      << "\"\n  expected: " << (expected == asked.end() ? "nothing more" : *expected)
-                      << "\n  came:     " << (other == got.end() ? "nothing more" : *other);
-    }
-
-    void accept(const lines &got) const
-    {
-        const lines all = read_lines(path_);
-        std::ofstream file(path_);
-        bool mine = false;
-        for (const auto &line : all) {
-            const bool heads = line.starts_with(heading);
-            if (heads)
-                file << (mine ? "\n" : "");
-            mine = heads ? line.substr(heading.size()) == name_ : mine;
-            if (heads || !mine)
-                file << line << "\n";
-            for (const auto &one : heads &&mine ? got : lines{})
-                file << one << "\n";
-        }
-    }
-
     static constexpr char mark_name[] = "!settled";
     static bool is_lost(const std::string &line) { return line == "29"; }
     static bool is_mark(const std::string &line) { return line.find(mark_name) != line.npos && line[0] != '3'; }
-    const std::string path_, name_, port_ = redis_server::free_port();
-    const bool on_server_;
+    const std::string port_ = redis_server::free_port();
     std::optional<redis_server> server_;
     std::map<std::string, actor> actors_;
-    lines script_, out_;
+    std::string out_;
 };
 
-const bool registered = [] {
-    for (const auto &file : fs::directory_iterator(PLX_STORE_SCRIPTS))
-        for (const auto &line : read_lines(file.path()))
-            for (const bool on_server : {false, true}) {
-                const std::string kind = file.path().stem(), path = file.path();
-                if (!line.starts_with(heading) || kind.starts_with(on_server ? "mem" : "redis"))
-                    continue;
-                const std::string name = line.substr(heading.size());
-                testing::RegisterTest((kind + "_script").c_str(), (name + (on_server ? "/redis" : "/mem")).c_str(),
-                                      nullptr, nullptr, path.c_str(), 1,
-                                      [=]() -> testing::Test * { return new scenario(path, name, on_server); });
-            }
-    return true;
-}();
+plx::Transcript *without_server()
+{
+    return new scenario(false);
+}
+plx::Transcript *with_server()
+{
+    return new scenario(true);
+}
+
+const bool registered = plx::register_transcripts(PLX_STORE_SCRIPTS "/both", without_server, "/mem") &&
+                        plx::register_transcripts(PLX_STORE_SCRIPTS "/both", with_server, "/redis") &&
+                        plx::register_transcripts(PLX_STORE_SCRIPTS "/mem", without_server) &&
+                        plx::register_transcripts(PLX_STORE_SCRIPTS "/redis", with_server);
 
 } // namespace

@@ -116,15 +116,15 @@ bool Transcript::step(const Step &step, size_t number, Lines &written)
     return false;
 }
 
-bool register_transcripts(const std::string &folder, const std::function<Transcript *()> &make)
+bool register_transcripts(const std::string &folder, const std::function<Transcript *()> &make, const std::string &mark)
 {
     size_t count = 0;
     for (const auto &entry : std::filesystem::directory_iterator(folder))
         for (const std::string &line : lines_of(std::ifstream(entry.path())))
             if (line.starts_with(heading) && entry.path().extension() == ".txt") {
                 const std::string path = entry.path(), name = line.substr(heading.size());
-                testing::RegisterTest(entry.path().stem().c_str(), name.c_str(), nullptr, nullptr, path.c_str(), 1,
-                                      [=]() -> Transcript * { return make()->of(path, name); });
+                testing::RegisterTest(entry.path().stem().c_str(), (name + mark).c_str(), nullptr, nullptr,
+                                      path.c_str(), 1, [=]() -> Transcript * { return make()->of(path, name); });
                 ++count;
             }
     return count != 0;

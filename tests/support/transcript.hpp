@@ -40,8 +40,9 @@ class Transcript : public testing::Test {
     std::string path_, name_;
 };
 
-// The scenarios of the folder's text files become tests. False when there is none.
-bool register_transcripts(const std::string &folder, const std::function<Transcript *()> &make);
+// The scenarios of the folder's text files become tests, with a mark behind their names. False when there is none.
+bool register_transcripts(const std::string &folder, const std::function<Transcript *()> &make,
+                          const std::string &mark = "");
 
 // Takes the first word off a line.
 std::string take_word(std::string &line);
