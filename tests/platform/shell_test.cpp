@@ -1,5 +1,5 @@
 // The debug shell in transcripts, on both of its ends: what a line becomes for a command (line.txt), plx shell beside
-// modules (shell.txt), and modules beside clients that say anything (ssat.txt):
+// modules (shell.txt), and modules beside clients that say anything (ssat.txt); and the system log (zlog.txt):
 //
 //     serve NAME; crash; stop    a process with that module and commands that print, fail, flood and misbehave, or why
 //                                not; the last begun dies, or ends in an orderly way (so that leak checks see it)
@@ -242,6 +242,8 @@ class Shell : public plx::Session {
     Shell()
     {
         setenv("PLX_SHELL_DIR", (directory_.path() + "/shell").c_str(), 1);
+        setenv("ZLOG", ZLOG_STAND_INS, 1);
+        unsetenv("ZLOG_CONF_PATH");
         log_path = directory_.path() + "/log";
     }
     ~Shell() override

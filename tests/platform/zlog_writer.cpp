@@ -1,5 +1,5 @@
-// Writes one log line for zlog_test: category, level, text; with a number, repeated ones. A line that goes to syslog is
-// printed instead.
+// Writes one log line: category, level, text; with a number, repeated ones; without a word, what becomes of odd calls. A
+// line that goes to syslog is printed instead.
 #include "tq_zlog.h"
 
 #include <cstdarg>
@@ -53,8 +53,19 @@ static int repeat(char **argv)
     return 0;
 }
 
+static int odd_calls()
+{
+    char buffer[4];
+    const int length = at_snprintf(buffer, sizeof buffer, "%d", 123456);
+    tqdf_zlog(nullptr, "f", 1, "f", 1, 1, TQ_ZLOG_ERROR, "%s", "x");
+    printf("%s of %d, %s\n", buffer, length, tq_zlog_init(nullptr) == nullptr ? "no category" : "a category");
+    return 0;
+}
+
 int main(int argc, char **argv)
 {
+    if (argc == 1)
+        return odd_calls();
     if (argc == 5)
         return repeat(argv);
     if (argc != 4)

@@ -4,6 +4,7 @@
 //     value NAME TEXT      the attribute's bytes, and what is shown of them where that is not the text
 //     shown NAME BYTES     what is shown of bytes
 //     nearest WORD OTHER...
+//     bounded              the rest bounds memory or open files, of which a sanitizer has its own
 #include "attribute_text.hpp"
 #include "attribute_value.hpp"
 #include "policy.hpp"
@@ -114,6 +115,13 @@ class Tools : public Session {
             return small_policy(unescaped(text), "[]");
         if (verb == "applies")
             return small_policy("{sn: 1}", text);
+#ifdef __SANITIZE_ADDRESS__
+        if (verb == "bounded")
+            return skip("a sanitizer's own memory and files are above the bounds");
+#else
+        if (verb == "bounded")
+            return {};
+#endif
         if (verb == "nearest")
             return closest(line.substr(verb.size() + 1));
         if (verb != "value" && verb != "shown")
