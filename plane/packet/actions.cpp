@@ -7,7 +7,8 @@ namespace plx::plane::packet {
 
 namespace {
 
-// `write` rows: the bits that are set, in words of two bytes, so that a checksum over words can be mended.
+// `write` rows: the bits that are set, in words of two bytes, so that a checksum over words can be mended; and a field
+// that is there only when all is that is read and written. It is a field that nft(8) knows, for it fails on others.
 struct Row {
     fp_udp_attr_class cls;
     std::string_view name;
@@ -16,11 +17,12 @@ struct Row {
     Source at{};
     uint16_t mask = 0;
     uint8_t shift = 0;
+    Source proof{};
 };
 constexpr auto action = FP_UDP_ATTR_ACTION;
 constexpr auto ctrl = FP_UDP_ATTR_CTRL;
 constexpr Source tag{Load::link, 2, 14}, first_word{Load::network, 2, 0}, label_end{Load::network, 2, 2};
-constexpr Source ipv4_checksum{Load::network, 2, 10};
+constexpr Source ipv4_checksum{Load::network, 2, 10}, ipv6_hop_limit{Load::network, 1, 7};
 constexpr Row rows[] = {
     {action, "fwd", Deed::fwd},
     {action, "mirror", Deed::mirror},
@@ -32,13 +34,13 @@ constexpr Row rows[] = {
     {action, "trap_id", Deed::trap},
     {action, "snoop_id", Deed::snoop},
     {action, "stat_sampling", Deed::sampling},
-    {action, "cos", Deed::write, Guard::tagged, tag, 0xe000, 13},
-    {action, "vid", Deed::write, Guard::tagged, tag, 0x0fff, 0},
-    {action, "ipv4_tos", Deed::write, Guard::ipv4, first_word, 0x00ff, 0},
-    {action, "ipv4_prec", Deed::write, Guard::ipv4, first_word, 0x00e0, 5},
-    {action, "ipv4_dscp", Deed::write, Guard::ipv4, first_word, 0x00fc, 2},
-    {action, "ipv6_tc", Deed::write, Guard::ipv6, first_word, 0x0ff0, 4},
-    {action, "mpls_exp", Deed::write, Guard::mpls, label_end, 0x0e00, 9},
+    {action, "cos", Deed::write, Guard::tagged, tag, 0xe000, 13, tag},
+    {action, "vid", Deed::write, Guard::tagged, tag, 0x0fff, 0, tag},
+    {action, "ipv4_tos", Deed::write, Guard::ipv4, first_word, 0x00ff, 0, ipv4_checksum},
+    {action, "ipv4_prec", Deed::write, Guard::ipv4, first_word, 0x00e0, 5, ipv4_checksum},
+    {action, "ipv4_dscp", Deed::write, Guard::ipv4, first_word, 0x00fc, 2, ipv4_checksum},
+    {action, "ipv6_tc", Deed::write, Guard::ipv6, first_word, 0x0ff0, 4, ipv6_hop_limit},
+    {action, "mpls_exp", Deed::write, Guard::mpls, label_end, 0x0e00, 9, label_end},
     {ctrl, "no_default", Deed::no_default},
     {ctrl, "permit2deny", Deed::permit2deny},
     {ctrl, "no_deny", Deed::no_deny},
@@ -56,20 +58,43 @@ const Row *row_of(const Form &form)
     return by_form[static_cast<size_t>(&form - forms().data())];
 }
 
+uint16_t word(const Bytes &bytes)
+{
+    return static_cast<uint16_t>(bytes.data[0] << 8U | bytes.data[1]);
+}
+
 bool bits_differ(const Write &one, const Write &other)
 {
-    for (size_t at = 0; at < one.mask.size; ++at) {
-        if (((one.value.data[at] ^ other.value.data[at]) & one.mask.data[at] & other.mask.data[at]) != 0)
-            return true;
-    }
-    return false;
+    return ((word(one.value) ^ word(other.value)) & word(one.mask) & word(other.mask)) != 0;
 }
 
 void merge(Write &write, const Write &more)
 {
-    for (size_t at = 0; at < write.mask.size; ++at) {
-        write.mask.data[at] |= more.mask.data[at];
-        write.value.data[at] |= more.value.data[at];
+    write.mask = Bytes(word(write.mask) | word(more.mask), 2);
+    write.value = Bytes(word(write.value) | word(more.value), 2);
+}
+
+// The fields that a write is made in, one by one: nft(8) ends on a write of two that it knows. They are words at the
+// place of the write, but for those of one byte.
+struct Piece {
+    Guard kind;
+    uint16_t mask;
+    Source byte{};
+};
+constexpr Piece pieces[] = {{Guard::tagged, 0xe000}, {Guard::tagged, 0x0fff},
+                            {Guard::ipv4, 0x00fc},   {Guard::ipv4, 0x0003},
+                            {Guard::ipv6, 0x0fc0},   {Guard::ipv6, 0x0030, {Load::network, 1, 1}},
+                            {Guard::mpls, 0x0e00}};
+
+void append_write(Guard kind, const Write &write, std::vector<Action> &actions)
+{
+    for (const Piece &piece : pieces) {
+        const uint16_t mask = word(write.mask) & piece.mask;
+        const uint16_t value = word(write.value) & mask;
+        if (piece.kind != kind || mask == 0)
+            continue;
+        const Source at = piece.byte.size == 0 ? write.at : piece.byte;
+        actions.emplace_back(Write{at, Bytes(mask, at.size), Bytes(value, at.size), write.ipv4_checksum});
     }
 }
 
@@ -160,7 +185,7 @@ Refusal Deeds::take_write(const Form &form, uint64_t value)
 {
     const Row &row = *row_of(form);
     const Write write{row.at, Bytes(row.mask, 2), Bytes(value << row.shift, 2), row.guard == Guard::ipv4};
-    const auto [change, added] = changes_.try_emplace(row.guard, Change{write, &form});
+    const auto [change, added] = changes_.try_emplace(row.guard, Change{write, row.proof, &form});
     if (added)
         return {};
     if (bits_differ(change->second.write, write))
@@ -252,10 +277,8 @@ bool Deeds::append_variant(const Kinds &kinds, const std::vector<Sought> &tests,
         add_guard(kind, guard);
         for (Test &test : guard)
             sought.push_back({std::move(test), change.by});
-        seek_presence(change.write.at, change.by, sought);
-        if (change.write.ipv4_checksum)
-            seek_presence(ipv4_checksum, change.by, sought);
-        rule.actions.emplace_back(change.write);
+        seek_presence(change.proof, change.by, sought);
+        append_write(kind, change.write, rule.actions);
     }
     Settled variant = settle(std::move(sought));
     if (!variant.possible())

@@ -56,6 +56,7 @@ class Deeds {
     // Bits that are written to frames of one kind.
     struct Change {
         Write write;
+        Source proof; // a field whose presence tells that the write cannot fail
         const Form *by;
         bool used = false;
     };

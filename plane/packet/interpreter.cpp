@@ -221,12 +221,12 @@ void write(const Write &change, const View &view, std::vector<uint8_t> &bytes)
     const auto at = view.place(change.at);
     if (!at)
         return;
-    const auto word = [&] { return bytes[*at] * 256U + bytes[*at + 1]; };
+    const std::optional<size_t> checksum = change.ipv4_checksum ? view.place({Load::network, 2, 10}) : std::nullopt;
+    const auto word = [&] { return checksum ? bytes[*at] * 256U + bytes[*at + 1] : 0; };
     const uint32_t before = word();
     for (size_t i = 0; i < change.mask.size; ++i)
         bytes[*at + i] = static_cast<uint8_t>((bytes[*at + i] & ~change.mask.data[i]) | change.value.data[i]);
-    const auto checksum = view.place({Load::network, 2, 10});
-    if (change.ipv4_checksum && checksum)
+    if (checksum)
         mend_checksum(bytes, *checksum, before, word());
 }
 

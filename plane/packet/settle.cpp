@@ -1,6 +1,7 @@
 // See settle.hpp.
 #include "plane/packet/settle.hpp"
 
+#include "plane/packet/fields.hpp"
 #include <algorithm>
 #include <map>
 
@@ -83,6 +84,7 @@ class Settling {
             return settled;
         for (const Sought &sought : sought_)
             settled.tests.push_back(sought.test);
+        keep_off_fragments(settled.tests);
         order(settled.tests);
         return settled;
     }
@@ -252,8 +254,23 @@ class Settling {
         });
     }
 
-    // Before the protocol: what nft(8) would try to name by it, and fails an assertion over.
-    static int rank(const Test &test, bool named)
+    // Linux (6.18) has a short way for loads of 1, 2 or 4 aligned bytes of the transport header, and on it takes a later
+    // fragment's data for one. A load that goes the long way keeps such fragments off.
+    static void keep_off_fragments(std::vector<Test> &tests)
+    {
+        const auto takes_long_way = [](const Test &test) {
+            const Source &source = test.source;
+            const bool aligned = source.size <= 4 && source.size != 3 && source.offset % source.size == 0;
+            return source.load == Load::transport && !aligned;
+        };
+        const bool reads = std::any_of(tests.begin(), tests.end(),
+                                       [](const Test &test) { return test.source.load == Load::transport; });
+        if (reads && std::none_of(tests.begin(), tests.end(), takes_long_way))
+            tests.push_back(presence({Load::transport, 2, 1}));
+    }
+
+    // Before the protocols: what nft(8) would try to name by them, and fails an assertion over.
+    static int rank(const Test &test, bool named, bool headed)
     {
         switch (test.source.load) {
         case Load::link:
@@ -267,7 +284,7 @@ class Settling {
         case Load::extension:
             return 4;
         case Load::transport:
-            return 5;
+            return headed ? 5 : 2;
         case Load::mark:
         case Load::input:
         case Load::output:
@@ -283,8 +300,14 @@ class Settling {
                               test.value == Bytes(0x0806, 2);
             return test.source == protocol && test.relation == Relation::equal && test.mask.size == 0 && type;
         });
-        std::stable_sort(tests.begin(), tests.end(),
-                         [named](const Test &one, const Test &other) { return rank(one, named) < rank(other, named); });
+        constexpr uint8_t known[] = {1, 6, 17, 58, 132};
+        const bool headed = std::none_of(tests.begin(), tests.end(), [&known](const Test &test) {
+            return test.source == l4proto && test.relation == Relation::equal &&
+                   std::find(std::begin(known), std::end(known), test.value.data[0]) == std::end(known);
+        });
+        std::stable_sort(tests.begin(), tests.end(), [&](const Test &one, const Test &other) {
+            return rank(one, named, headed) < rank(other, named, headed);
+        });
     }
 
     std::vector<Sought> sought_;

@@ -2,6 +2,7 @@
 #include "packets/entry.hpp"
 
 #include "packets/frames.hpp"
+#include "tools/plx/attribute_text.hpp"
 #include "tools/plx/attribute_value.hpp"
 #include <sstream>
 #include <stdexcept>
@@ -42,6 +43,19 @@ Requested entry_of(const std::string &line)
     return entry;
 }
 
+std::string text_of(const Requested &entry)
+{
+    std::string fields, actions;
+    const auto attributes = unpack(entry.value);
+    for (const Attribute &attribute : *attributes) {
+        bool known = false;
+        const Form *form = form_of(attribute, known);
+        (attribute.cls == FP_UDP_ATTR_FIELD ? fields : actions) +=
+            tool::attribute_name(attribute, form) + '=' + tool::format_value(form, attribute.value) + ' ';
+    }
+    return fields + "-> " + actions;
+}
+
 plane::packet::Config configuration()
 {
     using plane::packet::Load;
@@ -50,7 +64,7 @@ plane::packet::Config configuration()
     config.meters = {{1, {.per_second = 1, .bytes = false, .burst = 1}}};
     config.mirrors = {{7, "m0"}};
     config.sample_group = 9;
-    config.udf[0] = {Load::link, 4, 30};
+    config.udf.fill(plane::packet::Source{Load::link, 4, 30});
     config.udf[1] = {Load::network, 4, 4};
     config.udf[2] = {Load::transport, 4, 4};
     config.double_tagged = true;

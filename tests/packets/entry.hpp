@@ -8,10 +8,11 @@ namespace plx::test {
 
 // Throws std::invalid_argument.
 Requested entry_of(const std::string &text);
+std::string text_of(const Requested &entry); // entry_of() of it is the entry
 // One attribute, as entry_of() reads it.
 void push(Requested &entry, const Form &form, std::span<const uint8_t> value);
 
-// Ports 1 and 2, a meter, a mirror session, a sample group and two user-defined fields.
+// Ports 1 to 3, a meter, a mirror session, a sample group and the user-defined fields.
 plane::packet::Config configuration();
 
 } // namespace plx::test

@@ -43,6 +43,14 @@ std::vector<std::string> split(const std::string &text, char at)
     return parts;
 }
 
+std::string join(const std::vector<std::string> &parts)
+{
+    std::string all;
+    for (const std::string &part : parts)
+        all += part;
+    return all;
+}
+
 Layer layer_of(const std::string &line)
 {
     const std::vector<std::string> columns = split(line, ';');
@@ -94,14 +102,10 @@ void set_number(Bytes &bytes, const Slot &slot, uint64_t number)
 
 void set_text(Bytes &bytes, const Slot &slot, const std::string &text)
 {
-    uint8_t address[16];
-    unsigned mac[6];
-    if (inet_pton(AF_INET, text.c_str(), address) == 1 || inet_pton(AF_INET6, text.c_str(), address) == 1)
-        std::copy_n(address, slot.size, bytes.begin() + slot.offset);
-    else if (sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]) == 6)
-        std::copy_n(mac, slot.size, bytes.begin() + slot.offset);
-    else
-        set_number(bytes, slot, std::stoull(text, nullptr, 0));
+    const Bytes address = address_of(text);
+    if (address.empty())
+        return set_number(bytes, slot, std::stoull(text, nullptr, 0));
+    std::copy_n(address.begin(), std::min<size_t>(slot.size, address.size()), bytes.begin() + slot.offset);
 }
 
 uint16_t checksum(std::span<const uint8_t> header)
@@ -188,6 +192,17 @@ std::string any_slot(std::mt19937 &random, const Slot &slot)
 }
 
 } // namespace
+
+std::vector<uint8_t> address_of(const std::string &text)
+{
+    Bytes bytes(16);
+    for (const auto &[family, size] : {std::pair(AF_INET, 4), std::pair(AF_INET6, 16)}) {
+        bytes.resize(static_cast<size_t>(size));
+        if (inet_pton(family, text.c_str(), bytes.data()) == 1)
+            return bytes;
+    }
+    return std::count(text.begin(), text.end(), ':') == 5 ? unhex(join(split(text, ':'))) : Bytes();
+}
 
 std::vector<uint8_t> unhex(const std::string &text)
 {

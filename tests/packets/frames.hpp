@@ -12,6 +12,7 @@
 namespace plx::test {
 
 std::vector<uint8_t> unhex(const std::string &text);
+std::vector<uint8_t> address_of(const std::string &text); // MAC, IPv4 or IPv6; empty: none
 
 // Throws std::invalid_argument.
 std::vector<uint8_t> frame_of(const std::string &text);

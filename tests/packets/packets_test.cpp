@@ -1,9 +1,12 @@
 // What entries do to frames, line by line:
 //
+// Where the kernel can be had (see kernel_test.cpp) it does the same, or the line tells what it did.
+//
 //     entry vid=100 -> fwd=deny        compiles it: "2 rules", with what they cannot be used for; or why not
 //     frame eth tag(vid=100) ip4 udp   "drop", "pass", "redirect e0"; "no match"; what else was done; the frame, if it changed
 #include "packets/entry.hpp"
 #include "packets/frames.hpp"
+#include "packets/testbed.hpp"
 #include "plane/packet/interpreter.hpp"
 #include "support/transcript.hpp"
 #include <sstream>
@@ -59,6 +62,11 @@ class Packets : public Transcript {
     {
         config_ = test::configuration();
         entry_ = compile(test::entry_of(text), config_);
+        egress_ = entry_.directions == egress;
+        if (test::Testbed::missing().empty()) {
+            const std::string refusal = test::Testbed::get().load(entry_.rules, egress_);
+            EXPECT_EQ("", refusal);
+        }
         if (entry_.status != Status::ok)
             return std::to_string(static_cast<int>(entry_.status)) + ' ' + entry_.text;
         return std::to_string(entry_.rules.size()) + (entry_.rules.size() == 1 ? " rule" : " rules") +
@@ -69,7 +77,7 @@ class Packets : public Transcript {
     }
 
     // Behind the layers: what the bytes do not tell.
-    static Frame frame(std::string text)
+    Frame frame(std::string text) const
     {
         const auto take = [&text](const std::string &word) {
             const size_t at = text.find(' ' + word);
@@ -77,7 +85,7 @@ class Packets : public Transcript {
             text.erase(std::min(at, text.size()));
             return at == std::string::npos ? std::optional<std::string>() : taken;
         };
-        Frame frame{.bytes = {}, .input = "t1", .output = ""};
+        Frame frame{.bytes = {}, .input = egress_ ? "" : "t1", .output = egress_ ? "e0" : ""};
         frame.over_meter = take("over").has_value();
         frame.sampled = take("sampled").has_value();
         frame.mark = static_cast<uint32_t>(std::stoul('0' + take("mark(").value_or("")));
@@ -88,6 +96,11 @@ class Packets : public Transcript {
     std::string show(const Frame &frame)
     {
         const Outcome outcome = interpret(entry_.rules, frame);
+        const std::string unlike = test::Testbed::missing().empty()
+                                       ? test::Testbed::difference(frame, outcome, test::Testbed::get().send(frame))
+                                       : "";
+        if (!unlike.empty())
+            return unlike;
         if (outcome.matched.empty())
             return "no match";
         std::string text = outcome.verdict == Verdict::drop     ? "drop"
@@ -102,6 +115,7 @@ class Packets : public Transcript {
 
     Config config_;
     Compiled entry_;
+    bool egress_ = false;
 };
 
 const bool registered = register_transcripts(PLX_TRANSCRIPTS, [] { return new Packets; });

@@ -1,0 +1,230 @@
+// Random entries and random frames: the interpreter says what the kernel does. PLX_SEED repeats a run, PLX_ROUNDS makes it
+// longer.
+#include "packets/entry.hpp"
+#include "packets/frames.hpp"
+#include "packets/testbed.hpp"
+
+namespace plx {
+namespace {
+
+using namespace plane::packet;
+using test::Testbed;
+
+unsigned long from_environment(const char *name, unsigned long otherwise)
+{
+    const char *text = getenv(name);
+    return text == nullptr ? otherwise : strtoul(text, nullptr, 0);
+}
+
+std::vector<uint8_t> any_value(std::mt19937 &random, const Form &form)
+{
+    const size_t size = form.bytes();
+    std::string text = form.kind == ValueKind::mac                                          ? test::any_mac(random)
+                       : form.kind == ValueKind::ipv4                                       ? test::any_ipv4(random)
+                       : form.kind == ValueKind::ipv6 || form.kind == ValueKind::ipv6_upper ? test::any_ipv6(random)
+                                                                                            : "";
+    std::vector<uint8_t> bytes = test::address_of(text);
+    if (text.empty()) {
+        const uint64_t number = test::any_number(random, form.bits);
+        for (size_t at = size; at-- > 0;)
+            bytes.push_back(static_cast<uint8_t>(number >> 8 * std::min<size_t>(at, 7)));
+    }
+    bytes.resize(size);
+    if (form.kind == ValueKind::range &&
+        std::equal(bytes.begin(), bytes.begin() + 2, bytes.begin() + 2, std::greater<>()))
+        std::swap_ranges(bytes.begin(), bytes.begin() + 2, bytes.begin() + 2);
+    if (!form.mask || random() % 3 != 0)
+        return bytes;
+    std::vector<uint8_t> mask(size);
+    for (size_t at = 0; at < size; ++at) {
+        mask[at] = std::array<uint8_t, 6>{0xff, 0xff, 0xff, 0, 0x0f, 0xf8}[random() % 6];
+        bytes[at] &= mask[at];
+    }
+    bytes.insert(bytes.end(), mask.begin(), mask.end());
+    return bytes;
+}
+
+// An entry that is about a frame, more or less.
+Requested any_entry(std::mt19937 &random, const Frame &frame, const Config &config)
+{
+    Requested entry;
+    for (size_t left = 1 + random() % 5; left > 0; --left) {
+        const bool any = random() % 4 == 0;
+        for (size_t tries = 40; tries > 0; --tries) {
+            const Form &form = forms()[random() % forms().size()];
+            Requested more = entry;
+            if (form.cls == FP_UDP_ATTR_FIELD)
+                test::push(more, form, any_value(random, form));
+            const Compiled compiled = compile(more, config);
+            if (compiled.status != Status::ok || (!any && interpret(compiled.rules, frame).matched.empty()))
+                continue;
+            entry = more;
+            break;
+        }
+    }
+    return entry;
+}
+
+void add_actions(std::mt19937 &random, Requested &entry, const Config &config)
+{
+    static constexpr const char *likely[] = {"fwd=deny",     "redirect=3",  "mirror=3",       "mirror_id=7",
+                                             "counter=7",    "cos=3",       "vid=77",         "ipv4_tos=0xff",
+                                             "ipv4_dscp=ef", "ipv4_prec=0", "ipv6_tc=0x5a",   "mpls_exp=6",
+                                             "prio_in=5",    "snoop_id=4",  "stat_sampling=1"};
+    for (size_t left = random() % 4; left > 0; --left) {
+        Requested more = entry;
+        const Requested action = test::entry_of("-> " + std::string(likely[random() % std::size(likely)]));
+        more.value.insert(more.value.end(), action.value.begin(), action.value.end());
+        if (compile(more, config).status == Status::ok)
+            entry = more;
+    }
+}
+
+bool reaches_rules(const std::vector<uint8_t> &bytes)
+{
+    const bool tagged = bytes.size() > 13 && (bytes[12] << 8 | bytes[13]) != 0 &&
+                        ((bytes[12] << 8 | bytes[13]) == 0x8100 || (bytes[12] << 8 | bytes[13]) == 0x88a8);
+    return bytes.size() >= (tagged ? 20U : 14U);
+}
+
+class Kernel : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        if (!Testbed::missing().empty())
+            GTEST_SKIP() << Testbed::missing();
+    }
+
+    // One entry, some frames: whether both say the same about each, and count the same.
+    void compare(bool egress)
+    {
+        Frame frame = any_frame(egress);
+        Requested entry = any_entry(random_, frame, config_);
+        add_actions(random_, entry, config_);
+        SCOPED_TRACE((egress ? "egress " : "ingress ") + test::text_of(entry));
+        const Compiled compiled = compile(entry, config_);
+        const uint8_t direction = egress ? plane::packet::egress : ingress;
+        if ((compiled.directions & direction) == 0)
+            return;
+        ASSERT_EQ("", Testbed::get().load(compiled.rules, egress));
+        std::vector<uint64_t> hits(compiled.rules.size());
+        for (size_t left = 6; left > 0; --left) {
+            const Outcome outcome = interpret(compiled.rules, frame);
+            for (const size_t at : outcome.matched)
+                hits[at] += compiled.rules[at].counted ? 1 : 0;
+            matched_ += outcome.matched.empty() ? 0 : 1;
+            EXPECT_EQ("", Testbed::difference(frame, outcome, Testbed::get().send(frame))) << text_;
+            frame = any_frame(egress);
+        }
+        EXPECT_EQ(hits, Testbed::get().hits(egress)) << text_;
+        all_.insert(all_.end(), compiled.rules.begin(), compiled.rules.end());
+    }
+
+    // nft(8) ends on an assertion at some rules that others, it among them, can load.
+    void expect_listing()
+    {
+        ASSERT_EQ("", Testbed::get().load(all_, false));
+        EXPECT_EQ("", Testbed::get().listing(false));
+        EXPECT_EQ("", Testbed::get().listing(true));
+    }
+
+    Frame any_frame(bool egress)
+    {
+        Frame frame{.bytes = {}, .input = egress ? "" : "t1", .output = egress ? "e0" : ""};
+        while (!reaches_rules(frame.bytes)) {
+            text_ = test::any_frame(random_);
+            frame.bytes = test::frame_of(text_);
+        }
+        frame.mark = static_cast<uint32_t>(test::any_number(random_, 32));
+        frame.sampled = true;
+        return frame;
+    }
+
+    unsigned long seed_ = from_environment("PLX_SEED", 1);
+    std::mt19937 random_{static_cast<uint32_t>(seed_)};
+    Config config_ = test::configuration();
+    std::string text_; // of the last frame
+    std::vector<Rule> all_;
+    size_t matched_ = 0;
+};
+
+// The entries of all transcripts.
+std::vector<std::string> known_entries()
+{
+    std::vector<std::string> entries;
+    for (const auto &file : std::filesystem::directory_iterator(PLX_TRANSCRIPTS)) {
+        std::ifstream in(file.path());
+        for (std::string line; std::getline(in, line);) {
+            if (line.starts_with("entry "))
+                entries.push_back(line.substr(5) + ' ');
+        }
+    }
+    return entries;
+}
+
+// An entry without attributes for a line that shows what cannot be read.
+Requested entry_or_none(const std::string &text)
+{
+    try {
+        return test::entry_of(text);
+    } catch (const std::invalid_argument &) {
+        return {};
+    }
+}
+
+TEST(Names, are_acted_on_in_a_transcript_or_refused)
+{
+    const std::vector<std::string> entries = known_entries();
+    const Config config = test::configuration();
+    size_t supported = 0;
+    for (const Form &form : forms()) {
+        const std::string name = std::string(form.cls == FP_UDP_ATTR_CTRL ? " !" : " ") + std::string(form.name) + '=';
+        const auto uses = [&](const std::string &entry) {
+            const size_t arrow = std::min(entry.find("->"), entry.size());
+            const bool field = form.cls == FP_UDP_ATTR_FIELD;
+            return (field ? entry.substr(0, arrow) : entry.substr(arrow)).find(name) != std::string::npos &&
+                   compile(entry_or_none(entry), config).status == Status::ok;
+        };
+        Requested alone;
+        test::push(alone, form, std::vector<uint8_t>(form.bytes()));
+        EXPECT_EQ(supports(form, config), compile(alone, config).status != Status::unsupported) << name;
+        EXPECT_TRUE(!supports(form, config) || std::any_of(entries.begin(), entries.end(), uses)) << name;
+        supported += supports(form, config) ? 1 : 0;
+    }
+    EXPECT_EQ(118U, supported);
+    EXPECT_EQ(Status::unsupported, compile(test::entry_of("ace_udf1=00000000"), {}).status);
+    EXPECT_EQ(Status::unsupported, compile(test::entry_of("-> stat_sampling=2"), {}).status);
+    EXPECT_EQ(Status::unsupported, compile(test::entry_of("vid_in=2"), {}).status);
+}
+
+TEST(Names, that_the_operator_ignores_are_left_out)
+{
+    Config config = test::configuration();
+    config.ignored = {find_form(FP_UDP_ATTR_ACTION, "ctrl_cos"), find_form(FP_UDP_ATTR_FIELD, "vid")};
+    const Compiled compiled = compile(test::entry_of("vid=5 etype=arp -> ctrl_cos=3"), config);
+    EXPECT_EQ(compile(test::entry_of("etype=arp"), config).rules, compiled.rules);
+}
+
+TEST_F(Kernel, lists_every_entry_of_the_transcripts)
+{
+    for (const std::string &entry : known_entries()) {
+        const Compiled compiled = compile(entry_or_none(entry), config_);
+        all_.insert(all_.end(), compiled.rules.begin(), compiled.rules.end());
+    }
+    all_.push_back(double_tagged_drop());
+    expect_listing();
+}
+
+TEST_F(Kernel, does_what_the_interpreter_says)
+{
+    const unsigned long rounds = from_environment("PLX_ROUNDS", 200);
+    for (unsigned long round = 0; round < rounds && !HasFailure(); ++round) {
+        SCOPED_TRACE("PLX_SEED=" + std::to_string(seed_) + ", round " + std::to_string(round));
+        compare(random_() % 4 == 0);
+    }
+    EXPECT_GT(matched_, rounds);
+    expect_listing();
+}
+
+} // namespace
+} // namespace plx
