@@ -10,6 +10,8 @@
 //     raw CLIENT TEXT; all CLIENT; close CLIENT     bytes; what comes until the end, once it has said its last
 //     other_user                 what the module tells one
 //     interrupted on|off         signals all the time
+//     later EAGAIN|off           every second call that sends or receives finds that it must wait, though poll says no
+//     limit N|none; accepts N    descriptors of the last module; waits for its N-th try to take a connection
 //     root                       the rest is for root alone
 //     environment NAME [FOLDER]  of all that comes
 #include "command.hpp"
@@ -25,18 +27,52 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
 #include <list>
+#include <poll.h>
 #include <set>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 static std::string log_path;
+static int later_error = 0;
+static int *const accepts = // by all modules
+    static_cast<int *>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+
+template <class Function, class... Arguments>
+static auto now_or_later(const char *name, Function *, Arguments... arguments)
+{
+    static bool waits = false;
+    const bool later = later_error != 0 && (waits = !waits);
+    errno = later_error;
+    return later ? -1 : reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name))(arguments...);
+}
+
+// These come before the C library's own.
+extern "C" ssize_t send(int fd, const void *bytes, size_t size, int flags)
+{
+    return now_or_later("send", send, fd, bytes, size, flags);
+}
+
+extern "C" ssize_t recv(int fd, void *bytes, size_t size, int flags)
+{
+    return now_or_later("recv", recv, fd, bytes, size, flags);
+}
+
+extern "C" int accept4(int fd, sockaddr *address, socklen_t *size, int flags)
+{
+    ++*accepts;
+    static const auto real = reinterpret_cast<decltype(&accept4)>(dlsym(RTLD_NEXT, "accept4"));
+    return real(fd, address, size, flags);
+}
 
 // Comes before the logging library's own.
 extern "C" void tqdf_zlog(void *, const char *, size_t, const char *, size_t, long, int level, const char *format, ...)
@@ -244,6 +280,7 @@ class Shell : public plx::Session {
         setenv("PLX_SHELL_DIR", (directory_.path() + "/shell").c_str(), 1);
         setenv("ZLOG", ZLOG_STAND_INS, 1);
         unsetenv("ZLOG_CONF_PATH");
+        *accepts = 0;
         log_path = directory_.path() + "/log";
     }
     ~Shell() override
@@ -375,6 +412,16 @@ std::string Shell::perform(const std::string &line)
         return modules();
     } else if (verb == "other_user") {
         return of_other_user();
+    } else if (verb == "later") {
+        later_error = text == "off" ? 0 : EAGAIN;
+    } else if (verb == "limit") {
+        const rlim_t most = text == "none" ? 1024 : std::stoul(text);
+        const rlimit files{most, 1024};
+        EXPECT_EQ(prlimit(servers_.front().process->pid(), RLIMIT_NOFILE, &files, nullptr), 0);
+    } else if (verb == "accepts") {
+        for (int turn = 0; *accepts < std::stoi(text) && turn < 10000; ++turn)
+            poll(nullptr, 0, 1);
+        return std::to_string(*accepts);
     } else if (verb == "interrupted") {
         interrupt(text == "on");
     } else if (verb == "root") {
