@@ -2,7 +2,7 @@
 """clang-tidy finds nothing in app/, platform/, records/, plane/ and tools/.
 
 A file that passed is not looked at again until it, a header of ours that it includes, its compile command, .clang-tidy,
-app/.clang-tidy or clang-tidy itself changes: build-clang/lint/ keeps a stamp for each.
+one of a room or clang-tidy itself changes: build-clang/lint/ keeps a stamp for each.
 """
 import concurrent.futures
 import hashlib
@@ -53,7 +53,7 @@ def main():
         return 1
     edges, _ = graph()
     version = subprocess.run([TIDY, "--version"], capture_output=True, check=True).stdout
-    common = version + b"".join(pathlib.Path(p).read_bytes() for p in (".clang-tidy", "app/.clang-tidy"))
+    common = version + b"".join(pathlib.Path(p).read_bytes() for p in (".clang-tidy", "app/.clang-tidy", "platform/.clang-tidy"))
     os.makedirs(f"{BUILD}/lint", exist_ok=True)
     jobs = [(name, stamp_of(name, command, edges, common)) for name, command in entries()]
     fresh = sum(not stamp.exists() for _, stamp in jobs)
