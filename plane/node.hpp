@@ -47,6 +47,9 @@ class Node {
     // node does nothing, and is to be destroyed.
     int start();
 
+    // Looks after what the plane has, as at every heartbeat: something that concerns it has changed.
+    void look();
+
     size_t known() const { return entries_.size(); } // records taken up, programmed or refused
 
   private:
@@ -86,7 +89,6 @@ class Node {
     bool current(const Key &key, uint64_t request) const;
 
     void watch_plane();
-    void look();
 
     void beat();
     void publish_counters();

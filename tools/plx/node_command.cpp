@@ -1,8 +1,10 @@
-// `plx node`: a service node as a daemon, over a simulated forwarding plane.
+// `plx node`: a service node as a daemon, over a simulated forwarding plane or the Linux kernel's.
 //
 // It starts before or after the store, waits for it, and says so; one that refuses it is not waited for. On SIGTERM or
 // SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
+#include "nftables_flags.hpp"
+#include "plane/nftables/nftables_plane.hpp"
 #include "plane/node.hpp"
 #include "plane/simulated/simulated.hpp"
 #include "record_options.hpp"
@@ -10,11 +12,17 @@
 #include "records/record.hpp"
 #include "signals.hpp"
 
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <plx/s_policy.pb-c.h>
+#include <sched.h>
+#include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 namespace plx::tool {
 
@@ -24,8 +32,9 @@ struct NodeCommandOptions {
     std::string store = "unix:/run/plx-store/store.sock";
     std::string plane = "sim";
     plane::NodeOptions node;
-    size_t table_size = plane::SimulatedOptions().table_size;
+    std::optional<size_t> table_size;
     std::vector<std::string> simulate;
+    NftablesFlags nftables;
 };
 
 class NodeRun {
@@ -35,6 +44,10 @@ class NodeRun {
 
   private:
     bool make_plane();
+    bool make_simulated();
+    bool make_nftables();
+    int start_nftables();
+    void read_ports();
     int wait_for_store(const StopOnSignal &stop);
     int start();
     Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
@@ -44,7 +57,8 @@ class NodeRun {
 
     const NodeCommandOptions &options_;
     Loop loop_;
-    std::optional<plane::SimulatedPlane> plane_;
+    std::unique_ptr<plane::Plane> plane_;
+    plane::nftables::NftablesPlane *nftables_ = nullptr; // the plane, when it is one
     std::optional<plane::Node> node_;
 };
 
@@ -56,16 +70,92 @@ void NodeRun::log(const std::string &text) const
 
 bool NodeRun::make_plane()
 {
+    const bool kernel = options_.plane == "nftables";
+    if (!kernel && options_.nftables.any()) {
+        log("--port and the options beside it are for --plane nftables");
+        return false;
+    }
+    if (kernel && !options_.simulate.empty()) {
+        log("--simulate is for --plane sim");
+        return false;
+    }
+    return kernel ? make_nftables() : make_simulated();
+}
+
+bool NodeRun::make_simulated()
+{
     plane::SimulatedOptions simulated;
-    simulated.table_size = options_.table_size;
+    simulated.table_size = options_.table_size.value_or(simulated.table_size);
     for (const std::string &text : options_.simulate) {
         if (simulated.add(text))
             continue;
         log("--simulate: '" + text + "' is not understood; see plx node --help");
         return false;
     }
-    plane_.emplace(std::move(simulated));
+    plane_ = std::make_unique<plane::SimulatedPlane>(std::move(simulated));
     return true;
+}
+
+bool NodeRun::make_nftables()
+{
+    std::string error;
+    auto config = config_of(options_.nftables, error);
+    if (!config) {
+        log(error);
+        return false;
+    }
+    if (config->ports.empty())
+        log("no port is here: every apply belongs to another node (--port, --ports)");
+    for (const Form *form : config->ignored)
+        log("ignoring " + std::string(form->name) + " of every entry, as told");
+    const auto &id = options_.node;
+    plane::nftables::NftablesOptions options;
+    for (const uint32_t part : {id.db, id.dev, id.slot, id.id})
+        options.table += (options.table.empty() ? "plx_" : "_") + std::to_string(part);
+    options.config = std::move(*config);
+    options.table_size = options_.table_size.value_or(options.table_size);
+    auto plane = std::make_unique<plane::nftables::NftablesPlane>(std::move(options),
+                                                                  [this](const std::string &text) { log(text); });
+    nftables_ = plane.get();
+    plane_ = std::move(plane);
+    if (const int failure = start_nftables(); failure != 0) {
+        log(std::string("cannot use the kernel's nf_tables: ") + strerror(failure) +
+            (failure == EPERM ? "; it takes CAP_NET_ADMIN, and that no other node has this identity" : ""));
+        return false;
+    }
+    return true;
+}
+
+// A socket stays in the namespace that it was opened in; the store is where the command was started.
+int NodeRun::start_nftables()
+{
+    if (options_.nftables.netns.empty())
+        return nftables_->start();
+    const int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int there = open(("/run/netns/" + options_.nftables.netns).c_str(), O_RDONLY | O_CLOEXEC);
+    int error = home < 0 || there < 0 || setns(there, CLONE_NEWNET) != 0 ? errno : 0;
+    if (error == 0) {
+        error = nftables_->start();
+        if (setns(home, CLONE_NEWNET) != 0)
+            error = errno;
+    }
+    close(home);
+    close(there);
+    return error;
+}
+
+void NodeRun::read_ports()
+{
+    std::string error;
+    auto ports = nftables_ == nullptr ? std::nullopt : ports_of(options_.nftables, error);
+    if (ports) {
+        log("ports read again: " + std::to_string(ports->size()));
+        nftables_->set_ports(std::move(*ports));
+        if (node_)
+            node_->look();
+    } else if (!error.empty()) {
+        log("the ports stay as they are: " + error);
+    }
 }
 
 int NodeRun::run()
@@ -77,7 +167,7 @@ int NodeRun::run()
         return EXIT_USAGE;
     if (new_context() == nullptr)
         return tell_no_context("node", options_.store);
-    const StopOnSignal stop(loop_.get());
+    const StopOnSignal stop(loop_.get(), [this] { read_ports(); });
     const int result = wait_for_store(stop);
     if (result != 0) {
         log(std::string("cannot start: ") + tq_mom_strerror(result));
@@ -163,16 +253,20 @@ void add_node_command(CLI::App &app, int &exit_code)
                      "milliseconds between two signs of life; applications count a node out after 20 s without")
         ->check(CLI::Range(10U, 5000U))
         ->capture_default_str();
-    command->add_option("--plane", options->plane, "forwarding plane behind the node: sim")
-        ->check(CLI::IsMember({"sim"}))
+    command
+        ->add_option("--plane", options->plane,
+                     "forwarding plane behind the node: sim, or nftables, the Linux kernel's")
+        ->check(CLI::IsMember({"sim", "nftables"}))
         ->capture_default_str();
-    command->add_option("--table-size", options->table_size, "room of the simulated plane in entries")
-        ->capture_default_str();
+    command->add_option("--table-size", options->table_size,
+                        "room of the plane in entries; 4096 of sim, 1000000 of nftables");
     command->add_option("--simulate", options->simulate, "how the simulated plane behaves; see below")
         ->allow_extra_args(false);
+    add_options(*command, options->nftables);
     command->footer("Behaviour of the simulated plane (--simulate), any number of:\n"
                     "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
                     "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
+                    "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
                     "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
     command->callback([options, heartbeat, &exit_code] {
         options->node.heartbeat = milliseconds(*heartbeat);

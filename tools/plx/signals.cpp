@@ -10,20 +10,22 @@ namespace plx::tool {
 
 namespace {
 
-int signal_descriptor()
+int signal_descriptor(bool again)
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    if (again)
+        sigaddset(&set, SIGHUP);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 } // namespace
 
-StopOnSignal::StopOnSignal(tq_thread_master *master)
-    : master_(master), fd_(signal_descriptor()),
+StopOnSignal::StopOnSignal(tq_thread_master *master, std::function<void()> again)
+    : master_(master), again_(std::move(again)), fd_(signal_descriptor(static_cast<bool>(again_))),
       watch_(fd_ < 0 ? nullptr : tq_loop_watch_fd(master, fd_, TQ_LOOP_READABLE, &StopOnSignal::on_signal, this))
 {
     if (watch_ == nullptr) {
@@ -44,6 +46,8 @@ void StopOnSignal::on_signal(tq_loop_watch *, int fd, int, void *arg)
     signalfd_siginfo info;
     if (read(fd, &info, sizeof info) != sizeof info)
         return;
+    if (info.ssi_signo == SIGHUP)
+        return self->again_();
     self->asked_ = true;
     tq_loop_stop(self->master_);
 }

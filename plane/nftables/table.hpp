@@ -1,0 +1,72 @@
+// The messages of nf_tables that the plane is made of, for one table of the netdev family: adding to a batch, and reading
+// what is there.
+#pragma once
+
+#include "plane/nftables/netlink.hpp"
+#include "plane/nftables/tags.hpp"
+#include "plane/packet/compile.hpp"
+#include "plane/plane.hpp"
+#include <set>
+
+namespace plx::plane::nftables {
+
+// A rule as it is in the kernel.
+struct RuleImage {
+    uint64_t handle = 0;
+    std::optional<Tag> tag; // none: the rule is not of ours
+    Counters counters;      // of its own counter
+    std::vector<uint8_t> expressions, user_data;
+};
+
+struct ChainImage {
+    std::string name;
+    std::string device; // of a base chain
+};
+
+// Where a rule goes in its chain.
+struct Place {
+    enum { end, before, instead } where = end;
+    uint64_t handle = 0; // of the rule that it goes before, or takes the place of
+};
+
+// The hook of a base chain.
+struct Hook {
+    bool out = false;
+    std::string interface;
+    int32_t priority = 0;
+};
+
+class KernelTable {
+  public:
+    explicit KernelTable(std::string name) : name_(std::move(name)) {}
+    const std::string &name() const { return name_; }
+
+    // ---- adding to a batch; `owner` as in Batch::add()
+    void create(Batch &batch, bool owned) const;
+    void add_chain(Batch &batch, const std::string &chain, size_t owner) const;
+    void add_chain(Batch &batch, const std::string &chain, const Hook &hook, size_t owner) const;
+    void remove_chain(Batch &batch, const std::string &chain, size_t owner) const; // with its rules
+    void remove_rule(Batch &batch, const std::string &chain, uint64_t handle, size_t owner) const;
+    void add_set(Batch &batch, const packet::ConstantSet &set) const;
+    void add_meter(Batch &batch, uint32_t meter, const packet::Rate &rate) const;
+    void add_counter(Batch &batch, const std::string &counter, size_t owner) const;
+
+    // A rule without expressions and user data, which the caller puts.
+    nlmsghdr *add_rule(Batch &batch, const std::string &chain, Place place, bool echo, size_t owner) const;
+    void add_image(Batch &batch, const std::string &chain, Place place, const RuleImage &image, size_t owner,
+                   bool echo) const;
+
+    // ---- reading: 0 or an errno, ENOENT when the table or the chain is not there
+    int read_chains(Netlink &netlink, std::vector<ChainImage> &chains) const;
+    int read_rules(Netlink &netlink, const std::string &chain, std::vector<RuleImage> &rules) const;
+    int read_names(Netlink &netlink, uint16_t request, uint16_t attribute, std::set<std::string> &names) const;
+
+  private:
+    std::string name_;
+};
+
+void put_user_data(nlmsghdr *rule, const Tag &tag);
+void put_jump(nlmsghdr *rule, const std::string &chain); // all of a rule's expressions: a jump
+void put_counted_drop(nlmsghdr *rule);                   // the same: a counter and drop
+
+} // namespace plx::plane::nftables

@@ -1,0 +1,291 @@
+// The plane on the kernel of this machine, in a network namespace of the test's own: skipped where that is not allowed.
+#include "packets/entry.hpp"
+#include "plane/nftables/nftables_plane.hpp"
+#include "plane/nftables/take_up.hpp"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netpacket/packet.h>
+#include <random>
+#include <sched.h>
+#include <unistd.h>
+
+namespace plx::test {
+namespace {
+
+using namespace plane;
+using namespace plane::nftables;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+constexpr const char *table_name = "plx_8_0_1_0";
+
+std::string output_of(const std::string &command)
+{
+    std::string text;
+    FILE *pipe = popen(command.c_str(), "r");
+    for (int character = 0; (character = fgetc(pipe)) != EOF;)
+        text += static_cast<char>(character);
+    pclose(pipe);
+    return text;
+}
+
+AceKey ace(uint64_t sn)
+{
+    return {"edge", 10, sn};
+}
+
+ApplyKey apply_to(uint32_t port, uint32_t direction = 0)
+{
+    return {"edge", 10, "edge", port, 100, direction};
+}
+
+Change entry(uint64_t sn, const std::string &text, uint64_t priority = 0, bool last = false, uint64_t request = 1)
+{
+    Requested wanted = entry_of(text);
+    wanted.request = request;
+    wanted.priority = priority;
+    wanted.default_entry = last;
+    return {ace(sn), wanted};
+}
+
+Change applied(const Key &key)
+{
+    Requested wanted;
+    wanted.request = 7;
+    return {key, wanted};
+}
+
+class NftablesPlaneTest : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        Netlink netlink;
+        std::set<std::string> names;
+        if (unshare(CLONE_NEWNET) != 0)
+            GTEST_SKIP() << "no network namespaces here: " << strerror(errno);
+        if (netlink.open(NETLINK_NETFILTER) != 0 ||
+            KernelTable("any").read_names(netlink, NFT_MSG_GETTABLE, NFTA_TABLE_NAME, names) != 0)
+            GTEST_SKIP() << "no nf_tables here";
+        ASSERT_EQ("", output_of("echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6;"
+                                " ip link add p0 type veth peer name p1; ip link set p0 up;"
+                                "ip link set p1 up 2>&1"));
+        start();
+    }
+
+    NftablesOptions options()
+    {
+        NftablesOptions all;
+        all.table = table_name;
+        all.config = configuration();
+        all.config.ports = ports_;
+        all.table_size = table_size_;
+        return all;
+    }
+
+    void start()
+    {
+        plane_.reset(); // which leaves the kernel as kill -9 would
+        plane_.emplace(options(), [this](const std::string &text) { log_.push_back(text); });
+        ASSERT_EQ(0, plane_->start());
+    }
+
+    std::vector<int> program(const std::vector<Change> &changes)
+    {
+        std::vector<int> statuses;
+        for (const Answer &answer : plane_->program(changes))
+            statuses.push_back(static_cast<int>(answer.status));
+        return statuses;
+    }
+
+    static std::string ruleset() { return output_of("nft -a list ruleset 2>&1"); }
+
+    // The entries of the ACL in the order in which the kernel comes to them, with their requests.
+    static std::vector<std::pair<uint64_t, uint64_t>> kernel_order()
+    {
+        std::vector<std::pair<uint64_t, uint64_t>> order;
+        const KernelTable table(table_name);
+        Netlink netlink;
+        netlink.open(NETLINK_NETFILTER);
+        std::vector<RuleImage> jumps;
+        table.read_rules(netlink, head_name({"edge", 10}), jumps);
+        for (const RuleImage &jump : jumps) {
+            std::vector<RuleImage> rules;
+            table.read_rules(netlink, page_name({"edge", 10}, jump.tag->page), rules);
+            for (const RuleImage &rule : rules)
+                order.emplace_back(std::get<AceKey>(rule.tag->key).sn, rule.tag->request);
+        }
+        return order;
+    }
+
+    // Sends an IPv4 frame out of p1, into p0.
+    static void send_frame()
+    {
+        const int raw = socket(AF_PACKET, SOCK_RAW, 0);
+        uint8_t frame[60] = {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2, 8, 0, 0x45, 0, 0, 46, 0, 0, 0, 0, 64, 17};
+        sockaddr_ll to{};
+        to.sll_family = AF_PACKET;
+        to.sll_ifindex = static_cast<int>(if_nametoindex("p1"));
+        EXPECT_EQ(60, sendto(raw, frame, sizeof frame, 0, reinterpret_cast<sockaddr *>(&to), sizeof to));
+        close(raw);
+    }
+
+    std::map<AceKey, Counters> counters()
+    {
+        std::map<AceKey, Counters> all;
+        for (auto some = plane_->counters(); !some.empty(); some = plane_->counters())
+            all.insert(some.begin(), some.end());
+        return all;
+    }
+
+    std::map<uint32_t, std::string> ports_{{1, "p0"}, {2, "p1"}};
+    size_t table_size_ = 1000000;
+    std::vector<std::string> log_;
+    std::optional<NftablesPlane> plane_;
+};
+
+TEST_F(NftablesPlaneTest, what_a_killed_node_programmed_stays_and_is_taken_up_without_a_write)
+{
+    const std::vector<Change> changes{entry(10, "ipv4_src=10.0.0.0/8 -> fwd=deny counter=3", 5, false, 70),
+                                      entry(20, "icmp_type=8 -> fwd=deny"),
+                                      entry(99, "-> fwd=permit", 0, true),
+                                      applied(apply_to(1)),
+                                      applied(apply_to(2, 1)),
+                                      applied(PortOffKey{2})};
+    EXPECT_THAT(program(changes), testing::Each(0));
+    const std::string before = ruleset();
+    const auto installed = plane_->installed();
+    start();
+    EXPECT_EQ(before, ruleset());
+    EXPECT_EQ(installed.size(), plane_->installed().size());
+    EXPECT_EQ(70U, plane_->installed().at(ace(10)).request);
+    for (const Change &change : changes)
+        EXPECT_EQ(change.wanted->fingerprint(), plane_->installed().at(change.key).fingerprint);
+    EXPECT_THAT(before, testing::HasSubstr("comment \"edge/10/10\""));
+}
+
+TEST_F(NftablesPlaneTest, nobody_else_can_change_a_table_or_have_it_too)
+{
+    program({entry(10, "-> fwd=deny"), applied(apply_to(1))});
+    const std::string before = ruleset();
+    output_of("nft flush ruleset 2>&1; nft delete table netdev " + std::string(table_name) + " 2>&1");
+    EXPECT_EQ(before, ruleset());
+    NftablesPlane second(options(), [](const std::string &) {});
+    EXPECT_EQ(EPERM, second.start());
+    NftablesOptions other = options();
+    other.table = "plx_8_0_2_0";
+    NftablesPlane third(other, [](const std::string &) {});
+    EXPECT_EQ(0, third.start());
+}
+
+// The kernel must have, after each of many changes, what a sorted table has.
+TEST_F(NftablesPlaneTest, random_changes_leave_the_order_that_is_asked_for)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    std::map<uint64_t, Change> model;
+    for (uint64_t request = 1; request <= 40; ++request) {
+        std::map<uint64_t, Change> changes;
+        for (uint64_t left = random() % (request % 4 == 0 ? 900 : 9) + 1; left-- > 0;) {
+            const uint64_t sn = random() % 3000;
+            Change change = entry(sn, "ipv4_src=10.0.0.1 -> fwd=deny", random() % 3, random() % 500 == 0, request);
+            if (random() % 8 == 0)
+                change.wanted.reset();
+            changes.insert_or_assign(sn, change);
+        }
+        std::vector<Change> batch;
+        for (const auto &[sn, change] : changes) {
+            batch.push_back(change);
+            model.erase(sn);
+            if (change.wanted)
+                model.emplace(sn, change);
+        }
+        ASSERT_THAT(program(batch), testing::Each(0));
+        std::vector<std::tuple<bool, uint64_t, uint64_t, uint64_t>> sorted;
+        for (const auto &[sn, change] : model)
+            sorted.emplace_back(change.wanted->default_entry, ~change.wanted->priority, sn, change.wanted->request);
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<std::pair<uint64_t, uint64_t>> expected;
+        for (const auto &[last, rank, sn, wanted] : sorted)
+            expected.emplace_back(sn, wanted);
+        ASSERT_EQ(expected, kernel_order()) << "request " << request;
+        if (random() % 5 == 0)
+            start();
+    }
+}
+
+TEST_F(NftablesPlaneTest, a_change_that_fails_leaves_its_old_state_and_stops_no_other)
+{
+    program({entry(10, "-> fwd=deny", 0, false, 1), applied(apply_to(1))});
+    ports_[5] = "gone0";
+    start();
+    EXPECT_THAT(program({entry(10, "-> redirect=5", 0, false, 2), entry(11, "-> fwd=permit", 0, false, 2),
+                         entry(12, "vrf=1 -> fwd=permit", 0, false, 2)}),
+                testing::ElementsAre(110, 0, 102));
+    EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(10, 1), testing::Pair(11, 2)));
+}
+
+TEST_F(NftablesPlaneTest, counters_go_on_through_a_replacement_and_a_move)
+{
+    program({entry(10, "etype=ipv4 -> fwd=deny", 5), entry(20, "-> fwd=permit"), applied(apply_to(1))});
+    send_frame();
+    EXPECT_EQ(1U, counters()[ace(10)].packets);
+    program({entry(10, "etype=ipv4 -> counter=1 fwd=deny", 5)});
+    send_frame();
+    EXPECT_EQ(2U, counters()[ace(10)].packets);
+    program({entry(10, "etype=ipv4 -> fwd=deny", 0)});
+    EXPECT_EQ(2U, counters()[ace(10)].packets);
+    EXPECT_EQ(92U, counters()[ace(10)].bytes);
+}
+
+TEST_F(NftablesPlaneTest, an_entry_for_want_of_a_default_comes_and_goes_with_it)
+{
+    program({entry(10, "-> fwd=deny !no_default=1"), applied(apply_to(1))});
+    EXPECT_EQ(1U, kernel_order().size());
+    program({entry(99, "-> fwd=permit", 0, true)});
+    EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(99, 1)));
+    program({{ace(99), std::nullopt}});
+    EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(10, 1)));
+}
+
+TEST_F(NftablesPlaneTest, an_acl_is_not_applied_where_its_entries_cannot_act)
+{
+    EXPECT_THAT(program({entry(10, "input_port=1 -> fwd=deny"), applied(apply_to(1, 1)), applied(apply_to(1, 2)),
+                         applied(apply_to(77)), applied(UplinkKey{1, 1})}),
+                testing::ElementsAre(0, 102, 106, 0, 102));
+    EXPECT_THAT(program({applied(apply_to(1))}), testing::ElementsAre(0));
+    EXPECT_THAT(program({entry(11, "dst_port=1 -> fwd=deny")}), testing::ElementsAre(102));
+    table_size_ = 2;
+    start();
+    EXPECT_THAT(
+        program(
+            {entry(12, "-> fwd=deny"), entry(13, "-> fwd=deny"), {ace(10), std::nullopt}, entry(14, "-> fwd=deny")}),
+        testing::ElementsAre(0, 101, 0, 0));
+}
+
+TEST_F(NftablesPlaneTest, interfaces_come_and_go_and_change_their_names)
+{
+    program({entry(10, "-> fwd=deny"), applied(apply_to(1)), entry(11, "-> redirect=2")});
+    EXPECT_THAT(plane_->look(), IsEmpty());
+    output_of("ip link del p0");
+    EXPECT_THAT(plane_->look(), testing::Contains(Key(ace(11))));
+    EXPECT_THAT(program({entry(11, "-> redirect=2", 0, false, 2)}), testing::ElementsAre(110));
+    output_of("ip link add p0 type veth peer name p1; ip link set p0 up; ip link set p1 up");
+    const auto again = plane_->look();
+    EXPECT_THAT(again, testing::Contains(Key(ace(11))));
+    program({entry(11, "-> redirect=2", 0, false, 2), applied(apply_to(1))});
+    send_frame();
+    EXPECT_EQ(1U, counters()[ace(10)].packets);
+    plane_->set_ports({{1, "p2"}});
+    EXPECT_THAT(plane_->look(), testing::Contains(Key(apply_to(1))));
+    program({applied(apply_to(1))});
+    output_of("ip link set p0 down; ip link set p0 name p2; ip link set p2 up");
+    send_frame();
+    EXPECT_EQ(2U, counters()[ace(10)].packets);
+}
+
+} // namespace
+} // namespace plx::test
