@@ -211,6 +211,7 @@ int register_commands()
         {"fail", "$n", [](int, const ssat_value *) { return printf("ok 0\n") < 0 ? 0 : -1; }},
         {"flood", "lines=%x", flood},
         {"throw", "$n", throw_error},
+        {"die", "$n", [](int, const ssat_value *) -> int { _exit(0); }},
         {"loop", "$n", run_loop},
         {"straight", "$n", [](int, const ssat_value *) { return write(STDOUT_FILENO, "straight", 8) == 8 ? 0 : -1; }}};
     for (const auto &[name, description, handler] : commands)

@@ -1,5 +1,5 @@
-// Writes one log line: category, level, text; with a number, repeated ones; without a word, what becomes of odd calls. A
-// line that goes to syslog is printed instead.
+// Writes one log line: category, level, text; with a number, repeated ones; without a word, what becomes of odd calls.
+// A line that goes to syslog is printed instead.
 #include "tq_zlog.h"
 
 #include <cstdarg>
