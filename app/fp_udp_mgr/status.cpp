@@ -6,6 +6,7 @@
 #include "status.hpp"
 
 #include "../fp_udp_req_mng/kinds.hpp"
+#include "ask_again.hpp"
 #include "store_record.hpp"
 
 #include <plx/request.h>
@@ -85,10 +86,12 @@ template <class Node> void settle(Node *node)
 }
 
 template <class Node>
-int32_t on_reply(const tq_mom_notification *notification, const char *function = __builtin_FUNCTION(),
+int32_t on_reply(void *ctx, const tq_mom_notification *notification, const char *function = __builtin_FUNCTION(),
                  int line = __builtin_LINE())
 {
     using of = reply<Node>;
+    if (notification != nullptr && notification->event == TQ_MOM_EVENT_RESYNC && notification->record == nullptr)
+        ask_again(ctx);
     if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
         return FP_UDP_OK;
     const diag::place at = {function, line};
@@ -116,14 +119,14 @@ int32_t on_reply(const tq_mom_notification *notification, const char *function =
 
 } // namespace
 
-int32_t ace_service_call_back(void *, const tq_mom_notification *notification, void *)
+int32_t ace_service_call_back(void *ctx, const tq_mom_notification *notification, void *)
 {
-    return on_reply<fp_udp_ace_node>(notification);
+    return on_reply<fp_udp_ace_node>(ctx, notification);
 }
 
-int32_t apply_service_call_back(void *, const tq_mom_notification *notification, void *)
+int32_t apply_service_call_back(void *ctx, const tq_mom_notification *notification, void *)
 {
-    return on_reply<fp_udp_apply_node>(notification);
+    return on_reply<fp_udp_apply_node>(ctx, notification);
 }
 
 int32_t ace_cnter_notify_call_back(void *ctx, const tq_mom_notification *notification, void *)

@@ -105,7 +105,11 @@ template <class Message> class store_record {
     }
     [[nodiscard]] int end_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
-        return reported(tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound), failed);
+        int rv = TQ_MOM_OK;
+        do // many records take more than one: each call gets on
+            rv = tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound);
+        while (rv == TQ_MOM_UNFINISHED);
+        return reported(rv, failed);
     }
 
     typename schema<Message>::key key;
