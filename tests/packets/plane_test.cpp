@@ -3,6 +3,7 @@
 #include "plane/nftables/nftables_plane.hpp"
 #include "plane/nftables/take_up.hpp"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +12,47 @@
 #include <random>
 #include <sched.h>
 #include <unistd.h>
+
+namespace {
+
+// What the system calls below do instead of what they are for, once.
+struct Fault {
+    int error = 0;         // that a call fails with; 0: only a part of what is there is received
+    bool sending = false;  // else receiving
+    int calls_before = -1; // so many go well; -1: all of them
+    bool no_owner = false; // the kernel is asked for an owned table in a way that it does not know
+
+    bool now(bool send) { return send == sending && calls_before >= 0 && calls_before-- == 0; }
+} fault;
+
+} // namespace
+
+extern "C" ssize_t sendto(int fd, const void *bytes, size_t size, int flags, const sockaddr *to, socklen_t length)
+{
+    static const auto real = reinterpret_cast<decltype(&sendto)>(dlsym(RTLD_NEXT, "sendto"));
+    if (fault.now(true)) {
+        errno = fault.error;
+        return -1;
+    }
+    std::string copy(static_cast<const char *>(bytes), size);
+    const std::string owned("\x08\0\x02\0\0\0\0\x06", 8);
+    if (const size_t at = copy.find(owned); fault.no_owner && at != std::string::npos)
+        copy[at + 7] = '\x7f';
+    return real(fd, copy.data(), size, flags, to, length);
+}
+
+extern "C" ssize_t recv(int fd, void *bytes, size_t size, int flags)
+{
+    static const auto real = reinterpret_cast<decltype(&recv)>(dlsym(RTLD_NEXT, "recv"));
+    if (!fault.now(false))
+        return real(fd, bytes, size, flags);
+    if (fault.error == 0)
+        return std::min<ssize_t>(real(fd, bytes, size, flags), 30);
+    if (fault.error == ENOBUFS) // what is lost is lost
+        real(fd, bytes, size, flags);
+    errno = fault.error;
+    return -1;
+}
 
 namespace plx::test {
 namespace {
@@ -226,6 +268,69 @@ TEST_F(NftablesPlaneTest, a_change_that_fails_leaves_its_old_state_and_stops_no_
                          entry(12, "vrf=1 -> fwd=permit", 0, false, 2)}),
                 testing::ElementsAre(110, 0, 102));
     EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(10, 1), testing::Pair(11, 2)));
+}
+
+// Each call of the kernel fails once, in each way: what is answered is what is in force.
+TEST_F(NftablesPlaneTest, an_answer_is_true_whatever_happens_to_a_message)
+{
+    const std::vector<Change> changes{entry(10, "-> fwd=deny", 0, false, 2),
+                                      entry(11, "-> fwd=deny", 9, false, 2),
+                                      {ace(12), std::nullopt},
+                                      applied(apply_to(1))};
+    const std::vector<Change> undo{entry(10, "-> fwd=permit", 3),
+                                   {ace(11), std::nullopt},
+                                   entry(12, "-> fwd=deny", 1),
+                                   {apply_to(1), std::nullopt}};
+    const std::vector<std::pair<uint64_t, uint64_t>> old{{10, 1}, {12, 1}}, made{{11, 2}, {10, 2}};
+    for (const auto &[error, sending] : {std::pair(ENOBUFS, true),
+                                         {EAGAIN, true},
+                                         {EINTR, true},
+                                         {EPERM, true},
+                                         {ENOBUFS, false},
+                                         {EAGAIN, false},
+                                         {EINTR, false},
+                                         {0, false}})
+        for (int calls = 0;; ++calls) {
+            SCOPED_TRACE(std::to_string(error) + (sending ? " sending " : " receiving ") + std::to_string(calls));
+            ASSERT_THAT(program(undo), testing::Each(0));
+            fault = {error, sending, calls};
+            const std::vector<int> statuses = program(changes);
+            const bool happened = fault.calls_before == -1;
+            fault = {};
+            ASSERT_THAT(statuses, testing::AnyOf(testing::Each(0), testing::Each(testing::Ne(0))));
+            ASSERT_EQ(statuses[0] == 0 ? made : old, kernel_order());
+            ASSERT_THAT(program(changes), testing::Each(0));
+            ASSERT_EQ(made, kernel_order());
+            if (!happened)
+                break;
+        }
+}
+
+TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes_are_mended)
+{
+    fault.no_owner = true;
+    plane_->program({});
+    plane_.reset();
+    output_of("nft flush ruleset");
+    start();
+    const std::vector<Change> changes{entry(10, "-> fwd=deny"), entry(20, "-> fwd=permit"), applied(apply_to(1))};
+    program(changes);
+    EXPECT_THAT(plane_->look(), IsEmpty());
+    const std::string before = output_of("nft list ruleset | sort");
+    const std::string page = table_name + std::string(" acl.edge.10.0");
+    for (const std::string &damage :
+         {"insert rule netdev " + page + " accept", "flush chain netdev " + page, std::string("flush ruleset"),
+          "delete chain netdev " + std::string(table_name) + " in.1.100.edge.10"}) {
+        EXPECT_EQ("", output_of("nft '" + damage + "' 2>&1"));
+        std::vector<Change> again;
+        for (const Key &key : plane_->look())
+            for (const Change &change : changes)
+                if (change.key == key)
+                    again.push_back(change);
+        program(again);
+        EXPECT_EQ(before, output_of("nft list ruleset | sort")) << damage;
+    }
+    fault = {};
 }
 
 TEST_F(NftablesPlaneTest, counters_go_on_through_a_replacement_and_a_move)

@@ -133,6 +133,8 @@ int NodeRun::start_nftables()
         return nftables_->start();
     const int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     const int there = open(("/run/netns/" + options_.nftables.netns).c_str(), O_RDONLY | O_CLOEXEC);
+    if (there < 0)
+        log("there is no network namespace '" + options_.nftables.netns + "'");
     int error = home < 0 || there < 0 || setns(there, CLONE_NEWNET) != 0 ? errno : 0;
     if (error == 0) {
         error = nftables_->start();
