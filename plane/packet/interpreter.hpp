@@ -1,8 +1,8 @@
 // What rules do to a frame: the meaning of the compiled form, in software.
 //
-// It sees a frame as the Linux kernel does where a plane's rules are: the first tag, 0x8100 or 0x88a8, is taken off, but
-// its bytes are in place for whoever looks from the first byte; behind an IPv4 or IPv6 header that lies about its length
-// there is no transport header. Frames are hostile: nothing is read beyond the bytes given.
+// It sees a frame as the Linux kernel does where a plane's rules are: the first tag, 0x8100 or 0x88a8, is taken off,
+// but its bytes are in place for whoever looks from the first byte; behind an IPv4 or IPv6 header that lies about its
+// length there is no transport header. Frames are hostile: nothing is read beyond the bytes given.
 #pragma once
 
 #include "plane/packet/rule.hpp"

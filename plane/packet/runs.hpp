@@ -18,10 +18,11 @@ struct Shape {
 };
 
 // One rule in a map: the lowest and highest accepted values of all fields, concatenated, each field filled up with
-// zeros to a multiple of 4 bytes, as the kernel's registers are. The mark's are in network order.
+// zeros to a multiple of 4 bytes, as the kernel's registers are.
 struct Element {
-    std::vector<uint8_t> low, high;
-    Verdict verdict; // accept or drop
+    std::string low, high; // bytes
+    Verdict verdict;       // accept or drop
+    bool operator==(const Element &) const = default;
 };
 
 struct Mappable {
@@ -29,25 +30,36 @@ struct Mappable {
     Element element;
 };
 
-// The rule as an element; nullopt when it does more than count and judge, or its tests are not intervals.
+constexpr size_t largest_key = 64; // bytes, of the kernel's registers
+
+// The rule as an element; nullopt when it does more than count and judge, or has no field to look up.
 std::optional<Mappable> mappable(const Rule &rule);
 
-bool overlap(const Shape &shape, const Element &one, const Element &other);
-
-// Elements of one shape, none of which overlap.
+// Elements of one shape, none of which overlap another.
 class Run {
   public:
-    explicit Run(Shape shape);
+    explicit Run(Shape shape) : shape_(std::move(shape)) {}
     const Shape &shape() const { return shape_; }
     size_t size() const { return size_; }
 
-    // False, and nothing changes, when it overlaps another.
+    bool fits(const Element &element) const; // it overlaps none
+    // False, and nothing changes, when it does not fit; when it is not there.
     bool add(const Element &element);
-    bool remove(const Element &element); // false when it is not there
-    bool fits(const Element &element) const;
+    bool remove(const Element &element);
 
   private:
+    // An interval of values lies in one smallest block of values that have their first bits in common. Elements are
+    // kept by the number of those bits, field by field, then by the bits: an overlapping element is in the same block
+    // or in one inside of the other's, so that few of them need a look.
+    using Bits = std::vector<uint8_t>;
+    using Blocks = std::multimap<std::string, Element>;
+
+    Bits common_bits(const Element &element) const;
+    std::string block_of(const std::string &value, const Bits &bits, bool last) const;
+    bool overlap(const Element &one, const Element &other) const;
+
     Shape shape_;
+    std::map<Bits, Blocks> blocks_;
     size_t size_ = 0;
 };
 

@@ -97,8 +97,8 @@ class Settling {
         return false;
     }
 
-    // Two tests of the same bits, each for some of them, are one; one that is there twice goes. A conflict among them is
-    // for learn() to find.
+    // Two tests of the same bits, each for some of them, are one; one that is there twice goes. A conflict among them
+    // is for learn() to find.
     void unite()
     {
         for (size_t at = 0; at < sought_.size(); ++at) {
@@ -254,8 +254,8 @@ class Settling {
         });
     }
 
-    // Linux (6.18) has a short way for loads of 1, 2 or 4 aligned bytes of the transport header, and on it takes a later
-    // fragment's data for one. A load that goes the long way keeps such fragments off.
+    // Linux (6.18) has a short way for loads of 1, 2 or 4 aligned bytes of the transport header, and on it takes a
+    // later fragment's data for one. A load that goes the long way keeps such fragments off.
     static void keep_off_fragments(std::vector<Test> &tests)
     {
         const auto takes_long_way = [](const Test &test) {

@@ -1,5 +1,5 @@
-// From the tests that an entry's attributes ask for to those that a rule makes: no test twice, none that others imply, in
-// the order for a plane; or the finding that no frame can pass them all.
+// From the tests that an entry's attributes ask for to those that a rule makes: no test twice, none that others imply,
+// in the order for a plane; or the finding that no frame can pass them all.
 #pragma once
 
 #include "plane/packet/rule.hpp"

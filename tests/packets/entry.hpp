@@ -1,5 +1,5 @@
-// Entries as text: "vid=100/0xff0 ipv4_src=10.0.0.0/8 -> cos=5 fwd=deny !permit2deny=1": match fields, and behind the arrow
-// actions; "!" goes before a control, "#" before a value that is given as bytes.
+// Entries as text: "vid=100/0xff0 ipv4_src=10.0.0.0/8 -> cos=5 fwd=deny !permit2deny=1": match fields, and behind the
+// arrow actions; "!" goes before a control, "#" before a value that is given as bytes.
 #pragma once
 
 #include "plane/packet/compile.hpp"

@@ -1,7 +1,8 @@
 // Frames as text, from the outside in: "eth(src=02:00:00:00:00:01) tag(vid=5) ip4(src=10.0.0.1) tcp(dport=22)".
 //
-// A layer has a default for everything; the type and protocol fields name the layer that follows, and lengths and the IPv4
-// checksum are right, where the text does not say otherwise. raw(0a0b) is these bytes, cut(N) in the end N bytes fewer.
+// A layer has a default for everything; the type and protocol fields name the layer that follows, and lengths and the
+// IPv4 checksum are right, where the text does not say otherwise. raw(0a0b) is these bytes, cut(N) in the end N bytes
+// fewer.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Random entries and random frames: the interpreter says what the kernel does. PLX_SEED repeats a run, PLX_ROUNDS makes it
-// longer.
+// Random entries and random frames: the interpreter says what the kernel does. PLX_SEED repeats a run, PLX_ROUNDS
+// makes it longer.
 #include "packets/entry.hpp"
 #include "packets/frames.hpp"
 #include "packets/testbed.hpp"

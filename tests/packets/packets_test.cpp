@@ -3,7 +3,7 @@
 // Where the kernel can be had (see kernel_test.cpp) it does the same, or the line tells what it did.
 //
 //     entry vid=100 -> fwd=deny        compiles it: "2 rules", with what they cannot be used for; or why not
-//     frame eth tag(vid=100) ip4 udp   "drop", "pass", "redirect e0"; "no match"; what else was done; the frame, if it changed
+//     frame eth tag(vid=100) ip4 udp   "drop", "pass", "redirect m0", "no match"; what else was done to it
 #include "packets/entry.hpp"
 #include "packets/frames.hpp"
 #include "packets/testbed.hpp"

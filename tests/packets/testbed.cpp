@@ -271,20 +271,38 @@ Testbed::Testbed()
     EXPECT_EQ(0, setsockopt(netlink_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room));
 }
 
-std::string Testbed::load(std::span<const Rule> rules, bool egress)
+// The beginning and the end of a batch, and both lists without rules; what comes between is the caller's.
+std::string Testbed::load(const std::function<void(std::vector<uint8_t> &)> &fill) const
 {
     std::vector<uint8_t> batch;
     end_message(batch, put_message(batch, NFNL_MSG_BATCH_BEGIN, 0, AF_UNSPEC));
     for (const bool out : {false, true})
         end_message(batch, put_rule(batch, NFT_MSG_DELRULE, 0, out));
-    for (const Rule &rule : rules) {
-        nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, egress);
-        if (!put_rule_expressions(message, message_room, rule, Names(), {}))
-            return "no room";
-        end_message(batch, message);
-    }
+    fill(batch);
     end_message(batch, put_message(batch, NFNL_MSG_BATCH_END, 0, AF_UNSPEC));
     return commit(batch);
+}
+
+std::string Testbed::load(std::span<const Rule> rules, bool egress) const
+{
+    return load([&](std::vector<uint8_t> &batch) {
+        for (const Rule &rule : rules) {
+            nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, egress);
+            EXPECT_TRUE(put_rule_expressions(message, message_room, rule, Names(), {}));
+            end_message(batch, message);
+        }
+    });
+}
+
+std::string Testbed::load_map(const Shape &shape, const std::string &map) const
+{
+    if (const std::string said = output_of("echo '" + map + "' | nft -f -"); !said.empty())
+        return said;
+    return load([&](std::vector<uint8_t> &batch) {
+        nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, false);
+        EXPECT_TRUE(put_lookup_expressions(message, message_room, shape, "verdicts"));
+        end_message(batch, message);
+    });
 }
 
 // The kernel works while it is sent to, and answers only what it refuses.

@@ -1,12 +1,13 @@
 // A network namespace in which rules meet real frames, for the process that asks for it.
 //
-//     in -> t0=t1 -> ingress rules of t1 -> e0: egress rules of e0 -> e1 -> out        copies and redirects: m0=m1 -> out
+//     in -> t0=t1 -> ingress rules of t1 -> e0: egress rules of e0 -> e1 -> out; copies and redirects: m0=m1 -> out
 //
 // A frame is followed by a marker on a way of its own: when the marker is through, the frame is, or never will be.
 #pragma once
 
 #include "plane/nftables/expressions.hpp"
 #include "plane/packet/interpreter.hpp"
+#include <functional>
 
 namespace plx::test {
 
@@ -17,7 +18,7 @@ class Testbed {
     static Testbed &get(); // made at the first call
 
     // Puts rules on one side, in the place of all those before; an errno's text, "" when they are in force.
-    std::string load(std::span<const plane::packet::Rule> rules, bool egress);
+    std::string load(std::span<const plane::packet::Rule> rules, bool egress) const;
 
     struct Seen {
         std::vector<std::vector<uint8_t>> passed, copied; // frames at e1, at m1
@@ -28,11 +29,14 @@ class Testbed {
                                   const Seen &seen);
     // How often each rule was hit, in order.
     std::vector<uint64_t> hits(bool egress);
+    // One rule, which looks up its verdict in a map that nft(8) makes of the text; an error's text or "".
+    std::string load_map(const plane::packet::Shape &shape, const std::string &map) const;
     // What nft(8) says of everything, as text or JSON; its error when it fails.
     std::string listing(bool json);
 
   private:
     Testbed();
+    std::string load(const std::function<void(std::vector<uint8_t> &)> &fill) const;
     std::string commit(const std::vector<uint8_t> &batch) const;
     int netlink_, in_, marker_, passed_, copied_;
     uint32_t sequence_ = 0;
