@@ -4,11 +4,11 @@
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
 // Changes are taken from notifications and gathered until the loop has delivered what it had, and for as long as the
-// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be missing -
-// at the start, when the store says so, when a commit ends, after a failed call, when the plane lost something - the node
-// reads the tables and makes only what differs (compare). A request is answered once, however often it is seen. What the
-// node wrote about an entry goes with it; what is left of entries that went while no node was there is looked for at the
-// start.
+// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be missing
+// - at the start, when the store says so, when a commit ends, after a failed call, when the plane lost something - the
+// node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
+// What the node wrote about an entry goes with it; what is left of entries that went while no node was there is looked
+// for at the start.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
 // are compared. How answers reach the store is in outbox.hpp.

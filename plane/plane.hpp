@@ -48,8 +48,8 @@ class Plane {
     // What is programmed: a plane may have outlived the node that programmed it.
     virtual std::map<Key, Installed> installed() const = 0;
 
-    // Hits of programmed entries since they were first programmed, as many as are read at one go: each call goes on where
-    // the last one ended. None: all have been read, and the next call begins again.
+    // Hits of programmed entries since they were first programmed, as many as are read at one go: each call goes on
+    // where the last one ended. None: all have been read, and the next call begins again.
     virtual std::vector<std::pair<AceKey, Counters>> counters() = 0;
 
     // A descriptor that becomes readable when something happened that may change what is in force; -1 for none.

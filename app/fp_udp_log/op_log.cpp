@@ -1,9 +1,9 @@
 // The operation log: one line per ACL, ACE and apply operation, in two files per process that take turns at 5 MiB.
 //
 // Kept only while FP_UDP_DEBUG_OP_LOG is set. No descriptor is held between records: one takes eight system calls. The
-// directory is under /tmp, where anybody may plant something: no link on the way to a file is followed, both folders are
-// this user's or root's, and nothing is written to or emptied but a file of this user's that has no other name. Failures
-// are reported and drop the record, never the operation.
+// directory is under /tmp, where anybody may plant something: no link on the way to a file is followed, both folders
+// are this user's or root's, and nothing is written to or emptied but a file of this user's that has no other name.
+// Failures are reported and drop the record, never the operation.
 #include "../fp_udp_dbg/channel/channel.hpp"
 #include "../fp_udp_dbg/channel/proc_name.hpp"
 

@@ -1,7 +1,7 @@
 // One transaction: what it makes of the model, and the messages that make the same of the kernel.
 //
-// It is filled with changes, written as a batch, and taken into the model once the kernel has taken the batch. Dropped, it
-// leaves no trace.
+// It is filled with changes, written as a batch, and taken into the model once the kernel has taken the batch. Dropped,
+// it leaves no trace.
 #pragma once
 
 #include "plane/nftables/expressions.hpp"

@@ -1,8 +1,8 @@
 // Talking to the kernel's nf_tables: a socket, batches of messages, dumps, and the walk over a message's attributes.
 //
-// A batch is one transaction: the kernel takes all of its messages or none, and tells which of them it refused. It works
-// inside of the call that sends, so that all replies are there when that call returns. What the kernel sends is checked
-// before it is believed: lengths, types and texts.
+// A batch is one transaction: the kernel takes all of its messages or none, and tells which of them it refused. It
+// works inside of the call that sends, so that all replies are there when that call returns. What the kernel sends is
+// checked before it is believed: lengths, types and texts.
 #pragma once
 
 #include <netinet/in.h> // before the kernel's headers, which then leave out what it has
@@ -69,8 +69,8 @@ class Batch {
   public:
     Batch();
 
-    // A message of nf_tables (NFT_MSG_*) about the netdev family, with room for `message_room` bytes in all. It is valid
-    // until the next. `owner` tells whom a failure of the message concerns.
+    // A message of nf_tables (NFT_MSG_*) about the netdev family, with room for `message_room` bytes in all. It is
+    // valid until the next. `owner` tells whom a failure of the message concerns.
     nlmsghdr *add(uint16_t type, uint16_t flags, size_t owner);
     void take_back(); // the last one added
     size_t size() const { return owners_.size() - 1; }

@@ -10,7 +10,8 @@ namespace plx::plane::nftables {
 
 namespace {
 
-// Changes whenever the same entry gives other rules than in the version before: a table of an older node is then made anew.
+// Changes whenever the same entry gives other rules than in the version before: a table of an older node is then made
+// anew.
 constexpr uint32_t revision = 1;
 
 class Digest {

@@ -1,12 +1,12 @@
 // A forwarding plane in the Linux kernel: nf_tables chains on the ingress and egress hooks of network interfaces.
 //
-// Each node has a table of the netdev family to itself. An apply is a base chain on its port's interface, which jumps to
-// the head chain of the ACL; the head jumps to pages of the ACL's entries in order (pages.hpp). So an accepted frame has
-// passed one ACL, and the next apply's chain still judges it; a dropped one is gone. What the kernel has is what is in
-// force, whether a node runs or not: each rule carries what it was made for (tags.hpp), and start() takes it up.
+// Each node has a table of the netdev family to itself. An apply is a base chain on its port's interface, which jumps
+// to the head chain of the ACL; the head jumps to pages of the ACL's entries in order (pages.hpp). So an accepted frame
+// has passed one ACL, and the next apply's chain still judges it; a dropped one is gone. What the kernel has is what is
+// in force, whether a node runs or not: each rule carries what it was made for (tags.hpp), and start() takes it up.
 //
-// One transaction makes the changes of one call of program() (draft.hpp). The kernel tells which messages it refused: the
-// changes that they belong to are left out, and the rest is sent again.
+// One transaction makes the changes of one call of program() (draft.hpp). The kernel tells which messages it refused:
+// the changes that they belong to are left out, and the rest is sent again.
 #pragma once
 
 #include "plane/nftables/draft.hpp"
@@ -30,7 +30,8 @@ class NftablesPlane final : public Plane {
 
     NftablesPlane(NftablesOptions options, Log log);
 
-    // Takes the table up, or makes it. 0 or an errno: EPERM without CAP_NET_ADMIN, or when another process has the table.
+    // Takes the table up, or makes it. 0 or an errno: EPERM without CAP_NET_ADMIN, or when another process has the
+    // table.
     int start();
 
     // Other interfaces for the ports, from the next look() on.

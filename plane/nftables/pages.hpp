@@ -1,8 +1,8 @@
 // An ACL's entries in the order in which they judge, cut into pages: chains of the kernel, which walks a chain from its
 // head for every insertion, removal and piece of a dump.
 //
-// Nothing here knows the kernel. What is in force is never changed in place: arrange() makes the pages as they are to be
-// beside those that are, so that a change that the kernel refuses leaves no trace.
+// Nothing here knows the kernel. What is in force is never changed in place: arrange() makes the pages as they are to
+// be beside those that are, so that a change that the kernel refuses leaves no trace.
 #pragma once
 
 #include <compare>

@@ -1,5 +1,5 @@
-// The messages of nf_tables that the plane is made of, for one table of the netdev family: adding to a batch, and reading
-// what is there.
+// The messages of nf_tables that the plane is made of, for one table of the netdev family: adding to a batch, and
+// reading what is there.
 #pragma once
 
 #include "plane/nftables/netlink.hpp"

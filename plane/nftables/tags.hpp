@@ -1,7 +1,7 @@
 // How the plane's chains are called, and what its rules carry with them: enough to take up a table whose node is gone.
 //
-// A rule's user data has a comment, which nft(8) shows ("edge_filter/10/20"), and a tag of ours behind it. User data comes
-// from the kernel, where anybody may have put it: a tag that is not whole is none.
+// A rule's user data has a comment, which nft(8) shows ("edge_filter/10/20"), and a tag of ours behind it. User data
+// comes from the kernel, where anybody may have put it: a tag that is not whole is none.
 #pragma once
 
 #include "records/record.hpp"

@@ -8,8 +8,8 @@
 // 4. What a feed cannot have (a gap, another history) is told to delivery as lost, and the feed goes on from where the
 //    log stands.
 // 5. A table that cannot be read is set aside, and looked at again until it can.
-// 6. How far each table was read is told to the store now and then, so that its log is kept from there on; no longer than
-//    a while without being told again.
+// 6. How far each table was read is told to the store now and then, so that its log is kept from there on; no longer
+//    than a while without being told again.
 //
 // Asks its own questions on the connection for calls. Knows neither the connection that waits for changes nor a clock.
 #ifndef TQ_MOM_REDIS_FOLLOWER_HPP

@@ -75,9 +75,9 @@ local any = #redis.call('ZRANGEBYLEX', KEYS[3], ARGV[4], ARGV[5], 'LIMIT', 0, 1)
 return {redis.call('HGET', meta, 'epoch'), gen, mark, stamp, any}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, 'replace' or 'merge', the table's fields where each record has all that the client knows of, the number that the first change is likely to
-// get ('' where the stamp is the generation), then of each record: key, fields joined, how many fields, and their
-// numbers and bytes in turn.
+// KEYS index, log, meta, then each record; ARGV writer, 'replace' or 'merge', the table's fields where each record has
+// all that the client knows of, the number that the first change is likely to get ('' where the stamp is the
+// generation), then of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
 // A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
 // fields that it keeps, too. A record stamped with a number that its change did not get is stamped again. A new record

@@ -1,5 +1,5 @@
-// Ends an event loop when the process is asked to: SIGINT and SIGTERM, taken from the loop instead of by a handler. SIGHUP
-// too, for those who do something on it.
+// Ends an event loop when the process is asked to: SIGINT and SIGTERM, taken from the loop instead of by a handler.
+// SIGHUP too, for those who do something on it.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,8 @@ namespace plx::tool {
 
 class StopOnSignal {
   public:
-    // From here on the two signals only stop the loop, which outlives this object; SIGHUP calls `again`, if there is one.
+    // From here on the two signals only stop the loop, which outlives this object; SIGHUP calls `again`, if there is
+    // one.
     explicit StopOnSignal(tq_thread_master *master, std::function<void()> again = nullptr);
     ~StopOnSignal();
     StopOnSignal(const StopOnSignal &) = delete;
