@@ -112,6 +112,7 @@ class Kernel : public testing::Test {
             const Outcome outcome = interpret(compiled.rules, frame);
             for (const size_t at : outcome.matched)
                 hits[at] += compiled.rules[at].counted ? 1 : 0;
+            shared_ += std::count(outcome.done.begin(), outcome.done.end(), Action(CountOn{7}));
             matched_ += outcome.matched.empty() ? 0 : 1;
             EXPECT_EQ("", Testbed::difference(frame, outcome, Testbed::get().send(frame))) << text_;
             frame = any_frame(egress);
@@ -146,6 +147,7 @@ class Kernel : public testing::Test {
     std::string text_; // of the last frame
     std::vector<Rule> all_;
     size_t matched_ = 0;
+    std::ptrdiff_t shared_ = 0; // hits on the shared counter
 };
 
 // The entries of all transcripts.
@@ -205,6 +207,50 @@ TEST(Names, that_the_operator_ignores_are_left_out)
     EXPECT_EQ(compile(test::entry_of("etype=arp"), config).rules, compiled.rules);
 }
 
+Requested any_field(std::mt19937 &random, const Config &config)
+{
+    Requested field;
+    while (field.value.empty()) {
+        const Form &form = forms()[random() % forms().size()];
+        // The port of VXLAN tells the other fields where to look.
+        if (form.cls == FP_UDP_ATTR_FIELD && supports(form, config) && form.name != "vxlan_udp_port")
+            test::push(field, form, any_value(random, form));
+    }
+    return field;
+}
+
+// Whatever is left out of the tests of two fields, and whatever is taken for a contradiction.
+TEST(Entry, matches_what_each_of_its_fields_matches)
+{
+    std::mt19937 random(static_cast<uint32_t>(from_environment("PLX_SEED", 1)));
+    Config config = test::configuration();
+    config.double_tagged = false; // behind two tags, fields are elsewhere
+    size_t both = 0, contradictions = 0;
+    for (size_t round = 0; round < 2000; ++round) {
+        const std::string text = test::any_frame(random);
+        const Frame frame{.bytes = test::frame_of(text), .input = "t1", .output = "e0", .mark = 1};
+        const auto hit = [&frame](const Compiled &by) { return !interpret(by.rules, frame).matched.empty(); };
+        Requested entry;
+        bool all = true;
+        for (size_t left = 2; left > 0; --left) {
+            Requested field;
+            Compiled alone;
+            for (size_t tries = random() % 2 == 0 ? 1 : 40; tries > 0 && !hit(alone); --tries) {
+                field = any_field(random, config);
+                alone = compile(field, config);
+            }
+            entry.value.insert(entry.value.end(), field.value.begin(), field.value.end());
+            all = all && hit(alone);
+        }
+        const Compiled compiled = compile(entry, config);
+        contradictions += compiled.status == Status::contradiction ? 1 : 0;
+        both += all ? 1 : 0;
+        ASSERT_EQ(all, hit(compiled)) << test::text_of(entry) << compiled.text << '\n' << text;
+    }
+    EXPECT_GT(both, 100U);
+    EXPECT_GT(contradictions, 100U);
+}
+
 TEST_F(Kernel, lists_every_entry_of_the_transcripts)
 {
     for (const std::string &entry : known_entries()) {
@@ -223,6 +269,7 @@ TEST_F(Kernel, does_what_the_interpreter_says)
         compare(random_() % 4 == 0);
     }
     EXPECT_GT(matched_, rounds);
+    EXPECT_THAT(Testbed::get().shared_counters(), testing::HasSubstr("packets " + std::to_string(shared_) + ' '));
     expect_listing();
 }
 

@@ -4,14 +4,10 @@
 #include "plane/packet/compile.hpp"
 #include <arpa/inet.h>
 #include <cstring>
-#include <endian.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
 #include <linux/if_packet.h>
-#include <linux/netfilter.h>
-#include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_log.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <poll.h>
@@ -151,63 +147,72 @@ class Names : public Interfaces {
     std::optional<uint32_t> index_of(const std::string &name) const override { return if_nametoindex(name.c_str()); }
 };
 
-constexpr size_t message_room = rule_expressions_max + 256;
-
-// One more message at the end of a batch.
-nlmsghdr *put_message(std::vector<uint8_t> &batch, uint16_t type, uint16_t flags, uint8_t family)
+nlmsghdr *put_rule(Batch &batch, uint16_t type, uint16_t flags, bool egress)
 {
-    const size_t at = batch.size();
-    batch.resize(at + message_room);
-    nlmsghdr *message = mnl_nlmsg_put_header(&batch[at]);
-    message->nlmsg_type = type;
-    message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-    auto *general = static_cast<nfgenmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
-    general->nfgen_family = family;
-    general->res_id = htons(family == AF_UNSPEC ? NFNL_SUBSYS_NFTABLES : 0);
+    nlmsghdr *message = batch.add(type, flags, 0);
+    put_text(message, NFTA_RULE_TABLE, "probe");
+    put_text(message, NFTA_RULE_CHAIN, egress ? "out" : "in");
     return message;
 }
 
-nlmsghdr *put_rule(std::vector<uint8_t> &batch, uint16_t type, uint16_t flags, bool egress)
+// A batch that begins with the removal of all rules.
+Batch without_rules()
 {
-    nlmsghdr *message =
-        put_message(batch, static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | type), flags, NFPROTO_NETDEV);
-    mnl_attr_put_strz(message, NFTA_RULE_TABLE, "probe");
-    mnl_attr_put_strz(message, NFTA_RULE_CHAIN, egress ? "out" : "in");
-    return message;
-}
-
-void end_message(std::vector<uint8_t> &batch, const nlmsghdr *message)
-{
-    const auto begin = static_cast<size_t>(reinterpret_cast<const uint8_t *>(message) - batch.data());
-    batch.resize(begin + MNL_ALIGN(message->nlmsg_len));
-}
-
-const nlattr *attribute(const nlattr *nest, uint16_t type)
-{
-    const auto *at = static_cast<const nlattr *>(mnl_attr_get_payload(nest));
-    const auto *end = reinterpret_cast<const char *>(at) + mnl_attr_get_payload_len(nest);
-    for (; mnl_attr_ok(at, static_cast<int>(end - reinterpret_cast<const char *>(at))); at = mnl_attr_next(at)) {
-        if (mnl_attr_get_type(at) == type)
-            return at;
-    }
-    return nullptr;
+    Batch batch;
+    for (const bool out : {false, true})
+        put_rule(batch, NFT_MSG_DELRULE, 0, out);
+    return batch;
 }
 
 // The packets of a dumped rule's counter.
-uint64_t packets_of(const nlmsghdr *rule)
+uint64_t packets_of(const nlmsghdr &rule)
 {
-    const auto *at = static_cast<const nlattr *>(mnl_nlmsg_get_payload_offset(rule, sizeof(nfgenmsg)));
-    const auto *end = static_cast<const char *>(mnl_nlmsg_get_payload_tail(rule));
-    while (mnl_attr_get_type(at) != NFTA_RULE_EXPRESSIONS)
-        at = mnl_attr_next(at);
-    end = reinterpret_cast<const char *>(at) + at->nla_len;
-    const auto *expression = static_cast<const nlattr *>(mnl_attr_get_payload(at));
-    for (; mnl_attr_ok(expression, static_cast<int>(end - reinterpret_cast<const char *>(expression)));
-         expression = mnl_attr_next(expression)) {
-        if (strcmp(mnl_attr_get_str(attribute(expression, NFTA_EXPR_NAME)), "counter") == 0)
-            return be64toh(mnl_attr_get_u64(attribute(attribute(expression, NFTA_EXPR_DATA), NFTA_COUNTER_PACKETS)));
+    uint64_t packets = 0;
+    for_each(Attributes(rule, nfgen_size)[NFTA_RULE_EXPRESSIONS], [&packets](const nlattr *nest) {
+        const Attributes expression(nest);
+        if (expression.text(NFTA_EXPR_NAME) == "counter")
+            packets = Attributes(expression[NFTA_EXPR_DATA]).number64(NFTA_COUNTER_PACKETS);
+    });
+    return packets;
+}
+
+// A socket that hears what goes to the log groups of configuration() and the transcripts.
+int log_socket()
+{
+    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER);
+    for (const uint16_t group : {uint16_t{3}, uint16_t{4}, uint16_t{9}}) {
+        for (const bool bind : {true, false}) {
+            alignas(nlmsghdr) char buffer[256];
+            nlmsghdr *message = mnl_nlmsg_put_header(buffer);
+            message->nlmsg_type = NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_CONFIG;
+            message->nlmsg_flags = NLM_F_REQUEST;
+            auto *general = static_cast<nfgenmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
+            general->res_id = htons(group);
+            const uint8_t command = NFULNL_CFG_CMD_BIND;
+            if (bind)
+                mnl_attr_put(message, NFULA_CFG_CMD, 1, &command);
+            else
+                mnl_attr_put_u32(message, NFULA_CFG_QTHRESH, htonl(1)); // every packet at once
+            EXPECT_LT(0, ::send(fd, message, message->nlmsg_len, 0)) << strerror(errno);
+        }
     }
-    return 0;
+    return fd;
+}
+
+// The groups that packets went to, in order.
+std::vector<uint16_t> drain_logs(int fd)
+{
+    std::vector<uint16_t> groups;
+    alignas(nlmsghdr) char buffer[1 << 16];
+    for (ssize_t size = 0; (size = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        int left = static_cast<int>(size);
+        for (const auto *message = reinterpret_cast<nlmsghdr *>(buffer); mnl_nlmsg_ok(message, left);
+             message = mnl_nlmsg_next(message, &left)) {
+            if (message->nlmsg_type == (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET))
+                groups.push_back(ntohs(static_cast<const nfgenmsg *>(mnl_nlmsg_get_payload(message))->res_id));
+        }
+    }
+    return groups;
 }
 
 // The frame as the last rules let it out: its priority is told in its source address.
@@ -240,15 +245,19 @@ std::string Testbed::difference(const Frame &frame, const packet::Outcome &outco
     for (const Action &action : outcome.done) {
         if (std::holds_alternative<Copy>(action))
             expected.copied.push_back(frame.bytes);
+        if (const auto *log = std::get_if<Log>(&action))
+            expected.logged.push_back(log->group);
     }
     if (outcome.verdict == Verdict::redirect)
         expected.copied.push_back(outcome.bytes);
     if (outcome.verdict == Verdict::accept || outcome.verdict == Verdict::next)
         expected.passed.push_back(let_out(outcome.bytes, ingress ? outcome.priority : 0));
-    if (expected.passed == seen.passed && expected.copied == seen.copied)
+    if (expected.passed == seen.passed && expected.copied == seen.copied && expected.logged == seen.logged)
         return {};
     return text_of("expected to pass:", expected.passed) + text_of("passed:", seen.passed) +
-           text_of("expected copies:", expected.copied) + text_of("copies:", seen.copied);
+           text_of("expected copies:", expected.copied) + text_of("copies:", seen.copied) +
+           "logs: " + std::to_string(expected.logged.size()) + " expected, " + std::to_string(seen.logged.size()) +
+           " came";
 }
 
 const std::string &Testbed::missing()
@@ -264,59 +273,36 @@ Testbed &Testbed::get()
 }
 
 Testbed::Testbed()
-    : netlink_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER)), in_(packet_socket("t0")),
-      marker_(packet_socket("k1")), passed_(packet_socket("e1")), copied_(packet_socket("m1"))
+    : in_(packet_socket("t0")), marker_(packet_socket("k1")), passed_(packet_socket("e1")),
+      copied_(packet_socket("m1")), logged_(log_socket())
 {
-    const int room = 1 << 24;
-    EXPECT_EQ(0, setsockopt(netlink_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room));
+    EXPECT_EQ(0, netlink_.open(NETLINK_NETFILTER));
 }
 
-// The beginning and the end of a batch, and both lists without rules; what comes between is the caller's.
-std::string Testbed::load(const std::function<void(std::vector<uint8_t> &)> &fill) const
+std::string Testbed::commit(Batch &batch)
 {
-    std::vector<uint8_t> batch;
-    end_message(batch, put_message(batch, NFNL_MSG_BATCH_BEGIN, 0, AF_UNSPEC));
-    for (const bool out : {false, true})
-        end_message(batch, put_rule(batch, NFT_MSG_DELRULE, 0, out));
-    fill(batch);
-    end_message(batch, put_message(batch, NFNL_MSG_BATCH_END, 0, AF_UNSPEC));
+    const auto outcome = netlink_.commit(batch);
+    return outcome.errors.empty() ? "" : strerror(outcome.errors.begin()->second);
+}
+
+std::string Testbed::load(std::span<const Rule> rules, bool egress)
+{
+    Batch batch = without_rules();
+    for (const Rule &rule : rules) {
+        nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, egress);
+        EXPECT_TRUE(put_rule_expressions(message, Batch::message_room, rule, Names(), {}));
+    }
     return commit(batch);
 }
 
-std::string Testbed::load(std::span<const Rule> rules, bool egress) const
-{
-    return load([&](std::vector<uint8_t> &batch) {
-        for (const Rule &rule : rules) {
-            nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, egress);
-            EXPECT_TRUE(put_rule_expressions(message, message_room, rule, Names(), {}));
-            end_message(batch, message);
-        }
-    });
-}
-
-std::string Testbed::load_map(const Shape &shape, const std::string &map) const
+std::string Testbed::load_map(const Shape &shape, const std::string &map)
 {
     if (const std::string said = output_of("echo '" + map + "' | nft -f -"); !said.empty())
         return said;
-    return load([&](std::vector<uint8_t> &batch) {
-        nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, false);
-        EXPECT_TRUE(put_lookup_expressions(message, message_room, shape, "verdicts"));
-        end_message(batch, message);
-    });
-}
-
-// The kernel works while it is sent to, and answers only what it refuses.
-std::string Testbed::commit(const std::vector<uint8_t> &batch) const
-{
-    if (::send(netlink_, batch.data(), batch.size(), 0) < 0)
-        return strerror(errno);
-    std::string refusal;
-    alignas(nlmsghdr) char buffer[1 << 16];
-    while (recv(netlink_, buffer, sizeof buffer, MSG_DONTWAIT) > 0) {
-        const auto *error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(reinterpret_cast<nlmsghdr *>(buffer)));
-        refusal = strerror(-error->error);
-    }
-    return refusal;
+    Batch batch = without_rules();
+    nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, false);
+    EXPECT_TRUE(put_lookup_expressions(message, Batch::message_room, shape, "verdicts"));
+    return commit(batch);
 }
 
 Testbed::Seen Testbed::send(const Frame &frame)
@@ -337,26 +323,23 @@ Testbed::Seen Testbed::send(const Frame &frame)
             return {};
         }
     }
-    return {drain(passed_), drain(copied_)};
+    return {drain(passed_), drain(copied_), drain_logs(logged_)};
 }
 
 std::vector<uint64_t> Testbed::hits(bool egress)
 {
     std::vector<uint64_t> all;
     std::vector<uint8_t> request;
-    end_message(request, put_rule(request, NFT_MSG_GETRULE, NLM_F_DUMP, egress));
-    EXPECT_LT(0, ::send(netlink_, request.data(), request.size(), 0));
-    alignas(nlmsghdr) char buffer[1 << 16];
-    for (bool done = false; !done;) {
-        int left = static_cast<int>(recv(netlink_, buffer, sizeof buffer, 0));
-        for (const auto *message = reinterpret_cast<nlmsghdr *>(buffer); mnl_nlmsg_ok(message, left);
-             message = mnl_nlmsg_next(message, &left)) {
-            done = done || message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR;
-            if (!done)
-                all.push_back(packets_of(message));
-        }
-    }
+    nlmsghdr *message = begin_request(request, NFT_MSG_GETRULE, NLM_F_DUMP);
+    put_text(message, NFTA_RULE_TABLE, "probe");
+    put_text(message, NFTA_RULE_CHAIN, egress ? "out" : "in");
+    EXPECT_EQ(0, netlink_.ask(request, [&all](const nlmsghdr &rule) { all.push_back(packets_of(rule)); }));
     return all;
+}
+
+std::string Testbed::shared_counters()
+{
+    return output_of("nft list counters");
 }
 
 std::string Testbed::listing(bool json)

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "plane/nftables/expressions.hpp"
+#include "plane/nftables/netlink.hpp"
 #include "plane/packet/interpreter.hpp"
-#include <functional>
 
 namespace plx::test {
 
@@ -18,10 +18,11 @@ class Testbed {
     static Testbed &get(); // made at the first call
 
     // Puts rules on one side, in the place of all those before; an errno's text, "" when they are in force.
-    std::string load(std::span<const plane::packet::Rule> rules, bool egress) const;
+    std::string load(std::span<const plane::packet::Rule> rules, bool egress);
 
     struct Seen {
         std::vector<std::vector<uint8_t>> passed, copied; // frames at e1, at m1
+        std::vector<uint16_t> logged;                     // groups that were given a copy
     };
     Seen send(const plane::packet::Frame &frame);
     // What of it the interpreter told differently; "" when nothing.
@@ -30,15 +31,16 @@ class Testbed {
     // How often each rule was hit, in order.
     std::vector<uint64_t> hits(bool egress);
     // One rule, which looks up its verdict in a map that nft(8) makes of the text; an error's text or "".
-    std::string load_map(const plane::packet::Shape &shape, const std::string &map) const;
+    std::string load_map(const plane::packet::Shape &shape, const std::string &map);
+    std::string shared_counters(); // as nft(8) lists them
     // What nft(8) says of everything, as text or JSON; its error when it fails.
     std::string listing(bool json);
 
   private:
     Testbed();
-    std::string load(const std::function<void(std::vector<uint8_t> &)> &fill) const;
-    std::string commit(const std::vector<uint8_t> &batch) const;
-    int netlink_, in_, marker_, passed_, copied_;
+    std::string commit(plane::nftables::Batch &batch);
+    plane::nftables::Netlink netlink_;
+    int in_, marker_, passed_, copied_, logged_;
     uint32_t sequence_ = 0;
 };
 
