@@ -137,8 +137,10 @@ int redis_connection::parse()
     return reply == nullptr ? 0 : 1;
 }
 
+// As long as something comes the time begins anew, ten times at most: a page takes its time over a thin line.
 int redis_connection::receive(size_t count, steady_time deadline, size_t &complete, size_t limit)
 {
+    const auto last = deadline + 9 * timeout_;
     for (complete = 0; complete < count;) {
         const int parsed = parse();
         if (parsed < 0)
@@ -151,6 +153,7 @@ int redis_connection::receive(size_t count, steady_time deadline, size_t &comple
         const int waited = await_input(deadline);
         if (waited != TQ_MOM_OK)
             return waited;
+        deadline = std::max(deadline, std::min(last, steady_clock::now() + timeout_));
     }
     return TQ_MOM_OK;
 }

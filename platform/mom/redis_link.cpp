@@ -21,6 +21,7 @@ namespace {
 using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
+constexpr std::chrono::milliseconds longest_standstill{60'000};
 constexpr std::chrono::milliseconds idle{2};
 
 // The value of a line "name:value" of an INFO answer.
@@ -69,7 +70,7 @@ int redis_link::ensure()
         return last_failure_;
     int result = TQ_MOM_OK;
     connection_ = open(result);
-    note(result);
+    note(result, std::chrono::ceil<std::chrono::milliseconds>(steady_clock::now() - now));
     if (connection_ == nullptr)
         return result;
     ++generation_;
@@ -83,7 +84,9 @@ std::chrono::milliseconds redis_link::pause() const
     return std::max(left, std::chrono::milliseconds{0});
 }
 
-void redis_link::note(int result)
+// An attempt may stand still, over a name that nobody answers for or a server that is cut off: nine times as long is
+// left to the application.
+void redis_link::note(int result, std::chrono::milliseconds took)
 {
     if (result == TQ_MOM_OK) {
         back_off_ = std::chrono::milliseconds{0};
@@ -92,7 +95,7 @@ void redis_link::note(int result)
     }
     last_failure_ = result;
     back_off_ = std::clamp(back_off_ * 2, shortest_pause, longest_pause);
-    next_attempt_ = steady_clock::now() + back_off_;
+    next_attempt_ = steady_clock::now() + std::max(back_off_, std::min(9 * took, longest_standstill));
 }
 
 int redis_link::exchange(const command_buffer &commands)

@@ -3,7 +3,7 @@
 // 1. ensure() makes the connection that calls use, where there is none, or none any more; it logs in, and warns once of
 //    what an operator should know. generation() tells connections apart: what was read on one may not hold on the next.
 // 2. Calls are exchanges, or sent and received separately. A failed one drops the connection.
-// 3. While the server is away, attempts are paced (50 ms doubling to 2 s) and everything in between fails at once with
+// 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and everything in between fails at once with
 //    the reason of the last attempt.
 // 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master.
 //
@@ -66,7 +66,7 @@ class redis_link {
     [[nodiscard]] int log_in(redis_connection &connection);
     [[nodiscard]] bool read_password(std::string &password) const;
     [[nodiscard]] bool serves_strangers() const;
-    void note(int result);
+    void note(int result, std::chrono::milliseconds took);
     void warn_about_server();
 
     store_url url_;
