@@ -14,6 +14,8 @@ namespace {
 // anew.
 constexpr uint32_t revision = 1;
 
+constexpr size_t most_told = 20; // refusals of one call, in the log
+
 class Digest {
   public:
     void add(uint64_t number)
@@ -237,10 +239,17 @@ std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
     judge_together(changes, judged);
     commit(changes, judged);
     std::vector<Answer> answers(changes.size());
+    size_t refused = 0;
     for (size_t i = 0; i < changes.size(); ++i) {
         answers[i].status = judged[i].status;
-        note(changes[i].key, judged[i]);
+        waiting_.erase(changes[i].key);
+        if (judged[i].status != Status::ok && ++refused <= most_told)
+            tell(changes[i].key, judged[i]);
+        if (judged[i].status == Status::no_interface || judged[i].status == Status::out_of_range)
+            waiting_.insert(changes[i].key);
     }
+    if (refused > most_told)
+        log_("and " + std::to_string(refused - most_told) + " more were refused");
     return answers;
 }
 
@@ -312,14 +321,10 @@ void NftablesPlane::reread()
     model_ = std::move(model);
 }
 
-void NftablesPlane::note(const Key &key, const Judged &judged)
+void NftablesPlane::tell(const Key &key, const Judged &judged) const
 {
-    waiting_.erase(key);
-    if (judged.status == Status::no_interface || judged.status == Status::out_of_range)
-        waiting_.insert(key);
-    if (judged.status != Status::ok)
-        log_(shown(key) + ": " + std::string(status_text(static_cast<int32_t>(judged.status))) +
-             (judged.text.empty() ? "" : ": " + judged.text));
+    const std::string_view status = status_text(static_cast<int32_t>(judged.status));
+    log_(shown(key) + ": " + std::string(status) + (judged.text.empty() ? "" : ": " + judged.text));
 }
 
 // ---- looking --------------------------------------------------------------------------------------------------------

@@ -61,7 +61,7 @@ class NftablesPlane final : public Plane {
     void commit(std::span<const Change> changes, std::vector<Judged> &judged);
     void refuse(Judged &judged, const Key &key, int error) const;
     void reread();
-    void note(const Key &key, const Judged &judged);
+    void tell(const Key &key, const Judged &judged) const;
 
     std::map<std::string, uint32_t> named_interfaces() const;
     std::string interface_of(const Key &key) const; // "" of a port that is not here
