@@ -219,10 +219,11 @@ void put_number(Attributes &out, uint32_t number)
 
 void put_verdict(Attributes &out, uint32_t code)
 {
+    const auto put_code = [&] { out.number(NFTA_VERDICT_CODE, code); };
+    const auto put_data = [&] { out.nest(NFTA_DATA_VERDICT, put_code); };
     out.expression("immediate", [&] {
         out.number(NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
-        out.nest(NFTA_IMMEDIATE_DATA,
-                 [&] { out.nest(NFTA_DATA_VERDICT, [&] { out.number(NFTA_VERDICT_CODE, code); }); });
+        out.nest(NFTA_IMMEDIATE_DATA, put_data);
     });
 }
 

@@ -148,7 +148,7 @@ Refusal Deeds::take_deed(Deed deed, const Form &form, uint64_t value)
         return take_port(form, number, redirect_);
     if (deed == Deed::mirror) {
         Copy copy;
-        const Refusal refusal = take_port(form, number, copy.interface);
+        Refusal refusal = take_port(form, number, copy.interface);
         actions_.emplace_back(std::move(copy));
         return refusal;
     }
@@ -275,8 +275,8 @@ bool Deeds::append_variant(const Kinds &kinds, const std::vector<Sought> &tests,
         const Change &change = changes_.at(kind);
         std::vector<Test> guard;
         add_guard(kind, guard);
-        for (Test &test : guard)
-            sought.push_back({std::move(test), change.by});
+        for (const Test &test : guard)
+            sought.push_back({test, change.by});
         seek_presence(change.proof, change.by, sought);
         append_write(kind, change.write, rule.actions);
     }

@@ -111,7 +111,7 @@ class Compiler {
     {
         std::vector<Test> guard;
         add_guard(field.guard, guard);
-        add(std::move(guard), value.form);
+        add(guard, value.form);
         if (field.guard >= Guard::vxlan && field.guard <= Guard::vxlan_tag_ports)
             vxlan_ = &value.form;
         switch (field.meaning) {
@@ -165,7 +165,7 @@ class Compiler {
         Test test{.source = source, .relation = Relation::within, .value = first, .last = last};
         if (first == last)
             test = {.source = source, .value = first};
-        add({std::move(test)}, value.form);
+        add({test}, value.form);
         return {};
     }
 
@@ -225,15 +225,20 @@ class Compiler {
         return {};
     }
 
-    void add(std::vector<Test> tests, const Form &by)
+    void add(const std::vector<Test> &tests, const Form &by)
     {
         for (std::vector<Sought> &alternative : alternatives_) {
-            for (const Test &test : tests) {
-                const auto same = [&test](const Sought &sought) { return sought.test == test; };
-                if (std::none_of(alternative.begin(), alternative.end(), same))
-                    alternative.push_back({test, &by});
-            }
+            for (const Test &test : tests)
+                seek(test, by, alternative);
         }
+    }
+
+    // Once: a test may be in the guards of several attributes.
+    static void seek(const Test &test, const Form &by, std::vector<Sought> &alternative)
+    {
+        const auto same = [&test](const Sought &sought) { return sought.test == test; };
+        if (std::none_of(alternative.begin(), alternative.end(), same))
+            alternative.push_back({test, &by});
     }
 
     Compiled finish()
@@ -265,7 +270,7 @@ class Compiler {
             return {};
         }
         if (behind != alternative.end()) {
-            const Refusal refusal = look_behind_tags(alternative);
+            Refusal refusal = look_behind_tags(alternative);
             if (refusal.status != Status::ok)
                 return refusal;
         }
