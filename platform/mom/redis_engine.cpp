@@ -94,18 +94,10 @@ int redis_engine::know(redis_table &table, field_values fields)
     return table.covers(fields) ? TQ_MOM_OK : TQ_MOM_BAD_ANSWER;
 }
 
-// A busy disk holds up an answer now and then. Requested state may be written twice; an answer would count twice.
 int redis_engine::write(table_ref ref, std::string_view key, const encoded_fields &fields, write_mode mode)
 {
     reader_->meanwhile();
     auto &table = table_of(ref);
-    const int result = write_once(table, key, fields, mode);
-    const bool again = result == TQ_MOM_TIMEOUT && !batching_ && table.requested();
-    return again ? write_once(table, key, fields, mode) : result;
-}
-
-int redis_engine::write_once(redis_table &table, std::string_view key, const encoded_fields &fields, write_mode mode)
-{
     int result = calls_.ready_to_collect();
     result = result == TQ_MOM_OK ? know(table, fields.values) : result;
     if (result != TQ_MOM_OK)

@@ -54,8 +54,6 @@ class redis_engine final : public engine {
 
     redis_table &table_of(table_ref ref);
     [[nodiscard]] int know(redis_table &table, field_values fields);
-    [[nodiscard]] int write_once(redis_table &table, std::string_view key, const encoded_fields &fields,
-                                 write_mode mode);
     [[nodiscard]] int collected();
     void flush();
     [[nodiscard]] int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
