@@ -2,6 +2,8 @@
 // made is in node_changes.cpp.
 #include "plane/node.hpp"
 
+#include <algorithm>
+#include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <sys/time.h>
 #include <utility>
@@ -9,6 +11,10 @@
 namespace plx::plane {
 
 namespace {
+
+// Counters are read and published in turns: what a turn publishes is a part of what a second may.
+constexpr milliseconds counter_turn{100};
+constexpr uint32_t turns_per_second = 10;
 
 uint64_t wall_clock_ms()
 {
@@ -26,7 +32,8 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
               [this](const Key &key, uint64_t request) { return current(key, request); }),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),
-      counter_timer_(context_->master, [this] { publish_counters(); })
+      counter_timer_(context_->master, [this] { publish_counters(); }),
+      leftover_timer_(context_->master, [this] { clear_leftovers(); })
 {
 }
 
@@ -56,7 +63,9 @@ int Node::subscribe()
         const Record whole(*table.requested);
         result = tq_mom_subscribe(context_.get(), options_.db, whole.message(), 0, &Node::on_change, this);
     }
-    return result;
+    const Record calls(plx_node__node_call__descriptor);
+    return result != 0 ? result
+                       : tq_mom_subscribe(context_.get(), options_.db, calls.message(), 0, &Node::on_call, this);
 }
 
 // ---- notifications --------------------------------------------------------------------------------------------------
@@ -96,6 +105,17 @@ int32_t Node::on_marker(void *, const tq_mom_notification *notification, void *a
     return 0;
 }
 
+// Somebody asks who lives. Many may at a time: one sign of life is for all of them.
+int32_t Node::on_call(void *, const tq_mom_notification *notification, void *arg) noexcept
+{
+    constexpr milliseconds between_calls{100};
+    auto *self = static_cast<Node *>(arg);
+    const milliseconds beaten = self->next_beat_ - self->options_.heartbeat;
+    if (notification->event == TQ_MOM_EVENT_PUBLISHED)
+        self->heartbeat_timer_.start(std::max(beaten + between_calls - now(), milliseconds(0)));
+    return 0;
+}
+
 // ---- the plane ------------------------------------------------------------------------------------------------------
 
 void Node::watch_plane()
@@ -131,29 +151,51 @@ void Node::beat()
     if (tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
         tq_mom_state_get(context_.get(), options_.db, 0) == 0)
         tq_mom_set_sync(context_.get(), options_.db, record.message());
+    next_beat_ = now() + options_.heartbeat;
     heartbeat_timer_.start(options_.heartbeat);
 }
 
-// Publishes the counters that changed, as many as the plane reads at one go: work between two looks at the loop is
-// bounded, so that a node with a million entries still shows that it lives.
+// From inside a long walk, which keeps the timer from running.
+void Node::keep_beating()
+{
+    if (now() >= next_beat_)
+        beat();
+}
+
+// Publishes the counters that changed, so many in a turn: what the plane reads at one go may take several. A round ends
+// when all have been read, and the next begins after a pause.
 void Node::publish_counters()
 {
     outbox_.take_answers();
-    const std::vector<std::pair<AceKey, Counters>> read = plane_.counters();
-    std::vector<std::pair<Key, Counters>> sent;
-    tq_mom_batch_begin(context_.get());
-    for (const auto &[ace, counters] : read) {
-        const auto published = published_.find(ace);
-        const bool told = published != published_.end() && published->second == counters;
-        if (!told && entries_.contains(ace) && write(ace, counters) == 0)
-            sent.emplace_back(ace, counters);
+    if (read_.empty()) {
+        read_ = plane_.counters();
+        std::reverse(read_.begin(), read_.end()); // they are taken from the back
     }
+    const bool over = read_.empty();
+    const uint32_t most = std::max(options_.counter_rate / turns_per_second, 1U);
+    std::vector<Entry *> sent;
+    tq_mom_batch_begin(context_.get());
+    for (; !read_.empty() && sent.size() < most; read_.pop_back())
+        if (Entry *told = publish(read_.back().first, read_.back().second))
+            sent.push_back(told);
     std::vector<int> results(sent.size());
     tq_mom_batch_end(context_.get(), results.data(), static_cast<uint32_t>(results.size()));
     for (size_t i = 0; i < sent.size(); ++i)
-        if (results[i] == 0)
-            published_[sent[i].first] = sent[i].second;
-    counter_timer_.start(read.empty() ? options_.counters : milliseconds(0));
+        sent[i]->told = results[i] == 0; // else they are published again
+    counter_timer_.start(over ? options_.counters : std::min(counter_turn, options_.counters));
+}
+
+// The entry, where there was something to tell.
+Node::Entry *Node::publish(const AceKey &ace, const Counters &counters)
+{
+    const Key key(ace);
+    const auto known = entries_.find(key);
+    if (known == entries_.end() || (known->second.told && known->second.published == counters) ||
+        write(key, counters) != 0)
+        return nullptr;
+    known->second.published = counters;
+    known->second.counted = true;
+    return &known->second;
 }
 
 // The second pair of counters stays 0: no plane here counts twice.

@@ -1,14 +1,18 @@
-// A service node: it keeps a forwarding plane as the policy store asks, answers every request, and shows that it lives.
+// A service node: it keeps a forwarding plane as the policy store asks, answers every request, and shows that it
+// lives.
 //
 // The node owns its store context, and with it the subscriptions that call it; the plane is the caller's and may
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
 // Changes are taken from notifications and gathered until the loop has delivered what it had, and for as long as the
-// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be missing
-// - at the start, when the store says so, when a commit ends, after a failed call, when the plane lost something - the
-// node reads the tables and makes only what differs (compare). A request is answered once, however often it is seen.
-// What the node wrote about an entry goes with it; what is left of entries that went while no node was there is looked
-// for at the start.
+// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be
+// missing - at the start, when the store says so, when a commit ends, after a failed call, when the plane lost
+// something - the node reads the tables and makes only what differs (compare). A request is answered once, however
+// often it is seen. What the node wrote about an entry goes with it; what is left of entries that went while no node
+// was there is looked for a while after the start.
+//
+// Nothing that it does grows with the number of entries between two signs of life: long walks beat on their way, and
+// counters are published so many in a second, in turns.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
 // are compared. How answers reach the store is in outbox.hpp.
@@ -18,11 +22,12 @@
 #include "plane/outbox.hpp"
 #include "plane/plane.hpp"
 #include "records/host.hpp"
-#include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <tq_mom.h>
+#include <unordered_map>
 #include <vector>
 
 namespace plx::plane {
@@ -33,8 +38,10 @@ struct NodeOptions {
     uint32_t slot = 0;
     uint32_t id = 0;
     milliseconds heartbeat{5000}; // of the node's record: applications count a node out after 20 s without
-    milliseconds counters{10000}; // between two publications of the entries' counters
+    milliseconds counters{10000}; // between two publications of an entry's counters, at least
+    uint32_t counter_rate = 1000; // counters published in a second, at most: the rest follow in turn
     milliseconds retry{1000};     // after a failed store call
+    milliseconds leftovers{3000}; // after the first comparison: what is left of entries that went is looked for
 };
 
 class Node {
@@ -57,19 +64,29 @@ class Node {
     struct Entry {
         uint64_t request = 0;
         uint64_t fingerprint = 0;
+        Counters published{};
+        uint32_t seen = 0; // the last comparison that found it in the store
         Status status = Status::ok;
+        bool told = false;    // `published` is what its counter record holds
+        bool counted = false; // there may be such a record
     };
+    using Entries = std::unordered_map<Key, Entry, KeyHash>;
 
-    // The tables as the store has them, of one application or whole.
-    struct Snapshot {
-        std::map<Key, Requested> records;
-        std::set<size_t> unreadable; // tables in which a record could not be read: nothing of them is removed
-        size_t table = 0;            // the one that is being read
-        bool lacks(const Key &key) const { return !records.contains(key) && !unreadable.contains(key.index()); }
+    // A walk over the tables, of one application or whole.
+    struct Comparison {
+        Node *node;
+        const std::string *app;
+        uint32_t number;
+        bool from_nothing;             // no entry was known: what is found is made at once
+        size_t records = 0;            // that were read
+        size_t table = 0;              // the one that is being read
+        std::set<size_t> unreadable{}; // tables in which a record could not be read: nothing of them is removed
+        std::vector<Change> found{};   // that differ
     };
 
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
+    static int32_t on_call(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_leftover(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
 
@@ -77,13 +94,16 @@ class Node {
     void take_up_installed();
     void take_changes();
 
-    bool clear_leftovers(const Snapshot &snapshot);
+    void clear_leftovers();
+    bool is_leftover(const Key &key);
     void compare();
     bool compare(const std::string *app);
-    bool scan(const std::string *app, Snapshot &snapshot);
-    std::vector<Change> differences(const std::string *app, const Snapshot &snapshot);
+    bool scan(Comparison &comparison);
+    void find(Comparison &comparison, Change change);
+    std::vector<Change> removals(const Comparison &comparison);
     void drop_staged(std::vector<Change> &changes);
     void make(std::vector<Change> changes);
+    void program(std::span<const Change> changes, size_t step);
     bool needs_plane(const Change &change);
     void settle(const Change &change, const Answer &answer);
     bool current(const Key &key, uint64_t request) const;
@@ -91,21 +111,25 @@ class Node {
     void watch_plane();
 
     void beat();
+    void keep_beating();
     void publish_counters();
+    Entry *publish(const AceKey &ace, const Counters &counters);
     int write(const Key &ace, const Counters &counters);
 
     NodeOptions options_;
     Plane &plane_;
     Context context_;
-    std::map<Key, Entry> entries_;
+    Entries entries_;
+    uint32_t comparisons_ = 0;
     std::vector<Change> inbox_;
     milliseconds gathering_{0}; // changes, for as long as the plane took for the last
     bool cleared_ = false;      // what entries had left that went before this node was there
     Commits commits_;
     Outbox outbox_;
-    std::map<Key, Counters> published_; // of each entry, what its counter record holds
-    Watch watch_;                       // of the plane's descriptor
-    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_;
+    Watch watch_; // of the plane's descriptor
+    milliseconds next_beat_{0};
+    std::vector<std::pair<AceKey, Counters>> read_; // counters that have not had their turn
+    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_, leftover_timer_;
 };
 
 } // namespace plx::plane

@@ -2,23 +2,35 @@
 #include "plane/node.hpp"
 
 #include <algorithm>
+#include <iterator>
+#include <unordered_set>
 #include <utility>
 
 namespace plx::plane {
 
 namespace {
 
+// Changes that a plane is given together where they need not take effect together, and records between two looks at
+// the clock.
+constexpr size_t changes_per_step = 4096;
+constexpr size_t records_per_look = 256;
+
+struct SameKey {
+    bool operator()(const Key *a, const Key *b) const { return *a == *b; }
+    size_t operator()(const Key *key) const { return KeyHash()(*key); }
+};
+
 // Of several changes of one key only the last counts.
 std::vector<Change> last_of_each(std::vector<Change> changes)
 {
-    std::set<Key> later;
-    std::vector<Change> kept;
-    for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
-        if (later.insert(change->key).second)
-            kept.push_back(std::move(*change));
-    }
-    std::reverse(kept.begin(), kept.end());
-    return kept;
+    std::unordered_set<const Key *, SameKey, SameKey> later;
+    std::vector<bool> last(changes.size());
+    for (size_t at = changes.size(); at-- > 0;)
+        last[at] = later.insert(&changes[at].key).second;
+    later.clear();
+    size_t at = 0;
+    std::erase_if(changes, [&](const Change &) { return !last[at++]; });
+    return changes;
 }
 
 struct Answered {
@@ -34,8 +46,8 @@ int32_t note_answer(void *, const tq_mom_notification *notification, void *arg) 
 
 } // namespace
 
-// What the plane has from a node before this one is not programmed again, and not answered again where the store shows
-// an answer to that very request.
+// What the plane has from a node before this one is not programmed again, and not answered again where the store
+// shows an answer to that very request.
 void Node::take_up_installed()
 {
     Answered answered;
@@ -49,7 +61,8 @@ void Node::take_up_installed()
     for (const auto &[key, programmed] : installed) {
         const auto answer = answered.requests.find(key);
         const bool settled = answer != answered.requests.end() && answer->second == programmed.request;
-        entries_[key] = {.request = settled ? programmed.request : 0, .fingerprint = programmed.fingerprint};
+        entries_[key] = {
+            .request = settled ? programmed.request : 0, .fingerprint = programmed.fingerprint, .counted = true};
     }
 }
 
@@ -73,62 +86,43 @@ void Node::drop_staged(std::vector<Change> &changes)
     });
 }
 
-// ---- comparing ------------------------------------------------------------------------------------------------------
+// ---- comparing
+// ------------------------------------------------------------------------------------------------------
 
 void Node::compare()
 {
     compare(nullptr);
 }
 
-// Makes what differs, of one application or of all that are not staged. False when the store could not be read; then it
-// is tried again.
+// Makes what differs, of one application, all at once, or of all that are not staged. False when the store could not
+// be read; then it is tried again. Removals stand first, so that what they free is there for the rest.
 bool Node::compare(const std::string *app)
 {
-    Snapshot snapshot;
-    if (!scan(app, snapshot)) {
+    Comparison comparison{.node = this, .app = app, .number = ++comparisons_, .from_nothing = entries_.empty() && !app};
+    if (!scan(comparison)) {
         compare_timer_.start_unless_pending(options_.retry);
         return false;
     }
-    make(differences(app, snapshot));
+    std::vector<Change> changes = removals(comparison);
+    std::move(comparison.found.begin(), comparison.found.end(), std::back_inserter(changes));
+    program(changes, app != nullptr ? changes.size() : changes_per_step);
+    outbox_.send();
     if (app == nullptr && !cleared_)
-        cleared_ = clear_leftovers(snapshot);
+        leftover_timer_.start_unless_pending(options_.leftovers);
     return true;
 }
 
-// False when a table could not be read: the next comparison of all looks again.
-bool Node::clear_leftovers(const Snapshot &snapshot)
-{
-    std::pair<Node *, const Snapshot *> look{this, &snapshot};
-    int result = 0;
-    for (const Table &table : tables())
-        for (const auto *record : {table.status, table.counters})
-            if (record != nullptr && result == 0)
-                result = tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover,
-                                          &look);
-    outbox_.schedule();
-    return result == 0;
-}
-
-int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void *arg) noexcept
-{
-    const auto &[self, snapshot] = *static_cast<std::pair<Node *, const Snapshot *> *>(arg);
-    const auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
-    if (key && snapshot->lacks(*key))
-        self->outbox_.remove(*key, *notification->record->descriptor);
-    return 0;
-}
-
-bool Node::scan(const std::string *app, Snapshot &snapshot)
+bool Node::scan(Comparison &comparison)
 {
     for (size_t table = 0; table < tables().size(); ++table) {
-        if (app != nullptr && !tables()[table].by_application)
+        if (comparison.app != nullptr && !tables()[table].by_application)
             continue;
         Record selection(*tables()[table].requested);
-        if (app != nullptr)
-            selection.set_key_text(0, app->c_str());
-        snapshot.table = table;
-        if (tq_mom_scan_sync(context_.get(), options_.db, selection.message(), app != nullptr ? 1 : 0, &Node::on_scan,
-                             &snapshot) != 0)
+        if (comparison.app != nullptr)
+            selection.set_key_text(0, comparison.app->c_str());
+        comparison.table = table;
+        if (tq_mom_scan_sync(context_.get(), options_.db, selection.message(), comparison.app != nullptr ? 1 : 0,
+                             &Node::on_scan, &comparison) != 0)
             return false;
     }
     return true;
@@ -136,45 +130,112 @@ bool Node::scan(const std::string *app, Snapshot &snapshot)
 
 int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg) noexcept
 {
-    auto *snapshot = static_cast<Snapshot *>(arg);
+    auto *comparison = static_cast<Comparison *>(arg);
     auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
     if (key)
-        snapshot->records[std::move(*key)] = requested_of(notification->record);
+        comparison->node->find(*comparison, {std::move(*key), requested_of(notification->record)});
     else
-        snapshot->unreadable.insert(snapshot->table);
+        comparison->unreadable.insert(comparison->table);
     return 0;
 }
 
-// Removals stand first, so that what they free is there for the rest.
-std::vector<Change> Node::differences(const std::string *app, const Snapshot &snapshot)
+void Node::find(Comparison &comparison, Change change)
 {
+    if (++comparison.records % records_per_look == 0)
+        keep_beating();
+    if (const auto known = entries_.find(change.key); known != entries_.end())
+        known->second.seen = comparison.number;
+    const bool may_be_staged = comparison.app == nullptr && tables()[change.key.index()].by_application;
+    if ((may_be_staged && commits_.staged(application_of(change.key))) || !needs_plane(change))
+        return;
+    comparison.found.push_back(std::move(change));
+    if (comparison.from_nothing && comparison.found.size() == changes_per_step) {
+        program(comparison.found, changes_per_step);
+        comparison.found.clear();
+    }
+}
+
+// What was not found, but in tables that could not be read whole. Those that were made meanwhile, in a comparison
+// inside this one, have its number.
+std::vector<Change> Node::removals(const Comparison &comparison)
+{
+    const std::string *app = comparison.app;
     std::vector<Change> changes;
     for (const auto &[key, entry] : entries_) {
         const bool selected = app == nullptr || (tables()[key.index()].by_application && application_of(key) == *app);
-        if (selected && snapshot.lacks(key))
+        if (selected && entry.seen < comparison.number && !comparison.unreadable.contains(key.index()))
             changes.push_back({key, std::nullopt});
     }
-    for (const auto &[key, wanted] : snapshot.records)
-        changes.push_back({key, wanted});
     if (app == nullptr)
         drop_staged(changes);
     return changes;
 }
 
-// ---- making ---------------------------------------------------------------------------------------------------------
+// ---- what is left of entries that went
+// ------------------------------------------------------------------------------
+
+// Where a table cannot be read, later once more.
+void Node::clear_leftovers()
+{
+    outbox_.take_answers();
+    int result = 0;
+    for (const Table &table : tables())
+        for (const auto *record : {table.status, table.counters})
+            if (record != nullptr && result == 0)
+                result = tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover,
+                                          this);
+    outbox_.schedule();
+    cleared_ = result == 0;
+    if (!cleared_)
+        leftover_timer_.start(options_.retry);
+}
+
+int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void *arg) noexcept
+{
+    auto *self = static_cast<Node *>(arg);
+    self->keep_beating();
+    const auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
+    if (key && self->is_leftover(*key))
+        self->outbox_.remove(*key, *notification->record->descriptor);
+    return 0;
+}
+
+// The store is asked about what this node does not know: it may be staged.
+bool Node::is_leftover(const Key &key)
+{
+    if (entries_.contains(key))
+        return false;
+    tq_mom_hash_res *found =
+        tq_mom_hgetall_sync(context_.get(), options_.db, Record(*tables()[key.index()].requested, key).message());
+    const bool gone = found != nullptr && found->status == 0 && found->record == nullptr;
+    tq_mom_hash_res_free(found);
+    return gone;
+}
+
+// ---- making
+// ---------------------------------------------------------------------------------------------------------
 
 void Node::make(std::vector<Change> changes)
 {
     std::erase_if(changes, [this](const Change &change) { return !needs_plane(change); });
-    if (!changes.empty()) {
-        constexpr milliseconds longest_gathering{50};
-        const milliseconds begin = now();
-        const std::vector<Answer> answers = plane_.program(changes);
-        gathering_ = std::min(now() - begin, longest_gathering);
-        for (size_t i = 0; i < changes.size(); ++i)
-            settle(changes[i], answers.at(i));
-    }
+    program(changes, changes.size());
     outbox_.send();
+}
+
+// In steps of so many, none when there is nothing to make. What the node has to say of them waits to be sent.
+void Node::program(std::span<const Change> changes, size_t step)
+{
+    constexpr milliseconds longest_gathering{50};
+    while (!changes.empty()) {
+        const auto now_made = changes.first(std::min(step, changes.size()));
+        const milliseconds begin = now();
+        const std::vector<Answer> answers = plane_.program(now_made);
+        gathering_ = std::min(now() - begin, longest_gathering);
+        for (size_t i = 0; i < now_made.size(); ++i)
+            settle(now_made[i], answers.at(i));
+        changes = changes.subspan(now_made.size());
+        keep_beating();
+    }
 }
 
 // A request that was seen is done with. A new request for what is programmed already is only answered.
@@ -199,14 +260,22 @@ bool Node::needs_plane(const Change &change)
 void Node::settle(const Change &change, const Answer &answer)
 {
     if (!change.wanted) {
-        entries_.erase(change.key);
-        published_.erase(change.key);
+        const auto gone = entries_.find(change.key);
+        if (gone == entries_.end())
+            return;
         outbox_.remove(change.key);
+        if (const auto *counters = tables()[change.key.index()].counters; counters != nullptr && gone->second.counted)
+            outbox_.remove(change.key, *counters);
+        entries_.erase(gone);
         return;
     }
     Entry &entry = entries_[change.key];
     const bool told = entry.request != 0 && entry.request == change.wanted->request && entry.status == answer.status;
-    entry = {change.wanted->request, change.wanted->fingerprint(), answer.status};
+    entry.request = change.wanted->request;
+    entry.fingerprint = change.wanted->fingerprint();
+    entry.status = answer.status;
+    entry.seen = comparisons_;
+    entry.counted = entry.counted || !cleared_; // by the node that was here before
     if (!answer.silent && !told)
         outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay);
 }

@@ -24,20 +24,28 @@ Outbox::Outbox(tq_context *context, uint32_t db, milliseconds retry, Current cur
 
 void Outbox::answer(const Key &key, uint64_t request, Status status, milliseconds delay)
 {
-    replies_.emplace(now() + delay, Reply{key, tables()[key.index()].status, Verdict{request, status}});
+    Reply reply{key, tables()[key.index()].status, Verdict{request, status}};
+    if (delay.count() == 0)
+        due_.push_back(std::move(reply));
+    else
+        later_.emplace(now() + delay, std::move(reply));
 }
 
 void Outbox::remove(const Key &key)
 {
-    const Table &table = tables()[key.index()];
-    for (const auto *told : {table.status, table.counters})
-        if (told != nullptr)
-            remove(key, *told);
+    remove(key, *tables()[key.index()].status);
 }
 
 void Outbox::remove(const Key &key, const ProtobufCMessageDescriptor &table)
 {
-    replies_.emplace(now(), Reply{key, &table, std::nullopt});
+    due_.push_back({key, &table, std::nullopt});
+}
+
+void Outbox::take_due()
+{
+    for (const milliseconds time = later_.empty() ? milliseconds(0) : now();
+         !later_.empty() && later_.begin()->first <= time; later_.erase(later_.begin()))
+        due_.push_back(std::move(later_.begin()->second));
 }
 
 void Outbox::send()
@@ -47,8 +55,9 @@ void Outbox::send()
         take_answers();
     if (!std::exchange(batching_, true))
         tq_mom_batch_begin(context_);
-    while (!replies_.empty() && replies_.begin()->first <= now() && sent_.size() < replies_per_batch) {
-        Reply &reply = replies_.begin()->second;
+    take_due();
+    while (!due_.empty() && sent_.size() < replies_per_batch) {
+        Reply &reply = due_.front();
         const int result = send(reply);
         if (result != 0 && result != TQ_MOM_INVALID) {
             pause = retry_;
@@ -56,7 +65,7 @@ void Outbox::send()
         }
         if (result == 0)
             sent_.push_back(std::move(reply));
-        replies_.erase(replies_.begin());
+        due_.pop_front();
     }
     tq_mom_batch_send(context_);
     if (sent_.size() >= replies_per_batch)
@@ -73,8 +82,10 @@ void Outbox::schedule()
 
 void Outbox::schedule(milliseconds pause)
 {
-    if (!replies_.empty())
-        send_timer_.start(std::max({pause, replies_.begin()->first - now(), milliseconds(0)}));
+    if (!due_.empty())
+        send_timer_.start(pause);
+    else if (!later_.empty())
+        send_timer_.start(std::max({pause, later_.begin()->first - now(), milliseconds(0)}));
 }
 
 // An answer that the store did not take comes again later, behind the others. A removal does not: the entry may have
@@ -87,7 +98,7 @@ void Outbox::take_answers()
     tq_mom_batch_end(context_, results.data(), static_cast<uint32_t>(results.size()));
     for (size_t i = 0; i < sent_.size(); ++i)
         if (results[i] != 0 && sent_[i].verdict)
-            replies_.emplace(now() + retry_, std::move(sent_[i]));
+            later_.emplace(now() + retry_, std::move(sent_[i]));
     sent_.clear();
     schedule();
 }

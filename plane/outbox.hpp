@@ -9,6 +9,7 @@
 #include "records/host.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -25,7 +26,7 @@ class Outbox {
     Outbox(tq_context *context, uint32_t db, milliseconds retry, Current current);
 
     void answer(const Key &key, uint64_t request, Status status, milliseconds delay);
-    void remove(const Key &key); // all that was told about an entry
+    void remove(const Key &key); // its status
     void remove(const Key &key, const ProtobufCMessageDescriptor &table);
 
     void send();     // what is due, now
@@ -47,6 +48,7 @@ class Outbox {
     };
 
     void schedule(milliseconds pause);
+    void take_due();
     int send(const Reply &reply);
     int write(const Reply &reply);
 
@@ -54,7 +56,8 @@ class Outbox {
     uint32_t db_;
     milliseconds retry_;
     Current current_;
-    std::multimap<milliseconds, Reply> replies_; // by the time at which they are due
+    std::deque<Reply> due_;
+    std::multimap<milliseconds, Reply> later_; // by the time at which they are due
     bool batching_ = false;
     std::vector<Reply> sent_; // in this batch
     Timer send_timer_, answer_timer_;

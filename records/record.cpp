@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
 #include <plx/s_policy.pb-c.h>
 #include <plx/types.h>
 
@@ -171,6 +172,21 @@ Requested requested_of(const ProtobufCMessage *record)
     requested.acl_cls = static_cast<uint32_t>(number_field(record, "acl_cls"));
     requested.default_entry = number_field(record, "default_ace") != 0;
     return requested;
+}
+
+size_t KeyHash::operator()(const Key &key) const
+{
+    size_t hash = key.index();
+    const auto add = [&hash](const auto &value) {
+        hash = (hash ^ std::hash<std::remove_cvref_t<decltype(value)>>()(value)) * 0x9e3779b97f4a7c15U;
+        hash ^= hash >> 32U;
+    };
+    std::visit(
+        [&add]<typename KeyType>(const KeyType &typed) {
+            std::apply([&add](const auto &...value) { (add(value), ...); }, KeyType::fields(typed));
+        },
+        key);
+    return hash;
 }
 
 const std::string &application_of(const Key &key)

@@ -72,6 +72,10 @@ struct SviRouterKey { // one record per database
 
 using Key = std::variant<AceKey, ApplyKey, PortBindKey, PortOffKey, UplinkKey, SviRouterKey>;
 
+struct KeyHash {
+    size_t operator()(const Key &key) const;
+};
+
 // A table of requested state and those in which nodes tell about it; tables()[key.index()] is a key's.
 struct Table {
     const ProtobufCMessageDescriptor *requested;

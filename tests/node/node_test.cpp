@@ -123,7 +123,11 @@ class NodeSession : public Transcript {
     static int32_t on_stored(void *handle, const tq_mom_notification *notification, void *arg);
 
     std::string url_ = "mem:node-test";
-    NodeOptions options_{.db = db, .heartbeat = milliseconds(1), .counters = milliseconds(1), .retry = milliseconds(1)};
+    NodeOptions options_{.db = db,
+                         .heartbeat = milliseconds(1),
+                         .counters = milliseconds(1),
+                         .retry = milliseconds(1),
+                         .leftovers = milliseconds(0)};
     Loop loop_{tq_loop_new()};
     Context application_;
     std::vector<Heard> heard_, counters_;

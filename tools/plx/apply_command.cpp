@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <tq_mom.h>
 #include <unistd.h>
@@ -73,6 +74,7 @@ class ApplyRun {
     int connect();
     int start_nodes();
     int expect_nodes();
+    void call_nodes();
     int wait_for_nodes();
     int write(Application &application);
     void wait_for_outcomes(Application &application);
@@ -223,6 +225,15 @@ int ApplyRun::expect_nodes()
     return result == 0 ? EXIT_DONE : fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(result));
 }
 
+// Those that live show it at once. One that does not understand, or where this may not be written, is heard of at its
+// next sign of life.
+void ApplyRun::call_nodes()
+{
+    Record call(plx_node__node_call__descriptor);
+    call.set_number("number", now_us());
+    tq_mom_set_sync(context_.get(), options_.db, call.message());
+}
+
 // An outcome needs as many answers as the library knows nodes when it comes, so they must be known first.
 int ApplyRun::wait_for_nodes()
 {
@@ -232,6 +243,10 @@ int ApplyRun::wait_for_nodes()
     const auto live = [] { return static_cast<uint32_t>(Application::live_nodes()); };
     const auto count = [&] { return std::to_string(live()) + " of " + std::to_string(expected_nodes_); };
     const milliseconds give_up = now() + (given ? std::max(heartbeat_heard, options_.wait()) : heartbeat_heard);
+    call_nodes();
+    const milliseconds soon = std::min(give_up, now() + milliseconds(500));
+    while (live() < expected_nodes_ && now() < soon)
+        turn(soon);
     if (!options_.embedded() && live() < expected_nodes_)
         say("waiting for service nodes to show that they live: " + count());
     while (live() < expected_nodes_ && now() < give_up) {

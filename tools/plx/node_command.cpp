@@ -1,7 +1,7 @@
 // `plx node`: a service node as a daemon, over a simulated forwarding plane or the Linux kernel's.
 //
-// It starts before or after the store, waits for it, and says so; one that refuses it is not waited for. On SIGTERM or
-// SIGINT it takes its record out of the store and ends.
+// It starts before or after the store, waits for it, and says so; one that refuses it is not waited for. On SIGTERM
+// or SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
 #include "nftables_flags.hpp"
 #include "plane/nftables/nftables_plane.hpp"
@@ -205,7 +205,8 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
     return 0;
 }
 
-// A node takes a failed heartbeat for a late one, so its first is tried out here: who may not write it is told at once.
+// A node takes a failed heartbeat for a late one, so its first is tried out here: who may not write it is told at
+// once.
 int NodeRun::start()
 {
     if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db, record().message()); result != 0)
@@ -254,6 +255,11 @@ void add_node_command(CLI::App &app, int &exit_code)
         ->add_option("--heartbeat", *heartbeat,
                      "milliseconds between two signs of life; applications count a node out after 20 s without")
         ->check(CLI::Range(10U, 5000U))
+        ->capture_default_str();
+    command
+        ->add_option("--counter-rate", options->node.counter_rate,
+                     "counters published in a second, at most; those of other entries follow in turn")
+        ->check(CLI::Range(1U, 1'000'000U))
         ->capture_default_str();
     command
         ->add_option("--plane", options->plane,

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iostream>
 #include <plx/s_policy.pb-c.h>
+#include <span>
 #include <tq_topics.pb-c.h>
 
 namespace plx::tool {
@@ -16,7 +17,7 @@ namespace plx::tool {
 namespace {
 
 // The names under which tables carry an application type, the ACL's number, and an entry's.
-constexpr const char *app_fields[] = {"t_app_type", "app_type", "t_apply_type", "apply_type"};
+constexpr std::string_view app_fields[] = {"t_app_type", "app_type", "t_apply_type", "apply_type"};
 
 uint64_t key_number(const ProtobufCMessage &key, const char *name, bool &has)
 {
@@ -29,8 +30,8 @@ uint64_t key_number(const ProtobufCMessage &key, const char *name, bool &has)
 
 bool has_application(const ProtobufCMessage &key, const std::string &app)
 {
-    return std::any_of(std::begin(app_fields), std::end(app_fields), [&](const char *name) {
-        const auto *field = find_field(*key.descriptor, name);
+    return std::any_of(std::begin(app_fields), std::end(app_fields), [&](std::string_view name) {
+        const auto *field = find_field(*key.descriptor, name.data());
         const char *text = field == nullptr ? nullptr : value_of<const char *>(key, *field);
         return text != nullptr && app == text;
     });
@@ -79,6 +80,34 @@ void RecordOptions::add_to(CLI::App &command)
     });
     command.add_flag("--json", json, "one JSON object a line, for scripts");
     command.add_flag("--full", full, "whole values, however long; else a value is cut, and said to be");
+}
+
+// A key with two application types is asked for by either.
+bool RecordOptions::select(Record &record, uint32_t &given) const
+{
+    given = 0;
+    const ProtobufCMessage *key = key_of(*record.message());
+    if (key == nullptr)
+        return false;
+    const auto names_app = [](const ProtobufCFieldDescriptor &field) {
+        return std::find(std::begin(app_fields), std::end(app_fields), std::string_view(field.name)) !=
+               std::end(app_fields);
+    };
+    const std::span fields(key->descriptor->fields, key->descriptor->n_fields);
+    const bool one_app = std::count_if(fields.begin(), fields.end(), names_app) == 1;
+    for (const ProtobufCFieldDescriptor &field : fields) {
+        const std::string_view name = field.name;
+        if (by_app && one_app && names_app(field))
+            record.set_key_text(given, app.c_str());
+        else if (by_acl && name == "acl_id")
+            record.set_key_number(given, acl);
+        else if (by_sn && name == "sn")
+            record.set_key_number(given, sn);
+        else
+            return false;
+        ++given;
+    }
+    return true;
 }
 
 bool RecordOptions::take(const ProtobufCMessage *record) const

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "records/host.hpp"
+#include "records/record.hpp"
 #include <CLI/CLI.hpp>
 #include <string>
 #include <tq_mom.h>
@@ -30,6 +31,10 @@ struct RecordOptions {
     bool full = false;
 
     void add_to(CLI::App &command);
+
+    // Puts into a record of a table the leading key fields that all those asked for have, and counts them. Whether they
+    // are the whole key.
+    bool select(Record &record, uint32_t &given) const;
 
     // Whether a record is one of those asked for. A table without such a key field has none of them.
     bool take(const ProtobufCMessage *record) const;

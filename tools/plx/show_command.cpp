@@ -31,6 +31,7 @@ class ShowRun {
     static int32_t on_status(void *, const tq_mom_notification *entry, void *arg);
     static int32_t on_record(void *, const tq_mom_notification *entry, void *arg);
     void scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_entry);
+    int read(const Record &wanted, tq_mom_callback on_entry);
     bool readable(const tq_mom_notification &entry);
     std::string outcome(const ProtobufCMessage *record) const;
     void add(Row row);
@@ -72,13 +73,29 @@ void ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_e
 {
     table_ = table_name(table);
     last_.clear();
-    const Record whole(table);
-    const int result = tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, on_entry, this);
+    Record wanted(table);
+    uint32_t given = 0;
+    const int result = options_.select(wanted, given)
+                           ? read(wanted, on_entry)
+                           : tq_mom_scan_sync(context_.get(), options_.db, wanted.message(), given, on_entry, this);
     if (result == 0)
         return;
     std::cerr << "plx show: " << table_ << ": store: " << tq_mom_strerror(result) << '\n';
     tell_advice(result);
     result_ = result_ == 0 ? result : result_;
+}
+
+// The one record whose key is known whole.
+int ShowRun::read(const Record &wanted, tq_mom_callback on_entry)
+{
+    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message());
+    const int status = found == nullptr ? static_cast<int>(TQ_MOM_DISCONNECTED) : found->status;
+    const tq_mom_notification entry{TQ_MOM_EVENT_SET, found == nullptr ? nullptr : found->record, status, 0};
+    const bool there = entry.record != nullptr || status == TQ_MOM_CORRUPT;
+    if (there)
+        on_entry(context_.get(), &entry, this);
+    tq_mom_hash_res_free(found);
+    return there ? 0 : status;
 }
 
 // Records come in the order of their keys: one that comes without its own is behind the last.
