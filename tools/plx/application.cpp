@@ -1,6 +1,7 @@
 // See application.hpp.
 #include "application.hpp"
 
+#include "records/record.hpp"
 #include "records/status.hpp"
 #include <algorithm>
 #include <cstddef>
@@ -56,6 +57,15 @@ bool fill(fp_udp_ace *ace, const PolicyEntry &entry)
 std::string node_error(int32_t status)
 {
     return std::string(status_text(status)) + " (" + std::to_string(status) + ")";
+}
+
+// Calls `pause` now and then.
+std::function<void()> breathing(const std::function<void()> &pause)
+{
+    return [&pause, writes = 0]() mutable {
+        if (++writes % writes_between_pauses == 0)
+            pause();
+    };
 }
 
 } // namespace
@@ -162,14 +172,14 @@ struct Application::Callbacks {
         key.sn = sn;
         fp_udp_ace_node *node = nullptr;
         const bool cached = fp_udp_acldb_get_ace(acl, &key, &node) == 0;
-        if (const auto row = current_->find_ace(acl, sn))
+        if (const auto row = current_->find_ace(acl->acl_id, sn))
             current_->succeeded(*row, cached ? node->ace.req_count : 0);
         return 0;
     }
 
     static int32_t ace_fail(void *, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *) noexcept
     {
-        if (const auto row = current_->find_ace(acl, sn))
+        if (const auto row = current_->find_ace(acl->acl_id, sn))
             current_->refused(*row, status);
         return 0;
     }
@@ -203,9 +213,9 @@ struct Application::Callbacks {
     }
 };
 
-std::optional<size_t> Application::find_ace(const fp_udp_acl_info *acl, uint64_t sn) const
+std::optional<size_t> Application::find_ace(uint32_t acl, uint64_t sn) const
 {
-    const auto known = acl_numbers_.find(acl->acl_id);
+    const auto known = acl_numbers_.find(acl);
     if (known == acl_numbers_.end())
         return std::nullopt;
     const Acl &owner = acls_[known->second];
@@ -276,41 +286,228 @@ int Application::write(const std::function<void()> &pause)
 {
     if (const int result = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply}); result != 0)
         return result;
-    int writes = 0;
-    const auto breathe = [&] {
-        if (++writes % writes_between_pauses == 0)
-            pause();
-    };
-    for (const PolicyAcl &acl : policy_.acls) {
-        set(acl);
+    write_unended(breathing(pause));
+    return store_lost_ ? 0 : bracket({mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply});
+}
+
+// All that did not turn out to be unchanged.
+void Application::write_unended(const std::function<void()> &breathe)
+{
+    const auto unended = [this](size_t row) { return ledger_.outcome(row) == Outcome::unwritten; };
+    for (const Acl &acl : acls_) {
+        if (!unended(acl.row))
+            continue;
+        set(*acl.policy);
         breathe();
     }
     for (const PolicyApply &apply : policy_.applies) {
+        if (!unended(apply_rows_.at({apply.acl, apply.port, apply.priority})))
+            continue;
         set(apply);
         breathe();
     }
     for (const Acl &acl : acls_) {
         size_t row = acl.first_entry();
         for (const PolicyEntry &entry : acl.policy->entries) {
-            set(*acl.policy, entry, row++);
-            breathe();
+            if (unended(row)) {
+                set(*acl.policy, entry, row);
+                breathe();
+            }
+            ++row;
         }
     }
-    return store_lost_ ? 0 : bracket({mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply});
 }
 
 // The enable marker goes at the end, so that the application's next changes are not held back.
-int Application::write_atomically(const std::function<void()> &pause)
+int Application::atomically(const std::function<int()> &write)
 {
     const char *app_type = policy_.application.c_str();
     if (const int result = mgr_->enable_app_commit(context_, app_type, longest_commit_s); result != 0)
         return result;
-    int result = write(pause);
+    int result = write();
     if (result == 0 && !store_lost_)
         result = mgr_->publish_app_commit(context_, app_type);
     const int disabled = mgr_->disable_app_commit(context_, app_type);
     return result != 0 ? result : disabled;
 }
+
+// ---- only what differs ----------------------------------------------------------------------------------------------
+
+namespace {
+
+bool same(const ProtobufCBinaryData &stored, std::span<const uint8_t> wanted)
+{
+    const std::span<const uint8_t> bytes(stored.data, stored.data == nullptr ? 0 : stored.len);
+    return std::equal(bytes.begin(), bytes.end(), wanted.begin(), wanted.end());
+}
+
+// Private bytes are a name and zeros.
+bool same_name(const ProtobufCBinaryData &stored, std::string_view name)
+{
+    uint8_t priv[FP_UDP_PRIV_SIZE] = {};
+    copy_name(priv, name);
+    return same(stored, priv);
+}
+
+fp_udp_acl_info acl_of(const std::string &application, uint32_t id)
+{
+    fp_udp_acl_info acl{};
+    copy_name(acl.app_type, application);
+    acl.acl_id = id;
+    return acl;
+}
+
+} // namespace
+
+void Application::differs(size_t row, bool same)
+{
+    if (same)
+        ledger_.end(row, Outcome::unchanged, "");
+    else
+        ++changes_.changed;
+}
+
+int32_t Application::compare_acl(const SPolicy__Acl &record)
+{
+    const auto known = acl_numbers_.find(record.index->acl_id);
+    if (known == acl_numbers_.end()) {
+        fp_udp_acl_key &gone = excess_.acls.emplace_back();
+        copy_name(gone.app_type, policy_.application);
+        gone.acl_id = record.index->acl_id;
+        return 0;
+    }
+    const PolicyAcl &acl = *acls_[known->second].policy;
+    differs(acls_[known->second].row, record.acl_cls == acl.cls && same_name(record.priv, acl.name));
+    return 0;
+}
+
+int32_t Application::compare_apply(const SPolicy__Apply &record)
+{
+    const SPolicy__ApplyKey &key = *record.index;
+    const auto row = apply_rows_.find({key.acl_id, key.phyid, key.priority});
+    const Acl *acl = row == apply_rows_.end() ? nullptr : &acls_[acl_numbers_.at(key.acl_id)];
+    const bool there = acl != nullptr && policy_.application == (key.app_type == nullptr ? "" : key.app_type) &&
+                       acl->applies[row->second - acl->row - 1]->direction == key.direction;
+    if (there) {
+        differs(row->second,
+                record.acl_cls == acl->policy->cls && same(record.value, {}) && same_name(record.priv, ""));
+        return 0;
+    }
+    auto &[owner, gone] = (acl != nullptr ? excess_.turned : excess_.applies).emplace_back();
+    owner = acl_of(key.app_type == nullptr ? "" : key.app_type, key.acl_id);
+    copy_name(gone.apply_type, policy_.application);
+    gone.phyid = key.phyid;
+    gone.priority = key.priority;
+    gone.direction = key.direction;
+    return 0;
+}
+
+int32_t Application::compare_ace(const SPolicy__Ace &record)
+{
+    const auto row = find_ace(record.index->acl_id, record.index->sn);
+    if (!row) {
+        excess_.entries.emplace_back(record.index->acl_id, record.index->sn);
+        return 0;
+    }
+    const Acl &acl = acls_[acl_numbers_.at(record.index->acl_id)];
+    const PolicyEntry &entry = acl.policy->entries[*row - acl.first_entry()];
+    differs(*row, record.ace_pri == entry.priority && (record.default_ace != 0) == entry.is_default &&
+                      same(record.value, entry.attributes()) && same_name(record.priv, entry.name()));
+    return 0;
+}
+
+// A record that cannot be read is written anew where the policy has it.
+template <typename Message>
+int Application::compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &))
+{
+    struct Walk {
+        Application *self;
+        int32_t (Application::*with)(const Message &);
+    } walk{this, with};
+    const auto take = [](void *, const tq_mom_notification *found, void *arg) -> int32_t {
+        const auto &[self, compare_with] = *static_cast<Walk *>(arg);
+        const auto *record = reinterpret_cast<const Message *>(found->record);
+        return found->result != 0 || record == nullptr || record->index == nullptr ? 0 : (self->*compare_with)(*record);
+    };
+    Record selection(table);
+    selection.set_key_text(0, policy_.application.c_str());
+    return tq_mom_scan_sync(context_, db_, selection.message(), 1, take, &walk);
+}
+
+// The library must know the ACLs that its entries belong to, and that they are applied.
+void Application::know_unchanged()
+{
+    for (const Acl &acl : acls_) {
+        const fp_udp_acl_info info = acl_of(policy_.application, acl.policy->id);
+        if (ledger_.outcome(acl.row) == Outcome::unchanged)
+            fp_udp_acldb_add_acl(&info);
+        for (size_t at = 0; at < acl.applies.size(); ++at) {
+            if (ledger_.outcome(acl.row + 1 + at) != Outcome::unchanged)
+                continue;
+            const PolicyApply &bound = *acl.applies[at];
+            fp_udp_apply_info apply{};
+            copy_name(apply.apply_type, policy_.application);
+            apply.phyid = bound.port;
+            apply.pri = apply.value_pri = bound.priority;
+            apply.dir = bound.direction;
+            fp_udp_apply_node *node = nullptr;
+            fp_udp_acldb_add_apply(&info, &apply, &node);
+        }
+    }
+}
+
+// The library's deletions do not tell of a store that fails; the store client counts it.
+uint64_t Application::store_failures() const
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context_, &counters);
+    return std::accumulate(counters.results + 1, std::end(counters.results), uint64_t{0});
+}
+
+void Application::remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies)
+{
+    for (const auto &[acl, key] : applies) {
+        const std::unique_ptr<fp_udp_apply, void (*)(fp_udp_apply *)> gone(mgr_->alloc_apply(&key), mgr_->free_apply);
+        if (gone != nullptr)
+            mgr_->del_apply(context_, &acl, gone.get());
+    }
+}
+
+void Application::remove_excess(const std::function<void()> &breathe)
+{
+    remove(excess_.applies);
+    for (const auto &[acl, sn] : excess_.entries) {
+        fp_udp_acl_key key{};
+        copy_name(key.app_type, policy_.application);
+        key.acl_id = acl;
+        mgr_->delete_ace(context_, &key, sn);
+        breathe();
+    }
+    for (const fp_udp_acl_key &acl : excess_.acls)
+        mgr_->del_acl(context_, &acl);
+}
+
+// What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
+// direction goes first, since the library tells them apart by port and priority alone.
+int Application::write_changes(const std::function<void()> &pause)
+{
+    int result = compare(s_policy__acl__descriptor, &Application::compare_acl);
+    result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply);
+    result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace);
+    if (result != 0)
+        return result;
+    changes_.added = ledger_.count(Outcome::unwritten) - changes_.changed;
+    changes_.removed = excess_.entries.size() + excess_.applies.size() + excess_.turned.size() + excess_.acls.size();
+    const uint64_t before = store_failures();
+    remove(excess_.turned);
+    know_unchanged();
+    write_unended(breathing(pause));
+    if (!store_lost_)
+        remove_excess(breathing(pause));
+    return store_lost_ || store_failures() == before ? 0 : static_cast<int>(TQ_MOM_STORE_ERROR);
+}
+
+// ---- writing --------------------------------------------------------------------------------------------------------
 
 // A refusal that no callback told of, an argument's, ends the row too.
 template <typename Write> void Application::set_row(size_t row, Write &&write)

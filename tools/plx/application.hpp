@@ -10,6 +10,8 @@
 #include <map>
 #include <optional>
 #include <plx/libplx.h>
+#include <plx/s_policy.pb-c.h>
+#include <span>
 #include <tq_context.h>
 #include <tuple>
 
@@ -31,9 +33,19 @@ class Application {
     // now and then, to run the event loop. 0, or the store's code for the bracket.
     int write(const std::function<void()> &pause);
 
-    // The same between commit markers, so that the service nodes make all changes together. They wait for a minute at
-    // most: a rewrite that takes longer, or ends in the middle, is made as it stands then.
-    int write_atomically(const std::function<void()> &pause);
+    // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as it
+    // should be is not written: its rows end as unchanged. 0, or the store's code for what could not be read or deleted.
+    int write_changes(const std::function<void()> &pause);
+
+    // Of write_changes().
+    struct Changes {
+        size_t added = 0, changed = 0, removed = 0;
+    };
+    const Changes &changes() const { return changes_; }
+
+    // Either between commit markers, so that the service nodes make all changes together. They wait for a minute at most:
+    // what takes longer, or ends in the middle, is made as it stands then.
+    int atomically(const std::function<int()> &write);
 
     // Service nodes that the library counts as alive.
     static int live_nodes() { return g_fp_service.count; }
@@ -62,6 +74,26 @@ class Application {
     void sort_entries(Acl &acl) const;
     std::string label(size_t row) const;
 
+    // What the store has that is to be deleted.
+    struct Excess {
+        std::vector<fp_udp_acl_key> acls;
+        std::vector<std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies;
+        std::vector<std::pair<fp_udp_acl_info, fp_udp_apply_key>> turned; // that the policy has in another direction
+        std::vector<std::pair<uint32_t, uint64_t>> entries;               // ACL, sn
+    };
+
+    int32_t compare_acl(const SPolicy__Acl &record);
+    int32_t compare_apply(const SPolicy__Apply &record);
+    int32_t compare_ace(const SPolicy__Ace &record);
+    template <typename Message>
+    int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &));
+    void differs(size_t row, bool same);
+    void know_unchanged();
+    uint64_t store_failures() const;
+    void remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies);
+    void remove_excess(const std::function<void()> &breathe);
+    void write_unended(const std::function<void()> &breathe);
+
     int bracket(std::initializer_list<Operation> operations);
     void set(const PolicyAcl &acl);
     void set(const PolicyApply &apply);
@@ -70,7 +102,7 @@ class Application {
 
     void succeeded(size_t row, int answers);
     void refused(size_t row, int32_t status);
-    std::optional<size_t> find_ace(const fp_udp_acl_info *acl, uint64_t sn) const;
+    std::optional<size_t> find_ace(uint32_t acl, uint64_t sn) const;
     std::optional<size_t> find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
 
     static Application *current_;
@@ -85,6 +117,8 @@ class Application {
     std::map<ApplyId, size_t> apply_rows_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
     bool store_lost_ = false;
+    Changes changes_;
+    Excess excess_;
 };
 
 } // namespace plx::tool

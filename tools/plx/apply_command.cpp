@@ -28,6 +28,7 @@ struct ApplyOptions {
     double timeout_s = 200; // above the 180 s after which the library itself stops waiting
     double wait_s = 30;     // for a store or for nodes that are yet to come
     bool atomic = false;
+    bool changes_only = false;
     uint32_t nodes = 0; // 0: not given
     std::vector<size_t> table_sizes;
     std::vector<std::string> simulate;
@@ -41,12 +42,13 @@ class Progress {
   public:
     ~Progress() { clear(); }
 
-    void show(const std::string &text)
+    // `text` is asked for when it is shown.
+    template <typename Text> void show(Text &&text)
     {
         if (!terminal_ || now() < next_)
             return;
         next_ = now() + milliseconds(100);
-        std::cerr << "\r\x1b[K" << text << std::flush;
+        std::cerr << "\r\x1b[K" << text() << std::flush;
         shown_ = true;
     }
 
@@ -76,6 +78,8 @@ class ApplyRun {
     int expect_nodes();
     void call_nodes();
     int wait_for_nodes();
+    uint64_t delivered();
+    void catch_up();
     int write(Application &application);
     void wait_for_outcomes(Application &application);
     int report(Application &application, int result);
@@ -250,7 +254,7 @@ int ApplyRun::wait_for_nodes()
     if (!options_.embedded() && live() < expected_nodes_)
         say("waiting for service nodes to show that they live: " + count());
     while (live() < expected_nodes_ && now() < give_up) {
-        progress_.show("service nodes: " + count());
+        progress_.show([&] { return "service nodes: " + count(); });
         turn(give_up);
     }
     if (given && live() < expected_nodes_)
@@ -274,13 +278,36 @@ std::string progress_text(Application &application)
     return std::to_string(Application::live_nodes()) + " nodes: " + application.ledger().summary();
 }
 
+uint64_t ApplyRun::delivered()
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context_.get(), &counters);
+    return counters.delivered;
+}
+
+// Hears all that has come: the more nodes answer, the further would fall behind who hears a part of it at a time. Nodes
+// on this loop take a turn of it to answer.
+void ApplyRun::catch_up()
+{
+    constexpr int quiet_turns = 2;
+    for (int quiet = 0; quiet < quiet_turns; ++quiet) {
+        const uint64_t before = delivered();
+        tq_loop_run_once(loop_.get(), 0);
+        if (delivered() != before)
+            quiet = -1;
+    }
+}
+
 int ApplyRun::write(Application &application)
 {
     const auto pause = [&] {
-        tq_loop_run_once(loop_.get(), 0);
-        progress_.show(progress_text(application));
+        catch_up();
+        progress_.show([&] { return progress_text(application); });
     };
-    return options_.atomic ? application.write_atomically(pause) : application.write(pause);
+    const auto write = [&] {
+        return options_.changes_only ? application.write_changes(pause) : application.write(pause);
+    };
+    return options_.atomic ? application.atomically(write) : write();
 }
 
 void ApplyRun::wait_for_outcomes(Application &application)
@@ -288,7 +315,7 @@ void ApplyRun::wait_for_outcomes(Application &application)
     Ledger &ledger = application.ledger();
     const milliseconds give_up = now() + milliseconds(static_cast<int64_t>(options_.timeout_s * 1000));
     while (ledger.count(Outcome::waiting) != 0 && now() < give_up) {
-        progress_.show(progress_text(application));
+        progress_.show([&] { return progress_text(application); });
         turn(give_up);
     }
     ledger.end_waiting(Outcome::timed_out, "no answer in time");
@@ -299,6 +326,11 @@ int ApplyRun::report(Application &application, int result)
 {
     const Ledger &ledger = application.ledger();
     ledger.print(std::cout);
+    if (options_.changes_only) {
+        const Application::Changes &changes = application.changes();
+        std::cout << changes.added << " added, " << changes.changed << " changed, " << changes.removed << " removed, "
+                  << ledger.count(Outcome::unchanged) << " unchanged" << std::endl;
+    }
     std::cout << ledger.summary() << "; service nodes: " << Application::live_nodes() << std::endl;
     if (application.store_lost())
         return fail(EXIT_UNREACHABLE, "the store went away; what it held of this policy before is not swept");
@@ -341,6 +373,7 @@ Outcomes:
   failed       refused by a service node or by the store; the status says why
   aged         the library stopped waiting before enough nodes had answered
   timed out    this command did (--timeout)
+  unchanged    in the store as it is in the file, and not written (--changes-only); not listed
 
 Simulated nodes (--simulate NODE:WHAT, NODE counted from 1), WHAT being one of:
   size=N              room for N entries
@@ -385,6 +418,9 @@ void add_apply_command(CLI::App &app, int &exit_code)
         ->capture_default_str();
     command->add_flag("--atomic", options->atomic,
                       "have the service nodes hold the changes back until all are written, and make them together");
+    command->add_flag("--changes-only", options->changes_only,
+                      "write only what the store does not have as the file has it, and delete what the file does not "
+                      "have");
     command
         ->add_option("--nodes", options->nodes,
                      "service nodes: on a mem: store, how many to simulate (1 when not given); on others, how many "

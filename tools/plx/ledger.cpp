@@ -50,6 +50,8 @@ const char *outcome_name(Outcome outcome)
         return "aged";
     case Outcome::timed_out:
         return "timed out";
+    case Outcome::unchanged:
+        return "unchanged";
     }
     return "";
 }
@@ -113,7 +115,11 @@ void Ledger::print(std::ostream &out) const
 {
     size_t entry_width = 5;
     size_t status_width = 6;
+    if (!rows_.empty() && count(Outcome::unchanged) == rows_.size())
+        return;
     for (size_t row = 0; row < rows_.size(); ++row) {
+        if (rows_[row].outcome == Outcome::unchanged)
+            continue;
         entry_width = std::max(entry_width, label_(row).size());
         status_width = std::max(status_width, statuses_[rows_[row].status].size());
     }
@@ -131,6 +137,8 @@ void Ledger::print(std::ostream &out) const
     print_line("ENTRY", "OUTCOME", "STATUS", "TIME");
     for (size_t row = 0; row < rows_.size(); ++row) {
         const Row &shown = rows_[row];
+        if (shown.outcome == Outcome::unchanged)
+            continue;
         const bool timed = shown.begun_us != 0 && ended(shown.outcome);
         print_line(label_(row), outcome_name(shown.outcome), statuses_[shown.status],
                    timed ? duration(shown.took_us) : "-");

@@ -19,9 +19,10 @@ enum class Outcome : uint8_t {
     stored,     // in the store, where it needs no confirmation
     failed,     // refused by a service node, or by the store
     aged,       // the library stopped waiting before enough service nodes had answered
-    timed_out   // this program did
+    timed_out,  // this program did
+    unchanged   // as the store has it already, and not written
 };
-constexpr size_t outcome_count = 7;
+constexpr size_t outcome_count = 8;
 
 const char *outcome_name(Outcome outcome);
 
@@ -39,10 +40,12 @@ class Ledger {
     // Ends every row that waits.
     void end_waiting(Outcome outcome, const std::string &status);
 
+    Outcome outcome(size_t row) const { return rows_[row].outcome; }
     size_t count(Outcome outcome) const { return counts_[static_cast<size_t>(outcome)]; }
     size_t size() const { return rows_.size(); }
     // "60 programmed, 3 failed": outcomes that some row has.
     std::string summary() const;
+    // All rows but the unchanged.
     void print(std::ostream &out) const;
 
   private:

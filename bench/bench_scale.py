@@ -1,0 +1,175 @@
+#!/usr/bin/env python3
+"""bench_scale: a policy of many entries on its way: the tool, a Redis server, and service nodes.
+
+    bench_scale [--entries N[,N...]] [--nodes N] [--durable]
+
+The server keeps nothing on disk but with --durable: then every write is there before it is acknowledged, as with the
+configuration that is shipped. Times are CPU time of whole processes, memory is resident memory, both for each entry. 10,000 and 100,000 entries when
+not told otherwise; a million takes minutes. Fails when a goal is missed by more than its margin.
+"""
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+BIN = os.path.dirname(os.path.abspath(__file__))
+PLX = os.path.join(BIN, "plx")
+TICK = os.sysconf("SC_CLK_TCK")
+MARGIN = 1.10
+
+
+def option(name, default):
+    return sys.argv[sys.argv.index(name) + 1] if name in sys.argv else default
+
+
+def policy(path, entries):
+    with open(path, "w") as out:
+        out.write("application: scale\nacls:\n- id: 1\n  class: 1\n  entries:\n")
+        for i in range(entries):
+            out.write(f"  - {{sn: {i + 1}, priority: {i % 1000}, match: {{etype: ipv4, ipv4_src: "
+                      f"{10 + (i >> 16)}.{i >> 8 & 255}.{i & 255}.0/24, ipv4_proto: tcp, "
+                      f"dst_l4port: {i % 60000 + 1}}}, action: {{fwd: deny}}}}\n")
+        out.write("applies:\n- {acl: 1, port: 1-4, direction: in}\n")
+
+
+class Process:
+    """A program that runs beside, with its CPU time and its memory."""
+
+    def __init__(self, arguments, log):
+        self.log = log
+        self.process = subprocess.Popen(arguments, stdout=subprocess.DEVNULL, stderr=open(log, "w"))
+
+    def cpu(self):
+        with open(f"/proc/{self.process.pid}/stat") as stat:
+            fields = stat.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / TICK
+
+    def memory(self):
+        with open(f"/proc/{self.process.pid}/status") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS")) * 1024
+
+    def wait_for(self, text):
+        while text not in open(self.log).read():
+            if self.process.poll() is not None:
+                sys.exit(f"bench_scale: {open(self.log).read()}")
+            time.sleep(0.02)
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait()
+
+
+class Place:
+    """A server and nodes, and the tool on them."""
+
+    def __init__(self, entries, nodes):
+        self.entries = entries
+        self.directory = tempfile.mkdtemp(prefix="plx-scale-")
+        socket = self.directory + "/socket"
+        self.store = "unix:" + socket
+        durable = ["--appendonly", "yes", "--appendfsync", "always"] if "--durable" in sys.argv else []
+        self.server = Process(["redis-server", "--port", "0", "--unixsocket", socket, "--dir", self.directory, "--save",
+                               "", "--hash-max-listpack-value", "256", *durable], self.directory + "/server")
+        while not os.path.exists(socket):
+            time.sleep(0.02)
+        self.nodes = []
+        for _ in range(nodes):
+            self.add_node()
+        self.file = self.directory + "/policy.yaml"
+        policy(self.file, entries)
+        self.before = [each.memory() for each in (self.server, self.nodes[0])]
+
+    def add_node(self):
+        number = str(len(self.nodes) + 1)
+        node = Process([PLX, "node", "--store", self.store, "--id", number, "--table-size", "100000000"],
+                       self.directory + "/node" + number)
+        node.wait_for("ready")
+        self.nodes.append(node)
+        return node
+
+    def apply(self, *arguments):
+        """CPU time for each entry of application, server and nodes, in us; the application's memory; seconds."""
+        beside = [self.server] + self.nodes
+        before = [each.cpu() for each in beside]
+        begin = time.monotonic()
+        command = [PLX, "apply", "--store", self.store, "--nodes", str(len(self.nodes)), *arguments, self.file]
+        with open(self.directory + "/outcomes", "w") as out:
+            child = subprocess.Popen(command, stdout=out)
+            _, status, usage = os.wait4(child.pid, 0)
+        if os.waitstatus_to_exitcode(status) != 0:
+            print(f"  plx apply ended with {os.waitstatus_to_exitcode(status)}")
+        seconds = time.monotonic() - begin
+        used = [usage.ru_utime + usage.ru_stime] + [each.cpu() - then for each, then in zip(beside, before)]
+        each = [1e6 * time_used / self.entries for time_used in used]
+        return [each[0], each[1], sum(each[2:])], usage.ru_maxrss * 1024, seconds
+
+    def end(self):
+        for each in self.nodes + [self.server]:
+            each.end()
+        shutil.rmtree(self.directory)
+
+
+class Goals:
+    missed = 0
+
+    def row(self, what, figure, unit, goal=None):
+        verdict = ""
+        if goal is not None:
+            reached = figure <= goal
+            verdict = f"  goal {goal:g}: " + ("reached" if reached else
+                                             "within margin" if figure <= goal * MARGIN else "MISSED")
+            Goals.missed += figure > goal * MARGIN
+        print(f"  {what:<46}{figure:>10.1f} {unit}{verdict}", flush=True)
+
+
+def cpu_rows(goals, what, used, goal=None):
+    for who, time_used in zip(("application", "server", "nodes"), used):
+        goals.row(f"{what}: {who}", time_used, "us")
+    goals.row(f"{what}: together", sum(used), "us", goal)
+
+
+def idle(place, seconds):
+    beside = [place.server] + place.nodes
+    time.sleep(2)
+    before = [each.cpu() for each in beside]
+    time.sleep(seconds)
+    return max(100 * (each.cpu() - then) / seconds for each, then in zip(beside, before))
+
+
+def measure(goals, entries, nodes):
+    print(f"{entries} entries, {nodes} nodes", flush=True)
+    place = Place(entries, nodes)
+    used, application, seconds = place.apply()
+    cpu_rows(goals, "written anew", used, 25 if entries == 100_000 and nodes == 1 else None)
+    goals.row("written anew, by the clock", seconds, "s")
+    written = sum(used)
+    goals.row("memory of the server, an entry", (place.server.memory() - place.before[0]) / entries, "bytes")
+    goals.row("memory of a node, an entry", (place.nodes[0].memory() - place.before[1]) / entries, "bytes")
+    goals.row("memory of the application, an entry, at most", application / entries, "bytes")
+    used, _, _ = place.apply("--changes-only")
+    cpu_rows(goals, "again, --changes-only", used, written / 4 if entries == 100_000 else None)
+    begin = time.monotonic()
+    subprocess.run([PLX, "show", "ace", "--store", place.store, "--app", "scale", "--acl", "1", "--sn", "5"],
+                   stdout=subprocess.DEVNULL, check=True)
+    goals.row("one entry shown", 1000 * (time.monotonic() - begin), "ms", 50)
+    begin = time.monotonic()
+    late = place.add_node()
+    goals.row("a late node is ready", time.monotonic() - begin, "s", 6)
+    goals.row("its CPU time", late.cpu(), "s")
+    goals.row("busiest of server and nodes, idle", idle(place, 20), "%", 2)
+    place.end()
+    return written
+
+
+def main():
+    goals = Goals()
+    sizes = [int(size) for size in option("--entries", "10000,100000").split(",")]
+    written = [measure(goals, size, int(option("--nodes", "1"))) for size in sizes]
+    if len(written) > 1:
+        goals.row("an entry of the largest to one of the smallest", written[-1] / written[0], "times", 1.2)
+    return 1 if goals.missed else 0
+
+
+sys.exit(main())
