@@ -133,6 +133,8 @@ void Draft::write_list(const AclKey &key, ListDraft &list)
     toggle_conditional(key, acl, list);
     list.arranged = arrange(acl.list, acl.entries, list.changed);
     read_changing(key, acl, list);
+    if (!errors_.empty()) // rules are placed beside others whose handles must be known
+        return;
     list.stands = !list.arranged.list.pages.empty() || applied(key);
     if (list.stands && !acl.stands)
         setting_.table.add_chain(batch_, head_name(key), list.owner);

@@ -330,6 +330,15 @@ TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes
         program(again);
         EXPECT_EQ(before, output_of("nft list ruleset | sort")) << damage;
     }
+    for (int calls = 0; calls < 6; ++calls) { // the kernel refuses, and its word is lost
+        output_of("nft flush ruleset");
+        fault = {ENOBUFS, false, calls, true};
+        const std::vector<int> statuses = program({entry(30, "-> fwd=deny", 9, false, uint64_t(calls) + 2)});
+        fault = {.no_owner = true};
+        EXPECT_EQ(statuses[0] == 0, !kernel_order().empty()) << calls;
+        plane_->look();
+        program(changes);
+    }
     fault = {};
 }
 
