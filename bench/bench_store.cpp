@@ -67,6 +67,44 @@ figures write_ratio(const redis_server &server, const std::string &suffix, const
     return {{"over base" + suffix, ours / base}};
 }
 
+// How many times as fast as the base set_ace is in a bracket: over entries that are there, or new ones.
+figures bulk_speed(const redis_server &server, const std::string &name, bool overwrites)
+{
+    constexpr uint64_t count = turns * writes_per_turn;
+    application app(server.url("suite"), application::hears::nothing);
+    raw_client raw(server);
+    const cpu_meter meter{server.pid()};
+    for (uint64_t sn = 0; overwrites && sn < count; ++sn)
+        app.set_ace(sn);
+    raw.adopt(server);
+    raw.fill(base_keys, entries);
+    double base = 0;
+    double ours = 0;
+    require(plx_bulk_begin(app.context()) == 0, "a bracket");
+    for (uint64_t first = 0; first < count; first += writes_per_turn) {
+        base += meter.of([&] {
+            for (uint64_t i = first; i < first + writes_per_turn; ++i)
+                raw.write(base_keys, i % entries);
+        });
+        ours += meter.of([&] {
+            for (uint64_t i = first; i < first + writes_per_turn; ++i)
+                app.set_ace(i);
+            require(plx_bulk_flush(app.context()) == 0, "a bracket");
+        });
+    }
+    require(plx_bulk_end(app.context()) == 0, "a bracket");
+    return {{name + ", over base", ours / base}};
+}
+
+void bulk(benchmark::State &state)
+{
+    bench::once(state, [&] {
+        const quick_server server;
+        report(state, bench::in_process([&] { return bulk_speed(server, "new", false); }));
+        report(state, bench::in_process([&] { return bulk_speed(server, "overwrites", true); }));
+    });
+}
+
 int32_t ignore(void *, const tq_mom_notification *, void *)
 {
     return 0;
@@ -138,14 +176,14 @@ void set_and_hear(application &app, uint64_t count, uint64_t window)
 {
     const uint64_t before = app.outcomes();
     uint64_t sent = 0;
-    require(tq_mom_batch_begin(app.context()) == 0, "a batch");
+    require(plx_bulk_begin(app.context()) == 0, "a bracket");
     while (app.outcomes() - before < count) {
         for (; sent < count && sent - (app.outcomes() - before) < window; ++sent)
             app.set_ace(sent % 1000);
-        tq_mom_batch_send(app.context());
+        require(plx_bulk_flush(app.context()) == 0, "a bracket");
         app.turn();
     }
-    require(tq_mom_batch_end(app.context(), nullptr, 0) == 0, "a batch");
+    require(plx_bulk_end(app.context()) == 0, "a bracket");
 }
 
 figures many_in_flight(application &app, raw_client &raw, const cpu_meter &meter)
@@ -188,10 +226,10 @@ void fill_store(const redis_server &server, uint64_t count)
 {
     bench::in_process([&] {
         application app(server.url(), application::hears::nothing);
-        require(tq_mom_batch_begin(app.context()) == 0, "filling");
+        require(plx_bulk_begin(app.context()) == 0, "filling");
         for (uint64_t i = 0; i < count; ++i)
             app.set_ace(i);
-        require(tq_mom_batch_end(app.context(), nullptr, 0) == 0, "filling");
+        require(plx_bulk_end(app.context()) == 0, "filling");
         return figures{{"filled", static_cast<double>(count)}};
     });
 }
@@ -258,6 +296,8 @@ void server_memory(benchmark::State &state)
 constexpr bench::goal goals[] = {
     {"writes", "over base", 1 / 0.85, 0.10},
     {"writes", "over base, one subscriber", 1 / 0.65, 0.10},
+    {"bulk", "overwrites, over base", 1 / 4.0, 0.10},
+    {"bulk", "new, over base", 1 / 2.8, 0.10},
     {"round_trips", "one in flight, median over base", 4, 0.10},
     {"round_trips", "one in flight, p99 over base", 8, 0.10},
     {"round_trips", "128 in flight, over base", 1 / 1.2, 0.10},
@@ -272,6 +312,7 @@ constexpr bench::goal goals[] = {
 int main(int argc, char **argv)
 {
     bench::add("writes", writes);
+    bench::add("bulk", bulk);
     bench::add("round_trips", round_trips);
     bench::add("start_up_100k", start_up<100'000, 0>);
     bench::add("start_up_1M", start_up<1'000'000, 0>);

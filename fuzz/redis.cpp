@@ -73,6 +73,9 @@ std::string field_bytes()
 std::string log_entry()
 {
     const bool deleted = script->below(4) == 0;
+    if (script->chance())
+        return array({bulk(log_id()), array({bulk("w"), bulk("1"), bulk((deleted ? "d" : "r") + any_key()),
+                                             bulk(field_bytes()), bulk("r" + any_key()), bulk(field_bytes())})});
     return array({bulk(log_id()), array({bulk("k"), bulk(any_key()), bulk("w"), bulk("1"), bulk(deleted ? "d" : "r"),
                                          bulk(field_bytes())})});
 }

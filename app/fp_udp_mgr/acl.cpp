@@ -31,6 +31,13 @@ namespace {
     return record.write(ctx);
 }
 
+// What was collected comes before a change of an ACL, and what was read of ACLs no longer holds.
+void settle()
+{
+    (void)bulk::settle();
+    bulk::forget_classes();
+}
+
 [[nodiscard]] int32_t report_failed(void *ctx, const fp_udp_acl &acl, const fp_udp_acl_info &info, int32_t result)
 {
     fp_udp_log_op_acl(&info, nullptr, acl.priv, FP_UDP_OP_FAIL);
@@ -50,7 +57,7 @@ int32_t fp_get_acl_cls(void *ctx, uint32_t db, const char *app_type, uint32_t ac
     store_record<SPolicy__Acl> record;
     record.key.t_app_type = field_text(app_type);
     record.key.acl_id = acl_id;
-    const store_result result(tq_mom_hgetall_sync(ctx, db, record.message()));
+    const store_result result(record.read(ctx, db));
     if (!result.answered()) {
         report<Error>("hgetall ret is null. app:%s acl:%d", app_type, acl_id);
         return FP_UDP_READ_FAILED;
@@ -79,6 +86,7 @@ int32_t fp_udp_set_acl(void *ctx, const fp_udp_acl *acl)
     if (!valid(acl))
         return refuse_name();
     fp_udp_acl_info info = acl_descriptor(acl->app_type, acl->acl_id);
+    settle();
     fp_udp_log_op_acl(&info, nullptr, acl->priv, FP_UDP_OP_ADD);
     report<Detail>("acl info, app_type : %s, acl_id : %d, acl_cls : %d\n", acl->app_type, acl->acl_id, acl->acl_cls);
     info.uuid = new_request_id();
@@ -105,8 +113,9 @@ int32_t fp_udp_del_acl(void *ctx, const fp_udp_acl_key *key)
     if (!valid(key))
         return refuse_name();
     const fp_udp_acl_info info = acl_descriptor(key->app_type, key->acl_id);
+    settle();
     fp_udp_log_op_acl(&info, nullptr, nullptr, FP_UDP_OP_DEL);
-    report<Detail>("acl key, app_type : %s, acl_id : %d\n", key->app_type, key->acl_id);
+    report<Detail>("acl key, app_type : %s, acl_id : %d\n", info.app_type, info.acl_id);
 
     store_record<SPolicy__Acl> record;
     fill(record.key, info);
@@ -144,8 +153,9 @@ uint64_t *fp_udp_iterator_ace(void *, const fp_udp_acl_key *key, uint64_t **sn, 
         return nullptr;
     }
     const fp_udp_acl_info info = acl_descriptor(key->app_type, key->acl_id);
+    (void)bulk::settle();
     fp_udp_log_op_acl(&info, nullptr, nullptr, FP_UDP_OP_ITERATE);
-    report<Detail>("acl key, app_type : %s, acl_id : %d\n", key->app_type, key->acl_id);
+    report<Detail>("acl key, app_type : %s, acl_id : %d\n", info.app_type, info.acl_id);
 
     fp_udp_acl_node *node = nullptr;
     if (fp_udp_acldb_get_acl(&info, &node) != FP_UDP_OK) {

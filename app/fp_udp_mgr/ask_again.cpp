@@ -91,6 +91,7 @@ void schedule(const timeval &interval);
 int turn(tq_thread *)
 {
     asking.timer = nullptr;
+    (void)bulk::settle(); // runs callbacks, which may end any request: none is held yet
     const uint64_t end = new_request_id() + turn_us;
     while (fp_udp_req_node *request = next_unanswered()) {
         const int failed = with_node(*request, [](auto &node) {

@@ -5,6 +5,7 @@
 // readers match them.
 #include "status.hpp"
 
+#include "../fp_udp_req_mng/answers.hpp"
 #include "../fp_udp_req_mng/kinds.hpp"
 #include "ask_again.hpp"
 #include "store_record.hpp"
@@ -78,6 +79,28 @@ template <class Node> bool answers_newest_write(const Node &node, uint64_t rep_u
     return true;
 }
 
+// A node may name itself in a field beside the described ones: the text is all that matters of it.
+constexpr uint32_t node_field = 20;
+
+const ProtobufCMessageUnknownField *node_name(const ProtobufCMessage &record)
+{
+    for (unsigned i = 0; i < record.n_unknown_fields; ++i)
+        if (record.unknown_fields[i].tag == node_field)
+            return &record.unknown_fields[i];
+    return nullptr;
+}
+
+// A confirmation that this node has given before for what is waited for.
+template <class Node> bool repeats(const Node &node, const ProtobufCMessage &record, diag::place at)
+{
+    const auto *name = node.req == nullptr ? nullptr : node_name(record);
+    if (name == nullptr || name->data == nullptr || plx::req::first_word(*node.req, name->data, name->len))
+        return false;
+    report<Notice>(at, "service node has answered before");
+    ++outcomes_of(node).dropped_late;
+    return true;
+}
+
 // The pending request ends with its outcome; one that the callback has started anew has no outcome yet.
 template <class Node> void settle(Node *node)
 {
@@ -111,6 +134,8 @@ int32_t on_reply(void *ctx, const tq_mom_notification *notification, const char 
     if (node == nullptr)
         ++(counters.*of::outcomes).dropped_unknown;
     if (node == nullptr || !answers_newest_write(*node, record->rep_uuid, at))
+        return FP_UDP_OK;
+    if (record->p_status == 0 && repeats(*node, record->base, at))
         return FP_UDP_OK;
     of::judge(node, record->p_status, 0);
     settle(look_up<Node>(acl, info, at));

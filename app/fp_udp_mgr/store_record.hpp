@@ -8,6 +8,7 @@
 
 #include "../fp_udp_req_mng/descriptor.hpp"
 #include "area.hpp"
+#include "bulk.hpp"
 
 #include <iterator>
 #include <plx/s_policy.pb-c.h>
@@ -91,20 +92,55 @@ template <class Message> class store_record {
     // Writes the fields of the record type's row.
     [[nodiscard]] int write(void *ctx) const
     {
-        return tq_mom_hmset_sync(ctx, para.db, message(), schema<Message>::fields, std::size(schema<Message>::fields));
+        const int rv = bulk::admit(ctx);
+        return rv == 0 ? write_fields(ctx) : rv;
     }
-    [[nodiscard]] int write_whole(void *ctx) const { return tq_mom_set_sync(ctx, para.db, message()); }
-    [[nodiscard]] int del(void *ctx) const { return tq_mom_del_sync(ctx, para.db, message()); }
+    [[nodiscard]] int write_whole(void *ctx) const
+    {
+        const int rv = bulk::admit(ctx);
+        return rv == 0 ? tq_mom_set_sync(ctx, para.db, message()) : rv;
+    }
+    [[nodiscard]] int del(void *ctx) const
+    {
+        const int rv = bulk::admit(ctx);
+        return rv == 0 ? tq_mom_del_sync(ctx, para.db, message()) : rv;
+    }
+    // The same, collected where a bracket is open: 0 is no more than that then, and `made` goes on from the result.
+    [[nodiscard]] int write(void *ctx, const bulk::call &made, bool *collected) const
+    {
+        *collected = bulk::collects(ctx);
+        const int rv = *collected ? write_fields(ctx) : write(ctx);
+        if (*collected && rv == 0)
+            bulk::add(made);
+        return rv;
+    }
+    [[nodiscard]] int del(void *ctx, const bulk::call &made) const
+    {
+        if (!bulk::collects(ctx))
+            return del(ctx);
+        const int rv = tq_mom_del_sync(ctx, para.db, message());
+        if (rv == 0)
+            bulk::add(made);
+        return rv;
+    }
+    // Null when the store could not be asked. What was collected is in it before.
+    [[nodiscard]] tq_mom_hash_res *read(void *ctx, uint32_t db) const
+    {
+        (void)bulk::settle();
+        return tq_mom_hgetall_sync(ctx, db, message());
+    }
 
     // Begin and end a rewrite of the records that the first `selection` key fields select. A failure is reported as
     // `failed`.
     static constexpr uint32_t rewrite_bound = 1000;
     [[nodiscard]] int begin_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
+        (void)bulk::settle();
         return reported(tq_mom_dsbegin_sync(ctx, para.db, message(), selection, uint64_t{rewrite_bound}), failed);
     }
     [[nodiscard]] int end_rewrite(void *ctx, uint32_t selection, diag::text<> failed) const
     {
+        (void)bulk::settle();
         int rv = TQ_MOM_OK;
         do // many records take more than one: each call gets on
             rv = tq_mom_dsend_sync(ctx, para.db, message(), selection, rewrite_bound);
@@ -116,6 +152,10 @@ template <class Message> class store_record {
     Message values;
 
   private:
+    int write_fields(void *ctx) const
+    {
+        return tq_mom_hmset_sync(ctx, para.db, message(), schema<Message>::fields, std::size(schema<Message>::fields));
+    }
     static int reported(int rv, diag::text<> failed)
     {
         if (rv != 0)

@@ -10,6 +10,9 @@
 #include "pending.hpp"
 
 namespace plx::req {
+
+constinit pass_hook before_pass = nullptr;
+
 namespace {
 
 constexpr uint64_t ageing_seconds = 180;
@@ -202,6 +205,8 @@ int32_t fp_udp_apply_req_stat_proc(fp_udp_apply_node *node, int32_t status, int3
 
 void fp_udp_req_check_proc(int32_t force)
 {
+    if (before_pass != nullptr)
+        before_pass();
     const plx::diag::place here = {__func__, __LINE__};
     const timeval now = time_now();
     pending_walk walk;

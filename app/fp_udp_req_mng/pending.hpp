@@ -7,10 +7,12 @@
 
 namespace plx::req {
 
-// A request as it is allocated: the exported part, and the number of the newest pass when it was added or refreshed.
+// A request as it is allocated: the exported part, the number of the newest pass when it was added or refreshed, and a
+// bit for each node that has confirmed since.
 struct numbered_request {
     fp_udp_req_node request;
     uint64_t pass;
+    uint64_t confirmed;
 };
 
 // One pass over the requests that are pending when it starts. Passes nest when a callback starts another.
@@ -41,7 +43,11 @@ class pending_walk {
         return reinterpret_cast<const numbered_request &>(request).pass >= number_;
     }
 
-    static void stamp(fp_udp_req_node &request) { reinterpret_cast<numbered_request &>(request).pass = begun_; }
+    static void stamp(fp_udp_req_node &request)
+    {
+        reinterpret_cast<numbered_request &>(request).pass = begun_;
+        reinterpret_cast<numbered_request &>(request).confirmed = 0;
+    }
 
     // Every walk steps off a request that is about to leave the list.
     static void leave(fp_udp_list &links)
@@ -69,6 +75,10 @@ class pending_walk {
     static inline uint64_t begun_ = 0; // passes, in the process's life
     static inline pending_walk *innermost_ = nullptr;
 };
+
+// What is done before each ageing pass, or null: requests that are about to be added come first.
+using pass_hook = void (*)();
+extern pass_hook before_pass;
 
 // Takes a request out of the list, off its node and off every walk, and frees it.
 void detach(fp_udp_req_node *request);

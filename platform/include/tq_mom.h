@@ -82,8 +82,10 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record);
  * result of each call that was collected; TQ_MOM_DISCONNECTED and TQ_MOM_TIMEOUT leave open whether the store has it.
  * For who writes many records at a time: one waiting instead of one for each. tq_mom_batch_send() sends what is
  * collected without waiting for the answers, which are then taken later: at the end, when many are out, or before any
- * other call. */
+ * other call. A begin inside another batch of the handle is TQ_MOM_INVALID. tq_mom_batch_open() is 1 while this handle's
+ * calls are collected on this thread, else 0; it does not look into the handle. */
 int tq_mom_batch_begin(void *handle);
+int tq_mom_batch_open(const void *handle);
 void tq_mom_batch_send(void *handle);
 int tq_mom_batch_end(void *handle, int *results, uint32_t count);
 
@@ -148,7 +150,10 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     /* of tq_mom_dsend_sync(): some of the records were looked at */                                                   \
     RESULT(UNFINISHED, 16, "the time was not enough, and the same call goes on", "make the same call again")           \
     /* more than 16 MiB */                                                                                             \
-    RESULT(TOO_BIG, 17, "the record is too big", "this is a fault of the program: tell who wrote it")
+    RESULT(TOO_BIG, 17, "the record is too big", "this is a fault of the program: tell who wrote it")                  \
+    /* a table's metadata names a format of its change log that this client does not know */                           \
+    RESULT(NEWER_FORMAT, 18, "the store's tables are those of a newer release",                                        \
+           "install that release here, too: nothing was read or written")
 
 #define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {

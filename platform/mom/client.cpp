@@ -4,6 +4,7 @@
 #include "platform/guard.hpp"
 #include "wire.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <tuple>
@@ -11,6 +12,8 @@
 using namespace mom;
 
 namespace {
+
+thread_local std::vector<const void *> batching; // handles whose calls are collected
 
 struct target {
     tq_mom_client *client;
@@ -185,9 +188,25 @@ int tq_mom_state_get(void *handle, uint32_t, int)
     return call_engine(handle, [](engine &engine) { return engine.state(); });
 }
 
+void mom::forget_batch(const void *handle) noexcept
+{
+    std::erase(batching, handle);
+}
+
+int tq_mom_batch_open(const void *handle)
+{
+    return std::find(batching.begin(), batching.end(), handle) != batching.end() ? 1 : 0;
+}
+
 int tq_mom_batch_begin(void *handle)
 {
-    return call_engine(handle, [](engine &engine) { return engine.begin_batch(), TQ_MOM_OK; });
+    return call_engine(handle, [handle](engine &engine) -> int {
+        if (tq_mom_batch_open(handle) != 0)
+            return TQ_MOM_INVALID;
+        batching.push_back(handle);
+        engine.begin_batch();
+        return TQ_MOM_OK;
+    });
 }
 
 void tq_mom_batch_send(void *handle)
@@ -199,6 +218,7 @@ void tq_mom_batch_send(void *handle)
 int tq_mom_batch_end(void *handle, int *results, uint32_t count)
 {
     const std::span room(results, results == nullptr ? 0 : count);
+    forget_batch(handle);
     return call_engine(handle, [&](engine &engine) { return engine.end_batch(room); });
 }
 

@@ -20,6 +20,9 @@ struct listener {
     bool operator==(const listener &) const = default;
 };
 
+/// For a context that ends.
+void forget_batch(const void *handle) noexcept;
+
 class subscription final : public change_sink {
   public:
     subscription(tq_mom_client &client, table_ref table, const key_range &range, const listener &to)

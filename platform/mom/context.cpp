@@ -72,6 +72,7 @@ void tq_context_free(tq_context *context)
 {
     if (context == nullptr)
         return;
+    mom::forget_batch(context);
     auto *loop = context->mom->own_loop;
     delete context->mom;
     if (loop != nullptr)

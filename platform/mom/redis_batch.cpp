@@ -25,7 +25,7 @@ void command_batch::close()
     item &added = add_item(table, open_.records());
     if (open_.known_beforehand()) {
         const size_t before = commands_.commands();
-        open_.build_transaction(commands_);
+        open_.build_transaction(commands_, writer_.name);
         added.answers = commands_.commands() - before;
         added.steps = open_.steps();
     } else {
@@ -33,7 +33,7 @@ void command_batch::close()
         open_.build_call(commands_, scripts_.write, writer_.name);
         added.size = commands_.bytes().size() - added.start;
     }
-    table.latest += open_.records();
+    ++table.latest;
     closed_ = true;
 }
 
@@ -68,7 +68,7 @@ void command_batch::remove(redis_table &table, std::string_view key)
 // A call without results, in front of what makes it due.
 void command_batch::trim_in_time(redis_table &table, size_t changes)
 {
-    if (!table.trim_due(changes))
+    if (!table.trim_due(changes, 1))
         return;
     item &added = add_item(table, 0);
     added.start = commands_.bytes().size();
@@ -152,7 +152,7 @@ command_batch::verdict command_batch::judge_call(redis_link &link, const item &e
 }
 
 // The answers: one to MULTI, one to each queued command, those of EXEC, among them first the metadata and behind the
-// records' steps the index.
+// records' steps the log and the index.
 command_batch::verdict command_batch::judge_transaction(redis_link &link, const item &each, reply_view reply,
                                                         std::span<int> results) const
 {
@@ -172,8 +172,8 @@ command_batch::verdict command_batch::judge_transaction(redis_link &link, const 
         for (size_t i = 0; i < each.steps; ++i, step = step.next())
             result = result == TQ_MOM_OK ? link.judge(step) : result;
     }
-    const int listed = link.judge(step);
-    std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, listed);
+    for (int of_all = 0; of_all < 2; ++of_all, step = step.next())
+        std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, link.judge(step));
     return succeeded(results) ? verdict::done : verdict::partly;
 }
 

@@ -6,9 +6,8 @@
 namespace mom {
 
 redis_calls::redis_calls(const store_url &url, tq_mom_counters &counters)
-    : counters_(counters),
-      link_(url, counters), writer_{random_name(), std::to_string(url.log_limit.value_or(usual_log_limit)),
-                                    std::to_string(url.log_memory.value_or(usual_log_memory))}
+    : counters_(counters), link_(url, counters), writer_{random_name(), url.log_limit.value_or(usual_log_limit),
+                                                         std::to_string(url.log_memory.value_or(usual_log_memory))}
 {
 }
 

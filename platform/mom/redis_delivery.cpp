@@ -38,7 +38,7 @@ void redis_audience::deliver(uint64_t number, const change &change, size_t &told
 
 bool redis_audience::set_aside(int result)
 {
-    if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED)
+    if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED && result != TQ_MOM_NEWER_FORMAT)
         return false;
     if (!std::exchange(aside, true))
         report(TQ_ZLOG_ERROR, "changes of " + table.log + " cannot be read: " + tq_mom_strerror(result));
@@ -52,9 +52,10 @@ redis_audience &redis_delivery::add(redis_table &table)
 
 void redis_delivery::put(redis_audience &to, const log_entry &entry)
 {
-    const auto kind = entry.deleted ? change_kind::deleted : change_kind::written;
-    put({to, kind, entry.number, std::string(entry.key), std::string(entry.deleted ? "" : entry.body),
-         entry.writer == calls_.writer().name});
+    const bool echo = entry.writer == calls_.writer().name;
+    for (const auto &[key, body, deleted] : entry.changes)
+        put({to, deleted ? change_kind::deleted : change_kind::written, entry.number, std::string(key),
+             std::string(deleted ? "" : body), echo});
 }
 
 void redis_delivery::put(queued &&change)

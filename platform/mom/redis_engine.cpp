@@ -46,7 +46,7 @@ int redis_engine::collected()
         flush();
     if (batching_)
         return TQ_MOM_OK;
-    const int result = calls_.results().front();
+    const int result = calls_.results().back(); // before it may stand those of a batch that ran out of memory
     calls_.results().clear();
     return result;
 }
@@ -75,12 +75,15 @@ int redis_engine::know(redis_table &table, field_values fields)
 {
     if (table.known == calls_.era() && table.covers(fields))
         return TQ_MOM_OK;
-    int result = calls_.ask([&](command_buffer &commands) { commands.command("HMGET", table.meta, "gen", "fields"); });
+    int result =
+        calls_.ask([&](command_buffer &commands) { commands.command("HMGET", table.meta, "gen", "fields", "format"); });
     result = result == TQ_MOM_OK ? calls_.link().judge(calls_.link().replies()) : result;
+    result = result == TQ_MOM_OK ? check_format(calls_.link().replies().at(2).text()) : result;
     if (result != TQ_MOM_OK)
         return result;
-    table.take_meta(calls_.link().replies().at(0).text(), calls_.link().replies().at(1).text());
-    if (table.generation.empty() || !table.covers(fields)) {
+    table.take_meta(calls_.link().replies());
+    const bool older = calls_.link().replies().at(2).text() != std::to_string(table_format);
+    if (table.generation.empty() || !table.covers(fields) || older) {
         std::string numbers;
         for (const auto &field : fields)
             numbers += (numbers.empty() ? "" : ",") + std::to_string(field.number);
@@ -88,7 +91,7 @@ int redis_engine::know(redis_table &table, field_values fields)
                             [&](command_buffer &commands) { calls_.scripts().make_sure(commands, table, numbers); });
         if (result != TQ_MOM_OK)
             return result;
-        table.take_meta(calls_.link().replies().at(0).text(), calls_.link().replies().at(1).text());
+        table.take_meta(calls_.link().replies());
     }
     table.known = calls_.era();
     return table.covers(fields) ? TQ_MOM_OK : TQ_MOM_BAD_ANSWER;

@@ -31,6 +31,7 @@ class redis_engine final : public engine {
     void begin_batch() override
     {
         calls_.spoilt(); // before this batch
+        calls_.results().clear();
         batching_ = true;
     }
     void send_batch() override { calls_.send(); }

@@ -50,7 +50,7 @@ bool redis_follower::goes_first(const followed &of) const
 int redis_follower::position(const redis_table &table, log_position &out)
 {
     const int asked = calls_.ask([&](command_buffer &commands) {
-        commands.command("HGET", table.meta, "epoch");
+        commands.command("HMGET", table.meta, "epoch", "format");
         commands.command("XREVRANGE", table.log, "+", "-", "COUNT", "1");
         commands.command("XINFO", "STREAM", table.log);
     });
@@ -62,10 +62,12 @@ int redis_follower::position(const redis_table &table, log_position &out)
     for (const auto &reply : {epoch, latest})
         if (const int result = calls_.link().judge(reply); result != TQ_MOM_OK)
             return result;
+    if (const int known = check_format(epoch.at(1).text()); known != TQ_MOM_OK)
+        return known;
     const bool no_log = info.is(reply_kind::error) && info.text().starts_with("ERR no such key");
     if (const int result = no_log ? TQ_MOM_OK : calls_.link().judge(info); result != TQ_MOM_OK)
         return result;
-    out = {std::string(epoch.text()), 0, 0};
+    out = {std::string(epoch.at(0).text()), 0, 0};
     auto item = info.first();
     for (size_t i = 0; i < info.size(); ++i, item = item.next())
         if (item.text() == "last-generated-id" && !parse_log_id(item.next().text(), out.last))
@@ -129,9 +131,12 @@ bool redis_follower::accept_stream(reply_view stream)
     if (of == nullptr)
         return false;
     auto reply = entries.first();
+    log_entry entry;
     for (size_t i = 0; i < entries.size(); ++i, reply = reply.next()) {
-        log_entry entry;
         const bool ours = entry.parse(reply);
+        log_position now;
+        if (!ours && of->audience.set_aside(position(of->table(), now)))
+            return true; // of another release
         if (!ours)
             report(TQ_ZLOG_ERROR, "passed over what is no change in " + of->table().log);
         if (entry.number == 0 || !accept_entry(*of, entry, ours))
@@ -202,8 +207,8 @@ int redis_follower::compare_more(followed &of, redis_feed::history &found)
     std::vector<redis_feed::shown> entries;
     const auto held = calls_.link().replies();
     auto reply = held.first();
+    log_entry entry;
     for (size_t i = 0; i < held.size(); ++i, reply = reply.next()) {
-        log_entry entry;
         entry.parse(reply);
         entries.push_back({entry.number, entry.identity()});
     }

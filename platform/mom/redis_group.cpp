@@ -3,12 +3,13 @@
 
 namespace mom {
 
-constexpr size_t records_per_group = 64; // so that no command keeps the server from others for long
+constexpr size_t records_per_group = 64;  // so that no command keeps the server from others for long,
+constexpr size_t bytes_per_group = 65536; // and no entry of the log is long to read
 
 bool write_group::takes(const redis_table &table, write_mode mode, bool complete) const
 {
-    return records_ == 0 ||
-           (table_ == &table && mode_ == mode && complete_ == complete && records_ < records_per_group);
+    return records_ == 0 || (table_ == &table && mode_ == mode && complete_ == complete &&
+                             records_ < records_per_group && arguments_.bytes().size() < bytes_per_group);
 }
 
 void write_group::add(redis_table &table, write_mode mode, bool complete, std::string_view key,
@@ -35,15 +36,23 @@ void write_group::add(redis_table &table, write_mode mode, bool complete, std::s
     steps_.begin(4 + 2 * fields.values.size());
     steps_.add("HSET").add(table.prefix, key).add("#").add(table.generation);
     steps_.add_built(arguments_.bytes().substr(values));
-    steps_.command("XADD", table.log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
+    if (records_ == 1)
+        only_.command("XADD", table.log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
+    told_.add("r", key).add(fields.bytes);
     listed_.add("0").add(key);
 }
 
-void write_group::build_transaction(command_buffer &into) const
+void write_group::build_transaction(command_buffer &into, std::string_view writer) const
 {
     into.command("MULTI");
     into.command("HMGET", table_->meta, "gen", "fields");
     into.append_built(steps_.bytes(), steps_.commands());
+    if (records_ == 1) {
+        into.append_built(only_.bytes(), 1);
+    } else {
+        into.begin(5 + 2 * records_);
+        into.add("XADD").add(table_->log).add("0-*").add("w").add(writer).add_built(told_.bytes());
+    }
     into.begin(2 + 2 * records_);
     into.add("ZADD").add(table_->index).add_built(listed_.bytes());
     into.command("EXEC");
@@ -68,6 +77,8 @@ void write_group::clear()
     arguments_.clear();
     steps_.clear();
     listed_.clear();
+    told_.clear();
+    only_.clear();
     records_ = argument_count_ = 0;
 }
 

@@ -3,6 +3,7 @@
 // 1. Empty, it takes any record; then such as belong with it: of the same table, written in the same way.
 // 2. What each record adds is built at once, for both forms that the command may have: a transaction where stamp and
 //    log entry are known beforehand (requested state with all its fields, or replaced), else a call of the script.
+//    Either way one entry of the log tells all of them: that is most of what a record costs the server.
 // 3. The batch takes the command out, or both forms, where a transaction may have to be done by a call after all.
 // 4. Cleared, it keeps its buffers.
 #ifndef TQ_MOM_REDIS_GROUP_HPP
@@ -27,9 +28,9 @@ class write_group {
     redis_table *table() const { return table_; }
     /// Whether the records' stamps and the log's entries are: then a transaction will do.
     bool known_beforehand() const { return table_->requested() && (complete_ || mode_ == write_mode::replace); }
-    /// How many steps a transaction takes for each record.
-    size_t steps() const { return complete_ ? 2 : 3; }
-    void build_transaction(command_buffer &into) const;
+    /// How many steps a transaction takes for each record, before those for all: log entry and index.
+    size_t steps() const { return complete_ ? 1 : 2; }
+    void build_transaction(command_buffer &into, std::string_view writer) const;
     void build_call(command_buffer &into, const redis_script &script, std::string_view writer) const;
     void clear();
 
@@ -43,6 +44,8 @@ class write_group {
     size_t argument_count_ = 0;
     command_buffer steps_; ///< of the transaction
     command_buffer listed_;
+    command_buffer told_; ///< in the log's entry
+    command_buffer only_; ///< the entry of a single one
 };
 
 } // namespace mom

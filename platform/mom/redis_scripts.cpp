@@ -15,13 +15,16 @@ std::string random_name()
 
 namespace {
 
-// KEYS meta; ARGV epoch-if-new, field numbers to add ("6,7" or "").
+// KEYS meta; ARGV epoch-if-new, field numbers to add ("6,7" or ""), format.
 // Returns generation, fields.
 constexpr char meta_text[] = R"(
 local meta = KEYS[1]
 redis.call('HSETNX', meta, 'epoch', ARGV[1])
 redis.call('HSETNX', meta, 'gen', 1)
 redis.call('HSETNX', meta, 'fields', '')
+if tonumber(redis.call('HGET', meta, 'format') or 1) < tonumber(ARGV[3]) then
+  redis.call('HSET', meta, 'format', ARGV[3])
+end
 if ARGV[2] ~= '' then
   local have, list = {}, {}
   for number in string.gmatch(redis.call('HGET', meta, 'fields') .. ',' .. ARGV[2], '%d+') do
@@ -79,8 +82,9 @@ return {redis.call('HGET', meta, 'epoch'), gen, mark, stamp, any}
 // all that the client knows of, the number that the first change is likely to get ('' where the stamp is the
 // generation), then of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
+// One entry of the log tells the changes of all records.
 // A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
-// fields that it keeps, too. A record stamped with a number that its change did not get is stamped again. A new record
+// fields that it keeps, too. Records stamped with a number that their entry did not get are stamped again. A new record
 // may be the first of its table's history.
 // What this leaves to Lua's garbage collector is paid for every 50 calls, in one of them: hence no functions, and no
 // more tables and texts than needed.
@@ -96,7 +100,7 @@ else
   fields = redis.call('HGET', KEYS[3], 'fields')
 end
 local whole = fields == ARGV[3]
-local results, at, new = {}, 5, false
+local results, at, new, told = {}, 5, false, {}
 for i = 4, #KEYS do
   local record, count = KEYS[i], ARGV[at + 2]
   local last = at + 2 + 2 * count
@@ -127,19 +131,28 @@ for i = 4, #KEYS do
       end
       body = table.concat(parts)
     end
-    result = redis.pcall('XADD', log, '0-*', 'k', ARGV[at], 'w', ARGV[1], 'r', body)
-    if not gen and type(result) == 'string' then
-      local number = string.sub(result, 3)
-      if number ~= expected then
-        redis.call('HSET', record, '#', number)
-      end
-      if i < #KEYS then
-        expected = string.format('%.0f', number + 1)
-      end
+    if #KEYS == 4 then
+      result = redis.pcall('XADD', log, '0-*', 'k', ARGV[at], 'w', ARGV[1], 'r', body)
+    else
+      told[#told + 1] = 'r' .. ARGV[at]
+      told[#told + 1] = body
     end
   end
   results[i - 3] = result
   at = last + 1
+end
+local entry = results[1]
+if #told > 0 then
+  entry = redis.pcall('XADD', log, '0-*', 'w', ARGV[1], unpack(told))
+end
+local misjudged = not gen and type(entry) == 'string' and string.sub(entry, 3) ~= expected
+for i, result in ipairs(results) do
+  if type(result) ~= 'table' then
+    results[i] = entry
+    if misjudged then
+      redis.call('HSET', KEYS[i + 3], '#', string.sub(entry, 3))
+    end
+  end
 end
 if new and not fields then
   local now = redis.call('TIME')
@@ -259,14 +272,19 @@ int redis_script::load(redis_link &link)
 
 void redis_scripts::make_sure(command_buffer &commands, const redis_table &table, std::string_view fields) const
 {
-    meta.begin(commands, 1, 2);
-    commands.add(table.meta).add(random_name()).add(fields);
+    meta.begin(commands, 1, 3);
+    commands.add(table.meta).add(random_name()).add(fields).add(table_format);
 }
 
 void redis_scripts::trim_log(command_buffer &commands, const redis_table &table, const writer_identity &writer) const
 {
     trim.begin(commands, 2, 2);
-    commands.add(table.log).add(table.readers).add(writer.log_limit).add(writer.log_memory);
+    // The limit's changes, in entries like the latest ones.
+    const uint64_t changes = table.latest_changes;
+    const uint64_t entries = table.latest_entries;
+    const uint64_t keep =
+        writer.log_limit / changes * entries + (writer.log_limit % changes * entries + changes - 1) / changes;
+    commands.add(table.log).add(table.readers).add(keep).add(writer.log_memory);
 }
 
 void redis_script::begin(command_buffer &commands, size_t keys, size_t arguments) const

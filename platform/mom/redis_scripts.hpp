@@ -33,7 +33,7 @@ class redis_script {
 /// Who writes, and how much of what is written the logs keep.
 struct writer_identity {
     std::string name;       ///< this handle's name in the log
-    std::string log_limit;  ///< changes kept of each table
+    uint64_t log_limit;     ///< changes kept of each table
     std::string log_memory; ///< bytes of those that are kept for readers that live
 };
 

@@ -18,9 +18,17 @@ template <typename Number> bool parse_whole(std::string_view text, Number &numbe
 
 } // namespace
 
-void redis_table::take_meta(std::string_view gen, std::string_view list)
+int check_format(std::string_view field)
 {
-    generation = gen;
+    unsigned format = 1;
+    const bool ours = field.empty() || (parse_whole(field, format) && format <= table_format);
+    return ours ? TQ_MOM_OK : TQ_MOM_NEWER_FORMAT;
+}
+
+void redis_table::take_meta(reply_view answer)
+{
+    auto list = answer.at(1).text();
+    generation = answer.at(0).text();
     field_list = list;
     fields.clear();
     while (!list.empty()) {
@@ -47,9 +55,19 @@ bool parse_log_id(std::string_view id, uint64_t &number)
 
 bool log_entry::parse(reply_view reply)
 {
-    *this = {};
+    number = 0;
+    writer = {};
+    changes.clear();
+    if (reply.size() != 2 || !parse_log_id(reply.at(0).text(), number))
+        return false;
     const auto content = reply.at(1);
-    if (reply.size() != 2 || !parse_log_id(reply.at(0).text(), number) || content.size() != 6)
+    return content.at(0).text() == "w" ? parse_group(content) : parse_single(content);
+}
+
+// k KEY w WRITER, and r RECORD or d
+bool log_entry::parse_single(reply_view content)
+{
+    if (content.size() != 6)
         return false;
     auto part = content.first();
     std::string_view texts[6];
@@ -57,18 +75,33 @@ bool log_entry::parse(reply_view reply)
         text = part.text();
         part = part.next();
     }
-    key = texts[1];
     writer = texts[3];
-    body = texts[5];
-    deleted = texts[4] == "d";
+    const bool deleted = texts[4] == "d";
+    changes.push_back({texts[1], texts[5], deleted});
     return texts[0] == "k" && texts[2] == "w" && (deleted || texts[4] == "r");
+}
+
+// w WRITER, and for each change rKEY RECORD or dKEY
+bool log_entry::parse_group(reply_view content)
+{
+    auto part = content.first().next();
+    writer = part.text();
+    for (size_t i = 2; i + 1 < content.size(); i += 2) {
+        const auto name = (part = part.next()).text();
+        const auto body = (part = part.next()).text();
+        if (!name.starts_with('r') && !name.starts_with('d'))
+            return false;
+        changes.push_back({name.substr(1), body, name.starts_with('d')});
+    }
+    return !changes.empty();
 }
 
 size_t log_entry::identity() const
 {
     auto hash = static_cast<size_t>(number);
-    for (const auto &part : {key, writer, body})
-        hash = hash * static_cast<size_t>(0x9e3779b97f4a7c15) + std::hash<std::string_view>{}(part);
+    for (const auto &[changed, body, deleted] : changes)
+        for (const auto &part : {changed, writer, body})
+            hash = hash * static_cast<size_t>(0x9e3779b97f4a7c15) + std::hash<std::string_view>{}(part);
     return hash | 1; // 0 stands for none
 }
 

@@ -11,9 +11,16 @@
 #include "engine.hpp"
 #include "redis_reply.hpp"
 
+#include <utility>
+
 namespace mom {
 
 constexpr size_t writes_per_trim = 64; ///< a log may be longer than its limit by so much
+/// What writers of this release may put into a table's log, and readers understand: 1 (or none named), one change an
+/// entry; 2, groups.
+constexpr unsigned table_format = 2;
+/// TQ_MOM_OK, or TQ_MOM_NEWER_FORMAT for what the metadata's field says.
+[[nodiscard]] int check_format(std::string_view field);
 
 struct redis_table {
     explicit redis_table(table_ref of) : ref(of)
@@ -37,39 +44,54 @@ struct redis_table {
     std::string meta;
     std::string readers;
 
-    /// Counts changes of one's own that are about to be made; true when the log is to be trimmed first.
-    bool trim_due(size_t changes)
+    /// Counts changes of one's own that are about to be made, in so many entries; true when the log is to be
+    /// trimmed first.
+    bool trim_due(size_t changes, size_t entries)
     {
-        const bool due = (untrimmed += changes) >= writes_per_trim;
-        untrimmed = due ? 0 : untrimmed;
-        return due;
+        untrimmed += changes;
+        untrimmed_entries += entries;
+        if (untrimmed < writes_per_trim)
+            return false;
+        latest_changes = std::exchange(untrimmed, 0);
+        latest_entries = std::exchange(untrimmed_entries, 0);
+        return true;
     }
-    /// Takes over an answer of the metadata's two fields.
-    void take_meta(std::string_view gen, std::string_view list);
+    /// Takes over an answer of the metadata's fields `gen` and `fields`.
+    void take_meta(reply_view answer);
     /// Whether the metadata lists all these fields.
     bool covers(field_values values) const;
 
     // What the table's metadata said when it was last read; a write finds out whether it still does.
-    uint64_t known = 0;                 ///< the era of calls in which; 0: never
-    std::string generation;             ///< stamp of the records being written
-    std::string field_list;             ///< all fields that were ever written,
-    std::vector<uint32_t> fields;       ///< and their numbers, ascending
-    uint64_t latest = 0;                ///< number that one's own latest change has, or is likely to get
-    size_t untrimmed = writes_per_trim; ///< changes of one's own since the log was trimmed
+    uint64_t known = 0;                         ///< the era of calls in which; 0: never
+    std::string generation;                     ///< stamp of the records being written
+    std::string field_list;                     ///< all fields that were ever written,
+    std::vector<uint32_t> fields;               ///< and their numbers, ascending
+    uint64_t latest = 0;                        ///< number that one's own latest change has, or is likely to get
+    size_t untrimmed = writes_per_trim;         ///< changes of one's own since the log was trimmed,
+    size_t untrimmed_entries = writes_per_trim; ///< and in how many entries; and in the stretch before
+    size_t latest_changes = 1;
+    size_t latest_entries = 1;
 };
 
-/// One change in a log, as views of a reply.
+/// One entry of a log, as views of a reply: a change, or several that were made in one step, in their order.
 struct log_entry {
+    struct change {
+        std::string_view key;
+        std::string_view body;
+        bool deleted;
+    };
     uint64_t number = 0;
-    std::string_view key;
     std::string_view writer;
-    std::string_view body;
-    bool deleted = false;
+    std::vector<change> changes;
 
     /// False when the reply is no entry of ours; its number is 0 unless it has a place in the numbering all the same.
     bool parse(reply_view reply);
-    /// Tells changes with the same number apart.
+    /// Tells entries with the same number apart.
     size_t identity() const;
+
+  private:
+    bool parse_single(reply_view content);
+    bool parse_group(reply_view content);
 };
 
 /// The number of an identifier "0-N"; false for any other.

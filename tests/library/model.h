@@ -86,6 +86,7 @@ class model {
 
     int32_t set_acl(const acl_key &key, int priv)
     {
+        settle_and_forget();
         acls[key];
         if (fails("hmset")) {
             forget(key);
@@ -97,41 +98,55 @@ class model {
 
     int32_t set_ace(const target &t, int priv)
     {
-        if (!acls.count(t.acl))
+        make_room();
+        const uint64_t id = request_id();
+        if (!acls.count(t.acl)) {
+            settle();
+            note(-7);
             return hear("ace fail " + t.name() + " -7" + bytes(priv));
-        start_over(t, priv);
-        if (fails("hmset")) {
-            forget(t);
-            return hear("ace fail " + t.name() + " 9" + bytes(priv));
         }
-        write(t.record());
-        if (t.acl.type == security || is_applied(t.acl))
-            return track(t);
-        drop_request(t);
-        entries[t].is_req = true;
-        return hear("ace ok " + t.name() + bytes(priv));
+        start_over(t, priv, id);
+        return written(t, t, priv);
     }
 
     int32_t set_apply(const target &given, int priv)
     {
         const target t = cached_as(given);
+        make_room();
+        if (!knows_class(t.acl))
+            settle();
+        const uint64_t id = request_id();
         acls[t.acl];
         if (auto at = entries.find(t); at != entries.end() && at->second.value_pri != given.pri) {
             target old = given;
             old.pri = at->second.value_pri;
-            erase(old.record());
+            erase_collected(old.record(), 2);
         }
-        start_over(t, priv).value_pri = given.pri;
-        if (fails("hmset")) {
-            forget(t);
-            return hear("apply fail " + given.name() + " 9" + bytes(priv));
+        start_over(t, priv, id).value_pri = given.pri;
+        if (open && (t.acl.type != security || !fails("get")))
+            classes[t.acl.id % 64] = t.acl;
+        return written(t, given, priv);
+    }
+
+    int32_t bulk(const std::string &what)
+    {
+        if (what == "begin" ? open : !open || settling)
+            return -4;
+        if (what == "begin") {
+            open = true;
+            failed = 0;
+            last_id = 0;
+            return 0;
         }
-        write(given.record());
-        return track(t);
+        const int32_t failure = settle();
+        classes.clear();
+        open = what == "flush";
+        return open ? failure : failed;
     }
 
     int32_t del_acl(const acl_key &key)
     {
+        settle_and_forget();
         erase(key.record());
         forget(key);
         return 0;
@@ -139,13 +154,15 @@ class model {
 
     int32_t del(const target &given)
     {
-        erase(given.record());
+        make_room();
+        erase_collected(given.record(), given.is_apply() ? 2 : 1);
         forget(cached_as(given));
         return 0;
     }
 
     int32_t expire(const std::string &table, const std::string &type)
     {
+        settle();
         if (fails("dsbegin"))
             return store_failure;
         const std::string prefix = "5 " + table + "[" + type + ",";
@@ -158,6 +175,7 @@ class model {
 
     int32_t del_expire(const std::string &table, const std::string &type)
     {
+        settle();
         if (fails("dsend"))
             return store_failure;
         const auto mark = marks.find("5 " + table + "[" + type + ",");
@@ -228,6 +246,7 @@ class model {
     // One ageing pass over the requests that wait when it begins, but for what a callback writes meanwhile.
     int32_t pass(bool forced)
     {
+        settle();
         const uint64_t number_of_pass = ++passes;
         std::vector<uint64_t> waiting;
         for (const auto &[number, waits] : requests)
@@ -301,10 +320,93 @@ class model {
         return 0;
     }
 
-    entry &start_over(const target &t, int priv)
+    // ---- brackets: what is collected is in the store already, and told when it is settled
+
+    struct collected {
+        target cached, given;
+        uint64_t uuid; // 0: a removal, which tells nothing
+        bool fails;
+        int priv;
+    };
+    bool open = false, settling = false;
+    std::vector<collected> ring;
+    int32_t failed = 0;
+    uint64_t last_id = 0;
+    std::map<uint32_t, acl_key> classes;
+
+    bool collects() const { return open && !settling; }
+    void make_room()
+    {
+        if (ring.size() + 3 > 256)
+            settle();
+    }
+    void note(int32_t failure) { failed = open && failed == 0 ? failure : failed; }
+    uint64_t request_id() { return !open ? now() : last_id = std::max(now(), last_id + 1); }
+    bool knows_class(const acl_key &acl) const
+    {
+        const auto at = classes.find(acl.id % 64);
+        return open && at != classes.end() && at->second == acl;
+    }
+    void settle_and_forget()
+    {
+        settle();
+        classes.clear();
+    }
+
+    int32_t settle()
+    {
+        if (ring.empty() || settling)
+            return 0;
+        settling = true;
+        const int32_t earlier = std::exchange(failed, 0);
+        for (const collected &one : std::exchange(ring, {})) {
+            const auto at = entries.find(one.cached);
+            if (one.uuid != 0 && at != entries.end() && at->second.uuid == one.uuid && !at->second.is_req)
+                finish(one);
+        }
+        settling = false;
+        const int32_t failure = failed;
+        failed = earlier != 0 ? earlier : failed;
+        return failure;
+    }
+
+    int32_t written(const target &cached, const target &given, int priv)
+    {
+        const collected one = {cached, given, entries[cached].uuid, fails("hmset"), priv};
+        if (!one.fails)
+            write(given.record());
+        if (!collects())
+            return finish(one);
+        ring.push_back(one);
+        return 0;
+    }
+
+    int32_t finish(const collected &one)
+    {
+        const target &t = one.cached;
+        if (one.fails) {
+            forget(t);
+            note(store_failure);
+            return hear(t.kind() + " fail " + one.given.name() + " 9" + bytes(one.priv));
+        }
+        if (t.is_apply() || t.acl.type == security || is_applied(t.acl))
+            return track(t);
+        drop_request(t);
+        entries[t].is_req = true;
+        return hear("ace ok " + t.name() + bytes(one.priv));
+    }
+
+    void erase_collected(const std::string &record, size_t removals)
+    {
+        erase(record);
+        if (collects())
+            ring.insert(ring.end(), removals, {});
+    }
+
+    entry &start_over(const target &t, int priv, uint64_t id)
     {
         entry &e = entries[t];
-        e = {now(), e.uuid, 0, 0, false, e.request, priv, e.value_pri};
+        e = {id, e.uuid, 0, 0, false, e.request, priv, e.value_pri};
         return e;
     }
 

@@ -49,6 +49,7 @@ const operation operations[] = {
     {{}, {"deliver 24 service_node[1,0,0]"}},
     {stored, {"deliver 29 {acl,ace} null"}},
     {with_acl, answered},
+    {with_acl, {"bulk begin", with_all[1], with_all[2], "del ace[security_app,1,2]", "bulk flush", "bulk end"}},
 };
 
 // A size that cannot be told is none: such a record goes into the file that is current, or is lost.
@@ -190,6 +191,32 @@ TEST_F(faults, each_file_call_may_fail)
                                   }) -
                              1;
     EXPECT_GT(calls, 300);
+}
+
+// More calls than a bracket holds, one of which the store refuses.
+TEST_F(faults, each_result_is_told_to_its_own_call_and_a_bracket_does_not_grow)
+{
+    start();
+    perform("set acl[other,1]");
+    const fp_udp_acl_key key = make_key("other", 1);
+    const owned_ace ace = make_ace(mgr, 0);
+    for (uint64_t refused = 1; refused <= 256; refused++) {
+        forget_calls();
+        perform("bulk begin");
+        const fake::failing_allocation counted(0);
+        fake::store.fail_at(static_cast<int>(refused), 9);
+        lines expected;
+        for (ace->sn = 1; ace->sn <= 258; ace->sn++) {
+            mgr->set_ace(&context, &key, ace.get());
+            expected.push_back(format("ace %s other/1/%x%s <0:32>", ace->sn == refused ? "fail" : "ok",
+                                      static_cast<unsigned>(ace->sn), ace->sn == refused ? " 9" : ""));
+        }
+        EXPECT_TRUE(refused == 1 || fake::failing_allocation::seen() <= 1) << "more than the entry that is new again";
+        EXPECT_EQ(perform("bulk end"), "= 9");
+        fake::store.turn = 0;
+        ASSERT_TRUE(app.take() == expected) << refused;
+        EXPECT_EQ(fp_udp_ace_node_hash_size(), 257U);
+    }
 }
 
 // A registration is a process's first, so each has a process of its own.

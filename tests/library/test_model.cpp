@@ -49,6 +49,8 @@ const std::pair<const char *, uint32_t> forms[] = {
     {"gone ace[security_app,A,E]", 1},
     {"deliver 29 acl null", 1},
     {"deliver 29 ace null", 1},
+    {"bulk begin", 4},
+    {"bulk G", 4},
 };
 
 struct dice {
@@ -76,6 +78,8 @@ struct dice {
             return up_to(4) ? "0" : "5";
         case 'W':
             return up_to(5) ? "newest" : "older";
+        case 'G':
+            return up_to(2) ? "flush" : "end";
         case 'O':
             return up_to(3) == 0 ? "apply" : up_to(2) ? "acl" : "ace";
         case 'C': // whole seconds, so that ages come to stand on either side of their limits; or a step back
@@ -121,6 +125,8 @@ int32_t run_on_model(plain::model &model, const std::string &line)
         return model.pass(a.number() != 0);
     if (verb == "skip_priority")
         return model.skip_priority();
+    if (verb == "bulk")
+        return model.bulk(a.next());
     if (verb == "expire" || verb == "del_expire") {
         const std::string table = a.next();
         return verb == "expire" ? model.expire(table, a.next()) : model.del_expire(table, a.next());
@@ -304,6 +310,7 @@ remains life::go_quiet()
 {
     model_armed.clear();
     library_armed.clear();
+    perform("bulk end");
     for (const auto &[key, none] : model.acls)
         perform("del acl[" + key.type + "," + std::to_string(key.id) + "]");
     const auto hook = model.on_event;

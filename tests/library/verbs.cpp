@@ -800,6 +800,16 @@ const std::map<std::string, verb> verbs = {
          fp_udp_set_cmp_apply_skip_prio();
          return fp_udp_is_cmp_apply_skip_priority();
      })},
+    {"bulk", number([](auto &, auto &a) {
+         const std::string what = a.next();
+         void *at = a.option("context") == "null" ? nullptr : &context;
+         return what == "begin" ? plx_bulk_begin(at) : what == "flush" ? plx_bulk_flush(at) : plx_bulk_end(at);
+     })},
+    {"batches", silent([](auto &, auto &a) { // refused, taken by the application, or as usual
+         const std::string how = a.next();
+         fake::store.refusing = how == "refused";
+         fake::store.foreign = how == "taken";
+     })},
     {"get", read_entry},
     {"entry", make_entry},
     {"attr", attribute},

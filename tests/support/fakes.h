@@ -87,6 +87,17 @@ struct store_double {
     std::set<tq_mom_hash_res *> unreleased;
     std::vector<std::pair<std::string, tq_mom_notification>> scan_entries; // delivered after the records of that table
 
+    bool batching = false; // writes are collected (batch.cpp), each with the result that its call would have had
+    bool refusing = false; // to begin a batch
+    bool foreign = false;  // the application has a batch open
+    std::vector<int> collected;
+    int answered(int result)
+    {
+        if (batching)
+            collected.push_back(result);
+        return batching ? 0 : result;
+    }
+
     lines take() { return std::exchange(calls, {}); }
     void put(uint32_t db, const ProtobufCMessage &record);
     // Calls the newest subscription of a table; its result, or -1000 when there is none.

@@ -58,6 +58,14 @@ record::record(const std::string &table, const lines &key, const std::map<std::s
         *reinterpret_cast<ProtobufCMessage **>(reinterpret_cast<char *>(message_) + index->offset) = made;
     }
     for (const auto &[name, text] : fields) {
+        if (name == "node") { // beside those of the schema, as the wire has it
+            std::string &bytes = texts_.emplace_back(1, static_cast<char>(text.size())) += text;
+            static std::deque<ProtobufCMessageUnknownField> beside;
+            message_->n_unknown_fields = 1;
+            message_->unknown_fields = &beside.emplace_back(ProtobufCMessageUnknownField{
+                20, PROTOBUF_C_WIRE_TYPE_LENGTH_PREFIXED, bytes.size(), reinterpret_cast<uint8_t *>(bytes.data())});
+            continue;
+        }
         const auto *field = protobuf_c_message_descriptor_get_field_by_name(message_->descriptor, name.c_str());
         if (!field)
             throw std::invalid_argument(table + " has no field " + name);

@@ -224,7 +224,7 @@ int tq_mom_hmset_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     int result = called("hmset", db, address(*record) + " " + list + values);
     if (result == 0)
         merge(db, *record, fields, count);
-    return result;
+    return store.answered(result);
 }
 
 int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
@@ -240,7 +240,7 @@ int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
     int result = called("set", db, address(*record) + values);
     if (result == 0)
         store.put(db, *record);
-    return result;
+    return store.answered(result);
 }
 
 tq_mom_hash_res *tq_mom_hgetall_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
@@ -278,7 +278,7 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
     int result = called("del", db, address(*record));
     if (result == 0)
         store.records.erase(place(db, address(*record)));
-    return result;
+    return store.answered(result);
 }
 
 int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
