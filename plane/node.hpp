@@ -39,7 +39,7 @@ struct NodeOptions {
     uint32_t id = 0;
     milliseconds heartbeat{5000}; // of the node's record: applications count a node out after 20 s without
     milliseconds counters{10000}; // between two publications of an entry's counters, at least
-    uint32_t counter_rate = 1000; // counters published in a second, at most: the rest follow in turn
+    uint32_t counter_rate = 200;  // counters published in a second, at most: the rest follow in turn
     milliseconds retry{1000};     // after a failed store call
     milliseconds leftovers{3000}; // after the first comparison: what is left of entries that went is looked for
 };
