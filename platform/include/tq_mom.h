@@ -82,8 +82,8 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record);
  * result of each call that was collected; TQ_MOM_DISCONNECTED and TQ_MOM_TIMEOUT leave open whether the store has it.
  * For who writes many records at a time: one waiting instead of one for each. tq_mom_batch_send() sends what is
  * collected without waiting for the answers, which are then taken later: at the end, when many are out, or before any
- * other call. A begin inside another batch of the handle is TQ_MOM_INVALID. tq_mom_batch_open() is 1 while this handle's
- * calls are collected on this thread, else 0; it does not look into the handle. */
+ * other call. A begin inside another batch of the handle is TQ_MOM_INVALID. tq_mom_batch_open() is 1 while this
+ * handle's calls are collected on this thread, else 0; it does not look into the handle. */
 int tq_mom_batch_begin(void *handle);
 int tq_mom_batch_open(const void *handle);
 void tq_mom_batch_send(void *handle);

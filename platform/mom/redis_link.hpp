@@ -3,8 +3,8 @@
 // 1. ensure() makes the connection that calls use, where there is none, or none any more; it logs in, and warns once of
 //    what an operator should know. generation() tells connections apart: what was read on one may not hold on the next.
 // 2. Calls are exchanges, or sent and received separately. A failed one drops the connection.
-// 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and everything in between fails at once with
-//    the reason of the last attempt.
+// 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and
+//    everything in between fails at once with the reason of the last attempt.
 // 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master.
 //
 // The connection for changes is opened here, too, and belongs to its reader.

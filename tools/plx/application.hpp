@@ -33,8 +33,9 @@ class Application {
     // now and then, to run the event loop. 0, or the store's code for the bracket.
     int write(const std::function<void()> &pause);
 
-    // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as it
-    // should be is not written: its rows end as unchanged. 0, or the store's code for what could not be read or deleted.
+    // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as
+    // it should be is not written: its rows end as unchanged. 0, or the store's code for what could not be read or
+    // deleted.
     int write_changes(const std::function<void()> &pause);
 
     // Of write_changes().
@@ -43,8 +44,8 @@ class Application {
     };
     const Changes &changes() const { return changes_; }
 
-    // Either between commit markers, so that the service nodes make all changes together. They wait for a minute at most:
-    // what takes longer, or ends in the middle, is made as it stands then.
+    // Either between commit markers, so that the service nodes make all changes together. They wait for a minute at
+    // most: what takes longer, or ends in the middle, is made as it stands then.
     int atomically(const std::function<int()> &write);
 
     // Service nodes that the library counts as alive.
