@@ -62,7 +62,7 @@ std::string node_error(int32_t status)
 // Calls `pause` now and then.
 std::function<void()> breathing(const std::function<void()> &pause)
 {
-    return [&pause, writes = 0]() mutable {
+    return [pause, writes = 0]() mutable {
         if (++writes % writes_between_pauses == 0)
             pause();
     };
@@ -286,8 +286,24 @@ int Application::write(const std::function<void()> &pause)
 {
     if (const int result = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply}); result != 0)
         return result;
-    write_unended(breathing(pause));
+    collect(pause, [this](const auto &breathe) { write_unended(breathe); });
     return store_lost_ ? 0 : bracket({mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply});
+}
+
+// What `write` does goes to the store in groups, each before the loop is run. Refusals are told by the callbacks.
+template <typename Write> void Application::collect(const std::function<void()> &pause, Write &&write)
+{
+    const auto flush = [this](int32_t (*send)(void *)) {
+        setting_ = true;
+        (void)send(context_);
+        setting_ = false;
+    };
+    (void)plx_bulk_begin(context_); // without it each goes by itself
+    write(breathing([&] {
+        flush(plx_bulk_flush);
+        pause();
+    }));
+    flush(plx_bulk_end);
 }
 
 // All that did not turn out to be unchanged.
@@ -501,9 +517,11 @@ int Application::write_changes(const std::function<void()> &pause)
     const uint64_t before = store_failures();
     remove(excess_.turned);
     know_unchanged();
-    write_unended(breathing(pause));
-    if (!store_lost_)
-        remove_excess(breathing(pause));
+    collect(pause, [this](const auto &breathe) {
+        write_unended(breathe);
+        if (!store_lost_)
+            remove_excess(breathe);
+    });
     return store_lost_ || store_failures() == before ? 0 : static_cast<int>(TQ_MOM_STORE_ERROR);
 }
 

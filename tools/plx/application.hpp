@@ -100,6 +100,7 @@ class Application {
     void set(const PolicyApply &apply);
     void set(const PolicyAcl &acl, const PolicyEntry &entry, size_t row);
     template <typename Write> void set_row(size_t row, Write &&write);
+    template <typename Write> void collect(const std::function<void()> &pause, Write &&write);
 
     void succeeded(size_t row, int answers);
     void refused(size_t row, int32_t status);
