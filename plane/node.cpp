@@ -16,6 +16,12 @@ namespace {
 constexpr milliseconds counter_turn{100};
 constexpr uint32_t turns_per_second = 10;
 
+// The same after a restart: an application counts its answers once.
+std::string name_of(const NodeOptions &options)
+{
+    return std::to_string(options.dev) + '/' + std::to_string(options.slot) + '/' + std::to_string(options.id);
+}
+
 uint64_t wall_clock_ms()
 {
     timeval time{};
@@ -28,7 +34,7 @@ uint64_t wall_clock_ms()
 Node::Node(Context context, Plane &plane, NodeOptions options)
     : options_(options), plane_(plane), context_(std::move(context)),
       commits_(context_.get(), options_.db, [this](const std::string &app) { return compare(&app); }),
-      outbox_(context_.get(), options_.db, options_.retry,
+      outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
               [this](const Key &key, uint64_t request) { return current(key, request); }),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),

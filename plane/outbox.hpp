@@ -23,7 +23,8 @@ class Outbox {
     using Current = std::function<bool(const Key &key, uint64_t request)>;
 
     // The context outlives it. `retry`: the pause after a failed store call.
-    Outbox(tq_context *context, uint32_t db, milliseconds retry, Current current);
+    // `name` is the node's: every answer carries it.
+    Outbox(tq_context *context, uint32_t db, std::string name, milliseconds retry, Current current);
 
     void answer(const Key &key, uint64_t request, Status status, milliseconds delay);
     void remove(const Key &key); // its status
@@ -54,6 +55,7 @@ class Outbox {
 
     tq_context *context_;
     uint32_t db_;
+    std::string name_;
     milliseconds retry_;
     Current current_;
     std::deque<Reply> due_;

@@ -239,6 +239,17 @@ void Record::set_number(const char *name, uint64_t value)
         store_number(record, *field, value);
 }
 
+// As it stands on the wire: the length and the text.
+void Record::add_text(uint32_t number, std::string_view text)
+{
+    text_.assign(1, static_cast<uint8_t>(text.size()));
+    text_.insert(text_.end(), text.begin(), text.end());
+    beside_ = {{number, PROTOBUF_C_WIRE_TYPE_LENGTH_PREFIXED, text_.size(), text_.data()}};
+    auto *record = reinterpret_cast<ProtobufCMessage *>(record_.data());
+    record->n_unknown_fields = 1;
+    record->unknown_fields = beside_.data();
+}
+
 void Record::set_key_text(unsigned field, const char *text)
 {
     auto *key = reinterpret_cast<ProtobufCMessage *>(key_.data());

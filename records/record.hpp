@@ -11,6 +11,7 @@
 #include <protobuf-c/protobuf-c.h>
 #include <span>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <variant>
 #include <vector>
@@ -116,12 +117,16 @@ class Record {
     Record(Record &&) = default; // the record points at its key: moving keeps both in place, a copy would not
 
     void set_number(const char *name, uint64_t value); // no field of that name: nothing happens
+    // A text of at most 127 bytes in a field beside those of the schema.
+    void add_text(uint32_t number, std::string_view text);
     void set_key_text(unsigned field, const char *text);
     void set_key_number(unsigned field, uint64_t value);
     const ProtobufCMessage *message() const;
 
   private:
     std::vector<std::max_align_t> record_, key_;
+    std::vector<uint8_t> text_;
+    std::vector<ProtobufCMessageUnknownField> beside_;
 };
 
 } // namespace plx

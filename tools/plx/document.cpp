@@ -91,21 +91,19 @@ std::string file_error(std::string_view what)
 
 // ---- the parser -----------------------------------------------------------------------------------------------------
 
+Document::Parser::Parser() : yaml_parser_t{}
+{
+    if (yaml_parser_initialize(this) == 0)
+        throw std::bad_alloc();
+}
+
 Document::Document(std::istream &in) : in_(in)
 {
-    if (yaml_parser_initialize(&parser_) == 0)
-        throw std::bad_alloc();
     yaml_parser_set_input(&parser_, &Document::read, &in_);
     parse(); // the stream's start
     parse();
     if (event_.type == YAML_STREAM_END_EVENT)
         throw Fault({1, 1}, "the file is empty");
-}
-
-Document::~Document()
-{
-    yaml_event_delete(&event_);
-    yaml_parser_delete(&parser_);
 }
 
 int Document::read(void *in, unsigned char *buffer, size_t size, size_t *got) noexcept

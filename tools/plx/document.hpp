@@ -76,7 +76,6 @@ class Document {
 
     // The stream outlives it.
     explicit Document(std::istream &in);
-    ~Document();
     Document(const Document &) = delete;
     Document &operator=(const Document &) = delete;
 
@@ -85,6 +84,19 @@ class Document {
     void finish();                 // behind the value: there is nothing more in the file
 
   private:
+    // Owners of what the parser takes: the constructor may throw.
+    struct Parser : yaml_parser_t {
+        Parser();
+        ~Parser() { yaml_parser_delete(this); }
+        Parser(const Parser &) = delete;
+        Parser &operator=(const Parser &) = delete;
+    };
+    struct Parsed : yaml_event_t {
+        Parsed() : yaml_event_t{} {}
+        ~Parsed() { yaml_event_delete(this); }
+        Parsed(const Parsed &) = delete;
+        Parsed &operator=(const Parsed &) = delete;
+    };
     // What stood in an anchored part, without what the aliases in it stand for.
     struct Noted {
         Event::Kind kind;
@@ -118,8 +130,8 @@ class Document {
     void end_anchors();
 
     std::istream &in_;
-    yaml_parser_t parser_{};
-    yaml_event_t event_{}; // the last of the parser
+    Parser parser_;
+    Parsed event_; // the last of the parser
     size_t depth_ = 0;
     size_t parsed_ = 0; // parts, and bytes of text
     size_t copied_ = 0;
