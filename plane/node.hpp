@@ -87,7 +87,7 @@ class Node {
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_call(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
-    static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
+    static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg);
     static int32_t on_leftover(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
 
     int subscribe();

@@ -128,7 +128,8 @@ bool Node::scan(Comparison &comparison)
     return true;
 }
 
-int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg) noexcept
+// An exception ends the scan with a result, and the comparison is made again.
+int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg)
 {
     auto *comparison = static_cast<Comparison *>(arg);
     auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;

@@ -16,6 +16,7 @@
 #include <iterator>
 #include <sys/stat.h>
 #include <tq_time.h>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -152,7 +153,7 @@ class log_file {
     {
         struct stat found = {};
         if (written > 0 && fstat(file_.get(), &found) == 0 && found.st_size == size_ + static_cast<off_t>(written))
-            (void)!ftruncate(file_.get(), size_);
+            std::ignore = ftruncate(file_.get(), size_);
     }
 
     static bool is_ours(const struct stat &found)

@@ -341,10 +341,23 @@ std::map<Key, Installed> NftablesPlane::installed() const
     return all;
 }
 
+// An entry may be several rules.
+std::map<AceKey, Counters> NftablesPlane::read_counters(const std::string &page)
+{
+    std::map<AceKey, Counters> sums;
+    std::vector<RuleImage> rules;
+    table_.read_rules(netlink_, page, rules);
+    for (const RuleImage &rule : rules)
+        if (const auto *ace = rule.tag ? std::get_if<AceKey>(&rule.tag->key) : nullptr) {
+            sums[*ace].packets += rule.counters.packets;
+            sums[*ace].bytes += rule.counters.bytes;
+        }
+    return sums;
+}
+
 // A page at a time.
 std::vector<std::pair<AceKey, Counters>> NftablesPlane::counters()
 {
-    std::vector<std::pair<AceKey, Counters>> read;
     auto acl = counted_ ? model_.acls.lower_bound(counted_->first) : model_.acls.begin();
     for (; acl != model_.acls.end(); ++acl) {
         const bool on = counted_ && counted_->first == acl->first;
@@ -352,20 +365,12 @@ std::vector<std::pair<AceKey, Counters>> NftablesPlane::counters()
             if (on && page->entries.back()->position <= counted_->second)
                 continue;
             counted_ = {acl->first, page->entries.back()->position};
-            std::map<AceKey, Counters> sums;
-            std::vector<RuleImage> rules;
-            table_.read_rules(netlink_, page_name(acl->first, page->number), rules);
-            for (const RuleImage &rule : rules)
-                if (const auto *ace = rule.tag ? std::get_if<AceKey>(&rule.tag->key) : nullptr) {
-                    sums[*ace].packets += rule.counters.packets;
-                    sums[*ace].bytes += rule.counters.bytes;
-                }
-            if (!sums.empty())
+            if (auto sums = read_counters(page_name(acl->first, page->number)); !sums.empty())
                 return {sums.begin(), sums.end()};
         }
     }
     counted_.reset();
-    return read;
+    return {};
 }
 
 void NftablesPlane::set_ports(std::map<uint32_t, std::string> ports)

@@ -63,6 +63,7 @@ class NftablesPlane final : public Plane {
     void reread();
     void tell(const Key &key, const Judged &judged) const;
 
+    std::map<AceKey, Counters> read_counters(const std::string &page);
     std::map<std::string, uint32_t> named_interfaces() const;
     std::string interface_of(const Key &key) const; // "" of a port that is not here
     void take_moved_hooks(std::set<Key> &keys);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned scan_page_size = 1000;
 constexpr unsigned sweep_page_size = 200;
-constexpr uint64_t longest_mark_seconds = 366 * 86'400;
+constexpr uint64_t longest_mark_seconds = uint64_t{366} * 86'400;
 constexpr size_t part_limit = size_t{1} << 20;
 constexpr size_t answer_limit = size_t{32} << 20; // of a page; a record of a common size takes a few hundred bytes
 

@@ -323,13 +323,11 @@ void Application::write_unended(const std::function<void()> &breathe)
         breathe();
     }
     for (const Acl &acl : acls_) {
-        size_t row = acl.first_entry();
-        for (const PolicyEntry &entry : acl.policy->entries) {
-            if (unended(row)) {
-                set(*acl.policy, entry, row);
-                breathe();
-            }
-            ++row;
+        for (size_t at = 0; at < acl.policy->entries.size(); ++at) {
+            if (!unended(acl.first_entry() + at))
+                continue;
+            set(*acl.policy, acl.policy->entries[at], acl.first_entry() + at);
+            breathe();
         }
     }
 }

@@ -54,7 +54,7 @@ bool read_names(const std::vector<std::string> &texts, const std::string &option
         uint32_t number = 0;
         std::string name;
         if (!split(text, number, name))
-            error = option + ": '" + text + "' is not NUMBER=INTERFACE";
+            error.append(option).append(": '").append(text).append("' is not NUMBER=INTERFACE");
         else
             add_interface(names, number, name, option, error);
         if (!error.empty())
