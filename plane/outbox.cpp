@@ -13,8 +13,6 @@ namespace {
 constexpr size_t replies_per_batch = 1000;
 constexpr size_t answers_at_once = 16; // taken before more is sent: all of them would hold up what comes next
 constexpr milliseconds answer_pause{20};
-// Of a status record, beside the schema's own: who answers.
-constexpr uint32_t node_field = 20;
 
 } // namespace
 
@@ -119,7 +117,7 @@ int Outbox::write(const Reply &reply)
         return tq_mom_del_sync(context_, db_, record.message());
     record.set_number("p_status", static_cast<uint32_t>(reply.verdict->status));
     record.set_number("rep_uuid", reply.verdict->request);
-    record.add_text(node_field, name_);
+    record.add_text(FP_UDP_NODE_NAME_FIELD, name_);
     return tq_mom_set_sync(context_, db_, record.message());
 }
 

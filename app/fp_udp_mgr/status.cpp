@@ -11,6 +11,7 @@
 #include "store_record.hpp"
 
 #include <plx/request.h>
+#include <plx/status.h>
 
 namespace plx::mgr {
 namespace {
@@ -79,13 +80,11 @@ template <class Node> bool answers_newest_write(const Node &node, uint64_t rep_u
     return true;
 }
 
-// A node may name itself in a field beside the described ones: the text is all that matters of it.
-constexpr uint32_t node_field = 20;
-
+// The text is all that matters of it.
 const ProtobufCMessageUnknownField *node_name(const ProtobufCMessage &record)
 {
     for (unsigned i = 0; i < record.n_unknown_fields; ++i)
-        if (record.unknown_fields[i].tag == node_field)
+        if (record.unknown_fields[i].tag == FP_UDP_NODE_NAME_FIELD)
             return &record.unknown_fields[i];
     return nullptr;
 }

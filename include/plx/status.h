@@ -49,6 +49,10 @@ enum fp_udp_node_status {
     FP_UDP_NODE_NO_INTERFACE = 110
 };
 
+/* A service node may name itself in a field of this number in its status records, a string beside the described fields:
+ * its confirmations of one write then count once, however often it gives them. */
+enum { FP_UDP_NODE_NAME_FIELD = 20 };
+
 /* What a node status is called: "table full" for 101. "unknown status" for a number that is none of enum
  * fp_udp_node_status. `plx show` and `plx apply` print these texts. */
 static inline const char *plx_node_status_text(int32_t status)
