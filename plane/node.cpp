@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
-#include <sys/time.h>
 #include <utility>
 
 namespace plx::plane {
@@ -16,17 +15,12 @@ namespace {
 constexpr milliseconds counter_turn{100};
 constexpr uint32_t turns_per_second = 10;
 
+constexpr milliseconds between_reports{200}; // of what was programmed, at least
+
 // The same after a restart: an application counts its answers once.
 std::string name_of(const NodeOptions &options)
 {
     return std::to_string(options.dev) + '/' + std::to_string(options.slot) + '/' + std::to_string(options.id);
-}
-
-uint64_t wall_clock_ms()
-{
-    timeval time{};
-    gettimeofday(&time, nullptr);
-    return tq_timeval_to_ms(&time);
 }
 
 } // namespace
@@ -36,10 +30,12 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
       commits_(context_.get(), options_.db, [this](const std::string &app) { return compare(&app); }),
       outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
               [this](const Key &key, uint64_t request) { return current(key, request); }),
+      report_(context_.get(), {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat}),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),
       counter_timer_(context_->master, [this] { publish_counters(); }),
-      leftover_timer_(context_->master, [this] { clear_leftovers(); })
+      leftover_timer_(context_->master, [this] { clear_leftovers(); }),
+      report_timer_(context_->master, [this] { report(); })
 {
 }
 
@@ -54,6 +50,7 @@ int Node::start()
         return result;
     take_up_installed();
     compare();
+    report_soon();
     watch_plane();
     counter_timer_.start(options_.counters);
     return 0;
@@ -137,8 +134,11 @@ void Node::look()
 {
     const std::vector<Key> keys = plane_.look();
     for (const Key &key : keys)
-        if (const auto entry = entries_.find(key); entry != entries_.end())
+        if (const auto entry = entries_.find(key); entry != entries_.end()) {
+            report_.withdraw(key, entry->second);
             entry->second.fingerprint = 0;
+            report_.enter(key, entry->second);
+        }
     if (!keys.empty())
         compare_timer_.start_unless_pending(milliseconds(0));
 }
@@ -157,15 +157,38 @@ void Node::beat()
     if (tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
         tq_mom_state_get(context_.get(), options_.db, 0) == 0)
         tq_mom_set_sync(context_.get(), options_.db, record.message());
+    report();
     next_beat_ = now() + options_.heartbeat;
     heartbeat_timer_.start(options_.heartbeat);
+}
+
+// As soon as the loop runs, but for what was reported only just.
+void Node::report_soon()
+{
+    report_timer_.start_unless_pending(std::max(next_report_ - now(), milliseconds(0)));
+}
+
+// Not before it is known what the plane has. Again while something waits: the last report tells that nothing does.
+void Node::report()
+{
+    if (comparisons_ == 0)
+        return;
+    outbox_.take_answers();
+    const uint64_t backlog = inbox_.size() + outbox_.size();
+    report_.publish(plane_.describe(), backlog);
+    next_report_ = now() + between_reports;
+    if (backlog != 0)
+        report_timer_.start(between_reports);
 }
 
 // From inside a long walk, which keeps the timer from running.
 void Node::keep_beating()
 {
-    if (now() >= next_beat_)
+    const milliseconds time = now();
+    if (time >= next_beat_)
         beat();
+    else if (report_timer_.pending() && time >= next_report_)
+        report();
 }
 
 // Publishes the counters that changed, so many in a turn: what the plane reads at one go may take several. A round ends

@@ -15,12 +15,13 @@
 // counters are published so many in a second, in turns.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
-// are compared. How answers reach the store is in outbox.hpp.
+// are compared. How answers reach the store is in outbox.hpp, what the node says of itself in report.hpp.
 #pragma once
 
 #include "plane/commits.hpp"
 #include "plane/outbox.hpp"
 #include "plane/plane.hpp"
+#include "plane/report.hpp"
 #include "records/host.hpp"
 #include <optional>
 #include <set>
@@ -61,12 +62,9 @@ class Node {
 
   private:
     // What was last asked for under a key, and what became of it.
-    struct Entry {
-        uint64_t request = 0;
-        uint64_t fingerprint = 0;
+    struct Entry : Standing {
         Counters published{};
-        uint32_t seen = 0; // the last comparison that found it in the store
-        Status status = Status::ok;
+        uint32_t seen = 0;    // the last comparison that found it in the store
         bool told = false;    // `published` is what its counter record holds
         bool counted = false; // there may be such a record
     };
@@ -112,6 +110,8 @@ class Node {
 
     void beat();
     void keep_beating();
+    void report_soon();
+    void report();
     void publish_counters();
     Entry *publish(const AceKey &ace, const Counters &counters);
     int write(const Key &ace, const Counters &counters);
@@ -126,10 +126,11 @@ class Node {
     bool cleared_ = false;      // what entries had left that went before this node was there
     Commits commits_;
     Outbox outbox_;
+    Report report_;
     Watch watch_; // of the plane's descriptor
-    milliseconds next_beat_{0};
+    milliseconds next_beat_{0}, next_report_{0};
     std::vector<std::pair<AceKey, Counters>> read_; // counters that have not had their turn
-    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_, leftover_timer_;
+    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_, leftover_timer_, report_timer_;
 };
 
 } // namespace plx::plane

@@ -61,8 +61,11 @@ void Node::take_up_installed()
     for (const auto &[key, programmed] : installed) {
         const auto answer = answered.requests.find(key);
         const bool settled = answer != answered.requests.end() && answer->second == programmed.request;
-        entries_[key] = {
-            .request = settled ? programmed.request : 0, .fingerprint = programmed.fingerprint, .counted = true};
+        Entry &entry = entries_[key];
+        entry.request = settled ? programmed.request : 0;
+        entry.fingerprint = programmed.fingerprint;
+        entry.counted = true;
+        report_.enter(key, entry);
     }
 }
 
@@ -232,9 +235,11 @@ void Node::program(std::span<const Change> changes, size_t step)
         const milliseconds begin = now();
         const std::vector<Answer> answers = plane_.program(now_made);
         gathering_ = std::min(now() - begin, longest_gathering);
+        report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i)
             settle(now_made[i], answers.at(i));
         changes = changes.subspan(now_made.size());
+        report_soon();
         keep_beating();
     }
 }
@@ -255,6 +260,7 @@ bool Node::needs_plane(const Change &change)
     if (entry.status != Status::ok)
         return true;
     settle(change, {});
+    report_soon();
     return false;
 }
 
@@ -267,14 +273,19 @@ void Node::settle(const Change &change, const Answer &answer)
         outbox_.remove(change.key);
         if (const auto *counters = tables()[change.key.index()].counters; counters != nullptr && gone->second.counted)
             outbox_.remove(change.key, *counters);
+        report_.withdraw(change.key, gone->second);
         entries_.erase(gone);
         return;
     }
-    Entry &entry = entries_[change.key];
+    const auto [known, added] = entries_.try_emplace(change.key);
+    Entry &entry = known->second;
     const bool told = entry.request != 0 && entry.request == change.wanted->request && entry.status == answer.status;
+    if (!added)
+        report_.withdraw(change.key, entry);
     entry.request = change.wanted->request;
     entry.fingerprint = change.wanted->fingerprint();
     entry.status = answer.status;
+    report_.enter(change.key, entry, answer.text);
     entry.seen = comparisons_;
     entry.counted = entry.counted || !cleared_; // by the node that was here before
     if (!answer.silent && !told)

@@ -33,6 +33,8 @@ class Outbox {
     void send();     // what is due, now
     void schedule(); // the same, from the event loop
 
+    size_t size() const { return due_.size() + later_.size() + sent_.size(); } // that the store may not have
+
     // Takes the store's word on what was sent.
     void take_answers();
 

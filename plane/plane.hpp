@@ -24,6 +24,7 @@ struct Answer {
     Status status = Status::ok;
     milliseconds delay{0}; // the node gives the answer so much later
     bool silent = false;   // the node gives none
+    std::string text{};    // why not, in the plane's own words
 };
 
 struct Installed {
@@ -37,6 +38,15 @@ struct Counters {
     auto operator<=>(const Counters &) const = default;
 };
 
+// What a plane is, and how full.
+struct Description {
+    std::string kind;
+    uint64_t room = 0;                          // entries (ACEs) that fit
+    uint64_t entries = 0;                       // that are there
+    std::vector<uint32_t> ports{};              // that are here; none of a plane that has all
+    std::vector<uint32_t> refused_attributes{}; // that no entry may have: class << 16 | id, ascending
+};
+
 class Plane {
   public:
     virtual ~Plane() = default;
@@ -47,6 +57,8 @@ class Plane {
 
     // What is programmed: a plane may have outlived the node that programmed it.
     virtual std::map<Key, Installed> installed() const = 0;
+
+    virtual Description describe() const = 0;
 
     // Hits of programmed entries since they were first programmed, as many as are read at one go: each call goes on
     // where the last one ended. None: all have been read, and the next call begins again.

@@ -1,6 +1,8 @@
 // See host.hpp.
 #include "records/host.hpp"
 
+#include <sys/time.h>
+
 namespace plx {
 
 uint64_t now_us()
@@ -13,6 +15,13 @@ uint64_t now_us()
 milliseconds now()
 {
     return milliseconds(now_us() / 1000);
+}
+
+uint64_t wall_clock_ms()
+{
+    timeval time{};
+    gettimeofday(&time, nullptr);
+    return tq_timeval_to_ms(&time);
 }
 
 bool Timer::start(milliseconds interval)

@@ -27,6 +27,9 @@ using milliseconds = std::chrono::milliseconds;
 uint64_t now_us();
 milliseconds now();
 
+// Since 1970, by this machine's clock.
+uint64_t wall_clock_ms();
+
 // Cancelled with its owner, so that it never fires on a dead one. Exceptions end in the function given, which must not
 // throw.
 class Timer {

@@ -116,10 +116,12 @@ void mix(uint64_t &hash, std::span<const uint8_t> bytes)
         hash = (hash ^ byte) * 0x100000001b3U; // FNV-1a
 }
 
+// The lowest byte first, on every machine.
 template <typename T> void mix_number(uint64_t &hash, T number)
 {
     std::array<uint8_t, sizeof(T)> bytes;
-    std::memcpy(bytes.data(), &number, sizeof number);
+    for (size_t at = 0; at < sizeof(T); ++at)
+        bytes[at] = static_cast<uint8_t>(number >> 8 * at);
     mix(hash, bytes);
 }
 

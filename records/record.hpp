@@ -94,7 +94,7 @@ struct Requested {
     uint32_t acl_cls = 0;
     bool default_entry = false;
 
-    // Equal for equal contents, whatever the request's identifier.
+    // Equal for equal contents, whatever the request's identifier, and the same on every machine.
     uint64_t fingerprint() const;
 };
 

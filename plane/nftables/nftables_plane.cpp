@@ -57,6 +57,18 @@ uint32_t digest_of(const packet::Config &config)
     return digest.value();
 }
 
+// An identifier that two names share is refused where both are.
+std::vector<uint32_t> refused_attributes(const packet::Config &config)
+{
+    std::set<uint32_t> refused, supported;
+    for (const Form &form : forms())
+        (packet::supports(form, config) || config.ignored.contains(&form) ? supported : refused)
+            .insert(static_cast<uint32_t>(form.cls) << 16U | attribute_id(form));
+    std::vector<uint32_t> only;
+    std::set_difference(refused.begin(), refused.end(), supported.begin(), supported.end(), std::back_inserter(only));
+    return only;
+}
+
 const uint32_t *port_of(const Key &key)
 {
     if (const auto *apply = std::get_if<ApplyKey>(&key))
@@ -99,7 +111,8 @@ std::string shown(const Key &key)
 } // namespace
 
 NftablesPlane::NftablesPlane(NftablesOptions options, Log log)
-    : options_(std::move(options)), log_(std::move(log)), table_(options_.table), made_by_(digest_of(options_.config))
+    : options_(std::move(options)), log_(std::move(log)), table_(options_.table), made_by_(digest_of(options_.config)),
+      refused_attributes_(refused_attributes(options_.config))
 {
 }
 
@@ -242,6 +255,7 @@ std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
     size_t refused = 0;
     for (size_t i = 0; i < changes.size(); ++i) {
         answers[i].status = judged[i].status;
+        answers[i].text = judged[i].text;
         waiting_.erase(changes[i].key);
         if (judged[i].status != Status::ok && ++refused <= most_told)
             tell(changes[i].key, judged[i]);
@@ -339,6 +353,15 @@ std::map<Key, Installed> NftablesPlane::installed() const
     for (const auto &[key, applied] : model_.hooks)
         all[key] = {applied.request, applied.interface == interface_of(key) ? applied.fingerprint : 0};
     return all;
+}
+
+Description NftablesPlane::describe() const
+{
+    Description description{"nftables", options_.table_size, model_.entries};
+    for (const auto &[port, interface] : options_.config.ports)
+        description.ports.push_back(port);
+    description.refused_attributes = refused_attributes_;
+    return description;
 }
 
 // An entry may be several rules.

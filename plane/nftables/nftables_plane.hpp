@@ -39,6 +39,7 @@ class NftablesPlane final : public Plane {
 
     std::vector<Answer> program(std::span<const Change> changes) override;
     std::map<Key, Installed> installed() const override;
+    Description describe() const override;
     std::vector<std::pair<AceKey, Counters>> counters() override;
     int descriptor() const override { return links_.descriptor(); }
     std::vector<Key> look() override;
@@ -74,6 +75,7 @@ class NftablesPlane final : public Plane {
     Log log_;
     KernelTable table_;
     uint32_t made_by_;
+    std::vector<uint32_t> refused_attributes_;
     Netlink netlink_;
     Links links_;
     Model model_;

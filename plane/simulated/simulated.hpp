@@ -47,6 +47,7 @@ class SimulatedPlane final : public Plane {
 
     std::vector<Answer> program(std::span<const Change> changes) override;
     std::map<Key, Installed> installed() const override;
+    Description describe() const override { return {"sim", options_.table_size, entries_}; }
     std::vector<std::pair<AceKey, Counters>> counters() override;
 
     size_t entries() const { return entries_; }   // ACEs programmed

@@ -13,9 +13,10 @@ FILE = "packaging/redis/plx-store.acl"
 SCRIPTS = "platform/mom/redis_scripts.cpp"
 # The server compares in this order, at every command: the busiest stand first.
 REQUESTED = ["ace", "apply", "acl", "port_off", "port_bindinfo", "uplink", "svi_router"]
-MARKERS = ["app_commit", "acl_refresh", "topic", "node_call"]
+MARKERS = ["app_commit", "acl_refresh", "topic", "node_call", "node_query"]
 STATUS = [name + "_psta" for name in REQUESTED if name != "acl"]
-OF_NODES = ["ace_counter", "service_node"]
+OF_NODES = ["ace_counter", "service_node", "node_report"]
+ANSWERS = ["node_answer"]  # written by nodes, deleted by who asked
 READ = ("+ping +role +info +client|id +client|unblock +hgetall +hget +hmget +hstrlen +zrangebylex +xread +xrange "
         "+xrevrange +xinfo|stream")
 WRITE = ("+time +memory|usage +multi +exec +discard +script|load +hexists +hlen +hset +hsetnx +hincrby +hdel +del "
@@ -34,9 +35,10 @@ def made():
     with open(SCRIPTS, encoding="utf-8") as source:
         texts = re.findall(r'constexpr char \w+_text\[\] = R"\((.*?)\)";', source.read(), re.S)
     calls = " ".join(f"+evalsha|{hashlib.sha1(text.encode()).hexdigest()}" for text in texts)
-    everything = REQUESTED + STATUS + OF_NODES + MARKERS
+    everything = REQUESTED + STATUS + OF_NODES + MARKERS + ANSWERS
     users = HEAD
-    for role, tables in (("application", REQUESTED + STATUS + MARKERS), ("node", STATUS + OF_NODES)):
+    for role, tables in (("application", REQUESTED + STATUS + MARKERS + ANSWERS),
+                         ("node", STATUS + OF_NODES + ANSWERS)):
         users += (f"user plx-{role} on >change-me-{role} resetkeys {patterns(tables)} {patterns(everything, '/readers')} "
                   f"%R~plx{{*}}* resetchannels -@all {READ} {WRITE} {calls}\n")
     users += f"user plx-reader on >change-me-reader resetkeys %R~plx{{*}}* resetchannels -@all {READ}\n"

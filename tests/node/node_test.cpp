@@ -12,11 +12,14 @@
 //     counted 2; beats 10           the first counter records; that many heartbeats
 //     plane one                     what is on it, and how much it was asked to do since it was last looked at
 //     stored status                 the keys in that table
+//     reported one 3 0 106          its report, once it tells of so many programmed and refused, of that request as
+//                                   the last, and has no backlog
 //     plane one size=2              a plane without a node, for which
 //     make one ace:edge/10/1 BYTES  or "gone" for the bytes, tells the answer
 //     option TEXT; matches PATTERN  whether it is one; which of an entry, a binding and an uplink it matches
 #include "plane/node.hpp"
 #include "plane/simulated/simulated.hpp"
+#include "records/node_report.hpp"
 #include "records/status.hpp"
 #include "support/transcript.hpp"
 
@@ -90,6 +93,7 @@ struct Heard {
 struct Place {
     std::unique_ptr<SimulatedPlane> plane;
     std::unique_ptr<Node> node;
+    uint32_t id = 0;
     uint64_t touched = 0, batches = 0;
 };
 
@@ -108,6 +112,7 @@ class NodeSession : public Transcript {
     std::string until(const Words &words);
     std::string plane(const Words &words);
     std::string stored(const Words &words);
+    std::string reported(const Words &words);
     std::string make(const Words &words);
     std::string option(const Words &words);
     std::string matches(const Words &words);
@@ -120,6 +125,7 @@ class NodeSession : public Transcript {
 
     static int32_t on_status(void *handle, const tq_mom_notification *notification, void *arg);
     static int32_t on_publication(void *handle, const tq_mom_notification *notification, void *arg);
+    static int32_t on_asked(void *handle, const tq_mom_notification *notification, void *arg);
     static int32_t on_stored(void *handle, const tq_mom_notification *notification, void *arg);
 
     std::string url_ = "mem:node-test";
@@ -152,13 +158,14 @@ SimulatedOptions simulated(const Words &texts)
 std::string NodeSession::perform(const std::string &line)
 {
     static const std::map<std::string, Verb> verbs = {
-        {"store", &NodeSession::store},      {"speed", &NodeSession::store},   {"intervals", &NodeSession::intervals},
-        {"start", &NodeSession::start},      {"stop", &NodeSession::start},    {"restart", &NodeSession::start},
-        {"fresh", &NodeSession::start},      {"set", &NodeSession::set},       {"del", &NodeSession::set},
-        {"marker", &NodeSession::mark},      {"unmark", &NodeSession::mark},   {"settle", &NodeSession::settle},
-        {"until", &NodeSession::until},      {"counted", &NodeSession::until}, {"beats", &NodeSession::until},
-        {"programmed", &NodeSession::until}, {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
-        {"make", &NodeSession::make},        {"option", &NodeSession::option}, {"matches", &NodeSession::matches}};
+        {"store", &NodeSession::store},       {"speed", &NodeSession::store},   {"intervals", &NodeSession::intervals},
+        {"start", &NodeSession::start},       {"stop", &NodeSession::start},    {"restart", &NodeSession::start},
+        {"fresh", &NodeSession::start},       {"set", &NodeSession::set},       {"del", &NodeSession::set},
+        {"marker", &NodeSession::mark},       {"unmark", &NodeSession::mark},   {"settle", &NodeSession::settle},
+        {"until", &NodeSession::until},       {"counted", &NodeSession::until}, {"beats", &NodeSession::until},
+        {"programmed", &NodeSession::until},  {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
+        {"reported", &NodeSession::reported}, {"make", &NodeSession::make},     {"option", &NodeSession::option},
+        {"matches", &NodeSession::matches}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -194,8 +201,8 @@ std::string NodeSession::start(const Words &words)
     if (words[0] == "stop")
         return {};
     if (words[0] != "restart")
-        place = {std::make_unique<SimulatedPlane>(simulated(words)), nullptr};
-    options_.id = id;
+        place = {std::make_unique<SimulatedPlane>(simulated(words)), nullptr, id};
+    options_.id = place.id;
     place.node = std::make_unique<Node>(context(), *place.plane, options_);
     return place.node->start() == 0 ? "" : "it does not start";
 }
@@ -367,6 +374,40 @@ std::string NodeSession::stored(const Words &words)
     std::string keys;
     EXPECT_EQ(0, tq_mom_scan_sync(application_.get(), db, Record(table).message(), 0, on_stored, &keys));
     return keys;
+}
+
+// With each application, whether its digest is that of what the store asks for.
+std::string NodeSession::reported(const Words &words)
+{
+    std::map<NodeName, NodeReport> reports;
+    const NodeReport *report = nullptr;
+    const bool in_time = run_until([&] {
+        EXPECT_EQ(0, read_reports(application_.get(), db, reports));
+        report = &reports[{0, 0, places_.at(words[1]).id}];
+        return report->programmed == std::stoul(words.at(2)) && report->refused == std::stoul(words.at(3)) &&
+               report->last_request == std::stoul(words.at(4)) && report->backlog == 0;
+    });
+    std::ostringstream text;
+    text << (in_time ? "" : "not in time: ") << report->plane << " entries " << report->entries << " of "
+         << report->room << " programmed " << report->programmed << " refused " << report->refused;
+    std::map<std::string, Digest> asked;
+    for (const Table &table : tables())
+        EXPECT_EQ(0, tq_mom_scan_sync(application_.get(), db, Record(*table.requested).message(), 0, on_asked, &asked));
+    for (const auto &[app, one] : report->applications)
+        text << "\n'" << app << "' programmed " << one.programmed.count << " refused " << one.refused
+             << (one.programmed == asked[app] ? " as stored" : " unlike the store");
+    for (const NodeEntry &refused : report->refusals)
+        text << '\n'
+             << refused.app << ' ' << refused.name << ' ' << refused.request << ' ' << status_text(refused.status);
+    return text.str();
+}
+
+int32_t NodeSession::on_asked(void *, const tq_mom_notification *notification, void *arg)
+{
+    const Key key = key_of(notification->record).value();
+    (*static_cast<std::map<std::string, Digest> *>(arg))[application_of(key)].add(
+        digest_of(key), requested_of(notification->record).fingerprint());
+    return 0;
 }
 
 int32_t NodeSession::on_stored(void *, const tq_mom_notification *notification, void *arg)

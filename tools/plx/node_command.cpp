@@ -10,6 +10,7 @@
 #include "record_options.hpp"
 #include "records/host.hpp"
 #include "records/record.hpp"
+#include "rows.hpp"
 #include "signals.hpp"
 
 #include <csignal>
@@ -18,6 +19,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <sched.h>
 #include <sys/signalfd.h>
@@ -51,7 +53,7 @@ class NodeRun {
     int wait_for_store(const StopOnSignal &stop);
     int start();
     Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
-    Record record() const;
+    Record record(const ProtobufCMessageDescriptor &table) const;
     void retire();
     void log(const std::string &text) const;
 
@@ -209,7 +211,9 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
 // once.
 int NodeRun::start()
 {
-    if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db, record().message()); result != 0)
+    if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db,
+                                           record(s_policy__service_node__descriptor).message());
+        result != 0)
         return result;
     node_.emplace(new_context(), *plane_, options_.node);
     const int result = node_->start();
@@ -218,9 +222,9 @@ int NodeRun::start()
     return result;
 }
 
-Record NodeRun::record() const
+Record NodeRun::record(const ProtobufCMessageDescriptor &table) const
 {
-    Record record(s_policy__service_node__descriptor);
+    Record record(table);
     record.set_key_number(0, options_.node.dev);
     record.set_key_number(1, options_.node.slot);
     record.set_key_number(2, options_.node.id);
@@ -232,8 +236,9 @@ void NodeRun::retire()
 {
     node_.reset();
     const Context context = new_context();
-    if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record().message()); result != 0)
-        log(std::string("its record stays in the store: ") + tq_mom_strerror(result));
+    for (const auto *table : {&s_policy__service_node__descriptor, &plx_node__node_report__descriptor})
+        if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record(*table).message()); result != 0)
+            log("its " + table_name(*table) + " stays in the store: " + tq_mom_strerror(result));
 }
 
 } // namespace
