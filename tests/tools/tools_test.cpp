@@ -99,6 +99,7 @@ class Tools : public Session {
     Tools()
     {
         setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
+        setenv("UNWILLING", "env LD_PRELOAD=" UNWILLING_STORE " ASAN_OPTIONS=verify_asan_link_order=0", 1);
         setenv("EXAMPLES", EXAMPLES, 1);
         setenv("POLICIES", POLICIES, 1);
         unsetenv("PLX_STORE");

@@ -243,6 +243,8 @@ std::optional<size_t> Application::find_apply(const fp_udp_acl_info *acl, uint32
 // answered shows which of the two it is.
 void Application::succeeded(size_t row, int answers)
 {
+    if (setting_ && timed_out_ && !last_try_) // what applies it may be what is to be written once more
+        return ledger_.put_back(row);
     if (setting_)
         return ledger_.end(row, Outcome::stored, "not applied to a port");
     if (answers > 0 && answers >= live_nodes())
@@ -253,6 +255,10 @@ void Application::succeeded(size_t row, int answers)
 
 void Application::refused(size_t row, int32_t status)
 {
+    if (setting_ && status == TQ_MOM_TIMEOUT && !last_try_) {
+        timed_out_ = true;
+        return ledger_.put_back(row);
+    }
     store_lost_ = store_lost_ || (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT));
     ledger_.end(row, Outcome::failed, setting_ ? write_error(status) : node_error(status));
 }
@@ -282,12 +288,20 @@ int Application::bracket(std::initializer_list<Operation> operations)
 
 // Applies stand before entries: an entry whose ACL is not applied yet would be answered by the library at once, and
 // nobody would hear what the service nodes say.
-int Application::write(const std::function<void()> &pause)
+int Application::write(const std::function<void()> &pause, const std::function<bool()> &again)
 {
     if (const int result = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply}); result != 0)
         return result;
-    collect(pause, [this](const auto &breathe) { write_unended(breathe); });
-    return store_lost_ ? 0 : bracket({mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply});
+    write_unended(pause, again);
+    for (const Operation sweep : {mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply}) {
+        if (store_lost_)
+            break;
+        int result = bracket({sweep});
+        if ((result == TQ_MOM_TIMEOUT || result == TQ_MOM_DISCONNECTED) && again())
+            result = bracket({sweep});
+        not_swept_ = not_swept_ != 0 ? not_swept_ : result;
+    }
+    return 0;
 }
 
 // What `write` does goes to the store in groups, each before the loop is run. Refusals are told by the callbacks.
@@ -306,8 +320,21 @@ template <typename Write> void Application::collect(const std::function<void()> 
     flush(plx_bulk_end);
 }
 
-// All that did not turn out to be unchanged.
-void Application::write_unended(const std::function<void()> &breathe)
+void Application::write_unended(const std::function<void()> &pause, const std::function<bool()> &again)
+{
+    const auto set = [this](const auto &breathe) { set_unended(breathe); };
+    collect(pause, set);
+    if (!timed_out_)
+        return;
+    last_try_ = true;
+    if (again())
+        collect(pause, set);
+    else
+        store_lost_ = true;
+}
+
+// All that did not turn out to be unchanged. What belongs to an ACL that is to be written once more waits for it.
+void Application::set_unended(const std::function<void()> &breathe)
 {
     const auto unended = [this](size_t row) { return ledger_.outcome(row) == Outcome::unwritten; };
     for (const Acl &acl : acls_) {
@@ -317,13 +344,14 @@ void Application::write_unended(const std::function<void()> &breathe)
         breathe();
     }
     for (const PolicyApply &apply : policy_.applies) {
-        if (!unended(apply_rows_.at({apply.acl, apply.port, apply.priority})))
+        const bool waits = unended(acls_[acl_numbers_.at(apply.acl)].row);
+        if (waits || !unended(apply_rows_.at({apply.acl, apply.port, apply.priority})))
             continue;
         set(apply);
         breathe();
     }
     for (const Acl &acl : acls_) {
-        for (size_t at = 0; at < acl.policy->entries.size(); ++at) {
+        for (size_t at = 0; at < acl.policy->entries.size() && !unended(acl.row); ++at) {
             if (!unended(acl.first_entry() + at))
                 continue;
             set(*acl.policy, acl.policy->entries[at], acl.first_entry() + at);
@@ -503,7 +531,7 @@ void Application::remove_excess(const std::function<void()> &breathe)
 
 // What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
 // direction goes first, since the library tells them apart by port and priority alone.
-int Application::write_changes(const std::function<void()> &pause)
+int Application::write_changes(const std::function<void()> &pause, const std::function<bool()> &again)
 {
     int result = compare(s_policy__acl__descriptor, &Application::compare_acl);
     result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply);
@@ -515,11 +543,9 @@ int Application::write_changes(const std::function<void()> &pause)
     const uint64_t before = store_failures();
     remove(excess_.turned);
     know_unchanged();
-    collect(pause, [this](const auto &breathe) {
-        write_unended(breathe);
-        if (!store_lost_)
-            remove_excess(breathe);
-    });
+    write_unended(pause, again);
+    if (!store_lost_)
+        collect(pause, [this](const auto &breathe) { remove_excess(breathe); });
     return store_lost_ || store_failures() == before ? 0 : static_cast<int>(TQ_MOM_STORE_ERROR);
 }
 

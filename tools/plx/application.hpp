@@ -29,14 +29,15 @@ class Application {
     int start();
 
     // Rewrites the policy: everything in it is written, then what else the store holds of this application type is
-    // deleted; not so when a write failed, as the deletion could take the last good version with it. `pause` is called
-    // now and then, to run the event loop. 0, or the store's code for the bracket.
-    int write(const std::function<void()> &pause);
+    // deleted; not so when the store went away, as the deletion could take the last good version with it. `pause` is
+    // called now and then, to run the event loop. What the store did not answer in time is done once more, when `again`
+    // says that it answers. 0, or the store's code for the beginning of the bracket.
+    int write(const std::function<void()> &pause, const std::function<bool()> &again);
 
     // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as
     // it should be is not written: its rows end as unchanged. 0, or the store's code for what could not be read or
     // deleted.
-    int write_changes(const std::function<void()> &pause);
+    int write_changes(const std::function<void()> &pause, const std::function<bool()> &again);
 
     // Of write_changes().
     struct Changes {
@@ -53,6 +54,9 @@ class Application {
 
     // A write did not reach the store.
     bool store_lost() const { return store_lost_; }
+
+    // The store's code where what it held before was not all deleted, else 0.
+    int not_swept() const { return not_swept_; }
 
     Ledger &ledger() { return ledger_; }
 
@@ -93,7 +97,8 @@ class Application {
     uint64_t store_failures() const;
     void remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies);
     void remove_excess(const std::function<void()> &breathe);
-    void write_unended(const std::function<void()> &breathe);
+    void write_unended(const std::function<void()> &pause, const std::function<bool()> &again);
+    void set_unended(const std::function<void()> &breathe);
 
     int bracket(std::initializer_list<Operation> operations);
     void set(const PolicyAcl &acl);
@@ -119,6 +124,9 @@ class Application {
     std::map<ApplyId, size_t> apply_rows_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
     bool store_lost_ = false;
+    bool timed_out_ = false; // a write did, which is to be made once more
+    bool last_try_ = false;
+    int not_swept_ = 0;
     Changes changes_;
     Excess excess_;
 };

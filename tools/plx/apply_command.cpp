@@ -304,8 +304,9 @@ int ApplyRun::write(Application &application)
         catch_up();
         progress_.show([&] { return progress_text(application); });
     };
+    const auto again = [&] { return connect() == 0; };
     const auto write = [&] {
-        return options_.changes_only ? application.write_changes(pause) : application.write(pause);
+        return options_.changes_only ? application.write_changes(pause, again) : application.write(pause, again);
     };
     return options_.atomic ? application.atomically(write) : write();
 }
@@ -337,10 +338,15 @@ int ApplyRun::report(Application &application, int result)
     if (result != 0)
         return fail(result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT ? EXIT_UNREACHABLE : EXIT_SOME_FAILED,
                     std::string("cannot replace what the store held before: ") + tq_mom_strerror(result));
+    const int not_swept = application.not_swept();
+    if (not_swept != 0)
+        say(std::string("what the store held of this policy before is not all deleted: ") + tq_mom_strerror(not_swept) +
+            "; apply it once more");
     if (ledger.count(Outcome::failed) != 0)
         return EXIT_SOME_FAILED;
-    const bool unanswered = ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) != 0;
-    return unanswered ? EXIT_NO_ANSWER : EXIT_DONE;
+    if (ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) != 0)
+        return EXIT_NO_ANSWER;
+    return not_swept != 0 ? EXIT_NOT_SWEPT : EXIT_DONE;
 }
 
 constexpr const char *footer = R"(A policy file:
@@ -387,6 +393,7 @@ Exit codes:
   1  wrong usage                             4  some entries aged or timed out
   2  invalid file, nothing was written       5  store unreachable
                                              8  the output could not be written
+  10 all is written, but old records are left that were to be deleted
 
 Examples:
   plx apply policy.yaml

@@ -14,7 +14,8 @@ enum ExitCode : int {
     EXIT_SOME_FAILED = 3, // the forwarding plane or the store refused some entries; some records cannot be read
     EXIT_NO_ANSWER = 4,   // some entries aged, or the time to wait ran out
     EXIT_UNREACHABLE = 5, // the store cannot be reached, or went away
-    EXIT_NO_OUTPUT = 8    // all went well, but what was to be printed of it could not be written
+    EXIT_NO_OUTPUT = 8,   // all went well, but what was to be printed of it could not be written
+    EXIT_NOT_SWEPT = 10   // all was written, and old records are left that were to be deleted
 };
 
 void add_apply_command(CLI::App &app, int &exit_code);

@@ -35,6 +35,8 @@ class Ledger {
     Ledger(size_t rows, Label label);
 
     void begin(size_t row);
+    // As before its beginning.
+    void put_back(size_t row) { move(rows_[row], Outcome::unwritten); }
     // The first end of a row since it was begun is the one that counts.
     void end(size_t row, Outcome outcome, const std::string &status);
     // Ends every row that waits.
