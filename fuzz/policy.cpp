@@ -35,8 +35,8 @@ void check(const Policy &policy)
 void check(const Errors &errors)
 {
     fuzz::require(!errors.empty(), "what is not a policy has a fault");
-    for (const std::string &line : errors.lines("file"))
-        for (const char c : line)
+    for (const auto &[place, line] : errors.told("file"))
+        for (const char c : place.file + line)
             fuzz::require(c >= ' ' && c < 0x7f, "a fault is plain text");
 }
 

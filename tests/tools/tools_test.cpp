@@ -65,8 +65,12 @@ std::string policy(const std::string &text)
     std::istringstream in(text);
     const std::optional<Policy> read = read_policy(in, POLICIES "/", errors);
     std::ostringstream out;
-    for (const std::string &line : errors.lines("f"))
-        out << line.substr(line.starts_with("f:") ? 2 : sizeof POLICIES) << '\n'; // without the file, the directory
+    for (const auto &[place, message] : errors.told("f")) { // without the file, the directory
+        out << (place.file == "f" ? "" : place.file.substr(sizeof POLICIES) + ':');
+        for (const int number : {place.line, place.column})
+            out << (number == 0 ? "" : std::to_string(number) + ':');
+        out << (place.file == "f" && place.line == 0 ? " " : " ") << message << '\n';
+    }
     if (!read || !errors.empty())
         return out.str() + (read ? "but a policy" : "");
     out << "application " << read->application << '\n';

@@ -1,6 +1,7 @@
 // `plx apply`: a policy file, through the library and the store, to the service nodes, and what they said.
 #include "application.hpp"
 #include "commands.hpp"
+#include "output.hpp"
 #include "plane/simulated/fleet.hpp"
 #include "record_options.hpp"
 #include "records/host.hpp"
@@ -29,6 +30,7 @@ struct ApplyOptions {
     double wait_s = 30;     // for a store or for nodes that are yet to come
     bool atomic = false;
     bool changes_only = false;
+    bool json = false;
     uint32_t nodes = 0; // 0: not given
     std::vector<size_t> table_sizes;
     std::vector<std::string> simulate;
@@ -118,13 +120,13 @@ int ApplyRun::run()
 void ApplyRun::say(const std::string &message)
 {
     progress_.clear();
-    std::cerr << "plx apply: " << message << std::endl;
+    output().note(message);
 }
 
 int ApplyRun::fail(int exit_code, const std::string &message)
 {
-    say(message);
-    return exit_code;
+    progress_.clear();
+    return output().error(exit_code, message);
 }
 
 bool ApplyRun::read(Policy &policy)
@@ -132,11 +134,10 @@ bool ApplyRun::read(Policy &policy)
     Errors errors;
     if (auto checked = read_policy(options_.file, errors))
         policy = std::move(*checked);
-    for (const std::string &line : errors.lines(options_.file))
-        std::cerr << line << '\n';
+    tell(errors, options_.file);
     if (!errors.empty())
-        std::cerr << "plx apply: nothing was written: " << errors.size() << (errors.size() == 1 ? " error" : " errors")
-                  << " in the policy\n";
+        say("nothing was written: " + std::to_string(errors.size()) + (errors.size() == 1 ? " error" : " errors") +
+            " in the policy");
     return errors.empty();
 }
 
@@ -146,12 +147,9 @@ int ApplyRun::open_store()
     if (loop_ != nullptr)
         context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
     if (context_ == nullptr)
-        return tell_no_context("apply", options_.store);
-    if (const int result = connect(); result != 0) {
-        fail(EXIT_UNREACHABLE, "store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
-        tell_advice(result);
-        return EXIT_UNREACHABLE;
-    }
+        return tell_no_context(options_.store);
+    if (const int result = connect(); result != 0)
+        return tell_store_error("store " + shown_address(options_.store), result);
     return EXIT_DONE;
 }
 
@@ -425,6 +423,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
         ->capture_default_str();
     command->add_flag("--atomic", options->atomic,
                       "have the service nodes hold the changes back until all are written, and make them together");
+    command->add_flag("--json", options->json, "everything as JSON, one object a line; plx-json(5) describes them");
     command->add_flag("--changes-only", options->changes_only,
                       "write only what the store does not have as the file has it, and delete what the file does not "
                       "have");
@@ -446,6 +445,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
             throw CLI::ValidationError("--table-size and --simulate are for nodes on a mem: store");
         if (options->table_sizes.size() > std::max(options->nodes, 1U))
             throw CLI::ValidationError("--table-size has more sizes than there are nodes");
+        output().begin("apply", options->json);
         exit_code = ApplyRun(*options).run();
     });
 }

@@ -1,6 +1,7 @@
 // See document.hpp.
 #include "document.hpp"
 
+#include "output.hpp"
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -63,20 +64,22 @@ void Errors::add(Position at, const std::string &file, int line, std::string mes
         errors_.pop_back();
 }
 
-std::vector<std::string> Errors::lines(std::string_view file) const
+std::vector<Errors::Told> Errors::told(const std::string &file) const
 {
-    std::vector<std::string> lines;
-    for (const Error &error : errors_) {
-        std::string line(error.file.empty() ? file : plain(error.file));
-        if (!error.file.empty() && error.line != 0)
-            line += ':' + std::to_string(error.line);
-        else if (error.file.empty() && error.at.line != 0)
-            line += ':' + std::to_string(error.at.line) + ':' + std::to_string(error.at.column);
-        lines.push_back(line + ": " + error.message);
-    }
+    std::vector<Told> told;
+    for (const Error &error : errors_)
+        told.push_back(
+            {error.file.empty() ? Place{file, error.at.line, error.at.column} : Place{plain(error.file), error.line},
+             error.message});
     if (count_ > errors_.size())
-        lines.push_back(std::string(file) + ": and " + std::to_string(count_ - errors_.size()) + " more");
-    return lines;
+        told.push_back({{file}, "and " + std::to_string(count_ - errors_.size()) + " more"});
+    return told;
+}
+
+void tell(const Errors &errors, const std::string &file)
+{
+    for (const auto &[place, message] : errors.told(file))
+        output().error(EXIT_BAD_FILE, message, place);
 }
 
 std::string quoted(std::string_view text)

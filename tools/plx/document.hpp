@@ -5,6 +5,7 @@
 // file: an alias is delivered as the events of what it names, and costs as many.
 #pragma once
 
+#include "place.hpp"
 #include <cstdint>
 #include <istream>
 #include <map>
@@ -35,8 +36,12 @@ class Errors {
     size_t size() const { return count_; }
     // There are as many as are shown: no trouble need be taken over another one's words.
     bool full() const { return count_ >= most_shown; }
-    // One "file:line:column: message" each, in the order of the file, and how many more there are.
-    std::vector<std::string> lines(std::string_view file) const;
+    struct Told {
+        Place place;
+        std::string message;
+    };
+    // In the order of the file; behind the last, how many more there are.
+    std::vector<Told> told(const std::string &file) const;
 
   private:
     struct Error {
@@ -49,6 +54,9 @@ class Errors {
     std::vector<Error> errors_; // the first in the file, in order
     size_t count_ = 0;
 };
+
+// Tells all of them.
+void tell(const Errors &errors, const std::string &file);
 
 // The text in quotes, with bytes that a terminal might act on escaped and cut where it gets long.
 std::string quoted(std::string_view text);

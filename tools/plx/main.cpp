@@ -1,11 +1,36 @@
 // plx: the command line around libplx. This file only gathers the subcommands; each is in files of its own.
+#include "attribute_value.hpp"
 #include "commands.hpp"
+#include "output.hpp"
 
-#include <cstdio>
 #include <exception>
-#include <iostream>
+#include <span>
+
+namespace plx::tool {
 
 namespace {
+
+// A slip in the command's name is told as such, not as a command that is missing.
+bool unknown(const CLI::App &app, std::string_view word)
+{
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands(nullptr))
+        names.push_back(command->get_name());
+    if (word.starts_with('-') || std::find(names.begin(), names.end(), word) != names.end())
+        return false;
+    const std::string_view close = nearest(word, {names.begin(), names.end()});
+    output().error(EXIT_USAGE, "there is no command '" + std::string(word) + '\'' +
+                                   (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?"));
+    return true;
+}
+
+// Help and the version are no errors; they have been asked for as text.
+int tell(const CLI::App &app, const CLI::ParseError &error)
+{
+    if (error.get_exit_code() == 0 || !output().json())
+        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    return output().error(EXIT_USAGE, error.what());
+}
 
 int run(int argc, char **argv)
 {
@@ -13,39 +38,37 @@ int run(int argc, char **argv)
     app.set_version_flag("--version", "plx " PLX_VERSION);
     app.require_subcommand(1);
 
-    int exit_code = plx::tool::EXIT_DONE;
-    plx::tool::add_apply_command(app, exit_code);
-    plx::tool::add_node_command(app, exit_code);
-    plx::tool::add_show_command(app, exit_code);
-    plx::tool::add_monitor_command(app, exit_code);
-    plx::tool::add_shell_command(app, exit_code);
+    int exit_code = EXIT_DONE;
+    add_apply_command(app, exit_code);
+    add_node_command(app, exit_code);
+    add_show_command(app, exit_code);
+    add_monitor_command(app, exit_code);
+    add_shell_command(app, exit_code);
 
+    const std::span words(argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0));
+    const bool json =
+        std::any_of(words.begin(), words.end(), [](const char *word) { return word == std::string_view("--json"); });
+    output().begin("", json); // until a command speaks for itself
+    if (!words.empty() && unknown(app, words.front()))
+        return EXIT_USAGE;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? plx::tool::EXIT_DONE : plx::tool::EXIT_USAGE;
+        return tell(app, error);
     }
     return exit_code;
 }
 
-// What was printed may still be on its way to a full disk.
-int end(int exit_code)
-{
-    std::cout.flush();
-    if (std::cout && std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
-        return exit_code;
-    std::cerr << "plx: the output cannot be written\n";
-    return exit_code == plx::tool::EXIT_DONE ? plx::tool::EXIT_NO_OUTPUT : exit_code;
-}
-
 } // namespace
+
+} // namespace plx::tool
 
 int main(int argc, char **argv)
 {
+    using namespace plx::tool;
     try {
-        return end(run(argc, argv));
+        return output().end(run(argc, argv));
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "plx: %s\n", error.what());
-        return plx::tool::EXIT_USAGE;
+        return output().end(output().error(EXIT_USAGE, error.what()));
     }
 }

@@ -64,16 +64,13 @@ const char *event_name(int32_t event)
 int MonitorRun::run()
 {
     int exit_code = EXIT_DONE;
-    context_ = open_store("monitor", options_, exit_code);
+    context_ = open_store(options_, exit_code);
     if (context_ == nullptr)
         return exit_code;
     const StopOnSignal stop(context_->master);
-    if (const int result = subscribe(); result != 0) {
-        std::cerr << "plx monitor: store: " << tq_mom_strerror(result) << '\n';
-        tell_advice(result);
-        return EXIT_UNREACHABLE;
-    }
-    std::cerr << "plx monitor: watching " << feeds_.size() << " tables" << std::endl;
+    if (const int result = subscribe(); result != 0)
+        return tell_store_error("store", result);
+    output().note("watching " + std::to_string(feeds_.size()) + " tables");
     tq_loop_run(context_->master);
     return EXIT_DONE;
 }
@@ -124,7 +121,7 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
     if (change.result != 0)
         row["error"] = tq_mom_strerror(change.result);
     if (options_.json)
-        print_json(row);
+        output().line("change", std::move(row));
     else
         std::cout << line_of(row) << '\n';
     std::cout.flush();
@@ -150,7 +147,10 @@ void add_monitor_command(CLI::App &app, int &exit_code)
     command->footer("Examples:\n"
                     "  plx monitor ace apply --app edge_filter\n"
                     "  plx monitor --json | jq .");
-    command->callback([options, &exit_code] { exit_code = MonitorRun(*options).run(); });
+    command->callback([options, &exit_code] {
+        output().begin("monitor", options->json);
+        exit_code = MonitorRun(*options).run();
+    });
 }
 
 } // namespace plx::tool

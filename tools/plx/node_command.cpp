@@ -4,6 +4,7 @@
 // or SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
 #include "nftables_flags.hpp"
+#include "output.hpp"
 #include "plane/nftables/nftables_plane.hpp"
 #include "plane/node.hpp"
 #include "plane/simulated/simulated.hpp"
@@ -166,11 +167,11 @@ int NodeRun::run()
 {
     loop_.reset(tq_loop_new());
     if (loop_ == nullptr)
-        return tell_no_context("node", options_.store);
+        return tell_no_context(options_.store);
     if (!make_plane())
         return EXIT_USAGE;
     if (new_context() == nullptr)
-        return tell_no_context("node", options_.store);
+        return tell_no_context(options_.store);
     const StopOnSignal stop(loop_.get(), [this] { read_ports(); });
     const int result = wait_for_store(stop);
     if (result != 0) {
@@ -283,6 +284,7 @@ void add_node_command(CLI::App &app, int &exit_code)
                     "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
     command->callback([options, heartbeat, &exit_code] {
         options->node.heartbeat = milliseconds(*heartbeat);
+        output().begin("node", false);
         exit_code = NodeRun(*options).run();
     });
 }

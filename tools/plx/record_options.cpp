@@ -1,13 +1,12 @@
 // See record_options.hpp.
 #include "record_options.hpp"
 
-#include "commands.hpp"
 #include "field.hpp"
+#include "output.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <plx/s_policy.pb-c.h>
 #include <span>
 #include <tq_topics.pb-c.h>
@@ -130,33 +129,26 @@ std::string shown_address(const std::string &store)
     return address.substr(0, scheme + 3) + address.substr(at + 1);
 }
 
-int tell_no_context(const char *command, const std::string &store)
+int tell_no_context(const std::string &store)
 {
     const int error = errno;
-    std::cerr << "plx " << command << ": ";
     if (error == EINVAL)
-        std::cerr << "'" << shown_address(store) << "' is not the address of a store\n";
-    else
-        std::cerr << "store " << shown_address(store) << ": " << std::strerror(error) << '\n';
-    return error == EINVAL ? EXIT_USAGE : EXIT_UNREACHABLE;
+        return output().error(EXIT_USAGE, '\'' + shown_address(store) + "' is not the address of a store");
+    return output().error(EXIT_UNREACHABLE, "store " + shown_address(store) + ": " + std::strerror(error));
 }
 
-void tell_advice(int result)
+int tell_store_error(const std::string &what, int result)
 {
-    if (const char *advice = tq_mom_advice(result); advice != nullptr)
-        std::cerr << "hint: " << advice << '\n';
+    return output().error(EXIT_UNREACHABLE, what + ": " + tq_mom_strerror(result), {}, tq_mom_advice(result));
 }
 
-Context open_store(const char *command, const RecordOptions &options, int &exit_code)
+Context open_store(const RecordOptions &options, int &exit_code)
 {
     Context context(tq_context_new(options.store.c_str()));
     if (context == nullptr) {
-        exit_code = tell_no_context(command, options.store);
+        exit_code = tell_no_context(options.store);
     } else if (const int result = tq_mom_client_connect_sync(context.get(), options.db); result != 0) {
-        std::cerr << "plx " << command << ": store " << shown_address(options.store) << ": " << tq_mom_strerror(result)
-                  << '\n';
-        tell_advice(result);
-        exit_code = EXIT_UNREACHABLE;
+        exit_code = tell_store_error("store " + shown_address(options.store), result);
         context.reset();
     }
     return context;

@@ -42,13 +42,13 @@ struct RecordOptions {
 
 // A store's address without user and password, for messages.
 std::string shown_address(const std::string &store);
-/// Says on standard error, by errno, why there is no context at an address; returns the exit code for it.
-int tell_no_context(const char *command, const std::string &store);
+// Says, by errno, why there is no context at an address; returns the exit code for it.
+int tell_no_context(const std::string &store);
 
-// Standard error gets what an operator can do about a result of the store client, where there is something.
-void tell_advice(int result);
+// Says what failed in the store, and what an operator can do about it. Returns the exit code for it.
+int tell_store_error(const std::string &what, int result);
 
 // A store, opened as one of these commands needs it; reports why not. Null when it cannot be reached.
-Context open_store(const char *command, const RecordOptions &options, int &exit_code);
+Context open_store(const RecordOptions &options, int &exit_code);
 
 } // namespace plx::tool

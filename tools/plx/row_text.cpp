@@ -77,11 +77,6 @@ void print_line(const Row &row, const std::vector<Column> &columns)
 
 } // namespace
 
-void print_json(const Row &row)
-{
-    std::cout << row.dump(-1, ' ', true, Row::error_handler_t::replace) << '\n';
-}
-
 std::string line_of(const Row &row)
 {
     std::string line;

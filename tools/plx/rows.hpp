@@ -1,18 +1,16 @@
 // The store's records as rows of named columns, for those commands that show them.
 //
-// A row is a JSON object with its columns in order: `--json` prints it as it is, a table takes its columns from it.
+// A row is a JSON object with its columns in order: `--json` prints it as a line, a table takes its columns from it.
 // Records are others' work and hostile: text is shown escaped, what is missing is left out, and what is very long is
 // cut. A row with something cut has one column more, "cut": how many bytes more each of the columns in it has.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include "output.hpp"
 #include <protobuf-c/protobuf-c.h>
 #include <string>
 #include <vector>
 
 namespace plx::tool {
-
-using Row = nlohmann::ordered_json;
 
 constexpr const char *cut_column = "cut";
 
@@ -21,9 +19,6 @@ std::string table_name(const ProtobufCMessageDescriptor &table);
 
 // The key's fields, then the values; packed attributes are spelled out. A deletion has its key alone.
 Row row_of(const ProtobufCMessage *record, bool full, bool with_values = true);
-
-// One object a line.
-void print_json(const Row &row);
 
 // The row's values in one line, each behind its column's name.
 std::string line_of(const Row &row);

@@ -8,7 +8,6 @@
 #include "records/status.hpp"
 #include "rows.hpp"
 
-#include <iostream>
 #include <memory>
 
 namespace plx::tool {
@@ -51,7 +50,7 @@ class ShowRun {
 int ShowRun::run()
 {
     int exit_code = EXIT_DONE;
-    context_ = open_store("show", options_, exit_code);
+    context_ = open_store(options_, exit_code);
     if (context_ == nullptr)
         return exit_code;
     if (kind_.status != nullptr) {
@@ -62,7 +61,8 @@ int ShowRun::run()
         scan(*table, &ShowRun::on_record);
     print_table(rows_);
     if (unreadable_ > most_told)
-        std::cerr << "plx show: and " << unreadable_ - most_told << " more records cannot be read\n";
+        output().error(EXIT_SOME_FAILED,
+                       "and " + std::to_string(unreadable_ - most_told) + " more records cannot be read");
     if (result_ != 0)
         return EXIT_UNREACHABLE;
     return unreadable_ == 0 ? EXIT_DONE : EXIT_SOME_FAILED;
@@ -80,8 +80,7 @@ void ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_e
                            : tq_mom_scan_sync(context_.get(), options_.db, wanted.message(), given, on_entry, this);
     if (result == 0)
         return;
-    std::cerr << "plx show: " << table_ << ": store: " << tq_mom_strerror(result) << '\n';
-    tell_advice(result);
+    tell_store_error(table_ + ": store", result);
     result_ = result_ == 0 ? result : result_;
 }
 
@@ -107,9 +106,9 @@ bool ShowRun::readable(const tq_mom_notification &entry)
     if (entry.record != nullptr && entry.result == 0)
         return true;
     if (++unreadable_ <= most_told) {
-        std::cerr << "plx show: " << table_ << ": "
-                  << (!key.empty() ? key : "the record " + (last_.empty() ? "at the start" : "behind " + last_))
-                  << " cannot be read: " << tq_mom_strerror(entry.result) << '\n';
+        const std::string place = last_.empty() ? "at the start" : "behind " + last_;
+        output().error(EXIT_SOME_FAILED, table_ + ": " + (!key.empty() ? key : "the record " + place) +
+                                             " cannot be read: " + tq_mom_strerror(entry.result));
     }
     return false;
 }
@@ -156,7 +155,7 @@ std::string ShowRun::outcome(const ProtobufCMessage *record) const
 void ShowRun::add(Row row)
 {
     if (options_.json)
-        print_json(row);
+        output().line("record", std::move(row));
     else
         rows_.push_back(std::move(row));
 }
@@ -180,7 +179,10 @@ void add_show_command(CLI::App &app, int &exit_code)
                     "  plx show counters --json\n\n"
                     "Of a long value the first bytes are shown, then how many more there are (with --json in the\n"
                     "object's \"cut\", by column). Exit code 3: some records cannot be read; the rest is shown.");
-    command->callback([options, what, &exit_code] { exit_code = ShowRun(*find_kind(*what), *options).run(); });
+    command->callback([options, what, &exit_code] {
+        output().begin("show", options->json);
+        exit_code = ShowRun(*find_kind(*what), *options).run();
+    });
 }
 
 } // namespace plx::tool

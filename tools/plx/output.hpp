@@ -1,0 +1,47 @@
+// What a command says: text for people, or with --json lines of JSON on standard output and nothing else.
+//
+// A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with the
+// exit code. A failure is a line of type "error", a remark one of type "note". A number above 2^53, which readers may
+// round, has its text beside it, under its name and "_text". Within a schema's version there are only additions.
+#pragma once
+
+#include "exit_codes.hpp"
+#include "place.hpp"
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace plx::tool {
+
+using Row = nlohmann::ordered_json;
+
+class Output {
+  public:
+    // From here on it is `command` that speaks: "apply".
+    void begin(std::string command, bool json);
+    bool json() const { return json_; }
+
+    // An object, with --json; otherwise nothing. What a record calls "type" itself goes by "own_type".
+    void line(std::string_view type, Row row);
+    // "plx apply: TEXT" on standard error.
+    void note(const std::string &text);
+    // The same, for what leads to an exit code, which it returns. With a place its text is "FILE:LINE:COLUMN: TEXT".
+    // `hint`: what can be done about it.
+    int error(int exit_code, const std::string &text, const Place &place = {}, const char *hint = nullptr);
+
+    // What the summary will have beside the exit code.
+    Row &summary() { return summary_; }
+    // The end of the program: the summary, and whether all could be written. The exit code that is left.
+    int end(int exit_code);
+
+  private:
+    std::string command_;
+    bool json_ = false;
+    bool begun_ = false;
+    Row summary_ = Row::object();
+};
+
+// The program's.
+Output &output();
+
+} // namespace plx::tool
