@@ -79,6 +79,7 @@ class Place:
             self.add_node()
         self.file = self.directory + "/policy.yaml"
         policy(self.file, entries)
+        self.settle()
         self.before = [each.memory() for each in (self.server, self.nodes[0])]
 
     def add_node(self):
@@ -88,6 +89,15 @@ class Place:
         node.wait_for("ready")
         self.nodes.append(node)
         return node
+
+    def settle(self):
+        """Until server and nodes have done what they do a while after a start."""
+        quiet = 0
+        while quiet < 5:
+            before = [each.cpu() for each in [self.server] + self.nodes]
+            time.sleep(1)
+            busy = max(each.cpu() - then for each, then in zip([self.server] + self.nodes, before))
+            quiet = quiet + 1 if busy < 0.1 else 0
 
     def apply(self, *arguments):
         """CPU time for each entry of application, server and nodes, in us; the application's memory; seconds."""
@@ -132,7 +142,7 @@ def cpu_rows(goals, what, used, goal=None):
 
 def idle(place, seconds):
     beside = [place.server] + place.nodes
-    time.sleep(2)
+    place.settle()
     before = [each.cpu() for each in beside]
     time.sleep(seconds)
     return max(100 * (each.cpu() - then) / seconds for each, then in zip(beside, before))

@@ -11,7 +11,7 @@ namespace mom {
 void command_batch::write(redis_table &table, write_mode mode, std::string_view key, const encoded_fields &fields)
 {
     const bool complete = fields.values.size() == table.fields.size();
-    if (closed_ || !open_.takes(table, mode, complete))
+    if (closed_ || !open_.takes(table, mode, complete, fields.values))
         make_room();
     open_.add(table, mode, complete, key, fields, writer_);
 }
@@ -30,10 +30,10 @@ void command_batch::close()
         added.steps = open_.steps();
     } else {
         added.start = commands_.bytes().size();
-        open_.build_call(commands_, scripts_.write, writer_.name);
+        open_.build_call(commands_, scripts_, writer_.name, table.alone);
         added.size = commands_.bytes().size() - added.start;
     }
-    ++table.latest;
+    added.number = ++table.latest;
     closed_ = true;
 }
 
@@ -46,7 +46,7 @@ void command_batch::make_room()
         return;
     if (item &last = items_.back(); last.steps > 0) {
         last.start = calls_.bytes().size();
-        open_.build_call(calls_, scripts_.write, writer_.name);
+        open_.build_call(calls_, scripts_, writer_.name, last.table.alone);
         last.size = calls_.bytes().size() - last.start;
     }
     open_.clear();
@@ -68,7 +68,7 @@ void command_batch::remove(redis_table &table, std::string_view key)
 // A call without results, in front of what makes it due.
 void command_batch::trim_in_time(redis_table &table, size_t changes)
 {
-    if (!table.trim_due(changes, 1))
+    if (!table.trim_due(changes, 1, writer_.log_limit))
         return;
     item &added = add_item(table, 0);
     added.start = commands_.bytes().size();
@@ -78,7 +78,7 @@ void command_batch::trim_in_time(redis_table &table, size_t changes)
 
 command_batch::item &command_batch::add_item(redis_table &table, size_t results)
 {
-    items_.push_back({table, 1, results, results_, 0, 0, 0});
+    items_.push_back({table, 1, results, results_, 0, 0, 0, 0});
     results_ += results;
     return items_.back();
 }
@@ -145,8 +145,8 @@ command_batch::verdict command_batch::judge_call(redis_link &link, const item &e
     auto one = reply.first();
     for (size_t i = 0; i < std::min(reply.size(), results.size()); ++i, one = one.next()) {
         results[i] = link.judge(one);
-        if (results[i] == TQ_MOM_OK)
-            parse_log_id(one.text(), each.table.latest);
+        if (results[i] == TQ_MOM_OK && parse_log_id(one.text(), each.table.latest))
+            each.table.alone = each.table.latest == each.number;
     }
     return verdict::done;
 }
@@ -220,7 +220,8 @@ void command_batch::repeat(redis_link &link, std::span<const item> items, int *r
 {
     const auto repeats = [](const item &each) { return each.is == verdict::again || each.table.requested(); };
     command_buffer commands;
-    int failed = scripts_.write.load(link);
+    int failed = scripts_.replace.load(link);
+    failed = failed == TQ_MOM_OK ? scripts_.merge.load(link) : failed;
     failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
     failed = failed == TQ_MOM_OK ? scripts_.meta.load(link) : failed;
     for (const item &each : items) {

@@ -48,6 +48,7 @@ class command_batch {
         size_t steps;   ///< of a transaction, for each record; 0: a call
         size_t start;   ///< of the call, in bytes; a transaction's stands apart
         size_t size;
+        uint64_t number; ///< that its entry of the log is likely to get
         verdict is = verdict::again;
     };
 

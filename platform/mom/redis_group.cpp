@@ -1,15 +1,34 @@
 // See redis_group.hpp.
 #include "redis_group.hpp"
 
-namespace mom {
+#include <algorithm>
 
+namespace mom {
+namespace {
+
+std::string list_of(const std::vector<uint32_t> &numbers)
+{
+    std::string list;
+    for (const uint32_t number : numbers)
+        list += (list.empty() ? "" : ",") + std::to_string(number);
+    return list;
+}
+
+} // namespace
+
+constexpr size_t worth_asking = 8;        // for the number of the next entry: else they are stamped twice
 constexpr size_t records_per_group = 64;  // so that no command keeps the server from others for long,
 constexpr size_t bytes_per_group = 65536; // and no entry of the log is long to read
 
-bool write_group::takes(const redis_table &table, write_mode mode, bool complete) const
+bool write_group::takes(const redis_table &table, write_mode mode, bool complete, field_values fields) const
 {
-    return records_ == 0 || (table_ == &table && mode_ == mode && complete_ == complete &&
-                             records_ < records_per_group && arguments_.bytes().size() < bytes_per_group);
+    if (records_ == 0)
+        return true;
+    const auto same = [](uint32_t number, const field_value &field) { return number == field.number; };
+    return table_ == &table && mode_ == mode && complete_ == complete && records_ < records_per_group &&
+           arguments_.bytes().size() < bytes_per_group &&
+           (mode == write_mode::merge ||
+            std::equal(numbers_.begin(), numbers_.end(), fields.begin(), fields.end(), same));
 }
 
 void write_group::add(redis_table &table, write_mode mode, bool complete, std::string_view key,
@@ -20,24 +39,38 @@ void write_group::add(redis_table &table, write_mode mode, bool complete, std::s
     complete_ = complete;
     ++records_;
     keys_.add(table.prefix, key);
-    arguments_.add(key).add(fields.bytes).add(fields.values.size());
-    const size_t values = arguments_.bytes().size();
-    for (const auto &field : fields.values)
-        arguments_.add(field.number).add(field.bytes);
-    argument_count_ += 3 + 2 * fields.values.size();
-    if (!known_beforehand())
-        return;
+    arguments_.add(key);
+    if (mode_ == write_mode::replace) {
+        numbers_.clear();
+        for (const auto &field : fields.values) {
+            numbers_.push_back(field.number);
+            arguments_.add(field.bytes);
+        }
+        argument_count_ += 1 + fields.values.size();
+    } else {
+        arguments_.add(fields.bytes).add(fields.values.size());
+        for (const auto &field : fields.values)
+            arguments_.add(field.number).add(field.bytes);
+        argument_count_ += 3 + 2 * fields.values.size();
+    }
+    if (known_beforehand())
+        add_to_transaction(key, fields, writer);
+}
+
+void write_group::add_to_transaction(std::string_view key, const encoded_fields &fields, const writer_identity &writer)
+{
     if (!complete_) {
-        steps_.begin(3 + table.fields.size());
-        steps_.add("HDEL").add(table.prefix, key).add("#");
-        for (uint32_t number : table.fields)
+        steps_.begin(3 + table_->fields.size());
+        steps_.add("HDEL").add(table_->prefix, key).add("#");
+        for (uint32_t number : table_->fields)
             steps_.add(number);
     }
     steps_.begin(4 + 2 * fields.values.size());
-    steps_.add("HSET").add(table.prefix, key).add("#").add(table.generation);
-    steps_.add_built(arguments_.bytes().substr(values));
+    steps_.add("HSET").add(table_->prefix, key).add("#").add(table_->generation);
+    for (const auto &field : fields.values)
+        steps_.add(field.number).add(field.bytes);
     if (records_ == 1)
-        only_.command("XADD", table.log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
+        only_.command("XADD", table_->log, "0-*", "k", key, "w", writer.name, "r", fields.bytes);
     told_.add("r", key).add(fields.bytes);
     listed_.add("0").add(key);
 }
@@ -58,16 +91,23 @@ void write_group::build_transaction(command_buffer &into, std::string_view write
     into.command("EXEC");
 }
 
-void write_group::build_call(command_buffer &into, const redis_script &script, std::string_view writer) const
+void write_group::build_call(command_buffer &into, const redis_scripts &scripts, std::string_view writer,
+                             bool alone) const
 {
-    script.begin(into, keys_before_records + records_, 4 + argument_count_);
+    const bool replaces = mode_ == write_mode::replace;
+    (replaces ? scripts.replace : scripts.merge).begin(into, keys_before_records + records_, 3 + argument_count_);
     into.add(table_->index).add(table_->log).add(table_->meta).add_built(keys_.bytes());
-    into.add(writer).add(mode_ == write_mode::replace ? "replace" : "merge");
-    into.add(complete_ ? std::string_view(table_->field_list) : "?");
+    into.add(writer);
+    if (!replaces)
+        into.add(complete_ ? std::string_view(table_->field_list) : "?");
     if (table_->requested())
         into.add("");
+    else if (replaces && !alone && records_ >= worth_asking)
+        into.add("?");
     else
         into.add(table_->latest + 1);
+    if (replaces)
+        into.add(list_of(numbers_));
     into.add_built(arguments_.bytes());
 }
 

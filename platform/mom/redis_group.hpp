@@ -22,7 +22,7 @@ constexpr size_t keys_before_records = 3; ///< in a call
 class write_group {
   public:
     size_t records() const { return records_; }
-    bool takes(const redis_table &table, write_mode mode, bool complete) const;
+    bool takes(const redis_table &table, write_mode mode, bool complete, field_values fields) const;
     void add(redis_table &table, write_mode mode, bool complete, std::string_view key, const encoded_fields &fields,
              const writer_identity &writer);
     redis_table *table() const { return table_; }
@@ -31,13 +31,17 @@ class write_group {
     /// How many steps a transaction takes for each record, before those for all: log entry and index.
     size_t steps() const { return complete_ ? 1 : 2; }
     void build_transaction(command_buffer &into, std::string_view writer) const;
-    void build_call(command_buffer &into, const redis_script &script, std::string_view writer) const;
+    /// `alone`: nobody else has written to the table of late.
+    void build_call(command_buffer &into, const redis_scripts &scripts, std::string_view writer, bool alone) const;
     void clear();
 
   private:
+    void add_to_transaction(std::string_view key, const encoded_fields &fields, const writer_identity &writer);
+
     redis_table *table_ = nullptr;
     write_mode mode_{};
-    bool complete_ = false; ///< each record has all fields that its table ever had
+    bool complete_ = false;         ///< each record has all fields that its table ever had
+    std::vector<uint32_t> numbers_; ///< of the fields, where records are replaced
     size_t records_ = 0;
     command_buffer keys_;
     command_buffer arguments_;

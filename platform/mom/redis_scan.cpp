@@ -208,7 +208,7 @@ int redis_engine::sweep_page(redis_table &table, const key_range &range, mark_st
     const auto gone = static_cast<size_t>(reply.at(0).integer());
     mark.begun = last.is(reply_kind::text);
     mark.after = last.text();
-    if (gone > 0 && table.trim_due(gone, gone)) // a longer log is no reason to fail
+    if (gone > 0 && table.trim_due(gone, gone, calls_.writer().log_limit)) // a longer log is no reason to fail
         std::ignore = calls_.run(calls_.scripts().trim, [&](command_buffer &commands) {
             calls_.scripts().trim_log(commands, table, calls_.writer());
         });

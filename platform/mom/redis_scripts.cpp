@@ -78,18 +78,96 @@ local any = #redis.call('ZRANGEBYLEX', KEYS[3], ARGV[4], ARGV[5], 'LIMIT', 0, 1)
 return {redis.call('HGET', meta, 'epoch'), gen, mark, stamp, any}
 )";
 
-// KEYS index, log, meta, then each record; ARGV writer, 'replace' or 'merge', the table's fields where each record has
-// all that the client knows of, the number that the first change is likely to get ('' where the stamp is the
-// generation), then of each record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// KEYS index, log, meta, then each record; ARGV writer, the number that the first change is likely to get ('' where the
+// stamp is the generation, '?' where others write, too), the numbers of the fields, then of each record: key, and the
+// fields' bytes in turn.
 // Returns for each record the number of its change, or what the server has against writing it; then nothing was done.
-// One entry of the log tells the changes of all records.
-// A record written with all fields that its table ever had has no others; any other is looked at, and a merge logs the
-// fields that it keeps, too. Records stamped with a number that their entry did not get are stamped again. A new record
-// may be the first of its table's history.
+// One entry of the log tells the changes of all records. Those stamped with a number that the entry did not get are
+// stamped again. A record of a table that has no fields beside these has no others; any other goes first.
 // What this leaves to Lua's garbage collector is paid for every 50 calls, in one of them: hence no functions, and no
 // more tables and texts than needed.
-constexpr char write_text[] = R"(
-local log, expected, gen, fields = KEYS[2], ARGV[4], nil, nil
+constexpr char replace_text[] = R"(
+local log, stamp = KEYS[2], ARGV[2]
+local known = redis.call('HMGET', KEYS[3], 'gen', 'fields')
+local whole, by_number = known[2] == ARGV[3], stamp ~= ''
+if not by_number then
+  stamp = known[1]
+  if not stamp then
+    return redis.error_reply('NOMETA the metadata is gone')
+  end
+elseif stamp == '?' then
+  local info = redis.pcall('XINFO', 'STREAM', log)
+  stamp = '1'
+  for i = 1, #info, 2 do
+    if info[i] == 'last-generated-id' then
+      stamp = string.format('%.0f', tonumber(string.sub(info[i + 1], 3)) + 1)
+    end
+  end
+end
+local values, count = {'#', stamp}, 0
+for number in string.gmatch(ARGV[3], '%d+') do
+  count = count + 1
+  values[2 * count + 1] = number
+end
+local results, listed, told, at = {}, {}, {}, 4
+for i = 4, #KEYS do
+  local record, result = KEYS[i], nil
+  for j = 1, count do
+    values[2 * j + 2] = ARGV[at + j]
+  end
+  if not whole then
+    result = redis.pcall('HLEN', record)
+    if type(result) == 'number' and result > 0 then
+      redis.call('DEL', record)
+    end
+  end
+  if type(result) ~= 'table' then
+    result = redis.pcall('HSET', record, unpack(values))
+  end
+  if type(result) == 'number' then
+    if result > 0 then
+      listed[#listed + 1] = 0
+      listed[#listed + 1] = ARGV[at]
+    end
+    told[#told + 1] = 'r' .. ARGV[at]
+    told[#told + 1] = table.concat(ARGV, '', at + 1, at + count)
+  end
+  results[i - 3] = result
+  at = at + count + 1
+end
+local entry
+if #KEYS == 4 and #told > 0 then
+  entry = redis.pcall('XADD', log, '0-*', 'k', ARGV[4], 'w', ARGV[1], 'r', told[2])
+elseif #told > 0 then
+  entry = redis.pcall('XADD', log, '0-*', 'w', ARGV[1], unpack(told))
+end
+if #listed > 0 then
+  redis.call('ZADD', KEYS[1], unpack(listed))
+end
+local misjudged = by_number and type(entry) == 'string' and string.sub(entry, 3) ~= stamp
+for i = 1, #results do
+  if type(results[i]) ~= 'table' then
+    results[i] = entry
+    if misjudged then
+      redis.call('HSET', KEYS[i + 3], '#', string.sub(entry, 3))
+    end
+  end
+end
+if #listed > 0 and not known[2] then
+  local now = redis.call('TIME')
+  redis.call('HSETNX', KEYS[3], 'epoch', now[1] .. '.' .. now[2])
+  redis.call('HSETNX', KEYS[3], 'gen', 1)
+  redis.call('HSETNX', KEYS[3], 'fields', '')
+end
+return results
+)";
+
+// KEYS index, log, meta, then each record; ARGV writer, the table's fields where each record has all that the client
+// knows of, the number that the first change is likely to get ('' where the stamp is the generation), then of each
+// record: key, fields joined, how many fields, and their numbers and bytes in turn.
+// The same for records that keep what they have beside these fields; the log tells those, too.
+constexpr char merge_text[] = R"(
+local log, expected, gen, fields = KEYS[2], ARGV[3], nil, nil
 if expected == '' then
   local known = redis.call('HMGET', KEYS[3], 'gen', 'fields')
   gen, fields = known[1], known[2]
@@ -99,8 +177,8 @@ if expected == '' then
 else
   fields = redis.call('HGET', KEYS[3], 'fields')
 end
-local whole = fields == ARGV[3]
-local results, at, new, told = {}, 5, false, {}
+local whole = fields == ARGV[2]
+local results, at, new, told = {}, 4, false, {}
 for i = 4, #KEYS do
   local record, count = KEYS[i], ARGV[at + 2]
   local last = at + 2 + 2 * count
@@ -109,8 +187,6 @@ for i = 4, #KEYS do
     had = redis.pcall('HLEN', record)
     if type(had) ~= 'number' then
       result = had
-    elseif had > 0 and ARGV[2] == 'replace' then
-      redis.call('DEL', record)
     end
   end
   if not result then
@@ -122,7 +198,7 @@ for i = 4, #KEYS do
       redis.call('ZADD', KEYS[1], 0, ARGV[at])
       new = true
     end
-    if had + result > count + 1 and ARGV[2] == 'merge' then
+    if had + result > count + 1 then
       local all, parts = redis.call('HGETALL', record), {}
       for j = 1, #all, 2 do
         if all[j] ~= '#' then
@@ -252,8 +328,8 @@ return {gone, #keys == page and keys[#keys] or false}
 } // namespace
 
 redis_scripts::redis_scripts()
-    : meta(meta_text), mark(mark_text), write(write_text), remove(remove_text), undo(undo_text), trim(trim_text),
-      here(here_text), sweep(sweep_text)
+    : meta(meta_text), mark(mark_text), replace(replace_text), merge(merge_text), remove(remove_text), undo(undo_text),
+      trim(trim_text), here(here_text), sweep(sweep_text)
 {
 }
 

@@ -46,14 +46,15 @@ struct redis_scripts {
     /// A call that trims the table's log.
     void trim_log(command_buffer &commands, const redis_table &table, const writer_identity &writer) const;
 
-    redis_script meta;   ///< makes sure of a table's metadata, extends its field list
-    redis_script mark;   ///< begins a rewrite
-    redis_script write;  ///< writes records of one table, log entry with the whole record included
-    redis_script remove; ///< deletes a record
-    redis_script undo;   ///< takes back the index entry of a write that met a foreign key
-    redis_script trim;   ///< trims a log to what is kept, or what readers that live have not read
-    redis_script here;   ///< says how far a reader has read
-    redis_script sweep;  ///< deletes one page of what was not written since a mark
+    redis_script meta;    ///< makes sure of a table's metadata, extends its field list
+    redis_script mark;    ///< begins a rewrite
+    redis_script replace; ///< writes records of one table, log entry with the whole record included
+    redis_script merge;   ///< the same, and they keep what they have beside what is written
+    redis_script remove;  ///< deletes a record
+    redis_script undo;    ///< takes back the index entry of a write that met a foreign key
+    redis_script trim;    ///< trims a log to what is kept, or what readers that live have not read
+    redis_script here;    ///< says how far a reader has read
+    redis_script sweep;   ///< deletes one page of what was not written since a mark
 };
 
 } // namespace mom

@@ -11,11 +11,17 @@
 #include "engine.hpp"
 #include "redis_reply.hpp"
 
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace mom {
 
-constexpr size_t writes_per_trim = 64; ///< a log may be longer than its limit by so much
+/// After how many of one's own changes a log is trimmed again: it may be longer than its limit by so much.
+constexpr uint64_t changes_per_trim(uint64_t limit)
+{
+    return std::clamp<uint64_t>(limit / 64, 64, 1024);
+}
 /// What writers of this release may put into a table's log, and readers understand: 1 (or none named), one change an
 /// entry; 2, groups.
 constexpr unsigned table_format = 2;
@@ -46,11 +52,11 @@ struct redis_table {
 
     /// Counts changes of one's own that are about to be made, in so many entries; true when the log is to be
     /// trimmed first.
-    bool trim_due(size_t changes, size_t entries)
+    bool trim_due(size_t changes, size_t entries, uint64_t limit)
     {
         untrimmed += changes;
         untrimmed_entries += entries;
-        if (untrimmed < writes_per_trim)
+        if (untrimmed < changes_per_trim(limit))
             return false;
         latest_changes = std::exchange(untrimmed, 0);
         latest_entries = std::exchange(untrimmed_entries, 0);
@@ -62,13 +68,14 @@ struct redis_table {
     bool covers(field_values values) const;
 
     // What the table's metadata said when it was last read; a write finds out whether it still does.
-    uint64_t known = 0;                         ///< the era of calls in which; 0: never
-    std::string generation;                     ///< stamp of the records being written
-    std::string field_list;                     ///< all fields that were ever written,
-    std::vector<uint32_t> fields;               ///< and their numbers, ascending
-    uint64_t latest = 0;                        ///< number that one's own latest change has, or is likely to get
-    size_t untrimmed = writes_per_trim;         ///< changes of one's own since the log was trimmed,
-    size_t untrimmed_entries = writes_per_trim; ///< and in how many entries; and in the stretch before
+    uint64_t known = 0;                              ///< the era of calls in which; 0: never
+    std::string generation;                          ///< stamp of the records being written
+    std::string field_list;                          ///< all fields that were ever written,
+    std::vector<uint32_t> fields;                    ///< and their numbers, ascending
+    uint64_t latest = 0;                             ///< number that one's own latest change has, or is likely to get
+    bool alone = true;                               ///< nobody else has written to it of late
+    size_t untrimmed = changes_per_trim(UINT64_MAX); ///< changes of one's own since the log was trimmed,
+    size_t untrimmed_entries = untrimmed;            ///< and in how many entries; and in the stretch before
     size_t latest_changes = 1;
     size_t latest_entries = 1;
 };
