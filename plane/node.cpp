@@ -31,6 +31,9 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
       outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
               [this](const Key &key, uint64_t request) { return current(key, request); }),
       report_(context_.get(), {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat}),
+      inquiries_(
+          context_.get(), options_.db, name_of(options_), plane_,
+          [this](const std::string &app) { return refused(app); }, [this] { outbox_.take_answers(); }),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),
       counter_timer_(context_->master, [this] { publish_counters(); }),
@@ -47,6 +50,8 @@ int Node::start()
         return result;
     beat();
     if (const int result = subscribe(); result != 0)
+        return result;
+    if (const int result = inquiries_.start(); result != 0)
         return result;
     take_up_installed();
     compare();

@@ -15,10 +15,12 @@
 // counters are published so many in a second, in turns.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
-// are compared. How answers reach the store is in outbox.hpp, what the node says of itself in report.hpp.
+// are compared. How answers reach the store is in outbox.hpp, what the node says of itself in report.hpp and
+// inquiries.hpp.
 #pragma once
 
 #include "plane/commits.hpp"
+#include "plane/inquiries.hpp"
 #include "plane/outbox.hpp"
 #include "plane/plane.hpp"
 #include "plane/report.hpp"
@@ -104,6 +106,7 @@ class Node {
     void program(std::span<const Change> changes, size_t step);
     bool needs_plane(const Change &change);
     void settle(const Change &change, const Answer &answer);
+    std::vector<std::pair<Key, Standing>> refused(const std::string &app) const;
     bool current(const Key &key, uint64_t request) const;
 
     void watch_plane();
@@ -127,6 +130,7 @@ class Node {
     Commits commits_;
     Outbox outbox_;
     Report report_;
+    Inquiries inquiries_;
     Watch watch_; // of the plane's descriptor
     milliseconds next_beat_{0}, next_report_{0};
     std::vector<std::pair<AceKey, Counters>> read_; // counters that have not had their turn

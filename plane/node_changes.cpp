@@ -292,6 +292,15 @@ void Node::settle(const Change &change, const Answer &answer)
         outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay);
 }
 
+std::vector<std::pair<Key, Standing>> Node::refused(const std::string &app) const
+{
+    std::vector<std::pair<Key, Standing>> all;
+    for (const auto &[key, entry] : entries_)
+        if (entry.status != Status::ok && application_of(key) == app)
+            all.emplace_back(key, entry);
+    return all;
+}
+
 bool Node::current(const Key &key, uint64_t request) const
 {
     const auto entry = entries_.find(key);

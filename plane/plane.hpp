@@ -60,6 +60,17 @@ class Plane {
 
     virtual Description describe() const = 0;
 
+    // The same of one application, and asked of the plane anew: what stands there, whatever is remembered of it.
+    // nullopt when the plane cannot be read.
+    virtual std::optional<std::vector<std::pair<Key, Installed>>> read_back(const std::string &app)
+    {
+        std::vector<std::pair<Key, Installed>> all;
+        for (auto &[key, programmed] : installed())
+            if (application_of(key) == app)
+                all.emplace_back(key, programmed);
+        return all;
+    }
+
     // Hits of programmed entries since they were first programmed, as many as are read at one go: each call goes on
     // where the last one ended. None: all have been read, and the next call begins again.
     virtual std::vector<std::pair<AceKey, Counters>> counters() = 0;

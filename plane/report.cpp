@@ -1,9 +1,8 @@
 // See report.hpp.
 #include "plane/report.hpp"
 
+#include "plane/messages.hpp"
 #include <algorithm>
-#include <deque>
-#include <plx/plx_node.pb-c.h>
 #include <tq_mom.h>
 
 namespace plx::plane {
@@ -14,41 +13,6 @@ constexpr size_t refusals_kept = 64; // so that there are some when those that w
 constexpr size_t refusals_told = 20;
 constexpr size_t applications_told = 256;
 constexpr size_t longest_text = 256;
-
-// A repeated message field: elements that stay where they are, and pointers to them.
-template <typename Message> class Repeated {
-  public:
-    explicit Repeated(void (*init)(Message *)) : init_(init) {}
-
-    Message &add()
-    {
-        init_(&elements_.emplace_back());
-        pointers_.push_back(&elements_.back());
-        return elements_.back();
-    }
-
-    size_t size() const { return elements_.size(); }
-
-    void put(size_t &count, Message **&field)
-    {
-        count = pointers_.size();
-        field = pointers_.data();
-    }
-
-  private:
-    void (*init_)(Message *);
-    std::deque<Message> elements_;
-    std::vector<Message *> pointers_;
-};
-
-// Texts of a record, for as long as it is written.
-class Texts {
-  public:
-    char *keep(std::string text) { return kept_.emplace_back(std::move(text)).data(); }
-
-  private:
-    std::deque<std::string> kept_;
-};
 
 void put(std::vector<uint32_t> &numbers, size_t &count, uint32_t *&field)
 {
@@ -131,10 +95,7 @@ void Report::tell_refusals(Told &told) const
     for (const auto &[key, refusal] : refusals_) {
         if (told.refusals.size() == refusals_told)
             return;
-        PlxNode__NodeEntry &entry = told.refusals.add();
-        entry.app = told.texts.keep(application_of(key));
-        entry.name = told.texts.keep(described(key));
-        entry.key = digest_of(key);
+        PlxNode__NodeEntry &entry = add_entry(told.refusals, told.texts, key);
         entry.fingerprint = refusal.standing.fingerprint;
         entry.request = refusal.standing.request;
         entry.status = static_cast<int32_t>(refusal.standing.status);

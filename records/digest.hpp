@@ -6,6 +6,7 @@
 #pragma once
 
 #include "records/record.hpp"
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -23,6 +24,13 @@ struct Digest {
     void remove(uint64_t key, uint64_t fingerprint);
     bool operator==(const Digest &) const = default;
 };
+
+// Sums over parts of the keys, so that a difference is looked for in a part alone: by the first byte of their digests.
+using PartDigests = std::array<Digest, 256>;
+constexpr size_t part_of(uint64_t key)
+{
+    return key >> 56U;
+}
 
 // What a person calls the thing under a key: "acl 10 sn 150", "acl 10 on port 49 in".
 std::string described(const Key &key);

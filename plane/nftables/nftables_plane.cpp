@@ -1,6 +1,7 @@
 // See nftables_plane.hpp.
 #include "plane/nftables/nftables_plane.hpp"
 
+#include "plane/nftables/read_back.hpp"
 #include "plane/nftables/take_up.hpp"
 #include <algorithm>
 #include <cerrno>
@@ -353,6 +354,15 @@ std::map<Key, Installed> NftablesPlane::installed() const
     for (const auto &[key, applied] : model_.hooks)
         all[key] = {applied.request, applied.interface == interface_of(key) ? applied.fingerprint : 0};
     return all;
+}
+
+std::optional<std::vector<std::pair<Key, Installed>>> NftablesPlane::read_back(const std::string &app)
+{
+    InForce found;
+    const int error = nftables::read_back(netlink_, table_, made_by_, model_, app, found);
+    if (error != 0)
+        log_(std::string("cannot read the kernel's table: ") + strerror(error));
+    return error == 0 ? std::optional(std::move(found)) : std::nullopt;
 }
 
 Description NftablesPlane::describe() const

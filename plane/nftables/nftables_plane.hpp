@@ -40,6 +40,7 @@ class NftablesPlane final : public Plane {
     std::vector<Answer> program(std::span<const Change> changes) override;
     std::map<Key, Installed> installed() const override;
     Description describe() const override;
+    std::optional<std::vector<std::pair<Key, Installed>>> read_back(const std::string &app) override;
     std::vector<std::pair<AceKey, Counters>> counters() override;
     int descriptor() const override { return links_.descriptor(); }
     std::vector<Key> look() override;
