@@ -33,7 +33,7 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
       report_(context_.get(), {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat}),
       inquiries_(
           context_.get(), options_.db, name_of(options_), plane_,
-          [this](const std::string &app) { return refused(app); }, [this] { outbox_.take_answers(); }),
+          [this](const std::string &app) { return refused(app); }, [this] { report(); }),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),
       counter_timer_(context_->master, [this] { publish_counters(); }),

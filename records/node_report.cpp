@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <span>
 #include <tq_mom.h>
@@ -16,20 +15,9 @@ namespace {
 constexpr size_t longest_text = 256;
 constexpr size_t longest_list = 4096;
 
-std::string text_of(const char *text)
-{
-    return text == nullptr ? std::string() : std::string(text, strnlen(text, longest_text));
-}
-
 template <typename T> std::span<T> list_of(T *elements, size_t count)
 {
     return {elements, elements == nullptr ? 0 : std::min(count, longest_list)};
-}
-
-NodeEntry entry_of(const PlxNode__NodeEntry &entry)
-{
-    return {text_of(entry.app), text_of(entry.name), entry.key,          entry.fingerprint,
-            entry.request,      entry.status,        text_of(entry.text)};
 }
 
 int32_t take_report(void *, const tq_mom_notification *entry, void *arg)
@@ -43,6 +31,18 @@ int32_t take_report(void *, const tq_mom_notification *entry, void *arg)
 }
 
 } // namespace
+
+std::string bounded_text(const char *text)
+{
+    return text == nullptr ? std::string() : std::string(text, strnlen(text, longest_text));
+}
+
+NodeEntry entry_of(const PlxNode__NodeEntry &entry)
+{
+    return {
+        bounded_text(entry.app), bounded_text(entry.name), entry.key, entry.fingerprint, entry.request, entry.status,
+        bounded_text(entry.text)};
+}
 
 std::string text_of(const NodeName &name)
 {
@@ -81,15 +81,23 @@ std::optional<NodeReport> report_of(const ProtobufCMessage *record)
     if (record == nullptr || record->descriptor != &plx_node__node_report__descriptor)
         return std::nullopt;
     const auto &told = *reinterpret_cast<const PlxNode__NodeReport *>(record);
-    NodeReport report{text_of(told.plane), told.started_ms,   told.time_ms, told.heartbeat_ms,
-                      told.generation,     told.last_request, told.backlog, told.room,
-                      told.entries,        told.programmed,   told.refused};
+    NodeReport report{bounded_text(told.plane),
+                      told.started_ms,
+                      told.time_ms,
+                      told.heartbeat_ms,
+                      told.generation,
+                      told.last_request,
+                      told.backlog,
+                      told.room,
+                      told.entries,
+                      told.programmed,
+                      told.refused};
     for (const uint32_t port : list_of(told.ports, told.n_ports))
         report.ports.push_back(port);
     for (const uint32_t attribute : list_of(told.refused_attributes, told.n_refused_attributes))
         report.refused_attributes.push_back(attribute);
     for (const PlxNode__NodeApplication *one : list_of(told.applications, told.n_applications))
-        report.applications[text_of(one->app)] = {
+        report.applications[bounded_text(one->app)] = {
             {one->programmed, one->digest_lo, one->digest_hi}, one->refused, one->last_request};
     for (const PlxNode__NodeEntry *refusal : list_of(told.refusals, told.n_refusals))
         report.refusals.push_back(entry_of(*refusal));

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <plx/plx_node.pb-c.h>
 #include <protobuf-c/protobuf-c.h>
 #include <string>
 #include <tq_context.h>
@@ -39,6 +40,9 @@ struct NodeApplication {
     uint64_t refused = 0;
     uint64_t last_request = 0;
 };
+
+NodeEntry entry_of(const PlxNode__NodeEntry &entry);
+std::string bounded_text(const char *text); // of a record: "" for none, and at most 256 bytes
 
 // The fields of the record `node_report`, in its order and its units.
 struct NodeReport {

@@ -318,10 +318,15 @@ TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes
     EXPECT_THAT(plane_->look(), IsEmpty());
     const std::string before = output_of("nft list ruleset | sort");
     const std::string page = table_name + std::string(" acl.edge.10.0");
-    for (const std::string &damage :
-         {"insert rule netdev " + page + " accept", "flush chain netdev " + page, std::string("flush ruleset"),
-          "delete chain netdev " + std::string(table_name) + " in.1.100.edge.10"}) {
+    const std::pair<std::string, size_t> damages[] = {
+        // and how much is still in force
+        {"insert rule netdev " + page + " accept", 3},
+        {"flush chain netdev " + page, 1},
+        {"flush ruleset", 0},
+        {"delete chain netdev " + std::string(table_name) + " in.1.100.edge.10", 2}};
+    for (const auto &[damage, left] : damages) {
         EXPECT_EQ("", output_of("nft '" + damage + "' 2>&1"));
+        EXPECT_EQ(left, plane_->read_back("edge")->size()) << damage;
         std::vector<Change> again;
         for (const Key &key : plane_->look())
             for (const Change &change : changes)
@@ -329,6 +334,7 @@ TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes
                     again.push_back(change);
         program(again);
         EXPECT_EQ(before, output_of("nft list ruleset | sort")) << damage;
+        EXPECT_EQ(3, plane_->read_back("edge")->size());
     }
     for (int calls = 0; calls < 6; ++calls) { // the kernel refuses, and its word is lost
         output_of("nft flush ruleset");

@@ -12,5 +12,6 @@ void add_monitor_command(CLI::App &app, int &exit_code);
 void add_node_command(CLI::App &app, int &exit_code);
 void add_shell_command(CLI::App &app, int &exit_code);
 void add_show_command(CLI::App &app, int &exit_code);
+void add_verify_command(CLI::App &app, int &exit_code);
 
 } // namespace plx::tool

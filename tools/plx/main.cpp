@@ -3,6 +3,7 @@
 #include "commands.hpp"
 #include "output.hpp"
 
+#include <clocale>
 #include <exception>
 #include <span>
 
@@ -44,6 +45,7 @@ int run(int argc, char **argv)
     add_show_command(app, exit_code);
     add_monitor_command(app, exit_code);
     add_shell_command(app, exit_code);
+    add_verify_command(app, exit_code);
 
     const std::span words(argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0));
     const bool json =
@@ -66,6 +68,7 @@ int run(int argc, char **argv)
 int main(int argc, char **argv)
 {
     using namespace plx::tool;
+    std::setlocale(LC_CTYPE, "");
     try {
         return output().end(run(argc, argv));
     } catch (const std::exception &error) {

@@ -62,12 +62,18 @@ const Kind *find_kind(const std::string &name)
     return kind == kinds().end() ? nullptr : &*kind;
 }
 
-void RecordOptions::add_to(CLI::App &command)
+void StoreOptions::add_to(CLI::App &command)
 {
     command.add_option("--store", store, "address of the store: unix:/path, redis://host:port")
         ->envname("PLX_STORE")
         ->capture_default_str();
     command.add_option("--db", db, "number of the policy database")->capture_default_str();
+    command.add_flag("--json", json, "one JSON object a line, for scripts");
+}
+
+void RecordOptions::add_to(CLI::App &command)
+{
+    StoreOptions::add_to(command);
     command.add_option("--app", app, "only records of this application type")->each([this](const std::string &) {
         by_app = true;
     });
@@ -77,7 +83,6 @@ void RecordOptions::add_to(CLI::App &command)
     command.add_option("--sn", sn, "only the entry with this sequence number")->each([this](const std::string &) {
         by_sn = true;
     });
-    command.add_flag("--json", json, "one JSON object a line, for scripts");
     command.add_flag("--full", full, "whole values, however long; else a value is cut, and said to be");
 }
 
@@ -142,7 +147,7 @@ int tell_store_error(const std::string &what, int result)
     return output().error(EXIT_UNREACHABLE, what + ": " + tq_mom_strerror(result), {}, tq_mom_advice(result));
 }
 
-Context open_store(const RecordOptions &options, int &exit_code)
+Context open_store(const StoreOptions &options, int &exit_code)
 {
     Context context(tq_context_new(options.store.c_str()));
     if (context == nullptr) {

@@ -19,15 +19,21 @@ struct Kind {
 const std::vector<Kind> &kinds();
 const Kind *find_kind(const std::string &name);
 
-// Which store, and which of its records.
-struct RecordOptions {
+// Which store, and how to speak of it.
+struct StoreOptions {
     std::string store = "unix:/run/plx-store/store.sock";
     uint32_t db = 8;
+    bool json = false;
+
+    void add_to(CLI::App &command);
+};
+
+// And which of its records.
+struct RecordOptions : StoreOptions {
     std::string app;
     uint32_t acl = 0;
     uint64_t sn = 0;
     bool by_app = false, by_acl = false, by_sn = false;
-    bool json = false;
     bool full = false;
 
     void add_to(CLI::App &command);
@@ -49,6 +55,6 @@ int tell_no_context(const std::string &store);
 int tell_store_error(const std::string &what, int result);
 
 // A store, opened as one of these commands needs it; reports why not. Null when it cannot be reached.
-Context open_store(const RecordOptions &options, int &exit_code);
+Context open_store(const StoreOptions &options, int &exit_code);
 
 } // namespace plx::tool

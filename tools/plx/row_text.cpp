@@ -1,4 +1,5 @@
 // Rows as they are printed. See rows.hpp.
+#include "display.hpp"
 #include "rows.hpp"
 
 #include <algorithm>
@@ -21,21 +22,6 @@ std::string flat(const Row &value)
         text += inner.is_object() ? name + " " + flat(inner) : name + "=" + flat(inner);
     }
     return text;
-}
-
-// Text as a terminal may show it: what is not printable ASCII is escaped.
-std::string printable(const std::string &text)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string safe;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7f)
-            safe += c;
-        else
-            safe += {'\\', 'x', digits[byte >> 4U], digits[byte & 15U]};
-    }
-    return safe;
 }
 
 std::string cell(const Row &row, const std::string &column)
@@ -67,9 +53,8 @@ void print_line(const Row &row, const std::vector<Column> &columns)
 {
     std::string line;
     for (const Column &column : columns) {
-        std::string text = row.contains(column.name) ? cell(row, column.name) : "";
-        text.resize(std::max(text.size(), column.width), ' ');
-        line += (line.empty() ? "" : "  ") + text;
+        const std::string text = row.contains(column.name) ? cell(row, column.name) : "";
+        line += (line.empty() ? "" : "  ") + padded(text, column.width);
     }
     line.erase(line.find_last_not_of(' ') + 1);
     std::cout << line << '\n';
@@ -94,7 +79,7 @@ void print_table(const std::vector<Row> &rows)
             if (name == cut_column)
                 continue;
             Column &column = column_of(columns, name);
-            column.width = std::max(column.width, std::min(widest, cell(row, name).size()));
+            column.width = std::max(column.width, std::min(widest, width_of(cell(row, name))));
         }
     if (columns.empty())
         return;

@@ -4,6 +4,7 @@
 // What a command prints goes to standard output as it is; whatever keeps it from running is an error. The exit code is
 // that of the first line that did not succeed, except on a terminal, where the user has seen it.
 #include "commands.hpp"
+#include "display.hpp"
 #include "shell_editor.hpp"
 #include "shell_line.hpp"
 
@@ -106,14 +107,6 @@ int exit_code_of(const Answer &answer)
     if (answer.error == EINVAL)
         return EXIT_USAGE;
     return answer.error == ETIMEDOUT ? EXIT_NO_ANSWER : EXIT_UNREACHABLE;
-}
-
-// A process names itself; its name must not write to the terminal as anything but text.
-std::string printable(std::string name)
-{
-    std::ranges::replace_if(
-        name, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
-    return name;
 }
 
 int show(const Module &module, const Answer &answer)
