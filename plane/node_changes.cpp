@@ -147,10 +147,12 @@ void Node::find(Comparison &comparison, Change change)
 {
     if (++comparison.records % records_per_look == 0)
         keep_beating();
-    if (const auto known = entries_.find(change.key); known != entries_.end())
+    const auto known = entries_.find(change.key);
+    const bool is_new = known == entries_.end();
+    if (!is_new)
         known->second.seen = comparison.number;
     const bool may_be_staged = comparison.app == nullptr && tables()[change.key.index()].by_application;
-    if ((may_be_staged && commits_.staged(application_of(change.key))) || !needs_plane(change))
+    if ((may_be_staged && commits_.staged(application_of(change.key))) || (!is_new && !needs_plane(change)))
         return;
     comparison.found.push_back(std::move(change));
     if (comparison.from_nothing && comparison.found.size() == changes_per_step) {
@@ -186,8 +188,8 @@ void Node::clear_leftovers()
     for (const Table &table : tables())
         for (const auto *record : {table.status, table.counters})
             if (record != nullptr && result == 0)
-                result = tq_mom_scan_sync(context_.get(), options_.db, Record(*record).message(), 0, &Node::on_leftover,
-                                          this);
+                result = tq_mom_scan_keys_sync(context_.get(), options_.db, Record(*record).message(), 0,
+                                               &Node::on_leftover, this);
     outbox_.schedule();
     cleared_ = result == 0;
     if (!cleared_)

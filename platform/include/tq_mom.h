@@ -94,6 +94,11 @@ int tq_mom_batch_end(void *handle, int *results, uint32_t count);
 int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
                      void *arg);
 
+/* The same for who needs to know what is there and not what it says: of each record only the key is filled, and nothing
+ * else of it is read. */
+int tq_mom_scan_keys_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection,
+                          tq_mom_callback cb, void *arg);
+
 /* Calls `cb` from the event loop for every later change of a selected record: each change once, in the order of the
  * table's change log. Between tables there is no order, but for a table of publications that the handle subscribed to
  * before any other: a change of another table comes behind the publications that were written before it. Subscribing

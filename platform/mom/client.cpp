@@ -274,16 +274,32 @@ int tq_mom_del_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
                 [](const target &target) { return target.client->engine->remove(target.table, key_text(target)); });
 }
 
-int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
-                     void *arg)
+namespace {
+
+int scan(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb, void *arg,
+         int (engine::*walk)(table_ref, const key_range &, record_sink &))
 {
     if (cb == nullptr)
         return TQ_MOM_INVALID;
     return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
         scan_sink sink(target, {handle, cb, arg});
-        const int result = target.client->engine->scan(target.table, range, sink);
+        const int result = (target.client->engine.get()->*walk)(target.table, range, sink);
         return result == TQ_MOM_OK ? sink.told() : result;
     });
+}
+
+} // namespace
+
+int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,
+                     void *arg)
+{
+    return scan(handle, db, record, selection, cb, arg, &engine::scan);
+}
+
+int tq_mom_scan_keys_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection,
+                          tq_mom_callback cb, void *arg)
+{
+    return scan(handle, db, record, selection, cb, arg, &engine::scan_keys);
 }
 
 int tq_mom_subscribe(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, tq_mom_callback cb,

@@ -79,6 +79,8 @@ class engine {
     /// Calls the sink once if the record exists.
     [[nodiscard]] virtual int read(table_ref table, std::string_view key, record_sink &sink) = 0;
     [[nodiscard]] virtual int scan(table_ref table, const key_range &range, record_sink &sink) = 0;
+    /// The same without the fields.
+    [[nodiscard]] virtual int scan_keys(table_ref table, const key_range &range, record_sink &sink) = 0;
     /// The sink outlives the engine's last round.
     [[nodiscard]] virtual int subscribe(table_ref table, const key_range &range, change_sink &sink) = 0;
     [[nodiscard]] virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;

@@ -147,7 +147,7 @@ int mem_engine::read(table_ref table, std::string_view key, record_sink &sink)
 }
 
 // The sink may write: each step looks its record up by the key before it.
-int mem_engine::scan(table_ref table, const key_range &range, record_sink &sink)
+int mem_engine::walk(table_ref table, const key_range &range, record_sink &sink, bool with_fields)
 {
     const auto &records = store_->table(table).records();
     std::vector<field_value> fields;
@@ -155,7 +155,8 @@ int mem_engine::scan(table_ref table, const key_range &range, record_sink &sink)
     while (record != records.end() && range.contains(record->first)) {
         const std::string key = record->first;
         const image_ptr image = record->second.image;
-        image->list(fields);
+        if (with_fields)
+            image->list(fields);
         sink.record(key, fields, TQ_MOM_OK);
         record = records.upper_bound(key);
     }

@@ -59,7 +59,14 @@ class mem_engine final : public engine {
         return std::fill(results.begin(), results.end(), TQ_MOM_OK), TQ_MOM_OK;
     }
     [[nodiscard]] int read(table_ref table, std::string_view key, record_sink &sink) override;
-    [[nodiscard]] int scan(table_ref table, const key_range &range, record_sink &sink) override;
+    [[nodiscard]] int scan(table_ref table, const key_range &range, record_sink &sink) override
+    {
+        return walk(table, range, sink, true);
+    }
+    [[nodiscard]] int scan_keys(table_ref table, const key_range &range, record_sink &sink) override
+    {
+        return walk(table, range, sink, false);
+    }
     [[nodiscard]] int subscribe(table_ref table, const key_range &range, change_sink &sink) override;
     [[nodiscard]] int mark(table_ref table, const key_range &range, uint64_t bound_seconds) override;
     [[nodiscard]] int sweep(table_ref table, const key_range &range, uint32_t bound_ms) override;
@@ -69,6 +76,7 @@ class mem_engine final : public engine {
 
   private:
     static void on_bell(tq_loop_watch *watch, int fd, int events, void *arg);
+    [[nodiscard]] int walk(table_ref table, const key_range &range, record_sink &sink, bool with_fields);
     void round();
     bool turns();
 

@@ -1,6 +1,7 @@
 // See redis_calls.hpp.
 #include "redis_calls.hpp"
 
+#include <tuple>
 #include <utility>
 
 namespace mom {
@@ -14,6 +15,8 @@ redis_calls::redis_calls(const store_url &url, tq_mom_counters &counters)
 int redis_calls::ready()
 {
     ++count_;
+    if (ahead_ != nullptr)
+        std::ignore = take_ahead(*ahead_); // it keeps its result
     const int result = link_.ensure();
     if (result == TQ_MOM_OK && std::exchange(generation_, link_.generation()) != link_.generation())
         ++era_;
@@ -29,6 +32,41 @@ int redis_calls::ask(const builder &build)
     commands_.clear();
     build(commands_);
     return link_.exchange(commands_);
+}
+
+int redis_calls::ask_ahead(question_ahead &question, const builder &build)
+{
+    question.result = ready();
+    if (question.result != TQ_MOM_OK)
+        return question.result;
+    flush();
+    commands_.clear();
+    build(commands_);
+    question.limit = commands_.answer_limit();
+    question.result = link_.send(commands_.bytes(), commands_.commands());
+    if (question.result == TQ_MOM_OK)
+        ahead_ = &question;
+    else
+        link_.drop();
+    return question.result;
+}
+
+int redis_calls::take_ahead(question_ahead &question)
+{
+    if (ahead_ != &question)
+        return question.result;
+    size_t complete = 0;
+    ahead_ = nullptr;
+    question.result = link_.receive(question.answers, complete, {}, question.limit);
+    return question.result;
+}
+
+void redis_calls::forget_ahead(const question_ahead &question)
+{
+    if (ahead_ != &question)
+        return;
+    ahead_ = nullptr;
+    link_.drop();
 }
 
 int redis_calls::run(redis_script &script, const builder &build)

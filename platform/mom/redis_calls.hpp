@@ -18,6 +18,13 @@
 
 namespace mom {
 
+/// A question whose answers are taken later, whatever is asked in between: that takes them off the connection first.
+struct question_ahead {
+    reply_tape answers{};
+    int result = 0;
+    size_t limit = SIZE_MAX; ///< of bytes
+};
+
 class redis_calls {
   public:
     using builder = std::function<void(command_buffer &)>;
@@ -34,6 +41,12 @@ class redis_calls {
 
     /// Sends what `build` puts into the buffer, after connecting if need be. The answers are link().replies().
     [[nodiscard]] int ask(const builder &build);
+    /// The same, not waiting for the answers. One at a time is on its way.
+    [[nodiscard]] int ask_ahead(question_ahead &question, const builder &build);
+    /// Waits for them. The question's result.
+    [[nodiscard]] int take_ahead(question_ahead &question);
+    /// Nobody waits for them any more.
+    void forget_ahead(const question_ahead &question);
     /// Asks for a script, whose text the server gets when it lacks it.
     [[nodiscard]] int run(redis_script &script, const builder &build);
 
@@ -73,6 +86,7 @@ class redis_calls {
     command_batch batch_{scripts_, writer_};
     std::vector<int> results_;
     bool spoilt_ = false;
+    question_ahead *ahead_ = nullptr; ///< on its way
     uint64_t count_ = 0;
     uint64_t generation_ = 0; ///< of the connection of the latest call
     uint64_t era_ = 0;

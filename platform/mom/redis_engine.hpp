@@ -38,6 +38,7 @@ class redis_engine final : public engine {
     [[nodiscard]] int end_batch(std::span<int> results) override;
     [[nodiscard]] int read(table_ref ref, std::string_view key, record_sink &sink) override;
     [[nodiscard]] int scan(table_ref ref, const key_range &range, record_sink &sink) override;
+    [[nodiscard]] int scan_keys(table_ref ref, const key_range &range, record_sink &sink) override;
     [[nodiscard]] int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
     [[nodiscard]] int mark(table_ref ref, const key_range &range, uint64_t bound_seconds) override;
     [[nodiscard]] int sweep(table_ref ref, const key_range &range, uint32_t bound_ms) override;
@@ -57,8 +58,10 @@ class redis_engine final : public engine {
     [[nodiscard]] int know(redis_table &table, field_values fields);
     [[nodiscard]] int collected();
     void flush();
+    [[nodiscard]] int ask_page(redis_table &table, const std::vector<std::string> &keys, const key_range &range,
+                               question_ahead &ahead);
     [[nodiscard]] int scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
-                                record_sink &sink);
+                                record_sink &sink, question_ahead &ahead);
     [[nodiscard]] int measure(redis_table &table, const std::vector<std::string> &keys, std::vector<size_t> &sizes);
     [[nodiscard]] int scan_in_parts(redis_table &table, std::vector<std::string> &keys, const key_range &range,
                                     record_sink &sink);

@@ -121,14 +121,14 @@ int redis_link::send(std::string_view commands, size_t answers, const ride &alon
     return result;
 }
 
-int redis_link::receive(reply_tape &into, size_t &complete, const ride &along)
+int redis_link::receive(reply_tape &into, size_t &complete, const ride &along, size_t limit)
 {
     if (connection_ == nullptr)
         return TQ_MOM_DISCONNECTED;
     auto &connection = along.on != nullptr ? *along.on : *connection_;
     connection.tape().clear();
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
-    const int result = connection.receive(std::exchange(outstanding_, 0), deadline, complete);
+    const int result = connection.receive(std::exchange(outstanding_, 0), deadline, complete, limit);
     std::swap(into, connection.tape());
     if (result != TQ_MOM_OK)
         drop();

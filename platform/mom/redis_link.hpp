@@ -37,7 +37,7 @@ class redis_link {
     [[nodiscard]] int send(std::string_view commands, size_t answers, const ride &along = {});
     /// The answers to all that was sent so; those that came before the connection failed are among them. The answer to
     /// the question that rode along is left on its connection.
-    [[nodiscard]] int receive(reply_tape &into, size_t &complete, const ride &along = {});
+    [[nodiscard]] int receive(reply_tape &into, size_t &complete, const ride &along = {}, size_t limit = SIZE_MAX);
     /// The answers of the last exchange, of which there are some.
     reply_view replies() const { return connection_->replies(); }
     /// Takes the answers out, for a caller whose callbacks make calls of their own.

@@ -1,7 +1,8 @@
 // Walks over a table in a server: scans and rewrites, a bounded page at a time.
 //
-// A scan asks for a page's records and the next page's keys in one send. Its callbacks may make calls, so a page's
-// answers are taken off the connection first. What it takes in at once is bounded, so that a record of any size costs
+// A scan asks for a page's records and the next page's keys in one send, and for the next page before it delivers the
+// one that came: the server reads while the callbacks work. These may make calls: what is on its way then is taken off
+// the connection first. What it takes in at once is bounded, so that a record of any size costs
 // neither memory nor the others: who is sent more gives the connection up, asks on a new one how big the records are,
 // and then for fewer. A sweep's pages are small: the server does nothing else meanwhile.
 #include "redis_engine.hpp"
@@ -77,30 +78,42 @@ int redis_engine::list_keys(redis_table &table, const key_range &range, std::vec
     return result == TQ_MOM_OK ? take_page(table, calls_.link().replies(), after, keys) : result;
 }
 
-// Delivers the records under `keys`, and replaces these by the page behind them.
-int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
-                            record_sink &sink)
+// The page behind `keys` comes first, where there may be one.
+int redis_engine::ask_page(redis_table &table, const std::vector<std::string> &keys, const key_range &range,
+                           question_ahead &ahead)
 {
-    const bool more = keys.size() == scan_page_size;
-    const int asked = calls_.ask([&](command_buffer &commands) {
-        add_records(commands, table, keys);
-        if (more)
+    return calls_.ask_ahead(ahead, [&](command_buffer &commands) {
+        if (keys.size() == scan_page_size)
             add_page(commands, table, range, keys.back(), true);
+        add_records(commands, table, keys);
     });
-    if (asked == TQ_MOM_CORRUPT || asked == TQ_MOM_TIMEOUT)
-        return scan_in_parts(table, keys, range, sink);
-    if (asked != TQ_MOM_OK)
-        return asked;
+}
+
+// Delivers the records under `keys`, which were asked for, replaces these by the page behind them, and asks for that.
+int redis_engine::scan_page(redis_table &table, std::vector<std::string> &keys, const key_range &range,
+                            record_sink &sink, question_ahead &ahead)
+{
+    int result = calls_.take_ahead(ahead);
+    if (result == TQ_MOM_CORRUPT || result == TQ_MOM_TIMEOUT) {
+        result = scan_in_parts(table, keys, range, sink);
+        return result == TQ_MOM_OK && !keys.empty() ? ask_page(table, keys, range, ahead) : result;
+    }
+    if (result != TQ_MOM_OK)
+        return result;
     reply_tape tape;
-    calls_.link().take_replies(tape);
+    std::swap(tape, ahead.answers);
     reply_view reply(tape, 0);
+    std::vector<std::string> next;
+    if (keys.size() == scan_page_size) {
+        result = calls_.link().judge(reply);
+        result = result == TQ_MOM_OK ? take_page(table, reply, &keys.back(), next) : result;
+        reply = reply.next();
+    }
+    if (result == TQ_MOM_OK && !next.empty())
+        result = ask_page(table, next, range, ahead);
     const int delivered = deliver_records(calls_.link(), reply, keys, sink);
-    if (delivered != TQ_MOM_OK)
-        return delivered;
-    const std::string last = std::move(keys.back());
-    keys.clear();
-    const int result = more ? calls_.link().judge(reply) : TQ_MOM_OK;
-    return more && result == TQ_MOM_OK ? take_page(table, reply, &last, keys) : result;
+    keys = std::move(next);
+    return delivered != TQ_MOM_OK ? delivered : result;
 }
 
 // How many bytes each record's known fields take: zeros where the user may not ask.
@@ -159,11 +172,34 @@ int redis_engine::scan_in_parts(redis_table &table, std::vector<std::string> &ke
 
 int redis_engine::scan(table_ref ref, const key_range &range, record_sink &sink)
 {
+    struct owned : question_ahead {
+        explicit owned(redis_calls &calls) : of(calls) {}
+        ~owned() { of.forget_ahead(*this); }
+        owned(const owned &) = delete;
+        owned &operator=(const owned &) = delete;
+        redis_calls &of;
+    } ahead(calls_);
     auto &table = table_of(ref);
     std::vector<std::string> keys;
     int result = list_keys(table, range, keys);
+    if (result == TQ_MOM_OK && !keys.empty())
+        result = ask_page(table, keys, range, ahead);
     while (result == TQ_MOM_OK && !keys.empty())
-        result = scan_page(table, keys, range, sink);
+        result = scan_page(table, keys, range, sink, ahead);
+    return result;
+}
+
+int redis_engine::scan_keys(table_ref ref, const key_range &range, record_sink &sink)
+{
+    auto &table = table_of(ref);
+    std::vector<std::string> keys;
+    int result = list_keys(table, range, keys);
+    while (result == TQ_MOM_OK && !keys.empty()) {
+        const auto page = std::exchange(keys, {});
+        for (const auto &key : page)
+            sink.record(key, {}, TQ_MOM_OK);
+        result = page.size() == scan_page_size ? list_keys(table, range, keys, &page.back()) : TQ_MOM_OK;
+    }
     return result;
 }
 

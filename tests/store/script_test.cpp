@@ -216,8 +216,8 @@ class scenario : public store_users, public plx::Transcript {
         if (verb == "end")
             return tq_mom_dsend_sync(who.context, record.db(), record.message(), selection,
                                      static_cast<uint32_t>(bound));
-        if (verb == "scan")
-            return scan(who.context, record, selection);
+        if (verb == "scan" || verb == "keys")
+            return scan(verb == "scan" ? tq_mom_scan_sync : tq_mom_scan_keys_sync, who.context, record, selection);
         EXPECT_EQ("subscribe", verb);
         const int result = tq_mom_subscribe(who.context, record.db(), record.message(), selection, hearing::callback,
                                             &who.told[words[0]]);
@@ -251,11 +251,10 @@ class scenario : public store_users, public plx::Transcript {
         return status;
     }
 
-    int scan(tq_context *context, const text_record &record, uint32_t selection)
+    int scan(decltype(tq_mom_scan_sync) *walk, tq_context *context, const text_record &record, uint32_t selection)
     {
         hearing found;
-        const int result =
-            tq_mom_scan_sync(context, record.db(), record.message(), selection, hearing::callback, &found);
+        const int result = walk(context, record.db(), record.message(), selection, hearing::callback, &found);
         const size_t told = found.lines.size();
         if (told > 5)
             show(std::to_string(told) + ", " + found.lines.front() + " .. " + found.lines.back());
