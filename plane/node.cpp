@@ -154,6 +154,7 @@ void Node::beat()
 {
     outbox_.take_answers();
     look();
+    report(); // before the sign of life: who hears that one finds this
     Record record(s_policy__service_node__descriptor);
     record.set_key_number(0, options_.dev);
     record.set_key_number(1, options_.slot);
@@ -162,7 +163,6 @@ void Node::beat()
     if (tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
         tq_mom_state_get(context_.get(), options_.db, 0) == 0)
         tq_mom_set_sync(context_.get(), options_.db, record.message());
-    report();
     next_beat_ = now() + options_.heartbeat;
     heartbeat_timer_.start(options_.heartbeat);
 }

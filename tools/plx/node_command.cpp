@@ -4,6 +4,7 @@
 // or SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
 #include "nftables_flags.hpp"
+#include "nodes/node_records.hpp"
 #include "output.hpp"
 #include "plane/nftables/nftables_plane.hpp"
 #include "plane/node.hpp"
@@ -282,7 +283,10 @@ void add_node_command(CLI::App &app, int &exit_code)
                     "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
                     "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
                     "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
-    command->callback([options, heartbeat, &exit_code] {
+    add_forget_command(*command, exit_code);
+    command->callback([options, heartbeat, command, &exit_code] {
+        if (!command->get_subcommands().empty())
+            return;
         options->node.heartbeat = milliseconds(*heartbeat);
         output().begin("node", false);
         exit_code = NodeRun(*options).run();

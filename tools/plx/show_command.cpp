@@ -3,6 +3,7 @@
 // An ACE and an apply are shown with what the forwarding plane last said of them: the status record is read beside the
 // request. What cannot be read is told, and the rest is shown.
 #include "commands.hpp"
+#include "nodes/node_records.hpp"
 #include "record_options.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
@@ -181,7 +182,7 @@ void add_show_command(CLI::App &app, int &exit_code)
                     "object's \"cut\", by column). Exit code 3: some records cannot be read; the rest is shown.");
     command->callback([options, what, &exit_code] {
         output().begin("show", options->json);
-        exit_code = ShowRun(*find_kind(*what), *options).run();
+        exit_code = *what == "node" ? show_nodes(*options) : ShowRun(*find_kind(*what), *options).run();
     });
 }
 
