@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
 
 namespace plx::plane::nftables {
 
@@ -48,6 +49,11 @@ bool by_interface(const packet::Rule &rule)
     return looks || copies || rule.verdict == packet::Verdict::redirect;
 }
 
+bool leads_to_page(const Tag &tag)
+{
+    return tag.purpose == Purpose::page || tag.purpose == Purpose::run;
+}
+
 AclKey list_of(const ApplyKey &apply)
 {
     return {apply.acl_app, apply.acl};
@@ -86,6 +92,11 @@ Prepared prepare(const AceKey &key, const Requested &wanted, packet::Compiled co
     entry.directions = compiled.directions;
     entry.unless_default = compiled.unless_default;
     entry.by_interface = std::any_of(prepared.rules.begin(), prepared.rules.end(), by_interface);
+    auto element = prepared.rules.size() == 1 ? packet::mappable(prepared.rules.front()) : std::nullopt;
+    if (element && !map_data_of({element->shape, {0, element->element.mask}}).empty()) {
+        entry.element = std::move(element->element);
+        entry.shape = std::make_shared<const packet::Shape>(std::move(element->shape));
+    }
     return prepared;
 }
 
@@ -143,7 +154,9 @@ void Draft::write_list(const AclKey &key, ListDraft &list)
             setting_.table.add_chain(batch_, page_name(key, change.after->number), list.owner);
     write_jumps(key, list);
     for (const PageChange &change : list.arranged.changes)
-        if (change.after != nullptr)
+        if (change.after != nullptr && change.after->run != nullptr)
+            write_run(key, list, change);
+        else if (change.after != nullptr)
             write_page(key, list, change);
 }
 
@@ -183,7 +196,7 @@ void Draft::toggle_conditional(const AclKey &key, const Acl &acl, ListDraft &lis
 // Whether entries that leave a page go on elsewhere or as others, with their counters, or handles have to be known.
 bool Draft::needs_reading(const ListDraft &list, const PageChange &change) const
 {
-    if (change.before == nullptr)
+    if (change.before == nullptr || change.before->run != nullptr)
         return false;
     std::set<EntryPointer> staying;
     if (change.after != nullptr)
@@ -202,9 +215,12 @@ void Draft::read_changing(const AclKey &key, const Acl &acl, ListDraft &list)
     bool jumps = false;
     for (const PageChange &change : list.arranged.changes) {
         jumps = jumps || change.before == nullptr || change.after == nullptr;
-        if (!needs_reading(list, change))
-            continue;
-        if (const int error = read_page(key, acl, list, *change.before); error != 0)
+        int error = 0;
+        if (change.before != nullptr && change.before->run != nullptr)
+            error = read_run(key, list, change);
+        else if (needs_reading(list, change))
+            error = read_page(key, acl, list, *change.before);
+        if (error != 0)
             fail(everybody, error);
     }
     const bool unknown = std::any_of(acl.list.pages.begin(), acl.list.pages.end(),
@@ -235,13 +251,61 @@ int Draft::read_page(const AclKey &key, const Acl &acl, ListDraft &list, const P
     return whole ? 0 : ESTALE;
 }
 
+// The counters of entries that are to be elsewhere, or others. And where the run's maps are looked in, when one comes
+// or goes.
+int Draft::read_run(const AclKey &key, ListDraft &list, const PageChange &change)
+{
+    const std::string page = page_name(key, change.before->number);
+    Run &run = *change.before->run;
+    std::map<packet::Layers::Place, std::vector<EntryPointer>> moving;
+    for (const Placement &placement : change.placements) {
+        const auto changed = list.changed.find(placement.entry->position.sn);
+        const bool removed = changed != list.changed.end() && !stands(changed->second);
+        if (placement.from && !removed)
+            moving[{*placement.from, placement.entry->element.mask}].push_back(placement.entry);
+    }
+    for (const auto &[place, entries] : moving)
+        if (const int error = read_moving(map_name(page, map_part(*run.shape, place)), entries, list); error != 0)
+            return error;
+    const bool known = std::all_of(run.maps.begin(), run.maps.end(), [](const auto &map) { return map.second != 0; });
+    return known || change.after == nullptr ? 0 : read_lookups(page, run);
+}
+
+int Draft::read_moving(const std::string &map, const std::vector<EntryPointer> &entries, ListDraft &list)
+{
+    std::map<std::string, const Entry *> by_key;
+    std::vector<packet::Element> elements;
+    for (const EntryPointer &entry : entries) {
+        by_key[entry->element.key] = entry.get();
+        elements.push_back(entry->element);
+    }
+    std::vector<ElementImage> images;
+    if (const int error = setting_.table.read_elements(setting_.netlink, map, elements, images); error != 0)
+        return error;
+    for (const ElementImage &image : images)
+        if (const auto entry = by_key.find(image.element.key); entry != by_key.end())
+            list.images[entry->second].emplace_back().counters = image.counters;
+    return 0;
+}
+
+int Draft::read_lookups(const std::string &page, Run &run)
+{
+    std::vector<RuleImage> rules;
+    const int error = setting_.table.read_rules(setting_.netlink, page, rules);
+    for (auto &[place, handle] : run.maps)
+        for (const RuleImage &rule : rules)
+            if (rule.tag && rule.tag->map == map_part(*run.shape, place))
+                handle = rule.handle;
+    return error;
+}
+
 int Draft::read_jumps(const AclKey &key, const Acl &acl)
 {
     std::vector<RuleImage> rules;
     const int error = setting_.table.read_rules(setting_.netlink, head_name(key), rules);
     for (const RuleImage &rule : rules)
         for (const PagePointer &page : acl.list.pages)
-            if (rule.tag && rule.tag->purpose == Purpose::page && rule.tag->page == page->number)
+            if (rule.tag && leads_to_page(*rule.tag) && rule.tag->page == page->number)
                 page->jump = rule.handle;
     return error;
 }
@@ -275,9 +339,12 @@ void Draft::write_jumps(const AclKey &key, const ListDraft &list)
         const Place place = next == pages.end() ? Place{} : Place{Place::before, (*next)->jump};
         nlmsghdr *rule = setting_.table.add_rule(batch_, head_name(key), place, echo_, list.owner);
         jumps_.emplace_back(batch_.size(), pages[i]);
-        put_jump(rule, page_name(key, pages[i]->number));
+        const Run *run = pages[i]->run.get();
+        put_jump_expressions(rule, Batch::message_room - 512,
+                             run == nullptr ? std::span<const packet::Test>() : run->shape->guards,
+                             page_name(key, pages[i]->number));
         Tag tag;
-        tag.purpose = Purpose::page;
+        tag.purpose = run == nullptr ? Purpose::page : Purpose::run;
         tag.page = pages[i]->number;
         put_user_data(rule, tag);
     }
@@ -315,6 +382,57 @@ void Draft::write_page(const AclKey &key, const ListDraft &list, const PageChang
         if (!in_place.contains(entry))
             for (const uint64_t handle : entry->handles)
                 setting_.table.remove_rule(batch_, chain, handle, owner);
+    }
+}
+
+// Elements go before others come into their places.
+void Draft::write_run(const AclKey &key, const ListDraft &list, const PageChange &change)
+{
+    const std::string page = page_name(key, change.after->number);
+    const Run &run = *change.after->run;
+    const auto map_of = [&](const Entry &entry, uint32_t layer) {
+        return map_name(page, map_part(*run.shape, {layer, entry.element.mask}));
+    };
+    write_maps(page, change, list.owner);
+    for (const auto &[entry, from, to] : change.placements)
+        if (from && run.layers.has({*from, entry->element.mask}))
+            setting_.table.remove_element(batch_, map_of(*entry, *from), entry->element, list.owner);
+    for (const auto &[entry, from, to] : change.placements) {
+        if (!to)
+            continue;
+        const auto prepared = list.prepared.find(entry->position.sn);
+        Tag tag = tag_of({key.app, key.acl, entry->position.sn}, *entry, 0);
+        tag.made_by = setting_.made_by;
+        setting_.table.add_element(batch_, map_of(*entry, *to), entry->element,
+                                   counters_so_far(key, list, entry->position.sn), tag,
+                                   prepared == list.prepared.end() ? list.owner : prepared->second.second);
+    }
+    for (const auto &[place, handle] : run.maps)
+        if (!run.layers.has(place)) {
+            setting_.table.remove_rule(batch_, page, handle, list.owner);
+            setting_.table.remove_map(batch_, map_name(page, map_part(*run.shape, place)), list.owner);
+        }
+}
+
+// The look-ups of a layer stand before those of the next.
+void Draft::write_maps(const std::string &page, const PageChange &change, size_t owner)
+{
+    const RunPointer &run = change.after->run;
+    for (const packet::Layers::Place &place : run->layers.places()) {
+        if (run->maps.contains(place))
+            continue;
+        const std::string part = map_part(*run->shape, place), map = map_name(page, part);
+        setting_.table.add_map(batch_, map, run->shape->fields, map_data_of({*run->shape, place}), owner);
+        const auto next = std::find_if(run->maps.begin(), run->maps.end(),
+                                       [&](const auto &old) { return old.first.first > place.first; });
+        const Place where = next == run->maps.end() ? Place{} : Place{Place::before, next->second};
+        nlmsghdr *rule = setting_.table.add_rule(batch_, page, where, echo_, owner);
+        lookups_.emplace_back(batch_.size(), run, place);
+        put_lookup_expressions(rule, Batch::message_room - 512, run->shape->fields, place.second, map);
+        Tag tag;
+        tag.purpose = Purpose::map;
+        tag.map = part;
+        put_user_data(rule, tag);
     }
 }
 
@@ -414,7 +532,7 @@ void Draft::write_hook_rules(const std::string &chain, const Key &key, const Hoo
     }
     nlmsghdr *rule = setting_.table.add_rule(batch_, chain, {}, false, hook.owner);
     if (apply != nullptr)
-        put_jump(rule, head_name(list_of(*apply)));
+        put_jump_expressions(rule, Batch::message_room - 512, {}, head_name(list_of(*apply)));
     else
         put_counted_drop(rule);
     tag.purpose = Purpose::hook;
@@ -436,11 +554,36 @@ void Draft::remove_lists()
             setting_.table.remove_chain(batch_, head_name(key), list.owner);
         for (const PageChange &change : list.arranged.changes)
             if (change.after == nullptr)
-                setting_.table.remove_chain(batch_, page_name(key, change.before->number), list.owner);
+                remove_page(page_name(key, change.before->number), change.before->run.get(), list.owner);
     }
 }
 
+void Draft::remove_page(const std::string &page, const Run *run, size_t owner)
+{
+    setting_.table.remove_chain(batch_, page, owner);
+    if (run == nullptr)
+        return;
+    for (const auto &[place, handle] : run->maps)
+        setting_.table.remove_map(batch_, map_name(page, map_part(*run->shape, place)), owner);
+}
+
 // ---- taking ---------------------------------------------------------------------------------------------------------
+
+void Draft::take_runs(Arranged &arranged)
+{
+    arranged.steps.keep();
+    for (const PageChange &change : arranged.changes) {
+        if (change.after == nullptr || change.after->run == nullptr)
+            continue;
+        for (const auto &[entry, from, to] : change.placements)
+            if (to)
+                entry->handles.clear();
+        Run &run = *change.after->run;
+        std::erase_if(run.maps, [&run](const auto &map) { return !run.layers.has(map.first); });
+        for (const packet::Layers::Place &place : run.layers.places())
+            run.maps.try_emplace(place, 0);
+    }
+}
 
 void Draft::take(const Outcome &outcome)
 {
@@ -458,6 +601,7 @@ void Draft::take(const Outcome &outcome)
     Model &model = setting_.model;
     model.counters.merge(counters_);
     for (auto &[key, list] : lists_) {
+        take_runs(list.arranged);
         Acl &acl = model.acls[key];
         acl.stands = list.stands;
         acl.list = std::move(list.arranged.list);
@@ -479,6 +623,8 @@ void Draft::take(const Outcome &outcome)
         if (!acl.stands && acl.entries.empty())
             model.acls.erase(key);
     }
+    for (const auto &[place, run, map] : lookups_)
+        run->maps[map] = handle(place);
     for (const auto &[key, hook] : hooks_) {
         model.hooks.erase(key);
         if (hook.applied)

@@ -54,11 +54,16 @@ class Draft {
     void read_changing(const AclKey &key, const Acl &acl, ListDraft &list);
     bool needs_reading(const ListDraft &list, const PageChange &change) const;
     int read_page(const AclKey &key, const Acl &acl, ListDraft &list, const Page &page);
+    int read_run(const AclKey &key, ListDraft &list, const PageChange &change);
+    int read_moving(const std::string &map, const std::vector<EntryPointer> &entries, ListDraft &list);
+    int read_lookups(const std::string &page, Run &run);
     int read_jumps(const AclKey &key, const Acl &acl);
     bool applied(const AclKey &acl) const;
     void write_list(const AclKey &key, ListDraft &list);
     void write_jumps(const AclKey &key, const ListDraft &list);
     void write_page(const AclKey &key, const ListDraft &list, const PageChange &change);
+    void write_run(const AclKey &key, const ListDraft &list, const PageChange &change);
+    void write_maps(const std::string &page, const PageChange &change, size_t owner);
     void write_entry(const AclKey &key, const ListDraft &list, const std::string &chain, const EntryPointer &entry,
                      Place place);
     void replace_entry(const AclKey &key, const ListDraft &list, const std::string &chain, const EntryPointer &entry,
@@ -69,6 +74,8 @@ class Draft {
     void write_hook(const Key &key, const HookDraft &hook);
     void write_hook_rules(const std::string &chain, const Key &key, const HookDraft &hook);
     void remove_lists();
+    void remove_page(const std::string &page, const Run *run, size_t owner);
+    static void take_runs(Arranged &arranged);
     void fail(size_t owner, int error) { errors_.try_emplace(owner, error); }
 
     Setting setting_;
@@ -79,6 +86,7 @@ class Draft {
     std::vector<std::unique_ptr<Prepared>> toggled_;
     std::vector<std::pair<size_t, PagePointer>> jumps_;           // by place in the batch
     std::vector<std::tuple<size_t, EntryPointer, size_t>> rules_; // and which of the entry's rules
+    std::vector<std::tuple<size_t, RunPointer, packet::Layers::Place>> lookups_;
     std::set<std::string> counters_;
     std::map<size_t, int> errors_;
 };

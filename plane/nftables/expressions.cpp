@@ -142,11 +142,11 @@ void put_load(Attributes &out, const Source &source, uint32_t target)
     });
 }
 
-void put_bitwise(Attributes &out, const Bytes &mask, const Bytes &flip)
+void put_bitwise(Attributes &out, const Bytes &mask, const Bytes &flip, uint32_t target = value_register)
 {
     out.expression("bitwise", [&] {
-        out.number(NFTA_BITWISE_SREG, value_register);
-        out.number(NFTA_BITWISE_DREG, value_register);
+        out.number(NFTA_BITWISE_SREG, target);
+        out.number(NFTA_BITWISE_DREG, target);
         out.number(NFTA_BITWISE_LEN, mask.size);
         out.value(NFTA_BITWISE_MASK, mask.span());
         out.value(NFTA_BITWISE_XOR, flip.span());
@@ -217,9 +217,13 @@ void put_number(Attributes &out, uint32_t number)
     });
 }
 
-void put_verdict(Attributes &out, uint32_t code)
+void put_verdict(Attributes &out, int32_t code, const std::string &chain = {})
 {
-    const auto put_code = [&] { out.number(NFTA_VERDICT_CODE, code); };
+    const auto put_code = [&] {
+        out.number(NFTA_VERDICT_CODE, static_cast<uint32_t>(code));
+        if (!chain.empty())
+            out.text(NFTA_VERDICT_CHAIN, chain);
+    };
     const auto put_data = [&] { out.nest(NFTA_DATA_VERDICT, put_code); };
     out.expression("immediate", [&] {
         out.number(NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
@@ -321,15 +325,28 @@ bool put_rule_expressions(nlmsghdr *message, size_t capacity, const Rule &rule, 
     return put_expressions(message, capacity, [&](Attributes &out) { put_rule(out, rule, interfaces, start); });
 }
 
-bool put_lookup_expressions(nlmsghdr *message, size_t capacity, const Shape &shape, const std::string &map)
+bool put_jump_expressions(nlmsghdr *message, size_t capacity, std::span<const Test> guards, const std::string &chain)
 {
     return put_expressions(message, capacity, [&](Attributes &out) {
-        for (const Test &guard : shape.guards)
+        for (const Test &guard : guards)
             put_test(out, guard);
+        put_verdict(out, NFT_JUMP, chain);
+    });
+}
+
+bool put_lookup_expressions(nlmsghdr *message, size_t capacity, std::span<const Source> fields, const std::string &mask,
+                            const std::string &map)
+{
+    return put_expressions(message, capacity, [&](Attributes &out) {
         uint32_t target = NFT_REG32_00;
-        for (const Source &field : shape.fields) {
+        size_t at = 0;
+        for (const Source &field : fields) {
+            const auto *bits = reinterpret_cast<const uint8_t *>(mask.data()) + at;
             put_load(out, field, target);
-            target += (field.size + 3U) / 4U;
+            if (std::any_of(bits, bits + field.size, [](uint8_t byte) { return byte != 0xff; }))
+                put_bitwise(out, Bytes({bits, field.size}), Bytes(0, field.size), target);
+            target += static_cast<uint32_t>(padded(field) / 4);
+            at += padded(field);
         }
         out.expression("lookup", [&] {
             out.text(NFTA_LOOKUP_SET, map);

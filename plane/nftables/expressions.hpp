@@ -26,8 +26,13 @@ class Interfaces {
 bool put_rule_expressions(nlmsghdr *message, size_t capacity, const packet::Rule &rule, const Interfaces &interfaces,
                           const Counters &start);
 
-// The same for a map: the guards of the shape, then its fields, looked up in the verdict map of that name.
-bool put_lookup_expressions(nlmsghdr *message, size_t capacity, const packet::Shape &shape, const std::string &map);
+// The same for a run of entries: the tests that all of them have, then the jump to the chain of its maps.
+bool put_jump_expressions(nlmsghdr *message, size_t capacity, std::span<const packet::Test> guards,
+                          const std::string &chain);
+
+// The same for one of its maps: the bits of a mask in the fields, looked up in the verdict map of that name.
+bool put_lookup_expressions(nlmsghdr *message, size_t capacity, std::span<const packet::Source> fields,
+                            const std::string &mask, const std::string &map);
 
 // Room for the expressions of any rule that compile() makes.
 constexpr size_t rule_expressions_max = 8192;

@@ -327,9 +327,9 @@ int Netlink::take_answer(uint32_t sequence, const Take &take, const Take &others
     return error;
 }
 
-nlmsghdr *begin_request(std::vector<uint8_t> &bytes, uint16_t type, uint16_t flags)
+nlmsghdr *begin_request(std::vector<uint8_t> &bytes, uint16_t type, uint16_t flags, size_t room)
 {
-    bytes.assign(1024, 0);
+    bytes.assign(room, 0);
     const uint16_t ends = (flags & NLM_F_DUMP) == NLM_F_DUMP ? 0 : NLM_F_ACK;
     return put_message(bytes.data(), nft_type(type), static_cast<uint16_t>(flags | ends), NFPROTO_NETDEV, 0);
 }

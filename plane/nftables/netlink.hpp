@@ -132,8 +132,8 @@ class Netlink {
     bool lost_ = false; // something, since this was reset
 };
 
-// A request about the netdev family: the message that `ask` sends.
-nlmsghdr *begin_request(std::vector<uint8_t> &bytes, uint16_t type, uint16_t flags);
+// A request about the netdev family, of at most `room` bytes: the message that `ask` sends.
+nlmsghdr *begin_request(std::vector<uint8_t> &bytes, uint16_t type, uint16_t flags, size_t room = 1024);
 
 constexpr uint16_t nft_type(uint16_t message)
 {

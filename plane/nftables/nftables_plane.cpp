@@ -13,7 +13,7 @@ namespace {
 
 // Changes whenever the same entry gives other rules than in the version before: a table of an older node is then made
 // anew.
-constexpr uint32_t revision = 1;
+constexpr uint32_t revision = 2;
 
 constexpr size_t most_told = 20; // refusals of one call, in the log
 
@@ -161,7 +161,7 @@ int NftablesPlane::create()
 
 // ---- judging --------------------------------------------------------------------------------------------------------
 
-NftablesPlane::Judged NftablesPlane::judge(const Change &change) const
+NftablesPlane::Judged NftablesPlane::judge(const Change &change)
 {
     if (!change.wanted)
         return {};
@@ -172,12 +172,28 @@ NftablesPlane::Judged NftablesPlane::judge(const Change &change) const
     return judge_hook(change.key, *change.wanted);
 }
 
-NftablesPlane::Judged NftablesPlane::judge_entry(const AceKey &key, const Requested &wanted) const
+NftablesPlane::Judged NftablesPlane::judge_entry(const AceKey &key, const Requested &wanted)
 {
     packet::Compiled compiled = compile(wanted, options_.config);
     if (compiled.status != Status::ok)
         return {compiled.status, std::move(compiled.text), {}, {}};
-    return {Status::ok, "", prepare(key, wanted, std::move(compiled)), {}};
+    Judged judged{Status::ok, "", prepare(key, wanted, std::move(compiled)), {}};
+    share_shape(*judged.entry->entry);
+    return judged;
+}
+
+// Most entries have the shape of one before.
+void NftablesPlane::share_shape(Entry &entry)
+{
+    constexpr size_t most = 16;
+    if (entry.shape == nullptr)
+        return;
+    const auto same = std::find_if(shapes_.begin(), shapes_.end(),
+                                   [&entry](const ShapePointer &shape) { return *shape == *entry.shape; });
+    if (same != shapes_.end())
+        entry.shape = *same;
+    else if (shapes_.insert(shapes_.begin(), entry.shape); shapes_.size() > most)
+        shapes_.pop_back();
 }
 
 // A port that is not here belongs to another node: nothing is programmed, with success.
@@ -375,33 +391,53 @@ Description NftablesPlane::describe() const
 }
 
 // An entry may be several rules.
-std::map<AceKey, Counters> NftablesPlane::read_counters(const std::string &page)
+NftablesPlane::Counted NftablesPlane::read_page(const AclKey &key, const Page &page)
 {
     std::map<AceKey, Counters> sums;
     std::vector<RuleImage> rules;
-    table_.read_rules(netlink_, page, rules);
+    table_.read_rules(netlink_, page_name(key, page.number), rules);
     for (const RuleImage &rule : rules)
         if (const auto *ace = rule.tag ? std::get_if<AceKey>(&rule.tag->key) : nullptr) {
             sums[*ace].packets += rule.counters.packets;
             sums[*ace].bytes += rule.counters.bytes;
         }
-    return sums;
+    counted_ = {key, page.last()};
+    return {sums.begin(), sums.end()};
 }
 
-// A page at a time.
+// So many of a run, behind those that were read before.
+NftablesPlane::Counted NftablesPlane::read_run(const AclKey &key, const Page &page)
+{
+    constexpr size_t most = 1024;
+    const bool on = counted_ && counted_->first == key;
+    auto at = on ? page.run->entries.upper_bound(counted_->second) : page.run->entries.begin();
+    std::map<packet::Layers::Place, std::vector<packet::Element>> elements;
+    for (size_t left = most; at != page.run->entries.end() && left > 0; ++at, --left) {
+        elements[{at->second->layer, at->second->element.mask}].push_back(at->second->element);
+        counted_ = {key, at->first};
+    }
+    Counted all;
+    for (const auto &[place, some] : elements) {
+        std::vector<ElementImage> images;
+        const std::string map = map_name(page_name(key, page.number), map_part(*page.run->shape, place));
+        table_.read_elements(netlink_, map, some, images);
+        for (const ElementImage &image : images)
+            if (const auto *ace = image.tag ? std::get_if<AceKey>(&image.tag->key) : nullptr)
+                all.emplace_back(*ace, image.counters);
+    }
+    return all;
+}
+
+// A page, or a part of a run, at a time.
 std::vector<std::pair<AceKey, Counters>> NftablesPlane::counters()
 {
     auto acl = counted_ ? model_.acls.lower_bound(counted_->first) : model_.acls.begin();
-    for (; acl != model_.acls.end(); ++acl) {
-        const bool on = counted_ && counted_->first == acl->first;
-        for (const PagePointer &page : acl->second.list.pages) {
-            if (on && page->entries.back()->position <= counted_->second)
-                continue;
-            counted_ = {acl->first, page->entries.back()->position};
-            if (auto sums = read_counters(page_name(acl->first, page->number)); !sums.empty())
-                return {sums.begin(), sums.end()};
-        }
-    }
+    for (; acl != model_.acls.end(); ++acl)
+        for (const PagePointer &page : acl->second.list.pages)
+            while (!counted_ || counted_->first < acl->first || counted_->second < page->last())
+                if (Counted some = page->run ? read_run(acl->first, *page) : read_page(acl->first, *page);
+                    !some.empty())
+                    return some;
     counted_.reset();
     return {};
 }

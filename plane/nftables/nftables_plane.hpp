@@ -54,8 +54,9 @@ class NftablesPlane final : public Plane {
     };
 
     int create();
-    Judged judge(const Change &change) const;
-    Judged judge_entry(const AceKey &key, const Requested &wanted) const;
+    Judged judge(const Change &change);
+    Judged judge_entry(const AceKey &key, const Requested &wanted);
+    void share_shape(Entry &entry);
     Judged judge_hook(const Key &key, const Requested &wanted) const;
     void judge_together(std::span<const Change> changes, std::vector<Judged> &judged) const;
     uint8_t directions_used(const AclKey &acl) const;
@@ -65,7 +66,9 @@ class NftablesPlane final : public Plane {
     void reread();
     void tell(const Key &key, const Judged &judged) const;
 
-    std::map<AceKey, Counters> read_counters(const std::string &page);
+    using Counted = std::vector<std::pair<AceKey, Counters>>;
+    Counted read_page(const AclKey &key, const Page &page);
+    Counted read_run(const AclKey &key, const Page &page);
     std::map<std::string, uint32_t> named_interfaces() const;
     std::string interface_of(const Key &key) const; // "" of a port that is not here
     void take_moved_hooks(std::set<Key> &keys);
@@ -80,7 +83,8 @@ class NftablesPlane final : public Plane {
     Netlink netlink_;
     Links links_;
     Model model_;
-    bool owned_ = false; // nobody else can change the table
+    std::vector<ShapePointer> shapes_; // of entries that were judged last
+    bool owned_ = false;               // nobody else can change the table
     uint32_t generation_ = 0;
     bool ports_changed_ = false;
     std::map<std::string, uint32_t> named_;              // interfaces that the configuration names, and their numbers

@@ -1,6 +1,7 @@
 // See table.hpp.
 #include "plane/nftables/table.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 namespace plx::plane::nftables {
@@ -16,6 +17,25 @@ constexpr uint32_t shown_as_protocol = 12;
 
 constexpr uint32_t policy_accept = NF_ACCEPT;
 
+// How nft(8) calls what is looked up in a map, by size: it must know the size of each field to take keys apart.
+uint32_t shown_as(const packet::Source &field)
+{
+    constexpr uint32_t address4 = 7, address6 = 8, hardware_address = 9, port = 13, code = 14;
+    if (field.load == packet::Load::protocol)
+        return shown_as_ethertype;
+    if (field.load == packet::Load::l4proto)
+        return shown_as_protocol;
+    return field.size == 1   ? code
+           : field.size == 2 ? port
+           : field.size == 4 ? address4
+           : field.size == 6 ? hardware_address
+                             : address6;
+}
+
+constexpr unsigned bits_of_type = 6; // in the type of a key of several fields
+
+constexpr size_t elements_per_question = 256;
+
 // One expression of a rule, which is open while this lives.
 class Expression {
   public:
@@ -28,15 +48,13 @@ class Expression {
     Nest element_, data_;
 };
 
-void put_verdict(nlmsghdr *message, int32_t code, const std::string &chain)
+void put_drop(nlmsghdr *message)
 {
     const Expression immediate(message, "immediate");
     put32(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
     const Nest data(message, NFTA_IMMEDIATE_DATA);
     const Nest verdict(message, NFTA_DATA_VERDICT);
-    put32(message, NFTA_VERDICT_CODE, static_cast<uint32_t>(code));
-    if (!chain.empty())
-        put_text(message, NFTA_VERDICT_CHAIN, chain);
+    put32(message, NFTA_VERDICT_CODE, NF_DROP);
 }
 
 void copy(std::span<const uint8_t> from, std::vector<uint8_t> &to)
@@ -58,6 +76,34 @@ Counters counters_in(const nlattr *expressions)
     return counters;
 }
 
+void put_key(nlmsghdr *message, const packet::Element &element)
+{
+    const Nest nest(message, NFTA_SET_ELEM_KEY);
+    mnl_attr_put(message, NFTA_DATA_VALUE, element.key.size(), element.key.data());
+}
+
+ElementImage element_of(const nlattr *nest)
+{
+    const Attributes attributes(nest);
+    const Attributes data(attributes[NFTA_SET_ELEM_DATA]), verdict(data[NFTA_DATA_VERDICT]);
+    const bool drops = verdict.number32(NFTA_VERDICT_CODE) == NF_DROP;
+    ElementImage image;
+    const auto key = Attributes(attributes[NFTA_SET_ELEM_KEY]).bytes(NFTA_DATA_VALUE);
+    image.element.key.assign(key.begin(), key.end());
+    image.element.verdict = drops ? packet::Verdict::drop : packet::Verdict::accept;
+    image.tag = tag_of(attributes.bytes(NFTA_SET_ELEM_USERDATA));
+    const Attributes expression(attributes[NFTA_SET_ELEM_EXPR]);
+    const Attributes counter(expression[NFTA_EXPR_DATA]);
+    image.counters = {counter.number64(NFTA_COUNTER_PACKETS), counter.number64(NFTA_COUNTER_BYTES)};
+    return image;
+}
+
+void take_elements(const nlmsghdr &answer, std::vector<ElementImage> &elements)
+{
+    for_each(Attributes(answer, nfgen_size)[NFTA_SET_ELEM_LIST_ELEMENTS],
+             [&elements](const nlattr *nest) { elements.push_back(element_of(nest)); });
+}
+
 } // namespace
 
 void put_user_data(nlmsghdr *rule, const Tag &tag)
@@ -66,19 +112,13 @@ void put_user_data(nlmsghdr *rule, const Tag &tag)
     mnl_attr_put(rule, NFTA_RULE_USERDATA, bytes.size(), bytes.data());
 }
 
-void put_jump(nlmsghdr *rule, const std::string &chain)
-{
-    const Nest expressions(rule, NFTA_RULE_EXPRESSIONS);
-    put_verdict(rule, NFT_JUMP, chain);
-}
-
 void put_counted_drop(nlmsghdr *rule)
 {
     const Nest expressions(rule, NFTA_RULE_EXPRESSIONS);
     {
         const Expression counter(rule, "counter");
     }
-    put_verdict(rule, NF_DROP, "");
+    put_drop(rule);
 }
 
 // ---- adding ---------------------------------------------------------------------------------------------------------
@@ -199,6 +239,72 @@ void KernelTable::add_counter(Batch &batch, const std::string &counter, size_t o
     const Nest data(message, NFTA_OBJ_DATA);
 }
 
+void KernelTable::add_map(Batch &batch, const std::string &map, std::span<const packet::Source> fields,
+                          std::string_view user_data, size_t owner) const
+{
+    nlmsghdr *message = batch.add(NFT_MSG_NEWSET, NLM_F_CREATE, owner);
+    uint32_t type = 0;
+    size_t size = 0;
+    for (const packet::Source &field : fields) {
+        type = type << bits_of_type | shown_as(field);
+        size += packet::padded(field);
+    }
+    put_text(message, NFTA_SET_TABLE, name_);
+    put_text(message, NFTA_SET_NAME, map);
+    put32(message, NFTA_SET_ID, 1);
+    put32(message, NFTA_SET_FLAGS, NFT_SET_MAP | NFT_SET_EXPR);
+    put32(message, NFTA_SET_KEY_TYPE, type);
+    put32(message, NFTA_SET_KEY_LEN, static_cast<uint32_t>(size));
+    put32(message, NFTA_SET_DATA_TYPE, NFT_DATA_VERDICT);
+    mnl_attr_put(message, NFTA_SET_USERDATA, user_data.size(), user_data.data());
+    const Nest counter(message, NFTA_SET_EXPR);
+    put_text(message, NFTA_EXPR_NAME, "counter");
+    const Nest data(message, NFTA_EXPR_DATA);
+}
+
+void KernelTable::add_element(Batch &batch, const std::string &map, const packet::Element &element,
+                              const Counters &start, const Tag &tag, size_t owner) const
+{
+    nlmsghdr *message = begin_elements(batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE, owner), map);
+    const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS), item(message, NFTA_LIST_ELEM);
+    put_key(message, element);
+    {
+        const Nest data(message, NFTA_SET_ELEM_DATA), verdict(message, NFTA_DATA_VERDICT);
+        put32(message, NFTA_VERDICT_CODE, element.verdict == packet::Verdict::accept ? NF_ACCEPT : NF_DROP);
+    }
+    {
+        const Nest counter(message, NFTA_SET_ELEM_EXPR);
+        put_text(message, NFTA_EXPR_NAME, "counter");
+        const Nest data(message, NFTA_EXPR_DATA);
+        put64(message, NFTA_COUNTER_BYTES, start.bytes);
+        put64(message, NFTA_COUNTER_PACKETS, start.packets);
+    }
+    const std::string bytes = user_data_of(tag);
+    mnl_attr_put(message, NFTA_SET_ELEM_USERDATA, bytes.size(), bytes.data());
+}
+
+void KernelTable::remove_element(Batch &batch, const std::string &map, const packet::Element &element,
+                                 size_t owner) const
+{
+    nlmsghdr *message = begin_elements(batch.add(NFT_MSG_DELSETELEM, 0, owner), map);
+    const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS), item(message, NFTA_LIST_ELEM);
+    put_key(message, element);
+}
+
+void KernelTable::remove_map(Batch &batch, const std::string &map, size_t owner) const
+{
+    nlmsghdr *message = batch.add(NFT_MSG_DELSET, 0, owner);
+    put_text(message, NFTA_SET_TABLE, name_);
+    put_text(message, NFTA_SET_NAME, map);
+}
+
+nlmsghdr *KernelTable::begin_elements(nlmsghdr *message, const std::string &map) const
+{
+    put_text(message, NFTA_SET_ELEM_LIST_TABLE, name_);
+    put_text(message, NFTA_SET_ELEM_LIST_SET, map);
+    return message;
+}
+
 // ---- reading --------------------------------------------------------------------------------------------------------
 
 int KernelTable::read_chains(Netlink &netlink, std::vector<ChainImage> &chains) const
@@ -235,6 +341,46 @@ int KernelTable::read_rules(Netlink &netlink, const std::string &chain, std::vec
         copy(rule.bytes(NFTA_RULE_EXPRESSIONS), image.expressions);
         copy(rule.bytes(NFTA_RULE_USERDATA), image.user_data);
     });
+}
+
+int KernelTable::read_maps(Netlink &netlink, std::vector<MapImage> &maps) const
+{
+    std::vector<uint8_t> request;
+    put_text(begin_request(request, NFT_MSG_GETSET, NLM_F_DUMP), NFTA_SET_TABLE, name_);
+    return netlink.ask(request, [&](const nlmsghdr &answer) {
+        const Attributes set(answer, nfgen_size);
+        if (set.text(NFTA_SET_TABLE) != name_)
+            return;
+        MapImage &map = maps.emplace_back(MapImage{std::string(set.text(NFTA_SET_NAME)), {}});
+        copy(set.bytes(NFTA_SET_USERDATA), map.user_data);
+    });
+}
+
+int KernelTable::read_elements(Netlink &netlink, const std::string &map, std::vector<ElementImage> &elements) const
+{
+    std::vector<uint8_t> request;
+    begin_elements(begin_request(request, NFT_MSG_GETSETELEM, NLM_F_DUMP), map);
+    return netlink.ask(request, [&](const nlmsghdr &answer) { take_elements(answer, elements); });
+}
+
+int KernelTable::read_elements(Netlink &netlink, const std::string &map, std::span<const packet::Element> some,
+                               std::vector<ElementImage> &elements) const
+{
+    for (int error = 0; !some.empty(); some = some.subspan(std::min(some.size(), elements_per_question))) {
+        std::vector<uint8_t> request;
+        nlmsghdr *message = begin_elements(begin_request(request, NFT_MSG_GETSETELEM, 0, Batch::message_room * 6), map);
+        {
+            const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
+            for (const packet::Element &element : some.first(std::min(some.size(), elements_per_question))) {
+                const Nest item(message, NFTA_LIST_ELEM);
+                put_key(message, element);
+            }
+        }
+        error = netlink.ask(request, [&](const nlmsghdr &answer) { take_elements(answer, elements); });
+        if (error != 0)
+            return error;
+    }
+    return 0;
 }
 
 // Names of tables, sets or objects.

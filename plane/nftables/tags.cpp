@@ -76,6 +76,7 @@ void each_field(auto &tag, auto &&visit)
     visit(tag.page);
     visit(tag.made_by);
     visit(tag.interface);
+    visit(tag.map);
 }
 
 void each_key_field(auto &key, auto &&visit)
@@ -104,6 +105,10 @@ std::string comment_of(const Tag &tag)
 {
     if (tag.purpose == Purpose::page)
         return "page " + std::to_string(tag.page);
+    if (tag.purpose == Purpose::run)
+        return "run " + std::to_string(tag.page);
+    if (tag.purpose == Purpose::map)
+        return "entries by " + tag.map;
     if (tag.purpose == Purpose::guard)
         return "frames with two tags";
     if (const auto *ace = std::get_if<AceKey>(&tag.key))
@@ -194,7 +199,110 @@ std::string apply_name(const ApplyKey &key)
     return place + digest(key.app + '/' + list); // the application that applies would make it too long
 }
 
+// One of the parts of user data; empty when it is not there.
+std::span<const uint8_t> part_of(std::span<const uint8_t> user_data, uint8_t type)
+{
+    while (user_data.size() >= 2 && user_data[0] != type)
+        user_data = user_data.subspan(std::min<size_t>(user_data.size(), size_t(2) + user_data[1]));
+    if (user_data.size() < 2 || user_data.size() < size_t(2) + user_data[1])
+        return {};
+    return user_data.subspan(2, user_data[1]);
+}
+
+void write_bytes(Writer &write, const packet::Bytes &bytes)
+{
+    write(std::string(bytes.data.begin(), bytes.data.begin() + bytes.size));
+}
+
+void write_source(Writer &write, const packet::Source &source)
+{
+    write(static_cast<uint8_t>(source.load));
+    write(source.size);
+    write(static_cast<uint8_t>(source.offset));
+}
+
+// Numbers that are none of ours are left to be found by whole().
+class ShapeReader {
+  public:
+    explicit ShapeReader(Reader &read) : read_(read) {}
+    uint8_t number(uint8_t most)
+    {
+        uint8_t number = 0;
+        read_(number);
+        good_ = good_ && number <= most;
+        return good_ ? number : 0;
+    }
+    packet::Source source()
+    {
+        const auto load = static_cast<packet::Load>(number(static_cast<uint8_t>(packet::Load::extension)));
+        const uint8_t size = number(16);
+        return {load, size, number(UINT8_MAX)};
+    }
+    packet::Bytes bytes()
+    {
+        std::string text;
+        read_(text);
+        good_ = good_ && text.size() <= 16;
+        return packet::Bytes({reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+    }
+    packet::Test test()
+    {
+        packet::Test test;
+        test.source = source();
+        test.relation = static_cast<packet::Relation>(number(static_cast<uint8_t>(packet::Relation::none_of)));
+        if (const uint8_t set = number(static_cast<uint8_t>(packet::constant_sets().size())); set != 0)
+            test.set = &packet::constant_sets()[set - 1U];
+        test.mask = bytes();
+        test.value = bytes();
+        test.last = bytes();
+        return test;
+    }
+    bool good() const { return good_; }
+
+  private:
+    Reader &read_;
+    bool good_ = true;
+};
+
 } // namespace
+
+std::string map_data_of(const MapTag &tag)
+{
+    std::string bytes, packed;
+    Writer write(packed);
+    write(static_cast<uint8_t>(tag.place.first));
+    write(tag.place.second);
+    write(static_cast<uint8_t>(tag.shape.fields.size()));
+    for (const packet::Source &field : tag.shape.fields)
+        write_source(write, field);
+    write(static_cast<uint8_t>(tag.shape.guards.size()));
+    for (const packet::Test &guard : tag.shape.guards) {
+        write_source(write, guard.source);
+        write(static_cast<uint8_t>(guard.relation));
+        write(static_cast<uint8_t>(guard.set == nullptr ? 0 : guard.set - packet::constant_sets().data() + 1));
+        for (const packet::Bytes *each : {&guard.mask, &guard.value, &guard.last})
+            write_bytes(write, *each);
+    }
+    if (packed.size() <= UINT8_MAX)
+        put_part(bytes, tag_type, packed);
+    return bytes;
+}
+
+std::optional<MapTag> map_tag_of(std::span<const uint8_t> user_data)
+{
+    Reader read(part_of(user_data, tag_type));
+    ShapeReader shape(read);
+    MapTag tag;
+    tag.place.first = shape.number(UINT8_MAX);
+    read(tag.place.second);
+    size_t size = 0;
+    for (uint8_t left = shape.number(UINT8_MAX); left > 0; --left)
+        size += packet::padded(tag.shape.fields.emplace_back(shape.source()));
+    for (uint8_t left = shape.number(UINT8_MAX); left > 0; --left)
+        tag.shape.guards.push_back(shape.test());
+    const bool good = read.whole() && shape.good() && size == tag.place.second.size() && size != 0;
+    return good ? std::optional(std::move(tag)) : std::nullopt;
+}
 
 std::string user_data_of(const Tag &tag)
 {
@@ -212,17 +320,13 @@ std::string user_data_of(const Tag &tag)
 
 std::optional<Tag> tag_of(std::span<const uint8_t> user_data)
 {
-    while (user_data.size() >= 2 && user_data[0] != tag_type)
-        user_data = user_data.subspan(std::min<size_t>(user_data.size(), size_t(2) + user_data[1]));
-    if (user_data.size() < 2 || user_data.size() < size_t(2) + user_data[1])
-        return std::nullopt;
-    Reader read(user_data.subspan(2, user_data[1]));
+    Reader read(part_of(user_data, tag_type));
     Tag tag;
     uint8_t purpose = 0, index = 0, flags = 0;
     read(purpose);
     read(index);
     read(flags);
-    if (purpose < 1 || purpose > static_cast<uint8_t>(Purpose::guard) || !make_key(index, tag.key))
+    if (purpose < 1 || purpose > static_cast<uint8_t>(Purpose::map) || !make_key(index, tag.key))
         return std::nullopt;
     tag.purpose = static_cast<Purpose>(purpose);
     tag.default_entry = (flags & 1U) != 0;
@@ -241,6 +345,16 @@ std::string head_name(const AclKey &acl)
 std::string page_name(const AclKey &acl, uint32_t page)
 {
     return head_name(acl) + '.' + std::to_string(page);
+}
+
+std::string map_name(const std::string &page, const std::string &map)
+{
+    return page + '.' + map;
+}
+
+std::string map_part(const packet::Shape &shape, const packet::Layers::Place &place)
+{
+    return std::to_string(place.first) + '.' + packet::mask_name(shape.fields, place.second);
 }
 
 std::string hook_name(const Key &key, bool out)

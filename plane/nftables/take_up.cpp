@@ -20,6 +20,11 @@ class Reading {
     int take_hook(const std::string &chain);
     int take_list(const ListName &name);
     int take_page(const AclKey &key, Page &page);
+    int take_run(const AclKey &key, Page &page);
+    int take_map(const AclKey &key, Page &page, const RuleImage &rule);
+    bool take_element(const AclKey &key, Run &run, const packet::Layers::Place &place, const ElementImage &image);
+    EntryPointer new_entry(const Tag &tag) const;
+    void add_entry(const AclKey &key, const EntryPointer &entry);
     bool take_rule(const AclKey &key, Page &page, const RuleImage &rule);
     void drop_parts(const AclKey &key, Page &page);
     void remove_rest();
@@ -29,7 +34,8 @@ class Reading {
     uint32_t made_by_;
     Model &model_;
     Batch mend_;
-    std::set<std::string> rest_; // chains that nothing of ours stands for
+    std::set<std::string> rest_;           // chains that nothing of ours stands for
+    std::map<std::string, MapImage> maps_; // that no page has claimed
 };
 
 int Reading::read()
@@ -39,6 +45,12 @@ int Reading::read()
         return error;
     for (const ChainImage &chain : chains)
         rest_.insert(chain.name);
+    std::vector<MapImage> maps;
+    if (const int error = table_.read_maps(netlink_, maps); error != 0)
+        return error;
+    for (MapImage &map : maps)
+        if (map.name.starts_with("acl."))
+            maps_.emplace(map.name, std::move(map));
     for (const ChainImage &chain : chains) {
         const auto list = list_name(chain.name);
         if (list && list->page)
@@ -78,14 +90,15 @@ int Reading::take_list(const ListName &name)
     Acl &acl = model_.acls[name.acl];
     acl.stands = true;
     for (const RuleImage &jump : jumps) {
-        const bool ours = jump.tag && jump.tag->purpose == Purpose::page;
+        const bool run = jump.tag && jump.tag->purpose == Purpose::run;
+        const bool ours = run || (jump.tag && jump.tag->purpose == Purpose::page);
         const auto page = std::make_shared<Page>();
         page->jump = jump.handle;
         page->number = ours ? jump.tag->page : 0;
         if (ours && rest_.erase(page_name(name.acl, page->number)) != 0)
-            if (const int error = take_page(name.acl, *page); error != 0)
+            if (const int error = run ? take_run(name.acl, *page) : take_page(name.acl, *page); error != 0)
                 return error;
-        if (page->entries.empty()) {
+        if (page->entries.empty() && page->run == nullptr) {
             table_.remove_rule(mend_, head, jump.handle, everybody);
             rest_.insert(page_name(name.acl, page->number));
             continue;
@@ -121,17 +134,98 @@ bool Reading::take_rule(const AclKey &key, Page &page, const RuleImage &rule)
     if (entry != nullptr && (page.entries.empty() || page.entries.back() != entry || entry->handles.size() != tag.rule))
         return false;
     if (entry == nullptr) {
-        entry = std::make_shared<Entry>();
-        entry->position = {tag.default_entry, ~tag.priority, ace->sn};
-        entry->request = tag.request;
-        entry->fingerprint = tag.made_by == made_by_ ? tag.fingerprint : 0;
-        entry->rules = tag.rules;
-        entry->directions = tag.directions;
-        entry->unless_default = tag.unless_default;
-        entry->by_interface = tag.by_interface;
+        entry = new_entry(tag);
         page.entries.push_back(entry);
     }
     entry->handles.push_back(rule.handle);
+    return true;
+}
+
+EntryPointer Reading::new_entry(const Tag &tag) const
+{
+    auto entry = std::make_shared<Entry>();
+    entry->position = {tag.default_entry, ~tag.priority, std::get<AceKey>(tag.key).sn};
+    entry->request = tag.request;
+    entry->fingerprint = tag.made_by == made_by_ ? tag.fingerprint : 0;
+    entry->rules = tag.rules;
+    entry->directions = tag.directions;
+    entry->unless_default = tag.unless_default;
+    entry->by_interface = tag.by_interface;
+    return entry;
+}
+
+void Reading::add_entry(const AclKey &key, const EntryPointer &entry)
+{
+    Acl &acl = model_.acls[key];
+    acl.entries[entry->position.sn] = entry;
+    ++model_.entries;
+    if (entry->position.last)
+        acl.defaults.insert(entry->position.sn);
+}
+
+// ---- runs
+
+int Reading::take_run(const AclKey &key, Page &page)
+{
+    std::vector<RuleImage> rules;
+    const std::string chain = page_name(key, page.number);
+    if (const int error = table_.read_rules(netlink_, chain, rules); error != 0)
+        return error;
+    for (const RuleImage &rule : rules)
+        if (const int error = take_map(key, page, rule); error != 0)
+            return error;
+    if (page.run != nullptr && page.run->entries.empty())
+        page.run = nullptr;
+    return 0;
+}
+
+// A rule that looks in no map of ours goes.
+int Reading::take_map(const AclKey &key, Page &page, const RuleImage &rule)
+{
+    const std::string chain = page_name(key, page.number);
+    const bool ours = rule.tag && rule.tag->purpose == Purpose::map;
+    const auto map = ours ? maps_.find(map_name(chain, rule.tag->map)) : maps_.end();
+    const auto tag = map == maps_.end() ? std::nullopt : map_tag_of(map->second.user_data);
+    const bool fits = tag && map_part(tag->shape, tag->place) == rule.tag->map &&
+                      (page.run == nullptr || *page.run->shape == tag->shape);
+    if (!fits) {
+        table_.remove_rule(mend_, chain, rule.handle, everybody);
+        return 0;
+    }
+    std::vector<ElementImage> elements;
+    if (const int error = table_.read_elements(netlink_, map->first, elements); error != 0)
+        return error;
+    if (page.run == nullptr)
+        page.run = std::make_shared<Run>(std::make_shared<const packet::Shape>(tag->shape));
+    for (const ElementImage &element : elements)
+        if (!take_element(key, *page.run, tag->place, element))
+            table_.remove_element(mend_, map->first, element.element, everybody);
+    if (page.run->layers.has(tag->place)) {
+        page.run->maps[tag->place] = rule.handle;
+        maps_.erase(map);
+    } else {
+        table_.remove_rule(mend_, chain, rule.handle, everybody);
+    }
+    return 0;
+}
+
+bool Reading::take_element(const AclKey &key, Run &run, const packet::Layers::Place &place, const ElementImage &image)
+{
+    const auto *ace = image.tag ? std::get_if<AceKey>(&image.tag->key) : nullptr;
+    if (ace == nullptr || image.tag->purpose != Purpose::entry || ace->app != key.app || ace->acl != key.acl)
+        return false;
+    const Acl &acl = model_.acls[key];
+    if (acl.entries.contains(ace->sn) || image.element.key.size() != place.second.size())
+        return false;
+    const EntryPointer entry = new_entry(*image.tag);
+    if (!acl.list.pages.empty() && entry->position < acl.list.pages.back()->last())
+        return false;
+    entry->element = {image.element.key, place.second, image.element.verdict};
+    entry->shape = run.shape;
+    entry->rules = 1;
+    run.layers.put(*entry, place.first);
+    run.entries.emplace(entry->position, entry);
+    add_entry(key, entry);
     return true;
 }
 
@@ -139,17 +233,14 @@ bool Reading::take_rule(const AclKey &key, Page &page, const RuleImage &rule)
 void Reading::drop_parts(const AclKey &key, Page &page)
 {
     Acl &acl = model_.acls[key];
-    const Entry *last = nullptr;
+    std::optional<Position> last;
     if (!acl.list.pages.empty())
-        last = acl.list.pages.back()->entries.back().get();
+        last = acl.list.pages.back()->last();
     std::erase_if(page.entries, [&](const EntryPointer &entry) {
-        const bool good =
-            entry->handles.size() == entry->rules && (last == nullptr || last->position < entry->position);
+        const bool good = entry->handles.size() == entry->rules && (!last || *last < entry->position);
         if (good) {
-            last = entry.get();
-            ++model_.entries;
-            if (entry->position.last)
-                acl.defaults.insert(entry->position.sn);
+            last = entry->position;
+            add_entry(key, entry);
             return false;
         }
         for (const uint64_t handle : entry->handles)
@@ -169,6 +260,8 @@ void Reading::remove_rest()
             if (turn == step)
                 table_.remove_chain(mend_, chain, everybody);
         }
+    for (const auto &[name, map] : maps_)
+        table_.remove_map(mend_, name, everybody);
 }
 
 } // namespace

@@ -3,17 +3,18 @@
 
 #include <algorithm>
 #include <bit>
+#include <set>
 
 namespace plx::plane::packet {
 
 namespace {
 
-constexpr size_t most_fields = 16;
-
-size_t padded(const Source &source)
-{
-    return (source.size + size_t{3}) / 4 * 4;
-}
+constexpr size_t most_fields = 8;
+constexpr uint32_t most_layers = 8;
+constexpr size_t most_maps = 64;
+// Whoever overlaps more than these is not looked up: each insertion has its bound.
+constexpr size_t most_looks = 1024;
+constexpr size_t most_moves = 128;
 
 void append(const Bytes &value, const Source &source, std::string &key)
 {
@@ -21,46 +22,84 @@ void append(const Bytes &value, const Source &source, std::string &key)
     key.append(padded(source) - source.size, '\0');
 }
 
-// The mask's bits, from the first one set on to the end of its bytes, are not ones alone: it is no prefix.
-bool has_gap(const Bytes &mask)
+// Sizes that nft(8) can take a key apart by.
+bool has_shown_size(const Source &source)
 {
-    bool ended = false;
-    for (const uint8_t byte : mask.span()) {
-        if ((ended && byte != 0) || std::countl_one(byte) != std::popcount(byte))
-            return true;
-        ended = byte != 0xff;
-    }
-    return false;
+    return source.size == 1 || source.size == 2 || source.size == 4 || source.size == 6 || source.size == 16;
 }
 
 bool is_field(const Test &test)
 {
     const Load load = test.source.load;
-    if (load != Load::link && load != Load::network && load != Load::transport && load != Load::l4proto)
-        return false;
-    const bool anything =
-        std::all_of(test.value.data.begin(), test.value.data.end(), [](uint8_t b) { return b == 0; }) &&
-        std::count(test.last.data.begin(), test.last.data.end(), 0xff) == test.last.size;
-    return (test.relation == Relation::equal && !has_gap(test.mask)) ||
-           (test.relation == Relation::within && !anything);
+    const bool loads = load == Load::link || load == Load::network || load == Load::transport || load == Load::l4proto;
+    return loads && test.relation == Relation::equal && has_shown_size(test.source);
 }
 
 void add_field(const Test &test, Mappable &into)
 {
-    Bytes last = test.relation == Relation::within ? test.last : test.value;
-    for (size_t at = 0; at < test.mask.size; ++at)
-        last.data[at] = static_cast<uint8_t>(last.data[at] | static_cast<uint8_t>(~test.mask.data[at]));
+    const std::array<uint8_t, 16> ones = [] {
+        std::array<uint8_t, 16> all;
+        all.fill(0xff);
+        return all;
+    }();
     into.shape.fields.push_back(test.source);
-    append(test.value, test.source, into.element.low);
-    append(last, test.source, into.element.high);
+    append(test.value, test.source, into.element.key);
+    append(test.mask.size != 0 ? test.mask : Bytes(std::span(ones).first(test.source.size)), test.source,
+           into.element.mask);
 }
 
-bool is_type(const Test &test)
+bool overlap(const Element &one, const Element &other)
 {
-    return test.source.load == Load::protocol && test.relation == Relation::equal && test.mask.size == 0;
+    for (size_t at = 0; at < one.key.size(); ++at)
+        if (((one.key[at] ^ other.key[at]) & one.mask[at] & other.mask[at]) != 0)
+            return false;
+    return true;
+}
+
+uint8_t leading_ones(std::string_view mask)
+{
+    uint8_t bits = 0;
+    for (const char each : mask) {
+        const auto byte = static_cast<uint8_t>(each);
+        bits = static_cast<uint8_t>(bits + std::countl_one(byte));
+        if (byte != 0xff)
+            break;
+    }
+    return bits;
+}
+
+std::string field_name(std::string_view mask)
+{
+    const uint8_t bits = leading_ones(mask);
+    int set = 0;
+    for (const char byte : mask)
+        set += std::popcount(static_cast<uint8_t>(byte));
+    if (set == bits)
+        return std::to_string(bits);
+    std::string text = "x";
+    for (const char byte : mask)
+        for (const unsigned shift : {4U, 0U})
+            text += "0123456789abcdef"[static_cast<uint8_t>(byte) >> shift & 15U];
+    return text;
 }
 
 } // namespace
+
+size_t padded(const Source &field)
+{
+    return (field.size + size_t{3}) / 4 * 4;
+}
+
+std::string mask_name(std::span<const Source> fields, const std::string &mask)
+{
+    std::string name;
+    size_t at = 0;
+    for (const Source &field : fields) {
+        name += (name.empty() ? "" : "-") + field_name(std::string_view(mask).substr(at, field.size));
+        at += padded(field);
+    }
+    return name;
+}
 
 std::optional<Mappable> mappable(const Rule &rule)
 {
@@ -68,108 +107,170 @@ std::optional<Mappable> mappable(const Rule &rule)
     if (!rule.actions.empty() || !rule.counted || rule.over_meter || rule.one_in != 0 || !judges)
         return std::nullopt;
     Mappable all{.shape = {}, .element = {{}, {}, rule.verdict}};
-    const auto fields = std::count_if(rule.tests.begin(), rule.tests.end(), is_field);
     for (const Test &test : rule.tests) {
-        // A key of two fields is looked up faster than one of a single interval.
-        if (is_field(test) || (fields == 1 && is_type(test)))
+        if (is_field(test))
             add_field(test, all);
         else
             all.shape.guards.push_back(test);
     }
-    const bool fits = all.element.low.size() <= largest_key && all.shape.fields.size() <= most_fields;
-    return fields != 0 && fits ? std::optional(std::move(all)) : std::nullopt;
+    const size_t fields = all.shape.fields.size();
+    const bool fits = fields != 0 && fields <= most_fields && all.element.key.size() <= largest_key;
+    return fits ? std::optional(std::move(all)) : std::nullopt;
 }
 
-bool Run::overlap(const Element &one, const Element &other) const
-{
-    size_t at = 0;
-    for (const Source &field : shape_.fields) {
-        const size_t size = padded(field);
-        if (one.high.compare(at, size, other.low, at, size) < 0 || other.high.compare(at, size, one.low, at, size) < 0)
-            return false;
-        at += size;
-    }
-    return true;
-}
+// ---- layers ---------------------------------------------------------------------------------------------------------
 
-Run::Bits Run::common_bits(const Element &element) const
+Layers::Bits Layers::prefix_bits(const std::string &mask) const
 {
     Bits all;
     size_t at = 0;
-    for (const Source &field : shape_.fields) {
-        uint8_t bits = 0;
-        const size_t end = at + padded(field);
-        for (; at < end; ++at) {
-            const auto differ = static_cast<uint8_t>(element.low[at] ^ element.high[at]);
-            bits = static_cast<uint8_t>(bits + std::countl_zero(differ));
-            if (differ != 0)
-                break;
-        }
-        at = end;
-        all.push_back(bits);
+    for (const Source &field : fields_) {
+        all.push_back(leading_ones(std::string_view(mask).substr(at, field.size)));
+        at += padded(field);
     }
     return all;
 }
 
-// The first or the last value whose first bits are these.
-std::string Run::block_of(const std::string &value, const Bits &bits, bool last) const
+// The first or the last key that has the bits in common which both masks begin with.
+std::string Layers::edge(const std::string &key, const Bits &one, const Bits &other, bool last) const
 {
-    std::string block = value;
+    std::string result = key;
     size_t at = 0;
-    for (size_t field = 0; field < shape_.fields.size(); ++field) {
-        const size_t size = padded(shape_.fields[field]);
+    for (size_t field = 0; field < fields_.size(); ++field) {
+        const int bits = std::min(one[field], other[field]);
+        const size_t size = padded(fields_[field]);
         for (size_t byte = 0; byte < size; ++byte) {
-            const int keep = std::clamp(static_cast<int>(bits[field]) - static_cast<int>(byte * 8), 0, 8);
+            const int keep = std::clamp(bits - static_cast<int>(byte * 8), 0, 8);
             const auto free = static_cast<uint8_t>(0xffU >> static_cast<unsigned>(keep));
-            const auto old = static_cast<uint8_t>(block[at + byte]);
-            block[at + byte] = static_cast<char>(last ? old | free : old & static_cast<uint8_t>(~free));
+            const auto old = static_cast<uint8_t>(result[at + byte]);
+            result[at + byte] = static_cast<char>(last ? old | free : old & static_cast<uint8_t>(~free));
         }
         at += size;
     }
-    return block;
+    return result;
 }
 
-bool Run::fits(const Element &element) const
+// False: too many to look at.
+bool Layers::find_in(const Map &map, const Place &place, const Item &item, const Bits &bits, Found &found) const
 {
-    const Bits own = common_bits(element);
-    for (const auto &[bits, blocks] : blocks_) {
-        // From the first block that the element's own block has or is in, to the last.
-        Bits wider = bits;
-        for (size_t at = 0; at < wider.size(); ++at)
-            wider[at] = std::min(wider[at], own[at]);
-        const auto first = blocks.lower_bound(block_of(element.low, wider, false));
-        const auto last = blocks.upper_bound(block_of(element.high, wider, true));
-        const auto in_the_way = [&](const auto &other) { return overlap(element, other.second); };
-        if (std::any_of(first, last, in_the_way))
+    if (place.second == item.element.mask) {
+        if (const auto same = map.items.find(item.element.key); same != map.items.end() && same->second != &item)
+            found.items.push_back(same->second);
+        return true;
+    }
+    const std::string last = edge(item.element.key, map.bits, bits, true);
+    for (auto at = map.items.lower_bound(edge(item.element.key, map.bits, bits, false));
+         at != map.items.end() && at->first <= last; ++at) {
+        if (++found.looks > most_looks)
             return false;
+        if (at->second != &item && overlap(at->second->element, item.element))
+            found.items.push_back(at->second);
     }
     return true;
 }
 
-bool Run::add(const Element &element)
+bool Layers::find(const Item &item, Found &found) const
 {
-    if (!fits(element))
+    const Bits bits = prefix_bits(item.element.mask);
+    return std::all_of(maps_.begin(), maps_.end(),
+                       [&](const auto &map) { return find_in(map.second, map.first, item, bits, found); });
+}
+
+// Those that stand behind an item in the list and overlap it, or one of them; and the layer that the item comes to.
+bool Layers::gather(Item &item, std::vector<Item *> &behind, uint32_t &layer) const
+{
+    std::set<const Item *> seen;
+    Found found;
+    layer = 0;
+    for (size_t at = 0; at <= behind.size(); ++at) {
+        const Item &of = at == 0 ? item : *behind[at - 1];
+        found.items.clear();
+        if (!find(of, found))
+            return false;
+        for (Item *other : found.items) {
+            if (at == 0 && other->position < item.position)
+                layer = std::max(layer, other->layer + 1);
+            if (of.position < other->position && seen.insert(other).second)
+                behind.push_back(other);
+        }
+        if (behind.size() > most_moves)
+            return false;
+    }
+    return layer < most_layers;
+}
+
+bool Layers::insert(Item &item, std::vector<Move> &moves)
+{
+    std::vector<Item *> behind;
+    uint32_t layer = 0;
+    if (!gather(item, behind, layer))
         return false;
-    const Bits bits = common_bits(element);
-    blocks_[bits].emplace(block_of(element.low, bits, false), element);
-    ++size_;
+    const bool another = !maps_.contains({layer, item.element.mask});
+    if (another && maps_.size() + 1 + behind.size() > most_maps)
+        return false;
+    if (!behind.empty())
+        return insert_behind(item, std::move(behind), moves);
+    put(item, layer);
+    moves.push_back({&item, std::nullopt, layer});
     return true;
 }
 
-bool Run::remove(const Element &element)
+// All of them are put in again, in the order of the list: each behind what is there and overlaps it.
+bool Layers::insert_behind(Item &item, std::vector<Item *> behind, std::vector<Move> &moves)
 {
-    const auto group = blocks_.find(common_bits(element));
-    if (group == blocks_.end())
-        return false;
-    const auto [first, last] = group->second.equal_range(block_of(element.low, group->first, false));
-    const auto found = std::find_if(first, last, [&element](const auto &other) { return other.second == element; });
-    if (found == last)
-        return false;
-    group->second.erase(found);
-    if (group->second.empty())
-        blocks_.erase(group);
-    --size_;
-    return true;
+    std::map<Item *, uint32_t> old;
+    for (Item *each : behind) {
+        old[each] = each->layer;
+        remove(*each);
+    }
+    behind.push_back(&item);
+    std::sort(behind.begin(), behind.end(),
+              [](const Item *one, const Item *other) { return one->position < other->position; });
+    size_t done = 0;
+    for (; done < behind.size(); ++done) {
+        std::vector<Item *> none;
+        uint32_t layer = 0;
+        if (!gather(*behind[done], none, layer))
+            break;
+        put(*behind[done], layer);
+    }
+    const bool all = done == behind.size();
+    for (size_t at = 0; at < done && !all; ++at)
+        remove(*behind[at]);
+    for (const auto &[each, layer] : old) {
+        if (!all)
+            put(*each, layer);
+        else if (each->layer != layer)
+            moves.push_back({each, layer, each->layer});
+    }
+    if (all)
+        moves.push_back({&item, std::nullopt, item.layer});
+    return all;
+}
+
+void Layers::remove(Item &item)
+{
+    const auto map = maps_.find({item.layer, item.element.mask});
+    map->second.items.erase(item.element.key);
+    if (map->second.items.empty())
+        maps_.erase(map);
+}
+
+void Layers::put(Item &item, uint32_t layer)
+{
+    item.layer = layer;
+    Map &map = maps_[{layer, item.element.mask}];
+    if (map.items.empty())
+        map.bits = prefix_bits(item.element.mask);
+    map.items[item.element.key] = &item;
+}
+
+std::vector<Layers::Place> Layers::places() const
+{
+    std::vector<Place> all;
+    for (const auto &[place, map] : maps_)
+        all.push_back(place);
+    return all;
 }
 
 } // namespace plx::plane::packet

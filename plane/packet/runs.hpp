@@ -1,8 +1,10 @@
-// Lists of entries that differ only in values: what can be looked up in one map instead of tested one by one.
+// Lists of entries that differ only in values: what can be looked up in maps instead of tested one by one.
 //
-// Rules with the same shape look at the same places of a frame; each accepts an interval of values at each place. Where
-// such intervals do not overlap at every place at once, at most one of the rules matches a frame, so their order does
-// not matter, and a map from the concatenated values to a verdict stands for all of them.
+// Rules with the same shape look at the same places of a frame; each compares the bits of its mask there with its key.
+// Entries with the same mask are one map from key to verdict: an exact look-up, which costs the same for ten entries
+// and for a hundred thousand. Where two entries could match the same frame, the order of the list decides: they are in
+// different layers, which are asked one after the other. Within a layer nothing overlaps, and the order of its maps
+// does not matter.
 #pragma once
 
 #include "plane/packet/rule.hpp"
@@ -10,18 +12,18 @@
 
 namespace plx::plane::packet {
 
-// What the rules of a map have in common.
+// What entries that are looked up together have in common.
 struct Shape {
-    std::vector<Test> guards;   // tests that every one of them has: made once, before the map is asked
+    std::vector<Test> guards;   // tests that every one of them has: made once, before any map is asked
     std::vector<Source> fields; // of the key, in order
     bool operator==(const Shape &) const = default;
 };
 
-// One rule in a map: the lowest and highest accepted values of all fields, concatenated, each field filled up with
-// zeros to a multiple of 4 bytes, as the kernel's registers are.
+// One rule in a map: the bits of all fields, concatenated, each field filled up with zeros to a multiple of 4 bytes, as
+// the kernel's registers are.
 struct Element {
-    std::string low, high; // bytes
-    Verdict verdict;       // accept or drop
+    std::string key, mask;             // bytes; the key has no bits outside of the mask
+    Verdict verdict = Verdict::accept; // or drop
     bool operator==(const Element &) const = default;
 };
 
@@ -30,37 +32,71 @@ struct Mappable {
     Element element;
 };
 
-constexpr size_t largest_key = 64; // bytes, of the kernel's registers
+constexpr size_t largest_key = 40;  // bytes
+size_t padded(const Source &field); // bytes that it takes in a key
 
 // The rule as an element; nullopt when it does more than count and judge, or has no field to look up.
 std::optional<Mappable> mappable(const Rule &rule);
 
-// Elements of one shape, none of which overlap another.
-class Run {
-  public:
-    explicit Run(Shape shape) : shape_(std::move(shape)) {}
-    const Shape &shape() const { return shape_; }
-    size_t size() const { return size_; }
+// A mask in letters, for the name of a map: the bits of a prefix, or the mask's digits, field by field.
+std::string mask_name(std::span<const Source> fields, const std::string &mask);
 
-    bool fits(const Element &element) const; // it overlaps none
-    // False, and nothing changes, when it does not fit; when it is not there.
-    bool add(const Element &element);
-    bool remove(const Element &element);
+// Greater priority first, then smaller number; default entries behind all others.
+struct Position {
+    bool last = false;
+    uint64_t rank = 0; // the priority's complement
+    uint64_t sn = 0;
+    auto operator<=>(const Position &) const = default;
+};
+
+// An entry in a map. Whoever owns it keeps it in place while it is in a layer.
+struct Item {
+    Position position;
+    Element element;
+    uint32_t layer = 0;
+};
+
+class Layers {
+  public:
+    explicit Layers(std::vector<Source> fields) : fields_(std::move(fields)) {}
+
+    struct Move {
+        Item *item;
+        std::optional<uint32_t> from, to; // layers; none: it was not there, it is not there any more
+    };
+    // Adds an item, behind all that it overlaps and that stands before it in the list; what stands behind it moves on.
+    // False, and nothing changes, where that is too much to look at, or would make too many maps.
+    bool insert(Item &item, std::vector<Move> &moves);
+    void remove(Item &item);
+    void put(Item &item, uint32_t layer); // unchecked: where it was before
+
+    // Layer and mask of every map.
+    using Place = std::pair<uint32_t, std::string>;
+    bool has(const Place &place) const { return maps_.contains(place); }
+    std::vector<Place> places() const; // in order
+    size_t maps() const { return maps_.size(); }
 
   private:
-    // An interval of values lies in one smallest block of values that have their first bits in common. Elements are
-    // kept by the number of those bits, field by field, then by the bits: an overlapping element is in the same block
-    // or in one inside of the other's, so that few of them need a look.
-    using Bits = std::vector<uint8_t>;
-    using Blocks = std::multimap<std::string, Element>;
+    using Bits = std::vector<uint8_t>; // how many of a mask's first bits are set, field by field
+    struct Map {
+        Bits bits;
+        std::map<std::string, Item *> items; // by key
+    };
+    // Items that overlap another.
+    struct Found {
+        std::vector<Item *> items;
+        size_t looks = 0; // at items that may
+    };
 
-    Bits common_bits(const Element &element) const;
-    std::string block_of(const std::string &value, const Bits &bits, bool last) const;
-    bool overlap(const Element &one, const Element &other) const;
+    Bits prefix_bits(const std::string &mask) const;
+    std::string edge(const std::string &key, const Bits &one, const Bits &other, bool last) const;
+    bool find(const Item &item, Found &found) const;
+    bool find_in(const Map &map, const Place &place, const Item &item, const Bits &bits, Found &found) const;
+    bool gather(Item &item, std::vector<Item *> &behind, uint32_t &layer) const;
+    bool insert_behind(Item &item, std::vector<Item *> behind, std::vector<Move> &moves);
 
-    Shape shape_;
-    std::map<Bits, Blocks> blocks_;
-    size_t size_ = 0;
+    std::vector<Source> fields_;
+    std::map<Place, Map> maps_;
 };
 
 } // namespace plx::plane::packet

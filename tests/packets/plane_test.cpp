@@ -163,10 +163,11 @@ class NftablesPlaneTest : public testing::Test {
     }
 
     // Sends an IPv4 frame out of p1, into p0.
-    static void send_frame()
+    static void send_frame(uint32_t source = 0)
     {
         const int raw = socket(AF_PACKET, SOCK_RAW, 0);
         uint8_t frame[60] = {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2, 8, 0, 0x45, 0, 0, 46, 0, 0, 0, 0, 64, 17};
+        std::copy_n(packet::Bytes(source, 4).data.begin(), 4, frame + 26);
         sockaddr_ll to{};
         to.sll_family = AF_PACKET;
         to.sll_ifindex = static_cast<int>(if_nametoindex("p1"));
@@ -257,6 +258,69 @@ TEST_F(NftablesPlaneTest, random_changes_leave_the_order_that_is_asked_for)
         if (random() % 5 == 0)
             start();
     }
+}
+
+// Prefixes that overlap, and rules of other shapes between them: each frame counts for the first that matches it, on
+// counters that go on whatever happens to the entry and its neighbours.
+TEST_F(NftablesPlaneTest, runs_of_entries_count_what_a_list_in_order_would)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    struct Known {
+        Change change;
+        uint32_t value, mask;
+        uint64_t packets;
+    };
+    std::map<std::pair<uint64_t, uint64_t>, Known> model; // by the priority's complement and number
+    program({applied(apply_to(1))});
+    for (uint64_t request = 1; request <= 16; ++request) {
+        std::map<uint64_t, Change> changes;
+        for (uint64_t left = random() % (request % 4 == 0 ? 300 : 9) + 1; left-- > 0;) {
+            const uint64_t sn = random() % 400;
+            if (changes.contains(sn))
+                continue;
+            const unsigned bits = 32 - static_cast<unsigned>(random() % 5 * (random() % 4 / 3));
+            const uint32_t mask = random() % 64 == 0 ? 0 : 0xffffffffU << (32 - bits);
+            const uint32_t value = (0x0a000000U | static_cast<uint32_t>(random() % 512)) & mask;
+            const std::string source = std::to_string(value >> 24U) + ".0." + std::to_string(value >> 8U & 255U) + '.' +
+                                       std::to_string(value & 255U) + '/' + std::to_string(bits);
+            Change change = entry(sn, (mask == 0 ? "etype=ipv4" : "ipv4_src=" + source) + " -> fwd=deny",
+                                  request % 3 == 0 ? random() % 3 : 1, false, request);
+            uint64_t packets = 0;
+            std::erase_if(model, [&](const auto &old) {
+                packets = old.first.second == sn ? old.second.packets : packets;
+                return old.first.second == sn;
+            });
+            if (random() % 6 == 0)
+                change.wanted.reset();
+            else
+                model[{~change.wanted->priority, sn}] = {change, value, mask, packets};
+            changes.insert_or_assign(sn, change);
+        }
+        std::vector<Change> batch;
+        for (const auto &[sn, change] : changes)
+            batch.push_back(change);
+        ASSERT_THAT(program(batch), testing::Each(0));
+        for (unsigned left = 30; left-- > 0;) {
+            const uint32_t source = 0x0a000000U | static_cast<uint32_t>(random() % 512);
+            send_frame(source);
+            const auto hit = std::find_if(model.begin(), model.end(), [source](const auto &each) {
+                return (source & each.second.mask) == each.second.value;
+            });
+            if (hit != model.end())
+                ++hit->second.packets;
+        }
+        if (random() % 3 == 0)
+            start();
+        const auto seen = counters();
+        ASSERT_EQ(model.size(), seen.size()) << request;
+        for (const auto &[at, known] : model)
+            ASSERT_EQ(known.packets, seen.at(ace(at.second)).packets) << "request " << request << ", " << at.second;
+        ASSERT_EQ(model.size(), plane_->installed().size() - 1);
+    }
+    EXPECT_THAT(ruleset(), testing::HasSubstr("@nh,96,32 vmap @acl.edge.10."));
+    EXPECT_EQ("", output_of("nft -j list ruleset 2>&1 >/dev/null"));
 }
 
 TEST_F(NftablesPlaneTest, a_change_that_fails_leaves_its_old_state_and_stops_no_other)

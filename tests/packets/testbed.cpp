@@ -295,13 +295,14 @@ std::string Testbed::load(std::span<const Rule> rules, bool egress)
     return commit(batch);
 }
 
-std::string Testbed::load_map(const Shape &shape, const std::string &map)
+std::string Testbed::load_map(const Mappable &entry, const std::string &map)
 {
     if (const std::string said = output_of("echo '" + map + "' | nft -f -"); !said.empty())
         return said;
     Batch batch = without_rules();
     nlmsghdr *message = put_rule(batch, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, false);
-    EXPECT_TRUE(put_lookup_expressions(message, Batch::message_room, shape, "verdicts"));
+    EXPECT_TRUE(
+        put_lookup_expressions(message, Batch::message_room, entry.shape.fields, entry.element.mask, "verdicts"));
     return commit(batch);
 }
 

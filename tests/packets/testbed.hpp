@@ -31,7 +31,7 @@ class Testbed {
     // How often each rule was hit, in order.
     std::vector<uint64_t> hits(bool egress);
     // One rule, which looks up its verdict in a map that nft(8) makes of the text; an error's text or "".
-    std::string load_map(const plane::packet::Shape &shape, const std::string &map);
+    std::string load_map(const plane::packet::Mappable &entry, const std::string &map);
     std::string shared_counters(); // as nft(8) lists them
     // What nft(8) says of everything, as text or JSON; its error when it fails.
     std::string listing(bool json);
