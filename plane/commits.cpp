@@ -1,6 +1,7 @@
 // See commits.hpp.
 #include "plane/commits.hpp"
 
+#include "records/policy_copy.hpp"
 #include "records/record.hpp"
 #include <algorithm>
 #include <optional>
@@ -37,6 +38,11 @@ void Commits::take(const tq_mom_notification &notification)
     if (marker == nullptr || (!deleted && notification.event != TQ_MOM_EVENT_PUBLISHED))
         return;
     const std::string app = marker->index->apply_type;
+    const auto known = commits_.find(app);
+    if (marker->index->commit_op_type == hold_marker)
+        return deleted ? release(app) : void(commits_[app] = {State::held, {}});
+    if (known != commits_.end() && known->second.state == State::held)
+        return;
     switch (marker->index->commit_op_type) {
     case S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE:
         if (deleted)
@@ -63,16 +69,55 @@ bool Commits::staged(const std::string &app)
     if (!commits_.contains(app))
         look_up(app);
     const auto commit = commits_.find(app);
-    return commit != commits_.end() && commit->second.state == State::staging;
+    return commit != commits_.end() && (commit->second.state == State::staging || commit->second.state == State::held);
+}
+
+int32_t Commits::on_held(void *, const tq_mom_notification *entry, void *arg)
+{
+    const SPolicy__AppCommit *marker = marker_of(*entry);
+    if (marker != nullptr && marker->index->commit_op_type == hold_marker)
+        (*static_cast<std::map<std::string, uint32_t> *>(arg))[marker->index->apply_type] = marker->tm_val;
+    return 0;
+}
+
+int Commits::held(std::map<std::string, uint32_t> &slots)
+{
+    const Record whole(s_policy__app_commit__descriptor);
+    const int result = tq_mom_scan_sync(context_, db_, whole.message(), 0, &Commits::on_held, &slots);
+    for (const auto &[app, slot] : slots)
+        commits_[app] = {State::held, {}};
+    return result;
+}
+
+// What its tables hold now is its policy.
+void Commits::release(const std::string &app)
+{
+    const auto commit = commits_.find(app);
+    if (commit == commits_.end() || commit->second.state != State::held)
+        return;
+    commit->second.state = State::none;
+    make_(app);
+}
+
+tq_mom_hash_res *Commits::read(const std::string &app, uint32_t marker)
+{
+    Record wanted(s_policy__app_commit__descriptor);
+    wanted.set_key_text(0, app.c_str());
+    wanted.set_key_number(1, marker);
+    return tq_mom_hgetall_sync(context_, db_, wanted.message());
 }
 
 // Once: what the application writes later is heard of.
 void Commits::look_up(const std::string &app)
 {
-    Record enable(s_policy__app_commit__descriptor);
-    enable.set_key_text(0, app.c_str());
-    enable.set_key_number(1, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
-    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_, db_, enable.message());
+    tq_mom_hash_res *hold = read(app, hold_marker);
+    const bool stands = hold != nullptr && hold->record != nullptr;
+    tq_mom_hash_res_free(hold);
+    if (stands) {
+        commits_[app] = {State::held, {}};
+        return;
+    }
+    tq_mom_hash_res *found = read(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
     if (found != nullptr && found->status == 0) {
         commits_[app] = {};
         if (found->record != nullptr)

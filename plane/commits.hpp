@@ -4,6 +4,9 @@
 // programmed. Its publish marker, the end of the seconds and the removal of the enable marker each make all of them
 // together. Nothing is kept of the changes meanwhile: whoever makes them reads the tables when it is time.
 //
+// A hold (records/policy_copy.hpp) has no time: until it is removed the application's policy is its copy, for a node that
+// starts, too. It outdoes the other markers.
+//
 // A node owns one, hands it the marker table's notifications, and asks it before it programs.
 #pragma once
 
@@ -29,10 +32,14 @@ class Commits {
     // Whether an application's changes wait. May read the store, and make what other applications staged.
     bool staged(const std::string &app);
 
+    // The applications that are held, and the slots of their copies. The store client's result.
+    int held(std::map<std::string, uint32_t> &slots);
+
   private:
     enum class State : uint8_t {
         none,    // there is no enable marker
         staging, // there is one, and its seconds have not passed
+        held,    // until its hold goes
         spent    // they have: it means nothing until it is written again
     };
 
@@ -41,7 +48,10 @@ class Commits {
         milliseconds until{0}; // while staging
     };
 
+    static int32_t on_held(void *handle, const tq_mom_notification *entry, void *arg);
+    tq_mom_hash_res *read(const std::string &app, uint32_t marker);
     void look_up(const std::string &app);
+    void release(const std::string &app);
     void open(const std::string &app, uint64_t seconds);
     void finish(const std::string &app, bool stands);
     void end_due();

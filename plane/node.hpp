@@ -99,6 +99,8 @@ class Node {
     void compare();
     bool compare(const std::string *app);
     bool scan(Comparison &comparison);
+    bool take_copies(Comparison &comparison);
+    static int32_t on_copy(void *handle, const tq_mom_notification *notification, void *arg);
     void find(Comparison &comparison, Change change);
     std::vector<Change> removals(const Comparison &comparison);
     void drop_staged(std::vector<Change> &changes);

@@ -1,8 +1,10 @@
 // How a node's changes are made: those heard of, and those found by comparing the tables with what was taken up.
 #include "plane/node.hpp"
 
+#include "records/policy_copy.hpp"
 #include <algorithm>
 #include <iterator>
+#include <plx/plx_node.pb-c.h>
 #include <unordered_set>
 #include <utility>
 
@@ -102,7 +104,7 @@ void Node::compare()
 bool Node::compare(const std::string *app)
 {
     Comparison comparison{.node = this, .app = app, .number = ++comparisons_, .from_nothing = entries_.empty() && !app};
-    if (!scan(comparison)) {
+    if (!scan(comparison) || (app == nullptr && !take_copies(comparison))) {
         compare_timer_.start_unless_pending(options_.retry);
         return false;
     }
@@ -129,6 +131,37 @@ bool Node::scan(Comparison &comparison)
             return false;
     }
     return true;
+}
+
+// What is wanted of an application that is held is not in its tables.
+bool Node::take_copies(Comparison &comparison)
+{
+    std::map<std::string, uint32_t> slots;
+    int result = commits_.held(slots);
+    for (const auto &[held, slot] : slots) {
+        Record copy(plx_node__policy_copy__descriptor);
+        copy.set_key_text(0, held.c_str());
+        copy.set_key_number(1, slot);
+        if (result == 0)
+            result = tq_mom_scan_sync(context_.get(), options_.db, copy.message(), 2, &Node::on_copy, &comparison);
+    }
+    return result == 0;
+}
+
+int32_t Node::on_copy(void *, const tq_mom_notification *notification, void *arg)
+{
+    auto *comparison = static_cast<Comparison *>(arg);
+    for_each_copied(notification->record, [comparison](const ProtobufCMessage &record) {
+        auto key = key_of(&record);
+        if (!key)
+            return;
+        Change change{std::move(*key), requested_of(&record)};
+        if (const auto known = comparison->node->entries_.find(change.key); known != comparison->node->entries_.end())
+            known->second.seen = comparison->number;
+        if (comparison->node->needs_plane(change))
+            comparison->found.push_back(std::move(change));
+    });
+    return 0;
 }
 
 // An exception ends the scan with a result, and the comparison is made again.
@@ -261,7 +294,7 @@ bool Node::needs_plane(const Change &change)
         return false;
     if (entry.status != Status::ok)
         return true;
-    settle(change, {});
+    settle(change, plane_.confirm(change.key));
     report_soon();
     return false;
 }

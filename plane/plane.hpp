@@ -55,6 +55,9 @@ class Plane {
     // fails leaves what was programmed under its key before, and stops none of the others.
     virtual std::vector<Answer> program(std::span<const Change> changes) = 0;
 
+    // What it says of an entry that is wanted again as it has it.
+    virtual Answer confirm(const Key &) const { return {}; }
+
     // What is programmed: a plane may have outlived the node that programmed it.
     virtual std::map<Key, Installed> installed() const = 0;
 

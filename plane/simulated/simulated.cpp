@@ -118,18 +118,25 @@ Answer SimulatedPlane::make(const Change &change)
             --entries_;
         return {};
     }
-    Answer answer{.status = judge(change.key, *change.wanted)};
-    for (const Rule &rule : options_.rules) {
-        if (!rule.pattern.matches(change.key))
-            continue;
-        answer.silent = answer.silent || rule.effect == Effect::silence;
-        answer.delay += rule.delay;
-    }
+    Answer answer = confirm(change.key);
+    answer.status = judge(change.key, *change.wanted);
     if (answer.status != Status::ok)
         return answer;
     const auto [row, added] = rows_.try_emplace(change.key);
     row->second.installed = {change.wanted->request, change.wanted->fingerprint()};
     entries_ += added && is_entry(change.key) ? 1 : 0;
+    return answer;
+}
+
+Answer SimulatedPlane::confirm(const Key &key) const
+{
+    Answer answer;
+    for (const Rule &rule : options_.rules) {
+        if (!rule.pattern.matches(key))
+            continue;
+        answer.silent = answer.silent || rule.effect == Effect::silence;
+        answer.delay += rule.delay;
+    }
     return answer;
 }
 

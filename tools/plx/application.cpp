@@ -1,6 +1,7 @@
 // See application.hpp.
 #include "application.hpp"
 
+#include "names.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
 #include <algorithm>
@@ -18,17 +19,6 @@ namespace {
 
 constexpr int writes_between_pauses = 64;
 constexpr uint32_t longest_commit_s = 60; // that the library allows
-
-// Names were checked to fit when the policy was read.
-template <size_t Size> void copy_name(char (&field)[Size], const std::string &name)
-{
-    std::memcpy(field, name.c_str(), std::min(name.size(), Size - 1));
-}
-
-void copy_name(uint8_t (&priv)[FP_UDP_PRIV_SIZE], std::string_view name)
-{
-    std::memcpy(priv, name.data(), std::min(name.size(), sizeof priv));
-}
 
 std::string write_error(int32_t result)
 {
@@ -247,10 +237,11 @@ void Application::succeeded(size_t row, int answers)
         return ledger_.put_back(row);
     if (setting_)
         return ledger_.end(row, Outcome::stored, "not applied to a port");
-    if (answers > 0 && answers >= live_nodes())
+    const int expected = std::max(live_nodes(), expected_);
+    if (answers > 0 && answers >= expected)
         return ledger_.end(row, Outcome::programmed, "ok");
     ledger_.end(row, Outcome::aged,
-                std::to_string(answers) + " of " + std::to_string(live_nodes()) + " nodes answered");
+                std::to_string(answers) + " of " + std::to_string(expected) + " nodes answered" + missing(row));
 }
 
 void Application::refused(size_t row, int32_t status)
@@ -260,7 +251,78 @@ void Application::refused(size_t row, int32_t status)
         return ledger_.put_back(row);
     }
     store_lost_ = store_lost_ || (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT));
-    ledger_.end(row, Outcome::failed, setting_ ? write_error(status) : node_error(status));
+    denied_ = denied_ || (setting_ && status == TQ_MOM_DENIED);
+    const auto refuser = refusers_.find(row);
+    const std::string where = refuser == refusers_.end() || refuser->second.empty() ? "" : " on " + refuser->second;
+    ledger_.end(row, Outcome::failed, setting_ ? write_error(status) : node_error(status) + where);
+}
+
+// Heard before the library hears it.
+void Application::answered(const ProtobufCMessage *status, const std::string &node)
+{
+    const auto key = key_of(status);
+    const auto row = key ? find(*key) : std::nullopt;
+    unnamed_ = unnamed_ || node.empty();
+    if (!row || node.empty())
+        return;
+    if (number_field(status, "p_status") != 0) {
+        refusers_[*row] = node;
+        return;
+    }
+    std::vector<bool> &rows = answered_[node];
+    rows.resize(ledger_.size());
+    rows[*row] = true;
+}
+
+std::optional<size_t> Application::find(const Key &key) const
+{
+    if (const auto *ace = std::get_if<AceKey>(&key))
+        return find_ace(ace->acl, ace->sn);
+    const auto *apply = std::get_if<ApplyKey>(&key);
+    const auto row =
+        apply == nullptr ? apply_rows_.end() : apply_rows_.find({apply->acl, apply->phyid, apply->priority});
+    return row == apply_rows_.end() ? std::nullopt : std::optional(row->second);
+}
+
+// Of the nodes that lived when writing began and name themselves, those that have not answered.
+std::string Application::missing(size_t row) const
+{
+    std::vector<std::string> names;
+    for (const std::string &node : nodes_) {
+        const auto rows = answered_.find(node);
+        if (rows == answered_.end() || !rows->second[row])
+            names.push_back(node);
+    }
+    return names.empty() || unnamed_ ? "" : "; none from " + listed(names);
+}
+
+void Application::time_out()
+{
+    for (size_t row = 0; row < ledger_.size(); ++row)
+        if (ledger_.outcome(row) == Outcome::waiting)
+            ledger_.end(row, Outcome::timed_out, "no answer in time" + missing(row));
+}
+
+// What a node says that it has when it has all of the policy.
+Digest Application::digest() const
+{
+    Digest digest;
+    for (const Acl &acl : acls_) {
+        Requested bound;
+        bound.acl_cls = acl.policy->cls;
+        for (const PolicyApply *apply : acl.applies)
+            digest.add(digest_of(ApplyKey{policy_.application, apply->acl, policy_.application, apply->port,
+                                          apply->priority, apply->direction}),
+                       bound.fingerprint());
+        for (const PolicyEntry &entry : acl.policy->entries) {
+            Requested wanted;
+            wanted.value.assign(entry.attributes().begin(), entry.attributes().end());
+            wanted.priority = entry.priority;
+            wanted.default_entry = entry.is_default;
+            digest.add(digest_of(AceKey{policy_.application, acl.policy->id, entry.sn}), wanted.fingerprint());
+        }
+    }
+    return digest;
 }
 
 // ---- what the library is told ---------------------------------------------------------------------------------------
@@ -305,7 +367,7 @@ int Application::write(const std::function<void()> &pause, const std::function<b
 }
 
 // What `write` does goes to the store in groups, each before the loop is run. Refusals are told by the callbacks.
-template <typename Write> void Application::collect(const std::function<void()> &pause, Write &&write)
+void Application::collect(const std::function<void()> &pause, const std::function<void(const Breathe &)> &write)
 {
     const auto flush = [this](int32_t (*send)(void *)) {
         setting_ = true;
@@ -313,16 +375,19 @@ template <typename Write> void Application::collect(const std::function<void()> 
         setting_ = false;
     };
     (void)plx_bulk_begin(context_); // without it each goes by itself
+    struct End {                    // also where `pause` throws
+        const decltype(flush) &send;
+        ~End() { send(plx_bulk_end); }
+    } const end{flush};
     write(breathing([&] {
         flush(plx_bulk_flush);
         pause();
     }));
-    flush(plx_bulk_end);
 }
 
 void Application::write_unended(const std::function<void()> &pause, const std::function<bool()> &again)
 {
-    const auto set = [this](const auto &breathe) { set_unended(breathe); };
+    const auto set = [this](const Breathe &breathe) { set_unended(breathe); };
     collect(pause, set);
     if (!timed_out_)
         return;
@@ -360,193 +425,17 @@ void Application::set_unended(const std::function<void()> &breathe)
     }
 }
 
+int Application::begin_commit()
+{
+    return mgr_->enable_app_commit(context_, policy_.application.c_str(), longest_commit_s);
+}
+
 // The enable marker goes at the end, so that the application's next changes are not held back.
-int Application::atomically(const std::function<int()> &write)
+void Application::end_commit(bool publish)
 {
-    const char *app_type = policy_.application.c_str();
-    if (const int result = mgr_->enable_app_commit(context_, app_type, longest_commit_s); result != 0)
-        return result;
-    int result = write();
-    if (result == 0 && !store_lost_)
-        result = mgr_->publish_app_commit(context_, app_type);
-    const int disabled = mgr_->disable_app_commit(context_, app_type);
-    return result != 0 ? result : disabled;
-}
-
-// ---- only what differs ----------------------------------------------------------------------------------------------
-
-namespace {
-
-bool same(const ProtobufCBinaryData &stored, std::span<const uint8_t> wanted)
-{
-    const std::span<const uint8_t> bytes(stored.data, stored.data == nullptr ? 0 : stored.len);
-    return std::equal(bytes.begin(), bytes.end(), wanted.begin(), wanted.end());
-}
-
-// Private bytes are a name and zeros.
-bool same_name(const ProtobufCBinaryData &stored, std::string_view name)
-{
-    uint8_t priv[FP_UDP_PRIV_SIZE] = {};
-    copy_name(priv, name);
-    return same(stored, priv);
-}
-
-fp_udp_acl_info acl_of(const std::string &application, uint32_t id)
-{
-    fp_udp_acl_info acl{};
-    copy_name(acl.app_type, application);
-    acl.acl_id = id;
-    return acl;
-}
-
-} // namespace
-
-void Application::differs(size_t row, bool same)
-{
-    if (same)
-        ledger_.end(row, Outcome::unchanged, "");
-    else
-        ++changes_.changed;
-}
-
-int32_t Application::compare_acl(const SPolicy__Acl &record)
-{
-    const auto known = acl_numbers_.find(record.index->acl_id);
-    if (known == acl_numbers_.end()) {
-        fp_udp_acl_key &gone = excess_.acls.emplace_back();
-        copy_name(gone.app_type, policy_.application);
-        gone.acl_id = record.index->acl_id;
-        return 0;
-    }
-    const PolicyAcl &acl = *acls_[known->second].policy;
-    differs(acls_[known->second].row, record.acl_cls == acl.cls && same_name(record.priv, acl.name));
-    return 0;
-}
-
-int32_t Application::compare_apply(const SPolicy__Apply &record)
-{
-    const SPolicy__ApplyKey &key = *record.index;
-    const auto row = apply_rows_.find({key.acl_id, key.phyid, key.priority});
-    const Acl *acl = row == apply_rows_.end() ? nullptr : &acls_[acl_numbers_.at(key.acl_id)];
-    const bool there = acl != nullptr && policy_.application == (key.app_type == nullptr ? "" : key.app_type) &&
-                       acl->applies[row->second - acl->row - 1]->direction == key.direction;
-    if (there) {
-        differs(row->second,
-                record.acl_cls == acl->policy->cls && same(record.value, {}) && same_name(record.priv, ""));
-        return 0;
-    }
-    auto &[owner, gone] = (acl != nullptr ? excess_.turned : excess_.applies).emplace_back();
-    owner = acl_of(key.app_type == nullptr ? "" : key.app_type, key.acl_id);
-    copy_name(gone.apply_type, policy_.application);
-    gone.phyid = key.phyid;
-    gone.priority = key.priority;
-    gone.direction = key.direction;
-    return 0;
-}
-
-int32_t Application::compare_ace(const SPolicy__Ace &record)
-{
-    const auto row = find_ace(record.index->acl_id, record.index->sn);
-    if (!row) {
-        excess_.entries.emplace_back(record.index->acl_id, record.index->sn);
-        return 0;
-    }
-    const Acl &acl = acls_[acl_numbers_.at(record.index->acl_id)];
-    const PolicyEntry &entry = acl.policy->entries[*row - acl.first_entry()];
-    differs(*row, record.ace_pri == entry.priority && (record.default_ace != 0) == entry.is_default &&
-                      same(record.value, entry.attributes()) && same_name(record.priv, entry.name()));
-    return 0;
-}
-
-// A record that cannot be read is written anew where the policy has it.
-template <typename Message>
-int Application::compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &))
-{
-    struct Walk {
-        Application *self;
-        int32_t (Application::*with)(const Message &);
-    } walk{this, with};
-    const auto take = [](void *, const tq_mom_notification *found, void *arg) -> int32_t {
-        const auto &[self, compare_with] = *static_cast<Walk *>(arg);
-        const auto *record = reinterpret_cast<const Message *>(found->record);
-        return found->result != 0 || record == nullptr || record->index == nullptr ? 0 : (self->*compare_with)(*record);
-    };
-    Record selection(table);
-    selection.set_key_text(0, policy_.application.c_str());
-    return tq_mom_scan_sync(context_, db_, selection.message(), 1, take, &walk);
-}
-
-// The library must know the ACLs that its entries belong to, and that they are applied.
-void Application::know_unchanged()
-{
-    for (const Acl &acl : acls_) {
-        const fp_udp_acl_info info = acl_of(policy_.application, acl.policy->id);
-        if (ledger_.outcome(acl.row) == Outcome::unchanged)
-            fp_udp_acldb_add_acl(&info);
-        for (size_t at = 0; at < acl.applies.size(); ++at) {
-            if (ledger_.outcome(acl.row + 1 + at) != Outcome::unchanged)
-                continue;
-            const PolicyApply &bound = *acl.applies[at];
-            fp_udp_apply_info apply{};
-            copy_name(apply.apply_type, policy_.application);
-            apply.phyid = bound.port;
-            apply.pri = apply.value_pri = bound.priority;
-            apply.dir = bound.direction;
-            fp_udp_apply_node *node = nullptr;
-            fp_udp_acldb_add_apply(&info, &apply, &node);
-        }
-    }
-}
-
-// The library's deletions do not tell of a store that fails; the store client counts it.
-uint64_t Application::store_failures() const
-{
-    tq_mom_counters counters{};
-    tq_mom_counters_get(context_, &counters);
-    return std::accumulate(counters.results + 1, std::end(counters.results), uint64_t{0});
-}
-
-void Application::remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies)
-{
-    for (const auto &[acl, key] : applies) {
-        const std::unique_ptr<fp_udp_apply, void (*)(fp_udp_apply *)> gone(mgr_->alloc_apply(&key), mgr_->free_apply);
-        if (gone != nullptr)
-            mgr_->del_apply(context_, &acl, gone.get());
-    }
-}
-
-void Application::remove_excess(const std::function<void()> &breathe)
-{
-    remove(excess_.applies);
-    for (const auto &[acl, sn] : excess_.entries) {
-        fp_udp_acl_key key{};
-        copy_name(key.app_type, policy_.application);
-        key.acl_id = acl;
-        mgr_->delete_ace(context_, &key, sn);
-        breathe();
-    }
-    for (const fp_udp_acl_key &acl : excess_.acls)
-        mgr_->del_acl(context_, &acl);
-}
-
-// What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
-// direction goes first, since the library tells them apart by port and priority alone.
-int Application::write_changes(const std::function<void()> &pause, const std::function<bool()> &again)
-{
-    int result = compare(s_policy__acl__descriptor, &Application::compare_acl);
-    result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply);
-    result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace);
-    if (result != 0)
-        return result;
-    changes_.added = ledger_.count(Outcome::unwritten) - changes_.changed;
-    changes_.removed = excess_.entries.size() + excess_.applies.size() + excess_.turned.size() + excess_.acls.size();
-    const uint64_t before = store_failures();
-    remove(excess_.turned);
-    know_unchanged();
-    write_unended(pause, again);
-    if (!store_lost_)
-        collect(pause, [this](const auto &breathe) { remove_excess(breathe); });
-    return store_lost_ || store_failures() == before ? 0 : static_cast<int>(TQ_MOM_STORE_ERROR);
+    if (publish)
+        mgr_->publish_app_commit(context_, policy_.application.c_str());
+    mgr_->disable_app_commit(context_, policy_.application.c_str());
 }
 
 // ---- writing --------------------------------------------------------------------------------------------------------

@@ -5,7 +5,9 @@
 #pragma once
 
 #include "ledger.hpp"
+#include "node_watch.hpp"
 #include "policy.hpp"
+#include "records/digest.hpp"
 #include <functional>
 #include <map>
 #include <optional>
@@ -45,9 +47,9 @@ class Application {
     };
     const Changes &changes() const { return changes_; }
 
-    // Either between commit markers, so that the service nodes make all changes together. They wait for a minute at
-    // most: what takes longer, or ends in the middle, is made as it stands then.
-    int atomically(const std::function<int()> &write);
+    // The application's own commit markers around a write, for nodes that know no hold. They wait for a minute at most.
+    int begin_commit();
+    void end_commit(bool publish);
 
     // Service nodes that the library counts as alive.
     static int live_nodes() { return g_fp_service.count; }
@@ -57,6 +59,22 @@ class Application {
 
     // The store's code where what it held before was not all deleted, else 0.
     int not_swept() const { return not_swept_; }
+
+    // The store refuses the user.
+    bool denied() const { return denied_; }
+
+    // The nodes that live when writing begins: an entry is programmed when as many have confirmed it.
+    void expect(std::vector<std::string> nodes)
+    {
+        nodes_ = std::move(nodes);
+        expected_ = static_cast<int>(nodes_.size());
+    }
+    // A node's status record, before the library hears of it.
+    void answered(const ProtobufCMessage *status, const std::string &node);
+    // Ends what waits, and says whose answers are missing.
+    void time_out();
+    // What a node has that has programmed all of the policy.
+    Digest digest() const;
 
     Ledger &ledger() { return ledger_; }
 
@@ -105,12 +123,16 @@ class Application {
     void set(const PolicyApply &apply);
     void set(const PolicyAcl &acl, const PolicyEntry &entry, size_t row);
     template <typename Write> void set_row(size_t row, Write &&write);
-    template <typename Write> void collect(const std::function<void()> &pause, Write &&write);
+    using Breathe = std::function<void()>;
+    void collect(const std::function<void()> &pause, const std::function<void(const Breathe &)> &write);
 
     void succeeded(size_t row, int answers);
     void refused(size_t row, int32_t status);
     std::optional<size_t> find_ace(uint32_t acl, uint64_t sn) const;
     std::optional<size_t> find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
+
+    std::optional<size_t> find(const Key &key) const;
+    std::string missing(size_t row) const;
 
     static Application *current_;
 
@@ -123,8 +145,13 @@ class Application {
     std::map<uint32_t, size_t> acl_numbers_; // where each is in acls_
     std::map<ApplyId, size_t> apply_rows_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
-    bool store_lost_ = false;
-    bool timed_out_ = false; // a write did, which is to be made once more
+    bool store_lost_ = false, denied_ = false;
+    int expected_ = 0;
+    std::vector<std::string> nodes_;
+    bool unnamed_ = false;                              // a node answers that does not name itself
+    std::map<std::string, std::vector<bool>> answered_; // rows that a node has confirmed
+    std::map<size_t, std::string> refusers_;            // of a row, the last
+    bool timed_out_ = false;                            // a write did, which is to be made once more
     bool last_try_ = false;
     int not_swept_ = 0;
     Changes changes_;

@@ -1,6 +1,7 @@
 // See ledger.hpp.
 #include "ledger.hpp"
 
+#include "output.hpp"
 #include "records/host.hpp"
 #include <algorithm>
 #include <cstdio>
@@ -85,14 +86,6 @@ uint32_t Ledger::number_of(const std::string &status)
     return known->second;
 }
 
-void Ledger::end_waiting(Outcome outcome, const std::string &status)
-{
-    for (size_t row = 0; row < rows_.size(); ++row) {
-        if (rows_[row].outcome == Outcome::waiting)
-            end(row, outcome, status);
-    }
-}
-
 void Ledger::move(Row &row, Outcome outcome)
 {
     --counts_[static_cast<size_t>(row.outcome)];
@@ -111,14 +104,46 @@ std::string Ledger::summary() const
     return text;
 }
 
-void Ledger::print(std::ostream &out) const
+std::map<std::string, size_t> Ledger::counts() const
 {
+    std::map<std::string, size_t> named;
+    for (size_t outcome = 0; outcome < outcome_count; ++outcome)
+        if (counts_[outcome] != 0)
+            named[outcome_name(static_cast<Outcome>(outcome))] = counts_[outcome];
+    return named;
+}
+
+bool Ledger::listed(const Row &row, bool failed_only) const
+{
+    const bool good = row.outcome == Outcome::programmed || row.outcome == Outcome::stored;
+    return row.outcome != Outcome::unchanged && !(failed_only && good);
+}
+
+void Ledger::print_json(bool failed_only) const
+{
+    for (size_t row = 0; row < rows_.size(); ++row) {
+        const Row &shown = rows_[row];
+        if (!listed(shown, failed_only))
+            continue;
+        tool::Row line = {
+            {"entry", label_(row)}, {"outcome", outcome_name(shown.outcome)}, {"status", statuses_[shown.status]}};
+        if (shown.begun_us != 0 && ended(shown.outcome))
+            line["took_us"] = shown.took_us;
+        output().line("entry", std::move(line));
+    }
+}
+
+void Ledger::print(std::ostream &out, bool failed_only) const
+{
+    if (output().json())
+        return print_json(failed_only);
     size_t entry_width = 5;
     size_t status_width = 6;
-    if (!rows_.empty() && count(Outcome::unchanged) == rows_.size())
+    if (!rows_.empty() &&
+        std::none_of(rows_.begin(), rows_.end(), [&](const Row &row) { return listed(row, failed_only); }))
         return;
     for (size_t row = 0; row < rows_.size(); ++row) {
-        if (rows_[row].outcome == Outcome::unchanged)
+        if (!listed(rows_[row], failed_only))
             continue;
         entry_width = std::max(entry_width, label_(row).size());
         status_width = std::max(status_width, statuses_[rows_[row].status].size());
@@ -137,7 +162,7 @@ void Ledger::print(std::ostream &out) const
     print_line("ENTRY", "OUTCOME", "STATUS", "TIME");
     for (size_t row = 0; row < rows_.size(); ++row) {
         const Row &shown = rows_[row];
-        if (shown.outcome == Outcome::unchanged)
+        if (!listed(shown, failed_only))
             continue;
         const bool timed = shown.begun_us != 0 && ended(shown.outcome);
         print_line(label_(row), outcome_name(shown.outcome), statuses_[shown.status],

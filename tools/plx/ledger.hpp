@@ -39,16 +39,16 @@ class Ledger {
     void put_back(size_t row) { move(rows_[row], Outcome::unwritten); }
     // The first end of a row since it was begun is the one that counts.
     void end(size_t row, Outcome outcome, const std::string &status);
-    // Ends every row that waits.
-    void end_waiting(Outcome outcome, const std::string &status);
 
     Outcome outcome(size_t row) const { return rows_[row].outcome; }
     size_t count(Outcome outcome) const { return counts_[static_cast<size_t>(outcome)]; }
     size_t size() const { return rows_.size(); }
     // "60 programmed, 3 failed": outcomes that some row has.
     std::string summary() const;
-    // All rows but the unchanged.
-    void print(std::ostream &out) const;
+    // All rows but the unchanged; with --json as lines of type "entry".
+    void print(std::ostream &out, bool failed_only = false) const;
+    // The outcomes that some row has, by name.
+    std::map<std::string, size_t> counts() const;
 
   private:
     struct Row {
@@ -58,6 +58,8 @@ class Ledger {
         Outcome outcome : 8 = Outcome::unwritten;
     };
 
+    bool listed(const Row &row, bool failed_only) const;
+    void print_json(bool failed_only) const;
     void move(Row &row, Outcome outcome);
     uint32_t number_of(const std::string &status);
 

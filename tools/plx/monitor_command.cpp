@@ -5,6 +5,7 @@
 #include "records/status.hpp"
 #include "rows.hpp"
 #include "signals.hpp"
+#include "store_watch.hpp"
 
 #include <deque>
 #include <iostream>
@@ -70,6 +71,7 @@ int MonitorRun::run()
     const StopOnSignal stop(context_->master);
     if (const int result = subscribe(); result != 0)
         return tell_store_error("store", result);
+    const StoreWatch lost(context_.get(), options_.db, [](const std::string &text) { output().note(text); });
     output().note("watching " + std::to_string(feeds_.size()) + " tables");
     tq_loop_run(context_->master);
     return EXIT_DONE;

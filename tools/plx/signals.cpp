@@ -48,7 +48,8 @@ void StopOnSignal::on_signal(tq_loop_watch *, int fd, int, void *arg)
         return;
     if (info.ssi_signo == SIGHUP)
         return self->again_();
-    self->asked_ = true;
+    if (self->signal_ == 0)
+        self->signal_ = static_cast<int>(info.ssi_signo);
     tq_loop_stop(self->master_);
 }
 

@@ -16,7 +16,8 @@ class StopOnSignal {
     StopOnSignal(const StopOnSignal &) = delete;
     StopOnSignal &operator=(const StopOnSignal &) = delete;
 
-    bool asked() const { return asked_; }
+    bool asked() const { return signal_ != 0; }
+    int signal() const { return signal_; } // the first that asked; 0: none
 
   private:
     static void on_signal(tq_loop_watch *watch, int fd, int events, void *arg);
@@ -25,7 +26,7 @@ class StopOnSignal {
     std::function<void()> again_;
     int fd_;
     tq_loop_watch *watch_;
-    bool asked_ = false;
+    int signal_ = 0;
 };
 
 } // namespace plx::tool

@@ -1,0 +1,516 @@
+// See apply_run.hpp.
+#include "apply_run.hpp"
+
+#include "output.hpp"
+#include "record_options.hpp"
+
+#include <csignal>
+#include <iostream>
+#include <plx/plx_node.pb-c.h>
+#include <tq_mom.h>
+
+namespace plx::tool {
+
+namespace {
+
+// A live node writes its record every 5 seconds.
+constexpr milliseconds heartbeat_heard{6500};
+
+// What may pass when a server starts or comes back. A refusal does not.
+bool may_pass(int result)
+{
+    return result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT || result == TQ_MOM_LOADING;
+}
+
+} // namespace
+
+int ApplyRun::run()
+{
+    policy_.application = options_.rollback_app;
+    if (!options_.rollback && !read(policy_))
+        return EXIT_BAD_FILE;
+    loop_.reset(tq_loop_new());
+    if (loop_ != nullptr)
+        stop_.emplace(loop_.get());
+    try {
+        if (const int code = open_store(); code != EXIT_DONE)
+            return code;
+        if (const int code = prepare(); code != EXIT_DONE)
+            return code;
+    } catch (const Interrupted &) {
+        return fail(stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED, "interrupted; nothing was written");
+    }
+    if (options_.rollback)
+        return roll_back();
+    Application application(context_.get(), options_.db, policy_);
+    nodes_.emplace(
+        context_.get(), options_.db, policy_.application,
+        [&](const ProtobufCMessage *status, const std::string &node) { application.answered(status, node); });
+    try {
+        return apply(application);
+    } catch (const Interrupted &) {
+        return interrupted(application);
+    }
+}
+
+int ApplyRun::prepare()
+{
+    policies_.emplace(context_.get(), options_.db, policy_.application);
+    if (options_.embedded())
+        return EXIT_DONE;
+    store_watch_.emplace(context_.get(), options_.db, [this](const std::string &text) { say(text); });
+    if (const int code = take_lock(); code != EXIT_DONE)
+        return code;
+    return take_back_what_was_left();
+}
+
+// Nodes start after the library listens: it hears of them at once, not at their second sign of life.
+int ApplyRun::apply(Application &application)
+{
+    if (const int result = nodes_->start(); result != 0)
+        return fail_store("store", result);
+    if (const int result = application.start(); result != 0)
+        return fail(EXIT_UNREACHABLE, "cannot register with the library: result " + std::to_string(result));
+    if (const int code = start_nodes(); code != EXIT_DONE)
+        return code;
+    if (const int code = wait_for_nodes(application); code != EXIT_DONE)
+        return code;
+    if (const int code = keep_policy(); code != EXIT_DONE)
+        return code;
+    const int result = options_.atomic ? write_held(application) : write(application);
+    if (!undone_)
+        wait_for_outcomes(application);
+    return report(application, result);
+}
+
+void ApplyRun::say(const std::string &message)
+{
+    progress_.clear();
+    output().note(message);
+}
+
+int ApplyRun::fail(int exit_code, const std::string &message)
+{
+    progress_.clear();
+    return output().error(exit_code, message);
+}
+
+int ApplyRun::fail_store(const std::string &what, int result)
+{
+    progress_.clear();
+    return tell_store_error(what, result);
+}
+
+bool ApplyRun::read(Policy &policy)
+{
+    Errors errors;
+    const std::string file = options_.file == "-" ? "/dev/stdin" : options_.file;
+    if (auto checked = read_policy(file, errors))
+        policy = std::move(*checked);
+    tell(errors, options_.file);
+    if (!errors.empty())
+        say("nothing was written: " + std::to_string(errors.size()) + (errors.size() == 1 ? " error" : " errors") +
+            " in the policy");
+    return errors.empty();
+}
+
+// ---- the store ------------------------------------------------------------------------------------------------------
+
+int ApplyRun::open_store()
+{
+    if (loop_ != nullptr)
+        context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
+    if (context_ == nullptr)
+        return tell_no_context(options_.store);
+    const int result = connect();
+    return result == 0 ? EXIT_DONE : fail_store("store " + shown_address(options_.store), result);
+}
+
+// A store that is not there yet is waited for.
+int ApplyRun::connect()
+{
+    const milliseconds give_up = now() + options_.wait();
+    int told = 0;
+    for (;;) {
+        const int result = tq_mom_client_connect_sync(context_.get(), options_.db);
+        if (!may_pass(result) || now() >= give_up)
+            return result;
+        if (result != told)
+            say("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
+        told = result;
+        turn(give_up);
+    }
+}
+
+int ApplyRun::take_lock()
+{
+    lock_.emplace(context_.get(), options_.db, policy_.application, std::chrono::seconds(options_.lock_s));
+    constexpr milliseconds between_tries{250};
+    const milliseconds give_up = now() + options_.wait_lock();
+    bool told = false;
+    for (;;) {
+        if (const int result = lock_->take(); result != 0)
+            return fail_store("nothing was written: the lock of " + policy_.application, result);
+        if (lock_->held())
+            return EXIT_DONE;
+        if (now() >= give_up && !lock_->next())
+            return fail(EXIT_LOCKED,
+                        "nothing was written: " + policy_.application + " is being written by " + lock_->other());
+        if (!told && !lock_->next())
+            say("waiting for " + lock_->other() + ", which writes " + policy_.application);
+        told = told || !lock_->next();
+        for (const milliseconds next = now() + between_tries; now() < next;)
+            turn(next);
+    }
+}
+
+// An apply that died left its application held: who has the lock now may know that nobody else will end it.
+int ApplyRun::take_back_what_was_left()
+{
+    std::optional<uint32_t> slot;
+    if (const int result = policies_->held(slot); result != 0)
+        return fail_store("nothing was written: store", result);
+    if (!slot)
+        return EXIT_DONE;
+    holding_ = true;
+    return put_back(*slot, "an apply that did not end left its changes behind");
+}
+
+// The copy is what a hold keeps nodes to, and what --rollback goes back to.
+int ApplyRun::keep_policy()
+{
+    if (options_.embedded() && !options_.atomic)
+        return EXIT_DONE;
+    std::optional<uint32_t> used;
+    int result = policies_->kept(used);
+    result = result != 0 ? result : policies_->keep(used, options_.atomic, copy_);
+    if (result == 0 && copy_)
+        result = policies_->set_kept(*copy_);
+    if (result != 0)
+        return fail_store("nothing was written: the policy before cannot be kept: store", result);
+    if (!copy_)
+        say("what the store holds is too much to be kept: this cannot be rolled back");
+    return EXIT_DONE;
+}
+
+// Under a hold, so that nodes never see it half put back.
+int ApplyRun::put_back(uint32_t slot, const std::string &why)
+{
+    size_t changes = 0;
+    int result = holding_ ? 0 : policies_->hold(slot);
+    holding_ = true;
+    result = result != 0 ? result : policies_->put_back(slot, changes);
+    result = result != 0 ? result : policies_->release();
+    if (result != 0)
+        return fail_store(
+            why + "; the nodes keep to the policy before, but the tables are not put back: apply again: store", result);
+    holding_ = false;
+    say(why + ": the policy before is put back, " + std::to_string(changes) + " records changed");
+    return EXIT_DONE;
+}
+
+int ApplyRun::roll_back()
+{
+    std::optional<uint32_t> before;
+    int result = policies_->kept(before);
+    if (result != 0)
+        return fail_store("store", result);
+    if (!before)
+        return fail(EXIT_USAGE, "the store keeps no policy of " + policy_.application + " to go back to");
+    result = policies_->keep(before, true, copy_);
+    if (result != 0)
+        return fail_store("nothing was written: store", result);
+    nodes_.emplace(context_.get(), options_.db, policy_.application, [](auto &&...) {});
+    try {
+        if (result = nodes_->start(); result != 0)
+            return fail_store("nothing was written: store", result);
+        wait_for_life(nodes_->recorded(), milliseconds(0), [this] { return nodes_->alive().size(); });
+        if (const int code = put_back(*before, "rolled back"); code != EXIT_DONE)
+            return code;
+        policies_->set_kept(*copy_);
+        wait_for_policy_before();
+    } catch (const Interrupted &) {
+        return stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED;
+    }
+    return tell_missing_nodes() ? EXIT_NO_ANSWER : EXIT_DONE;
+}
+
+// ---- service nodes --------------------------------------------------------------------------------------------------
+
+// "2:silent" is for the second node.
+static bool simulate(const std::string &text, std::vector<plane::SimulatedOptions> &nodes)
+{
+    const size_t colon = text.find(':');
+    const std::string number = text.substr(0, colon);
+    if (colon == std::string::npos || number.empty() || number.find_first_not_of("0123456789") != std::string::npos ||
+        number.size() > 4)
+        return false;
+    const size_t node = std::stoul(number);
+    return node >= 1 && node <= nodes.size() && nodes[node - 1].add(std::string_view(text).substr(colon + 1));
+}
+
+int ApplyRun::start_nodes()
+{
+    if (!options_.embedded())
+        return EXIT_DONE;
+    std::vector<plane::SimulatedOptions> nodes(std::max(options_.nodes, 1U));
+    for (size_t node = 0; node < std::min(nodes.size(), options_.table_sizes.size()); ++node)
+        nodes[node].table_size = options_.table_sizes[node];
+    for (const std::string &text : options_.simulate) {
+        if (!simulate(text, nodes))
+            return fail(EXIT_USAGE, "--simulate: '" + text + "' is not NODE:WHAT; see plx apply --help");
+    }
+    plane::NodeOptions node_options;
+    node_options.db = options_.db;
+    fleet_ = std::make_unique<plane::Fleet>(options_.store, loop_.get(), node_options);
+    for (plane::SimulatedOptions &node : nodes) {
+        if (const int result = fleet_->add(std::move(node)); result != 0)
+            return fail(EXIT_UNREACHABLE, std::string("cannot start a node: ") + tq_mom_strerror(result));
+    }
+    return EXIT_DONE;
+}
+
+// Those that live show it at once. One that does not understand, or where this may not be written, is heard of at its
+// next sign of life.
+void ApplyRun::call_nodes()
+{
+    Record call(plx_node__node_call__descriptor);
+    call.set_number("number", now_us());
+    tq_mom_set_sync(context_.get(), options_.db, call.message());
+}
+
+// Asks who lives, and waits until as many do. A live node is heard within a heartbeat.
+size_t ApplyRun::wait_for_life(size_t expected, milliseconds longest, const std::function<size_t()> &live)
+{
+    const auto count = [&] { return std::to_string(live()) + " of " + std::to_string(expected); };
+    const milliseconds give_up = now() + std::max(heartbeat_heard, longest);
+    call_nodes();
+    const milliseconds soon = std::min(give_up, now() + milliseconds(500));
+    while (live() < expected && now() < soon)
+        turn(soon);
+    if (!options_.embedded() && live() < expected)
+        say("waiting for service nodes to show that they live: " + count());
+    while (live() < expected && now() < give_up) {
+        progress_.show([&] { return "service nodes: " + count(); });
+        turn(give_up);
+    }
+    return live();
+}
+
+// An outcome needs as many answers as the library knows nodes when it comes, so they must be known first.
+int ApplyRun::wait_for_nodes(Application &application)
+{
+    const bool given = options_.nodes != 0 || options_.embedded();
+    const size_t expected = options_.embedded() ? fleet_->size() : given ? options_.nodes : nodes_->recorded();
+    const size_t live = wait_for_life(expected, given ? options_.wait() : milliseconds(0),
+                                      [] { return static_cast<size_t>(Application::live_nodes()); });
+    if (given && live < expected)
+        return fail(EXIT_NO_ANSWER, "only " + std::to_string(live) + " of " + std::to_string(expected) +
+                                        " service nodes are alive; nothing was written");
+    if (live == 0)
+        say("no service node is alive: until one comes, nobody confirms what is written");
+    application.expect(nodes_->alive());
+    return EXIT_DONE;
+}
+
+// Whether any that is expected is not there, or has not what it should. A node that was silent from the beginning is
+// expected where no number was given.
+bool ApplyRun::tell_missing_nodes()
+{
+    const NodeWatch::Names vanished = nodes_->vanished();
+    const NodeWatch::Names silent = options_.nodes == 0 ? nodes_->silent() : NodeWatch::Names();
+    const auto told = [this](const NodeWatch::Names &names, const std::string &what) {
+        if (!names.empty())
+            fail(EXIT_NO_ANSWER, what + ": " + listed(names));
+    };
+    told(silent, "service nodes that have a record and show no life");
+    told(vanished, "service nodes that went away meanwhile");
+    told(without_, "service nodes that do not say that they have what was asked for");
+    return !vanished.empty() || !silent.empty() || !without_.empty();
+}
+
+// ---- the policy -----------------------------------------------------------------------------------------------------
+
+// Handles what is due on the loop, waiting a moment for it at most.
+void ApplyRun::turn(milliseconds until)
+{
+    const auto left = std::max(until - now(), milliseconds(0));
+    tq_loop_run_once(loop_.get(), static_cast<int>(std::min(left, milliseconds(50)).count()));
+    if (stop_->asked())
+        throw Interrupted();
+}
+
+static std::string progress_text(Application &application)
+{
+    return std::to_string(Application::live_nodes()) + " nodes: " + application.ledger().summary();
+}
+
+uint64_t ApplyRun::delivered()
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context_.get(), &counters);
+    return counters.delivered;
+}
+
+// Hears all that has come: the more nodes answer, the further would fall behind who hears a part of it at a time. Nodes
+// on this loop take a turn of it to answer.
+void ApplyRun::catch_up()
+{
+    constexpr int quiet_turns = 2;
+    for (int quiet = 0; quiet < quiet_turns; ++quiet) {
+        const uint64_t before = delivered();
+        turn(now());
+        if (delivered() != before)
+            quiet = -1;
+    }
+}
+
+int ApplyRun::write(Application &application)
+{
+    const auto pause = [&] {
+        catch_up();
+        progress_.show([&] { return progress_text(application); });
+    };
+    const auto again = [&] { return connect() == 0; };
+    return options_.changes_only ? application.write_changes(pause, again) : application.write(pause, again);
+}
+
+// The nodes keep to the copy until all is written and released; what is refused then, or not confirmed, is undone.
+int ApplyRun::write_held(Application &application)
+{
+    int result = policies_->hold(*copy_);
+    if (result != 0)
+        return result;
+    holding_ = true;
+    application.begin_commit();
+    result = write(application);
+    const bool whole = result == 0 && !application.store_lost() && application.ledger().count(Outcome::failed) == 0;
+    application.end_commit(whole);
+    if (whole) {
+        result = policies_->release();
+        holding_ = result != 0;
+    }
+    if (whole && result == 0)
+        wait_for_outcomes(application);
+    const Ledger &ledger = application.ledger();
+    const size_t failures =
+        ledger.count(Outcome::failed) + ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out);
+    if (whole && result == 0 && failures == 0 && without_.empty())
+        return 0;
+    undone_ = true;
+    if (application.store_lost() || put_back(*copy_, "not all of it could be made") != EXIT_DONE)
+        return result != 0 ? result : static_cast<int>(TQ_MOM_DISCONNECTED);
+    wait_for_policy_before();
+    return result;
+}
+
+void ApplyRun::wait_for_policy_before()
+{
+    Digest wanted;
+    if (policies_->digest(wanted, false) != 0)
+        return;
+    wait_for_reports(wanted);
+    if (without_.empty())
+        say("the policy before is in force on " + (nodes_->alive().empty() ? "no node" : listed(nodes_->alive())));
+}
+
+void ApplyRun::wait_for_outcomes(Application &application)
+{
+    Ledger &ledger = application.ledger();
+    const milliseconds give_up = now() + options_.timeout();
+    while (ledger.count(Outcome::waiting) != 0 && now() < give_up) {
+        progress_.show([&] { return progress_text(application); });
+        turn(give_up);
+    }
+    application.time_out();
+    progress_.clear();
+    Digest wanted = application.digest();
+    const bool all = ledger.count(Outcome::failed) + ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) +
+                         ledger.count(Outcome::unwritten) ==
+                     0;
+    if (all && application.not_swept() == 0 && policies_->digest(wanted, true) == 0)
+        wait_for_reports(wanted);
+}
+
+// What was removed has no answer of its own: a node's report tells that it is gone. It is waited for as long as reports
+// change.
+void ApplyRun::wait_for_reports(const Digest &wanted)
+{
+    const milliseconds begun = now(), give_up = begun + options_.timeout();
+    for (;;) {
+        without_ = nodes_->without(wanted);
+        if (without_.empty() || now() >= std::min(give_up, std::max(begun, nodes_->last_change()) + heartbeat_heard))
+            return;
+        progress_.show([&] { return "waiting for " + listed(without_) + " to have all"; });
+        turn(give_up);
+    }
+}
+
+// ---- the end --------------------------------------------------------------------------------------------------------
+
+int ApplyRun::interrupted(Application &application)
+{
+    const int code = stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED;
+    const Ledger &ledger = application.ledger();
+    const size_t written = ledger.size() - ledger.count(Outcome::unwritten) - ledger.count(Outcome::unchanged);
+    stop_.reset(); // what follows is short, and ends by itself
+    progress_.clear();
+    ledger.print(std::cout);
+    std::cout.flush();
+    if (holding_ && copy_) {
+        application.end_commit(false);
+        if (put_back(*copy_, "interrupted") != EXIT_DONE)
+            return code;
+        return fail(code, "interrupted; of the new policy nothing is left in the store");
+    }
+    return fail(code, "interrupted: " + std::to_string(written) + " of " + std::to_string(ledger.size()) +
+                          " records are written and stay in the store" +
+                          (ledger.count(Outcome::unwritten) != 0 ? ", and so does what it held before" : ""));
+}
+
+int ApplyRun::report(Application &application, int result)
+{
+    const Ledger &ledger = application.ledger();
+    progress_.clear();
+    ledger.print(std::cout, options_.failed_only);
+    const Application::Changes &changes = application.changes();
+    Row &summary = output().summary();
+    for (const auto &[name, count] : ledger.counts())
+        summary[name] = count;
+    summary["simulated"] = options_.embedded();
+    summary["nodes"] = nodes_->alive();
+    if (options_.changes_only)
+        summary.update({{"added", changes.added}, {"changed", changes.changed}, {"removed", changes.removed}});
+    if (!options_.json && options_.changes_only)
+        std::cout << changes.added << " added, " << changes.changed << " changed, " << changes.removed << " removed, "
+                  << ledger.count(Outcome::unchanged) << " unchanged\n";
+    if (!options_.json)
+        std::cout << ledger.summary() << (options_.embedded() ? "; simulated service nodes: " : "; service nodes: ")
+                  << Application::live_nodes() << std::endl;
+    return exit_code(application, result);
+}
+
+int ApplyRun::exit_code(Application &application, int result)
+{
+    const Ledger &ledger = application.ledger();
+    if (application.store_lost())
+        return fail(EXIT_UNREACHABLE, holding_
+                                          ? "the store went away; the nodes keep to the policy before: apply again"
+                                          : "the store went away; what it held of this policy before is not swept");
+    if (result != 0)
+        return fail(may_pass(result) || result == TQ_MOM_DENIED ? EXIT_UNREACHABLE : EXIT_SOME_FAILED,
+                    std::string("cannot replace what the store held before: ") + tq_mom_strerror(result));
+    const int not_swept = application.not_swept();
+    if (not_swept != 0)
+        say(std::string("what the store held of this policy before is not all deleted: ") + tq_mom_strerror(not_swept) +
+            "; apply it once more");
+    if (application.denied())
+        return fail(EXIT_UNREACHABLE, std::string("store: ") + tq_mom_strerror(TQ_MOM_DENIED));
+    if (ledger.count(Outcome::failed) != 0)
+        return EXIT_SOME_FAILED;
+    if (tell_missing_nodes() || ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) != 0)
+        return EXIT_NO_ANSWER;
+    return not_swept != 0 ? EXIT_NOT_SWEPT : EXIT_DONE;
+}
+
+} // namespace plx::tool

@@ -1,0 +1,74 @@
+// One run of `plx apply`: the store, the lock, the nodes, the policy, and what became of it.
+//
+// The steps stand in run(). What is waited for is waited for in turns of the event loop, each of which ends the run by
+// an exception when a signal asks for it: what was held is then put back.
+#pragma once
+
+#include "application.hpp"
+#include "apply_lock.hpp"
+#include "apply_options.hpp"
+#include "node_watch.hpp"
+#include "plane/simulated/fleet.hpp"
+#include "policy_store.hpp"
+#include "progress.hpp"
+#include "signals.hpp"
+#include "store_watch.hpp"
+
+namespace plx::tool {
+
+class ApplyRun {
+  public:
+    explicit ApplyRun(const ApplyOptions &options) : options_(options) {}
+    int run();
+
+  private:
+    struct Interrupted {};
+
+    int prepare();
+    int apply(Application &application);
+    bool read(Policy &policy);
+    int open_store();
+    int connect();
+    int take_lock();
+    int keep_policy();
+    int take_back_what_was_left();
+    int roll_back();
+    int start_nodes();
+    void call_nodes();
+    size_t wait_for_life(size_t expected, milliseconds longest, const std::function<size_t()> &live);
+    int wait_for_nodes(Application &application);
+    uint64_t delivered();
+    void catch_up();
+    int write(Application &application);
+    int write_held(Application &application);
+    int put_back(uint32_t slot, const std::string &why);
+    void wait_for_outcomes(Application &application);
+    void wait_for_reports(const Digest &wanted);
+    void wait_for_policy_before();
+    int report(Application &application, int result);
+    int exit_code(Application &application, int result);
+    int interrupted(Application &application);
+    bool tell_missing_nodes();
+    void turn(milliseconds until);
+    void say(const std::string &message);
+    int fail(int exit_code, const std::string &message);
+    int fail_store(const std::string &what, int result);
+
+    const ApplyOptions &options_;
+    Policy policy_;
+    Loop loop_;
+    Context context_;
+    std::optional<StopOnSignal> stop_;
+    std::optional<StoreWatch> store_watch_;
+    std::optional<ApplyLock> lock_;
+    std::optional<PolicyStore> policies_;
+    std::optional<NodeWatch> nodes_;
+    std::unique_ptr<plane::Fleet> fleet_;
+    Progress progress_;
+    std::optional<uint32_t> copy_; // of what was there before
+    bool holding_ = false;
+    bool undone_ = false;
+    NodeWatch::Names without_; // nodes that do not say that they have what they should
+};
+
+} // namespace plx::tool

@@ -1,0 +1,48 @@
+// An application's records in the store as a whole: kept aside before they are written, held, put back.
+//
+// Keeping writes the copy that is not in use, so that who dies in the middle of it leaves the last one whole. While the
+// application is held (records/policy_copy.hpp) nodes keep to the copy, whatever happens to the tables and to us.
+#pragma once
+
+#include "records/digest.hpp"
+#include "records/host.hpp"
+#include <optional>
+#include <string>
+
+namespace plx::tool {
+
+class PolicyStore {
+  public:
+    // More records than this are not kept but for a hold.
+    static constexpr size_t most_kept = 100'000;
+
+    // The context outlives it.
+    PolicyStore(tq_context *context, uint32_t db, std::string app) : context_(context), db_(db), app_(std::move(app)) {}
+
+    // All results are the store client's.
+
+    // The copy's slot when the application is held: by an apply that died, if by nobody else.
+    int held(std::optional<uint32_t> &slot) const;
+    // Copies the tables as they are, into the slot that is not `used`; nullopt when there are too many.
+    int keep(std::optional<uint32_t> used, bool however_many, std::optional<uint32_t> &slot);
+    // Which copy is the policy before the last.
+    int kept(std::optional<uint32_t> &slot) const;
+    int set_kept(uint32_t slot);
+
+    int hold(uint32_t slot);
+    int release(); // from here on the tables are the policy
+    // Makes the tables what the copy has, under new requests. Only what differs is written; `changes` counts it.
+    int put_back(uint32_t slot, size_t &changes);
+    // Adds what nodes have that have programmed all that the tables ask for; or of those tables alone that are not kept.
+    int digest(Digest &digest, bool others_alone) const;
+
+  private:
+    int write(uint32_t slot, uint32_t part, const struct CopyPart &records);
+    int clear(uint32_t slot);
+
+    tq_context *context_;
+    uint32_t db_;
+    std::string app_;
+};
+
+} // namespace plx::tool
