@@ -93,7 +93,7 @@ int exit_code_of(const Answer &answer)
 {
     switch (answer.status) {
     case SSAT_OK:
-        return EXIT_DONE;
+        return answer.cut ? EXIT_NO_OUTPUT : EXIT_DONE;
     case SSAT_FAILED:
         return EXIT_SOME_FAILED;
     case SSAT_USAGE:

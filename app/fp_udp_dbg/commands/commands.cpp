@@ -85,7 +85,10 @@ int on_set_zlog_level(int argc, const ssat_value *argv)
 struct acl_filter {
     const char *app_type;
     uint32_t acl_id;
+    bool failed_before; // an output that was not this command's
 
+    // What follows would not be kept.
+    bool output_full() const { return !failed_before && std::ferror(stdout) != 0; }
     bool takes(const fp_udp_acl_info &acl) const
     {
         if (std::strcmp(app_type, "all") == 0)
@@ -120,14 +123,18 @@ void print_apply(const fp_udp_apply_info &apply)
 int32_t dump_acl(fp_udp_acl_node *node, void *arg)
 {
     const fp_udp_acl_info &acl = node->acl;
-    if (!static_cast<const acl_filter *>(arg)->takes(acl))
+    const auto &filter = *static_cast<const acl_filter *>(arg);
+    if (!filter.takes(acl) || filter.output_full())
         return 0;
     std::printf("\n>>acl info\n");
     std::printf("    app_type : %-22s, acl_id : %-4d, stat : %-2d, uuid : %llu\n", acl.app_type,
                 static_cast<int32_t>(acl.acl_id), acl.stat, static_cast<unsigned long long>(acl.uuid));
     std::printf("    >>ace info\n");
-    for (const fp_udp_ace_node &ace : elements<fp_udp_ace_node>(node->ace_list))
+    for (const fp_udp_ace_node &ace : elements<fp_udp_ace_node>(node->ace_list)) {
+        if (filter.output_full())
+            return 0;
         print_ace(ace.ace);
+    }
     std::printf("    >>apply info\n");
     for (const fp_udp_apply_node &apply : elements<fp_udp_apply_node>(node->apply_list))
         print_apply(apply.apply);
@@ -139,7 +146,7 @@ int fp_udp_dump_acl(int argc, const ssat_value *argv)
 {
     if (!complete(argc, argv, 2, "fp_udp_dump_acl"))
         return FP_UDP_INVALID;
-    acl_filter filter = {argv[0].s, static_cast<uint32_t>(argv[1].d)};
+    acl_filter filter = {argv[0].s, static_cast<uint32_t>(argv[1].d), std::ferror(stdout) != 0};
     if (filter.app_type == nullptr)
         return 0;
     if (strnlen(filter.app_type, FP_UDP_APP_TYPE_SIZE) == FP_UDP_APP_TYPE_SIZE) {
