@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """bench_scale: a policy of many entries on its way: the tool, a Redis server, and service nodes.
 
-    bench_scale [--entries N[,N...]] [--nodes N] [--durable]
+    bench_scale [--entries N[,N...]] [--nodes N] [--applications N] [--durable]
 
 The server keeps nothing on disk but with --durable: then every write is there before it is acknowledged, as with the
 configuration that is shipped. Times are CPU time of whole processes, memory is resident memory, both for each entry. 10,000 and 100,000 entries when
-not told otherwise; a million takes minutes. Fails when a goal is missed by more than its margin.
+not told otherwise; a million takes minutes. With --applications so many processes write at once, each an application of its own. Fails when a goal is missed by more than its margin.
 """
 import os
 import shutil
@@ -24,9 +24,9 @@ def option(name, default):
     return sys.argv[sys.argv.index(name) + 1] if name in sys.argv else default
 
 
-def policy(path, entries):
+def policy(path, entries, application="scale"):
     with open(path, "w") as out:
-        out.write("application: scale\nacls:\n- id: 1\n  class: 1\n  entries:\n")
+        out.write(f"application: {application}\nacls:\n- id: 1\n  class: 1\n  entries:\n")
         for i in range(entries):
             out.write(f"  - {{sn: {i + 1}, priority: {i % 1000}, match: {{etype: ipv4, ipv4_src: "
                       f"{10 + (i >> 16)}.{i >> 8 & 255}.{i & 255}.0/24, ipv4_proto: tcp, "
@@ -115,6 +115,25 @@ class Place:
         each = [1e6 * time_used / self.entries for time_used in used]
         return [each[0], each[1], sum(each[2:])], usage.ru_maxrss * 1024, seconds
 
+    def apply_at_once(self, applications):
+        """The same CPU times for so many processes, each with the policy of an application of its own."""
+        files = [f"{self.directory}/policy{i}" for i in range(applications)]
+        for i, file in enumerate(files):
+            policy(file, self.entries, f"scale{i}")
+        beside = [self.server] + self.nodes
+        before = [each.cpu() for each in beside]
+        command = [PLX, "apply", "--store", self.store, "--nodes", str(len(self.nodes))]
+        children = [subprocess.Popen(command + [file], stdout=subprocess.DEVNULL) for file in files]
+        used = 0
+        for child in children:
+            _, status, usage = os.wait4(child.pid, 0)
+            used += usage.ru_utime + usage.ru_stime
+            if status != 0:
+                print(f"  plx apply ended with {os.waitstatus_to_exitcode(status)}")
+        times = [used] + [each.cpu() - then for each, then in zip(beside, before)]
+        each = [1e6 * time_used / self.entries / applications for time_used in times]
+        return [each[0], each[1], sum(each[2:])]
+
     def end(self):
         for each in self.nodes + [self.server]:
             each.end()
@@ -175,6 +194,12 @@ def measure(goals, entries, nodes):
 
 def main():
     goals = Goals()
+    applications = int(option("--applications", "0"))
+    if applications > 0:
+        place = Place(int(option("--entries", "1000")), int(option("--nodes", "1")))
+        cpu_rows(goals, f"{applications} applications at once", place.apply_at_once(applications))
+        place.end()
+        return 0
     sizes = [int(size) for size in option("--entries", "10000,100000").split(",")]
     written = [measure(goals, size, int(option("--nodes", "1"))) for size in sizes]
     if len(written) > 1:

@@ -36,6 +36,12 @@ void redis_audience::deliver(uint64_t number, const change &change, size_t &told
     }
 }
 
+bool redis_audience::wants(std::string_view key) const
+{
+    return std::any_of(subscribers.begin(), subscribers.end(),
+                       [key](const auto &each) { return each.range.contains(key); });
+}
+
 bool redis_audience::set_aside(int result)
 {
     if (result != TQ_MOM_CORRUPT && result != TQ_MOM_DENIED && result != TQ_MOM_NEWER_FORMAT)
@@ -50,12 +56,14 @@ redis_audience &redis_delivery::add(redis_table &table)
     return *audiences_.emplace_back(std::make_unique<redis_audience>(redis_audience{table, {}, {}}));
 }
 
+// What nobody here selects, as most is where many applications share a table, is passed over.
 void redis_delivery::put(redis_audience &to, const log_entry &entry)
 {
     const bool echo = entry.writer == calls_.writer().name;
     for (const auto &[key, body, deleted] : entry.changes)
-        put({to, deleted ? change_kind::deleted : change_kind::written, entry.number, std::string(key),
-             std::string(deleted ? "" : body), echo});
+        if (to.wants(key))
+            put({to, deleted ? change_kind::deleted : change_kind::written, entry.number, std::string(key),
+                 std::string(deleted ? "" : body), echo});
 }
 
 void redis_delivery::put(queued &&change)

@@ -43,6 +43,8 @@ struct redis_audience {
     /// Tells the subscribers from number `told` on, which counts them. What leaves it by exception was not told to that
     /// one.
     void deliver(uint64_t number, const change &change, size_t &told);
+    /// Whether any of them selects the record.
+    bool wants(std::string_view key) const;
     /// False where `result` is no reason to; else the table is not read until `aside` is taken back.
     bool set_aside(int result);
 
