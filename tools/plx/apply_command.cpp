@@ -87,6 +87,13 @@ void add_apply_command(CLI::App &app, int &exit_code)
             "back")
         ->needs(type)
         ->excludes(file);
+    auto *plan = command->add_option("--plan", options->plan, "apply what plx diff -o has written, and nothing else")
+                     ->excludes(file)
+                     ->excludes("--rollback");
+    command
+        ->add_flag("--dry-run", options->dry_run,
+                   "write nothing: show what would change, and what nodes would not take")
+        ->excludes("--rollback");
     auto *store = command
                       ->add_option("--store", options->store,
                                    "address of the store: unix:/path, redis://host:port; mem: for one in this process, "
@@ -139,7 +146,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
                                        "simulate nodes on a store in this process, and how one behaves; see below")
                           ->allow_extra_args(false);
     command->footer(footer);
-    command->callback([options, file, store, sizes, simulated, &exit_code] {
+    command->callback([options, file, plan, store, sizes, simulated, &exit_code] {
         const bool simulate = sizes->count() + simulated->count() != 0;
         if (simulate && store->count() != 0 && !options->embedded() && !of_environment(options->store))
             throw CLI::ValidationError("--table-size and --simulate are for nodes on a mem: store");
@@ -147,7 +154,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
             options->store = "mem:";
         if (options->table_sizes.size() > std::max(options->nodes, 1U))
             throw CLI::ValidationError("--table-size has more sizes than there are nodes");
-        if (file->count() == 0 && !options->rollback)
+        if (file->count() + plan->count() == 0 && !options->rollback)
             throw CLI::RequiredError("FILE");
         output().begin("apply", options->json);
         exit_code = ApplyRun(*options).run();

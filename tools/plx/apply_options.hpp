@@ -18,13 +18,15 @@ struct ApplyOptions {
     bool atomic = false;
     bool changes_only = false;
     bool failed_only = false; // lists what is not as it was asked for
-    bool rollback = false;
+    bool rollback = false, dry_run = false;
+    std::string plan{};
     std::string rollback_app{};
     bool json = false;
     uint32_t nodes = 0; // 0: not given
     std::vector<size_t> table_sizes;
     std::vector<std::string> simulate;
 
+    bool only_changes() const { return changes_only || !plan.empty(); }
     bool embedded() const { return store.starts_with("mem:"); }
     milliseconds wait() const { return of(wait_s); }
     milliseconds timeout() const { return of(timeout_s); }

@@ -1,7 +1,9 @@
 // See apply_run.hpp.
 #include "apply_run.hpp"
 
+#include "diff_report.hpp"
 #include "output.hpp"
+#include "plan.hpp"
 #include "record_options.hpp"
 
 #include <csignal>
@@ -27,7 +29,7 @@ bool may_pass(int result)
 int ApplyRun::run()
 {
     policy_.application = options_.rollback_app;
-    if (!options_.rollback && !read(policy_))
+    if (!options_.rollback && !(options_.plan.empty() ? read(policy_) : read_plan()))
         return EXIT_BAD_FILE;
     loop_.reset(tq_loop_new());
     if (loop_ != nullptr)
@@ -35,6 +37,8 @@ int ApplyRun::run()
     try {
         if (const int code = open_store(); code != EXIT_DONE)
             return code;
+        if (options_.dry_run)
+            return dry_run();
         if (const int code = prepare(); code != EXIT_DONE)
             return code;
     } catch (const Interrupted &) {
@@ -61,7 +65,31 @@ int ApplyRun::prepare()
     store_watch_.emplace(context_.get(), options_.db, [this](const std::string &text) { say(text); });
     if (const int code = take_lock(); code != EXIT_DONE)
         return code;
-    return take_back_what_was_left();
+    const int code = take_back_what_was_left();
+    return code == EXIT_DONE && !options_.plan.empty() ? check_plan() : code;
+}
+
+// Under the lock: nobody else applies between this look and the writing.
+int ApplyRun::check_plan()
+{
+    PolicyDiff diff(policy_);
+    if (const int result = diff.compare(context_.get(), options_.db); result != 0)
+        return fail_store("nothing was written: store", result);
+    return diff.state() == planned_from_
+               ? EXIT_DONE
+               : fail(EXIT_STALE_PLAN,
+                      "nothing was written: the store is not what the plan was made from; make it anew");
+}
+
+int ApplyRun::dry_run()
+{
+    PolicyDiff diff(policy_);
+    int result = diff.compare(context_.get(), options_.db);
+    if (result != 0)
+        return fail_store("store", result);
+    const int code = tell_changes(policy_.application, diff.changes(), diff.unchanged());
+    result = tell_objections(context_.get(), options_.db, policy_);
+    return result == 0 ? code : fail_store("store", result);
 }
 
 // Nodes start after the library listens: it hears of them at once, not at their second sign of life.
@@ -104,14 +132,26 @@ int ApplyRun::fail_store(const std::string &what, int result)
 bool ApplyRun::read(Policy &policy)
 {
     Errors errors;
-    const std::string file = options_.file == "-" ? "/dev/stdin" : options_.file;
-    if (auto checked = read_policy(file, errors))
+    if (auto checked = options_.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options_.file, errors))
         policy = std::move(*checked);
     tell(errors, options_.file);
     if (!errors.empty())
         say("nothing was written: " + std::to_string(errors.size()) + (errors.size() == 1 ? " error" : " errors") +
             " in the policy");
     return errors.empty();
+}
+
+bool ApplyRun::read_plan()
+{
+    std::string error;
+    auto plan = tool::read_plan(options_.plan, error);
+    if (plan) {
+        policy_ = std::move(plan->policy);
+        planned_from_ = plan->state;
+    } else {
+        output().error(EXIT_BAD_FILE, "this is not a plan: " + error, {.file = options_.plan});
+    }
+    return plan.has_value();
 }
 
 // ---- the store ------------------------------------------------------------------------------------------------------
@@ -372,7 +412,7 @@ int ApplyRun::write(Application &application)
         progress_.show([&] { return progress_text(application); });
     };
     const auto again = [&] { return connect() == 0; };
-    return options_.changes_only ? application.write_changes(pause, again) : application.write(pause, again);
+    return options_.only_changes() ? application.write_changes(pause, again) : application.write(pause, again);
 }
 
 // The nodes keep to the copy until all is written and released; what is refused then, or not confirmed, is undone.
@@ -479,9 +519,9 @@ int ApplyRun::report(Application &application, int result)
         summary[name] = count;
     summary["simulated"] = options_.embedded();
     summary["nodes"] = nodes_->alive();
-    if (options_.changes_only)
+    if (options_.only_changes())
         summary.update({{"added", changes.added}, {"changed", changes.changed}, {"removed", changes.removed}});
-    if (!options_.json && options_.changes_only)
+    if (!options_.json && options_.only_changes())
         std::cout << changes.added << " added, " << changes.changed << " changed, " << changes.removed << " removed, "
                   << ledger.count(Outcome::unchanged) << " unchanged\n";
     if (!options_.json)

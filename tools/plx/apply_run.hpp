@@ -27,6 +27,9 @@ class ApplyRun {
     int prepare();
     int apply(Application &application);
     bool read(Policy &policy);
+    bool read_plan();
+    int check_plan();
+    int dry_run();
     int open_store();
     int connect();
     int take_lock();
@@ -56,6 +59,7 @@ class ApplyRun {
 
     const ApplyOptions &options_;
     Policy policy_;
+    uint64_t planned_from_ = 0; // the state of the store
     Loop loop_;
     Context context_;
     std::optional<StopOnSignal> stop_;

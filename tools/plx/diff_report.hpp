@@ -1,0 +1,18 @@
+// How differences are told, and what service nodes would say to a policy.
+#pragma once
+
+#include "policy_diff.hpp"
+#include <optional>
+#include <string>
+
+namespace plx::tool {
+
+// "edge_filter: 2 to add, 1 to change, 1 to remove, 70 unchanged", and a line for each; with --json the same as lines
+// of type "change". EXIT_DIFFERS, or EXIT_DONE where there are none.
+int tell_changes(const std::string &application, const std::vector<ItemChange> &changes, size_t unchanged);
+
+// Room, ports and attributes as the nodes' reports have them: a line with "!" for each thing that would not go. Reports
+// of nodes that have none are passed over. The store client's result.
+int tell_objections(tq_context *context, uint32_t db, const Policy &policy);
+
+} // namespace plx::tool
