@@ -165,6 +165,19 @@ std::optional<Key> key_of(const ProtobufCMessage *record)
                              std::make_index_sequence<std::variant_size_v<Key>>());
 }
 
+namespace {
+
+// What an application keeps with its records may be a text, and may be anything.
+std::string printable(const std::vector<uint8_t> &bytes)
+{
+    const auto end = std::find(bytes.begin(), bytes.end(), 0);
+    const bool text = std::all_of(
+        bytes.begin(), end, [](uint8_t byte) { return byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\'; });
+    return text && end - bytes.begin() <= 32 ? std::string(bytes.begin(), end) : std::string();
+}
+
+} // namespace
+
 Requested requested_of(const ProtobufCMessage *record)
 {
     Requested requested;
@@ -173,6 +186,7 @@ Requested requested_of(const ProtobufCMessage *record)
     requested.priority = number_field(record, "ace_pri");
     requested.acl_cls = static_cast<uint32_t>(number_field(record, "acl_cls"));
     requested.default_entry = number_field(record, "default_ace") != 0;
+    requested.name = printable(byte_field(record, "priv"));
     return requested;
 }
 

@@ -93,6 +93,7 @@ struct Requested {
     uint64_t priority = 0;
     uint32_t acl_cls = 0;
     bool default_entry = false;
+    std::string name; // of an entry, for people; no part of what is asked for
 
     // Equal for equal contents, whatever the request's identifier, and the same on every machine.
     uint64_t fingerprint() const;

@@ -31,6 +31,7 @@ Tag tag_of(const AceKey &key, const Entry &entry, size_t rule)
     tag.priority = ~entry.position.rank;
     tag.default_entry = entry.position.last;
     tag.unless_default = entry.unless_default;
+    tag.name = entry.name;
     tag.by_interface = entry.by_interface;
     tag.directions = entry.directions;
     tag.rule = static_cast<uint8_t>(rule);
@@ -88,6 +89,7 @@ Prepared prepare(const AceKey &key, const Requested &wanted, packet::Compiled co
     entry.position = {wanted.default_entry, ~wanted.priority, key.sn};
     entry.request = wanted.request;
     entry.fingerprint = wanted.fingerprint();
+    entry.name = wanted.name;
     entry.rules = static_cast<uint8_t>(prepared.rules.size());
     entry.directions = compiled.directions;
     entry.unless_default = compiled.unless_default;

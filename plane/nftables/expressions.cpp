@@ -292,8 +292,8 @@ void put_rule(Attributes &out, const Rule &rule, const Interfaces &interfaces, c
 {
     for (const Test &test : rule.tests)
         put_test(out, test);
-    if (rule.over_meter)
-        put_object(out, NFT_OBJECT_LIMIT, meter_name(*rule.over_meter));
+    if (!rule.over_meter.empty())
+        put_object(out, NFT_OBJECT_LIMIT, rule.over_meter);
     if (rule.one_in != 0)
         put_sampling(out, rule.one_in);
     if (rule.counted)

@@ -20,8 +20,8 @@ class Interfaces {
 };
 
 // Appends NFTA_RULE_EXPRESSIONS to a message in a buffer of `capacity` bytes in all: tests, then the meter and
-// sampling, the entry's counter starting at `start`, actions, verdict. Objects are named by counter_name() and
-// meter_name(), sets by ConstantSet::name. False when an interface has no index, or there is no room: the message is
+// sampling, the entry's counter starting at `start`, actions, verdict. Counters are named by counter_name(),
+// sets by ConstantSet::name. False when an interface has no index, or there is no room: the message is
 // as before then.
 bool put_rule_expressions(nlmsghdr *message, size_t capacity, const packet::Rule &rule, const Interfaces &interfaces,
                           const Counters &start);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 namespace plx::plane::nftables {
 
@@ -128,7 +129,34 @@ int NftablesPlane::start()
     if (const int error = create(); error != 0)
         return error;
     named_ = named_interfaces();
-    return take_up(netlink_, table_, made_by_, model_);
+    const int error = take_up(netlink_, table_, made_by_, model_);
+    remove_old_meters();
+    return error;
+}
+
+// Meters of another rate than the configuration's. Those that entries still ask go at the next start: the entries are
+// made anew in this one.
+void NftablesPlane::remove_old_meters()
+{
+    for (const std::string &name : model_.counters) {
+        const auto is_it = [&name](const auto &meter) { return packet::meter_name(meter.first, meter.second) == name; };
+        const auto &meters = options_.config.meters;
+        if (!name.starts_with('m') || std::any_of(meters.begin(), meters.end(), is_it))
+            continue;
+        Batch batch;
+        table_.remove_meter(batch, name);
+        netlink_.commit(batch);
+    }
+}
+
+std::string NftablesPlane::holder()
+{
+    const uint32_t process = table_.read_owner(netlink_);
+    std::string name;
+    std::getline(std::ifstream("/proc/" + std::to_string(process) + "/comm"), name);
+    if (process == 0)
+        return "";
+    return name.empty() ? "another process" : "process " + std::to_string(process) + " (" + name + ')';
 }
 
 // Owned where the kernel can keep an owned table beyond its owner's life; a table that dies with the node would let
@@ -147,7 +175,7 @@ int NftablesPlane::create()
             if (!sets.contains(std::string(set.name)))
                 table_.add_set(batch, set);
         for (const auto &[meter, rate] : options_.config.meters)
-            if (!objects.contains(packet::meter_name(meter)))
+            if (!objects.contains(packet::meter_name(meter, rate)))
                 table_.add_meter(batch, meter, rate);
         const Outcome outcome = netlink_.commit(batch);
         generation_ = outcome.generation;

@@ -34,6 +34,9 @@ class NftablesPlane final : public Plane {
     // table.
     int start();
 
+    // Who has the table, when another process has it: "process 12 (plx)"; else "".
+    std::string holder();
+
     // Other interfaces for the ports, from the next look() on.
     void set_ports(std::map<uint32_t, std::string> ports);
 
@@ -54,6 +57,7 @@ class NftablesPlane final : public Plane {
     };
 
     int create();
+    void remove_old_meters();
     Judged judge(const Change &change);
     Judged judge_entry(const AceKey &key, const Requested &wanted);
     void share_shape(Entry &entry);

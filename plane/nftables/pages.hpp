@@ -22,6 +22,7 @@ using ShapePointer = std::shared_ptr<const packet::Shape>;
 struct Entry : packet::Item {
     uint64_t request = 0;
     uint64_t fingerprint = 0;
+    std::string name;  // for people
     uint8_t rules = 0; // none: it takes no part
     uint8_t directions = 0;
     bool unless_default = false;

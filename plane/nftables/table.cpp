@@ -220,7 +220,7 @@ void KernelTable::add_meter(Batch &batch, uint32_t meter, const packet::Rate &ra
 {
     nlmsghdr *message = batch.add(NFT_MSG_NEWOBJ, NLM_F_CREATE, everybody);
     put_text(message, NFTA_OBJ_TABLE, name_);
-    put_text(message, NFTA_OBJ_NAME, packet::meter_name(meter));
+    put_text(message, NFTA_OBJ_NAME, packet::meter_name(meter, rate));
     put32(message, NFTA_OBJ_TYPE, NFT_OBJECT_LIMIT);
     const Nest data(message, NFTA_OBJ_DATA);
     put64(message, NFTA_LIMIT_RATE, rate.per_second);
@@ -228,6 +228,14 @@ void KernelTable::add_meter(Batch &batch, uint32_t meter, const packet::Rate &ra
     put32(message, NFTA_LIMIT_BURST, rate.burst);
     put32(message, NFTA_LIMIT_TYPE, rate.bytes ? NFT_LIMIT_PKT_BYTES : NFT_LIMIT_PKTS);
     put32(message, NFTA_LIMIT_FLAGS, NFT_LIMIT_F_INV);
+}
+
+void KernelTable::remove_meter(Batch &batch, const std::string &meter) const
+{
+    nlmsghdr *message = batch.add(NFT_MSG_DELOBJ, 0, everybody);
+    put_text(message, NFTA_OBJ_TABLE, name_);
+    put_text(message, NFTA_OBJ_NAME, meter);
+    put32(message, NFTA_OBJ_TYPE, NFT_OBJECT_LIMIT);
 }
 
 void KernelTable::add_counter(Batch &batch, const std::string &counter, size_t owner) const
@@ -341,6 +349,19 @@ int KernelTable::read_rules(Netlink &netlink, const std::string &chain, std::vec
         copy(rule.bytes(NFTA_RULE_EXPRESSIONS), image.expressions);
         copy(rule.bytes(NFTA_RULE_USERDATA), image.user_data);
     });
+}
+
+uint32_t KernelTable::read_owner(Netlink &netlink) const
+{
+    uint32_t owner = 0;
+    std::vector<uint8_t> request;
+    begin_request(request, NFT_MSG_GETTABLE, NLM_F_DUMP);
+    netlink.ask(request, [&](const nlmsghdr &answer) {
+        const Attributes table(answer, nfgen_size);
+        if (table.text(NFTA_TABLE_NAME) == name_)
+            owner = table.number32(NFTA_TABLE_OWNER);
+    });
+    return owner;
 }
 
 int KernelTable::read_maps(Netlink &netlink, std::vector<MapImage> &maps) const

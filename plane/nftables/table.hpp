@@ -62,6 +62,7 @@ class KernelTable {
     void remove_rule(Batch &batch, const std::string &chain, uint64_t handle, size_t owner) const;
     void add_set(Batch &batch, const packet::ConstantSet &set) const;
     void add_meter(Batch &batch, uint32_t meter, const packet::Rate &rate) const;
+    void remove_meter(Batch &batch, const std::string &meter) const; // that no rule asks any more
     void add_counter(Batch &batch, const std::string &counter, size_t owner) const;
 
     // A map from a key of these fields to a verdict, with a counter for each element: a hash table of the kernel's.
@@ -80,6 +81,7 @@ class KernelTable {
     // ---- reading: 0 or an errno, ENOENT when the table or the chain is not there
     int read_chains(Netlink &netlink, std::vector<ChainImage> &chains) const;
     int read_rules(Netlink &netlink, const std::string &chain, std::vector<RuleImage> &rules) const;
+    uint32_t read_owner(Netlink &netlink) const; // the table's: the socket of a process, called like it; 0 of nobody
     int read_maps(Netlink &netlink, std::vector<MapImage> &maps) const; // the sets too
     int read_elements(Netlink &netlink, const std::string &map, std::vector<ElementImage> &elements) const;
     // Those alone. ENOENT when one is not there.

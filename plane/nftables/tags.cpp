@@ -77,6 +77,7 @@ void each_field(auto &tag, auto &&visit)
     visit(tag.made_by);
     visit(tag.interface);
     visit(tag.map);
+    visit(tag.name);
 }
 
 void each_key_field(auto &key, auto &&visit)
@@ -112,7 +113,8 @@ std::string comment_of(const Tag &tag)
     if (tag.purpose == Purpose::guard)
         return "frames with two tags";
     if (const auto *ace = std::get_if<AceKey>(&tag.key))
-        return ace->app + '/' + std::to_string(ace->acl) + '/' + std::to_string(ace->sn);
+        return ace->app + '/' + std::to_string(ace->acl) + '/' + std::to_string(ace->sn) +
+               (tag.name.empty() ? "" : ' ' + tag.name);
     if (const auto *apply = std::get_if<ApplyKey>(&tag.key))
         return apply->app + " applies " + apply->acl_app + '/' + std::to_string(apply->acl);
     return "port is off";

@@ -35,6 +35,7 @@ struct Tag {
     uint64_t request = 0;     // that it was programmed for
     uint64_t fingerprint = 0; // of what was asked for
     uint64_t priority = 0;    // of an entry
+    std::string name;         // the same
     bool default_entry = false;
     bool unless_default = false; // packet::Compiled
     bool by_interface = false;   // depends on which interfaces there are

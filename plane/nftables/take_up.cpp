@@ -148,6 +148,7 @@ EntryPointer Reading::new_entry(const Tag &tag) const
     entry->request = tag.request;
     entry->fingerprint = tag.made_by == made_by_ ? tag.fingerprint : 0;
     entry->rules = tag.rules;
+    entry->name = tag.name;
     entry->directions = tag.directions;
     entry->unless_default = tag.unless_default;
     entry->by_interface = tag.by_interface;

@@ -251,7 +251,7 @@ void Deeds::append(const std::vector<Sought> &tests, const std::vector<Test> &se
     if (taken(Deed::meter)) {
         Rule &rule = rules.emplace_back();
         rule.tests = settled;
-        rule.over_meter = number(Deed::meter);
+        rule.over_meter = meter_name(number(Deed::meter), config_.meters.at(number(Deed::meter)));
         rule.verdict = Verdict::drop;
     }
     for (const Kinds &each : kinds()) {

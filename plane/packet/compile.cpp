@@ -340,9 +340,10 @@ std::string counter_name(uint32_t counter)
     return "c" + std::to_string(counter);
 }
 
-std::string meter_name(uint32_t meter)
+std::string meter_name(uint32_t meter, const Rate &rate)
 {
-    return "m" + std::to_string(meter);
+    return "m" + std::to_string(meter) + '.' + std::to_string(rate.per_second) + '.' + std::to_string(rate.burst) +
+           (rate.bytes ? ".bytes" : "");
 }
 
 } // namespace plx::plane::packet

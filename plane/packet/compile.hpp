@@ -56,8 +56,8 @@ bool supports(const Form &form, const Config &config);
 // Linux does not look for addresses: a second tag would get a frame past any entry about them.
 Rule double_tagged_drop();
 
-// How the objects that rules share are called: "c7", "m7".
+// How the objects that rules share are called: "c7", "m7.1000.5".
 std::string counter_name(uint32_t counter);
-std::string meter_name(uint32_t meter);
+std::string meter_name(uint32_t meter, const Rate &rate); // another for another rate
 
 } // namespace plx::plane::packet

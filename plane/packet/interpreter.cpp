@@ -195,7 +195,7 @@ bool passes(const Rule &rule, const View &view, const Frame &frame)
         if (!found || !holds(test, *found))
             return false;
     }
-    return (!rule.over_meter || frame.over_meter) && (rule.one_in == 0 || frame.sampled);
+    return (rule.over_meter.empty() || frame.over_meter) && (rule.one_in == 0 || frame.sampled);
 }
 
 uint32_t fold(uint32_t sum)

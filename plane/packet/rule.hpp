@@ -121,9 +121,9 @@ enum class Verdict : uint8_t {
 
 struct Rule {
     std::vector<Test> tests; // in the order in which a plane is to make them
-    // Beyond the frame, asked after the tests: the meter of that number is exceeded, once this frame is counted on it;
+    // Beyond the frame, asked after the tests: the meter of that name is exceeded, once this frame is counted on it;
     // the frame is the first of each so many for which the tests hold. Nothing, or 0: no matter.
-    std::optional<uint32_t> over_meter;
+    std::string over_meter;
     uint32_t one_in = 0;
     bool counted = true; // a hit counts as a hit of the entry
     std::vector<Action> actions;

@@ -104,7 +104,7 @@ std::string mask_name(std::span<const Source> fields, const std::string &mask)
 std::optional<Mappable> mappable(const Rule &rule)
 {
     const bool judges = rule.verdict == Verdict::accept || rule.verdict == Verdict::drop;
-    if (!rule.actions.empty() || !rule.counted || rule.over_meter || rule.one_in != 0 || !judges)
+    if (!rule.actions.empty() || !rule.counted || !rule.over_meter.empty() || rule.one_in != 0 || !judges)
         return std::nullopt;
     Mappable all{.shape = {}, .element = {{}, {}, rule.verdict}};
     for (const Test &test : rule.tests) {

@@ -104,17 +104,22 @@ class NftablesPlaneTest : public testing::Test {
   protected:
     void SetUp() override
     {
-        Netlink netlink;
-        std::set<std::string> names;
         if (unshare(CLONE_NEWNET) != 0)
             GTEST_SKIP() << "no network namespaces here: " << strerror(errno);
-        if (netlink.open(NETLINK_NETFILTER) != 0 ||
-            KernelTable("any").read_names(netlink, NFT_MSG_GETTABLE, NFTA_TABLE_NAME, names) != 0)
+        if (!has_tables())
             GTEST_SKIP() << "no nf_tables here";
         ASSERT_EQ("", output_of("echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6;"
                                 " ip link add p0 type veth peer name p1; ip link set p0 up;"
                                 "ip link set p1 up 2>&1"));
         start();
+    }
+
+    static bool has_tables()
+    {
+        Netlink netlink;
+        std::set<std::string> names;
+        return netlink.open(NETLINK_NETFILTER) == 0 &&
+               KernelTable("any").read_names(netlink, NFT_MSG_GETTABLE, NFTA_TABLE_NAME, names) == 0;
     }
 
     NftablesOptions options()
@@ -123,6 +128,7 @@ class NftablesPlaneTest : public testing::Test {
         all.table = table_name;
         all.config = configuration();
         all.config.ports = ports_;
+        change_(all.config);
         all.table_size = table_size_;
         return all;
     }
@@ -184,6 +190,7 @@ class NftablesPlaneTest : public testing::Test {
     }
 
     std::map<uint32_t, std::string> ports_{{1, "p0"}, {2, "p1"}};
+    std::function<void(packet::Config &)> change_ = [](packet::Config &) {};
     size_t table_size_ = 1000000;
     std::vector<std::string> log_;
     std::optional<NftablesPlane> plane_;
@@ -191,8 +198,10 @@ class NftablesPlaneTest : public testing::Test {
 
 TEST_F(NftablesPlaneTest, what_a_killed_node_programmed_stays_and_is_taken_up_without_a_write)
 {
+    Change named = entry(20, "icmp_type=8 -> fwd=deny");
+    named.wanted->name = "no-ping";
     const std::vector<Change> changes{entry(10, "ipv4_src=10.0.0.0/8 -> fwd=deny counter=3", 5, false, 70),
-                                      entry(20, "icmp_type=8 -> fwd=deny"),
+                                      named,
                                       entry(99, "-> fwd=permit", 0, true),
                                       applied(apply_to(1)),
                                       applied(apply_to(2, 1)),
@@ -207,6 +216,7 @@ TEST_F(NftablesPlaneTest, what_a_killed_node_programmed_stays_and_is_taken_up_wi
     for (const Change &change : changes)
         EXPECT_EQ(change.wanted->fingerprint(), plane_->installed().at(change.key).fingerprint);
     EXPECT_THAT(before, testing::HasSubstr("comment \"edge/10/10\""));
+    EXPECT_THAT(before, testing::HasSubstr("comment \"edge/10/20 no-ping\""));
 }
 
 TEST_F(NftablesPlaneTest, nobody_else_can_change_a_table_or_have_it_too)
@@ -217,6 +227,7 @@ TEST_F(NftablesPlaneTest, nobody_else_can_change_a_table_or_have_it_too)
     EXPECT_EQ(before, ruleset());
     NftablesPlane second(options(), [](const std::string &) {});
     EXPECT_EQ(EPERM, second.start());
+    EXPECT_EQ("process " + std::to_string(getpid()) + " (plane_test)", second.holder());
     NftablesOptions other = options();
     other.table = "plx_8_0_2_0";
     NftablesPlane third(other, [](const std::string &) {});
@@ -433,6 +444,30 @@ TEST_F(NftablesPlaneTest, an_entry_for_want_of_a_default_comes_and_goes_with_it)
     EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(99, 1)));
     program({{ace(99), std::nullopt}});
     EXPECT_THAT(kernel_order(), testing::ElementsAre(testing::Pair(10, 1)));
+}
+
+TEST_F(NftablesPlaneTest, what_an_option_stands_for_is_another_after_a_restart)
+{
+    const std::vector<Change> changes{entry(10, "-> meter=1"), entry(20, "-> mirror_id=7"),
+                                      entry(30, "-> stat_sampling=2")};
+    program(changes);
+    const auto with = [this](auto change) {
+        change_ = change;
+        start();
+        for (const auto &[key, installed] : plane_->installed())
+            EXPECT_EQ(0U, installed.fingerprint); // the node programs them again
+    };
+    with([](packet::Config &config) { config.meters[1] = {.per_second = 77, .burst = 3}; });
+    program(changes);
+    EXPECT_THAT(ruleset(), testing::HasSubstr("limit name \"m1.77.3\""));
+    with([](packet::Config &config) { config.mirrors[7] = "p1"; });
+    program(changes);
+    EXPECT_THAT(ruleset(), testing::HasSubstr("dup to \"p1\""));
+    with([](packet::Config &config) { config.sample_group = 5; });
+    program(changes);
+    EXPECT_THAT(ruleset(), testing::HasSubstr("log group 5"));
+    start();
+    EXPECT_THAT(ruleset(), testing::Not(testing::HasSubstr("m1.77.3")));
 }
 
 TEST_F(NftablesPlaneTest, an_acl_is_not_applied_where_its_entries_cannot_act)

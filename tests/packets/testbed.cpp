@@ -1,5 +1,6 @@
 // See testbed.hpp.
 #include "packets/testbed.hpp"
+#include "packets/entry.hpp"
 
 #include "plane/packet/compile.hpp"
 #include <arpa/inet.h>
@@ -49,7 +50,8 @@ std::string surroundings()
         text.back() = '}';
         text += "; }\n";
     }
-    text += " counter c7 { }\n limit m1 { rate over 1/hour burst 1 packets; }\n"
+    text += " counter c7 { }\n limit " + meter_name(1, configuration().meters.at(1)) +
+            " { rate over 1/hour burst 1 packets; }\n"
             " chain marker { type filter hook ingress device t1 priority -9; meta protocol 0x88b5 fwd to k0; }\n"
             " chain in { type filter hook ingress device t1 priority 0; }\n"
             " chain out { type filter hook egress device e0 priority 0; }\n"

@@ -123,8 +123,11 @@ bool NodeRun::make_nftables()
     nftables_ = plane.get();
     plane_ = std::move(plane);
     if (const int failure = start_nftables(); failure != 0) {
+        const std::string holder = failure == EPERM ? nftables_->holder() : "";
         log(std::string("cannot use the kernel's nf_tables: ") + strerror(failure) +
-            (failure == EPERM ? "; it takes CAP_NET_ADMIN, and that no other node has this identity" : ""));
+            (!holder.empty()    ? "; " + holder + " has the table of this identity (--dev, --slot, --id)"
+             : failure == EPERM ? "; it takes CAP_NET_ADMIN"
+                                : ""));
         return false;
     }
     return true;
