@@ -127,6 +127,9 @@ void add_apply_command(CLI::App &app, int &exit_code)
         "them refuses is undone everywhere");
     command->add_flag("--failed-only", options->failed_only, "list only what is not as it was asked for");
     command->add_flag("--json", options->json, "everything as JSON, one object a line; plx-json(5) describes them");
+    command->add_option("--progress", options->progress, "json: a line of type \"progress\" every second, with --json")
+        ->check(CLI::IsMember({"json"}))
+        ->needs("--json");
     command->add_flag("--changes-only", options->changes_only,
                       "write only what the store does not have as the file has it, and delete what the file does not "
                       "have");
@@ -156,6 +159,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
             throw CLI::ValidationError("--table-size has more sizes than there are nodes");
         if (file->count() + plan->count() == 0 && !options->rollback)
             throw CLI::RequiredError("FILE");
+        options->progress_json = options->progress == "json";
         output().begin("apply", options->json);
         exit_code = ApplyRun(*options).run();
     });

@@ -19,9 +19,9 @@ struct ApplyOptions {
     bool changes_only = false;
     bool failed_only = false; // lists what is not as it was asked for
     bool rollback = false, dry_run = false;
-    std::string plan{};
+    std::string plan{}, progress{};
     std::string rollback_app{};
-    bool json = false;
+    bool json = false, progress_json = false;
     uint32_t nodes = 0; // 0: not given
     std::vector<size_t> table_sizes;
     std::vector<std::string> simulate;

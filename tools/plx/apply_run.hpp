@@ -52,6 +52,7 @@ class ApplyRun {
     int exit_code(Application &application, int result);
     int interrupted(Application &application);
     bool tell_missing_nodes();
+    void show_progress(Application &application);
     void turn(milliseconds until);
     void say(const std::string &message);
     int fail(int exit_code, const std::string &message);
@@ -69,6 +70,7 @@ class ApplyRun {
     std::optional<NodeWatch> nodes_;
     std::unique_ptr<plane::Fleet> fleet_;
     Progress progress_;
+    milliseconds begun_{0}, next_progress_{0};
     std::optional<uint32_t> copy_; // of what was there before
     bool holding_ = false;
     bool undone_ = false;

@@ -136,6 +136,15 @@ NodeWatch::Names NodeWatch::without(const Digest &wanted) const
     return names([&](const Node &node) { return lives(node) && node.has && *node.has != wanted; });
 }
 
+std::pair<std::string, uint64_t> NodeWatch::slowest() const
+{
+    std::pair<std::string, uint64_t> least{"", UINT64_MAX};
+    for (const auto &[name, node] : nodes_)
+        if (lives(node) && node.has && node.has->count < least.second)
+            least = {text_of(name), node.has->count};
+    return least;
+}
+
 std::string listed(const NodeWatch::Names &names)
 {
     std::string text;

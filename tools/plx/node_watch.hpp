@@ -32,6 +32,8 @@ class NodeWatch {
     // Those alive that say that they have something else of the application than this. A node that says nothing of
     // itself is not among them.
     Names without(const Digest &wanted) const;
+    // Of those alive that say what they have, the one that has least, and how many records; "" when there is none.
+    std::pair<std::string, uint64_t> slowest() const;
     // When a node's word on the application changed last.
     milliseconds last_change() const { return last_change_; }
 
