@@ -1,7 +1,6 @@
 // See document.hpp.
 #include "document.hpp"
 
-#include "output.hpp"
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -74,12 +73,6 @@ std::vector<Errors::Told> Errors::told(const std::string &file) const
     if (count_ > errors_.size())
         told.push_back({{file}, "and " + std::to_string(count_ - errors_.size()) + " more"});
     return told;
-}
-
-void tell(const Errors &errors, const std::string &file)
-{
-    for (const auto &[place, message] : errors.told(file))
-        output().error(EXIT_BAD_FILE, message, place);
 }
 
 std::string quoted(std::string_view text)

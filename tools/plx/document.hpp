@@ -55,8 +55,10 @@ class Errors {
     size_t count_ = 0;
 };
 
-// Tells all of them.
+// Tells all of them, with their lines where the file can be read again: it is a regular one.
 void tell(const Errors &errors, const std::string &file);
+// The same for what is no fault.
+void tell_warnings(const Errors &warnings, const std::string &file);
 
 // The text in quotes, with bytes that a terminal might act on escaped and cut where it gets long.
 std::string quoted(std::string_view text);

@@ -42,6 +42,7 @@ int run(int argc, char **argv)
     int exit_code = EXIT_DONE;
     add_apply_command(app, exit_code);
     add_diff_command(app, exit_code);
+    add_check_command(app, exit_code);
     add_node_command(app, exit_code);
     add_show_command(app, exit_code);
     add_monitor_command(app, exit_code);

@@ -46,6 +46,16 @@ std::string prefix(const Place &place, const std::string &command)
     return text;
 }
 
+void add_place(Row &row, const Place &place)
+{
+    if (!place.file.empty())
+        row["file"] = place.file;
+    if (place.line != 0)
+        row["line"] = place.line;
+    if (place.column != 0)
+        row["column"] = place.column;
+}
+
 } // namespace
 
 Output &output()
@@ -88,12 +98,7 @@ void Output::note(const std::string &text)
 int Output::error(int exit_code, const std::string &text, const Place &place, const char *hint)
 {
     Row row = {{"code", exit_code}, {"text", text}};
-    if (!place.file.empty())
-        row["file"] = place.file;
-    if (place.line != 0)
-        row["line"] = place.line;
-    if (place.column != 0)
-        row["column"] = place.column;
+    add_place(row, place);
     if (hint != nullptr)
         row["hint"] = hint;
     line("error", std::move(row));
@@ -101,6 +106,15 @@ int Output::error(int exit_code, const std::string &text, const Place &place, co
         std::cerr << prefix(place, command_) << ": " << text << (hint != nullptr ? "\nhint: " : "")
                   << (hint != nullptr ? hint : "") << std::endl;
     return exit_code;
+}
+
+void Output::warning(const std::string &text, const Place &place)
+{
+    Row row = {{"text", text}};
+    add_place(row, place);
+    line("warning", std::move(row));
+    if (!json_)
+        std::cerr << prefix(place, command_) << ": warning: " << text << std::endl;
 }
 
 // What was printed may still be on its way to a full disk.

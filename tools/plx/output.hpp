@@ -29,6 +29,9 @@ class Output {
     // `hint`: what can be done about it.
     int error(int exit_code, const std::string &text, const Place &place = {}, const char *hint = nullptr);
 
+    // "FILE:LINE:COLUMN: warning: TEXT", of type "warning": nothing fails for it.
+    void warning(const std::string &text, const Place &place);
+
     // What the summary will have beside the exit code.
     Row &summary() { return summary_; }
     // The end of the program: the summary, and whether all could be written. The exit code that is left.

@@ -31,6 +31,16 @@ void append_packed(std::vector<uint8_t> &packed, const Form &form, std::span<con
     packed.insert(packed.end(), value.begin(), value.end());
 }
 
+// Where a range stands for a port.
+std::string range_advice(const Form &form, std::string_view text)
+{
+    const Form *range = form.name == "dst_l4port"   ? find_form(FP_UDP_ATTR_FIELD, "dst_range")
+                        : form.name == "src_l4port" ? find_form(FP_UDP_ATTR_FIELD, "src_range")
+                                                    : nullptr;
+    const bool meant = range != nullptr && encode(*range, text).error.empty();
+    return meant ? "; a range goes under '" + std::string(range->name) + "'" : "";
+}
+
 } // namespace
 
 const Field<EntryDraft> PolicyReader::entry_fields[] = {
@@ -134,7 +144,7 @@ void PolicyReader::attribute(const Form &form, const Event &value)
         return;
     const Encoding encoding = encode(form, *written);
     if (!encoding.error.empty())
-        return errors_.add(value.at, std::string(form.name) + ": " + encoding.error);
+        return errors_.add(value.at, std::string(form.name) + ": " + encoding.error + range_advice(form, *written));
     append_packed(draft_.packed, form, encoding.bytes);
 }
 
