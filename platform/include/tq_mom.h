@@ -35,14 +35,15 @@ enum tq_mom_event {
     TQ_MOM_EVENT_SET = 4,        /* a requested-state record was written; also every entry of a scan */
     TQ_MOM_EVENT_PUBLISHED = 24, /* a record that neither requests nor answers was written */
     /* Changes may have been missed: scan the table again; no record. Of a table of status it comes behind the
-     * records that have changed meanwhile, each told once, as it is now; of one of publications those are all. */
+     * records that have changed meanwhile, each told once, as it is now; of one of publications those are all. The
+     * result TQ_MOM_NEW_HISTORY tells that the store came back empty or older: what was written may be gone. */
     TQ_MOM_EVENT_RESYNC = 29
 };
 
 typedef struct tq_mom_notification {
     int32_t event;                  /* enum tq_mom_event */
     const ProtobufCMessage *record; /* decoded record; only the key is filled for a deletion; NULL when absent */
-    int32_t result;                 /* non-zero: the record could not be read */
+    int32_t result;                 /* non-zero: the record could not be read; of a resynchronisation see there */
     int32_t flag;                   /* 1: the change was written through this same handle (an echo) */
 } tq_mom_notification;
 
@@ -116,6 +117,16 @@ int tq_mom_dsbegin_sync(void *handle, uint32_t db, const ProtobufCMessage *recor
  * mark's time ran out, nothing is deleted and the call fails. */
 int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection, uint32_t bound);
 
+/* Of which history a table's records are. A store that lost its data, or was emptied, begins a new one. */
+typedef struct tq_mom_history {
+    uint64_t name;     /* no two are likely to have the same; 0: nobody has written to the table yet */
+    int32_t rewritten; /* 1: in this history tq_mom_dsend_sync() has ended a rewrite of this very selection */
+} tq_mom_history;
+
+/* Reads it. 0, or the store's code, and `history` is as it was. */
+int tq_mom_history_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection,
+                        tq_mom_history *history);
+
 /* Every result: its name, its number, what it tells and what an operator can do about it. The codes, their texts and
  * the advice are made from this list alone. */
 #define TQ_MOM_RESULTS(RESULT)                                                                                         \
@@ -158,7 +169,15 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     RESULT(TOO_BIG, 17, "the record is too big", "this is a fault of the program: tell who wrote it")                  \
     /* a table's metadata names a format of its change log that this client does not know */                           \
     RESULT(NEWER_FORMAT, 18, "the store's tables are those of a newer release",                                        \
-           "install that release here, too: nothing was read or written")
+           "install that release here, too: nothing was read or written")                                              \
+    /* of TQ_MOM_EVENT_RESYNC alone */                                                                                 \
+    RESULT(NEW_HISTORY, 19, "the store came back without what it held", "write everything again")                      \
+    /* min-replicas-to-write of the server: nothing was written */                                                     \
+    RESULT(NO_REPLICAS, 20, "the store's server has too few replicas to take writes",                                  \
+           "see why replicas are missing; until then a failure could lose what it takes")                              \
+    /* of a handle whose address asks for replicas; the server has the write */                                        \
+    RESULT(NOT_REPLICATED, 21, "too few replicas have confirmed the write in time",                                    \
+           "see why replicas are slow or missing; what was written is lost if the server fails now: write it again")
 
 #define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {

@@ -336,6 +336,16 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
     });
 }
 
+int tq_mom_history_sync(void *handle, uint32_t db, const ProtobufCMessage *record, uint32_t selection,
+                        tq_mom_history *history)
+{
+    if (history == nullptr)
+        return TQ_MOM_INVALID;
+    return call_selected(handle, db, record, selection, [&](const target &target, const key_range &range) {
+        return target.client->engine->history(target.table, range, *history);
+    });
+}
+
 namespace {
 
 struct result_row {

@@ -84,6 +84,7 @@ class engine {
     /// The sink outlives the engine's last round.
     [[nodiscard]] virtual int subscribe(table_ref table, const key_range &range, change_sink &sink) = 0;
     [[nodiscard]] virtual int mark(table_ref table, const key_range &range, uint64_t bound_seconds) = 0;
+    [[nodiscard]] virtual int history(table_ref table, const key_range &range, tq_mom_history &out) = 0;
     [[nodiscard]] virtual int sweep(table_ref table, const key_range &range, uint32_t bound_ms) = 0;
 
   protected:

@@ -69,6 +69,7 @@ class mem_engine final : public engine {
     }
     [[nodiscard]] int subscribe(table_ref table, const key_range &range, change_sink &sink) override;
     [[nodiscard]] int mark(table_ref table, const key_range &range, uint64_t bound_seconds) override;
+    [[nodiscard]] int history(table_ref table, const key_range &range, tq_mom_history &out) override;
     [[nodiscard]] int sweep(table_ref table, const key_range &range, uint32_t bound_ms) override;
 
     uint64_t writer() const { return writer_; }

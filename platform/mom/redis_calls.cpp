@@ -1,6 +1,7 @@
 // See redis_calls.hpp.
 #include "redis_calls.hpp"
 
+#include <algorithm>
 #include <tuple>
 #include <utility>
 
@@ -121,10 +122,21 @@ void redis_calls::send()
         flush();
 }
 
+// What the server has is not a success before enough replicas have it, too.
+void redis_calls::confirm(std::span<int> results)
+{
+    const bool any = std::find(results.begin(), results.end(), TQ_MOM_OK) != results.end();
+    if (const int confirmed = any ? link_.await_replicas() : TQ_MOM_OK; confirmed != TQ_MOM_OK)
+        std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, confirmed);
+}
+
 void redis_calls::flush(const ride &along)
 {
     bool as_meant = true;
+    const size_t before = results_.size();
     collect([&](command_batch &batch) { as_meant = batch.empty() || batch.finish(link_, results_, along); });
+    if (link_.wants_replicas())
+        confirm(std::span(results_).subspan(before));
     if (!as_meant)
         ++era_; // the metadata may have changed, or be gone: have the next write look
 }

@@ -14,6 +14,7 @@
 #include "redis_batch.hpp"
 
 #include <functional>
+#include <span>
 #include <utility>
 
 namespace mom {
@@ -76,6 +77,7 @@ class redis_calls {
 
   private:
     [[nodiscard]] int ready();
+    void confirm(std::span<int> results);
     void give_up();
 
     tq_mom_counters &counters_; ///< the engine's

@@ -17,11 +17,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-timeval to_timeval(uint32_t milliseconds)
-{
-    return {static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
-}
-
 void set_option(int fd, int level, int name, int value)
 {
     setsockopt(fd, level, name, &value, sizeof value);
@@ -40,11 +35,12 @@ void keep_alive(int fd)
 
 } // namespace
 
+// The waiting is ours: hiredis takes a signal that comes meanwhile for a failure.
 std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, const store_url &url)
 {
-    const auto timeout = to_timeval(url.timeout_ms);
-    auto *context = where.port == 0 ? redisConnectUnixWithTimeout(where.host.c_str(), timeout)
-                                    : redisConnectWithTimeout(where.host.c_str(), where.port, timeout);
+    const auto deadline = steady_clock::now() + std::chrono::milliseconds(url.timeout_ms);
+    auto *context = where.port == 0 ? redisConnectUnixNonBlock(where.host.c_str())
+                                    : redisConnectNonBlock(where.host.c_str(), where.port);
     if (context == nullptr || context->err != 0) {
         if (context != nullptr)
             redisFree(context);
@@ -53,7 +49,15 @@ std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, 
     fcntl(context->fd, F_SETFD, FD_CLOEXEC);
     if (where.port != 0)
         keep_alive(context->fd);
-    return std::unique_ptr<redis_connection>(new redis_connection(context, url));
+    std::unique_ptr<redis_connection> connection(new redis_connection(context, url));
+    return connection->connects(deadline) ? std::move(connection) : nullptr;
+}
+
+bool redis_connection::connects(steady_time deadline) const
+{
+    int error = 0;
+    socklen_t size = sizeof error;
+    return wait(POLLOUT, deadline) && getsockopt(context_->fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 redis_connection::redis_connection(redisContext *context, const store_url &url)

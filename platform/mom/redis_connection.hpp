@@ -26,7 +26,7 @@ struct context_closer {
 
 class redis_connection {
   public:
-    /// Connects to a socket path (no port) or host within the URL's time; null when that fails.
+    /// Connects to a socket path (no port) or numeric address within the URL's time; null when that fails.
     static std::unique_ptr<redis_connection> open(const endpoint &where, const store_url &url);
 
     int fd() const { return context_->fd; }
@@ -51,6 +51,7 @@ class redis_connection {
 
   private:
     redis_connection(redisContext *context, const store_url &url);
+    bool connects(steady_time deadline) const;
     bool wait(short events, steady_time deadline) const;
     [[nodiscard]] int await_input(steady_time deadline);
     ssize_t read_once();

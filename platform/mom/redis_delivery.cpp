@@ -72,18 +72,22 @@ void redis_delivery::put(queued &&change)
     queue_bytes_ += queue_.back().bytes();
 }
 
-void redis_delivery::lose(redis_audience &to, uint64_t base, uint64_t last)
+void redis_delivery::lose(redis_audience &to, uint64_t base, uint64_t last, int reason)
 {
     if (to.table.requested())
-        tell_loss(to, last);
-    else
-        to.lost = redis_audience::recovery{to.lost ? std::min(base, to.lost->base) : base, last, {}, false, {}};
+        return tell_loss(to, last, reason);
+    const bool more = to.lost.has_value(); // of what is not made up for yet
+    to.lost = redis_audience::recovery{.base = more ? std::min(base, to.lost->base) : base,
+                                       .last = last,
+                                       .reason = more ? std::max(reason, to.lost->reason) : reason,
+                                       .after = {},
+                                       .found = {}};
 }
 
-void redis_delivery::tell_loss(redis_audience &to, uint64_t last)
+void redis_delivery::tell_loss(redis_audience &to, uint64_t last, int reason)
 {
     if (tells_losses(to.table.ref.type->kind))
-        put({to, change_kind::resync, last, {}, {}, false});
+        put({to, change_kind::resync, last, {}, {}, false, reason});
 }
 
 bool redis_delivery::has_enough() const
@@ -128,7 +132,7 @@ void redis_delivery::deliver_next()
     const field_value body{joined, next.body};
     const bool written = next.kind == change_kind::written;
     next.to.deliver(next.number,
-                    {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, TQ_MOM_OK},
+                    {next.kind, next.key, written ? field_values(&body, 1) : field_values{}, next.echo, next.result},
                     next.told);
     queue_bytes_ -= next.bytes();
     queue_.pop_front();
@@ -140,7 +144,7 @@ int redis_delivery::recover(redis_audience &of)
 {
     const int result = of.lost->listed ? deliver_lost(of) : list_lost(of);
     if (result == TQ_MOM_OK && of.lost && of.lost->listed && of.lost->found.empty()) {
-        tell_loss(of, of.lost->last);
+        tell_loss(of, of.lost->last, of.lost->reason);
         of.lost.reset();
     }
     return result;

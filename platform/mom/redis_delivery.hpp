@@ -30,6 +30,7 @@ struct redis_audience {
     struct recovery {
         uint64_t base;
         uint64_t last;
+        int reason; ///< TQ_MOM_OK, or TQ_MOM_NEW_HISTORY
         std::string after;
         bool listed = false;
         struct record {
@@ -60,8 +61,8 @@ class redis_delivery {
 
     redis_audience &add(redis_table &table);
     void put(redis_audience &to, const log_entry &entry);
-    /// Changes behind `base`, up to `last`, are lost.
-    void lose(redis_audience &to, uint64_t base, uint64_t last);
+    /// Changes behind `base`, up to `last`, are lost: to a log that was trimmed, or to another history.
+    void lose(redis_audience &to, uint64_t base, uint64_t last, int reason);
     /// As long as so much waits, nothing more is asked for: the server keeps it.
     bool has_enough() const;
     bool any_aside() const;
@@ -82,6 +83,7 @@ class redis_delivery {
         std::string key;
         std::string body;
         bool echo;
+        int result = TQ_MOM_OK;
         size_t told = 0; ///< subscribers
         size_t bytes() const { return sizeof(queued) + key.size() + body.size(); }
     };
@@ -89,7 +91,7 @@ class redis_delivery {
     void put(queued &&change);
     void deliver_next();
     [[nodiscard]] int recover(redis_audience &of);
-    void tell_loss(redis_audience &to, uint64_t last);
+    void tell_loss(redis_audience &to, uint64_t last, int reason);
     [[nodiscard]] int list_lost(redis_audience &of);
     [[nodiscard]] int deliver_lost(redis_audience &of);
 

@@ -25,11 +25,12 @@ int redis_engine::state()
     return calls_.link().connected() && reader_->hears() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED;
 }
 
-// The reader's next question rides along where nothing of the batch was sent yet. Whatever happens, it hears whether
+// The reader's next question rides along where nothing of the batch was sent yet, and replicas are not asked: they are
+// for the connection of the writes. Whatever happens, it hears whether
 // the connections lasted.
 void redis_engine::flush()
 {
-    const bool free = calls_.batch().all_unsent() && calls_.link().up();
+    const bool free = calls_.batch().all_unsent() && calls_.link().up() && !calls_.link().wants_replicas();
     const ride along = free ? reader_->offer() : ride{};
     try {
         calls_.flush(along);

@@ -41,6 +41,7 @@ class redis_engine final : public engine {
     [[nodiscard]] int scan_keys(table_ref ref, const key_range &range, record_sink &sink) override;
     [[nodiscard]] int subscribe(table_ref ref, const key_range &range, change_sink &sink) override;
     [[nodiscard]] int mark(table_ref ref, const key_range &range, uint64_t bound_seconds) override;
+    [[nodiscard]] int history(table_ref ref, const key_range &range, tq_mom_history &out) override;
     [[nodiscard]] int sweep(table_ref ref, const key_range &range, uint32_t bound_ms) override;
 
   private:

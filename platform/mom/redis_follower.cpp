@@ -192,7 +192,7 @@ int redis_follower::settle(followed &of)
     if (found == redis_feed::history::damaged)
         return TQ_MOM_CORRUPT;
     if (found == redis_feed::history::parted)
-        lose(of, of.feed.common(), now);
+        lose(of, of.feed.common(), now, TQ_MOM_NEW_HISTORY);
     return result;
 }
 
@@ -216,13 +216,14 @@ int redis_follower::compare_more(followed &of, redis_feed::history &found)
     return TQ_MOM_OK;
 }
 
-void redis_follower::lose(followed &of, uint64_t base, const log_position &now)
+void redis_follower::lose(followed &of, uint64_t base, const log_position &now, int reason)
 {
     const uint64_t losses = ++calls_.counters().losses;
-    report(TQ_ZLOG_WARN, "changes " + std::to_string(base + 1) + " and later of " + of.table().log +
-                             " are lost, resynchronising (" + std::to_string(losses) + " times so far)");
+    report(TQ_ZLOG_WARN, "changes " + std::to_string(base + 1) + " and later of " + of.table().log + " are lost" +
+                             (reason == TQ_MOM_NEW_HISTORY ? " with the store's history" : "") + ", resynchronising (" +
+                             std::to_string(losses) + " times so far)");
     of.feed.restart(now);
-    delivery_.lose(of.audience, base, now.last);
+    delivery_.lose(of.audience, base, now.last, reason);
 }
 
 int redis_follower::compare(bool &parted)

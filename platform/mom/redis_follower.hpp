@@ -70,7 +70,7 @@ class redis_follower {
     bool accept_entry(followed &of, const log_entry &entry, bool ours);
     [[nodiscard]] int settle(followed &of);
     [[nodiscard]] int compare_more(followed &of, redis_feed::history &found);
-    void lose(followed &of, uint64_t base, const log_position &now);
+    void lose(followed &of, uint64_t base, const log_position &now, int reason = TQ_MOM_OK);
     void refuse_in_silence();
 
     redis_calls &calls_;

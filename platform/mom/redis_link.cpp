@@ -55,6 +55,43 @@ std::string name_of(const store_url &url)
     return url.name;
 }
 
+// The first line of a regular file, however its lines end: anything else could make us wait, or is a mistake.
+bool read_password(const store_url::login &login, std::string &password)
+{
+    password = login.password;
+    if (login.password_file.empty())
+        return true;
+    const int fd = ::open(login.password_file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat found {};
+    std::array<char, 1024> text{};
+    ssize_t size = fd < 0 || fstat(fd, &found) != 0 ? -1 : 0;
+    if (size == 0 && S_ISREG(found.st_mode))
+        size = read(fd, text.data(), text.size());
+    const std::string reason = size < 0                 ? std::strerror(errno)
+                               : S_ISREG(found.st_mode) ? "it is empty"
+                                                        : "it is no file";
+    if (fd >= 0)
+        close(fd);
+    const std::string_view line(text.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    password = line.substr(0, line.find_first_of("\r\n"));
+    if (password.empty())
+        report(TQ_ZLOG_ERROR, "cannot read the password file " + login.password_file + ": " + reason);
+    return !password.empty();
+}
+
+// Puts what logs in in front of what is asked, where there is anything.
+int add_login(command_buffer &commands, const store_url::login &login)
+{
+    std::string password;
+    if (!read_password(login, password))
+        return TQ_MOM_NO_PASSWORD;
+    if (!password.empty() && login.user.empty())
+        commands.command("AUTH", password);
+    else if (!login.empty())
+        commands.command("AUTH", login.user, password);
+    return TQ_MOM_OK;
+}
+
 } // namespace
 
 int redis_link::ensure()
@@ -135,6 +172,19 @@ int redis_link::receive(reply_tape &into, size_t &complete, const ride &along, s
     return result;
 }
 
+// The server holds its answer until enough replicas have all that came before on this connection.
+int redis_link::await_replicas()
+{
+    command_buffer question;
+    question.command("WAIT", url_.wait_replicas, url_.wait_ms);
+    const int result = exchange(question);
+    if (result != TQ_MOM_OK)
+        return result;
+    if (replies().is(reply_kind::error))
+        return judge(replies());
+    return replies().integer() >= url_.wait_replicas ? TQ_MOM_OK : TQ_MOM_NOT_REPLICATED;
+}
+
 int redis_link::judge(reply_view reply)
 {
     const int result = result_of(reply);
@@ -155,7 +205,8 @@ std::unique_ptr<redis_connection> redis_link::open(int &result)
         return open_at(url_.hosts.front(), result);
     case store_scheme::sentinel: {
         endpoint master;
-        return ask_sentinels(master) ? open_at(master, result) : nullptr;
+        result = ask_sentinels(master);
+        return result == TQ_MOM_OK ? open_at(master, result) : nullptr;
     }
     case store_scheme::mem:
         break;
@@ -163,9 +214,27 @@ std::unique_ptr<redis_connection> redis_link::open(int &result)
     return nullptr;
 }
 
+// Address by address, as long as none has taken the time of a call.
+std::unique_ptr<redis_connection> redis_link::connect(const endpoint &where)
+{
+    if (where.port == 0)
+        return redis_connection::open(where, url_);
+    const auto end = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
+    for (const auto &address : names_.addresses(where.host)) {
+        if (auto connection = redis_connection::open({address, where.port}, url_)) {
+            names_.connected(where.host, address);
+            return connection;
+        }
+        names_.failed(where.host, address);
+        if (steady_clock::now() >= end)
+            break;
+    }
+    return nullptr;
+}
+
 std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int &result)
 {
-    auto connection = redis_connection::open(where, url_);
+    auto connection = connect(where);
     if (connection == nullptr) {
         result = TQ_MOM_DISCONNECTED;
         return nullptr;
@@ -177,58 +246,42 @@ std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int
 }
 
 // A sentinel that knows the name tells where the master is; one that is down or does not know is passed over.
-bool redis_link::ask_sentinels(endpoint &master)
+int redis_link::ask_sentinels(endpoint &master)
 {
     command_buffer question;
+    const int logged_in = add_login(question, url_.sentinels);
+    if (logged_in != TQ_MOM_OK)
+        return logged_in;
     question.command("SENTINEL", "get-master-addr-by-name", url_.name);
+    int result = TQ_MOM_DISCONNECTED;
     for (const auto &sentinel : url_.hosts) {
-        const auto connection = redis_connection::open(sentinel, url_);
-        if (connection == nullptr || connection->exchange(question) != TQ_MOM_OK || connection->replies().size() != 2)
+        const auto connection = connect(sentinel);
+        if (connection == nullptr || connection->exchange(question) != TQ_MOM_OK)
             continue;
-        const auto port = connection->replies().at(1).text();
-        master.host = connection->replies().at(0).text();
+        auto answer = connection->replies();
+        const int refused = result_of(answer);
+        if (question.commands() > 1)
+            answer = answer.next();
+        if (refused != TQ_MOM_OK || result_of(answer) != TQ_MOM_OK)
+            result = refused != TQ_MOM_OK ? refused : result_of(answer);
+        if (answer.size() != 2)
+            continue;
+        const auto port = answer.at(1).text();
+        master.host = answer.at(0).text();
         const auto parsed = std::from_chars(port.data(), port.data() + port.size(), master.port);
         if (parsed.ec == std::errc{} && master.port != 0 && !master.host.empty())
-            return true;
+            return TQ_MOM_OK;
     }
-    return false;
-}
-
-// The first line of a regular file, however its lines end: anything else could make us wait, or is a mistake.
-bool redis_link::read_password(std::string &password) const
-{
-    password = url_.password;
-    if (url_.password_file.empty())
-        return true;
-    const int fd = ::open(url_.password_file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat found {};
-    std::array<char, 1024> text{};
-    ssize_t size = fd < 0 || fstat(fd, &found) != 0 ? -1 : 0;
-    if (size == 0 && S_ISREG(found.st_mode))
-        size = read(fd, text.data(), text.size());
-    const std::string reason = size < 0                 ? std::strerror(errno)
-                               : S_ISREG(found.st_mode) ? "it is empty"
-                                                        : "it is no file";
-    if (fd >= 0)
-        close(fd);
-    const std::string_view line(text.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    password = line.substr(0, line.find_first_of("\r\n"));
-    if (password.empty())
-        report(TQ_ZLOG_ERROR, "cannot read the password file " + url_.password_file + ": " + reason);
-    return !password.empty();
+    return result;
 }
 
 // The last answer tells whether the server takes commands: it may be loading, or want a password that we have not.
 int redis_link::log_in(redis_connection &connection)
 {
-    std::string password;
-    if (!read_password(password))
-        return TQ_MOM_NO_PASSWORD;
     command_buffer commands;
-    if (!password.empty() && url_.user.empty())
-        commands.command("AUTH", password);
-    else if (!password.empty() || !url_.user.empty())
-        commands.command("AUTH", url_.user, password);
+    const int logged_in = add_login(commands, url_.server);
+    if (logged_in != TQ_MOM_OK)
+        return logged_in;
     commands.command("PING");
     if (url_.scheme == store_scheme::sentinel)
         commands.command("ROLE");
@@ -246,11 +299,11 @@ int redis_link::log_in(redis_connection &connection)
 }
 
 // Does the server do what somebody asks who has not logged in? Our own login says nothing about that.
-bool redis_link::serves_strangers() const
+bool redis_link::serves_strangers()
 {
-    if (url_.password.empty() && url_.password_file.empty() && url_.user.empty())
+    if (url_.server.empty())
         return true;
-    const auto stranger = redis_connection::open(at_, url_);
+    const auto stranger = connect(at_);
     command_buffer question;
     question.command("PING");
     return stranger != nullptr && stranger->exchange(question) == TQ_MOM_OK &&

@@ -6,11 +6,13 @@
 // 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and
 //    everything in between fails at once with the reason of the last attempt.
 // 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master.
+// 5. Where the address asks for replicas, a write has succeeded when so many have it (await_replicas).
 //
 // The connection for changes is opened here, too, and belongs to its reader.
 #ifndef TQ_MOM_REDIS_LINK_HPP
 #define TQ_MOM_REDIS_LINK_HPP
 
+#include "name_lookup.hpp"
 #include "redis_connection.hpp"
 
 #include <tq_mom.h>
@@ -42,6 +44,9 @@ class redis_link {
     reply_view replies() const { return connection_->replies(); }
     /// Takes the answers out, for a caller whose callbacks make calls of their own.
     void take_replies(reply_tape &into) { std::swap(into, connection_->tape()); }
+    /// Whether writes are to be confirmed by replicas, and whether enough have all that was sent on the connection.
+    bool wants_replicas() const { return url_.wait_replicas > 0; }
+    [[nodiscard]] int await_replicas();
     /// An answer's result; a replica's refusal makes a link that asks sentinels look for the master again.
     [[nodiscard]] int judge(reply_view reply);
 
@@ -61,11 +66,11 @@ class redis_link {
     std::chrono::milliseconds pause() const;
 
   private:
+    std::unique_ptr<redis_connection> connect(const endpoint &where);
     std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
-    bool ask_sentinels(endpoint &master);
+    [[nodiscard]] int ask_sentinels(endpoint &master);
     [[nodiscard]] int log_in(redis_connection &connection);
-    [[nodiscard]] bool read_password(std::string &password) const;
-    [[nodiscard]] bool serves_strangers() const;
+    [[nodiscard]] bool serves_strangers();
     void note(int result, std::chrono::milliseconds took);
     void warn_about_server();
 
@@ -76,6 +81,7 @@ class redis_link {
     std::string with_question_;
     uint64_t generation_ = 0;
     steady_time last_use_{};
+    name_lookup names_;
     endpoint at_; // of the server that we logged in to last
     bool warned_ = false;
     std::chrono::milliseconds back_off_{0};

@@ -28,6 +28,7 @@ constexpr milliseconds between_comparisons{5000};
 // Until the next attempt after a failure of this kind.
 constexpr milliseconds at_once{0};
 constexpr milliseconds after_attempt{50};
+constexpr milliseconds longest_pause{60'000};
 constexpr milliseconds after_refusal{50};
 constexpr milliseconds after_recovery{100};
 constexpr milliseconds after_lack_of_memory{1000};
@@ -89,8 +90,8 @@ int redis_reader::subscribe(redis_table &table, const key_range &range, change_s
 
 void redis_reader::follow()
 {
-    if (life_ == life::off && connect() != TQ_MOM_OK)
-        reconnect_in(calls_.link().pause());
+    if (life_ == life::off)
+        attempt();
     else if (life_ == life::stale)
         remind();
     else
@@ -104,6 +105,16 @@ void redis_reader::become(life next)
 {
     life_ = next;
     timer_.stop();
+}
+
+// One that stands still leaves nine times as long to the application, as those of the link do.
+void redis_reader::attempt()
+{
+    const auto begin = steady_clock::now();
+    if (connect() == TQ_MOM_OK)
+        return;
+    const auto took = std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
+    reconnect_in(std::max({calls_.link().pause(), after_attempt, std::min(9 * took, longest_pause)}));
 }
 
 int redis_reader::connect()
@@ -164,8 +175,7 @@ void redis_reader::on_time()
 {
     switch (life_) {
     case life::off:
-        if (connect() != TQ_MOM_OK)
-            reconnect_in(std::max(calls_.link().pause(), after_attempt));
+        attempt();
         break;
     case life::idle:
         ask();

@@ -65,6 +65,7 @@ class redis_reader {
 
     void follow();
     void become(life next);
+    void attempt();
     [[nodiscard]] int connect();
     [[nodiscard]] int prepare(line &next);
     void disconnect();

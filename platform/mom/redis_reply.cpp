@@ -134,6 +134,7 @@ int result_of_error(std::string_view error)
         {"ERR The user executing the script", TQ_MOM_DENIED},
         {"WRONGTYPE", TQ_MOM_CORRUPT},
         {"NOMARK", TQ_MOM_NO_MARK},
+        {"NOREPLICAS", TQ_MOM_NO_REPLICAS},
     };
     for (const auto &each : known)
         if (error.starts_with(each.start))

@@ -8,6 +8,7 @@
 #include "redis_engine.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <span>
 #include <tuple>
 #include <utility>
@@ -33,6 +34,12 @@ void add_records(command_buffer &commands, const redis_table &table, std::span<c
     commands.limit_answers(answer_limit);
     for (const auto &key : keys)
         commands.command("HGETALL", table.record(key));
+}
+
+// Of the table's metadata: the generation of the latest rewrite of the selection that was ended.
+std::string swept_field(const key_range &range)
+{
+    return "swept:" + range.begin;
 }
 
 // How many of the first records to ask for at once.
@@ -228,12 +235,12 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
 int redis_engine::sweep_page(redis_table &table, const key_range &range, mark_stamp &mark)
 {
     const int result = calls_.run(calls_.scripts().sweep, [&](command_buffer &commands) {
-        calls_.scripts().sweep.begin(commands, 3, 9);
+        calls_.scripts().sweep.begin(commands, 3, 10);
         commands.add(table.index).add(table.log).add(table.meta);
         commands.add(calls_.writer().name).add(table.prefix);
         commands.add(lex_from(range, mark.after, mark.begun)).add(lex_to(range));
         commands.add(mark.was_empty ? 0u : sweep_page_size);
-        commands.add(mark.stamp).add(mark.epoch).add(mark.generation).add(mark.token);
+        commands.add(mark.stamp).add(mark.epoch).add(mark.generation).add(mark.token).add(swept_field(range));
     });
     if (result != TQ_MOM_OK)
         return result;
@@ -248,6 +255,20 @@ int redis_engine::sweep_page(redis_table &table, const key_range &range, mark_st
         std::ignore = calls_.run(calls_.scripts().trim, [&](command_buffer &commands) {
             calls_.scripts().trim_log(commands, table, calls_.writer());
         });
+    return TQ_MOM_OK;
+}
+
+int redis_engine::history(table_ref ref, const key_range &range, tq_mom_history &out)
+{
+    auto &table = table_of(ref);
+    int result = calls_.ask(
+        [&](command_buffer &commands) { commands.command("HMGET", table.meta, "epoch", swept_field(range)); });
+    result = result == TQ_MOM_OK ? calls_.link().judge(calls_.link().replies()) : result;
+    if (result != TQ_MOM_OK)
+        return result;
+    const auto epoch = calls_.link().replies().at(0).text();
+    out.name = epoch.empty() ? 0 : std::hash<std::string_view>{}(epoch) | 1;
+    out.rewritten = calls_.link().replies().at(1).is(reply_kind::text) ? 1 : 0;
     return TQ_MOM_OK;
 }
 

@@ -303,8 +303,10 @@ end
 return redis.call('HSET', KEYS[1], ARGV[1], ARGV[2] .. ' ' .. string.format('%.0f', now + ARGV[3]))
 )";
 
-// KEYS index, log, meta; ARGV writer, record prefix, from, to, page, stamp, epoch, generation, token.
-// Returns how many records were deleted, and the last key looked at, or nil when the page was the last.
+// KEYS index, log, meta; ARGV writer, record prefix, from, to, page, stamp, epoch, generation, token, the field that
+// tells of this selection's latest rewrite.
+// Returns how many records were deleted, and the last key looked at, or nil when the page was the last, which ends the
+// rewrite. Selections that are told of are many only where somebody makes them up.
 constexpr char sweep_text[] = R"(
 local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
 if redis.call('HGET', meta, 'epoch') ~= ARGV[7] or redis.call('HGET', meta, 'mark:' .. ARGV[8]) ~= ARGV[9] then
@@ -322,7 +324,11 @@ for _, key in ipairs(keys) do
     gone = gone + 1
   end
 end
-return {gone, #keys == page and keys[#keys] or false}
+local last = #keys == page and keys[#keys] or false
+if not last and redis.call('HLEN', meta) < 8192 then
+  redis.call('HSET', meta, ARGV[10], ARGV[8])
+end
+return {gone, last}
 )";
 
 } // namespace

@@ -49,6 +49,21 @@ std::string_view take_until(std::string_view &text, char mark)
     return head;
 }
 
+bool take_prefix(std::string_view &text, std::string_view prefix)
+{
+    if (!text.starts_with(prefix))
+        return false;
+    text.remove_prefix(prefix.size());
+    return true;
+}
+
+bool parse_login(store_url::login &login, std::string_view name, std::string_view value)
+{
+    if (name == "user")
+        return unescape(value, login.user);
+    return name == "password-file" && !value.empty() && unescape(value, login.password_file);
+}
+
 bool parse_option(store_url &url, std::string_view name, std::string_view value)
 {
     if (name == "log")
@@ -62,9 +77,12 @@ bool parse_option(store_url &url, std::string_view name, std::string_view value)
         return parse_number(value, url.timeout_ms) && url.timeout_ms > 0 && url.timeout_ms <= 3'600'000;
     if (name == "spin")
         return parse_number(value, url.spin_us) && url.spin_us <= 10'000;
-    if (name == "user")
-        return unescape(value, url.user);
-    return name == "password-file" && !value.empty() && unescape(value, url.password_file);
+    if (name == "wait")
+        return parse_number(value, url.wait_replicas) && url.wait_replicas <= 1000;
+    if (name == "wait-timeout")
+        return parse_number(value, url.wait_ms) && url.wait_ms > 0;
+    return parse_login(url.server, name, value) ||
+           (take_prefix(name, "sentinel-") && parse_login(url.sentinels, name, value));
 }
 
 bool parse_options(store_url &url, std::string_view options)
@@ -108,7 +126,7 @@ bool parse_credentials(store_url &url, std::string_view &text)
     auto password = text.substr(0, at);
     text.remove_prefix(at + 1);
     const auto user = take_until(password, ':');
-    return unescape(user, url.user) && unescape(password, url.password);
+    return unescape(user, url.server.user) && unescape(password, url.server.password);
 }
 
 bool parse_tcp(store_url &url, std::string_view text)
@@ -133,14 +151,6 @@ bool parse_sentinel(store_url &url, std::string_view text)
     while (!hosts.empty())
         if (!parse_endpoint(url, take_until(hosts, ','), sentinel_port))
             return false;
-    return true;
-}
-
-bool take_prefix(std::string_view &text, std::string_view prefix)
-{
-    if (!text.starts_with(prefix))
-        return false;
-    text.remove_prefix(prefix.size());
     return true;
 }
 
@@ -171,7 +181,12 @@ std::optional<store_url> parse_store_url(std::string_view text)
     const auto address = take_until(text, '?');
     if (!parse_address(url, address) || !parse_options(url, text))
         return std::nullopt;
-    return url;
+    if (url.wait_ms == 0)
+        url.wait_ms = (url.timeout_ms + 1) / 2;
+    // A server that waits says nothing meanwhile; and who has no sentinels does not log in to them.
+    const bool hears_in_time = url.wait_replicas == 0 || url.wait_ms < url.timeout_ms;
+    const bool asked = url.scheme == store_scheme::sentinel || url.sentinels.empty();
+    return hears_in_time && asked ? std::optional(url) : std::nullopt;
 }
 
 } // namespace mom

@@ -5,6 +5,9 @@
 //   timeout=MS         bound of a call
 //   spin=US            how long a call polls for its answer before it sleeps; 0 switches that off
 //   user=, password-file=  credentials of a server; the file's first line
+//   sentinel-user=, sentinel-password-file=  the same of the sentinels
+//   wait=N             a write succeeds when so many replicas have it,
+//   wait-timeout=MS    within this time
 // Parsing touches neither files nor the network.
 #ifndef TQ_MOM_URL_HPP
 #define TQ_MOM_URL_HPP
@@ -34,13 +37,20 @@ struct store_url {
     store_scheme scheme = store_scheme::mem;
     std::string name; ///< of the embedded store; path of the socket; name of the master
     std::vector<endpoint> hosts;
-    std::string user;
-    std::string password;
-    std::string password_file;
+    struct login {
+        std::string user;
+        std::string password;
+        std::string password_file;
+        bool empty() const { return user.empty() && password.empty() && password_file.empty(); }
+    };
+    login server;
+    login sentinels;
     std::optional<uint64_t> log_limit;
     std::optional<uint64_t> log_memory; ///< bytes
     uint32_t timeout_ms = 1000;
     uint32_t spin_us = usual_spin_us();
+    uint32_t wait_replicas = 0;
+    uint32_t wait_ms = 0;
 };
 
 std::optional<store_url> parse_store_url(std::string_view text);

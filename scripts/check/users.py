@@ -20,11 +20,14 @@ OF_NODES = ["ace_counter", "service_node", "node_report"]
 ANSWERS = ["node_answer"]  # written by nodes, deleted by who asked
 READ = ("+ping +role +info +client|id +client|unblock +hgetall +hget +hmget +hstrlen +zrangebylex +xread +xrange "
         "+xrevrange +xinfo|stream")
-WRITE = ("+time +memory|usage +multi +exec +discard +script|load +hexists +hlen +hset +hsetnx +hincrby +hdel +del "
+WRITE = ("+time +wait +memory|usage +multi +exec +discard +script|load +hexists +hlen +hset +hsetnx +hincrby +hdel +del "
          "+exists +zadd +zrem +xadd +xtrim")
 HEAD = """user default off resetpass allkeys allchannels +@all
 """
-TAIL = """user plx-operator on >change-me-operator allkeys allchannels +@all
+# What a replica needs of its master, and a sentinel of both.
+TAIL = """user plx-replica on >change-me-replica resetkeys resetchannels -@all +ping +psync +replconf
+user plx-sentinel on >change-me-sentinel resetkeys allchannels -@all +ping +info +role +hello +auth +subscribe +publish +replicaof +slaveof +multi +exec +config|rewrite +client|setname +client|kill +script|kill
+user plx-operator on >change-me-operator allkeys allchannels +@all
 """
 
 
@@ -39,7 +42,7 @@ def made():
     everything = REQUESTED + STATUS + OF_NODES + MARKERS + ANSWERS
     users = HEAD
     for role, tables in (("application", REQUESTED + STATUS + MARKERS + ANSWERS),
-                         ("node", STATUS + OF_NODES + ANSWERS)):
+                         ("node", STATUS + OF_NODES + ANSWERS + ["node_call"])):
         users += (f"user plx-{role} on >change-me-{role} resetkeys {patterns(tables)} {patterns(everything, '/readers')} "
                   f"%R~plx{{*}}* resetchannels -@all {READ} {WRITE} {calls}\n")
     users += f"user plx-reader on >change-me-reader resetkeys %R~plx{{*}}* resetchannels -@all {READ}\n"

@@ -99,8 +99,8 @@ class failover : public crash {
     void SetUp() override
     {
         const auto start = [](redis_server &of, const std::string &port) {
-            of.start({"--appendfsync", "no", "--bind", "127.0.0.1", "--port", port, "--masteruser", "plx-operator",
-                      "--masterauth", "change-me-operator", "--repl-diskless-sync-delay", "0"});
+            of.start({"--appendfsync", "no", "--bind", "127.0.0.1", "--port", port, "--masteruser", "plx-replica",
+                      "--masterauth", "change-me-replica", "--repl-diskless-sync-delay", "0"});
         };
         start(server, ports[0]);
         start(second, ports[1]);
@@ -110,7 +110,9 @@ class failover : public crash {
         });
         sentinel.start_sentinel(ports[2], ports[0]);
         wait_for([&] { return sentinel.run({"SENTINEL", "REPLICAS", "policy"}).find(ports[1]) != std::string::npos; });
-        writer = open_at("sentinel://127.0.0.1:" + ports[2] + "/policy?" + server.credentials("suite"));
+        const auto login = sentinel.credentials("plx-operator");
+        writer = open_at("sentinel://localhost:" + ports[2] + "/policy?" + server.credentials("suite") + "&sentinel-" +
+                         std::string(login).insert(login.find('&') + 1, "sentinel-"));
         subscribe(writer, ace, ace_record("a", 0, 0));
         ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
         wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });

@@ -61,7 +61,7 @@ void redis_server::configure() const
     std::ofstream(directory() + "/acl")
         << std::ifstream(PLX_REDIS_CONFIG "/plx-store.acl").rdbuf()
         << "user suite on >suite resetkeys ~plx{* resetchannels -@all +ping +role +info +time "
-           "+memory|usage +client|id "
+           "+memory|usage +wait +client|id "
            "+client|unblock +multi +exec +discard +evalsha +script|load +hgetall +hget +hmget +hstrlen "
            "+hexists +hlen +hset +hsetnx +hincrby +hdel +del +exists +zadd +zrem +zrangebylex +xadd +xtrim +xread "
            "+xrange +xrevrange +xinfo|stream\n";
@@ -86,7 +86,8 @@ void redis_server::start_sentinel(const std::string &port, const std::string &ma
     const std::string file = directory() + "/sentinel.conf";
     std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory() << "\nunixsocket " << socket_
                         << "\nlogfile " << directory() << "/log\nsentinel monitor policy 127.0.0.1 " << master
-                        << " 1\nsentinel auth-user policy plx-operator\nsentinel auth-pass policy change-me-operator\n"
+                        << " 1\nsentinel auth-user policy plx-sentinel\nsentinel auth-pass policy change-me-sentinel\n"
+                        << "user default off\nuser plx-operator on >change-me-operator allkeys allchannels +@all\n"
                         << "sentinel down-after-milliseconds policy 300\nsentinel failover-timeout policy 2000\n";
     launch({file, "--sentinel"}, "PONG");
 }

@@ -353,7 +353,7 @@ class scenario : public store_users, public plx::Transcript {
     }
 
     static constexpr char mark_name[] = "!settled";
-    static bool is_lost(const std::string &line) { return line == "29"; }
+    static bool is_lost(const std::string &line) { return line.starts_with("29"); }
     static bool is_mark(const std::string &line) { return line.find(mark_name) != line.npos && line[0] != '3'; }
     const std::string port_ = redis_server::free_port();
     std::optional<redis_server> server_;

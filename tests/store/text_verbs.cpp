@@ -32,12 +32,16 @@ std::string parts_of_address(const std::string &text)
         EXPECT_TRUE(text.empty() || (tq_context_new(text.c_str()) == nullptr && errno == EINVAL));
         return "no address";
     }
-    std::string parts = std::to_string(static_cast<int>(url->scheme)) + " " + url->name + " as " + url->user + ":" +
-                        url->password + " " + url->password_file + " timeout " + std::to_string(url->timeout_ms) +
-                        " log " + std::to_string(url->log_limit.value_or(0)) + "/" +
+    std::string parts = std::to_string(static_cast<int>(url->scheme)) + " " + url->name + " as " + url->server.user +
+                        ":" + url->server.password + " " + url->server.password_file + " timeout " +
+                        std::to_string(url->timeout_ms) + " log " + std::to_string(url->log_limit.value_or(0)) + "/" +
                         std::to_string(url->log_memory.value_or(0));
     for (const auto &host : url->hosts)
         parts += " at " + host.host + " " + std::to_string(host.port);
+    if (!url->sentinels.empty())
+        parts += " asking as " + url->sentinels.user + " " + url->sentinels.password_file;
+    if (url->wait_replicas > 0)
+        parts += " waiting for " + std::to_string(url->wait_replicas) + " " + std::to_string(url->wait_ms) + " ms";
     return parts + (url->spin_us == 0 ? " without spinning" : "");
 }
 
