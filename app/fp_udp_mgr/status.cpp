@@ -8,6 +8,7 @@
 #include "../fp_udp_req_mng/answers.hpp"
 #include "../fp_udp_req_mng/kinds.hpp"
 #include "ask_again.hpp"
+#include "history.hpp"
 #include "store_record.hpp"
 
 #include <plx/request.h>
@@ -112,8 +113,10 @@ int32_t on_reply(void *ctx, const tq_mom_notification *notification, const char 
                  int line = __builtin_LINE())
 {
     using of = reply<Node>;
-    if (notification != nullptr && notification->event == TQ_MOM_EVENT_RESYNC && notification->record == nullptr)
+    if (notification != nullptr && notification->event == TQ_MOM_EVENT_RESYNC && notification->record == nullptr) {
+        note_history(ctx, *notification);
         ask_again(ctx);
+    }
     if (notification == nullptr || notification->event != TQ_MOM_EVENT_STATUS)
         return FP_UDP_OK;
     const diag::place at = {function, line};

@@ -4,6 +4,7 @@
 // missing, its name missing or of any length.
 #include "synchronisation.hpp"
 
+#include "history.hpp"
 #include "store_record.hpp"
 
 namespace plx::mgr {
@@ -156,6 +157,7 @@ template <class Table> int32_t notify_call_back(void *ctx, const tq_mom_notifica
 {
     if (notification == nullptr)
         return FP_UDP_OK;
+    note_history(ctx, *notification);
     // The store may have lost changes: every record comes here again.
     if (notification->event == TQ_MOM_EVENT_RESYNC)
         scan<Table>(ctx, notify_call_back<Table>, {Table::data_check, __LINE__});

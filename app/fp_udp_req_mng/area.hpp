@@ -23,4 +23,8 @@ inline bool known(const timeval &time)
 // Whole seconds from `since` to `now`. A clock that went back, by a microsecond even, gives a huge age.
 uint64_t age_seconds(const timeval &now, const timeval &since);
 
+// Asked once at each expiry: whether a service node that was not heard of is silent. While the store itself cannot be
+// heard it may not be, nor until one expiry has passed since, by when those that live have been heard of.
+bool silence_counts();
+
 } // namespace plx::req

@@ -18,7 +18,9 @@ namespace plx::req {
 namespace {
 
 constexpr uint64_t silence_seconds = 19; // a node silent for longer is gone
-constexpr int32_t bad_notification = 4;  // positive, unlike the library's other codes
+uint32_t heartbeat_db = 0;               // that was subscribed to last
+
+constexpr int32_t bad_notification = 4; // positive, unlike the library's other codes
 
 int32_t fp_udp_service_node_callback(void *, const tq_mom_notification *notification, void *)
 {
@@ -52,6 +54,19 @@ void drop(fp_udp_service_node &node, const char *function = __builtin_FUNCTION()
 }
 
 } // namespace
+
+bool silence_counts()
+{
+    static enum { unknown, heard, deaf } store = unknown; // one that never told its state is not asked for more
+    const bool hears = tq_mom_state_get(g_req_para.g_ssd_fp_global, heartbeat_db, 0) == 0;
+    const bool counts = hears ? store != deaf : store == unknown;
+    if (hears)
+        store = heard;
+    else if (store != unknown)
+        store = deaf;
+    return counts;
+}
+
 } // namespace plx::req
 
 using namespace plx::req;
@@ -63,6 +78,7 @@ int32_t fp_udp_service_node_subscribe(void *g_ssd_fp_global, uint32_t db)
     SPolicy__ServiceNodeIndex index = S_POLICY__SERVICE_NODE_INDEX__INIT;
     SPolicy__ServiceNode record = S_POLICY__SERVICE_NODE__INIT;
     record.index = &index;
+    heartbeat_db = db;
     return tq_mom_subscribe(g_ssd_fp_global, db, &record.base, 0, fp_udp_service_node_callback, nullptr);
 }
 

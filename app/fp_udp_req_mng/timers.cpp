@@ -39,7 +39,8 @@ int on_req_check(tq_thread *)
 int on_service_expire(tq_thread *)
 {
     g_service_expire_thread = nullptr;
-    fp_udp_fp_service_node_expire();
+    if (silence_counts())
+        fp_udp_fp_service_node_expire();
     return insert_service_expire();
 }
 

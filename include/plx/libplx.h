@@ -34,8 +34,8 @@
  *     plx-attributes(7) has it. Private data is the application's own.
  * 10. Not supported: use from several threads, fork() without exec(), unloading the library.
  *
- * Names that begin with plx_ are inline functions of these headers, but for plx_initial() and those of bulk.h and
- *     counters.h.
+ * Names that begin with plx_ are inline functions of these headers, but for plx_initial() and those of bulk.h,
+ *     counters.h and history.h.
  *
  * <plx/s_policy.pb-c.h>, made from the record schema, declares the records and their descriptors, which the library
  * exports.
@@ -48,6 +48,7 @@
 #include <plx/cache.h>
 #include <plx/counters.h>
 #include <plx/diag.h>
+#include <plx/history.h>
 #include <plx/manager.h>
 #include <plx/request.h>
 #include <plx/status.h>

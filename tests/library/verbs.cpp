@@ -805,6 +805,11 @@ const std::map<std::string, verb> verbs = {
          void *at = a.option("context") == "null" ? nullptr : &context;
          return what == "begin" ? plx_bulk_begin(at) : what == "flush" ? plx_bulk_flush(at) : plx_bulk_end(at);
      })},
+    {"hear_history", silent([](auto &, auto &) {
+         plx_set_history_cb([](void *at) {
+             app.events.push_back(at == &context ? "write all again" : "WRONG CONTEXT");
+         });
+     })},
     {"batches", silent([](auto &, auto &a) { // refused, taken by the application, or as usual
          const std::string how = a.next();
          fake::store.refusing = how == "refused";

@@ -118,6 +118,7 @@ static void call_diagnostics(void *context)
     GIVES(-4, plx_register_debug_commands(NULL));
     GIVES(0, plx_register_debug_commands(context));
     GIVES(1, plx_get_counters()->ace.failed); /* call_cache judged one */
+    plx_set_history_cb(NULL);
     GIVES(0, fp_udp_op_log_init());
     GIVES(0, fp_udp_debug_sw & FP_UDP_DEBUG_OP_LOG); /* so these write nothing */
     fp_udp_log_op_acl(&other, NULL, NULL, FP_UDP_OP_ADD);
