@@ -26,8 +26,10 @@ std::string name_of(const NodeOptions &options)
 } // namespace
 
 Node::Node(Context context, Plane &plane, NodeOptions options)
-    : options_(options), plane_(plane), context_(std::move(context)),
+    : options_(std::move(options)), plane_(plane), context_(std::move(context)),
       commits_(context_.get(), options_.db, [this](const std::string &app) { return compare(&app); }),
+      hold_(context_.get(), {options_.db, options_.hold, options_.heartbeat, options_.tell},
+            [this] { compare_timer_.start_unless_pending(milliseconds(0)); }),
       outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
               [this](const Key &key, uint64_t request) { return current(key, request); }),
       report_(context_.get(), {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat}),

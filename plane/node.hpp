@@ -11,6 +11,8 @@
 // often it is seen. What the node wrote about an entry goes with it; what is left of entries that went while no node
 // was there is looked for a while after the start.
 //
+// What the store lost, rather than that somebody took it away, stays programmed for a while (hold.hpp).
+//
 // Nothing that it does grows with the number of entries between two signs of life: long walks beat on their way, and
 // counters are published so many in a second, in turns.
 //
@@ -20,6 +22,7 @@
 #pragma once
 
 #include "plane/commits.hpp"
+#include "plane/hold.hpp"
 #include "plane/inquiries.hpp"
 #include "plane/outbox.hpp"
 #include "plane/plane.hpp"
@@ -44,6 +47,8 @@ struct NodeOptions {
     milliseconds counters{10000}; // between two publications of an entry's counters, at least
     uint32_t counter_rate = 200;  // counters published in a second, at most: the rest follow in turn
     milliseconds retry{1000};     // after a failed store call
+    milliseconds hold{300'000};   // what the store has lost stays programmed so long; 0: until it is written again
+    std::function<void(const std::string &)> tell{}; // hears what an operator should know
     milliseconds leftovers{3000}; // after the first comparison: what is left of entries that went is looked for
 };
 
@@ -59,6 +64,9 @@ class Node {
 
     // Looks after what the plane has, as at every heartbeat: something that concerns it has changed.
     void look();
+
+    // Has what is held of what the store lost taken out of the plane.
+    void release() { hold_.release(); }
 
     size_t known() const { return entries_.size(); } // records taken up, programmed or refused
 
@@ -102,6 +110,7 @@ class Node {
     bool take_copies(Comparison &comparison);
     static int32_t on_copy(void *handle, const tq_mom_notification *notification, void *arg);
     void find(Comparison &comparison, Change change);
+    Hold::Shares programmed(const Comparison &comparison, bool lost_whole) const;
     std::vector<Change> removals(const Comparison &comparison);
     void drop_staged(std::vector<Change> &changes);
     void make(std::vector<Change> changes);
@@ -130,6 +139,7 @@ class Node {
     milliseconds gathering_{0}; // changes, for as long as the plane took for the last
     bool cleared_ = false;      // what entries had left that went before this node was there
     Commits commits_;
+    Hold hold_;
     Outbox outbox_;
     Report report_;
     Inquiries inquiries_;

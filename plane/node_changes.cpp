@@ -74,6 +74,8 @@ void Node::take_up_installed()
 void Node::take_changes()
 {
     std::vector<Change> changes = last_of_each(std::exchange(inbox_, {}));
+    for (const Change &change : changes)
+        hold_.heard(change.key);
     drop_staged(changes);
     make(std::move(changes));
 }
@@ -104,7 +106,8 @@ void Node::compare()
 bool Node::compare(const std::string *app)
 {
     Comparison comparison{.node = this, .app = app, .number = ++comparisons_, .from_nothing = entries_.empty() && !app};
-    if (!scan(comparison) || (app == nullptr && !take_copies(comparison))) {
+    const auto programmed = [&](bool lost_whole) { return this->programmed(comparison, lost_whole); };
+    if (!scan(comparison) || (app == nullptr && !take_copies(comparison)) || !hold_.look(app == nullptr, programmed)) {
         compare_timer_.start_unless_pending(options_.retry);
         return false;
     }
@@ -194,7 +197,23 @@ void Node::find(Comparison &comparison, Change change)
     }
 }
 
-// What was not found, but in tables that could not be read whole. Those that were made meanwhile, in a comparison
+// Of what is in the plane, how many of each share; without those that the walk found something of, where asked so.
+Hold::Shares Node::programmed(const Comparison &comparison, bool lost_whole) const
+{
+    Hold::Shares shares;
+    for (const auto &[key, entry] : entries_)
+        ++shares[Hold::share_of(key)];
+    if (!lost_whole)
+        return shares;
+    for (const auto &[key, entry] : entries_)
+        if (entry.seen == comparison.number)
+            shares.erase(Hold::share_of(key));
+    for (const Change &change : comparison.found)
+        shares.erase(Hold::share_of(change.key));
+    return shares;
+}
+
+// What was not found and is not held, but in tables that could not be read whole. Those that were made meanwhile, in a comparison
 // inside this one, have its number.
 std::vector<Change> Node::removals(const Comparison &comparison)
 {
@@ -202,7 +221,8 @@ std::vector<Change> Node::removals(const Comparison &comparison)
     std::vector<Change> changes;
     for (const auto &[key, entry] : entries_) {
         const bool selected = app == nullptr || (tables()[key.index()].by_application && application_of(key) == *app);
-        if (selected && entry.seen < comparison.number && !comparison.unreadable.contains(key.index()))
+        const bool found = entry.seen >= comparison.number || comparison.unreadable.contains(key.index());
+        if (selected && !found && !hold_.holds(key))
             changes.push_back({key, std::nullopt});
     }
     if (app == nullptr)

@@ -1,7 +1,7 @@
 // Application, service nodes, plx show and monitor as processes of their own, with the rights that each has, around a
 // store server as it is shipped. The prompt names the user. More verbs:
 //
-//     store start | crash       the server, which is not there at the beginning
+//     store start | crash | erase  the server, which is not there at the beginning; erase takes its data away
 //     store run COMMAND...      a command to it as its operator, and the answer
 #include "store/redis_server.hpp"
 #include "support/session.hpp"
@@ -49,7 +49,10 @@ class Road : public Session {
         }
         if (words[1] == "run")
             return server_.run({words.begin() + 2, words.end()});
-        words[1] == "crash" ? server_.crash() : server_.start();
+        if (words[1] == "erase")
+            server_.erase_data();
+        else
+            words[1] == "crash" ? server_.crash() : server_.start();
         return {};
     }
 

@@ -15,6 +15,7 @@ enum ExitCode : int {
     EXIT_NO_OUTPUT = 8,   // all went well, but what was to be printed of it could not be written
     EXIT_LOCKED = 9,      // another apply of this application is at work; nothing was written
     EXIT_NOT_SWEPT = 10,  // all was written, and old records are left that were to be deleted
+    EXIT_TWIN = 11,       // a service node of this identity lives
     EXIT_INTERRUPTED = 130,
     EXIT_TERMINATED = 143
 };

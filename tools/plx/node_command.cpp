@@ -52,8 +52,10 @@ class NodeRun {
     bool make_nftables();
     int start_nftables();
     void read_ports();
+    void release();
     int wait_for_store(const StopOnSignal &stop);
-    int start();
+    int start(const StopOnSignal &stop);
+    int look_for_twin(const StopOnSignal &stop, bool &found);
     Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
     Record record(const ProtobufCMessageDescriptor &table) const;
     void retire();
@@ -64,6 +66,7 @@ class NodeRun {
     std::unique_ptr<plane::Plane> plane_;
     plane::nftables::NftablesPlane *nftables_ = nullptr; // the plane, when it is one
     std::optional<plane::Node> node_;
+    bool twin_ = false; // another node of this identity lives
 };
 
 void NodeRun::log(const std::string &text) const
@@ -167,6 +170,12 @@ void NodeRun::read_ports()
     }
 }
 
+void NodeRun::release()
+{
+    if (node_)
+        node_->release();
+}
+
 int NodeRun::run()
 {
     loop_.reset(tq_loop_new());
@@ -176,11 +185,15 @@ int NodeRun::run()
         return EXIT_USAGE;
     if (new_context() == nullptr)
         return tell_no_context(options_.store);
-    const StopOnSignal stop(loop_.get(), [this] { read_ports(); });
+    const StopOnSignal stop(loop_.get(), [this](int signal) { signal == SIGHUP ? read_ports() : release(); });
     const int result = wait_for_store(stop);
     if (result != 0) {
         log(std::string("cannot start: ") + tq_mom_strerror(result));
         return EXIT_UNREACHABLE;
+    }
+    if (twin_) {
+        log("a node of this identity lives: give each its own --dev, --slot and --id");
+        return EXIT_TWIN;
     }
     if (node_) {
         log("ready");
@@ -199,7 +212,7 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
     constexpr milliseconds between_tries{500};
     int told = 0;
     while (!stop.asked()) {
-        const int result = start();
+        const int result = start(stop);
         if (result == 0 || result == TQ_MOM_DENIED || result == TQ_MOM_BAD_LOGIN || result == TQ_MOM_NO_PASSWORD)
             return result;
         if (result != told)
@@ -212,15 +225,45 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
     return 0;
 }
 
+// Whether another node of this identity lives. One that left its record behind may be dead: who lives shows it when it is
+// called, and at its next heartbeat in any case.
+int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
+{
+    constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000};
+    const Context context = new_context();
+    const Record own = record(s_policy__service_node__descriptor);
+    const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
+        tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
+    if (left == nullptr || left->status != 0 || left->record == nullptr)
+        return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
+    const auto hear = [](void *, const tq_mom_notification *told, void *arg) -> int32_t {
+        *static_cast<bool *>(arg) = *static_cast<bool *>(arg) || told->event == TQ_MOM_EVENT_PUBLISHED;
+        return 0;
+    };
+    if (const int result = tq_mom_subscribe(context.get(), options_.node.db, own.message(), 3, hear, &found))
+        return result;
+    Record call(plx_node__node_call__descriptor);
+    call.set_number("number", now_us());
+    const bool called = tq_mom_set_sync(context.get(), options_.node.db, call.message()) == 0;
+    const milliseconds end = now() + (called ? until_an_answer : until_a_heartbeat);
+    while (!found && !stop.asked() && now() < end)
+        tq_loop_run_once(loop_.get(), static_cast<int>((end - now()).count()));
+    return 0;
+}
+
 // A node takes a failed heartbeat for a late one, so its first is tried out here: who may not write it is told at
 // once.
-int NodeRun::start()
+int NodeRun::start(const StopOnSignal &stop)
 {
+    if (const int result = look_for_twin(stop, twin_); result != 0 || twin_ || stop.asked())
+        return result;
     if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db,
                                            record(s_policy__service_node__descriptor).message());
         result != 0)
         return result;
-    node_.emplace(new_context(), *plane_, options_.node);
+    plane::NodeOptions options = options_.node;
+    options.tell = [this](const std::string &text) { log(text); };
+    node_.emplace(new_context(), *plane_, std::move(options));
     const int result = node_->start();
     if (result != 0)
         node_.reset();
@@ -252,6 +295,7 @@ void add_node_command(CLI::App &app, int &exit_code)
 {
     const auto options = std::make_shared<NodeCommandOptions>();
     const auto heartbeat = std::make_shared<uint32_t>(options->node.heartbeat.count());
+    const auto hold = std::make_shared<uint32_t>(options->node.hold.count() / 1000);
     CLI::App *command =
         app.add_subcommand("node", "Run a service node: take up what the store asks for, program it, and answer.");
     command->add_option("--store", options->store, "address of the store: unix:/path, redis://host:port")
@@ -265,6 +309,12 @@ void add_node_command(CLI::App &app, int &exit_code)
         ->add_option("--heartbeat", *heartbeat,
                      "milliseconds between two signs of life; applications count a node out after 20 s without")
         ->check(CLI::Range(10U, 5000U))
+        ->capture_default_str();
+    command
+        ->add_option("--hold", *hold,
+                     "seconds for which that stays programmed which the store has lost, if its application does not "
+                     "write it again before; 0: until it has")
+        ->check(CLI::Range(0U, 31'536'000U))
         ->capture_default_str();
     command
         ->add_option("--counter-rate", options->node.counter_rate,
@@ -281,17 +331,20 @@ void add_node_command(CLI::App &app, int &exit_code)
     command->add_option("--simulate", options->simulate, "how the simulated plane behaves; see below")
         ->allow_extra_args(false);
     add_options(*command, options->nftables);
-    command->footer("Behaviour of the simulated plane (--simulate), any number of:\n"
-                    "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
-                    "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
-                    "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
-                    "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
+    command->footer(
+        "Behaviour of the simulated plane (--simulate), any number of:\n"
+        "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
+        "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
+        "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
+        "A store that comes back without what it held withdraws nothing for a while (--hold). SIGUSR1 ends that.\n"
+        "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
     add_forget_command(*command, exit_code);
-    command->callback([options, heartbeat, command, &exit_code] {
+    command->callback([options, heartbeat, hold, command, &exit_code] {
         if (!command->get_subcommands().empty())
             return;
         options->node.heartbeat = milliseconds(*heartbeat);
         output().begin("node", false);
+        options->node.hold = std::chrono::seconds(*hold);
         exit_code = NodeRun(*options).run();
     });
 }
