@@ -273,34 +273,6 @@ int Draft::read_run(const AclKey &key, ListDraft &list, const PageChange &change
     return known || change.after == nullptr ? 0 : read_lookups(page, run);
 }
 
-int Draft::read_moving(const std::string &map, const std::vector<EntryPointer> &entries, ListDraft &list)
-{
-    std::map<std::string, const Entry *> by_key;
-    std::vector<packet::Element> elements;
-    for (const EntryPointer &entry : entries) {
-        by_key[entry->element.key] = entry.get();
-        elements.push_back(entry->element);
-    }
-    std::vector<ElementImage> images;
-    if (const int error = setting_.table.read_elements(setting_.netlink, map, elements, images); error != 0)
-        return error;
-    for (const ElementImage &image : images)
-        if (const auto entry = by_key.find(image.element.key); entry != by_key.end())
-            list.images[entry->second].emplace_back().counters = image.counters;
-    return 0;
-}
-
-int Draft::read_lookups(const std::string &page, Run &run)
-{
-    std::vector<RuleImage> rules;
-    const int error = setting_.table.read_rules(setting_.netlink, page, rules);
-    for (auto &[place, handle] : run.maps)
-        for (const RuleImage &rule : rules)
-            if (rule.tag && rule.tag->map == map_part(*run.shape, place))
-                handle = rule.handle;
-    return error;
-}
-
 int Draft::read_jumps(const AclKey &key, const Acl &acl)
 {
     std::vector<RuleImage> rules;
@@ -414,28 +386,6 @@ void Draft::write_run(const AclKey &key, const ListDraft &list, const PageChange
             setting_.table.remove_rule(batch_, page, handle, list.owner);
             setting_.table.remove_map(batch_, map_name(page, map_part(*run.shape, place)), list.owner);
         }
-}
-
-// The look-ups of a layer stand before those of the next.
-void Draft::write_maps(const std::string &page, const PageChange &change, size_t owner)
-{
-    const RunPointer &run = change.after->run;
-    for (const packet::Layers::Place &place : run->layers.places()) {
-        if (run->maps.contains(place))
-            continue;
-        const std::string part = map_part(*run->shape, place), map = map_name(page, part);
-        setting_.table.add_map(batch_, map, run->shape->fields, map_data_of({*run->shape, place}), owner);
-        const auto next = std::find_if(run->maps.begin(), run->maps.end(),
-                                       [&](const auto &old) { return old.first.first > place.first; });
-        const Place where = next == run->maps.end() ? Place{} : Place{Place::before, next->second};
-        nlmsghdr *rule = setting_.table.add_rule(batch_, page, where, echo_, owner);
-        lookups_.emplace_back(batch_.size(), run, place);
-        put_lookup_expressions(rule, Batch::message_room - 512, run->shape->fields, place.second, map);
-        Tag tag;
-        tag.purpose = Purpose::map;
-        tag.map = part;
-        put_user_data(rule, tag);
-    }
 }
 
 void Draft::write_entry(const AclKey &key, const ListDraft &list, const std::string &chain, const EntryPointer &entry,
@@ -560,32 +510,7 @@ void Draft::remove_lists()
     }
 }
 
-void Draft::remove_page(const std::string &page, const Run *run, size_t owner)
-{
-    setting_.table.remove_chain(batch_, page, owner);
-    if (run == nullptr)
-        return;
-    for (const auto &[place, handle] : run->maps)
-        setting_.table.remove_map(batch_, map_name(page, map_part(*run->shape, place)), owner);
-}
-
 // ---- taking ---------------------------------------------------------------------------------------------------------
-
-void Draft::take_runs(Arranged &arranged)
-{
-    arranged.steps.keep();
-    for (const PageChange &change : arranged.changes) {
-        if (change.after == nullptr || change.after->run == nullptr)
-            continue;
-        for (const auto &[entry, from, to] : change.placements)
-            if (to)
-                entry->handles.clear();
-        Run &run = *change.after->run;
-        std::erase_if(run.maps, [&run](const auto &map) { return !run.layers.has(map.first); });
-        for (const packet::Layers::Place &place : run.layers.places())
-            run.maps.try_emplace(place, 0);
-    }
-}
 
 void Draft::take(const Outcome &outcome)
 {
