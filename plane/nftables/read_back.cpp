@@ -19,6 +19,7 @@ class Reader {
   private:
     int read_list(const AclKey &acl, InForce &found);
     int read_page(const AclKey &acl, uint32_t page, InForce &found);
+    int read_run(const AclKey &acl, uint32_t page, InForce &found);
     int read_hook(const std::string &chain);
     Installed installed(const Tag &tag) const { return {tag.request, tag.made_by == made_by_ ? tag.fingerprint : 0}; }
 
@@ -64,6 +65,33 @@ int Reader::read_list(const AclKey &acl, InForce &found)
         if (jump.tag && jump.tag->purpose == Purpose::page)
             if (const int error = read_page(acl, jump.tag->page, found); error != 0)
                 return error;
+    for (const RuleImage &jump : jumps)
+        if (jump.tag && jump.tag->purpose == Purpose::run)
+            if (const int error = read_run(acl, jump.tag->page, found); error != 0)
+                return error;
+    return 0;
+}
+
+// An entry is in force while its map is looked in.
+int Reader::read_run(const AclKey &acl, uint32_t page, InForce &found)
+{
+    std::vector<RuleImage> lookups;
+    const std::string chain = page_name(acl, page);
+    if (const int error = table_.read_rules(netlink_, chain, lookups); error != 0)
+        return error == ENOENT ? 0 : error;
+    for (const RuleImage &lookup : lookups) {
+        std::vector<ElementImage> elements;
+        if (!lookup.tag || lookup.tag->purpose != Purpose::map)
+            continue;
+        const int error = table_.read_elements(netlink_, map_name(chain, lookup.tag->map), elements);
+        if (error != 0 && error != ENOENT)
+            return error;
+        for (const ElementImage &element : elements) {
+            const auto *ace = element.tag ? std::get_if<AceKey>(&element.tag->key) : nullptr;
+            if (ace != nullptr && ace->app == acl.app && ace->acl == acl.acl)
+                found.emplace_back(element.tag->key, installed(*element.tag));
+        }
+    }
     return 0;
 }
 

@@ -329,6 +329,7 @@ TEST_F(NftablesPlaneTest, runs_of_entries_count_what_a_list_in_order_would)
         for (const auto &[at, known] : model)
             ASSERT_EQ(known.packets, seen.at(ace(at.second)).packets) << "request " << request << ", " << at.second;
         ASSERT_EQ(model.size(), plane_->installed().size() - 1);
+        ASSERT_EQ(model.size(), plane_->read_back("edge")->size() - 1);
     }
     EXPECT_THAT(ruleset(), testing::HasSubstr("@nh,96,32 vmap @acl.edge.10."));
     EXPECT_EQ("", output_of("nft -j list ruleset 2>&1 >/dev/null"));
