@@ -73,7 +73,7 @@ CompiledEntry compile_entry(std::span<const uint8_t> packed, const Config &confi
 
 bool decides(const Rule &rule)
 {
-    return rule.verdict != Verdict::next && !rule.over_meter && rule.one_in == 0;
+    return rule.verdict != Verdict::next && rule.over_meter.empty() && rule.one_in == 0;
 }
 
 std::string_view verdict_word(Verdict verdict)
