@@ -1,4 +1,5 @@
 // Rows of records that others wrote: whole where they are short, cut where they are long.
+#include "display.hpp"
 #include "rows.hpp"
 
 #include <gmock/gmock.h>
@@ -30,7 +31,7 @@ TEST(Row, of_a_long_record_is_cut_and_says_so_unless_it_is_asked_for_whole)
     ace.priv = {bytes.size(), reinterpret_cast<uint8_t *>(bytes.data())};
 
     const Row cut = row_of(&ace.base, false);
-    EXPECT_EQ((Row{{"t_app_type", 99'744}, {"attributes", 995'910}, {"priv", 744}}), Row(cut["cut"]));
+    EXPECT_EQ((Row{{"t_app_type", 99'744}, {"attributes", 995'910}, {"priv", 744}, {"name", 744}}), Row(cut["cut"]));
     EXPECT_LT(cut.dump().size(), 16'384U);
     const std::string line = line_of(cut);
     EXPECT_THAT(line, HasSubstr("n ... 99744 bytes more "));
@@ -42,6 +43,16 @@ TEST(Row, of_a_long_record_is_cut_and_says_so_unless_it_is_asked_for_whole)
     EXPECT_EQ(app, whole["t_app_type"]);
     ASSERT_EQ(100'000U, whole["attributes"]["match"].size());
     EXPECT_THAT(whole.dump(), HasSubstr("#100000\":"));
+}
+
+TEST(Display, shows_what_the_locale_prints_and_knows_how_wide_it_is)
+{
+    ASSERT_NE(nullptr, setlocale(LC_CTYPE, "C.UTF-8"));
+    EXPECT_EQ("\u00e9\u6f22", printable("\u00e9\u6f22"));
+    EXPECT_EQ("\u6f22  |", padded("\u6f22", 4) + '|');
+    EXPECT_EQ("a\\xe2\\x80\\xae\\x1b[2J\\xff\\x00", printable(std::string_view("a\u202e\x1b[2J\xff\0", 10)));
+    setlocale(LC_CTYPE, "C");
+    EXPECT_EQ("\\xc3\\xa9", printable("\u00e9"));
 }
 
 TEST(Row, of_a_short_record_is_whole)

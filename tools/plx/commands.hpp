@@ -14,6 +14,7 @@ void add_monitor_command(CLI::App &app, int &exit_code);
 void add_node_command(CLI::App &app, int &exit_code);
 void add_shell_command(CLI::App &app, int &exit_code);
 void add_show_command(CLI::App &app, int &exit_code);
+void add_top_command(CLI::App &app, int &exit_code);
 void add_verify_command(CLI::App &app, int &exit_code);
 
 } // namespace plx::tool

@@ -47,6 +47,7 @@ int run(int argc, char **argv)
     add_show_command(app, exit_code);
     add_monitor_command(app, exit_code);
     add_shell_command(app, exit_code);
+    add_top_command(app, exit_code);
     add_verify_command(app, exit_code);
 
     const std::span words(argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0));

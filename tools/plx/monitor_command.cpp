@@ -125,7 +125,7 @@ void MonitorRun::show(const Feed &feed, const tq_mom_notification &change)
     if (options_.json)
         output().line("change", std::move(row));
     else
-        std::cout << line_of(row) << '\n';
+        std::cout << line_of(options_.all ? row : without_internal(row)) << '\n';
     std::cout.flush();
     if (++shown_ == options_.count || !std::cout)
         tq_loop_stop(context_->master);

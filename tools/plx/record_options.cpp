@@ -83,6 +83,7 @@ void RecordOptions::add_to(CLI::App &command)
     command.add_option("--sn", sn, "only the entry with this sequence number")->each([this](const std::string &) {
         by_sn = true;
     });
+    command.add_flag("--all", all, "columns that are between programs, too; with --json they are there in any case");
     command.add_flag("--full", full, "whole values, however long; else a value is cut, and said to be");
 }
 

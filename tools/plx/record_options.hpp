@@ -35,6 +35,7 @@ struct RecordOptions : StoreOptions {
     uint64_t sn = 0;
     bool by_app = false, by_acl = false, by_sn = false;
     bool full = false;
+    bool all = false;
 
     void add_to(CLI::App &command);
 

@@ -55,6 +55,7 @@ class RowMaker {
     std::string text(const std::string &column, std::span<const uint8_t> value);
     Row scalar(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field);
     Row attributes(std::span<const uint8_t> packed);
+    void add_name(std::span<const uint8_t> bytes);
 
     bool full_;
     Row row_ = Row::object();
@@ -140,6 +141,12 @@ Row RowMaker::scalar(const ProtobufCMessage &message, const ProtobufCFieldDescri
     }
 }
 
+// What an application keeps as private data is mostly a name.
+bool is_name(std::span<const uint8_t> bytes)
+{
+    return !bytes.empty() && std::none_of(bytes.begin(), bytes.end(), [](uint8_t c) { return c < 0x20 || c == 0x7f; });
+}
+
 bool is_packed(const ProtobufCFieldDescriptor &field)
 {
     return field.type == PROTOBUF_C_TYPE_BYTES && std::string_view(field.name) == "value";
@@ -155,10 +162,31 @@ void RowMaker::add(const ProtobufCMessage &message)
             row_["attributes"] = attributes(span_of(value_of<ProtobufCBinaryData>(message, field)));
         else
             row_[field.name] = scalar(message, field);
+        if (std::string_view(field.name) == "priv")
+            add_name(without_padding(span_of(value_of<ProtobufCBinaryData>(message, field))));
     }
 }
 
+void RowMaker::add_name(std::span<const uint8_t> bytes)
+{
+    if (is_name(bytes))
+        row_["name"] =
+            std::string(reinterpret_cast<const char *>(bytes.data()), shown("name", bytes.size(), longest_text));
+}
+
 } // namespace
+
+Row without_internal(const Row &row)
+{
+    static constexpr std::string_view internal[] = {"c_status", "req_uuid", "rep_uuid", "ifx"};
+    const bool named = row.contains("name");
+    Row shown = Row::object();
+    for (const auto &[name, value] : row.items())
+        if (std::find(std::begin(internal), std::end(internal), name) == std::end(internal) &&
+            !(name == "priv" && (named || value == "")))
+            shown[name] = value;
+    return shown;
+}
 
 std::string table_name(const ProtobufCMessageDescriptor &table)
 {

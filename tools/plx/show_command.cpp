@@ -158,7 +158,7 @@ void ShowRun::add(Row row)
     if (options_.json)
         output().line("record", std::move(row));
     else
-        rows_.push_back(std::move(row));
+        rows_.push_back(options_.all ? std::move(row) : without_internal(row));
 }
 
 } // namespace
