@@ -10,6 +10,8 @@ namespace plx::tool {
 void add_apply_command(CLI::App &app, int &exit_code);
 void add_diff_command(CLI::App &app, int &exit_code);
 void add_check_command(CLI::App &app, int &exit_code);
+void add_explain_command(CLI::App &app, int &exit_code);
+void add_import_command(CLI::App &app, int &exit_code);
 void add_monitor_command(CLI::App &app, int &exit_code);
 void add_node_command(CLI::App &app, int &exit_code);
 void add_shell_command(CLI::App &app, int &exit_code);

@@ -43,6 +43,8 @@ int run(int argc, char **argv)
     add_apply_command(app, exit_code);
     add_diff_command(app, exit_code);
     add_check_command(app, exit_code);
+    add_explain_command(app, exit_code);
+    add_import_command(app, exit_code);
     add_node_command(app, exit_code);
     add_show_command(app, exit_code);
     add_monitor_command(app, exit_code);

@@ -1,0 +1,388 @@
+// `plx explain`: which entries decide about a frame at a port, of which some fields are known or all bytes, and where
+// they are programmed.
+#include "attribute_value.hpp"
+#include "commands.hpp"
+#include "display.hpp"
+#include "explain/capture.hpp"
+#include "explain/judge.hpp"
+#include "nodes/questions.hpp"
+#include "output.hpp"
+#include "record_options.hpp"
+#include "records/status.hpp"
+
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <plx/s_policy.pb-c.h>
+
+namespace plx::tool {
+
+namespace {
+
+using plane::packet::Verdict;
+
+constexpr milliseconds longest_answer{3000};
+
+struct ExplainOptions : StoreOptions {
+    uint32_t port = 0;
+    std::vector<std::string> in, out;
+    bool outwards = false;
+    std::string file; // instead of the store
+    std::string capture;
+    uint64_t number = 1;
+    bool all = false;
+
+    uint32_t direction() const { return outwards ? 1 : 0; }
+    const std::vector<std::string> &fields() const { return outwards ? out : in; }
+};
+
+// What an ACL does: the entry that decides, and those in front of it that may.
+struct Course {
+    const SceneEntry *decider = nullptr;
+    std::vector<const SceneEntry *> maybe;
+    std::set<Verdict> verdicts; // that are possible
+
+    std::string text() const { return verdicts.size() > 1 ? "depends" : std::string(verdict_word(*verdicts.begin())); }
+};
+
+class ExplainRun {
+  public:
+    explicit ExplainRun(const ExplainOptions &options) : options_(options) {}
+    int run();
+
+  private:
+    int read();
+    int read_store();
+    std::optional<Subject> subject(std::string &error);
+    bool pack_fields(std::vector<uint8_t> &packed, std::string &error) const;
+    int judge_all(const Subject &subject);
+    Course judge_acl(const SceneAcl &acl, const Subject &subject, const SceneEntry *without, bool told);
+    void tell_acl(const SceneAcl &acl) const;
+    void tell_entry(const SceneAcl &acl, const SceneEntry &entry, const Judgement &judgement) const;
+    int ask_nodes(const SceneAcl &acl, const Course &course, const Subject &subject);
+    void tell_node(const SceneAcl &acl, const NodeName &name, const Questions::Answer *answer, const Course &course,
+                   const Subject &subject);
+    void tell_counter(const SceneAcl &acl, const SceneEntry &entry) const;
+
+    const ExplainOptions &options_;
+    Numbers numbers_;
+    Scene scene_;
+    Context context_;
+    std::set<NodeName> nodes_;
+    std::optional<Questions> questions_;
+    bool unanswered_ = false;
+};
+
+int ExplainRun::run()
+{
+    if (const int code = read(); code != EXIT_DONE)
+        return code;
+    for (const SceneAcl &acl : scene_.acls)
+        for (const SceneEntry &entry : acl.entries)
+            numbers_.mention(entry.wanted.value);
+    numbers_.mention_port(options_.port);
+    std::string error;
+    const auto about = subject(error);
+    if (!about)
+        return output().error(options_.capture.empty() ? EXIT_USAGE : EXIT_BAD_FILE, error);
+    return judge_all(*about);
+}
+
+int ExplainRun::read()
+{
+    if (options_.file.empty())
+        return read_store();
+    Errors errors;
+    const auto policy = options_.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options_.file, errors);
+    plx::tool::tell(errors, options_.file);
+    if (!policy)
+        return EXIT_BAD_FILE;
+    scene_ = scene_of(*policy, options_.port, options_.direction());
+    return EXIT_DONE;
+}
+
+int32_t take_node(void *, const tq_mom_notification *found, void *arg)
+{
+    if (const auto name = node_of(found->record))
+        static_cast<std::set<NodeName> *>(arg)->insert(*name);
+    return 0;
+}
+
+int ExplainRun::read_store()
+{
+    int exit_code = EXIT_DONE;
+    context_ = open_store(options_, exit_code);
+    if (context_ == nullptr)
+        return exit_code;
+    size_t unreadable = 0;
+    int result = read_scene(context_.get(), options_.db, options_.port, options_.direction(), scene_, unreadable);
+    const Record whole(s_policy__service_node__descriptor);
+    if (result == 0)
+        result = tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &take_node, &nodes_);
+    if (result != 0)
+        return tell_store_error("store", result);
+    if (unreadable != 0)
+        return output().error(EXIT_SOME_FAILED,
+                              std::to_string(unreadable) + " records cannot be read: nothing can be said of this port");
+    return EXIT_DONE;
+}
+
+// ---- the frame ------------------------------------------------------------------------------------------------------
+
+std::optional<Subject> ExplainRun::subject(std::string &error)
+{
+    if (options_.capture.empty()) {
+        std::vector<uint8_t> packed;
+        if (!pack_fields(packed, error))
+            return std::nullopt;
+        numbers_.mention(packed);
+        return Subject::of_fields(packed, options_.port, options_.direction(), numbers_.config(), error);
+    }
+    std::ifstream file(options_.capture, std::ios::binary);
+    if (!file) {
+        error = file_error(options_.capture);
+        return std::nullopt;
+    }
+    std::vector<uint8_t> frame = read_frame(file, options_.number, error);
+    if (!error.empty()) {
+        error = options_.capture + ": " + error;
+        return std::nullopt;
+    }
+    plane::packet::Frame whole{.bytes = frame, .input = {}, .output = {}};
+    if (matches(plane::packet::double_tagged_drop(), whole))
+        output().note("the frame has two tags: a node of the Linux kernel drops it unless it runs with "
+                      "--double-tagged pass");
+    return Subject::of_frame(std::move(frame), options_.port, options_.direction());
+}
+
+std::string unknown_field(const std::string &name)
+{
+    std::vector<std::string_view> names;
+    for (const Form &form : forms())
+        if (form.cls == FP_UDP_ATTR_FIELD)
+            names.push_back(form.name);
+    const std::string_view close = nearest(name, names);
+    return "there is no match attribute " + tool::quoted(name) +
+           (close.empty() ? "" : "; did you mean '" + std::string(close) + "'?");
+}
+
+bool ExplainRun::pack_fields(std::vector<uint8_t> &packed, std::string &error) const
+{
+    for (const std::string &field : options_.fields()) {
+        const size_t equals = std::min(field.find('='), field.size());
+        const std::string name = field.substr(0, equals);
+        const Form *form = find_form(FP_UDP_ATTR_FIELD, name);
+        if (equals == field.size())
+            error = tool::quoted(field) + " is not FIELD=VALUE";
+        else if (form == nullptr)
+            error = unknown_field(name);
+        if (!error.empty())
+            return false;
+        const Encoding encoding = encode(*form, std::string_view(field).substr(equals + 1));
+        if (!encoding.error.empty()) {
+            error = name + ": " + encoding.error;
+            return false;
+        }
+        const uint32_t header[2] = {attribute_id(*form) << 8U | FP_UDP_ATTR_FIELD,
+                                    static_cast<uint32_t>(encoding.bytes.size())};
+        const auto *bytes = reinterpret_cast<const uint8_t *>(header);
+        packed.insert(packed.end(), bytes, bytes + sizeof header);
+        packed.insert(packed.end(), encoding.bytes.begin(), encoding.bytes.end());
+    }
+    return true;
+}
+
+// ---- the ACLs -------------------------------------------------------------------------------------------------------
+
+int ExplainRun::judge_all(const Subject &subject)
+{
+    const std::string where =
+        "port " + std::to_string(options_.port) + ' ' + std::string(direction_name(options_.direction()));
+    const size_t count = scene_.acls.size();
+    if (!output().json())
+        std::cout << where << ", " << count << (count == 1 ? " ACL\n" : " ACLs\n");
+    std::set<Verdict> verdicts{Verdict::accept};
+    if (scene_.off) {
+        output().note("the port is off: every frame is dropped, whatever the ACLs say");
+        verdicts = {Verdict::drop};
+    }
+    for (const SceneAcl &acl : scene_.acls) {
+        tell_acl(acl);
+        const Course course = judge_acl(acl, subject, nullptr, true);
+        if (const int code = ask_nodes(acl, course, subject); code != EXIT_DONE)
+            return code;
+        std::set<Verdict> together;
+        for (const Verdict before : verdicts)
+            for (const Verdict now : course.verdicts)
+                together.insert(before == Verdict::accept ? now : before);
+        verdicts = together;
+    }
+    const std::string verdict = verdicts.size() > 1 ? "depends" : std::string(verdict_word(*verdicts.begin()));
+    output().summary()["verdict"] = verdict;
+    if (!output().json())
+        std::cout << "verdict: " << verdict << '\n';
+    return unanswered_ ? EXIT_NO_ANSWER : EXIT_DONE;
+}
+
+// `without`: an entry that is not there.
+Course ExplainRun::judge_acl(const SceneAcl &acl, const Subject &subject, const SceneEntry *without, bool told)
+{
+    Course course;
+    const bool has_default = !acl.entries.empty() && acl.entries.back().is_default;
+    for (const SceneEntry &entry : acl.entries) {
+        if (&entry == without)
+            continue;
+        const Judgement judgement = judge(entry, has_default, subject, numbers_.config());
+        if (told && (judgement.truth != Truth::no || options_.all))
+            tell_entry(acl, entry, judgement);
+        if (judgement.truth == Truth::no)
+            continue;
+        course.verdicts.insert(judgement.verdict);
+        if (judgement.metered)
+            course.verdicts.insert(Verdict::drop);
+        if (judgement.truth == Truth::yes) {
+            course.decider = &entry;
+            return course;
+        }
+        course.maybe.push_back(&entry);
+    }
+    course.verdicts.insert(Verdict::accept);
+    if (told && !output().json())
+        std::cout << "    " << (course.maybe.empty() ? "no entry matches" : "none of the others matches")
+                  << ": the frame passes this ACL\n";
+    return course;
+}
+
+void ExplainRun::tell_acl(const SceneAcl &acl) const
+{
+    output().line("acl", {{"app", acl.app}, {"acl", acl.id}, {"name", acl.name}, {"priority", acl.priority}});
+    if (!output().json())
+        std::cout << "  acl " << acl.id << (acl.name.empty() ? "" : ' ' + printable(acl.name)) << " of "
+                  << printable(acl.app) << " (priority " << acl.priority << ")\n";
+}
+
+void ExplainRun::tell_entry(const SceneAcl &acl, const SceneEntry &entry, const Judgement &judgement) const
+{
+    static constexpr const char *words[] = {"no", "depends", "yes"};
+    static constexpr const char *texts[] = {"does not match: ", "would depend on ", "matches "};
+    const auto truth = static_cast<size_t>(judgement.truth);
+    const bool matters = judgement.truth != Truth::no;
+    const std::string verdict = matters ? std::string(verdict_word(judgement.verdict)) : "";
+    Row row = {{"app", acl.app},     {"acl", acl.id},           {"sn", entry.sn},
+               {"name", entry.name}, {"matches", words[truth]}, {"why", judgement.why}};
+    if (matters)
+        row.update({{"verdict", verdict}, {"metered", judgement.metered}});
+    output().line("entry", std::move(row));
+    if (!output().json())
+        std::cout << "    " << entry_label(entry.sn, entry.name) << (entry.is_default ? ", the default entry, " : " ")
+                  << texts[truth] << printable(judgement.why) << (matters ? " -> " + verdict : "")
+                  << (matters && judgement.metered ? ", and deny above the meter's rate" : "") << '\n';
+}
+
+// ---- the nodes ------------------------------------------------------------------------------------------------------
+
+// Where the entry that decides is programmed, as the planes have it now.
+int ExplainRun::ask_nodes(const SceneAcl &acl, const Course &course, const Subject &subject)
+{
+    if (context_ == nullptr || course.decider == nullptr)
+        return EXIT_DONE;
+    tell_counter(acl, *course.decider);
+    if (nodes_.empty())
+        return EXIT_DONE;
+    const uint64_t key = digest_of(AceKey{acl.app, acl.id, course.decider->sn});
+    const std::array<uint32_t, 1> part{static_cast<uint32_t>(part_of(key))};
+    int result = 0;
+    if (!questions_)
+        result = questions_.emplace(context_.get(), options_.db).start();
+    Questions::Answers answers;
+    if (result == 0)
+        result = questions_->ask(acl.app, nodes_, part, longest_answer, answers);
+    if (result != 0)
+        return tell_store_error("the nodes cannot be asked", result);
+    for (const NodeName &name : nodes_) {
+        const auto answer = answers.find(name);
+        tell_node(acl, name, answer == answers.end() ? nullptr : &answer->second, course, subject);
+    }
+    return EXIT_DONE;
+}
+
+void ExplainRun::tell_node(const SceneAcl &acl, const NodeName &name, const Questions::Answer *answer,
+                           const Course &course, const Subject &subject)
+{
+    const SceneEntry &entry = *course.decider;
+    const uint64_t key = digest_of(AceKey{acl.app, acl.id, entry.sn});
+    const NodeEntry *there = nullptr, *refused = nullptr;
+    const std::span<const NodeEntry> all = answer == nullptr ? std::span<const NodeEntry>() : answer->entries;
+    for (const NodeEntry &one : all)
+        if (one.key == key)
+            (one.status == 0 ? there : refused) = &one;
+    std::string state = "not programmed";
+    if (answer == nullptr || !answer->error.empty())
+        state = answer == nullptr ? "no answer" : printable(answer->error);
+    else if (there != nullptr)
+        state = there->fingerprint == entry.wanted.fingerprint() ? "programmed" : "programmed as it was before";
+    if (refused != nullptr)
+        state += ": " + std::string(status_text(refused->status)) + " (" + std::to_string(refused->status) + ')' +
+                 (refused->text.empty() ? "" : ": " + printable(refused->text));
+    const bool missing = answer != nullptr && answer->error.empty() && there == nullptr;
+    unanswered_ = unanswered_ || answer == nullptr || !answer->error.empty();
+    Row row = {{"node", text_of(name)}, {"app", acl.app}, {"acl", acl.id}, {"sn", entry.sn}, {"state", state}};
+    if (missing) {
+        const Course other = judge_acl(acl, subject, &entry, false);
+        row["verdict"] = other.text();
+        state += "; there the verdict is " + other.text();
+    }
+    output().line("node", std::move(row));
+    if (!output().json())
+        std::cout << "      node " << text_of(name) << ": " << state << '\n';
+}
+
+void ExplainRun::tell_counter(const SceneAcl &acl, const SceneEntry &entry) const
+{
+    const Record wanted(s_policy__ace_counter__descriptor, AceKey{acl.app, acl.id, entry.sn});
+    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message());
+    if (found != nullptr && found->record != nullptr) {
+        const uint64_t packets = number_field(found->record, "counter_pkt");
+        const uint64_t bytes = number_field(found->record, "counter_byte");
+        output().line("counter",
+                      {{"app", acl.app}, {"acl", acl.id}, {"sn", entry.sn}, {"packets", packets}, {"bytes", bytes}});
+        if (!output().json())
+            std::cout << "      " << packets << " packets, " << bytes << " bytes\n";
+    }
+    tq_mom_hash_res_free(found);
+}
+
+} // namespace
+
+void add_explain_command(CLI::App &app, int &exit_code)
+{
+    const auto options = std::make_shared<ExplainOptions>();
+    CLI::App *command =
+        app.add_subcommand("explain", "Tell which entries decide about a frame at a port, and where they are "
+                                      "programmed: of a frame in a capture, or of one of which some fields are known.");
+    command->add_option("--port", options->port, "the switch port")->required();
+    auto *in = command->add_option("--in", options->in, "FIELD=VALUE ...: coming in, and what is known of it")
+                   ->expected(0, 256);
+    auto *out = command->add_option("--out", options->out, "FIELD=VALUE ...: going out, and what is known of it")
+                    ->expected(0, 256)
+                    ->excludes(in);
+    command->add_option("--pcap", options->capture, "a capture that has the frame");
+    command->add_option("-n", options->number, "the frame's number in the capture, from 1")
+        ->check(CLI::Range(uint64_t{1}, UINT64_MAX))
+        ->capture_default_str();
+    command->add_option("--file", options->file, "a policy file, in place of the store; - for standard input");
+    command->add_flag("--all", options->all, "show why each earlier entry does not match, too");
+    options->add_to(*command);
+    command->footer("Examples:\n"
+                    "  plx explain --port 49 --in etype=ipv4 ipv4_src=10.1.2.3 ipv4_proto=tcp dst_l4port=443\n"
+                    "  plx explain --port 49 --pcap frames.pcap -n 7 --file policy.yaml --all");
+    command->callback([options, out, &exit_code] {
+        output().begin("explain", options->json);
+        options->outwards = out->count() != 0;
+        if (!options->capture.empty() && !options->fields().empty())
+            throw CLI::ValidationError("--pcap tells the fields: --in and --out take none beside it");
+        exit_code = ExplainRun(*options).run();
+    });
+}
+
+} // namespace plx::tool

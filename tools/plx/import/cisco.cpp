@@ -1,0 +1,368 @@
+// Access lists as routers and switches have them in their configuration: standard, extended, named, of IPv6.
+#include "import/draft.hpp"
+
+#include "attribute_value.hpp"
+#include "import/prefixes.hpp"
+#include <algorithm>
+#include <map>
+
+namespace plx::tool::import {
+
+namespace {
+
+struct Rule {
+    int line;
+    std::string text;
+    std::vector<std::string> words; // from "permit" or "deny" on
+};
+
+struct List {
+    bool ipv6 = false, standard = false;
+    std::map<uint64_t, std::vector<Rule>> rules{}; // by sequence number
+    uint64_t last = 0;
+    std::string remark{};
+};
+
+class Words {
+  public:
+    explicit Words(const std::vector<std::string> &words) : words_(words) {}
+    bool end() const { return at_ == words_.size(); }
+    std::string peek() const { return end() ? "" : words_[at_]; }
+    std::string next()
+    {
+        if (end())
+            throw Unsaid("it ends too early");
+        return words_[at_++];
+    }
+    bool take(std::string_view word)
+    {
+        const bool is = peek() == word;
+        at_ += is ? 1 : 0;
+        return is;
+    }
+
+  private:
+    const std::vector<std::string> &words_;
+    size_t at_ = 0;
+};
+
+const std::map<std::string, std::pair<int, int>> &icmp_words()
+{
+    static const std::map<std::string, std::pair<int, int>> words = {{"echo", {8, -1}},
+                                                                     {"echo-request", {8, -1}},
+                                                                     {"echo-reply", {0, -1}},
+                                                                     {"unreachable", {3, -1}},
+                                                                     {"port-unreachable", {3, 3}},
+                                                                     {"host-unreachable", {3, 1}},
+                                                                     {"packet-too-big", {3, 4}},
+                                                                     {"time-exceeded", {11, -1}},
+                                                                     {"ttl-exceeded", {11, 0}},
+                                                                     {"redirect", {5, -1}},
+                                                                     {"parameter-problem", {12, -1}},
+                                                                     {"source-quench", {4, -1}},
+                                                                     {"traceroute", {30, -1}},
+                                                                     {"administratively-prohibited", {3, 13}}};
+    return words;
+}
+
+const std::map<std::string, std::pair<int, int>> &icmpv6_words()
+{
+    static const std::map<std::string, std::pair<int, int>> words = {{"echo-request", {128, -1}},
+                                                                     {"echo-reply", {129, -1}},
+                                                                     {"unreachable", {1, -1}},
+                                                                     {"packet-too-big", {2, -1}},
+                                                                     {"time-exceeded", {3, -1}},
+                                                                     {"parameter-problem", {4, -1}},
+                                                                     {"nd-ns", {135, -1}},
+                                                                     {"nd-na", {136, -1}},
+                                                                     {"router-solicitation", {133, -1}},
+                                                                     {"router-advertisement", {134, -1}}};
+    return words;
+}
+
+class Reader {
+  public:
+    Reader(const Options &options, Draft &draft) : options_(options), draft_(draft) {}
+
+    void read(std::istream &in)
+    {
+        std::string line;
+        for (int number = 1; std::getline(in, line); ++number)
+            read(number, line);
+        const std::string name = list_name();
+        const List &list = lists_[name];
+        for (const auto &[sequence, rules] : list.rules)
+            for (const Rule &rule : rules)
+                add(list, rule);
+        Matches rest;
+        rest.narrow("etype", {list.ipv6 ? "ipv6" : "ipv4"});
+        draft_.add(rest, false, "implicit-deny");
+        tell_groups(name);
+    }
+
+  private:
+    void read(int number, const std::string &line)
+    {
+        const std::vector<std::string> words = words_of(line);
+        if (words.empty() || words[0] == "!" || words[0] == "end" || words[0] == "exit")
+            return;
+        const bool ipv6 = words[0] == "ipv6";
+        if ((words[0] == "ip" || ipv6) && words.size() > 2 && words[1] == "access-list")
+            return begin_list(words, ipv6);
+        if (words[0] == "access-list" && words.size() > 3) {
+            current_ = words[1];
+            uint64_t named = 0;
+            parse_number(current_, named);
+            lists_[current_].standard = named < 100 || (named >= 1300 && named < 2000);
+            return take(number, line, {words.begin() + 2, words.end()});
+        }
+        if ((words[0] == "ip" && words.size() == 4 && words[1] == "access-group") ||
+            (ipv6 && words.size() == 4 && words[1] == "traffic-filter")) {
+            groups_.push_back({number, line, {words[2], words[3], interface_}});
+            return;
+        }
+        if (words[0] == "interface" && words.size() > 1) {
+            interface_ = words[1];
+            current_.clear();
+        } else if (line[0] != ' ' && line[0] != '\t' && !is_rule(words)) {
+            current_.clear(); // something else of a configuration
+        } else if (!current_.empty()) {
+            take(number, line, words);
+        }
+    }
+
+    static bool is_rule(const std::vector<std::string> &words)
+    {
+        uint64_t number = 0;
+        return words[0] == "permit" || words[0] == "deny" || words[0] == "remark" || parse_number(words[0], number);
+    }
+
+    void begin_list(const std::vector<std::string> &words, bool ipv6)
+    {
+        const bool kind = !ipv6 && words.size() > 3;
+        current_ = words[kind ? 3 : 2];
+        lists_[current_].ipv6 = ipv6;
+        lists_[current_].standard = kind && words[2] == "standard";
+    }
+
+    void take(int number, const std::string &line, std::vector<std::string> words)
+    {
+        List &list = lists_[current_];
+        uint64_t sequence = list.last + 10;
+        if (words[0] == "sequence")
+            words.erase(words.begin());
+        if (parse_number(words[0], sequence))
+            words.erase(words.begin());
+        if (!words.empty() && words[0] == "remark") {
+            list.remark.clear();
+            for (size_t at = 1; at < words.size(); ++at)
+                list.remark += (at == 1 ? "" : " ") + words[at];
+            return;
+        }
+        list.last = sequence;
+        words.insert(words.begin(), list.remark);
+        list.remark.clear();
+        list.rules[sequence].push_back({number, line, std::move(words)});
+    }
+
+    std::string list_name() const
+    {
+        if (!options_.list.empty() && lists_.contains(options_.list))
+            return options_.list;
+        if (!options_.list.empty() || lists_.size() != 1)
+            throw Unsaid(lists_.empty()          ? "there is no access list"
+                         : options_.list.empty() ? "there are several access lists: name one with --list"
+                                                 : "there is no access list " + options_.list);
+        return lists_.begin()->first;
+    }
+
+    void tell_groups(const std::string &name)
+    {
+        for (const Rule &group : groups_) {
+            if (group.words[0] == name && options_.port.empty())
+                draft_.note("line " + std::to_string(group.line) + ": the list is applied " + group.words[1] + " at " +
+                            group.words[2] + "; --port says which port that is");
+        }
+    }
+
+    void add(const List &list, const Rule &rule)
+    {
+        std::optional<bool> permits;
+        try {
+            const std::vector<std::string> behind(rule.words.begin() + 1, rule.words.end());
+            Words words(behind);
+            const std::string verdict = words.next();
+            if (verdict != "permit" && verdict != "deny")
+                throw Unsaid("it is neither permit nor deny");
+            permits = verdict == "permit";
+            for (const Matches &matches : matches_of(list, words))
+                draft_.add(matches, *permits, rule.words[0]);
+        } catch (const Unsaid &why) {
+            draft_.refuse(rule.line, rule.text, why.what(), permits);
+        }
+    }
+
+    std::vector<Matches> matches_of(const List &list, Words &words)
+    {
+        Matches matches;
+        const std::string family = list.ipv6 ? "ipv6_" : "ipv4_";
+        if (list.standard) {
+            take_address(family + "src", words, list.ipv6, matches, true);
+            return finish(words, false, list.ipv6, matches);
+        }
+        const std::string protocol = words.next();
+        if (protocol != "ip" && protocol != "ipv6" && protocol != "ipv4")
+            matches.narrow(list.ipv6 ? "ipv6_next_hdr" : "ipv4_proto",
+                           {list.ipv6 && protocol == "icmp" ? "icmpv6" : protocol});
+        take_address(family + "src", words, list.ipv6, matches, false);
+        take_ports("src", words, matches);
+        take_address(family + "dst", words, list.ipv6, matches, false);
+        take_ports("dst", words, matches);
+        bool is_established = false;
+        while (!words.end() && words.peek() != "log" && words.peek() != "log-input") {
+            if (words.take("established"))
+                is_established = true;
+            else
+                take_option(list, words, protocol == "icmp", matches);
+        }
+        return finish(words, is_established, list.ipv6, matches);
+    }
+
+    // "log" has no bearing on a verdict.
+    std::vector<Matches> finish(Words &words, bool is_established, bool ipv6, Matches &matches)
+    {
+        if (words.take("log") || words.take("log-input"))
+            draft_.note("'log' is left out: what is let through stays the same");
+        if (!words.end())
+            throw Unsaid("'" + words.peek() + "' cannot be said");
+        if (is_established)
+            return established(matches, ipv6);
+        if (!matches.has(ipv6 ? "ipv6_" : "ipv4_"))
+            matches.narrow("etype", {ipv6 ? "ipv6" : "ipv4"});
+        return {matches};
+    }
+
+    static void take_option(const List &list, Words &words, bool icmp, Matches &matches)
+    {
+        if (words.take("fragments")) {
+            if (list.ipv6)
+                throw Unsaid("fragments of IPv6 cannot be said");
+            return matches.narrow("ipv4_frag", {"2"});
+        }
+        if (words.take("dscp")) {
+            const std::string value = words.next();
+            uint64_t number = 0;
+            if (list.ipv6 && !parse_number(value, number))
+                throw Unsaid("the DSCP " + value + " of IPv6 must be a number");
+            return list.ipv6 ? matches.narrow("ipv6_tc", {std::to_string(number << 2U) + "/0xfc"})
+                             : matches.narrow("ipv4_dscp", {value});
+        }
+        if (words.take("ttl") && words.take("eq"))
+            return matches.narrow(list.ipv6 ? "ipv6_hop_lmt" : "ipv4_ttl", {words.next()});
+        for (const auto &[name, bit] :
+             {std::pair{"ack", 16}, {"rst", 4}, {"syn", 2}, {"fin", 1}, {"psh", 8}, {"urg", 32}})
+            if (words.take(name))
+                return matches.narrow("tcp_flag", {std::to_string(bit) + '/' + std::to_string(bit)});
+        if (icmp)
+            return take_icmp(list.ipv6, words, matches);
+        throw Unsaid("'" + words.peek() + "' cannot be said");
+    }
+
+    static void take_icmp(bool ipv6, Words &words, Matches &matches)
+    {
+        const std::string word = words.next();
+        const auto &known = ipv6 ? icmpv6_words() : icmp_words();
+        if (const auto found = known.find(word); found != known.end()) {
+            matches.narrow("icmp_type", {std::to_string(found->second.first)});
+            if (found->second.second >= 0)
+                matches.narrow("icmp_code", {std::to_string(found->second.second)});
+            return;
+        }
+        uint64_t number = 0;
+        if (!parse_number(word, number))
+            throw Unsaid("'" + word + "' cannot be said");
+        matches.narrow("icmp_type", {word});
+        if (parse_number(words.peek(), number))
+            matches.narrow("icmp_code", {words.next()});
+    }
+
+    // "any", "host A", "A WILDCARD", "A/N".
+    static void take_address(const std::string &field, Words &words, bool ipv6, Matches &matches, bool may_be_alone)
+    {
+        if (words.take("any"))
+            return;
+        const bool host = words.take("host");
+        const std::string address = words.next();
+        if (address == "object-group" || address == "addrgroup")
+            throw Unsaid("the group " + words.peek() + " is not defined here");
+        if (host || ipv6 || address.find('/') != std::string::npos ||
+            (may_be_alone && (words.end() || words.peek() == "log")))
+            return matches.narrow(field, {address});
+        // A wildcard's bits are those that do not matter; they may stand anywhere.
+        const auto base = prefix_of(address), wildcard = prefix_of(words.next());
+        if (!base || !wildcard || base->ipv6 || wildcard->ipv6)
+            throw Unsaid("'" + address + "' is no address with a wildcard mask");
+        Prefix value = *base, mask = *wildcard;
+        for (size_t at = 0; at < 4; ++at) {
+            mask.bytes[at] = static_cast<uint8_t>(~mask.bytes[at]);
+            value.bytes[at] &= mask.bytes[at];
+        }
+        matches.narrow(field, {value.text() + '/' + mask.text()});
+    }
+
+    static uint32_t port(const std::string &text)
+    {
+        static const std::map<std::string, uint32_t> words = {
+            {"www", 80},         {"domain", 53},    {"smtp", 25},    {"telnet", 23},      {"ftp", 21},
+            {"ftp-data", 20},    {"bootps", 67},    {"bootpc", 68},  {"tftp", 69},        {"ntp", 123},
+            {"snmp", 161},       {"snmptrap", 162}, {"syslog", 514}, {"bgp", 179},        {"pop3", 110},
+            {"isakmp", 500},     {"rip", 520},      {"tacacs", 49},  {"netbios-ns", 137}, {"netbios-dgm", 138},
+            {"netbios-ss", 139}, {"lpd", 515},      {"nntp", 119},   {"whois", 43}};
+        uint64_t value = 0;
+        if (parse_number(text, value) && value <= UINT16_MAX)
+            return static_cast<uint32_t>(value);
+        const auto found = words.find(text);
+        if (found == words.end())
+            throw Unsaid("'" + text + "' is no port that is known here");
+        return found->second;
+    }
+
+    static void take_ports(const std::string &side, Words &words, Matches &matches)
+    {
+        if (words.take("range")) {
+            const uint32_t low = port(words.next());
+            return narrow_ports(matches, side, low, port(words.next()), false);
+        }
+        if (words.take("neq")) {
+            const uint32_t only = port(words.next());
+            return narrow_ports(matches, side, only, only, true);
+        }
+        if (words.take("gt"))
+            return narrow_ports(matches, side, port(words.next()) + 1, UINT16_MAX, false);
+        if (words.take("lt")) {
+            const uint32_t first = port(words.next());
+            return narrow_ports(matches, side, first == 0 ? 1 : 0, first == 0 ? 0 : first - 1, false);
+        }
+        if (!words.take("eq"))
+            return;
+        std::vector<std::string> ports{std::to_string(port(words.next()))};
+        for (uint64_t number = 0; parse_number(words.peek(), number);) // some take several
+            ports.push_back(std::to_string(port(words.next())));
+        matches.narrow(side + "_l4port", ports);
+    }
+
+    const Options &options_;
+    Draft &draft_;
+    std::map<std::string, List> lists_;
+    std::string current_, interface_;
+    std::vector<Rule> groups_;
+};
+
+} // namespace
+
+void read_cisco(std::istream &in, const Options &options, Draft &draft)
+{
+    Reader(options, draft).read(in);
+}
+
+} // namespace plx::tool::import
