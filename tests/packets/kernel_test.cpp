@@ -3,6 +3,7 @@
 #include "packets/entry.hpp"
 #include "packets/frames.hpp"
 #include "packets/testbed.hpp"
+#include "tools/plx/explain/knowledge.hpp"
 
 namespace plx {
 namespace {
@@ -249,6 +250,36 @@ TEST(Entry, matches_what_each_of_its_fields_matches)
     }
     EXPECT_GT(both, 100U);
     EXPECT_GT(contradictions, 100U);
+}
+
+// What follows from some fields of a frame is true of the frame.
+TEST(Knowledge, is_right_where_it_does_not_depend)
+{
+    std::mt19937 random(static_cast<uint32_t>(from_environment("PLX_SEED", 1)));
+    Config config = test::configuration();
+    config.double_tagged = false;
+    std::map<tool::Truth, size_t> seen;
+    for (size_t round = 0; round < 4000; ++round) {
+        const std::string text = test::any_frame(random);
+        const Frame frame{.bytes = test::frame_of(text), .input = "t1", .output = "e0", .mark = 1};
+        const Requested known = any_entry(random, frame, config);
+        const Frame other{.bytes = test::frame_of(test::any_frame(random)), .input = "t1", .output = "e0"};
+        const Requested entry = round % 8 == 0 ? known : any_entry(random, round % 2 == 0 ? frame : other, config);
+        for (const Rule &given : compile(known, config).rules) {
+            for (const Rule &rule : compile(entry, config).rules) {
+                if (!matches(given, frame))
+                    continue;
+                const tool::Truth truth = tool::Knowledge(given.tests).judge(rule.tests);
+                ++seen[truth];
+                EXPECT_TRUE(truth == tool::Truth::depends || (truth == tool::Truth::yes) == matches(rule, frame))
+                    << test::text_of(known) << '\n'
+                    << test::text_of(entry) << '\n'
+                    << text;
+            }
+        }
+    }
+    EXPECT_GT(seen[tool::Truth::yes], 100U);
+    EXPECT_GT(seen[tool::Truth::no], 5U);
 }
 
 TEST_F(Kernel, lists_every_entry_of_the_transcripts)
