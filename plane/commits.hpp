@@ -4,8 +4,8 @@
 // programmed. Its publish marker, the end of the seconds and the removal of the enable marker each make all of them
 // together. Nothing is kept of the changes meanwhile: whoever makes them reads the tables when it is time.
 //
-// A hold (records/policy_copy.hpp) has no time: until it is removed the application's policy is its copy, for a node that
-// starts, too. It outdoes the other markers.
+// A hold (records/policy_copy.hpp) has no time: until it is removed the application's policy is its copy, for a node
+// that starts, too. It outdoes the other markers.
 //
 // A node owns one, hands it the marker table's notifications, and asks it before it programs.
 #pragma once

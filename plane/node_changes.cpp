@@ -213,8 +213,8 @@ Hold::Shares Node::programmed(const Comparison &comparison, bool lost_whole) con
     return shares;
 }
 
-// What was not found and is not held, but in tables that could not be read whole. Those that were made meanwhile, in a comparison
-// inside this one, have its number.
+// What was not found and is not held, but in tables that could not be read whole. Those that were made meanwhile, in
+// a comparison inside this one, have its number.
 std::vector<Change> Node::removals(const Comparison &comparison)
 {
     const std::string *app = comparison.app;

@@ -110,7 +110,10 @@ class Tools : public Session {
     }
 
   private:
-    std::map<std::string, std::string> environment(const std::string &) const override { return {{"PLX_STORE", "mem:"}}; }
+    std::map<std::string, std::string> environment(const std::string &) const override
+    {
+        return {{"PLX_STORE", "mem:"}};
+    }
 
     std::string perform(const std::string &line) override
     {

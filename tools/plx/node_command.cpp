@@ -225,8 +225,8 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
     return 0;
 }
 
-// Whether another node of this identity lives. One that left its record behind may be dead: who lives shows it when it is
-// called, and at its next heartbeat in any case.
+// Whether another node of this identity lives. One that left its record behind may be dead: who lives shows it when
+// it is called, and at its next heartbeat in any case.
 int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
 {
     constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000};

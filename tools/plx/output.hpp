@@ -1,8 +1,8 @@
 // What a command says: text for people, or with --json lines of JSON on standard output and nothing else.
 //
-// A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with the
-// exit code. A failure is a line of type "error", a remark one of type "note". A number above 2^53, which readers may
-// round, has its text beside it, under its name and "_text". Within a schema's version there are only additions.
+// A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with
+// the exit code. A failure is a line of type "error", a remark one of type "note". A number above 2^53, which readers
+// may round, has its text beside it, under its name and "_text". Within a schema's version there are only additions.
 #pragma once
 
 #include "exit_codes.hpp"

@@ -103,7 +103,7 @@ class PolicyReader {
     std::map<std::tuple<uint32_t, uint32_t, uint32_t>, PolicyApply> bound_; // by ACL, port and priority
 };
 
-// ---- the shapes of YAML -------------------------------------------------------------------------------------------------
+// ---- the shapes of YAML -------------------------------------------------------------------------------------------
 
 template <typename Target, size_t Count>
 void PolicyReader::fields(const Event &map, std::string_view what, const Field<Target> (&fields)[Count], Target &target)

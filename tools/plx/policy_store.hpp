@@ -33,7 +33,8 @@ class PolicyStore {
     int release(); // from here on the tables are the policy
     // Makes the tables what the copy has, under new requests. Only what differs is written; `changes` counts it.
     int put_back(uint32_t slot, size_t &changes);
-    // Adds what nodes have that have programmed all that the tables ask for; or of those tables alone that are not kept.
+    // Adds what nodes have that have programmed all that the tables ask for; or of those tables alone that are not
+    // kept.
     int digest(Digest &digest, bool others_alone) const;
 
   private:

@@ -17,7 +17,8 @@ constexpr const char *cut_column = "cut";
 // A table's name without its package: "port_off".
 std::string table_name(const ProtobufCMessageDescriptor &table);
 
-// The key's fields, then the values; packed attributes are spelled out, and private data that is text is a name, too. A deletion has its key alone.
+// The key's fields, then the values; packed attributes are spelled out, and private data that is text is a name, too.
+// A deletion has its key alone.
 Row row_of(const ProtobufCMessage *record, bool full, bool with_values = true);
 
 // Without what is between programs: request identifiers and the like, and private data that is shown as a name.

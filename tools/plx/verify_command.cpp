@@ -1,4 +1,5 @@
-// `plx verify`: whether a policy file, the store, what each service node believes and what is in its plane are the same.
+// `plx verify`: whether a policy file, the store, what each service node believes and what is in its plane are the
+// same.
 //
 // The file is compared with the store record by record. Nodes are asked for sums over parts of what their planes have,
 // and for the entries of those parts alone whose sums are not the store's.
