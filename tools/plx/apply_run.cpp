@@ -132,7 +132,7 @@ int ApplyRun::fail_store(const std::string &what, int result)
 bool ApplyRun::read(Policy &policy)
 {
     Errors errors;
-    if (auto checked = options_.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options_.file, errors))
+    if (auto checked = read_policy(options_.file, errors))
         policy = std::move(*checked);
     tell(errors, options_.file);
     if (!errors.empty())

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <memory>
 
 namespace plx::tool {
@@ -32,7 +31,7 @@ int run_diff(const DiffOptions &options)
     if (!options.show.empty())
         return show_plan(options.show);
     Errors errors;
-    const auto policy = options.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options.file, errors);
+    const auto policy = read_policy(options.file, errors);
     tell(errors, options.file);
     if (!policy || !errors.empty())
         return EXIT_BAD_FILE;

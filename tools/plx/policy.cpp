@@ -4,6 +4,7 @@
 #include "policy_reader.hpp"
 #include <algorithm>
 #include <fstream>
+#include <iostream>
 
 namespace plx::tool {
 
@@ -224,6 +225,8 @@ std::optional<Policy> read_policy(std::istream &in, const std::string &directory
 
 std::optional<Policy> read_policy(const std::string &path, Errors &errors)
 {
+    if (path == "-")
+        return read_policy(std::cin, ".", errors);
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         errors.add({}, file_error("cannot be opened"));

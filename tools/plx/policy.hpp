@@ -60,7 +60,7 @@ struct Policy {
 // The policy that a stream holds; nullopt, with all that is wrong, when anything is. Files that it names are looked for
 // in `directory`.
 std::optional<Policy> read_policy(std::istream &in, const std::string &directory, Errors &errors);
-// The same, of a file.
+// The same, of a file; - is standard input.
 std::optional<Policy> read_policy(const std::string &path, Errors &errors);
 
 std::string_view direction_name(uint32_t direction);

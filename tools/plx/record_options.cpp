@@ -9,6 +9,7 @@
 #include <cstring>
 #include <plx/s_policy.pb-c.h>
 #include <span>
+#include <sstream>
 #include <tq_topics.pb-c.h>
 
 namespace plx::tool {
@@ -135,11 +136,34 @@ std::string shown_address(const std::string &store)
     return address.substr(0, scheme + 3) + address.substr(at + 1);
 }
 
+static bool is_address(const std::string &store)
+{
+    return Context(tq_context_new(store.c_str())) != nullptr || errno != EINVAL;
+}
+
+// The first option that makes an address wrong; none where the address itself is, or two options do not go together.
+static std::string wrong_option(const std::string &store)
+{
+    const size_t question = store.find('?');
+    const std::string address = store.substr(0, question);
+    if (question == std::string::npos || !is_address(address))
+        return {};
+    std::istringstream options(store.substr(question + 1));
+    for (std::string option; std::getline(options, option, '&');)
+        if (!is_address(address + '?' + option))
+            return option;
+    return {};
+}
+
 int tell_no_context(const std::string &store)
 {
     const int error = errno;
-    if (error == EINVAL)
-        return output().error(EXIT_USAGE, '\'' + shown_address(store) + "' is not the address of a store");
+    if (error == EINVAL) {
+        const std::string option = wrong_option(store);
+        return output().error(
+            EXIT_USAGE, '\'' + shown_address(store) + "' is not the address of a store" +
+                            (option.empty() ? "" : ": the option '" + option + "' is not known, or has no such value"));
+    }
     return output().error(EXIT_UNREACHABLE, "store " + shown_address(store) + ": " + std::strerror(error));
 }
 

@@ -75,7 +75,7 @@ int VerifyRun::run()
 bool VerifyRun::read_file()
 {
     Errors errors;
-    const auto policy = options_.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options_.file, errors);
+    const auto policy = read_policy(options_.file, errors);
     plx::tool::tell(errors, options_.file);
     if (!policy || !errors.empty())
         return false;

@@ -58,7 +58,7 @@ void add_check_command(CLI::App &app, int &exit_code)
     const auto options = std::make_shared<CheckOptions>();
     CLI::App *command = app.add_subcommand("check", "Check a policy file, without a store: errors, and warnings about "
                                                     "what is valid and suspicious.");
-    command->add_option("FILE", options->file, "policy, in YAML")->required();
+    command->add_option("FILE", options->file, "policy, in YAML; - for standard input")->required();
     command->add_flag("--warnings,!--no-warnings", options->warnings, "look for what is suspicious; on when not given");
     command->add_flag("--strict", options->strict, "end with 2 when there are warnings, too");
     command->add_flag("--json", options->json, "one JSON object a line, for scripts");

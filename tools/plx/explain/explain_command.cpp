@@ -93,7 +93,7 @@ int ExplainRun::read()
     if (options_.file.empty())
         return read_store();
     Errors errors;
-    const auto policy = options_.file == "-" ? read_policy(std::cin, ".", errors) : read_policy(options_.file, errors);
+    const auto policy = read_policy(options_.file, errors);
     plx::tool::tell(errors, options_.file);
     if (!policy)
         return EXIT_BAD_FILE;
