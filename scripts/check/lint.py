@@ -9,6 +9,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -19,14 +20,21 @@ ROOMS = ("app/", "platform/", "records/", "plane/", "tools/")
 TIDY = "clang-tidy-14"
 
 
+def together(unity):
+    return re.findall(r'^#include "(.*)"$', pathlib.Path(unity).read_text(encoding="utf-8"), re.MULTILINE)
+
+
 def entries():
     """(file, compile command) of everything that the rooms build; generated headers are there once it is built"""
     root = os.getcwd() + os.sep
     with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as database:
         for entry in json.load(database):
             name = entry["file"].removeprefix(root)
-            if name.startswith(ROOMS):
-                yield name, entry["command"]
+            # What is compiled together is looked at one by one.
+            for part in together(entry["file"]) if "/Unity/" in name else [name]:
+                part = part.removeprefix(root)
+                if part.startswith(ROOMS):
+                    yield part, entry["command"]
 
 
 def stamp_of(name, command, edges, common):
