@@ -1,6 +1,7 @@
 // plx: the command line around libplx. This file only gathers the subcommands; each is in files of its own.
 #include "attribute_value.hpp"
 #include "commands.hpp"
+#include "complete.hpp"
 #include "output.hpp"
 
 #include <clocale>
@@ -56,6 +57,10 @@ int run(int argc, char **argv)
     const bool json =
         std::any_of(words.begin(), words.end(), [](const char *word) { return word == std::string_view("--json"); });
     output().begin("", json); // until a command speaks for itself
+    if (!words.empty() && words.front() == std::string_view("__complete")) {
+        complete(app, words.subspan(1));
+        return EXIT_DONE;
+    }
     if (!words.empty() && unknown(app, words.front()))
         return EXIT_USAGE;
     try {

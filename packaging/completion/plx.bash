@@ -1,0 +1,7 @@
+# Completion of plx in bash; what it does not know are files.
+_plx() {
+    local IFS=$'\n'
+    mapfile -t COMPREPLY < <(plx __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+    [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *= ]] && compopt -o nospace
+}
+complete -o default -F _plx plx
