@@ -57,13 +57,14 @@ void drop(fp_udp_service_node &node, const char *function = __builtin_FUNCTION()
 
 bool silence_counts()
 {
-    static enum { unknown, heard, deaf } store = unknown; // one that never told its state is not asked for more
+    enum class Store : uint8_t { Unknown, Heard, Deaf };
+    static Store store = Store::Unknown; // one that never told its state is not asked for more
     const bool hears = tq_mom_state_get(g_req_para.g_ssd_fp_global, heartbeat_db, 0) == 0;
-    const bool counts = hears ? store != deaf : store == unknown;
+    const bool counts = hears ? store != Store::Deaf : store == Store::Unknown;
     if (hears)
-        store = heard;
-    else if (store != unknown)
-        store = deaf;
+        store = Store::Heard;
+    else if (store != Store::Unknown)
+        store = Store::Deaf;
     return counts;
 }
 

@@ -334,6 +334,14 @@ bool put_jump_expressions(nlmsghdr *message, size_t capacity, std::span<const Te
     });
 }
 
+// A field of a map's key, of which only the mask's bits count.
+static void put_masked_load(Attributes &out, const Source &field, const uint8_t *bits, uint32_t target)
+{
+    put_load(out, field, target);
+    if (std::any_of(bits, bits + field.size, [](uint8_t byte) { return byte != 0xff; }))
+        put_bitwise(out, Bytes({bits, field.size}), Bytes(0, field.size), target);
+}
+
 bool put_lookup_expressions(nlmsghdr *message, size_t capacity, std::span<const Source> fields, const std::string &mask,
                             const std::string &map)
 {
@@ -341,10 +349,7 @@ bool put_lookup_expressions(nlmsghdr *message, size_t capacity, std::span<const 
         uint32_t target = NFT_REG32_00;
         size_t at = 0;
         for (const Source &field : fields) {
-            const auto *bits = reinterpret_cast<const uint8_t *>(mask.data()) + at;
-            put_load(out, field, target);
-            if (std::any_of(bits, bits + field.size, [](uint8_t byte) { return byte != 0xff; }))
-                put_bitwise(out, Bytes({bits, field.size}), Bytes(0, field.size), target);
+            put_masked_load(out, field, reinterpret_cast<const uint8_t *>(mask.data()) + at, target);
             target += static_cast<uint32_t>(padded(field) / 4);
             at += padded(field);
         }

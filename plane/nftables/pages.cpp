@@ -114,7 +114,7 @@ class Builder {
   private:
     PagePointer made(const Segment &segment)
     {
-        const auto page = std::make_shared<Page>();
+        auto page = std::make_shared<Page>();
         page->number = segment.before ? segment.before->number : arranged_.list.next_page++;
         page->jump = segment.before ? segment.before->jump : 0;
         page->entries = segment.entries;

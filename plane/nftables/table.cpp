@@ -384,19 +384,22 @@ int KernelTable::read_elements(Netlink &netlink, const std::string &map, std::ve
     return netlink.ask(request, [&](const nlmsghdr &answer) { take_elements(answer, elements); });
 }
 
+static void put_keys(nlmsghdr *message, std::span<const packet::Element> elements)
+{
+    const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
+    for (const packet::Element &element : elements) {
+        const Nest item(message, NFTA_LIST_ELEM);
+        put_key(message, element);
+    }
+}
+
 int KernelTable::read_elements(Netlink &netlink, const std::string &map, std::span<const packet::Element> some,
                                std::vector<ElementImage> &elements) const
 {
     for (int error = 0; !some.empty(); some = some.subspan(std::min(some.size(), elements_per_question))) {
         std::vector<uint8_t> request;
-        nlmsghdr *message = begin_elements(begin_request(request, NFT_MSG_GETSETELEM, 0, Batch::message_room * 6), map);
-        {
-            const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
-            for (const packet::Element &element : some.first(std::min(some.size(), elements_per_question))) {
-                const Nest item(message, NFTA_LIST_ELEM);
-                put_key(message, element);
-            }
-        }
+        put_keys(begin_elements(begin_request(request, NFT_MSG_GETSETELEM, 0, Batch::message_room * 6), map),
+                 some.first(std::min(some.size(), elements_per_question)));
         error = netlink.ask(request, [&](const nlmsghdr &answer) { take_elements(answer, elements); });
         if (error != 0)
             return error;

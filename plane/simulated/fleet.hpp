@@ -13,7 +13,7 @@ class Fleet {
   public:
     // The loop outlives the fleet.
     Fleet(std::string store_url, tq_thread_master *master, NodeOptions options)
-        : store_url_(std::move(store_url)), master_(master), options_(options)
+        : store_url_(std::move(store_url)), master_(master), options_(std::move(options))
     {
     }
 

@@ -139,8 +139,8 @@ int32_t TopRun::on_counter(void *, const tq_mom_notification *change, void *arg)
 // A store that is away is told once, and so is that it is back.
 void TopRun::look()
 {
-    constexpr milliseconds longest_call{300};
-    const int result = sightings_->look(longest_call);
+    constexpr milliseconds patience{300};
+    const int result = sightings_->look(patience);
     if (result != store_)
         output().note(result != 0 ? std::string("store: ") + tq_mom_strerror(result) : "the store is back");
     store_ = result;
