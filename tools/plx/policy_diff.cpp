@@ -102,7 +102,7 @@ int PolicyDiff::compare(tq_context *context, uint32_t db)
     for (const auto &[id, item] : wanted_) {
         ItemChange &added = changes_.emplace_back(ItemChange{'+', name(item), {}});
         for (const auto &[field, value] : fields(item))
-            added.how.push_back(field + ": " + value);
+            added.how.emplace_back(field).append(": ").append(value);
     }
     return 0;
 }
