@@ -232,7 +232,7 @@ std::string NodeSession::make(const Words &words)
     SimulatedPlane &plane = *places_.at(words[1]).plane;
     Change change{key(words.at(2)), std::nullopt};
     if (words.size() < 4 || words[3] != "gone")
-        change.wanted = Requested{.request = 1, .value = bytes_of(words.size() > 3 ? words[3] : "")};
+        change.wanted = Requested{.request = 1, .value = bytes_of(words.size() > 3 ? words[3] : ""), .name = {}};
     const uint64_t before = plane.installed()[change.key].fingerprint;
     const Answer answer = plane.program(std::span(&change, 1)).at(0);
     std::ostringstream text;

@@ -58,7 +58,7 @@ TEST(RecordContents, are_empty_where_bytes_are_missing)
 
 TEST(Fingerprint, tells_contents_apart_and_requests_not)
 {
-    const Requested base{.request = 1, .value = {1, 2}, .priority = 5, .acl_cls = 1, .default_entry = false};
+    const Requested base{.request = 1, .value = {1, 2}, .priority = 5, .acl_cls = 1, .name = {}};
     Requested other = base;
     other.request = 2;
     EXPECT_EQ(base.fingerprint(), other.fingerprint());

@@ -70,6 +70,29 @@ bool of_environment(const std::string &store)
     return given != nullptr && store == given;
 }
 
+void add_waits(CLI::App &command, ApplyOptions &options)
+{
+    command
+        .add_option("--timeout", options.timeout_s, "seconds to wait for outcomes; the library itself waits for 180")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command
+        .add_option("--wait", options.wait_s,
+                    "seconds to wait for a store that is not there yet, and as many for --nodes")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command
+        .add_option("--wait-lock", options.wait_lock_s,
+                    "seconds to wait while another apply of this application is at work")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command
+        .add_option("--lock-seconds", options.lock_s,
+                    "seconds after which the application counts as free again if this command dies")
+        ->check(CLI::Range(1U, 3600U))
+        ->capture_default_str();
+}
+
 } // namespace
 
 void add_apply_command(CLI::App &app, int &exit_code)
@@ -102,25 +125,7 @@ void add_apply_command(CLI::App &app, int &exit_code)
                       ->check([](const std::string &text) { return text.empty() ? "an empty address" : ""; })
                       ->capture_default_str();
     command->add_option("--db", options->db, "number of the policy database")->capture_default_str();
-    command
-        ->add_option("--timeout", options->timeout_s, "seconds to wait for outcomes; the library itself waits for 180")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-    command
-        ->add_option("--wait", options->wait_s,
-                     "seconds to wait for a store that is not there yet, and as many for --nodes")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-    command
-        ->add_option("--wait-lock", options->wait_lock_s,
-                     "seconds to wait while another apply of this application is at work")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
-    command
-        ->add_option("--lock-seconds", options->lock_s,
-                     "seconds after which the application counts as free again if this command dies")
-        ->check(CLI::Range(1U, 3600U))
-        ->capture_default_str();
+    add_waits(*command, *options);
     command->add_flag(
         "--atomic", options->atomic,
         "all or nothing: the service nodes keep to the policy before until all is written, and what any of "

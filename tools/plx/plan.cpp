@@ -119,6 +119,18 @@ bool write_plan(const std::string &path, const Policy &policy, const PolicyDiff 
     return static_cast<bool>(out.flush());
 }
 
+static void take(Plan &plan, const Row &line, bool first)
+{
+    if (first && line.at("schema") != schema)
+        throw std::runtime_error("another kind of file");
+    if (first) {
+        plan.policy.application = line.at("application");
+        plan.state = std::stoull(line.at("state").get<std::string>());
+        plan.unchanged = line.at("unchanged");
+    }
+    add(plan, line);
+}
+
 std::optional<Plan> read_plan(const std::string &path, std::string &error)
 {
     std::ifstream in(path);
@@ -127,15 +139,8 @@ std::optional<Plan> read_plan(const std::string &path, std::string &error)
     try {
         for (bool first = true; std::getline(in, text); first = false) {
             const Row line = Row::parse(text);
-            if (first && line.at("schema") != schema)
-                throw std::runtime_error("another kind of file");
-            if (first) {
-                plan.policy.application = line.at("application");
-                plan.state = std::stoull(line.at("state").get<std::string>());
-                plan.unchanged = line.at("unchanged");
-            }
             last = line.at("type");
-            add(plan, line);
+            take(plan, line, first);
         }
         const size_t name = plan.policy.application.size();
         if (last == "end" && name > 0 && name < FP_UDP_APP_TYPE_SIZE && sound(plan.policy))

@@ -150,7 +150,7 @@ static std::string wrong_option(const std::string &store)
         return {};
     std::istringstream options(store.substr(question + 1));
     for (std::string option; std::getline(options, option, '&');)
-        if (!is_address(address + '?' + option))
+        if (!is_address(std::string(address).append(1, '?').append(option)))
             return option;
     return {};
 }

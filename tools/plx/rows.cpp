@@ -183,7 +183,7 @@ Row without_internal(const Row &row)
     Row shown = Row::object();
     for (const auto &[name, value] : row.items())
         if (std::find(std::begin(internal), std::end(internal), name) == std::end(internal) &&
-            !(name == "priv" && (named || value == "")))
+            !(name == "priv" && (named || (value.is_string() && value.get_ref<const std::string &>().empty()))))
             shown[name] = value;
     return shown;
 }

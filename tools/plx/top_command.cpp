@@ -164,6 +164,7 @@ std::vector<Row> TopRun::entry_rows(size_t most) const
         busy, [](const auto &a, const auto &b) { return a.second->packets_per_second > b.second->packets_per_second; });
     busy.resize(std::min(busy.size(), most));
     std::vector<Row> rows;
+    rows.reserve(busy.size());
     for (const auto &[key, traffic] : busy)
         rows.push_back({{"APPLICATION", key->app},
                         {"ENTRY", described(*key)},

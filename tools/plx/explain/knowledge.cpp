@@ -168,6 +168,34 @@ Truth Knowledge::judge(const Test &test) const
     return truth == Truth::yes && !present(test.source) ? Truth::depends : truth;
 }
 
+Truth Knowledge::compare_value(const Test &test, const Partly &known) const
+{
+    bool all = true;
+    for (size_t at = 0; at < test.source.size; ++at) {
+        const uint8_t wanted = mask_byte(test.mask, at);
+        if (((known.low.data[at] ^ test.value.data[at]) & known.mask.data[at] & wanted) != 0)
+            return Truth::no;
+        all = all && (known.mask.data[at] & wanted) == wanted;
+    }
+    if (all)
+        return Truth::yes;
+    return whole(test.mask) && value_excluded(test.source, test.value) ? Truth::no : Truth::depends;
+}
+
+Truth Knowledge::compare_range(const Test &test, const Partly &known) const
+{
+    Bytes low = known.low, high = known.high;
+    for (const Test &other : tests_) {
+        if (other.source == test.source && other.relation == Relation::within) {
+            low = std::max(low, other.value);
+            high = std::min(high, other.last);
+        }
+    }
+    if (test.value <= low && high <= test.last)
+        return Truth::yes;
+    return high < test.value || test.last < low ? Truth::no : Truth::depends;
+}
+
 Truth Knowledge::compare(const Test &test, const Partly &known) const
 {
     const auto negated = [this, &known](Test other) {
@@ -176,30 +204,10 @@ Truth Knowledge::compare(const Test &test, const Partly &known) const
         return truth == Truth::yes ? Truth::no : truth == Truth::no ? Truth::yes : Truth::depends;
     };
     switch (test.relation) {
-    case Relation::equal: {
-        bool all = true;
-        for (size_t at = 0; at < test.source.size; ++at) {
-            const uint8_t wanted = mask_byte(test.mask, at);
-            if (((known.low.data[at] ^ test.value.data[at]) & known.mask.data[at] & wanted) != 0)
-                return Truth::no;
-            all = all && (known.mask.data[at] & wanted) == wanted;
-        }
-        if (all)
-            return Truth::yes;
-        return whole(test.mask) && value_excluded(test.source, test.value) ? Truth::no : Truth::depends;
-    }
-    case Relation::within: {
-        Bytes low = known.low, high = known.high;
-        for (const Test &other : tests_) {
-            if (other.source == test.source && other.relation == Relation::within) {
-                low = std::max(low, other.value);
-                high = std::min(high, other.last);
-            }
-        }
-        if (test.value <= low && high <= test.last)
-            return Truth::yes;
-        return high < test.value || test.last < low ? Truth::no : Truth::depends;
-    }
+    case Relation::equal:
+        return compare_value(test, known);
+    case Relation::within:
+        return compare_range(test, known);
     case Relation::one_of:
         if (const auto value = bits(test.source, {}))
             return holds(test, *value) ? Truth::yes : Truth::no;

@@ -42,6 +42,8 @@ class Knowledge {
     bool set_excluded(const plane::packet::Test &test) const;
     bool stated(const plane::packet::Test &test) const;
     Truth compare(const plane::packet::Test &test, const Partly &known) const;
+    Truth compare_value(const plane::packet::Test &test, const Partly &known) const;
+    Truth compare_range(const plane::packet::Test &test, const Partly &known) const;
 
     std::vector<plane::packet::Test> tests_;
     std::vector<Fact> facts_;

@@ -93,6 +93,13 @@ void Matches::narrow(const std::string &field, const std::vector<std::string> &v
     any_ = std::move(narrower);
 }
 
+// Whether both can be true of one frame; `one` is both then.
+static bool narrow_all(Match &one, const Match &more)
+{
+    return std::all_of(more.begin(), more.end(),
+                       [&one](const auto &pair) { return narrow_one(one, pair.first, pair.second); });
+}
+
 void Matches::narrow(const Matches &other)
 {
     if (any_.size() * other.any_.size() > most_alternatives)
@@ -101,10 +108,7 @@ void Matches::narrow(const Matches &other)
     for (const Match &match : any_) {
         for (const Match &more : other.any_) {
             Match one = match;
-            const bool possible = std::all_of(more.begin(), more.end(), [&one](const auto &pair) {
-                return narrow_one(one, pair.first, pair.second);
-            });
-            if (possible)
+            if (narrow_all(one, more))
                 narrower.push_back(std::move(one));
         }
     }

@@ -178,15 +178,13 @@ class Reader {
                     throw Unsaid(word + " has no value");
                 return words[++at];
             };
-            if (word == "-m")
+            if (word == "-m" || word == "--reject-with") {
                 next();
-            else if (word == "--comment")
+            } else if (word == "--comment") {
                 meaning.comment = next();
-            else if (word == "-j" || word == "-g") {
+            } else if (word == "-j" || word == "-g") {
                 meaning.is_goto = word == "-g";
                 meaning.target = next();
-            } else if (word == "--reject-with") {
-                next();
             } else {
                 meaning.conditional = true;
                 take(word, negated, next, meaning);
@@ -295,6 +293,7 @@ class Reader {
         if (ranges.size() == 1)
             return narrow_ports(matches, side, ranges[0].first, ranges[0].second, false);
         std::vector<std::string> values;
+        values.reserve(ranges.size());
         for (const auto &[low, high] : ranges)
             values.push_back(std::to_string(low) + '-' + std::to_string(high));
         matches.narrow(side + "_range", values);
