@@ -11,7 +11,8 @@
 //     other_user                 what the module tells one
 //     interrupted on|off         signals all the time
 //     later EAGAIN|off           every second call that sends or receives finds that it must wait, though poll says no
-//     limit N|none; accepts N    descriptors of the last module; waits for its N-th try to take a connection
+//     limit N|none               how many descriptors more the last module may have
+//     accepts N                  waits for its N-th try to take a connection
 //     root                       the rest is for root alone
 //     environment NAME [FOLDER]  of all that comes
 #include "command.hpp"
@@ -29,6 +30,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <list>
 #include <poll.h>
@@ -416,9 +418,12 @@ std::string Shell::perform(const std::string &line)
     } else if (verb == "later") {
         later_error = text == "off" ? 0 : EAGAIN;
     } else if (verb == "limit") {
-        const rlim_t most = text == "none" ? 1024 : std::stoul(text);
+        const pid_t pid = servers_.front().process->pid();
+        rlim_t most = text == "none" ? 1024 : 0;
+        for (int free = text == "none" ? 0 : std::stoi(text); free > 0; ++most)
+            free -= std::filesystem::is_symlink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(most)) ? 0 : 1;
         const rlimit files{most, 1024};
-        EXPECT_EQ(prlimit(servers_.front().process->pid(), RLIMIT_NOFILE, &files, nullptr), 0);
+        EXPECT_EQ(prlimit(pid, RLIMIT_NOFILE, &files, nullptr), 0);
     } else if (verb == "accepts") {
         for (int turn = 0; *accepts < std::stoi(text) && turn < 10000; ++turn)
             poll(nullptr, 0, 1);
