@@ -2,6 +2,7 @@
 #include "apply_run.hpp"
 
 #include "diff_report.hpp"
+#include "nodes/sightings.hpp"
 #include "output.hpp"
 #include "plan.hpp"
 #include "record_options.hpp"
@@ -238,8 +239,10 @@ int ApplyRun::put_back(uint32_t slot, const std::string &why)
 {
     size_t changes = 0;
     int result = holding_ ? 0 : policies_->hold(slot);
+    if (result != 0)
+        return fail_store("nothing was changed: the copy of the policy before: store", result);
     holding_ = true;
-    result = result != 0 ? result : policies_->put_back(slot, changes);
+    result = policies_->put_back(slot, changes);
     result = result != 0 ? result : policies_->release();
     if (result != 0)
         return fail_store(
@@ -310,21 +313,12 @@ int ApplyRun::start_nodes()
     return EXIT_DONE;
 }
 
-// Those that live show it at once. One that does not understand, or where this may not be written, is heard of at its
-// next sign of life.
-void ApplyRun::call_nodes()
-{
-    Record call(plx_node__node_call__descriptor);
-    call.set_number("number", now_us());
-    tq_mom_set_sync(context_.get(), options_.db, call.message());
-}
-
 // Asks who lives, and waits until as many do. A live node is heard within a heartbeat.
 size_t ApplyRun::wait_for_life(size_t expected, milliseconds longest, const std::function<size_t()> &live)
 {
     const auto count = [&] { return std::to_string(live()) + " of " + std::to_string(expected); };
     const milliseconds give_up = now() + std::max(heartbeat_heard, longest);
-    call_nodes();
+    call_nodes(context_.get(), options_.db);
     const milliseconds soon = std::min(give_up, now() + milliseconds(500));
     while (live() < expected && now() < soon)
         turn(soon);

@@ -81,14 +81,22 @@ Record kept_record(const std::string &app)
     return record;
 }
 
-int read_slot(tq_context *context, uint32_t db, const Record &wanted, const char *field, std::optional<uint32_t> &slot)
+// Calls back with the record, if it is there.
+template <typename Take> int read_record(tq_context *context, uint32_t db, const Record &wanted, Take take)
 {
     tq_mom_hash_res *found = tq_mom_hgetall_sync(context, db, wanted.message());
     const int result = found == nullptr ? static_cast<int>(TQ_MOM_DISCONNECTED) : found->status;
     if (found != nullptr && found->record != nullptr)
-        slot = static_cast<uint32_t>(number_field(found->record, field));
+        take(*found->record);
     tq_mom_hash_res_free(found);
     return result;
+}
+
+int read_slot(tq_context *context, uint32_t db, const Record &wanted, const char *field, std::optional<uint32_t> &slot)
+{
+    return read_record(context, db, wanted, [&](const ProtobufCMessage &record) {
+        slot = static_cast<uint32_t>(number_field(&record, field));
+    });
 }
 
 // A record's content but for the identifier of the request, by its key.
@@ -134,8 +142,15 @@ int PolicyStore::set_kept(uint32_t slot)
     return tq_mom_set_sync(context_, db_, kept.message());
 }
 
+// Nodes would withdraw all that they have for a copy that is not there.
 int PolicyStore::hold(uint32_t slot)
 {
+    Record first = copy_record(app_, slot);
+    first.set_key_number(2, 0);
+    bool there = false;
+    const int result = read_record(context_, db_, first, [&there](const ProtobufCMessage &) { there = true; });
+    if (result != 0 || !there)
+        return result != 0 ? result : static_cast<int>(TQ_MOM_CORRUPT);
     Record hold = marker(app_, hold_marker);
     hold.set_number("tm_val", slot);
     return tq_mom_set_sync(context_, db_, hold.message());
@@ -219,8 +234,10 @@ int PolicyStore::put_back(uint32_t slot, size_t &changes)
     });
     if (result != 0)
         return result;
+    bool found = false; // an empty policy has a part, too
     (void)tq_mom_batch_begin(context_);
     result = scan(context_, db_, copy_record(app_, slot), 2, [&](const ProtobufCMessage &part) {
+        found = true;
         for_each_copied(&part, [&](const ProtobufCMessage &record) {
             auto &table = there[table_of(record)];
             const auto known = table.find(key_bytes(record));
@@ -234,6 +251,8 @@ int PolicyStore::put_back(uint32_t slot, size_t &changes)
             tq_mom_set_sync(context_, db_, &record);
         });
     });
+    if (result == 0 && !found)
+        result = TQ_MOM_CORRUPT;
     for (size_t table = copied.size(); table-- > 0 && result == 0;)
         for (const auto &[key, bytes] : there[table]) {
             ProtobufCMessage *gone = protobuf_c_message_unpack(copied[table], nullptr, bytes.size(), bytes.data());
