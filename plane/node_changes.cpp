@@ -94,7 +94,6 @@ void Node::drop_staged(std::vector<Change> &changes)
 }
 
 // ---- comparing
-// ------------------------------------------------------------------------------------------------------
 
 void Node::compare()
 {

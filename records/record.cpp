@@ -1,6 +1,7 @@
 // See record.hpp. All access to message fields goes by descriptor, through field_at().
 #include "records/record.hpp"
 
+#include "records/fnv.hpp"
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -110,19 +111,13 @@ std::vector<uint8_t> byte_field(const ProtobufCMessage *record, const char *name
     return bytes.data == nullptr ? std::vector<uint8_t>() : std::vector<uint8_t>(bytes.data, bytes.data + bytes.len);
 }
 
-void mix(uint64_t &hash, std::span<const uint8_t> bytes)
-{
-    for (const uint8_t byte : bytes)
-        hash = (hash ^ byte) * 0x100000001b3U; // FNV-1a
-}
-
 // The lowest byte first, on every machine.
 template <typename T> void mix_number(uint64_t &hash, T number)
 {
     std::array<uint8_t, sizeof(T)> bytes;
     for (size_t at = 0; at < sizeof(T); ++at)
         bytes[at] = static_cast<uint8_t>(number >> 8 * at);
-    mix(hash, bytes);
+    hash = fnv1a(bytes, hash);
 }
 
 ProtobufCMessage *make(std::vector<std::max_align_t> &storage, const ProtobufCMessageDescriptor &descriptor)
@@ -142,12 +137,11 @@ std::span<const Table> tables()
 
 uint64_t Requested::fingerprint() const
 {
-    uint64_t hash = 0xcbf29ce484222325U;
+    uint64_t hash = fnv_basis;
     mix_number(hash, priority);
     mix_number(hash, acl_cls);
     mix_number(hash, static_cast<uint8_t>(default_entry));
-    mix(hash, value);
-    return hash;
+    return fnv1a(value, hash);
 }
 
 std::optional<Key> key_of(const ProtobufCMessage *record)

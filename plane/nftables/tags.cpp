@@ -1,6 +1,7 @@
 // See tags.hpp.
 #include "plane/nftables/tags.hpp"
 
+#include "records/fnv.hpp"
 #include <charconv>
 #include <cstring>
 
@@ -184,9 +185,7 @@ std::optional<uint32_t> number_of(const std::string &text)
 
 std::string digest(const std::string &text)
 {
-    uint64_t hash = 0xcbf29ce484222325;
-    for (const char character : text)
-        hash = (hash ^ static_cast<uint8_t>(character)) * 0x100000001b3;
+    const uint64_t hash = fnv1a({reinterpret_cast<const uint8_t *>(text.data()), text.size()});
     char digits[17];
     snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(hash));
     return digits;

@@ -51,10 +51,11 @@ Simulated nodes (--simulate NODE:WHAT, NODE counted from 1), WHAT being one of:
   PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.
 
 Exit codes:
-  0  everything is programmed or stored      3  some entries failed
-  1  wrong usage                             4  some entries aged or timed out
-  2  invalid file, nothing was written       5  store unreachable
-                                             8  the output could not be written
+  0  everything is programmed or stored      5  store unreachable
+  1  wrong usage                             6  --dry-run: something would change
+  2  invalid file, nothing was written       7  --plan: the store has changed since
+  3  some entries failed                     8  the output could not be written
+  4  not every node has confirmed all        9  another apply is at work
   10 all is written, but old records are left that were to be deleted
 
 Examples:
@@ -68,6 +69,51 @@ bool of_environment(const std::string &store)
 {
     const char *given = std::getenv("PLX_STORE");
     return given != nullptr && store == given;
+}
+
+// Options of which it matters whether they were given.
+struct Given {
+    CLI::Option *file, *plan, *store, *sizes, *simulated;
+};
+
+// What is to be written, and from where.
+void add_sources(CLI::App &command, ApplyOptions &options, Given &given)
+{
+    given.file = command.add_option("FILE", options.file, "policy, in YAML; - for standard input");
+    auto *type = command.add_option("--app", options.rollback_app, "the application type that --rollback is for");
+    command
+        .add_flag("--rollback", options.rollback,
+                  "instead of writing a file, go back to the policy of --app before the last apply; the next one comes "
+                  "back")
+        ->needs(type)
+        ->excludes(given.file);
+    given.plan = command.add_option("--plan", options.plan, "apply what plx diff -o has written, and nothing else")
+                     ->excludes(given.file)
+                     ->excludes("--rollback");
+    command
+        .add_flag("--dry-run", options.dry_run, "write nothing: show what would change, and what nodes would not take")
+        ->excludes("--rollback");
+}
+
+void add_store(CLI::App &command, ApplyOptions &options, Given &given)
+{
+    given.store = command
+                      .add_option("--store", options.store,
+                                  "address of the store: unix:/path, redis://host:port; mem: for one in this process, "
+                                  "with simulated nodes")
+                      ->envname("PLX_STORE")
+                      ->check([](const std::string &text) { return text.empty() ? "an empty address" : ""; })
+                      ->capture_default_str();
+    command.add_option("--db", options.db, "number of the policy database")->capture_default_str();
+    given.sizes = command
+                      .add_option("--table-size", options.table_sizes,
+                                  "room of the simulated nodes in entries, of the first, the second ...")
+                      ->delimiter(',')
+                      ->allow_extra_args(false);
+    given.simulated = command
+                          .add_option("--simulate", options.simulate,
+                                      "simulate nodes on a store in this process, and how one behaves; see below")
+                          ->allow_extra_args(false);
 }
 
 void add_waits(CLI::App &command, ApplyOptions &options)
@@ -93,6 +139,44 @@ void add_waits(CLI::App &command, ApplyOptions &options)
         ->capture_default_str();
 }
 
+void add_modes(CLI::App &command, ApplyOptions &options)
+{
+    command.add_flag(
+        "--atomic", options.atomic,
+        "all or nothing: the service nodes keep to the policy before until all is written, and what any of "
+        "them refuses is undone everywhere");
+    command.add_flag("--failed-only", options.failed_only, "list only what is not as it was asked for");
+    command.add_flag("--json", options.json, "everything as JSON, one object a line; plx-json(5) describes them");
+    command.add_option("--progress", options.progress, "json: a line of type \"progress\" every second, with --json")
+        ->check(CLI::IsMember({"json"}))
+        ->needs("--json");
+    command.add_flag("--changes-only", options.changes_only,
+                     "write only what the store does not have as the file has it, and delete what the file does not "
+                     "have");
+    command
+        .add_option(
+            "--nodes", options.nodes,
+            "service nodes: with simulated ones how many (1 when not given); else how many must be alive before "
+            "anything is written (those with a record when not given)")
+        ->check(CLI::Range(1U, 255U));
+}
+
+int apply(ApplyOptions &options, const Given &given)
+{
+    const bool simulate = given.sizes->count() + given.simulated->count() != 0;
+    if (simulate && given.store->count() != 0 && !options.embedded() && !of_environment(options.store))
+        throw CLI::ValidationError("--table-size and --simulate are for nodes on a mem: store");
+    if (simulate && !options.embedded())
+        options.store = "mem:";
+    if (options.table_sizes.size() > std::max(options.nodes, 1U))
+        throw CLI::ValidationError("--table-size has more sizes than there are nodes");
+    if (given.file->count() + given.plan->count() == 0 && !options.rollback)
+        throw CLI::RequiredError("FILE");
+    options.progress_json = options.progress == "json";
+    output().begin("apply", options.json);
+    return ApplyRun(options).run();
+}
+
 } // namespace
 
 void add_apply_command(CLI::App &app, int &exit_code)
@@ -101,73 +185,13 @@ void add_apply_command(CLI::App &app, int &exit_code)
     CLI::App *command = app.add_subcommand(
         "apply", "Write the policy of a file as a whole, replacing what the store holds of its application type, "
                  "and wait until the service nodes have answered for every entry.");
-    auto *file = command->add_option("FILE", options->file, "policy, in YAML; - for standard input");
-    auto *type = command->add_option("--app", options->rollback_app, "the application type that --rollback is for");
-    command
-        ->add_flag(
-            "--rollback", options->rollback,
-            "instead of writing a file, go back to the policy of --app before the last apply; the next one comes "
-            "back")
-        ->needs(type)
-        ->excludes(file);
-    auto *plan = command->add_option("--plan", options->plan, "apply what plx diff -o has written, and nothing else")
-                     ->excludes(file)
-                     ->excludes("--rollback");
-    command
-        ->add_flag("--dry-run", options->dry_run,
-                   "write nothing: show what would change, and what nodes would not take")
-        ->excludes("--rollback");
-    auto *store = command
-                      ->add_option("--store", options->store,
-                                   "address of the store: unix:/path, redis://host:port; mem: for one in this process, "
-                                   "with simulated nodes")
-                      ->envname("PLX_STORE")
-                      ->check([](const std::string &text) { return text.empty() ? "an empty address" : ""; })
-                      ->capture_default_str();
-    command->add_option("--db", options->db, "number of the policy database")->capture_default_str();
+    Given given{};
+    add_sources(*command, *options, given);
+    add_store(*command, *options, given);
     add_waits(*command, *options);
-    command->add_flag(
-        "--atomic", options->atomic,
-        "all or nothing: the service nodes keep to the policy before until all is written, and what any of "
-        "them refuses is undone everywhere");
-    command->add_flag("--failed-only", options->failed_only, "list only what is not as it was asked for");
-    command->add_flag("--json", options->json, "everything as JSON, one object a line; plx-json(5) describes them");
-    command->add_option("--progress", options->progress, "json: a line of type \"progress\" every second, with --json")
-        ->check(CLI::IsMember({"json"}))
-        ->needs("--json");
-    command->add_flag("--changes-only", options->changes_only,
-                      "write only what the store does not have as the file has it, and delete what the file does not "
-                      "have");
-    command
-        ->add_option(
-            "--nodes", options->nodes,
-            "service nodes: with simulated ones how many (1 when not given); else how many must be alive before "
-            "anything is written (those with a record when not given)")
-        ->check(CLI::Range(1U, 255U));
-    auto *sizes = command
-                      ->add_option("--table-size", options->table_sizes,
-                                   "room of the simulated nodes in entries, of the first, the second ...")
-                      ->delimiter(',')
-                      ->allow_extra_args(false);
-    auto *simulated = command
-                          ->add_option("--simulate", options->simulate,
-                                       "simulate nodes on a store in this process, and how one behaves; see below")
-                          ->allow_extra_args(false);
+    add_modes(*command, *options);
     command->footer(footer);
-    command->callback([options, file, plan, store, sizes, simulated, &exit_code] {
-        const bool simulate = sizes->count() + simulated->count() != 0;
-        if (simulate && store->count() != 0 && !options->embedded() && !of_environment(options->store))
-            throw CLI::ValidationError("--table-size and --simulate are for nodes on a mem: store");
-        if (simulate && !options->embedded())
-            options->store = "mem:";
-        if (options->table_sizes.size() > std::max(options->nodes, 1U))
-            throw CLI::ValidationError("--table-size has more sizes than there are nodes");
-        if (file->count() + plan->count() == 0 && !options->rollback)
-            throw CLI::RequiredError("FILE");
-        options->progress_json = options->progress == "json";
-        output().begin("apply", options->json);
-        exit_code = ApplyRun(*options).run();
-    });
+    command->callback([options, given, &exit_code] { exit_code = apply(*options, given); });
 }
 
 } // namespace plx::tool

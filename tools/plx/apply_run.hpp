@@ -37,7 +37,6 @@ class ApplyRun {
     int take_back_what_was_left();
     int roll_back();
     int start_nodes();
-    void call_nodes();
     size_t wait_for_life(size_t expected, milliseconds longest, const std::function<size_t()> &live);
     int wait_for_nodes(Application &application);
     uint64_t delivered();

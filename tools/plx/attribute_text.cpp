@@ -14,17 +14,6 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-std::string hex(Bytes bytes, const char *between = "")
-{
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        text += (text.empty() ? "" : between) + std::string(digits);
-    }
-    return text;
-}
-
 uint64_t number_of(Bytes bytes)
 {
     uint64_t number = 0;
@@ -161,6 +150,18 @@ std::string mask_text(const Form &form, Bytes mask)
 }
 
 } // namespace
+
+std::string hex(std::span<const uint8_t> bytes, std::string_view between)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        if (!text.empty())
+            text += between;
+        text += {digits[byte >> 4U], digits[byte & 15U]};
+    }
+    return text;
+}
 
 std::string format_value(const Form *form, Bytes value)
 {

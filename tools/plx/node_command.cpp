@@ -5,6 +5,7 @@
 #include "commands.hpp"
 #include "nftables_flags.hpp"
 #include "nodes/node_records.hpp"
+#include "nodes/sightings.hpp"
 #include "output.hpp"
 #include "plane/nftables/nftables_plane.hpp"
 #include "plane/node.hpp"
@@ -242,9 +243,7 @@ int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
     };
     if (const int result = tq_mom_subscribe(context.get(), options_.node.db, own.message(), 3, hear, &found))
         return result;
-    Record call(plx_node__node_call__descriptor);
-    call.set_number("number", now_us());
-    const bool called = tq_mom_set_sync(context.get(), options_.node.db, call.message()) == 0;
+    const bool called = call_nodes(context.get(), options_.node.db) == 0;
     const milliseconds end = now() + (called ? until_an_answer : until_a_heartbeat);
     while (!found && !stop.asked() && now() < end)
         tq_loop_run_once(loop_.get(), static_cast<int>((end - now()).count()));

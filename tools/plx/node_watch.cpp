@@ -1,6 +1,7 @@
 // See node_watch.hpp.
 #include "node_watch.hpp"
 
+#include "nodes/sightings.hpp"
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <plx/status.h>
@@ -9,8 +10,7 @@ namespace plx::tool {
 
 namespace {
 
-constexpr milliseconds counted_out{20000}; // as the library does
-constexpr size_t most_applications = 256;  // that a report has
+constexpr size_t most_applications = 256; // that a report has
 constexpr size_t most_listed = 8;
 
 // The field's bytes are a length and the text.

@@ -1,6 +1,7 @@
 // See plan.hpp.
 #include "plan.hpp"
 
+#include "attribute_text.hpp"
 #include "output.hpp"
 #include "records/attribute.hpp"
 
@@ -12,15 +13,6 @@ namespace plx::tool {
 namespace {
 
 constexpr const char *schema = "plx.plan/1";
-
-std::string hex(std::span<const uint8_t> bytes)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : bytes)
-        text += {digits[byte >> 4U], digits[byte & 15U]};
-    return text;
-}
 
 std::vector<uint8_t> bytes_of(const std::string &text)
 {

@@ -4,6 +4,7 @@
 #include "attribute_text.hpp"
 #include "display.hpp"
 #include "field.hpp"
+#include "records/fnv.hpp"
 #include "records/record.hpp"
 
 #include <algorithm>
@@ -43,14 +44,12 @@ std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
     return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
 }
 
-// FNV-1a over what is in the record but the identifier of its last request.
+// Of what is in the record but the identifier of its last request.
 uint64_t number_of(const ProtobufCMessage &record)
 {
     std::vector<uint8_t> bytes(protobuf_c_message_get_packed_size(&record));
     bytes.resize(protobuf_c_message_pack(&record, bytes.data()));
-    uint64_t hash = 0xcbf29ce484222325U;
-    for (const uint8_t byte : bytes)
-        hash = (hash ^ byte) * 0x100000001b3U;
+    const uint64_t hash = fnv1a(bytes);
     return hash ^ hash >> 32U;
 }
 

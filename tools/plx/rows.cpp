@@ -17,15 +17,6 @@ namespace {
 constexpr size_t longest_text = 256;        // bytes of one value that are shown
 constexpr size_t longest_attributes = 4096; // packed
 
-std::string hex(std::span<const uint8_t> bytes)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : bytes)
-        text += {digits[byte >> 4U], digits[byte & 15U]};
-    return text;
-}
-
 std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
 {
     return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};

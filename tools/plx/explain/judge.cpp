@@ -26,7 +26,9 @@ std::vector<uint8_t> packed_of(const Attribute &attribute)
 {
     const uint32_t header[2] = {attribute.id << 8U | attribute.cls, static_cast<uint32_t>(attribute.value.size())};
     const auto *bytes = reinterpret_cast<const uint8_t *>(header);
-    std::vector<uint8_t> packed(bytes, bytes + sizeof header);
+    std::vector<uint8_t> packed;
+    packed.reserve(sizeof header + attribute.value.size());
+    packed.assign(bytes, bytes + sizeof header);
     packed.insert(packed.end(), attribute.value.begin(), attribute.value.end());
     return packed;
 }

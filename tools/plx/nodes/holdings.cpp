@@ -98,14 +98,6 @@ const Holdings::One *Holdings::find(uint64_t key) const
     return at == all_.end() || at->key != key ? nullptr : &*at;
 }
 
-Digest Holdings::total() const
-{
-    Digest digest;
-    for (const One &one : all_)
-        digest.add(one.key, one.fingerprint);
-    return digest;
-}
-
 PartDigests Holdings::parts() const
 {
     PartDigests parts;

@@ -18,14 +18,13 @@ class Holdings {
         Key record;
     };
 
-    // What a service node is to program of a policy. Ports in `acls`: each ACL's class by its number.
+    // What a service node is to program of a policy.
     static Holdings of(const Policy &policy);
     // What the store asks for of an application. The store client's result; `unreadable` counts what cannot be read.
     static int read(tq_context *context, uint32_t db, const std::string &app, Holdings &holdings, size_t &unreadable);
 
     const std::vector<One> &all() const { return all_; } // in the order of their keys' numbers
     const One *find(uint64_t key) const;
-    Digest total() const;
     PartDigests parts() const;
     const std::map<uint32_t, uint32_t> &acls() const { return acls_; } // their classes, by number
 

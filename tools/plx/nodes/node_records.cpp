@@ -49,26 +49,33 @@ int remove(tq_context *context, uint32_t db, const NodeName &name)
     return EXIT_DONE;
 }
 
+// The exit code. The context is to outlive the sightings.
+int look_for_nodes(const StoreOptions &options, Context &context, std::optional<Sightings> &sightings)
+{
+    int exit_code = EXIT_DONE;
+    context = open_store(options, exit_code);
+    if (context == nullptr)
+        return exit_code;
+    int result = sightings.emplace(context.get(), options.db).start();
+    result = result != 0 ? result : sightings->look(longest_call);
+    return result == 0 ? EXIT_DONE : tell_store_error("store", result);
+}
+
 int forget(const ForgetOptions &options)
 {
     const auto name = node_name(options.node);
     if (!name)
         return output().error(EXIT_USAGE, "'" + options.node + "' is not a node: DEV/SLOT/ID");
-    int exit_code = EXIT_DONE;
-    const Context context = open_store(options, exit_code);
-    if (context == nullptr)
-        return exit_code;
-    Sightings sightings(context.get(), options.db);
-    int result = sightings.start();
-    result = result != 0 ? result : sightings.look(longest_call);
-    if (result != 0)
-        return tell_store_error("store", result);
-    const auto found = sightings.all().find(*name);
-    if (found == sightings.all().end())
+    Context context;
+    std::optional<Sightings> sightings;
+    if (const int code = look_for_nodes(options, context, sightings); code != EXIT_DONE)
+        return code;
+    const auto found = sightings->all().find(*name);
+    if (found == sightings->all().end())
         return output().error(EXIT_SOME_FAILED, "the store has no node " + text_of(*name));
-    if (sightings.state(found->second) != "silent" && !options.force)
+    if (sightings->state(found->second) != "silent" && !options.force)
         return output().error(EXIT_SOME_FAILED, "node " + text_of(*name) + " is " +
-                                                    std::string(sightings.state(found->second)) +
+                                                    std::string(sightings->state(found->second)) +
                                                     ": with --force it is forgotten all the same");
     return remove(context.get(), options.db, *name);
 }
@@ -77,28 +84,23 @@ int forget(const ForgetOptions &options)
 
 int show_nodes(const RecordOptions &options)
 {
-    int exit_code = EXIT_DONE;
-    const Context context = open_store(options, exit_code);
-    if (context == nullptr)
-        return exit_code;
-    Sightings sightings(context.get(), options.db);
-    int result = sightings.start();
-    result = result != 0 ? result : sightings.look(longest_call);
-    if (result != 0)
-        return tell_store_error("store", result);
+    Context context;
+    std::optional<Sightings> sightings;
+    if (const int code = look_for_nodes(options, context, sightings); code != EXIT_DONE)
+        return code;
     const std::string *app = options.by_app ? &options.app : nullptr;
     std::vector<Row> rows;
-    for (const auto &[name, node] : sightings.all()) {
+    for (const auto &[name, node] : sightings->all()) {
         if (options.by_acl || options.by_sn ||
             (app != nullptr && (!node.report || !node.report->applications.contains(*app))))
             continue;
-        rows.push_back(row_of(name, node, sightings.state(node), app));
-        output().line("node", json_of(name, node, sightings.state(node)));
+        rows.push_back(row_of(name, node, sightings->state(node), app));
+        output().line("node", json_of(name, node, sightings->state(node)));
     }
     if (options.json || rows.empty())
         return EXIT_DONE;
     print_table(rows);
-    for (const auto &[name, node] : sightings.all())
+    for (const auto &[name, node] : sightings->all())
         if (node.report)
             print_refusals(name, *node.report, app);
     return EXIT_DONE;

@@ -11,8 +11,6 @@ namespace plx::tool {
 
 namespace {
 
-constexpr milliseconds fresh{20000}; // after which applications count a node out
-
 std::string seconds(milliseconds time)
 {
     const auto tenths = time.count() / 100;
@@ -31,17 +29,17 @@ Row json_of(const NodeEntry &entry)
 
 } // namespace
 
+int call_nodes(tq_context *context, uint32_t db)
+{
+    Record call(plx_node__node_call__descriptor);
+    call.set_number("number", now_us());
+    return tq_mom_set_sync(context, db, call.message());
+}
+
 int Sightings::start()
 {
     const Record signs(s_policy__service_node__descriptor);
     return tq_mom_subscribe(context_, db_, signs.message(), 0, &Sightings::on_sign, this);
-}
-
-int Sightings::call()
-{
-    Record call(plx_node__node_call__descriptor);
-    call.set_number("number", now_us());
-    return tq_mom_set_sync(context_, db_, call.message());
 }
 
 int Sightings::look(milliseconds longest)
@@ -50,7 +48,7 @@ int Sightings::look(milliseconds longest)
     const Record signs(s_policy__service_node__descriptor);
     if (const int result = tq_mom_scan_sync(context_, db_, signs.message(), 0, &Sightings::on_node, this); result != 0)
         return result;
-    const int result = call();
+    const int result = call_nodes(context_, db_);
     if (result != 0 && result != TQ_MOM_DENIED)
         return result;
     called_ = result == 0;
@@ -71,7 +69,7 @@ std::string_view Sightings::state(const Sighting &node) const
 {
     if (node.heard)
         return "alive";
-    if (!node.recorded || !node.age || *node.age > fresh)
+    if (!node.recorded || !node.age || *node.age > counted_out)
         return "silent";
     return called_ ? "late" : "alive";
 }

@@ -9,6 +9,13 @@
 
 namespace plx::tool {
 
+// How long applications wait for a node's sign of life before they count it out.
+constexpr milliseconds counted_out{20000};
+
+// Those that live show it at once. One that does not understand, or where this may not be written, is heard of at its
+// next sign of life. The store client's result.
+int call_nodes(tq_context *context, uint32_t db);
+
 struct Sighting {
     bool recorded = false; // has a `service_node` record
     bool heard = false;    // has shown itself since it was called
@@ -34,7 +41,6 @@ class Sightings {
   private:
     static int32_t on_node(void *, const tq_mom_notification *notification, void *arg);
     static int32_t on_sign(void *, const tq_mom_notification *notification, void *arg);
-    int call();
 
     tq_context *context_;
     uint32_t db_;
