@@ -1,5 +1,5 @@
-// FNV-1a: a number for some bytes, the same on every machine. It tells contents apart; whoever wants two of the same can
-// make them.
+// FNV-1a: a number for some bytes, the same on every machine. It tells contents apart; whoever wants two of the same
+// can make them.
 #pragma once
 
 #include <cstdint>

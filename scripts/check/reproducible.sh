@@ -14,7 +14,7 @@ git -c safe.directory='*' ls-files -z | tar --null --files-from=- --create --ign
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cmake --install build --prefix "$work/here" >/dev/null
-cmake --install "$elsewhere/longer-name/tree" --prefix "$work/there" >/dev/null
+DESTDIR=$work/here cmake --install build --prefix /usr >/dev/null
+DESTDIR=$work/there cmake --install "$elsewhere/longer-name/tree" --prefix /usr >/dev/null
 diff -r "$work/here" "$work/there" || { echo "reproducible: installed files tell where they were built" >&2; exit 1; }
 echo "reproducible: $(find "$work/here" -type f | wc -l) installed files are the same from two folders"

@@ -274,7 +274,7 @@ class scenario : public store_users, public plx::Transcript {
         if (verb == "heard" || verb == "sofar" || verb == "settle")
             hear(words.empty() ? "" : words[0], verb);
         else if (verb == "log")
-            std::for_each(log_lines.begin(), log_lines.end(), [&](const auto &line) { show(line); }), log_lines.clear();
+            tell_log(words.empty() ? 0 : std::stoul(words[0]));
         else if (verb == "server" || verb == "quiet")
             ask(words, verb == "quiet");
         else if (verb == "await")
@@ -300,6 +300,14 @@ class scenario : public store_users, public plx::Transcript {
     }
 
     std::string data() const { return server_->directory() + "/appendonlydir"; }
+
+    // Waits until there are so many lines; a line about changes that came may be later than what is heard of others.
+    void tell_log(size_t least)
+    {
+        wait_for([&] { return log_lines.size() >= least; });
+        std::for_each(log_lines.begin(), log_lines.end(), [&](const auto &line) { show(line); });
+        log_lines.clear();
+    }
 
     void ask(const lines &command, bool quiet)
     {
