@@ -1,50 +1,21 @@
 // See digest.hpp.
 #include "records/digest.hpp"
 
-#include <bit>
+#include <plx/digest.h>
 #include <type_traits>
 
 namespace plx {
 
 namespace {
 
-// Every bit of the number has a say in every bit of the result.
-uint64_t stir(uint64_t number)
-{
-    number = (number ^ number >> 30U) * 0xbf58476d1ce4e5b9U;
-    number = (number ^ number >> 27U) * 0x94d049bb133111ebU;
-    return number ^ number >> 31U;
-}
-
 uint64_t stir(uint64_t hash, uint64_t number)
 {
-    return stir((hash ^ number) + 0x9e3779b97f4a7c15U);
+    return plx_digest_number(hash, number);
 }
 
-// Eight characters at a time, the first in the lowest bits, and the length.
 uint64_t stir(uint64_t hash, const std::string &text)
 {
-    uint64_t word = 0;
-    unsigned bits = 0;
-    for (const char c : text) {
-        word |= static_cast<uint64_t>(static_cast<unsigned char>(c)) << bits;
-        bits += 8;
-        if (bits == 64) {
-            hash = stir(hash, word);
-            word = bits = 0;
-        }
-    }
-    return stir(stir(hash, word), text.size());
-}
-
-uint64_t low_sum(uint64_t key, uint64_t fingerprint)
-{
-    return stir(key, fingerprint);
-}
-
-uint64_t high_sum(uint64_t key, uint64_t fingerprint)
-{
-    return stir(stir(std::rotl(fingerprint, 32)), key);
+    return plx_digest_text(hash, text.data(), text.size());
 }
 
 std::string ways(const ApplyKey &apply)
@@ -90,15 +61,15 @@ uint64_t digest_of(const Key &key)
 void Digest::add(uint64_t key, uint64_t fingerprint)
 {
     ++count;
-    lo += low_sum(key, fingerprint);
-    hi += high_sum(key, fingerprint);
+    lo += plx_digest_low(key, fingerprint);
+    hi += plx_digest_high(key, fingerprint);
 }
 
 void Digest::remove(uint64_t key, uint64_t fingerprint)
 {
     --count;
-    lo -= low_sum(key, fingerprint);
-    hi -= high_sum(key, fingerprint);
+    lo -= plx_digest_low(key, fingerprint);
+    hi -= plx_digest_high(key, fingerprint);
 }
 
 std::string described(const Key &key)

@@ -4,6 +4,7 @@
 #include "records/attribute.hpp"
 #include <algorithm>
 #include <charconv>
+#include <thread>
 
 namespace plx::plane {
 
@@ -82,8 +83,8 @@ bool SimulatedOptions::add(std::string_view text)
         rule.effect = Effect::refuse;
     } else if (what == "silent") {
         rule.effect = Effect::silence;
-    } else if (what == "delay") {
-        rule.effect = Effect::delay;
+    } else if (what == "delay" || what == "slow") {
+        rule.effect = what == "delay" ? Effect::delay : Effect::slow;
         uint32_t count = 0;
         if (!parse_number(take_part(text, '@'), count))
             return false;
@@ -113,6 +114,9 @@ std::vector<Answer> SimulatedPlane::program(std::span<const Change> changes)
 
 Answer SimulatedPlane::make(const Change &change)
 {
+    for (const Rule &rule : options_.rules)
+        if (rule.effect == Effect::slow && rule.pattern.matches(change.key))
+            std::this_thread::sleep_for(rule.delay);
     if (!change.wanted) {
         if (rows_.erase(change.key) != 0 && is_entry(change.key))
             --entries_;
@@ -135,7 +139,7 @@ Answer SimulatedPlane::confirm(const Key &key) const
         if (!rule.pattern.matches(key))
             continue;
         answer.silent = answer.silent || rule.effect == Effect::silence;
-        answer.delay += rule.delay;
+        answer.delay += rule.effect == Effect::delay ? rule.delay : milliseconds(0);
     }
     return answer;
 }

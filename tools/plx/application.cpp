@@ -2,6 +2,7 @@
 #include "application.hpp"
 
 #include "names.hpp"
+#include "nodes/holdings.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
 #include <algorithm>
@@ -307,21 +308,9 @@ void Application::time_out()
 Digest Application::digest() const
 {
     Digest digest;
-    for (const Acl &acl : acls_) {
-        Requested bound;
-        bound.acl_cls = acl.policy->cls;
-        for (const PolicyApply *apply : acl.applies)
-            digest.add(digest_of(ApplyKey{policy_.application, apply->acl, policy_.application, apply->port,
-                                          apply->priority, apply->direction}),
-                       bound.fingerprint());
-        for (const PolicyEntry &entry : acl.policy->entries) {
-            Requested wanted;
-            wanted.value.assign(entry.attributes().begin(), entry.attributes().end());
-            wanted.priority = entry.priority;
-            wanted.default_entry = entry.is_default;
-            digest.add(digest_of(AceKey{policy_.application, acl.policy->id, entry.sn}), wanted.fingerprint());
-        }
-    }
+    for_each_record(policy_, [&digest](const Key &key, const Requested &wanted) {
+        digest.add(digest_of(key), wanted.fingerprint());
+    });
     return digest;
 }
 

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "ledger.hpp"
-#include "node_watch.hpp"
+#include "nodes/node_watch.hpp"
 #include "policy.hpp"
 #include "records/digest.hpp"
 #include <functional>

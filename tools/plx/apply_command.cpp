@@ -48,6 +48,7 @@ Simulated nodes (--simulate NODE:WHAT, NODE counted from 1), WHAT being one of:
   refuse[=PATTERN]    refuse what matches
   silent[=PATTERN]    take it, and never answer
   delay=MS[@PATTERN]  answer MS milliseconds later
+  slow=MS[@PATTERN]   take MS milliseconds for each change, a removal as well
   PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.
 
 Exit codes:

@@ -2,7 +2,6 @@
 #include "apply_run.hpp"
 
 #include "diff_report.hpp"
-#include "nodes/sightings.hpp"
 #include "output.hpp"
 #include "plan.hpp"
 #include "record_options.hpp"
@@ -48,9 +47,6 @@ int ApplyRun::run()
     if (options_.rollback)
         return roll_back();
     Application application(context_.get(), options_.db, policy_);
-    nodes_.emplace(
-        context_.get(), options_.db, policy_.application,
-        [&](const ProtobufCMessage *status, const std::string &node) { application.answered(status, node); });
     try {
         return apply(application);
     } catch (const Interrupted &) {
@@ -89,14 +85,18 @@ int ApplyRun::dry_run()
     if (result != 0)
         return fail_store("store", result);
     const int code = tell_changes(policy_.application, diff.changes(), diff.unchanged());
-    result = tell_objections(context_.get(), options_.db, policy_);
+    result = tell_objections(context_.get(), options_.db, policy_, diff.applies(), true);
     return result == 0 ? code : fail_store("store", result);
 }
 
 // Nodes start after the library listens: it hears of them at once, not at their second sign of life.
 int ApplyRun::apply(Application &application)
 {
-    if (const int result = nodes_->start(); result != 0)
+    const auto answered = [&](const ProtobufCMessage *status, const std::string &node) {
+        application.answered(status, node);
+    };
+    if (const int result = nodes_.emplace(context_.get(), options_.db).follow(policy_.application, answered);
+        result != 0)
         return fail_store("store", result);
     if (const int result = application.start(); result != 0)
         return fail(EXIT_UNREACHABLE, "cannot register with the library: result " + std::to_string(result));
@@ -263,9 +263,9 @@ int ApplyRun::roll_back()
     result = policies_->keep(before, true, copy_);
     if (result != 0)
         return fail_store("nothing was written: store", result);
-    nodes_.emplace(context_.get(), options_.db, policy_.application, [](auto &&...) {});
+    nodes_.emplace(context_.get(), options_.db);
     try {
-        if (result = nodes_->start(); result != 0)
+        if (result = nodes_->follow(policy_.application, [](auto &&...) {}); result != 0)
             return fail_store("nothing was written: store", result);
         wait_for_life(nodes_->recorded(), milliseconds(0), [this] { return nodes_->alive().size(); });
         if (const int code = put_back(*before, "rolled back"); code != EXIT_DONE)

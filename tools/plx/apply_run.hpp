@@ -7,7 +7,7 @@
 #include "application.hpp"
 #include "apply_lock.hpp"
 #include "apply_options.hpp"
-#include "node_watch.hpp"
+#include "nodes/node_watch.hpp"
 #include "plane/simulated/fleet.hpp"
 #include "policy_store.hpp"
 #include "progress.hpp"

@@ -14,7 +14,7 @@ namespace plx::tool {
 namespace {
 
 struct DiffOptions : StoreOptions {
-    std::string file, plan, show;
+    std::string file, plan, show, against = "store";
 };
 
 int show_plan(const std::string &path)
@@ -39,11 +39,13 @@ int run_diff(const DiffOptions &options)
     const Context context = open_store(options, exit_code);
     if (context == nullptr)
         return exit_code;
+    if (options.against == "nodes")
+        return tell_nodes_changes(context.get(), options.db, *policy);
     PolicyDiff diff(*policy);
     if (const int result = diff.compare(context.get(), options.db); result != 0)
         return tell_store_error("store", result);
     exit_code = tell_changes(policy->application, diff.changes(), diff.unchanged());
-    if (const int result = tell_objections(context.get(), options.db, *policy); result != 0)
+    if (const int result = tell_objections(context.get(), options.db, *policy, diff.applies(), false); result != 0)
         return tell_store_error("store", result);
     if (!options.plan.empty() && !write_plan(options.plan, *policy, diff))
         return output().error(EXIT_NO_OUTPUT, std::string("the plan cannot be written: ") + std::strerror(errno),
@@ -56,13 +58,22 @@ int run_diff(const DiffOptions &options)
 void add_diff_command(CLI::App &app, int &exit_code)
 {
     const auto options = std::make_shared<DiffOptions>();
-    CLI::App *command = app.add_subcommand("diff", "Show what a policy file would change in the store.");
+    CLI::App *command =
+        app.add_subcommand("diff", "Show what a policy file would change in the store, or on the nodes.");
     auto *file = command->add_option("FILE", options->file, "policy, in YAML; - for standard input");
     options->add_to(*command);
     auto *plan = command->add_option("-o,--output", options->plan, "write a plan of it, for plx apply --plan");
-    command->add_option("--show", options->show, "show a plan, however old it is")->excludes(file)->excludes(plan);
+    auto *show =
+        command->add_option("--show", options->show, "show a plan, however old it is")->excludes(file)->excludes(plan);
+    command
+        ->add_option("--against", options->against, "with what to compare: what the store asks for, or what nodes have")
+        ->check(CLI::IsMember({"store", "nodes"}))
+        ->excludes(show)
+        ->excludes(plan)
+        ->capture_default_str();
     command->footer("+ is to be added, ~ changed, - removed; ! is what a service node would not take.\n"
-                    "Exit code 0: no difference; 6: differences, and nothing else is wrong.");
+                    "Exit code 0: no difference; 6: differences, and nothing else is wrong; 4: with --against nodes, "
+                    "a node did not answer.");
     command->callback([options, &exit_code] {
         if (options->file.empty() && options->show.empty())
             throw CLI::RequiredError("FILE");

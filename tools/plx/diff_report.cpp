@@ -3,6 +3,7 @@
 
 #include "attribute_text.hpp"
 #include "display.hpp"
+#include "nodes/node_watch.hpp"
 #include "output.hpp"
 #include "records/host.hpp"
 #include "records/node_report.hpp"
@@ -16,7 +17,6 @@ namespace plx::tool {
 namespace {
 
 constexpr size_t item_width = 32;
-constexpr uint64_t dead_after_ms = 20'000; // as applications count
 
 void object(const std::string &text)
 {
@@ -38,23 +38,35 @@ void object_to_ports(const Policy &policy, const std::map<NodeName, NodeReport> 
             object("port " + std::to_string(apply.port) + ": no live node has it");
 }
 
-size_t entries_on(const std::map<std::string, NodeApplication> &applications, const std::string &app)
+// What a node has of the application in entries, as far as its report tells.
+size_t entries_there(const std::string &app, size_t applies, const NodeReport &report)
 {
-    const auto found = applications.find(app);
-    return found == applications.end() ? 0 : found->second.programmed.count;
+    const auto own = report.applications.find(app);
+    const size_t records = own == report.applications.end() ? 0 : own->second.programmed.count;
+    return records - std::min(records, applies);
 }
 
-void object_to_room(const Policy &policy, const NodeName &name, const NodeReport &report)
+void object_to_room(const Policy &policy, size_t applies, const NodeName &name, const NodeReport &report,
+                    bool every_node)
 {
-    uint64_t entries = 0;
+    size_t entries = 0;
     for (const PolicyAcl &acl : policy.acls)
         entries += acl.entries.size();
-    // what the application has there now includes its applies: the answer may be too good by as many
-    const uint64_t others =
-        report.entries - std::min<uint64_t>(report.entries, entries_on(report.applications, policy.application));
-    if (others + entries > report.room)
-        object("node " + text_of(name) + ": room for " + std::to_string(report.room) + " entries, " +
-               std::to_string(others + entries) + " would be there");
+    const size_t there = entries_there(policy.application, applies, report);
+    const uint64_t left = report.room - std::min(report.room, report.entries);
+    const std::string text = "node " + text_of(name) + ": room for " + std::to_string(left) + " more of " +
+                             std::to_string(report.room) + " entries, " +
+                             (entries < there ? std::to_string(there - entries) + " would go"
+                                              : std::to_string(entries - there) + " would come");
+    if (entries > there && entries - there > left)
+        return object(text);
+    if (!every_node)
+        return;
+    output().line(
+        "room",
+        {{"node", text_of(name)}, {"left", left}, {"room", report.room}, {"there", there}, {"wanted", entries}});
+    if (!output().json())
+        std::cout << "  " << text << '\n';
 }
 
 void object_to_attributes(const Policy &policy, const NodeName &name, const NodeReport &report)
@@ -92,23 +104,22 @@ int tell_changes(const std::string &application, const std::vector<ItemChange> &
         output().line("change", {{"kind", std::string(1, change.kind)}, {"item", change.item}, {"how", change.how}});
         if (output().json())
             continue;
-        std::string how;
-        for (const std::string &each : change.how)
-            how += (how.empty() ? "" : ", ") + each;
+        const std::string how = change.how_text();
         std::cout << change.kind << ' ' << (how.empty() ? change.item : padded(change.item, item_width) + ' ' + how)
                   << '\n';
     }
     return changes.empty() ? EXIT_DONE : EXIT_DIFFERS;
 }
 
-int tell_objections(tq_context *context, uint32_t db, const Policy &policy)
+int tell_objections(tq_context *context, uint32_t db, const Policy &policy, size_t applies, bool every_node)
 {
     std::map<NodeName, NodeReport> reports;
     const int result = read_reports(context, db, reports);
-    std::erase_if(reports, [](const auto &each) { return each.second.time_ms + dead_after_ms < wall_clock_ms(); });
+    std::erase_if(reports,
+                  [](const auto &each) { return each.second.time_ms + counted_out.count() < wall_clock_ms(); });
     object_to_ports(policy, reports);
     for (const auto &[name, report] : reports) {
-        object_to_room(policy, name, report);
+        object_to_room(policy, applies, name, report, every_node);
         object_to_attributes(policy, name, report);
     }
     return result;

@@ -5,7 +5,7 @@
 #include "commands.hpp"
 #include "nftables_flags.hpp"
 #include "nodes/node_records.hpp"
-#include "nodes/sightings.hpp"
+#include "nodes/node_watch.hpp"
 #include "output.hpp"
 #include "plane/nftables/nftables_plane.hpp"
 #include "plane/node.hpp"
@@ -15,6 +15,7 @@
 #include "records/record.hpp"
 #include "rows.hpp"
 #include "signals.hpp"
+#include "store_watch.hpp"
 
 #include <csignal>
 #include <cstring>
@@ -67,7 +68,8 @@ class NodeRun {
     std::unique_ptr<plane::Plane> plane_;
     plane::nftables::NftablesPlane *nftables_ = nullptr; // the plane, when it is one
     std::optional<plane::Node> node_;
-    bool twin_ = false; // another node of this identity lives
+    std::optional<StoreWatch> store_watch_; // of the node's connection
+    bool twin_ = false;                     // another node of this identity lives
 };
 
 void NodeRun::log(const std::string &text) const
@@ -262,9 +264,13 @@ int NodeRun::start(const StopOnSignal &stop)
         return result;
     plane::NodeOptions options = options_.node;
     options.tell = [this](const std::string &text) { log(text); };
-    node_.emplace(new_context(), *plane_, std::move(options));
+    Context context = new_context();
+    tq_context *const connection = context.get();
+    node_.emplace(std::move(context), *plane_, std::move(options));
     const int result = node_->start();
-    if (result != 0)
+    if (result == 0)
+        store_watch_.emplace(connection, options_.node.db, [this](const std::string &text) { log(text); });
+    else
         node_.reset();
     return result;
 }
@@ -281,6 +287,7 @@ Record NodeRun::record(const ProtobufCMessageDescriptor &table) const
 // Without its record, those who come later do not wait for this node.
 void NodeRun::retire()
 {
+    store_watch_.reset();
     node_.reset();
     const Context context = new_context();
     for (const auto *table : {&s_policy__service_node__descriptor, &plx_node__node_report__descriptor})
@@ -332,7 +339,7 @@ void add_node_command(CLI::App &app, int &exit_code)
     add_options(*command, options->nftables);
     command->footer(
         "Behaviour of the simulated plane (--simulate), any number of:\n"
-        "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]\n"
+        "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]\n"
         "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
         "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
         "A store that comes back without what it held withdraws nothing for a while (--hold). SIGUSR1 ends that.\n"

@@ -76,14 +76,24 @@ std::string apply_name(uint32_t acl, uint32_t port, uint32_t direction)
 
 } // namespace
 
+std::string ItemChange::how_text() const
+{
+    std::string text;
+    for (const std::string &each : how)
+        text.append(text.empty() ? "" : ", ").append(each);
+    return text;
+}
+
 size_t PolicyDiff::count(char kind) const
 {
     return static_cast<size_t>(
         std::count_if(changes_.begin(), changes_.end(), [kind](const ItemChange &each) { return each.kind == kind; }));
 }
 
-int PolicyDiff::compare(tq_context *context, uint32_t db)
+// The last table is not of a policy: an application writes it by itself.
+int PolicyDiff::compare(tq_context *context, uint32_t db, Holdings *there)
 {
+    there_ = there;
     for (const PolicyAcl &acl : policy_.acls) {
         wanted_[{an_acl, acl.id, 0, 0, 0}] = {.acl = &acl};
         for (const PolicyEntry &entry : acl.entries)
@@ -91,15 +101,20 @@ int PolicyDiff::compare(tq_context *context, uint32_t db)
     }
     for (const PolicyApply &apply : policy_.applies)
         wanted_[{an_apply, apply.acl, apply.port, apply.priority, apply.direction}] = {.apply = &apply};
-    for (const auto *table : {&s_policy__acl__descriptor, &s_policy__apply__descriptor, &s_policy__ace__descriptor}) {
+    for (const auto *table : {&s_policy__acl__descriptor, &s_policy__apply__descriptor, &s_policy__ace__descriptor,
+                              &s_policy__port_bindinfo__descriptor}) {
+        if (there == nullptr && table == &s_policy__port_bindinfo__descriptor)
+            break;
         Record selection(*table);
         selection.set_key_text(0, policy_.application.c_str());
         const int result = tq_mom_scan_sync(context, db, selection.message(), 1, &PolicyDiff::on_record, this);
         if (result != 0)
             return result;
     }
+    if (there != nullptr)
+        there->sort();
     for (const auto &[id, item] : wanted_) {
-        ItemChange &added = changes_.emplace_back(ItemChange{'+', name(item), {}});
+        ItemChange &added = changes_.emplace_back(ItemChange{'+', name(item), {}, record_name(id)});
         for (const auto &[field, value] : fields(item))
             added.how.emplace_back(field).append(": ").append(value);
     }
@@ -108,8 +123,18 @@ int PolicyDiff::compare(tq_context *context, uint32_t db)
 
 int32_t PolicyDiff::on_record(void *, const tq_mom_notification *found, void *arg)
 {
-    if (found->result == 0 && found->record != nullptr && plx::tool::key_of(*found->record) != nullptr)
-        static_cast<PolicyDiff *>(arg)->take(*found->record);
+    auto *self = static_cast<PolicyDiff *>(arg);
+    if (found->result != 0 || found->record == nullptr || plx::tool::key_of(*found->record) == nullptr) {
+        ++self->unreadable_;
+        return 0;
+    }
+    const auto key = self->there_ == nullptr ? std::nullopt : plx::key_of(found->record);
+    if (key)
+        self->there_->add(*key, requested_of(found->record));
+    else if (self->there_ != nullptr && found->record->descriptor != &s_policy__acl__descriptor)
+        ++self->unreadable_;
+    if (found->record->descriptor != &s_policy__port_bindinfo__descriptor)
+        self->take(*found->record);
     return 0;
 }
 
@@ -128,6 +153,7 @@ void PolicyDiff::take(const ProtobufCMessage &record)
         id = {an_apply, key.acl_id, key.phyid, key.priority, key.direction};
         name = apply_name(key.acl_id, key.phyid, key.direction);
         state_ += number_of(apply);
+        ++applies_;
     } else {
         const auto &ace = reinterpret_cast<const SPolicy__Ace &>(record);
         id = {an_entry, ace.index->acl_id, ace.index->sn, 0, 0};
@@ -136,10 +162,12 @@ void PolicyDiff::take(const ProtobufCMessage &record)
     }
     const auto item = wanted_.find(id);
     if (item == wanted_.end()) {
-        changes_.push_back({'-', printable(name), {}});
+        changes_.push_back({'-', printable(name), {}, record_name(id)});
         return;
     }
     compare(item->second, record, printable(name));
+    if (!changes_.empty() && changes_.back().record.empty())
+        changes_.back().record = record_name(id);
     wanted_.erase(item);
 }
 
@@ -202,6 +230,16 @@ PolicyDiff::Fields PolicyDiff::fields(const ProtobufCMessage &record)
     }
     std::erase_if(fields, [](const auto &field) { return field.second.empty() && field.first == "name"; });
     return fields;
+}
+
+std::string PolicyDiff::record_name(const Id &id)
+{
+    const auto &[kind, acl, first, second, third] = id;
+    if (kind == an_acl)
+        return item_name(acl, "", "");
+    if (kind == an_entry)
+        return described(AceKey{"", acl, first});
+    return described(ApplyKey{"", acl, "", static_cast<uint32_t>(first), second, third});
 }
 
 std::string PolicyDiff::name(const Item &item)

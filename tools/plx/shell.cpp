@@ -7,11 +7,11 @@
 #include "display.hpp"
 #include "shell_editor.hpp"
 #include "shell_line.hpp"
+#include "shell_module.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <ssat_client.h>
 #include <unistd.h>
@@ -20,76 +20,7 @@ namespace plx::tool {
 
 namespace {
 
-struct Answer {
-    int status = -1; // enum ssat_status, or -1: `error` tells
-    int error = 0;
-    int cut = 0;
-    std::string text;
-};
-
-// A module that is connected to when there is something to say, anew after a connection ended.
-class Module {
-  public:
-    explicit Module(std::string name) : name_(std::move(name)) {}
-    ~Module() { hang_up(); }
-    Module(const Module &) = delete;
-    Module &operator=(const Module &) = delete;
-
-    const std::string &name() const { return name_; }
-    Answer ask(const std::string &line);
-
-  private:
-    void hang_up();
-
-    std::string name_;
-    int fd_ = -1;
-};
-
-void append(const char *text, size_t size, void *answer)
-{
-    static_cast<Answer *>(answer)->text.append(text, size);
-}
-
-Answer Module::ask(const std::string &line)
-{
-    Answer answer;
-    if (fd_ < 0)
-        fd_ = ssat_client_connect(name_.c_str());
-    if (fd_ >= 0)
-        answer.status = ssat_client_run(fd_, line.c_str(), append, &answer, &answer.cut);
-    answer.error = errno;
-    if (answer.status < 0 || answer.status == SSAT_DENIED)
-        hang_up();
-    return answer;
-}
-
-void Module::hang_up()
-{
-    if (fd_ >= 0)
-        close(fd_);
-    fd_ = -1;
-}
-
-std::string explain(int error)
-{
-    switch (error) {
-    case ENOENT:
-    case ECONNREFUSED:
-        return "no such module is alive";
-    case EPERM:
-        return "the directory of sockets is open to others or not yours";
-    case ECONNRESET:
-        return "the module went away";
-    case ETIMEDOUT:
-        return "the module does not answer";
-    case EINVAL:
-        return "a command is one line and not blank";
-    default:
-        return std::strerror(error);
-    }
-}
-
-int exit_code_of(const Answer &answer)
+int exit_code_of(const ShellAnswer &answer)
 {
     switch (answer.status) {
     case SSAT_OK:
@@ -109,12 +40,12 @@ int exit_code_of(const Answer &answer)
     return answer.error == ETIMEDOUT ? EXIT_NO_ANSWER : EXIT_UNREACHABLE;
 }
 
-int show(const Module &module, const Answer &answer)
+int show(const ShellModule &module, const ShellAnswer &answer)
 {
     const bool ran = answer.status == SSAT_OK || answer.status == SSAT_FAILED;
     (ran ? std::cout : std::cerr) << answer.text << std::flush;
     if (answer.status < 0)
-        std::cerr << "plx shell: " << printable(module.name()) << ": " << explain(answer.error) << '\n';
+        std::cerr << "plx shell: " << printable(module.name()) << ": " << shell_error(answer.error) << '\n';
     if (answer.cut)
         std::cerr << "plx shell: the command printed more than the module keeps\n";
     return exit_code_of(answer);
@@ -129,7 +60,7 @@ std::string history_file()
 // Lines from a terminal or from anything else, until the input ends or the user leaves.
 class Lines {
   public:
-    Lines(const Module &module, std::string_view help)
+    Lines(const ShellModule &module, std::string_view help)
     {
         if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO))
             return;
@@ -156,9 +87,9 @@ class Lines {
     std::unique_ptr<ShellEditor> editor_;
 };
 
-int run_lines(Module &module)
+int run_lines(ShellModule &module)
 {
-    const Answer help = module.ask("help");
+    const ShellAnswer help = module.ask("help");
     if (help.status != SSAT_OK)
         return show(module, help);
     int exit_code = EXIT_DONE;
@@ -176,14 +107,10 @@ int run_lines(Module &module)
 int list_modules()
 {
     std::vector<std::string> names;
-    const auto add = [](const char *module, void *arg) {
-        static_cast<std::vector<std::string> *>(arg)->emplace_back(module);
-    };
-    if (const int error = ssat_client_modules(add, &names)) {
-        std::cerr << "plx shell: " << explain(error) << '\n';
+    if (const int error = shell_modules(names); error != 0) {
+        std::cerr << "plx shell: " << shell_error(error) << '\n';
         return EXIT_UNREACHABLE;
     }
-    std::ranges::sort(names);
     for (const std::string &name : names)
         std::cout << printable(name) << '\n';
     if (names.empty())
@@ -195,7 +122,7 @@ int run_shell(const std::string &name, const std::vector<std::string> &words)
 {
     if (name.empty())
         return list_modules();
-    Module module(name);
+    ShellModule module(name);
     return words.empty() ? run_lines(module) : show(module, module.ask(join_words(words)));
 }
 

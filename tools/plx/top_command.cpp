@@ -2,7 +2,7 @@
 // drawing takes the place of the last; elsewhere they follow each other.
 #include "commands.hpp"
 #include "display.hpp"
-#include "nodes/sightings.hpp"
+#include "nodes/node_rows.hpp"
 #include "output.hpp"
 #include "record_options.hpp"
 #include "rows.hpp"
@@ -88,7 +88,7 @@ class TopRun {
 
     const TopOptions &options_;
     Context context_;
-    std::optional<Sightings> sightings_;
+    std::optional<NodeWatch> nodes_;
     std::map<AceKey, Traffic> traffic_;
     int store_ = 0; // the last result
 };
@@ -119,7 +119,7 @@ int TopRun::start()
 {
     const Record counters(s_policy__ace_counter__descriptor);
     const int result = tq_mom_subscribe(context_.get(), options_.db, counters.message(), 0, &TopRun::on_counter, this);
-    return result != 0 ? result : sightings_.emplace(context_.get(), options_.db).start();
+    return result != 0 ? result : nodes_.emplace(context_.get(), options_.db).start();
 }
 
 int32_t TopRun::on_counter(void *, const tq_mom_notification *change, void *arg)
@@ -140,7 +140,7 @@ int32_t TopRun::on_counter(void *, const tq_mom_notification *change, void *arg)
 void TopRun::look()
 {
     constexpr milliseconds patience{300};
-    const int result = sightings_->look(patience);
+    const int result = nodes_->look(patience);
     if (result != store_)
         output().note(result != 0 ? std::string("store: ") + tq_mom_strerror(result) : "the store is back");
     store_ = result;
@@ -149,8 +149,8 @@ void TopRun::look()
 std::vector<Row> TopRun::node_rows() const
 {
     std::vector<Row> rows;
-    for (const auto &[name, node] : sightings_->all())
-        rows.push_back(row_of(name, node, sightings_->state(node), nullptr));
+    for (const auto &[name, node] : nodes_->all())
+        rows.push_back(row_of(name, node, nodes_->state(node), nullptr));
     return rows;
 }
 
@@ -180,7 +180,7 @@ void TopRun::draw(const Screen &screen) const
     tq_time_2_string(time, sizeof time);
     const std::vector<Row> nodes = node_rows();
     uint64_t programmed = 0, refused = 0;
-    for (const auto &[name, node] : sightings_->all()) {
+    for (const auto &[name, node] : nodes_->all()) {
         programmed += node.report ? node.report->programmed : 0;
         refused += node.report ? node.report->refused : 0;
     }
@@ -197,8 +197,8 @@ void TopRun::draw(const Screen &screen) const
 
 void TopRun::tell() const
 {
-    for (const auto &[name, node] : sightings_->all())
-        output().line("node", json_of(name, node, sightings_->state(node)));
+    for (const auto &[name, node] : nodes_->all())
+        output().line("node", json_of(name, node, nodes_->state(node)));
     for (const Row &entry : entry_rows(options_.entries))
         output().line("entry", {{"app", entry["APPLICATION"]},
                                 {"name", entry["ENTRY"]},

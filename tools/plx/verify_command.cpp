@@ -1,27 +1,24 @@
-// `plx verify`: whether a policy file, the store, what each service node believes and what is in its plane are the
-// same.
+// `plx verify`: whether a policy file, the store, what live applications have cached, what each service node believes
+// and what is in its plane are the same.
 //
-// The file is compared with the store record by record. Nodes are asked for sums over parts of what their planes have,
-// and for the entries of those parts alone whose sums are not the store's.
+// The file is compared with the store record by record, applications by the identifiers of their last writes, nodes by
+// what their planes have.
 #include "commands.hpp"
 #include "display.hpp"
-#include "nodes/holdings.hpp"
-#include "nodes/questions.hpp"
+#include "nodes/caches.hpp"
+#include "nodes/node_watch.hpp"
+#include "nodes/planes.hpp"
 #include "output.hpp"
+#include "policy_diff.hpp"
 #include "record_options.hpp"
-#include "records/status.hpp"
 
 #include <algorithm>
 #include <iostream>
 #include <memory>
-#include <plx/s_policy.pb-c.h>
 
 namespace plx::tool {
 
 namespace {
-
-constexpr size_t most_named = 20; // differences of one comparison
-constexpr size_t parts_at_once = 8;
 
 struct VerifyOptions : StoreOptions {
     std::string file;
@@ -36,26 +33,27 @@ class VerifyRun {
   private:
     bool read_file();
     int read_store();
+    int ask_applications();
     int find_nodes();
     int ask_nodes();
-    void compare_file();
-    int compare_node(const NodeName &name, const Questions::Answer &sums);
+    void compare_file(const PolicyDiff &diff);
+    void tell_no_application() const;
+    void compare_cache(Cache &cache, const PartDigests &sums);
+    int compare_node(const NodeName &name, const Digest &plane, Planes &planes);
     void compare_report(const NodeName &name, const Digest &plane);
-    int name_differences(const NodeName &name, const std::vector<uint32_t> &parts, std::vector<Difference> &found,
-                         size_t &unnamed);
-    void take(const std::vector<NodeEntry> &entries, const std::set<uint32_t> &parts, std::vector<Difference> &found);
-    void tell(const std::string &one, const std::string &other, const std::string &what,
-              const std::vector<Difference> &found, size_t unnamed);
+    void take(const std::vector<CachedRecord> &cached, uint32_t part, std::vector<Difference> &found) const;
+    void silent(const std::string &who, const std::string &error);
+    void tell(const std::string &one, const std::string &other, const std::string &what, const Differences &found);
     int verdict() const;
 
     const VerifyOptions &options_;
+    Policy policy_;
     std::string app_;
     Context context_;
-    Holdings file_, store_;
+    Holdings store_;
     size_t unreadable_ = 0;
     std::set<NodeName> nodes_; // that have a record
     std::map<NodeName, NodeReport> reports_;
-    std::optional<Questions> questions_;
     bool differs_ = false;
     size_t silent_ = 0;
 };
@@ -66,7 +64,8 @@ int VerifyRun::run()
         return EXIT_BAD_FILE;
     int exit_code = EXIT_DONE;
     context_ = open_store(options_, exit_code);
-    for (const auto step : {&VerifyRun::read_store, &VerifyRun::find_nodes, &VerifyRun::ask_nodes})
+    for (const auto step :
+         {&VerifyRun::read_store, &VerifyRun::ask_applications, &VerifyRun::find_nodes, &VerifyRun::ask_nodes})
         if (exit_code == EXIT_DONE)
             exit_code = (this->*step)();
     return exit_code == EXIT_DONE ? verdict() : exit_code;
@@ -75,47 +74,128 @@ int VerifyRun::run()
 bool VerifyRun::read_file()
 {
     Errors errors;
-    const auto policy = read_policy(options_.file, errors);
+    auto policy = read_policy(options_.file, errors);
     plx::tool::tell(errors, options_.file);
     if (!policy || !errors.empty())
         return false;
-    app_ = policy->application;
-    file_ = Holdings::of(*policy);
+    policy_ = std::move(*policy);
+    app_ = policy_.application;
     return true;
 }
 
 int VerifyRun::read_store()
 {
-    const int result = Holdings::read(context_.get(), options_.db, app_, store_, unreadable_);
-    if (result != 0)
+    PolicyDiff diff(policy_);
+    if (const int result = diff.compare(context_.get(), options_.db, &store_); result != 0)
         return tell_store_error("store", result);
+    unreadable_ = diff.unreadable();
     if (unreadable_ != 0)
         output().error(EXIT_SOME_FAILED, std::to_string(unreadable_) + " records of the store cannot be read");
-    compare_file();
+    compare_file(diff);
     return EXIT_DONE;
 }
 
-void VerifyRun::compare_file()
+// Names are for people, and nodes do not have them: they are not compared.
+void VerifyRun::compare_file(const PolicyDiff &diff)
 {
-    auto found = differences(file_, store_, "file", "store");
-    const size_t unnamed = found.size() - std::min(found.size(), most_named);
-    found.resize(found.size() - unnamed);
+    Differences found;
+    for (ItemChange change : diff.changes()) {
+        std::erase_if(change.how, [](const std::string &how) { return how.starts_with("name: "); });
+        if (change.kind != '~' || !change.how.empty())
+            found.named.push_back({change.record, change.kind == '+'   ? "not in the store"
+                                                  : change.kind == '-' ? "not in the file"
+                                                                       : "differs: " + change.how_text()});
+    }
+    for (const Holdings::One &one : store_.all())
+        if (std::holds_alternative<PortBindKey>(one.record))
+            found.named.push_back({one.name(), "not in the file"});
+    found.bound();
+    size_t wanted = 0;
+    for_each_record(policy_, [&wanted](const Key &, const Requested &) { ++wanted; });
     const std::string records = std::to_string(store_.all().size()) + " records";
-    tell("file", "store", found.empty() ? records : records + " for " + std::to_string(file_.all().size()), found,
-         unnamed);
+    tell("file", "store", found.named.empty() ? records : records + " for " + std::to_string(wanted), found);
 }
 
-int32_t take_node(void *, const tq_mom_notification *found, void *arg)
+void VerifyRun::silent(const std::string &who, const std::string &error)
 {
-    if (const auto name = node_of(found->record))
-        static_cast<std::set<NodeName> *>(arg)->insert(*name);
-    return 0;
+    ++silent_;
+    output().error(EXIT_NO_ANSWER, who + ": " + error);
 }
+
+// ---- live applications ----------------------------------------------------------------------------------------------
+
+int VerifyRun::ask_applications()
+{
+    std::vector<std::unique_ptr<Cache>> caches;
+    if (const int error = find_caches(app_, caches); error != 0)
+        output().note("applications cannot be asked: " + shell_error(error));
+    size_t live = 0;
+    for (const auto &cache : caches) {
+        std::optional<PartDigests> sums;
+        std::string error;
+        if (!cache->read(sums, error))
+            silent("application " + printable(cache->name()), error);
+        if (!sums)
+            continue;
+        ++live;
+        compare_cache(*cache, *sums);
+    }
+    if (live == 0)
+        tell_no_application();
+    return EXIT_DONE;
+}
+
+void VerifyRun::tell_no_application() const
+{
+    const std::string text = "no live application of " + printable(app_) + " can be asked here";
+    output().line("note", {{"text", text}});
+    if (!output().json())
+        std::cout << padded("cache", 24) << ' ' << text << '\n';
+}
+
+void VerifyRun::compare_cache(Cache &cache, const PartDigests &sums)
+{
+    Differences found;
+    std::string error;
+    for (const uint32_t part : different_parts(store_.writes(), sums)) {
+        std::vector<CachedRecord> records;
+        if (found.named.size() > most_named || !cache.read_part(part, records, error))
+            break;
+        take(records, part, found.named);
+    }
+    found.bound();
+    if (!error.empty())
+        return silent("application " + printable(cache.name()), error);
+    tell("store", "cache " + printable(cache.name()),
+         std::to_string(sum(sums).count) + " of " + std::to_string(store_.all().size()), found);
+}
+
+// What another program wrote since, an application has not cached as it is now. What it did not write itself it knows
+// by key alone.
+void VerifyRun::take(const std::vector<CachedRecord> &cached, uint32_t part, std::vector<Difference> &found) const
+{
+    std::map<uint64_t, const CachedRecord *> there;
+    for (const CachedRecord &record : cached)
+        there[digest_of(record.key)] = &record;
+    for (const Holdings::One &one : store_.all()) {
+        if (part_of(one.key) != part || std::holds_alternative<PortBindKey>(one.record))
+            continue;
+        const auto twin = there.find(one.key);
+        if (twin == there.end())
+            found.push_back({one.name(), "not in the cache"});
+        else if (twin->second->request != one.request && twin->second->request != 0)
+            found.push_back({one.name(), "last written by another"});
+    }
+    for (const auto &[key, record] : there)
+        if (store_.find(key) == nullptr)
+            found.push_back({printable(described(record->key)), "not in the store"});
+}
+
+// ---- service nodes --------------------------------------------------------------------------------------------------
 
 int VerifyRun::find_nodes()
 {
-    const Record whole(s_policy__service_node__descriptor);
-    const int result = tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &take_node, &nodes_);
+    const int result = read_nodes(context_.get(), options_.db, nodes_);
     if (result != 0)
         return tell_store_error("store", result);
     if (nodes_.empty())
@@ -127,47 +207,37 @@ int VerifyRun::ask_nodes()
 {
     if (nodes_.empty())
         return EXIT_DONE;
-    Questions::Answers answers;
-    int result = questions_.emplace(context_.get(), options_.db).start();
-    if (result == 0)
-        result = questions_->ask(app_, nodes_, {}, std::chrono::seconds(options_.timeout), answers);
+    Planes planes(context_.get(), options_.db, app_, "store", std::chrono::seconds(options_.timeout));
+    int result = planes.ask(nodes_);
     if (result == 0)
         result = read_reports(context_.get(), options_.db, reports_);
     if (result != 0)
         return tell_store_error("the nodes cannot be asked", result);
     for (const NodeName &name : nodes_) {
-        const auto answer = answers.find(name);
-        if (answer == answers.end() || !answer->second.error.empty()) {
-            ++silent_;
-            output().error(EXIT_NO_ANSWER, "node " + text_of(name) + ": " +
-                                               (answer == answers.end() ? "no answer" : answer->second.error));
-        } else if (const int failed = compare_node(name, answer->second); failed != EXIT_DONE) {
+        std::string error;
+        const auto plane = planes.has(name, error);
+        if (!plane)
+            silent("node " + text_of(name), error);
+        else if (const int failed = compare_node(name, *plane, planes); failed != EXIT_DONE)
             return failed;
-        }
     }
     return EXIT_DONE;
 }
 
-int VerifyRun::compare_node(const NodeName &name, const Questions::Answer &answer)
+int VerifyRun::compare_node(const NodeName &name, const Digest &plane, Planes &planes)
 {
-    const PartDigests wanted = store_.parts();
-    std::vector<uint32_t> parts;
-    Digest plane;
-    for (uint32_t part = 0; part < wanted.size(); ++part) {
-        plane.count += answer.sums[part].count;
-        plane.lo += answer.sums[part].lo;
-        plane.hi += answer.sums[part].hi;
-        if (wanted[part] != answer.sums[part])
-            parts.push_back(part);
+    Differences found;
+    std::string error;
+    if (const int result = planes.compare(name, store_, found, error); result != 0)
+        return tell_store_error("the nodes cannot be asked", result);
+    if (!error.empty()) {
+        silent("node " + text_of(name), error);
+        return EXIT_NO_ANSWER;
     }
-    std::vector<Difference> found;
-    size_t unnamed = 0;
-    if (const int failed = name_differences(name, parts, found, unnamed); failed != EXIT_DONE)
-        return failed;
     const auto report = reports_.find(name);
-    const std::string kind = report == reports_.end() ? "" : "   plane " + report->second.plane;
+    const std::string kind = report == reports_.end() ? "" : "   plane " + printable(report->second.plane);
     tell("store", "node " + text_of(name),
-         std::to_string(plane.count) + " of " + std::to_string(store_.all().size()) + kind, found, unnamed);
+         std::to_string(plane.count) + " of " + std::to_string(store_.all().size()) + kind, found);
     compare_report(name, plane);
     return EXIT_DONE;
 }
@@ -182,64 +252,17 @@ void VerifyRun::compare_report(const NodeName &name, const Digest &plane)
     if (believed != plane)
         tell("report", "node " + text_of(name),
              "it reports " + std::to_string(believed.count) + ", its plane has " + std::to_string(plane.count),
-             {{"report", "not what the plane has"}}, 0);
-}
-
-int VerifyRun::name_differences(const NodeName &name, const std::vector<uint32_t> &parts,
-                                std::vector<Difference> &found, size_t &unnamed)
-{
-    size_t at = 0;
-    for (; at < parts.size() && found.size() < most_named; at += parts_at_once) {
-        const std::span some = std::span(parts).subspan(at, std::min(parts_at_once, parts.size() - at));
-        Questions::Answers answers;
-        const int result = questions_->ask(app_, {name}, some, std::chrono::seconds(options_.timeout), answers);
-        if (result != 0)
-            return tell_store_error("the nodes cannot be asked", result);
-        if (!answers.contains(name)) {
-            ++silent_;
-            return output().error(EXIT_NO_ANSWER, "node " + text_of(name) + ": no answer");
-        }
-        take(answers[name].entries, {some.begin(), some.end()}, found);
-    }
-    const size_t named = std::min(found.size(), most_named);
-    unnamed = found.size() - named + (at < parts.size() ? parts.size() - at : 0);
-    found.resize(named);
-    if (found.empty() && !parts.empty())
-        found.push_back({"records", "have changed while the plane was read"});
-    return EXIT_DONE;
-}
-
-// An entry that was refused may still be in the plane as it was before.
-void VerifyRun::take(const std::vector<NodeEntry> &entries, const std::set<uint32_t> &parts,
-                     std::vector<Difference> &found)
-{
-    std::map<uint64_t, const NodeEntry *> there, refused;
-    for (const NodeEntry &entry : entries)
-        (entry.status == 0 ? there : refused)[entry.key] = &entry;
-    for (const Holdings::One &one : store_.all()) {
-        const auto twin = there.find(one.key);
-        if (!parts.contains(static_cast<uint32_t>(part_of(one.key))) ||
-            (twin != there.end() && twin->second->fingerprint == one.fingerprint))
-            continue;
-        const auto refusal = refused.find(one.key);
-        std::string what = twin == there.end() ? "not in the plane" : "differs in the plane";
-        if (refusal != refused.end())
-            what = "refused: " + std::string(status_text(refusal->second->status)) + " (" +
-                   std::to_string(refusal->second->status) + ')';
-        found.push_back({one.name(), what, refusal == refused.end() ? 0 : refusal->second->status});
-    }
-    for (const auto &[key, entry] : there)
-        if (store_.find(key) == nullptr)
-            found.push_back({printable(entry->name), "not in the store"});
+             {{{"report", "not what the plane has"}}, 0});
 }
 
 void VerifyRun::tell(const std::string &one, const std::string &other, const std::string &what,
-                     const std::vector<Difference> &found, size_t unnamed)
+                     const Differences &found)
 {
-    differs_ = differs_ || !found.empty();
-    output().line("comparison",
-                  {{"one", one}, {"other", other}, {"equal", found.empty()}, {"text", what}, {"unnamed", unnamed}});
-    for (const Difference &difference : found) {
+    differs_ = differs_ || !found.named.empty();
+    output().line(
+        "comparison",
+        {{"one", one}, {"other", other}, {"equal", found.named.empty()}, {"text", what}, {"unnamed", found.unnamed}});
+    for (const Difference &difference : found.named) {
         Row row = {{"one", one}, {"other", other}, {"name", difference.name}, {"text", difference.what}};
         if (difference.status != 0)
             row["status"] = difference.status;
@@ -247,10 +270,10 @@ void VerifyRun::tell(const std::string &one, const std::string &other, const std
     }
     if (output().json())
         return;
-    std::cout << padded(padded(one, 6) + (found.empty() ? "  = " : " != ") + other, 24) << ' ' << what << '\n';
-    for (const Difference &difference : found)
+    std::cout << padded(padded(one, 6) + (found.named.empty() ? "  = " : " != ") + other, 24) << ' ' << what << '\n';
+    for (const Difference &difference : found.named)
         std::cout << "        " << difference.name << ": " << difference.what << '\n';
-    if (unnamed != 0)
+    if (found.unnamed != 0)
         std::cout << "        and more\n";
 }
 
@@ -269,7 +292,8 @@ void add_verify_command(CLI::App &app, int &exit_code)
 {
     const auto options = std::make_shared<VerifyOptions>();
     CLI::App *command = app.add_subcommand(
-        "verify", "See whether a policy file, the store and the service nodes' planes are the same.");
+        "verify", "See whether a policy file, the store, live applications' caches and the service nodes' "
+                  "planes are the same.");
     command->add_option("FILE", options->file, "policy file; - for standard input")->required();
     options->add_to(*command);
     command->add_option("--timeout", options->timeout, "seconds to wait for each answer of a node")

@@ -1,5 +1,5 @@
-// The debug commands about requests: how they ended so far, and those that are waited for. An application asks for
-// them.
+// The debug commands that an application asks for: how requests ended so far, those that are waited for, and a digest of
+// the cache.
 #include "../../list.hpp"
 #include "shell.hpp"
 
@@ -85,6 +85,7 @@ int on_dump_pending(int, const ssat_value *)
 constexpr command commands[] = {
     {"plx_counters", "$n", on_counters},
     {"plx_dump_pending", "$n", on_dump_pending},
+    {"plx_cache_digest", "app_type=%s, part=%d, $n", on_cache_digest},
 };
 
 } // namespace

@@ -18,6 +18,9 @@ struct command {
     ssat_handler handler;
 };
 
+// See cache_digest.cpp.
+int on_cache_digest(int argc, const ssat_value *argv);
+
 // The process's name and a suffix.
 struct module_name {
     char text[proc_name_size + sizeof ".plx"];

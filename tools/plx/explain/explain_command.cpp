@@ -5,10 +5,10 @@
 #include "display.hpp"
 #include "explain/capture.hpp"
 #include "explain/judge.hpp"
-#include "nodes/questions.hpp"
+#include "explain/standings.hpp"
+#include "nodes/node_watch.hpp"
 #include "output.hpp"
 #include "record_options.hpp"
-#include "records/status.hpp"
 
 #include <fstream>
 #include <iostream>
@@ -21,7 +21,7 @@ namespace {
 
 using plane::packet::Verdict;
 
-constexpr milliseconds longest_answer{3000};
+constexpr size_t most_looks = 32; // at entries of an ACL that a node does not have
 
 struct ExplainOptions : StoreOptions {
     uint32_t port = 0;
@@ -41,9 +41,40 @@ struct Course {
     const SceneEntry *decider = nullptr;
     std::vector<const SceneEntry *> maybe;
     std::set<Verdict> verdicts; // that are possible
-
-    std::string text() const { return verdicts.size() > 1 ? "depends" : std::string(verdict_word(*verdicts.begin())); }
 };
+
+std::string word_of(const std::set<Verdict> &verdicts)
+{
+    return verdicts.size() > 1 ? "depends" : std::string(verdict_word(*verdicts.begin()));
+}
+
+// What comes of an ACL behind others, which may have dropped the frame.
+std::set<Verdict> behind(const std::set<Verdict> &before, const std::set<Verdict> &now)
+{
+    std::set<Verdict> together;
+    for (const Verdict first : before)
+        for (const Verdict second : now)
+            together.insert(first == Verdict::accept ? second : first);
+    return together;
+}
+
+// What becomes of the frame on a node, and what made it another than the policy's.
+struct Fate {
+    std::set<Verdict> verdicts;
+    std::string by{};
+};
+
+// What an ACL does on a node: how the entry that decides stands there, and what decides in its place where it is not.
+struct Local {
+    Standing standing{};
+    std::optional<uint64_t> sn{}; // of that entry
+    std::string state{}, by{};
+    std::set<Verdict> verdicts{Verdict::accept};
+    bool settled = false;
+};
+using Locals = std::map<NodeName, Local>;
+
+using Entries = std::set<const SceneEntry *>;
 
 class ExplainRun {
   public:
@@ -56,19 +87,22 @@ class ExplainRun {
     std::optional<Subject> subject(std::string &error);
     bool pack_fields(std::vector<uint8_t> &packed, std::string &error) const;
     int judge_all(const Subject &subject);
-    Course judge_acl(const SceneAcl &acl, const Subject &subject, const SceneEntry *without, bool told);
+    Course judge_acl(const SceneAcl &acl, const Subject &subject, const Entries &without, bool told);
     void tell_acl(const SceneAcl &acl) const;
     void tell_entry(const SceneAcl &acl, const SceneEntry &entry, const Judgement &judgement) const;
-    int ask_nodes(const SceneAcl &acl, const Course &course, const Subject &subject);
-    void tell_node(const SceneAcl &acl, const NodeName &name, const Questions::Answer *answer, const Course &course,
-                   const Subject &subject);
+    int ask_nodes(const SceneAcl &acl, const Subject &subject);
+    int ask(const Key &key, const Requested &wanted, Locals &locals);
+    int follow(const SceneAcl &acl, const Subject &subject, Locals &locals);
+    void settle(const SceneAcl &acl, const NodeName &name, const Local &local);
+    void tell_verdict(const std::string &verdict) const;
     void tell_counter(const SceneAcl &acl, const SceneEntry &entry) const;
 
     const ExplainOptions &options_;
     Numbers numbers_;
     Scene scene_;
     Context context_;
-    std::set<NodeName> nodes_;
+    std::set<NodeName> nodes_; // that have the port
+    std::map<NodeName, Fate> fates_;
     std::optional<Questions> questions_;
     bool unanswered_ = false;
 };
@@ -101,13 +135,6 @@ int ExplainRun::read()
     return EXIT_DONE;
 }
 
-int32_t take_node(void *, const tq_mom_notification *found, void *arg)
-{
-    if (const auto name = node_of(found->record))
-        static_cast<std::set<NodeName> *>(arg)->insert(*name);
-    return 0;
-}
-
 int ExplainRun::read_store()
 {
     int exit_code = EXIT_DONE;
@@ -116,9 +143,14 @@ int ExplainRun::read_store()
         return exit_code;
     size_t unreadable = 0;
     int result = read_scene(context_.get(), options_.db, options_.port, options_.direction(), scene_, unreadable);
-    const Record whole(s_policy__service_node__descriptor);
+    std::map<NodeName, NodeReport> reports;
     if (result == 0)
-        result = tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &take_node, &nodes_);
+        result = read_nodes(context_.get(), options_.db, nodes_);
+    if (result == 0)
+        result = read_reports(context_.get(), options_.db, reports);
+    for (const auto &[name, report] : reports)
+        if (!report.ports.empty() && std::ranges::find(report.ports, options_.port) == report.ports.end())
+            nodes_.erase(name);
     if (result != 0)
         return tell_store_error("store", result);
     if (unreadable != 0)
@@ -206,31 +238,52 @@ int ExplainRun::judge_all(const Subject &subject)
         output().note("the port is off: every frame is dropped, whatever the ACLs say");
         verdicts = {Verdict::drop};
     }
+    for (const NodeName &name : nodes_)
+        fates_[name] = {verdicts};
     for (const SceneAcl &acl : scene_.acls) {
         tell_acl(acl);
-        const Course course = judge_acl(acl, subject, nullptr, true);
-        if (const int code = ask_nodes(acl, course, subject); code != EXIT_DONE)
+        const Course course = judge_acl(acl, subject, {}, true);
+        if (course.decider != nullptr && context_ != nullptr)
+            tell_counter(acl, *course.decider);
+        if (const int code = ask_nodes(acl, subject); code != EXIT_DONE)
             return code;
-        std::set<Verdict> together;
-        for (const Verdict before : verdicts)
-            for (const Verdict now : course.verdicts)
-                together.insert(before == Verdict::accept ? now : before);
-        verdicts = together;
+        verdicts = behind(verdicts, course.verdicts);
     }
-    const std::string verdict = verdicts.size() > 1 ? "depends" : std::string(verdict_word(*verdicts.begin()));
-    output().summary()["verdict"] = verdict;
-    if (!output().json())
-        std::cout << "verdict: " << verdict << '\n';
+    tell_verdict(word_of(verdicts));
     return unanswered_ ? EXIT_NO_ANSWER : EXIT_DONE;
 }
 
-// `without`: an entry that is not there.
-Course ExplainRun::judge_acl(const SceneAcl &acl, const Subject &subject, const SceneEntry *without, bool told)
+// "deny on 0/1/0; permit on 0/2/0, by acl 1 sn 9999 'rest'" where nodes differ.
+void ExplainRun::tell_verdict(const std::string &verdict) const
+{
+    std::map<std::pair<std::string, std::string>, NodeWatch::Names> nodes; // by what becomes of the frame, and why
+    Row &summary = output().summary();
+    summary["verdict"] = verdict;
+    bool differ = false;
+    for (const auto &[name, fate] : fates_) {
+        const std::string word = word_of(fate.verdicts);
+        differ = differ || word != verdict;
+        nodes[{word, word == verdict ? "" : fate.by}].push_back(text_of(name));
+        summary["nodes"][text_of(name)] = word;
+    }
+    std::string text = differ ? "" : verdict;
+    for (const auto &[what, names] : nodes) {
+        if (!differ)
+            break;
+        text.append(text.empty() ? "" : "; ").append(what.first).append(" on ").append(listed(names));
+        text.append(what.second.empty() ? "" : ", ").append(what.second);
+    }
+    if (!output().json())
+        std::cout << "verdict: " << text << '\n';
+}
+
+// `without`: entries that are not there.
+Course ExplainRun::judge_acl(const SceneAcl &acl, const Subject &subject, const Entries &without, bool told)
 {
     Course course;
     const bool has_default = !acl.entries.empty() && acl.entries.back().is_default;
     for (const SceneEntry &entry : acl.entries) {
-        if (&entry == without)
+        if (without.contains(&entry))
             continue;
         const Judgement judgement = judge(entry, has_default, subject, numbers_.config());
         if (told && (judgement.truth != Truth::no || options_.all))
@@ -281,60 +334,105 @@ void ExplainRun::tell_entry(const SceneAcl &acl, const SceneEntry &entry, const 
 
 // ---- the nodes ------------------------------------------------------------------------------------------------------
 
-// Where the entry that decides is programmed, as the planes have it now.
-int ExplainRun::ask_nodes(const SceneAcl &acl, const Course &course, const Subject &subject)
+int ExplainRun::ask(const Key &key, const Requested &wanted, Locals &locals)
 {
-    if (context_ == nullptr || course.decider == nullptr)
-        return EXIT_DONE;
-    tell_counter(acl, *course.decider);
-    if (nodes_.empty())
-        return EXIT_DONE;
-    const uint64_t key = digest_of(AceKey{acl.app, acl.id, course.decider->sn});
-    const std::array<uint32_t, 1> part{static_cast<uint32_t>(part_of(key))};
+    std::set<NodeName> nodes;
+    for (const auto &[name, local] : locals)
+        if (!local.settled)
+            nodes.insert(name);
+    Standings standings;
     int result = 0;
     if (!questions_)
         result = questions_.emplace(context_.get(), options_.db).start();
-    Questions::Answers answers;
     if (result == 0)
-        result = questions_->ask(acl.app, nodes_, part, longest_answer, answers);
+        result = ask_standings(*questions_, key, wanted, nodes, standings);
     if (result != 0)
         return tell_store_error("the nodes cannot be asked", result);
-    for (const NodeName &name : nodes_) {
-        const auto answer = answers.find(name);
-        tell_node(acl, name, answer == answers.end() ? nullptr : &answer->second, course, subject);
+    for (auto &[name, standing] : standings)
+        locals[name].standing = std::move(standing);
+    return EXIT_DONE;
+}
+
+// Whether the ACL is applied on a node, whether the entry that decides is programmed there, and else what does decide.
+int ExplainRun::ask_nodes(const SceneAcl &acl, const Subject &subject)
+{
+    Locals locals;
+    for (const NodeName &name : nodes_)
+        locals[name] = {};
+    if (locals.empty())
+        return EXIT_DONE;
+    if (const int code = ask(acl.apply, acl.applied, locals); code != EXIT_DONE)
+        return code;
+    for (auto &[name, local] : locals) {
+        local.settled = !local.standing.programmed;
+        if (!local.settled)
+            continue;
+        local.state = local.standing.known ? "the ACL is not applied: " + local.standing.text : local.standing.text;
+        local.by = local.standing.known ? "where acl " + std::to_string(acl.id) + " is not applied" : "";
+    }
+    const int code = follow(acl, subject, locals);
+    for (const auto &[name, local] : locals)
+        settle(acl, name, local);
+    return code;
+}
+
+// Each look leaves the nodes open that do not have the entry, and goes on without it.
+int ExplainRun::follow(const SceneAcl &acl, const Subject &subject, Locals &locals)
+{
+    const auto open = [&] {
+        return std::ranges::any_of(locals, [](const auto &each) { return !each.second.settled; });
+    };
+    Entries without;
+    for (size_t looks = 0; open(); ++looks) {
+        const Course course = judge_acl(acl, subject, without, false);
+        const SceneEntry *decider = looks < most_looks ? course.decider : nullptr;
+        if (decider != nullptr)
+            if (const int code = ask(AceKey{acl.app, acl.id, decider->sn}, decider->wanted, locals); code != EXIT_DONE)
+                return code;
+        for (auto &[name, local] : locals) {
+            if (local.settled)
+                continue;
+            if (looks == 0 && decider != nullptr) {
+                local.state = local.standing.text;
+                local.sn = decider->sn;
+            }
+            local.settled = decider == nullptr || !local.standing.known || local.standing.programmed;
+            local.verdicts = looks < most_looks ? course.verdicts : std::set{Verdict::accept, Verdict::drop};
+            if (looks != 0)
+                local.by = decider == nullptr ? "where no other entry of acl " + std::to_string(acl.id) + " matches"
+                                              : "by acl " + std::to_string(acl.id) + ' ' +
+                                                    entry_label(decider->sn, printable(decider->name));
+        }
+        if (decider != nullptr)
+            without.insert(decider);
     }
     return EXIT_DONE;
 }
 
-void ExplainRun::tell_node(const SceneAcl &acl, const NodeName &name, const Questions::Answer *answer,
-                           const Course &course, const Subject &subject)
+// Of a node that does not answer nothing is said, nor is it asked again.
+void ExplainRun::settle(const SceneAcl &acl, const NodeName &name, const Local &local)
 {
-    const SceneEntry &entry = *course.decider;
-    const uint64_t key = digest_of(AceKey{acl.app, acl.id, entry.sn});
-    const NodeEntry *there = nullptr, *refused = nullptr;
-    const std::span<const NodeEntry> all = answer == nullptr ? std::span<const NodeEntry>() : answer->entries;
-    for (const NodeEntry &one : all)
-        if (one.key == key)
-            (one.status == 0 ? there : refused) = &one;
-    std::string state = "not programmed";
-    if (answer == nullptr || !answer->error.empty())
-        state = answer == nullptr ? "no answer" : printable(answer->error);
-    else if (there != nullptr)
-        state = there->fingerprint == entry.wanted.fingerprint() ? "programmed" : "programmed as it was before";
-    if (refused != nullptr)
-        state += ": " + std::string(status_text(refused->status)) + " (" + std::to_string(refused->status) + ')' +
-                 (refused->text.empty() ? "" : ": " + printable(refused->text));
-    const bool missing = answer != nullptr && answer->error.empty() && there == nullptr;
-    unanswered_ = unanswered_ || answer == nullptr || !answer->error.empty();
-    Row row = {{"node", text_of(name)}, {"app", acl.app}, {"acl", acl.id}, {"sn", entry.sn}, {"state", state}};
-    if (missing) {
-        const Course other = judge_acl(acl, subject, &entry, false);
-        row["verdict"] = other.text();
-        state += "; there the verdict is " + other.text();
+    Fate &fate = fates_[name];
+    fate.verdicts = behind(fate.verdicts, local.verdicts);
+    if (!local.by.empty())
+        fate.by = local.by;
+    if (!local.standing.known) {
+        unanswered_ = true;
+        fates_.erase(name);
+        nodes_.erase(name);
     }
+    if (local.state.empty())
+        return;
+    Row row = {{"node", text_of(name)}, {"app", acl.app}, {"acl", acl.id}};
+    if (local.sn)
+        row["sn"] = *local.sn;
+    row["state"] = local.state;
+    if (!local.by.empty())
+        row["verdict"] = word_of(local.verdicts);
     output().line("node", std::move(row));
     if (!output().json())
-        std::cout << "      node " << text_of(name) << ": " << state << '\n';
+        std::cout << "      node " << text_of(name) << ": " << local.state
+                  << (local.by.empty() ? "" : "; there the verdict is " + word_of(local.verdicts)) << '\n';
 }
 
 void ExplainRun::tell_counter(const SceneAcl &acl, const SceneEntry &entry) const

@@ -54,7 +54,11 @@ int32_t take_apply(void *, const tq_mom_notification *entry, void *arg)
         return 0;
     const auto &apply = std::get<ApplyKey>(*key);
     if (apply.phyid == walk.port && apply.direction == walk.direction)
-        walk.scene.acls.push_back({.app = apply.acl_app, .id = apply.acl, .priority = apply.priority});
+        walk.scene.acls.push_back({.app = apply.acl_app,
+                                   .id = apply.acl,
+                                   .priority = apply.priority,
+                                   .apply = apply,
+                                   .applied = requested_of(entry->record)});
     return 0;
 }
 
@@ -109,8 +113,7 @@ Scene scene_of(const Policy &policy, uint32_t port, uint32_t direction)
                                       [&apply](const PolicyAcl &other) { return other.id == apply.acl; });
         if (apply.port != port || apply.direction != direction || acl == policy.acls.end())
             continue;
-        SceneAcl &applied =
-            scene.acls.emplace_back(SceneAcl{policy.application, apply.acl, apply.priority, acl->name, {}});
+        SceneAcl &applied = scene.acls.emplace_back(SceneAcl{policy.application, apply.acl, apply.priority, acl->name});
         for (const PolicyEntry &entry : acl->entries)
             applied.entries.push_back(entry_of(entry));
     }

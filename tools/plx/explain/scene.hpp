@@ -19,6 +19,8 @@ struct SceneAcl {
     uint32_t id = 0;
     uint32_t priority = 0; // of the apply
     std::string name{};
+    ApplyKey apply{}; // in the store, and what it asks for
+    Requested applied{};
     std::vector<SceneEntry> entries{};
 };
 

@@ -2,7 +2,7 @@
 #include "nodes/node_records.hpp"
 
 #include "display.hpp"
-#include "nodes/sightings.hpp"
+#include "nodes/node_rows.hpp"
 #include "records/status.hpp"
 #include "rows.hpp"
 #include <iostream>
@@ -49,15 +49,15 @@ int remove(tq_context *context, uint32_t db, const NodeName &name)
     return EXIT_DONE;
 }
 
-// The exit code. The context is to outlive the sightings.
-int look_for_nodes(const StoreOptions &options, Context &context, std::optional<Sightings> &sightings)
+// The exit code. The context is to outlive the watch.
+int look_for_nodes(const StoreOptions &options, Context &context, std::optional<NodeWatch> &nodes)
 {
     int exit_code = EXIT_DONE;
     context = open_store(options, exit_code);
     if (context == nullptr)
         return exit_code;
-    int result = sightings.emplace(context.get(), options.db).start();
-    result = result != 0 ? result : sightings->look(longest_call);
+    int result = nodes.emplace(context.get(), options.db).start();
+    result = result != 0 ? result : nodes->look(longest_call);
     return result == 0 ? EXIT_DONE : tell_store_error("store", result);
 }
 
@@ -67,15 +67,15 @@ int forget(const ForgetOptions &options)
     if (!name)
         return output().error(EXIT_USAGE, "'" + options.node + "' is not a node: DEV/SLOT/ID");
     Context context;
-    std::optional<Sightings> sightings;
-    if (const int code = look_for_nodes(options, context, sightings); code != EXIT_DONE)
+    std::optional<NodeWatch> nodes;
+    if (const int code = look_for_nodes(options, context, nodes); code != EXIT_DONE)
         return code;
-    const auto found = sightings->all().find(*name);
-    if (found == sightings->all().end())
+    const auto found = nodes->all().find(*name);
+    if (found == nodes->all().end())
         return output().error(EXIT_SOME_FAILED, "the store has no node " + text_of(*name));
-    if (sightings->state(found->second) != "silent" && !options.force)
+    if (nodes->state(found->second) != "silent" && !options.force)
         return output().error(EXIT_SOME_FAILED, "node " + text_of(*name) + " is " +
-                                                    std::string(sightings->state(found->second)) +
+                                                    std::string(nodes->state(found->second)) +
                                                     ": with --force it is forgotten all the same");
     return remove(context.get(), options.db, *name);
 }
@@ -85,22 +85,22 @@ int forget(const ForgetOptions &options)
 int show_nodes(const RecordOptions &options)
 {
     Context context;
-    std::optional<Sightings> sightings;
-    if (const int code = look_for_nodes(options, context, sightings); code != EXIT_DONE)
+    std::optional<NodeWatch> nodes;
+    if (const int code = look_for_nodes(options, context, nodes); code != EXIT_DONE)
         return code;
     const std::string *app = options.by_app ? &options.app : nullptr;
     std::vector<Row> rows;
-    for (const auto &[name, node] : sightings->all()) {
+    for (const auto &[name, node] : nodes->all()) {
         if (options.by_acl || options.by_sn ||
             (app != nullptr && (!node.report || !node.report->applications.contains(*app))))
             continue;
-        rows.push_back(row_of(name, node, sightings->state(node), app));
-        output().line("node", json_of(name, node, sightings->state(node)));
+        rows.push_back(row_of(name, node, nodes->state(node), app));
+        output().line("node", json_of(name, node, nodes->state(node)));
     }
     if (options.json || rows.empty())
         return EXIT_DONE;
     print_table(rows);
-    for (const auto &[name, node] : sightings->all())
+    for (const auto &[name, node] : nodes->all())
         if (node.report)
             print_refusals(name, *node.report, app);
     return EXIT_DONE;

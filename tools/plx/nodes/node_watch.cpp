@@ -1,10 +1,12 @@
 // See node_watch.hpp.
-#include "node_watch.hpp"
+#include "nodes/node_watch.hpp"
 
-#include "nodes/sightings.hpp"
+#include "records/record.hpp"
+#include <algorithm>
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <plx/status.h>
+#include <tq_loop.h>
 
 namespace plx::tool {
 
@@ -26,18 +28,47 @@ std::string name_in(const ProtobufCMessage *record)
 
 } // namespace
 
-NodeWatch::NodeWatch(tq_context *context, uint32_t db, std::string app, OnAnswer on_answer)
-    : context_(context), db_(db), app_(std::move(app)), on_answer_(std::move(on_answer))
+int call_nodes(tq_context *context, uint32_t db)
 {
+    Record call(plx_node__node_call__descriptor);
+    call.set_number("number", now_us());
+    return tq_mom_set_sync(context, db, call.message());
+}
+
+int read_nodes(tq_context *context, uint32_t db, std::set<NodeName> &nodes)
+{
+    const auto take = [](void *, const tq_mom_notification *found, void *arg) -> int32_t {
+        if (const auto name = node_of(found->record))
+            static_cast<std::set<NodeName> *>(arg)->insert(*name);
+        return 0;
+    };
+    const Record whole(s_policy__service_node__descriptor);
+    return tq_mom_scan_sync(context, db, whole.message(), 0, take, &nodes);
+}
+
+int NodeWatch::start()
+{
+    const Record signs(s_policy__service_node__descriptor);
+    return tq_mom_subscribe(context_, db_, signs.message(), 0, &NodeWatch::on_node, this);
+}
+
+int NodeWatch::read_recorded()
+{
+    std::set<NodeName> names;
+    const int result = read_nodes(context_, db_, names);
+    for (const NodeName &name : names)
+        nodes_[name].recorded = true;
+    return result;
 }
 
 // The table of publications comes first: answers are then told behind the signs of life before them.
-int NodeWatch::start()
+int NodeWatch::follow(std::string app, OnAnswer on_answer)
 {
-    const Record nodes(s_policy__service_node__descriptor), reports(plx_node__node_report__descriptor);
-    int result = tq_mom_subscribe(context_, db_, nodes.message(), 0, &NodeWatch::on_node, this);
-    if (result == 0)
-        result = tq_mom_scan_sync(context_, db_, nodes.message(), 0, &NodeWatch::on_recorded, this);
+    app_ = std::move(app);
+    on_answer_ = std::move(on_answer);
+    int result = start();
+    result = result != 0 ? result : read_recorded();
+    const Record reports(plx_node__node_report__descriptor);
     if (result == 0)
         result = tq_mom_subscribe(context_, db_, reports.message(), 0, &NodeWatch::on_report, this);
     if (result == 0)
@@ -51,25 +82,48 @@ int NodeWatch::start()
     return result;
 }
 
-int32_t NodeWatch::on_recorded(void *, const tq_mom_notification *entry, void *arg)
+int NodeWatch::look(milliseconds longest)
 {
-    auto *self = static_cast<NodeWatch *>(arg);
-    if (const auto name = node_of(entry->record)) {
-        self->nodes_[*name].recorded = true;
-        ++self->recorded_;
+    nodes_.clear();
+    int result = read_recorded();
+    if (result != 0)
+        return result;
+    result = call_nodes(context_, db_);
+    if (result != 0 && result != TQ_MOM_DENIED)
+        return result;
+    called_ = result == 0;
+    const auto missing = [](const auto &node) { return node.second.recorded && !heard(node.second); };
+    for (const milliseconds end = now() + longest; called_ && now() < end && std::ranges::any_of(nodes_, missing);)
+        tq_loop_run_once(context_->master, static_cast<int>((end - now()).count()));
+    std::map<NodeName, NodeReport> reports;
+    result = read_reports(context_, db_, reports);
+    const uint64_t time = wall_clock_ms();
+    for (auto &[name, report] : reports) {
+        nodes_[name].age = milliseconds(time - std::min(time, report.time_ms));
+        nodes_[name].report = std::move(report);
     }
-    return 0;
+    return result;
+}
+
+std::string_view NodeWatch::state(const Node &node) const
+{
+    if (heard(node))
+        return "alive";
+    if (!node.recorded || !node.age || *node.age > counted_out)
+        return "silent";
+    return called_ ? "late" : "alive";
 }
 
 int32_t NodeWatch::on_node(void *, const tq_mom_notification *change, void *arg)
 {
     auto *self = static_cast<NodeWatch *>(arg);
     const auto name = node_of(change->record);
-    if (!name || change->result != 0)
+    const bool gone = change->event == TQ_MOM_EVENT_DELETED;
+    if (!name || change->result != 0 || (gone && !self->nodes_.contains(*name)))
         return 0;
     Node &node = self->nodes_[*name];
-    node.left = change->event == TQ_MOM_EVENT_DELETED;
-    if (!node.left)
+    node.left = gone;
+    if (!gone)
         node.seen = now();
     return 0;
 }
@@ -101,7 +155,7 @@ int32_t NodeWatch::on_status(void *, const tq_mom_notification *change, void *ar
 
 bool NodeWatch::lives(const Node &node)
 {
-    return !node.left && node.seen != milliseconds(0) && now() - node.seen < counted_out;
+    return !node.left && heard(node) && now() - node.seen < counted_out;
 }
 
 template <typename Which> NodeWatch::Names NodeWatch::names(Which &&which) const
@@ -113,6 +167,11 @@ template <typename Which> NodeWatch::Names NodeWatch::names(Which &&which) const
     return found;
 }
 
+size_t NodeWatch::recorded() const
+{
+    return static_cast<size_t>(std::ranges::count_if(nodes_, [](const auto &each) { return each.second.recorded; }));
+}
+
 NodeWatch::Names NodeWatch::alive() const
 {
     return names(&NodeWatch::lives);
@@ -120,15 +179,13 @@ NodeWatch::Names NodeWatch::alive() const
 
 NodeWatch::Names NodeWatch::silent() const
 {
-    return names([](const Node &node) { return node.recorded && !node.left && node.seen == milliseconds(0); });
+    return names([](const Node &node) { return node.recorded && !node.left && !heard(node); });
 }
 
 NodeWatch::Names NodeWatch::vanished() const
 {
-    return names([](const Node &node) {
-        return (node.recorded || node.seen != milliseconds(0)) && !lives(node) &&
-               (node.left || node.seen != milliseconds(0));
-    });
+    return names(
+        [](const Node &node) { return (node.recorded || heard(node)) && !lives(node) && (node.left || heard(node)); });
 }
 
 NodeWatch::Names NodeWatch::without(const Digest &wanted) const
