@@ -98,7 +98,7 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
         self->inbox_.push_back({std::move(*key), std::nullopt});
         if (!deleted)
             self->inbox_.back().wanted = requested_of(notification->record);
-        self->inbox_timer_.start_unless_pending(self->gathering_);
+        self->inbox_timer_.start_unless_pending(std::max(self->gather_until_ - now(), milliseconds(0)));
     }
     return 0;
 }

@@ -4,8 +4,8 @@
 // The node owns its store context, and with it the subscriptions that call it; the plane is the caller's and may
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
-// Changes are taken from notifications and gathered until the loop has delivered what it had, and for as long as the
-// plane took for those before (take_changes): each call of the plane has its price. Where notifications may be
+// Changes are taken from notifications and gathered until the loop has delivered what it had, and after a call of the
+// plane for as long as that took (take_changes): each call has its price, and a change in quiet times does not wait. Where notifications may be
 // missing - at the start, when the store says so, when a commit ends, after a failed call, when the plane lost
 // something - the node reads the tables and makes only what differs (compare). A request is answered once, however
 // often it is seen. What the node wrote about an entry goes with it; what is left of entries that went while no node
@@ -136,8 +136,8 @@ class Node {
     Entries entries_;
     uint32_t comparisons_ = 0;
     std::vector<Change> inbox_;
-    milliseconds gathering_{0}; // changes, for as long as the plane took for the last
-    bool cleared_ = false;      // what entries had left that went before this node was there
+    milliseconds gather_until_{0}; // changes that come before wait for each other
+    bool cleared_ = false;         // what entries had left that went before this node was there
     Commits commits_;
     Hold hold_;
     Outbox outbox_;

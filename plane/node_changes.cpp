@@ -288,7 +288,7 @@ void Node::program(std::span<const Change> changes, size_t step)
         const auto now_made = changes.first(std::min(step, changes.size()));
         const milliseconds begin = now();
         const std::vector<Answer> answers = plane_.program(now_made);
-        gathering_ = std::min(now() - begin, longest_gathering);
+        gather_until_ = now() + std::min(now() - begin, longest_gathering);
         report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i)
             settle(now_made[i], answers.at(i));
