@@ -29,6 +29,7 @@ add_library(plx_options INTERFACE)
 target_compile_definitions(plx_options INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(plx_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
 if(PLX_SANITIZE)
+  target_compile_definitions(plx_options INTERFACE PLX_UNDER_SANITIZER)
   target_compile_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(plx_options INTERFACE -fsanitize=${PLX_SANITIZE})
   if(CMAKE_C_COMPILER_ID STREQUAL "Clang") # a program in C has libraries in C++

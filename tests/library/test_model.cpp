@@ -20,9 +20,7 @@ namespace {
 using plain::acl_key;
 using plain::target;
 
-#ifdef __SANITIZE_THREAD__
-constexpr size_t usual_steps = 2'000; // one thread has little for it to find, at a high price
-#elif defined(__SANITIZE_ADDRESS__)
+#ifdef PLX_UNDER_SANITIZER
 constexpr size_t usual_steps = 5'000;
 #else
 constexpr size_t usual_steps = 20'000;

@@ -92,6 +92,9 @@ std::string make_namespace()
         said += output_of("ip link add " + name + "0 type veth peer name " + name + "1 && ip link set " + name +
                           "0 up promisc on && ip link set " + name + "1 up promisc on");
     }
+    // The kernel opens their queues a moment later: frames that come before are dropped.
+    said += output_of(
+        "timeout 20 sh -c 'until [ $(ip -o link | grep -c \"state UP\") -eq 8 ]; do :; done' || echo links stay down");
     said += output_of("printf '%s' '" + surroundings() + "' | nft -f -");
     return said.empty() ? "" : "no nf_tables: " + said;
 }

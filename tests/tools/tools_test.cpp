@@ -125,7 +125,7 @@ class Tools : public Session {
             return small_policy(unescaped(text), "[]");
         if (verb == "applies")
             return small_policy("{sn: 1}", text);
-#ifdef __SANITIZE_ADDRESS__
+#ifdef PLX_UNDER_SANITIZER
         if (verb == "bounded")
             return skip("a sanitizer's own memory and files are above the bounds");
 #else
