@@ -5,11 +5,11 @@
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
 // Changes are taken from notifications and gathered until the loop has delivered what it had, and after a call of the
-// plane for as long as that took (take_changes): each call has its price, and a change in quiet times does not wait. Where notifications may be
-// missing - at the start, when the store says so, when a commit ends, after a failed call, when the plane lost
-// something - the node reads the tables and makes only what differs (compare). A request is answered once, however
-// often it is seen. What the node wrote about an entry goes with it; what is left of entries that went while no node
-// was there is looked for a while after the start.
+// plane for as long as that took (take_changes): each call has its price, and a change in quiet times does not wait.
+// Where notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call,
+// when the plane lost something - the node reads the tables and makes only what differs (compare). A request is
+// answered once, however often it is seen. What the node wrote about an entry goes with it; what is left of entries
+// that went while no node was there is looked for a while after the start.
 //
 // What the store lost, rather than that somebody took it away, stays programmed for a while (hold.hpp).
 //

@@ -7,7 +7,7 @@ import os
 import subprocess
 import sys
 
-BAR = 40  # per cent; on its way to 33
+BAR = 33  # per cent
 TESTS = ("tests", "fuzz")
 CODE = ("app", "include", "platform", "plane", "records", "python", "tools", "examples", "bench", "scripts")
 SUFFIXES = (".c", ".cpp", ".h", ".hpp", ".py", ".sh")
