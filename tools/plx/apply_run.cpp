@@ -17,6 +17,8 @@ namespace {
 
 // A live node writes its record every 5 seconds.
 constexpr milliseconds heartbeat_heard{6500};
+// A node that starts when the store does needs about half as long.
+constexpr milliseconds untold_wait{1000};
 
 // What may pass when a server starts or comes back. A refusal does not.
 bool may_pass(int result)
@@ -319,7 +321,7 @@ size_t ApplyRun::wait_for_life(size_t expected, milliseconds longest, const std:
     const auto count = [&] { return std::to_string(live()) + " of " + std::to_string(expected); };
     const milliseconds give_up = now() + std::max(heartbeat_heard, longest);
     call_nodes(context_.get(), options_.db);
-    const milliseconds soon = std::min(give_up, now() + milliseconds(500));
+    const milliseconds soon = std::min(give_up, now() + untold_wait);
     while (live() < expected && now() < soon)
         turn(soon);
     if (!options_.embedded() && live() < expected)

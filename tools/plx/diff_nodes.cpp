@@ -19,7 +19,7 @@ constexpr size_t item_width = 32;
 class NodesDiff {
   public:
     NodesDiff(tq_context *context, uint32_t db, const Policy &policy)
-        : context_(context), db_(db), app_(policy.application), wanted_(Holdings::of(policy)), watch_(context, db),
+        : app_(policy.application), wanted_(Holdings::of(policy)), watch_(context, db),
           planes_(context, db, app_, "file", longest_answer)
     {
     }
@@ -31,8 +31,6 @@ class NodesDiff {
     void silent(const NodeName &name, const std::string &error);
     void tell(const NodeName &name, size_t has, const Differences &found);
 
-    tq_context *context_;
-    uint32_t db_;
     std::string app_;
     Holdings wanted_;
     NodeWatch watch_;

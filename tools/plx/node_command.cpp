@@ -232,12 +232,12 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
 // it is called, and at its next heartbeat in any case.
 int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
 {
-    constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000};
+    constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000}, without_a_record{200};
     const Context context = new_context();
     const Record own = record(s_policy__service_node__descriptor);
     const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
         tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
-    if (left == nullptr || left->status != 0 || left->record == nullptr)
+    if (left == nullptr || left->status != 0)
         return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
     const auto hear = [](void *, const tq_mom_notification *told, void *arg) -> int32_t {
         *static_cast<bool *>(arg) = *static_cast<bool *>(arg) || told->event == TQ_MOM_EVENT_PUBLISHED;
@@ -246,7 +246,9 @@ int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
     if (const int result = tq_mom_subscribe(context.get(), options_.node.db, own.message(), 3, hear, &found))
         return result;
     const bool called = call_nodes(context.get(), options_.node.db) == 0;
-    const milliseconds end = now() + (called ? until_an_answer : until_a_heartbeat);
+    const milliseconds end = now() + (left->record == nullptr ? without_a_record
+                                      : called                ? until_an_answer
+                                                              : until_a_heartbeat);
     while (!found && !stop.asked() && now() < end)
         tq_loop_run_once(loop_.get(), static_cast<int>((end - now()).count()));
     return 0;

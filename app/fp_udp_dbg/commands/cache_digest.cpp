@@ -8,7 +8,7 @@
 #include <cstring>
 #include <plx/cache.h>
 #include <plx/digest.h>
-#include <plx/libplx.h>
+#include <plx/manager.h>
 
 namespace plx::dbg {
 namespace {

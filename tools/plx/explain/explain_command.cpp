@@ -93,6 +93,8 @@ class ExplainRun {
     int ask_nodes(const SceneAcl &acl, const Subject &subject);
     int ask(const Key &key, const Requested &wanted, Locals &locals);
     int follow(const SceneAcl &acl, const Subject &subject, Locals &locals);
+    static void decide(const SceneAcl &acl, const SceneEntry *decider, size_t looks, const Course &course,
+                       Local &local);
     void settle(const SceneAcl &acl, const NodeName &name, const Local &local);
     void tell_verdict(const std::string &verdict) const;
     void tell_counter(const SceneAcl &acl, const SceneEntry &entry) const;
@@ -376,6 +378,22 @@ int ExplainRun::ask_nodes(const SceneAcl &acl, const Subject &subject)
     return code;
 }
 
+// What the look so many says of a node: `decider` decides there, if it is programmed, or nothing does.
+void ExplainRun::decide(const SceneAcl &acl, const SceneEntry *decider, size_t looks, const Course &course,
+                        Local &local)
+{
+    if (looks == 0 && decider != nullptr) {
+        local.state = local.standing.text;
+        local.sn = decider->sn;
+    }
+    local.settled = decider == nullptr || !local.standing.known || local.standing.programmed;
+    local.verdicts = looks < most_looks ? course.verdicts : std::set{Verdict::accept, Verdict::drop};
+    const std::string name = "acl " + std::to_string(acl.id);
+    if (looks != 0)
+        local.by = decider == nullptr ? "where no other entry of " + name + " matches"
+                                      : "by " + name + ' ' + entry_label(decider->sn, printable(decider->name));
+}
+
 // Each look leaves the nodes open that do not have the entry, and goes on without it.
 int ExplainRun::follow(const SceneAcl &acl, const Subject &subject, Locals &locals)
 {
@@ -389,20 +407,9 @@ int ExplainRun::follow(const SceneAcl &acl, const Subject &subject, Locals &loca
         if (decider != nullptr)
             if (const int code = ask(AceKey{acl.app, acl.id, decider->sn}, decider->wanted, locals); code != EXIT_DONE)
                 return code;
-        for (auto &[name, local] : locals) {
-            if (local.settled)
-                continue;
-            if (looks == 0 && decider != nullptr) {
-                local.state = local.standing.text;
-                local.sn = decider->sn;
-            }
-            local.settled = decider == nullptr || !local.standing.known || local.standing.programmed;
-            local.verdicts = looks < most_looks ? course.verdicts : std::set{Verdict::accept, Verdict::drop};
-            if (looks != 0)
-                local.by = decider == nullptr ? "where no other entry of acl " + std::to_string(acl.id) + " matches"
-                                              : "by acl " + std::to_string(acl.id) + ' ' +
-                                                    entry_label(decider->sn, printable(decider->name));
-        }
+        for (auto &[name, local] : locals)
+            if (!local.settled)
+                decide(acl, decider, looks, course, local);
         if (decider != nullptr)
             without.insert(decider);
     }
