@@ -19,8 +19,8 @@ class Road : public Session {
         setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
         setenv("GUIDE", GUIDE_PROGRAM, 1);
         setenv("LIAR", LIAR_PROGRAM, 1);
-        setenv("PLX_SHELL_DIR", directory_.path().c_str(), 1);
         setenv("POLICIES", POLICIES, 1);
+        setenv("JSON", JSON_LINES, 1);
         setenv("PYTHON", PYTHON, 1);
         setenv("PYTHONPATH", PYTHON, 1);
         setenv("LD_LIBRARY_PATH", LIBRARIES, 1);

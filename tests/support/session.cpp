@@ -16,6 +16,7 @@ Session::Session()
     setenv("PATH", (std::filesystem::path(program).parent_path().string() + ':' + getenv("PATH")).c_str(), 1);
     setenv("DIR", directory_.path().c_str(), 1);
     setenv("HOME", directory_.path().c_str(), 1);
+    setenv("PLX_SHELL_DIR", directory_.path().c_str(), 1);
     setenv("TERM", "vt100", 1);
 }
 

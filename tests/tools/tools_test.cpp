@@ -106,6 +106,7 @@ class Tools : public Session {
         setenv("UNWILLING", "env LD_PRELOAD=" UNWILLING_STORE " ASAN_OPTIONS=verify_asan_link_order=0", 1);
         setenv("EXAMPLES", EXAMPLES, 1);
         setenv("POLICIES", POLICIES, 1);
+        setenv("JSON", JSON_LINES, 1);
         unsetenv("PLX_STORE");
     }
 

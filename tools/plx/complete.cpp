@@ -1,6 +1,7 @@
 #include "complete.hpp"
 #include "record_options.hpp"
 #include "records/attribute.hpp"
+#include "records/node_report.hpp"
 
 #include <csignal>
 #include <cstdlib>
@@ -50,8 +51,15 @@ int32_t take_acl(void *, const tq_mom_notification *entry, void *arg)
     return 0;
 }
 
-// Application types, or the numbers of ACLs. A store that does not answer at once ends the program, without a word.
-Words in_store(bool applications)
+int32_t take_node_name(void *, const tq_mom_notification *entry, void *arg)
+{
+    if (const auto name = node_of(entry->record))
+        static_cast<Words *>(arg)->push_back(text_of(*name));
+    return 0;
+}
+
+// A store that does not answer at once ends the program, without a word.
+void scan_store(const ProtobufCMessageDescriptor &table, tq_mom_callback take, void *found)
 {
     const itimerval longest{{}, {0, longest_us}};
     std::signal(SIGALRM, [](int) { std::_Exit(0); });
@@ -59,10 +67,23 @@ Words in_store(bool applications)
     const char *store = std::getenv("PLX_STORE");
     const StoreOptions options;
     const Context context(tq_context_new(store == nullptr ? options.store.c_str() : store));
-    std::set<std::pair<std::string, uint32_t>> acls;
-    const Record whole(s_policy__acl__descriptor);
+    const Record whole(table);
     if (context != nullptr && tq_mom_client_connect_sync(context.get(), options.db) == 0)
-        tq_mom_scan_sync(context.get(), options.db, whole.message(), 0, &take_acl, &acls);
+        tq_mom_scan_sync(context.get(), options.db, whole.message(), 0, take, found);
+}
+
+Words nodes_in_store()
+{
+    Words names;
+    scan_store(s_policy__service_node__descriptor, &take_node_name, &names);
+    return names;
+}
+
+// Application types, or the numbers of ACLs.
+Words in_store(bool applications)
+{
+    std::set<std::pair<std::string, uint32_t>> acls;
+    scan_store(s_policy__acl__descriptor, &take_acl, &acls);
     std::set<std::string> names;
     for (const auto &[app, acl] : acls)
         names.insert(applications ? app : std::to_string(acl));
@@ -99,9 +120,11 @@ Words commands_of(const CLI::App &app)
     return names;
 }
 
-Words kinds_of(const CLI::App &command)
+Words words_of(const CLI::App &command)
 {
-    Words names;
+    Words names = commands_of(command);
+    if (command.get_name() == "forget")
+        return nodes_in_store();
     if (command.get_name() == "show" || command.get_name() == "monitor")
         for (const Kind &kind : kinds())
             names.push_back(kind.name);
@@ -122,8 +145,8 @@ Words candidates(const CLI::App &app, const Words &words)
     const CLI::Option *open = nullptr; // an option that takes the next word
     for (size_t at = 0; at + 1 < words.size(); ++at) {
         const std::string &word = words[at];
-        if (command == &app) {
-            command = named(app, word);
+        if (const CLI::App *below = named(*command, word); below != command) {
+            command = below;
         } else if (word.starts_with('-')) {
             open = command->get_option_no_throw(word);
             open = open != nullptr && open->get_items_expected_max() > 0 ? open : nullptr;
@@ -136,7 +159,7 @@ Words candidates(const CLI::App &app, const Words &words)
         return options_of(*command);
     if (open != nullptr)
         return values_of(*open);
-    return command == &app ? commands_of(app) : kinds_of(*command);
+    return words_of(*command);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "complete.hpp"
 #include "output.hpp"
 
+#include <algorithm>
 #include <clocale>
 #include <exception>
 #include <span>
@@ -12,12 +13,17 @@ namespace plx::tool {
 
 namespace {
 
-// A slip in the command's name is told as such, not as a command that is missing.
-bool unknown(const CLI::App &app, std::string_view word)
+std::vector<std::string> names_of_commands(const CLI::App &app)
 {
     std::vector<std::string> names;
     for (const CLI::App *command : app.get_subcommands(nullptr))
         names.push_back(command->get_name());
+    return names;
+}
+
+// A slip in the command's name is told as such, not as a command that is missing.
+bool unknown(const std::vector<std::string> &names, std::string_view word)
+{
     if (word.starts_with('-') || std::find(names.begin(), names.end(), word) != names.end())
         return false;
     const std::string_view close = nearest(word, {names.begin(), names.end()});
@@ -29,7 +35,9 @@ bool unknown(const CLI::App &app, std::string_view word)
 // Help and the version are no errors; they have been asked for as text.
 int tell(const CLI::App &app, const CLI::ParseError &error)
 {
-    if (error.get_exit_code() == 0 || !output().json())
+    if (error.get_exit_code() == 0)
+        output().begin("", false);
+    if (!output().json())
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     return output().error(EXIT_USAGE, error.what());
 }
@@ -56,12 +64,15 @@ int run(int argc, char **argv)
     const std::span words(argv + 1, static_cast<size_t>(argc > 0 ? argc - 1 : 0));
     const bool json =
         std::any_of(words.begin(), words.end(), [](const char *word) { return word == std::string_view("--json"); });
-    output().begin("", json); // until a command speaks for itself
-    if (!words.empty() && words.front() == std::string_view("__complete")) {
+    const std::vector<std::string> names = names_of_commands(app);
+    const std::string_view word = words.empty() ? "" : words.front();
+    if (word == "__complete") {
         complete(app, words.subspan(1));
         return EXIT_DONE;
     }
-    if (!words.empty() && unknown(app, words.front()))
+    const bool known = std::find(names.begin(), names.end(), word) != names.end();
+    output().begin(known ? std::string(word) : "", json); // until the command speaks for itself
+    if (!words.empty() && unknown(names, word))
         return EXIT_USAGE;
     try {
         app.parse(argc, argv);

@@ -62,6 +62,8 @@ class NodeRun {
     Record record(const ProtobufCMessageDescriptor &table) const;
     void retire();
     void log(const std::string &text) const;
+    int fail(int exit_code, const std::string &text) const;
+    bool refuse(const std::string &text) const { return fail(EXIT_USAGE, text) == EXIT_DONE; }
 
     const NodeCommandOptions &options_;
     Loop loop_;
@@ -75,20 +77,26 @@ class NodeRun {
 void NodeRun::log(const std::string &text) const
 {
     const auto &id = options_.node;
+    if (output().json())
+        return output().note(text);
     std::cerr << "plx node " << id.dev << '/' << id.slot << '/' << id.id << ": " << text << std::endl;
+}
+
+int NodeRun::fail(int exit_code, const std::string &text) const
+{
+    if (output().json())
+        return output().error(exit_code, text);
+    log(text);
+    return exit_code;
 }
 
 bool NodeRun::make_plane()
 {
     const bool kernel = options_.plane == "nftables";
-    if (!kernel && options_.nftables.any()) {
-        log("--port and the options beside it are for --plane nftables");
-        return false;
-    }
-    if (kernel && !options_.simulate.empty()) {
-        log("--simulate is for --plane sim");
-        return false;
-    }
+    if (!kernel && options_.nftables.any())
+        return refuse("--port and the options beside it are for --plane nftables");
+    if (kernel && !options_.simulate.empty())
+        return refuse("--simulate is for --plane sim");
     return kernel ? make_nftables() : make_simulated();
 }
 
@@ -96,12 +104,9 @@ bool NodeRun::make_simulated()
 {
     plane::SimulatedOptions simulated;
     simulated.table_size = options_.table_size.value_or(simulated.table_size);
-    for (const std::string &text : options_.simulate) {
-        if (simulated.add(text))
-            continue;
-        log("--simulate: '" + text + "' is not understood; see plx node --help");
-        return false;
-    }
+    for (const std::string &text : options_.simulate)
+        if (!simulated.add(text))
+            return refuse("--simulate: '" + text + "' is not understood; see plx node --help");
     plane_ = std::make_unique<plane::SimulatedPlane>(std::move(simulated));
     return true;
 }
@@ -110,10 +115,8 @@ bool NodeRun::make_nftables()
 {
     std::string error;
     auto config = config_of(options_.nftables, error);
-    if (!config) {
-        log(error);
-        return false;
-    }
+    if (!config)
+        return refuse(error);
     if (config->ports.empty())
         log("no port is here: every apply belongs to another node (--port, --ports)");
     for (const Form *form : config->ignored)
@@ -130,11 +133,10 @@ bool NodeRun::make_nftables()
     plane_ = std::move(plane);
     if (const int failure = start_nftables(); failure != 0) {
         const std::string holder = failure == EPERM ? nftables_->holder() : "";
-        log(std::string("cannot use the kernel's nf_tables: ") + strerror(failure) +
-            (!holder.empty()    ? "; " + holder + " has the table of this identity (--dev, --slot, --id)"
-             : failure == EPERM ? "; it takes CAP_NET_ADMIN"
-                                : ""));
-        return false;
+        return refuse(std::string("cannot use the kernel's nf_tables: ") + strerror(failure) +
+                      (!holder.empty()    ? "; " + holder + " has the table of this identity (--dev, --slot, --id)"
+                       : failure == EPERM ? "; it takes CAP_NET_ADMIN"
+                                          : ""));
     }
     return true;
 }
@@ -190,14 +192,10 @@ int NodeRun::run()
         return tell_no_context(options_.store);
     const StopOnSignal stop(loop_.get(), [this](int signal) { signal == SIGHUP ? read_ports() : release(); });
     const int result = wait_for_store(stop);
-    if (result != 0) {
-        log(std::string("cannot start: ") + tq_mom_strerror(result));
-        return EXIT_UNREACHABLE;
-    }
-    if (twin_) {
-        log("a node of this identity lives: give each its own --dev, --slot and --id");
-        return EXIT_TWIN;
-    }
+    if (result != 0)
+        return fail(EXIT_UNREACHABLE, std::string("cannot start: ") + tq_mom_strerror(result));
+    if (twin_)
+        return fail(EXIT_TWIN, "a node of this identity lives: give each its own --dev, --slot and --id");
     if (node_) {
         log("ready");
         sd_notify(0, "READY=1");
@@ -339,6 +337,8 @@ void add_node_command(CLI::App &app, int &exit_code)
     command->add_option("--simulate", options->simulate, "how the simulated plane behaves; see below")
         ->allow_extra_args(false);
     add_options(*command, options->nftables);
+    const auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "what it tells, one JSON object a line, on standard output");
     command->footer(
         "Behaviour of the simulated plane (--simulate), any number of:\n"
         "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]\n"
@@ -347,11 +347,11 @@ void add_node_command(CLI::App &app, int &exit_code)
         "A store that comes back without what it held withdraws nothing for a while (--hold). SIGUSR1 ends that.\n"
         "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
     add_forget_command(*command, exit_code);
-    command->callback([options, heartbeat, hold, command, &exit_code] {
+    command->callback([options, heartbeat, hold, json, command, &exit_code] {
         if (!command->get_subcommands().empty())
             return;
         options->node.heartbeat = milliseconds(*heartbeat);
-        output().begin("node", false);
+        output().begin("node", *json);
         options->node.hold = std::chrono::seconds(*hold);
         exit_code = NodeRun(*options).run();
     });

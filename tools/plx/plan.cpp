@@ -126,6 +126,11 @@ static void take(Plan &plan, const Row &line, bool first)
 std::optional<Plan> read_plan(const std::string &path, std::string &error)
 {
     std::ifstream in(path);
+    return read_plan(in, error);
+}
+
+std::optional<Plan> read_plan(std::istream &in, std::string &error)
+{
     Plan plan;
     std::string text, last;
     try {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "policy_diff.hpp"
+#include <istream>
 #include <optional>
 
 namespace plx::tool {
@@ -19,5 +20,6 @@ bool write_plan(const std::string &path, const Policy &policy, const PolicyDiff 
 
 // nullopt with a reason when the file is not a plan whole and sound. It may come from anywhere.
 std::optional<Plan> read_plan(const std::string &path, std::string &error);
+std::optional<Plan> read_plan(std::istream &in, std::string &error);
 
 } // namespace plx::tool

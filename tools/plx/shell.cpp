@@ -5,6 +5,7 @@
 // that of the first line that did not succeed, except on a terminal, where the user has seen it.
 #include "commands.hpp"
 #include "display.hpp"
+#include "output.hpp"
 #include "shell_editor.hpp"
 #include "shell_line.hpp"
 #include "shell_module.hpp"
@@ -43,12 +44,18 @@ int exit_code_of(const ShellAnswer &answer)
 int show(const ShellModule &module, const ShellAnswer &answer)
 {
     const bool ran = answer.status == SSAT_OK || answer.status == SSAT_FAILED;
-    (ran ? std::cout : std::cerr) << answer.text << std::flush;
+    const int exit_code = exit_code_of(answer);
+    if (ran)
+        output().line("answer", {{"module", module.name()}, {"text", answer.text}});
+    else if (output().json() && answer.status >= 0)
+        output().error(exit_code, answer.text.substr(0, answer.text.find_last_not_of('\n') + 1));
+    if (!output().json())
+        (ran ? std::cout : std::cerr) << answer.text << std::flush;
     if (answer.status < 0)
-        std::cerr << "plx shell: " << printable(module.name()) << ": " << shell_error(answer.error) << '\n';
+        output().error(exit_code, printable(module.name()) + ": " + shell_error(answer.error));
     if (answer.cut)
-        std::cerr << "plx shell: the command printed more than the module keeps\n";
-    return exit_code_of(answer);
+        output().error(exit_code, "the command printed more than the module keeps");
+    return exit_code;
 }
 
 std::string history_file()
@@ -107,14 +114,15 @@ int run_lines(ShellModule &module)
 int list_modules()
 {
     std::vector<std::string> names;
-    if (const int error = shell_modules(names); error != 0) {
-        std::cerr << "plx shell: " << shell_error(error) << '\n';
-        return EXIT_UNREACHABLE;
+    if (const int error = shell_modules(names); error != 0)
+        return output().error(EXIT_UNREACHABLE, shell_error(error));
+    for (const std::string &name : names) {
+        output().line("module", {{"name", name}});
+        if (!output().json())
+            std::cout << printable(name) << '\n';
     }
-    for (const std::string &name : names)
-        std::cout << printable(name) << '\n';
     if (names.empty())
-        std::cerr << "plx shell: no module is alive\n";
+        output().note("no module is alive");
     return EXIT_DONE;
 }
 
@@ -134,10 +142,17 @@ void add_shell_command(CLI::App &app, int &exit_code)
     CLI::App *shell = app.add_subcommand(
         "shell", "Run commands in an application's debug shell; without a module, list the modules alive");
     shell->add_option("MODULE", *module, "The module, such as edge.fp");
+    auto json = std::make_shared<bool>(false);
+    shell->add_flag("--json", *json, "one JSON object a line, for scripts; in front of MODULE");
     shell->prefix_command();
     shell->footer("The words after MODULE are one command, such as: help, or: fp_udp_dump_acl app_type=all acl_id=0\n"
                   "Without them, commands are read from the terminal or from standard input.");
-    shell->callback([=, &exit_code] { exit_code = run_shell(*module, shell->remaining()); });
+    shell->callback([=, &exit_code] {
+        if (module->empty() && shell->remaining_size() != 0)
+            throw CLI::ExtrasError(shell->remaining());
+        output().begin("shell", *json);
+        exit_code = run_shell(*module, shell->remaining());
+    });
 }
 
 } // namespace plx::tool

@@ -12,6 +12,7 @@ namespace {
 
 struct CheckOptions {
     std::string file;
+    std::vector<std::string> ignored; // kinds of warnings
     bool warnings = true;
     bool strict = false;
     bool json = false;
@@ -43,7 +44,7 @@ int check(const CheckOptions &options)
     tell(errors, options.file);
     if (!policy)
         return output().error(EXIT_BAD_FILE, counted(errors.size(), "error") + " in the policy");
-    const Warnings warnings = options.warnings ? find_warnings(*policy) : Warnings();
+    const Warnings warnings = options.warnings ? find_warnings(*policy, options.ignored) : Warnings();
     tell_warnings(warnings.found, options.file);
     if (warnings.bounded)
         output().note("not every entry was compared with all in front of it: there are too many, or of too many kinds");
@@ -60,6 +61,9 @@ void add_check_command(CLI::App &app, int &exit_code)
                                                     "what is valid and suspicious.");
     command->add_option("FILE", options->file, "policy, in YAML; - for standard input")->required();
     command->add_flag("--warnings,!--no-warnings", options->warnings, "look for what is suspicious; on when not given");
+    command->add_option("--ignore", options->ignored, "a kind of warning that is not to be looked for")
+        ->check(CLI::IsMember(kinds_of_warnings()))
+        ->allow_extra_args(false);
     command->add_flag("--strict", options->strict, "end with 2 when there are warnings, too");
     command->add_flag("--json", options->json, "one JSON object a line, for scripts");
     command->callback([options, &exit_code] { exit_code = check(*options); });

@@ -12,7 +12,8 @@ using namespace plane::packet;
 
 namespace {
 
-enum class Kind : uint8_t { refused, no_verdict, no_match, never_asked, one_range };
+// In the order of their names.
+enum class Kind : uint8_t { contradiction, refused, no_verdict, no_match, shadowed, default_shadowed, one_range };
 
 bool has(const PolicyEntry &entry, fp_udp_attr_class cls, std::initializer_list<std::string_view> names)
 {
@@ -38,7 +39,7 @@ struct Alike {
 
 class Finder {
   public:
-    explicit Finder(const Policy &policy) : policy_(policy) {}
+    Finder(const Policy &policy, const std::vector<std::string> &ignored) : policy_(policy), ignored_(ignored) {}
 
     Warnings find()
     {
@@ -72,7 +73,7 @@ class Finder {
         const CompiledEntry whole = compile_entry(entry.attributes(), numbers_.config());
         const Compiled &compiled = whole.compiled;
         if (compiled.status == Status::contradiction)
-            warn(entry, Kind::refused, "no frame can match: " + compiled.text);
+            warn(entry, Kind::contradiction, "no frame can match: " + compiled.text);
         else if (compiled.status == Status::out_of_range)
             warn(entry, Kind::refused, "nodes refuse it: " + compiled.text);
         if (!has(entry, FP_UDP_ATTR_ACTION, {"fwd", "redirect", "trap_id"}))
@@ -96,7 +97,7 @@ class Finder {
                 return false;
             first = first == nullptr ? decider : first;
         }
-        warn(entry, Kind::never_asked,
+        warn(entry, entry.is_default ? Kind::default_shadowed : Kind::shadowed,
              std::string(entry.is_default ? "the default entry is " : "") + "never asked: " + line_of(*first->entry) +
                  " comes first and takes all that it matches (" + std::string(verdict_word(first->verdict)) + ')');
         return true;
@@ -113,7 +114,8 @@ class Finder {
     // One of each kind at a place: there may be many entries.
     void warn(const PolicyEntry &entry, Kind kind, const std::string &text)
     {
-        if (told_.emplace(entry.at, kind).second)
+        const std::string &name = kinds_of_warnings()[static_cast<size_t>(kind)];
+        if (std::find(ignored_.begin(), ignored_.end(), name) == ignored_.end() && told_.emplace(entry.at, kind).second)
             warnings_.found.add(entry.at, entry_label(entry.sn, entry.name()) + ": " + text);
     }
 
@@ -165,6 +167,7 @@ class Finder {
     }
 
     const Policy &policy_;
+    const std::vector<std::string> &ignored_; // kinds
     Numbers numbers_;
     Warnings warnings_;
     std::set<std::pair<Position, Kind>> told_;
@@ -173,9 +176,16 @@ class Finder {
 
 } // namespace
 
-Warnings find_warnings(const Policy &policy)
+const std::vector<std::string> &kinds_of_warnings()
 {
-    return Finder(policy).find();
+    static const std::vector<std::string> names = {"contradiction", "refused",          "no-verdict", "no-match",
+                                                   "shadowed",      "default-shadowed", "one-range"};
+    return names;
+}
+
+Warnings find_warnings(const Policy &policy, const std::vector<std::string> &ignored)
+{
+    return Finder(policy, ignored).find();
 }
 
 } // namespace plx::tool

@@ -3,6 +3,9 @@
 
 #include "policy.hpp"
 
+#include <string>
+#include <vector>
+
 namespace plx::tool {
 
 struct Warnings {
@@ -11,6 +14,10 @@ struct Warnings {
     bool bounded = false;
 };
 
-Warnings find_warnings(const Policy &policy);
+// What each kind of them is called: "shadowed".
+const std::vector<std::string> &kinds_of_warnings();
+
+// Without those of the ignored kinds.
+Warnings find_warnings(const Policy &policy, const std::vector<std::string> &ignored);
 
 } // namespace plx::tool

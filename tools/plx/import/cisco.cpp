@@ -10,6 +10,8 @@ namespace plx::tool::import {
 
 namespace {
 
+constexpr int deepest = 16; // groups in groups
+
 struct Rule {
     int line;
     std::string text;
@@ -21,6 +23,13 @@ struct List {
     std::map<uint64_t, std::vector<Rule>> rules{}; // by sequence number
     uint64_t last = 0;
     std::string remark{};
+};
+
+// What a name stands for, line by line.
+struct Group {
+    bool wildcards = false; // behind addresses, instead of masks
+    std::string protocol{}; // of all ports in it
+    std::vector<std::vector<std::string>> lines{};
 };
 
 class Words {
@@ -94,10 +103,17 @@ class Reader {
         for (const auto &[sequence, rules] : list.rules)
             for (const Rule &rule : rules)
                 add(list, rule);
+        for (const char *type : {"135", "136"}) { // neighbours find each other before IPv6 is denied
+            Matches neighbours;
+            neighbours.narrow("ipv6_next_hdr", {"icmpv6"});
+            neighbours.narrow("icmp_type", {type});
+            if (list.ipv6)
+                draft_.add(neighbours, true, "implicit-neighbours");
+        }
         Matches rest;
         rest.narrow("etype", {list.ipv6 ? "ipv6" : "ipv4"});
         draft_.add(rest, false, "implicit-deny");
-        tell_groups(name);
+        apply(name);
     }
 
   private:
@@ -107,6 +123,11 @@ class Reader {
         if (words.empty() || words[0] == "!" || words[0] == "end" || words[0] == "exit")
             return;
         const bool ipv6 = words[0] == "ipv6";
+        if (words[0] == "object-group" && words.size() > 2)
+            return begin_group(words);
+        if (group_ != nullptr && (line[0] == ' ' || line[0] == '\t'))
+            return group_->lines.push_back(words);
+        group_ = nullptr;
         if ((words[0] == "ip" || ipv6) && words.size() > 2 && words[1] == "access-list")
             return begin_list(words, ipv6);
         if (words[0] == "access-list" && words.size() > 3) {
@@ -118,17 +139,28 @@ class Reader {
         }
         if ((words[0] == "ip" && words.size() == 4 && words[1] == "access-group") ||
             (ipv6 && words.size() == 4 && words[1] == "traffic-filter")) {
-            groups_.push_back({number, line, {words[2], words[3], interface_}});
+            applied_.push_back({number, line, {words[2], words[3], interface_}});
             return;
         }
         if (words[0] == "interface" && words.size() > 1) {
             interface_ = words[1];
+            for (size_t at = 2; at < words.size(); ++at)
+                interface_ += words[at];
             current_.clear();
         } else if (line[0] != ' ' && line[0] != '\t' && !is_rule(words)) {
             current_.clear(); // something else of a configuration
         } else if (!current_.empty()) {
             take(number, line, words);
         }
+    }
+
+    // "object-group network SERVERS", "object-group service WEB tcp", "object-group ip address SERVERS".
+    void begin_group(const std::vector<std::string> &words)
+    {
+        const bool of_family = (words[1] == "ip" || words[1] == "ipv6") && words.size() > 3;
+        current_.clear();
+        group_ = &groups_[words[of_family ? 3 : 2]];
+        *group_ = {of_family, !of_family && words.size() > 3 ? words[3] : "", {}};
     }
 
     static bool is_rule(const std::vector<std::string> &words)
@@ -176,12 +208,21 @@ class Reader {
         return lists_.begin()->first;
     }
 
-    void tell_groups(const std::string &name)
+    // Where the list is applied, unless the command says where.
+    void apply(const std::string &name)
     {
-        for (const Rule &group : groups_) {
-            if (group.words[0] == name && options_.port.empty())
-                draft_.note("line " + std::to_string(group.line) + ": the list is applied " + group.words[1] + " at " +
-                            group.words[2] + "; --port says which port that is");
+        for (const Rule &applied : applied_) {
+            const std::string &direction = applied.words[1], &interface = applied.words[2];
+            if (applied.words[0] != name || !options_.port.empty())
+                continue;
+            const auto port = options_.interfaces.find(interface);
+            if (port == options_.interfaces.end())
+                draft_.refuse(applied.line, applied.text,
+                              "no port is known for it: --interface " + interface + "=PORT, or --port", false);
+            else if (direction != "in" && direction != "out")
+                draft_.refuse(applied.line, applied.text, "the direction '" + direction + "' cannot be said", false);
+            else
+                draft_.apply(port->second, direction);
         }
     }
 
@@ -211,9 +252,10 @@ class Reader {
             return finish(words, false, list.ipv6, matches);
         }
         const std::string protocol = words.next();
-        if (protocol != "ip" && protocol != "ipv6" && protocol != "ipv4")
-            matches.narrow(list.ipv6 ? "ipv6_next_hdr" : "ipv4_proto",
-                           {list.ipv6 && protocol == "icmp" ? "icmpv6" : protocol});
+        if (protocol == "object-group")
+            matches.narrow(services(words.next(), list.ipv6, 0));
+        else
+            narrow_protocol(protocol, list.ipv6, matches);
         take_address(family + "src", words, list.ipv6, matches, false);
         take_ports("src", words, matches);
         take_address(family + "dst", words, list.ipv6, matches, false);
@@ -226,6 +268,96 @@ class Reader {
                 take_option(list, words, protocol == "icmp", matches);
         }
         return finish(words, is_established, list.ipv6, matches);
+    }
+
+    static void narrow_protocol(const std::string &protocol, bool ipv6, Matches &matches)
+    {
+        if (protocol != "ip" && protocol != "ipv6" && protocol != "ipv4")
+            matches.narrow(ipv6 ? "ipv6_next_hdr" : "ipv4_proto", {ipv6 && protocol == "icmp" ? "icmpv6" : protocol});
+    }
+
+    // ---- groups: what each of their lines matches, and those of the groups in them
+    template <typename Take> Matches any_of(const std::string &name, int depth, Take &&take) const
+    {
+        const auto group = groups_.find(name);
+        if (group == groups_.end() || depth == deepest)
+            throw Unsaid("the group " + name + (depth == deepest ? " is in itself" : " is not defined here"));
+        Matches any = Matches::none();
+        for (const std::vector<std::string> &line : group->second.lines) {
+            Words words(line);
+            if (uint64_t sequence = 0; parse_number(words.peek(), sequence))
+                words.next();
+            if (words.peek() == "description")
+                continue;
+            Matches one;
+            take(group->second, words, one);
+            if (!words.end())
+                throw Unsaid("'" + words.peek() + "' in the group " + name + " cannot be said");
+            any.widen(one);
+        }
+        return any;
+    }
+
+    Matches addresses(const std::string &name, const std::string &field, int depth) const
+    {
+        return any_of(name, depth, [&](const Group &group, Words &words, Matches &one) {
+            words.take("network-object");
+            if (words.take("group-object"))
+                one.narrow(addresses(words.next(), field, depth + 1));
+            else if (words.take("range"))
+                one.narrow(field, blocks(words));
+            else if (group.wildcards || words.peek() == "any" || words.peek() == "host" || field.starts_with("ipv6"))
+                take_address(field, words, field.starts_with("ipv6"), one, false);
+            else
+                one.narrow(field, {masked(words.next(), words)});
+        });
+    }
+
+    static std::vector<std::string> blocks(Words &words)
+    {
+        const std::string first = words.next(), last = words.next();
+        std::vector<std::string> values;
+        for (const Prefix &block : range_of(first, last))
+            values.push_back(block.text());
+        if (values.empty())
+            throw Unsaid(first + " to " + last + " are no addresses");
+        return values;
+    }
+
+    // "10.0.0.0 255.0.0.0", "10.0.0.0 /8", "10.0.0.0/8"
+    static std::string masked(const std::string &address, Words &words)
+    {
+        if (words.end() || address.find('/') != std::string::npos)
+            return address;
+        const std::string mask = words.next();
+        return address + (mask.starts_with('/') ? "" : "/") + mask;
+    }
+
+    // Protocols with their ports: "tcp eq 80", "udp source range 1 9", "icmp echo", "eq 80" of a group of one protocol.
+    Matches services(const std::string &name, bool ipv6, int depth) const
+    {
+        return any_of(name, depth, [&](const Group &group, Words &words, Matches &one) {
+            words.take("service-object");
+            words.take("port-object");
+            if (words.take("group-object"))
+                return one.narrow(services(words.next(), ipv6, depth + 1));
+            const std::string protocol = group.protocol.empty() ? words.next() : group.protocol;
+            if (protocol == "tcp-udp")
+                one.narrow(ipv6 ? "ipv6_next_hdr" : "ipv4_proto", {"tcp", "udp"});
+            else
+                narrow_protocol(protocol, ipv6, one);
+            if (protocol == "icmp" && !words.end())
+                return take_icmp(ipv6, words, one);
+            if (words.take("source"))
+                take_ports("src", words, one);
+            words.take("destination");
+            take_ports("dst", words, one);
+        });
+    }
+
+    Matches ports(const std::string &name, const std::string &side) const
+    {
+        return any_of(name, 0, [&](const Group &, Words &words, Matches &one) { take_ports(side, words, one); });
     }
 
     // "log" has no bearing on a verdict.
@@ -287,14 +419,14 @@ class Reader {
     }
 
     // "any", "host A", "A WILDCARD", "A/N".
-    static void take_address(const std::string &field, Words &words, bool ipv6, Matches &matches, bool may_be_alone)
+    void take_address(const std::string &field, Words &words, bool ipv6, Matches &matches, bool may_be_alone) const
     {
         if (words.take("any"))
             return;
         const bool host = words.take("host");
         const std::string address = words.next();
         if (address == "object-group" || address == "addrgroup")
-            throw Unsaid("the group " + words.peek() + " is not defined here");
+            return matches.narrow(addresses(words.next(), field, 0));
         if (host || ipv6 || address.find('/') != std::string::npos ||
             (may_be_alone && (words.end() || words.peek() == "log")))
             return matches.narrow(field, {address});
@@ -327,8 +459,10 @@ class Reader {
         return found->second;
     }
 
-    static void take_ports(const std::string &side, Words &words, Matches &matches)
+    void take_ports(const std::string &side, Words &words, Matches &matches) const
     {
+        if (words.take("portgroup"))
+            return matches.narrow(ports(words.next(), side));
         if (words.take("range")) {
             const uint32_t low = port(words.next());
             return narrow_ports(matches, side, low, port(words.next()), false);
@@ -355,7 +489,9 @@ class Reader {
     Draft &draft_;
     std::map<std::string, List> lists_;
     std::string current_, interface_;
-    std::vector<Rule> groups_;
+    std::vector<Rule> applied_;
+    std::map<std::string, Group> groups_;
+    Group *group_ = nullptr; // the one that is being defined
 };
 
 } // namespace

@@ -115,6 +115,39 @@ void Matches::narrow(const Matches &other)
     any_ = std::move(narrower);
 }
 
+Matches Matches::none()
+{
+    Matches none;
+    none.any_.clear();
+    return none;
+}
+
+// What is outside of a match is outside of one of its fields.
+static Matches outside_of(const Match &match)
+{
+    Matches outside = Matches::none();
+    for (const auto &[field, value] : match) {
+        const auto block = field.starts_with("ipv") ? prefix_of(value) : std::nullopt;
+        if (!block)
+            throw Unsaid("what is outside of its " + field + " cannot be said");
+        std::vector<std::string> others;
+        for (const Prefix &other : complement(*block))
+            others.push_back(other.text());
+        Matches one;
+        one.narrow(field, others);
+        outside.widen(one);
+    }
+    return outside;
+}
+
+Matches Matches::outside() const
+{
+    Matches outside;
+    for (const Match &match : any_)
+        outside.narrow(outside_of(match));
+    return outside;
+}
+
 bool Matches::has(std::string_view beginning) const
 {
     return std::any_of(any_.begin(), any_.end(), [beginning](const Match &match) {
@@ -144,10 +177,20 @@ void Draft::add_list(const std::string &field, const std::vector<std::string> &v
 
 void Draft::refuse(int line, const std::string &text, const std::string &why, std::optional<bool> permits)
 {
-    const char *effect = !permits   ? "leaving it out changes what is let through"
-                         : *permits ? "leaving it out lets less through"
-                                    : "leaving it out lets more through";
-    refused_.push_back({line, text, why, effect});
+    refused_.push_back({line, text, why, permits});
+}
+
+void Draft::note(const std::string &text)
+{
+    if (std::find(notes_.begin(), notes_.end(), text) == notes_.end())
+        notes_.push_back(text);
+}
+
+std::string Draft::Refused::effect() const
+{
+    if (!permits)
+        return "leaving it out changes what is let through";
+    return *permits ? "leaving it out lets less through" : "leaving it out lets more through";
 }
 
 void Draft::print(std::ostream &out, const Options &options) const
@@ -158,7 +201,7 @@ void Draft::print(std::ostream &out, const Options &options) const
         out << "# " << impossible_ << " rules that no frame can match are no entries\n";
     for (const Refused &refused : refused_)
         out << "# left out, line " << refused.line << ": " << comment(refused.text) << "\n#   " << comment(refused.why)
-            << "; " << refused.effect << '\n';
+            << "; " << refused.effect() << '\n';
     out << "application: \"" << options.app << "\"\nacls:\n  - id: " << options.acl << "\n    class: 1\n    entries:\n";
     uint64_t sn = first_sn;
     for (const Entry &entry : entries_) {

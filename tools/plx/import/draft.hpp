@@ -4,8 +4,10 @@
 // what leaving it out does; nothing is left out in silence.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <istream>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -26,10 +28,13 @@ using Match = std::vector<std::pair<std::string, std::string>>;
 class Matches {
   public:
     Matches() : any_{Match()} {}
+    static Matches none();
 
     // Of them, those whose field has one of the values. Throws Unsaid.
     void narrow(const std::string &field, const std::vector<std::string> &values);
     void narrow(const Matches &other);
+    // All of the same family but these. Throws Unsaid.
+    Matches outside() const;
     // And those of the other.
     void widen(const Matches &other) { any_.insert(any_.end(), other.any_.begin(), other.any_.end()); }
     const std::vector<Match> &any() const { return any_; }
@@ -44,11 +49,12 @@ struct Options {
     uint32_t acl = 0;
     std::string port; // empty: applied to none
     std::string direction = "in";
-    std::string chain;            // where to begin; empty: the only one that has rules
-    std::string list;             // Cisco's access list; empty: the only one
-    std::string match = "src";    // of plain addresses
-    std::string verdict = "deny"; // for them
-    bool tcp_flags = false;       // stand for connections that are established
+    std::string chain;                               // where to begin; empty: the only one that has rules
+    std::string list;                                // Cisco's access list; empty: the only one
+    std::map<std::string, std::string> interfaces{}; // Cisco's, and what port each is
+    std::string match = "src";                       // of plain addresses
+    std::string verdict = "deny";                    // for them
+    bool tcp_flags = false;                          // stand for connections that are established
 };
 
 class Draft {
@@ -60,7 +66,10 @@ class Draft {
                   const std::string &name);
     // A rule that cannot be said. `permits`: what it does to its frames, where that is known.
     void refuse(int line, const std::string &text, const std::string &why, std::optional<bool> permits);
-    void note(const std::string &text) { notes_.push_back(text); }
+    // Told once, however often it is said.
+    void note(const std::string &text);
+    // Takes back what was added behind the first so many entries, of a rule that cannot be said after all.
+    void keep(size_t entries) { entries_.resize(std::min(entries_.size(), entries)); }
     void apply(const std::string &port, const std::string &direction) { applies_.emplace_back(port, direction); }
 
     // The policy in YAML, what was refused in comments.
@@ -69,7 +78,10 @@ class Draft {
     struct Refused {
         int line;
         std::string text, why;
-        const char *effect; // of leaving it out
+        std::optional<bool> permits;
+
+        // What leaving it out does: "leaving it out lets less through".
+        std::string effect() const;
     };
     const std::vector<Refused> &refused() const { return refused_; }
     const std::vector<std::string> &notes() const { return notes_; }

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 
 namespace plx::tool {
 
@@ -17,6 +18,7 @@ namespace {
 struct ImportOptions : import::Options {
     std::string kind, file;
     bool partial = false;
+    bool json = false;
 };
 
 using Read = void (*)(std::istream &, const import::Options &, import::Draft &);
@@ -27,21 +29,45 @@ const std::map<std::string, Read> kinds_of_files = {{"iptables-save", &import::r
 
 constexpr size_t most_told = 20;
 
+void tell_all(const ImportOptions &options, const import::Draft &draft)
+{
+    for (const auto &refused : draft.refused())
+        output().line("refusal", {{"file", options.file},
+                                  {"line", refused.line},
+                                  {"rule", refused.text},
+                                  {"why", refused.why},
+                                  {"without_it", !refused.permits   ? "unknown"
+                                                 : *refused.permits ? "less"
+                                                                    : "more"}});
+    output().summary().update({{"entries", draft.entries()}, {"refused", draft.refused().size()}});
+}
+
 void tell(const ImportOptions &options, const import::Draft &draft)
 {
     for (const std::string &note : draft.notes())
         output().note(note);
+    if (options.json)
+        return tell_all(options, draft);
     const auto &refused = draft.refused();
     for (size_t at = 0; at < std::min(refused.size(), most_told); ++at)
-        output().warning(refused[at].why + "; " + refused[at].effect + ": " + tool::quoted(refused[at].text),
+        output().warning(refused[at].why + "; " + refused[at].effect() + ": " + tool::quoted(refused[at].text),
                          {options.file, refused[at].line});
     if (refused.size() > most_told)
         output().note("and " + std::to_string(refused.size() - most_told) + " more that cannot be said");
 }
 
+void print(const ImportOptions &options, const import::Draft &draft)
+{
+    if (!options.json)
+        return draft.print(std::cout, options);
+    std::ostringstream text;
+    draft.print(text, options);
+    output().line("policy", {{"text", text.str()}});
+}
+
 int run(const ImportOptions &options)
 {
-    output().begin("import", false);
+    output().begin("import", options.json);
     std::ifstream file;
     if (options.file != "-")
         file.open(options.file, std::ios::binary);
@@ -60,8 +86,19 @@ int run(const ImportOptions &options)
     if (!draft.refused().empty() && !options.partial)
         return output().error(EXIT_BAD_FILE, std::to_string(draft.refused().size()) +
                                                  " rules cannot be said; --partial makes a policy of the others");
-    draft.print(std::cout, options);
+    print(options, draft);
     return EXIT_DONE;
+}
+
+std::string no_port(const std::string &port)
+{
+    return port.empty() || port.find_first_not_of("0123456789-") != std::string::npos ? "no port or range" : "";
+}
+
+void keep_interfaces(const std::vector<std::string> &all, ImportOptions &options)
+{
+    for (const std::string &one : all)
+        options.interfaces[one.substr(0, one.find('='))] = one.substr(one.find('=') + 1);
 }
 
 } // namespace
@@ -84,13 +121,20 @@ void add_import_command(CLI::App &app, int &exit_code)
         });
     command->add_option("--acl", options->acl, "the ACL's number")->required();
     command->add_option("--port", options->port, "a port or a range of ports that the ACL is applied to")
-        ->check([](const std::string &port) {
-            return port.empty() || port.find_first_not_of("0123456789-") != std::string::npos ? "no port or range" : "";
-        });
+        ->check(no_port);
     command->add_option("--direction", options->direction, "in which direction")
         ->check(CLI::IsMember({"in", "out"}))
         ->capture_default_str();
     command->add_option("--chain", options->chain, "iptables-save, nft-json: the chain to begin with");
+    command
+        ->add_option_function<std::vector<std::string>>(
+            "--interface", [options](const std::vector<std::string> &all) { keep_interfaces(all, *options); },
+            "cisco: NAME=PORT, the port that an interface is")
+        ->allow_extra_args(false)
+        ->check([](const std::string &text) {
+            const size_t equals = text.find('=');
+            return equals == text.npos || equals == 0 ? "no NAME=PORT" : no_port(text.substr(equals + 1));
+        });
     command->add_option("--list", options->list, "cisco: the access list");
     command->add_option("--match", options->match, "cidr: what the addresses are")
         ->check(CLI::IsMember({"src", "dst"}))
@@ -104,6 +148,7 @@ void add_import_command(CLI::App &app, int &exit_code)
             "what stands for connections that are established")
         ->check(CLI::IsMember({"tcp-flags"}));
     command->add_flag("--partial", options->partial, "leave out what cannot be said, and say so in comments");
+    command->add_flag("--json", options->json, "one JSON object a line, the policy as the text of one");
     command->footer("Example:\n"
                     "  iptables-save | plx import --from iptables-save --chain INPUT --app edge --acl 10 --port 49 -");
     command->callback([options, &exit_code] { exit_code = run(*options); });

@@ -102,38 +102,52 @@ class Reader {
         return matches;
     }
 
-    void walk(const Chain &chain, const Matches &outer, int depth)
+    void walk(const Chain &chain, Matches frames, int depth)
     {
         for (const Rule &rule : chain.rules) {
+            const size_t before = draft_.entries();
             try {
-                if (!apply(rule, outer, depth))
+                if (!apply(rule, frames, depth))
                     return;
             } catch (const Unsaid &why) {
+                draft_.keep(before);
                 draft_.refuse(rule.line, rule.text, why.what(), permits(rule));
             }
         }
     }
 
-    static std::optional<bool> permits(const Rule &rule)
+    static std::string target_of(const Rule &rule)
     {
         const auto jump = std::find(rule.words.begin(), rule.words.end(), "-j");
-        if (jump == rule.words.end() || jump + 1 == rule.words.end())
-            return std::nullopt;
-        if (jump[1] == "ACCEPT")
-            return true;
-        return jump[1] == "DROP" || jump[1] == "REJECT" ? std::optional(false) : std::nullopt;
+        return jump == rule.words.end() || jump + 1 == rule.words.end() ? "" : jump[1];
     }
 
-    // False: the chain ends here.
-    bool apply(const Rule &rule, const Matches &outer, int depth)
+    static std::optional<bool> permits(const Rule &rule)
     {
+        const std::string target = target_of(rule);
+        if (target == "ACCEPT")
+            return true;
+        return target == "DROP" || target == "REJECT" ? std::optional(false) : std::nullopt;
+    }
+
+    // `frames`: those that the chain still sees. False: none are left.
+    bool apply(const Rule &rule, Matches &frames, int depth)
+    {
+        if (const std::string target = target_of(rule); target == "LOG" || target == "NFLOG") {
+            draft_.note(target + " is left out: what is let through stays the same");
+            return true;
+        }
         Meaning meaning = meaning_of(rule.words);
         if (meaning.target == "RETURN") {
+            if (meaning.established)
+                throw Unsaid("a switch does not track connections");
             if (meaning.conditional)
-                throw Unsaid("a RETURN under a condition cannot be written out");
-            return false;
+                frames.narrow(meaning.matches.outside());
+            return meaning.conditional;
         }
-        meaning.matches.narrow(outer);
+        if (meaning.target == "REJECT")
+            draft_.note("REJECT is a denial: the sender is not told");
+        meaning.matches.narrow(frames);
         const bool permits = meaning.target == "ACCEPT";
         if (permits || meaning.target == "DROP" || meaning.target == "REJECT") {
             add(meaning, permits);
@@ -178,7 +192,9 @@ class Reader {
                     throw Unsaid(word + " has no value");
                 return words[++at];
             };
-            if (word == "-m" || word == "--reject-with") {
+            if (word == "-m") {
+                check_module(next());
+            } else if (word == "--reject-with") {
                 next();
             } else if (word == "--comment") {
                 meaning.comment = next();
@@ -192,6 +208,16 @@ class Reader {
             negated = false;
         }
         return meaning;
+    }
+
+    // One that is not known may match by itself, without an option.
+    static void check_module(const std::string &name)
+    {
+        static const std::set<std::string> known = {"tcp",       "udp",       "sctp",  "icmp", "icmp6",
+                                                    "ipv6-icmp", "multiport", "state", "mac",  "dscp",
+                                                    "conntrack", "ttl",       "hl",    "tos",  "comment"};
+        if (!known.contains(name))
+            throw Unsaid("the match " + name + " cannot be said of a single frame on a switch");
     }
 
     template <typename Next> void take(const std::string &word, bool negated, Next &&next, Meaning &meaning)

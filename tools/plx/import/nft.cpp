@@ -104,13 +104,16 @@ class Reader {
     bool walk(const Chain &chain, const Matches &outer, int depth)
     {
         for (const auto &[number, rule] : chain.rules) {
+            const size_t before = draft_.entries();
             try {
                 table_ = text_at(rule, "family") + ' ' + text_at(rule, "table") + ' ';
                 if (!apply(rule, outer, depth))
                     return false;
             } catch (const json::exception &) {
+                draft_.keep(before);
                 draft_.refuse(number, rule.dump().substr(0, 200), "it is not as nft(8) writes it", std::nullopt);
             } catch (const Unsaid &why) {
+                draft_.keep(before);
                 draft_.refuse(number, rule.value("expr", json()).dump().substr(0, 200), why.what(), verdict_of(rule));
             }
         }
@@ -143,6 +146,8 @@ class Reader {
                 conditional = true;
                 established = narrow(what, matches) || established;
             } else if (kind == "accept" || kind == "drop" || kind == "reject") {
+                if (kind == "reject")
+                    draft_.note("'reject' is a denial: the sender is not told");
                 add(matches, established, kind == "accept", name);
             } else if (kind == "jump" || kind == "goto") {
                 jump(text_at(what, "target"), kind == "goto" && (depth > 0 || conditional), matches, depth);
@@ -152,6 +157,8 @@ class Reader {
                 if (conditional)
                     throw Unsaid("a return under a condition cannot be written out");
                 return false;
+            } else if (kind == "log") {
+                draft_.note("'log' is left out: what is let through stays the same");
             } else if (kind != "counter" && kind != "comment") {
                 throw Unsaid("'" + kind + "' cannot be said of a single frame on a switch");
             }
