@@ -177,7 +177,21 @@ int tq_mom_history_sync(void *handle, uint32_t db, const ProtobufCMessage *recor
            "see why replicas are missing; until then a failure could lose what it takes")                              \
     /* of a handle whose address asks for replicas; the server has the write */                                        \
     RESULT(NOT_REPLICATED, 21, "too few replicas have confirmed the write in time",                                    \
-           "see why replicas are slow or missing; what was written is lost if the server fails now: write it again")
+           "see why replicas are slow or missing; what was written is lost if the server fails now: write it again")   \
+    RESULT(TLS_NOT_SPOKEN, 22, "the store's server does not speak TLS there",                                          \
+           "give the port on which it does, or an address of redis:// or sentinel://")                                 \
+    RESULT(TLS_EXPECTED, 23, "the store's server speaks TLS there", "give an address of rediss:// or sentinels://")    \
+    RESULT(CERTIFICATE_EXPIRED, 24, "the server's certificate is not valid at this time",                              \
+           "renew it, and see that this machine's clock is right")                                                     \
+    RESULT(CERTIFICATE_UNTRUSTED, 25, "the server's certificate is none that this machine trusts",                     \
+           "give the issuer's certificate with ca=")                                                                   \
+    RESULT(CERTIFICATE_NAME, 26, "the server's certificate is for another name",                                       \
+           "take the name that it is for as the store's address, or give it with server-name=")                        \
+    /* ca=, cert= or key= */                                                                                           \
+    RESULT(CERTIFICATE_FILE, 27, "a file with a certificate or key cannot be used",                                    \
+           "the system log says which and why, under tq_mom")                                                          \
+    RESULT(TLS_REFUSED, 28, "the store's server refuses the secure connection",                                        \
+           "see whether it wants a certificate (cert=, key=); the system log has its reason, under tq_mom")
 
 #define TQ_MOM_RESULT_CODE(name, number, text, advice) TQ_MOM_##name = (number),
 enum tq_mom_result {

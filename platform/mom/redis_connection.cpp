@@ -1,10 +1,13 @@
 // See redis_connection.hpp.
 #include "redis_connection.hpp"
 
+#include "tls_transport.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -36,8 +39,10 @@ void keep_alive(int fd)
 } // namespace
 
 // The waiting is ours: hiredis takes a signal that comes meanwhile for a failure.
-std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, const store_url &url)
+std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, const std::string &name,
+                                                         const store_url &url, trouble &why)
 {
+    why = {};
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url.timeout_ms);
     auto *context = where.port == 0 ? redisConnectUnixNonBlock(where.host.c_str())
                                     : redisConnectNonBlock(where.host.c_str(), where.port);
@@ -50,7 +55,28 @@ std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, 
     if (where.port != 0)
         keep_alive(context->fd);
     std::unique_ptr<redis_connection> connection(new redis_connection(context, url));
-    return connection->connects(deadline) ? std::move(connection) : nullptr;
+    if (!connection->connects(deadline) || (url.tls && !connection->secure(name, url, deadline, why)))
+        return nullptr;
+    return connection;
+}
+
+bool redis_connection::secure(const std::string &name, const store_url &url, steady_time deadline, trouble &why)
+{
+    auto tls = make_tls_transport(fd(), url.server_name.empty() ? name : url.server_name, url.files, why);
+    for (int done = tls == nullptr; done == 0;) {
+        short needs = 0;
+        done = tls->handshake(needs);
+        if (done == 0 && !wait(needs, deadline)) {
+            why = {TQ_MOM_TIMEOUT, name + " does not go on with the TLS handshake in time"};
+            return false;
+        }
+        if (done == transport_ended) {
+            why = tls->trouble();
+            return false;
+        }
+    }
+    transport_ = std::move(tls);
+    return transport_ != nullptr;
 }
 
 bool redis_connection::connects(steady_time deadline) const
@@ -61,7 +87,8 @@ bool redis_connection::connects(steady_time deadline) const
 }
 
 redis_connection::redis_connection(redisContext *context, const store_url &url)
-    : context_(context), reader_(make_reader(tape_)), timeout_(url.timeout_ms), spin_(url.spin_us)
+    : context_(context), transport_(make_plain_transport(context->fd)), reader_(make_reader(tape_)),
+      timeout_(url.timeout_ms), spin_(url.spin_us)
 {
 }
 
@@ -83,12 +110,13 @@ bool redis_connection::wait(short events, steady_time deadline) const
 int redis_connection::send(std::string_view bytes, steady_time deadline)
 {
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(context_->fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        short needs = 0;
+        const ssize_t sent = transport_->send(bytes, needs);
         if (sent > 0)
             bytes.remove_prefix(static_cast<size_t>(sent));
-        else if (sent < 0 && errno != EAGAIN && errno != EINTR)
+        else if (sent == transport_ended)
             return TQ_MOM_DISCONNECTED;
-        else if (!wait(POLLOUT, deadline))
+        else if (!wait(needs, deadline))
             return TQ_MOM_TIMEOUT;
     }
     return TQ_MOM_OK;
@@ -98,39 +126,38 @@ constexpr size_t read_size = 16384;
 constexpr size_t input_limit = size_t{64} << 20; // of an answer that nobody waits for
 constexpr unsigned waits_per_look = 16;
 
-// What recv() returned, with the bytes handed to the parser: 0 at the end of the stream, -1 when nothing is there.
-ssize_t redis_connection::read_once()
+// What the transport received, with the bytes handed to the parser.
+ssize_t redis_connection::read_once(short &needs)
 {
     std::array<char, read_size> buffer;
-    const ssize_t size = recv(context_->fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (size < 0)
-        return errno == EAGAIN || errno == EINTR ? -1 : 0;
+    const ssize_t size = transport_->receive(buffer.data(), buffer.size(), needs);
     if (size > 0 && redisReaderFeed(reader_.get(), buffer.data(), static_cast<size_t>(size)) != REDIS_OK)
-        return 0;
+        return transport_ended;
     return size;
 }
 
 int redis_connection::await_input(steady_time deadline)
 {
     // A peer on this CPU has often had its turn when sending returns; where it had not, it is looked for now and then.
-    ssize_t size = -1;
-    if (early_ || ++waits_ % waits_per_look == 0) {
-        size = read_once();
-        early_ = size >= 0;
+    ssize_t size = 0;
+    short needs = POLLIN;
+    if (early_ || transport_->pending() || ++waits_ % waits_per_look == 0) {
+        size = read_once(needs);
+        early_ = size != 0;
     }
-    if (size < 0 && spin_.count() > 0) {
+    if (size == 0 && spin_.count() > 0) {
         const auto spin_end = steady_clock::now() + spin_;
         do {
             sched_yield();
-            size = read_once();
-        } while (size < 0 && steady_clock::now() < spin_end);
+            size = read_once(needs);
+        } while (size == 0 && steady_clock::now() < spin_end);
     }
-    while (size < 0) {
-        if (!wait(POLLIN, deadline))
+    while (size == 0) {
+        if (!wait(needs, deadline))
             return TQ_MOM_TIMEOUT;
-        size = read_once();
+        size = read_once(needs);
     }
-    return size == 0 ? TQ_MOM_DISCONNECTED : TQ_MOM_OK;
+    return size == transport_ended ? TQ_MOM_DISCONNECTED : TQ_MOM_OK;
 }
 
 int redis_connection::parse()
@@ -173,16 +200,26 @@ int redis_connection::exchange(const command_buffer &commands)
 
 bool redis_connection::take_in()
 {
-    ssize_t size = read_once();
+    short needs = 0; // where that is to write, the next look goes on
+    ssize_t size = read_once(needs);
     while (size == ssize_t{read_size}) // a whole buffer: there may be more
-        size = read_once();
-    return size != 0 && reader_->len - reader_->pos + tape_.bytes() <= input_limit;
+        size = read_once(needs);
+    return size != transport_ended && reader_->len - reader_->pos + tape_.bytes() <= input_limit;
 }
 
-bool redis_connection::quiet() const
+bool redis_connection::leaves_host() const
 {
-    char byte = 0;
-    return recv(context_->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EINTR);
+    const auto text_of = [this](auto name) {
+        sockaddr_storage address{};
+        socklen_t size = sizeof address;
+        std::array<char, NI_MAXHOST> text{};
+        auto *const plain = reinterpret_cast<sockaddr *>(&address);
+        if (name(fd(), plain, &size) != 0 || (address.ss_family != AF_INET && address.ss_family != AF_INET6))
+            return std::string();
+        getnameinfo(plain, size, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+        return std::string(text.data());
+    };
+    return text_of(getpeername) != text_of(getsockname);
 }
 
 } // namespace mom

@@ -1,6 +1,6 @@
 // One connection to a server: bytes out, replies in, each bounded by a deadline.
 //
-// 1. It is opened within the URL's time, for a redis_link (calls) or, by way of one, for the reader of changes.
+// 1. It is opened, and with TLS made secure (transport.hpp), within the URL's time, for a redis_link (calls) or, by way of one, for the reader of changes.
 // 2. What is sent is gone when send() returns. Replies are put on a tape in the order in which they come; who sent
 //    knows what each of them answers.
 // 3. Who waits for a reply polls for a moment, yielding the CPU, before it sleeps: the answer is mostly there sooner
@@ -12,6 +12,7 @@
 
 #include "redis_command.hpp"
 #include "redis_reply.hpp"
+#include "transport.hpp"
 #include "url.hpp"
 
 #include <chrono>
@@ -26,8 +27,10 @@ struct context_closer {
 
 class redis_connection {
   public:
-    /// Connects to a socket path (no port) or numeric address within the URL's time; null when that fails.
-    static std::unique_ptr<redis_connection> open(const endpoint &where, const store_url &url);
+    /// Connects to a socket path (no port) or numeric address within the URL's time; null, and why, when that fails.
+    /// With TLS the server's certificate must be for `name`.
+    static std::unique_ptr<redis_connection> open(const endpoint &where, const std::string &name, const store_url &url,
+                                                  trouble &why);
 
     int fd() const { return context_->fd; }
     /// TQ_MOM_OK, or what ended the connection.
@@ -40,11 +43,15 @@ class redis_connection {
     /// Takes in what has arrived without waiting; false when the connection ended, or sends more than will be taken.
     bool take_in();
     /// True when there is more of what was taken in than was parsed.
-    bool has_input() const { return reader_->pos < reader_->len; }
+    bool has_input() const { return reader_->pos < reader_->len || transport_->pending(); }
     /// Parses one reply of what was taken in: 1 it is on the tape, 0 not yet complete, -1 not understood.
     [[nodiscard]] int parse();
     /// True when the peer is still there and has not said anything unasked.
-    bool quiet() const;
+    bool quiet() const { return transport_->quiet(); }
+    /// Why it ended, once a call has said that it did.
+    const trouble &ended() const { return transport_->trouble(); }
+    /// Whether what is sent leaves this machine.
+    bool leaves_host() const;
 
     reply_tape &tape() { return tape_; }
     reply_view replies() const { return {tape_, 0}; }
@@ -52,11 +59,13 @@ class redis_connection {
   private:
     redis_connection(redisContext *context, const store_url &url);
     bool connects(steady_time deadline) const;
+    [[nodiscard]] bool secure(const std::string &name, const store_url &url, steady_time deadline, trouble &why);
     bool wait(short events, steady_time deadline) const;
     [[nodiscard]] int await_input(steady_time deadline);
-    ssize_t read_once();
+    ssize_t read_once(short &needs);
 
     std::unique_ptr<redisContext, context_closer> context_;
+    std::unique_ptr<transport> transport_;
     reply_tape tape_;
     reader_ptr reader_;
     std::chrono::milliseconds timeout_;

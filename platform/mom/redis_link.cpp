@@ -2,17 +2,12 @@
 #include "redis_link.hpp"
 
 #include "report.hpp"
+#include "small_file.hpp"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <mutex>
 #include <set>
-#include <sys/stat.h>
 #include <tq_mom.h>
-#include <unistd.h>
 #include <utility>
 
 namespace mom {
@@ -23,6 +18,7 @@ constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
 constexpr std::chrono::milliseconds longest_standstill{60'000};
 constexpr std::chrono::milliseconds idle{2};
+constexpr uint32_t longest_doubt_ms = 200;
 
 // The value of a line "name:value" of an INFO answer.
 std::string_view info_value(std::string_view info, std::string_view name)
@@ -55,25 +51,15 @@ std::string name_of(const store_url &url)
     return url.name;
 }
 
-// The first line of a regular file, however its lines end: anything else could make us wait, or is a mistake.
+// The first line, however lines end.
 bool read_password(const store_url::login &login, std::string &password)
 {
     password = login.password;
     if (login.password_file.empty())
         return true;
-    const int fd = ::open(login.password_file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat found {};
-    std::array<char, 1024> text{};
-    ssize_t size = fd < 0 || fstat(fd, &found) != 0 ? -1 : 0;
-    if (size == 0 && S_ISREG(found.st_mode))
-        size = read(fd, text.data(), text.size());
-    const std::string reason = size < 0                 ? std::strerror(errno)
-                               : S_ISREG(found.st_mode) ? "it is empty"
-                                                        : "it is no file";
-    if (fd >= 0)
-        close(fd);
-    const std::string_view line(text.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    password = line.substr(0, line.find_first_of("\r\n"));
+    std::string reason = "it is empty";
+    const std::string text = read_small_file(login.password_file, 1024, reason);
+    password = text.substr(0, text.find_first_of("\r\n"));
     if (password.empty())
         report(TQ_ZLOG_ERROR, "cannot read the password file " + login.password_file + ": " + reason);
     return !password.empty();
@@ -215,34 +201,64 @@ std::unique_ptr<redis_connection> redis_link::open(int &result)
 }
 
 // Address by address, as long as none has taken the time of a call.
-std::unique_ptr<redis_connection> redis_link::connect(const endpoint &where)
+std::unique_ptr<redis_connection> redis_link::connect(const endpoint &where, const store_url &how, trouble &why)
 {
-    if (where.port == 0)
-        return redis_connection::open(where, url_);
-    const auto end = steady_clock::now() + std::chrono::milliseconds(url_.timeout_ms);
-    for (const auto &address : names_.addresses(where.host)) {
-        if (auto connection = redis_connection::open({address, where.port}, url_)) {
-            names_.connected(where.host, address);
+    const auto end = steady_clock::now() + std::chrono::milliseconds(how.timeout_ms);
+    const auto addresses = where.port == 0 ? std::vector{where.host} : names_.addresses(where.host);
+    for (const auto &address : addresses) {
+        auto connection = redis_connection::open({address, where.port}, where.host, how, why);
+        if (where.port != 0)
+            connection != nullptr ? names_.connected(where.host, address) : names_.failed(where.host, address);
+        if (connection != nullptr)
             return connection;
-        }
-        names_.failed(where.host, address);
         if (steady_clock::now() >= end)
             break;
     }
     return nullptr;
 }
 
+// The result of a failure, which is told where there is more to say.
+int redis_link::explain(const endpoint &where, const trouble &why)
+{
+    if (why.text.empty())
+        return why.result;
+    const bool understood =
+        url_.scheme == store_scheme::unix_socket || why.result != TQ_MOM_TIMEOUT && why.result != TQ_MOM_DISCONNECTED;
+    const int result = understood || generation_ > 0 ? why.result : try_other_way(where, why.result);
+    if (std::exchange(told_, why.text) != why.text)
+        report(TQ_ZLOG_ERROR, "the policy store at " + name_of(url_) + ": " + why.text);
+    return result;
+}
+
+// With TLS where the address has none, or without: a server that never understood us may speak so. It is told nothing.
+int redis_link::try_other_way(const endpoint &where, int result)
+{
+    store_url other = url_;
+    other.tls = !url_.tls;
+    other.files = {};
+    other.timeout_ms = std::min(other.timeout_ms, longest_doubt_ms);
+    trouble why;
+    const auto connection = connect(where, other, why);
+    if (other.tls)
+        return connection != nullptr || why.result >= TQ_MOM_CERTIFICATE_EXPIRED ? TQ_MOM_TLS_EXPECTED : result;
+    command_buffer question;
+    question.command("PING");
+    return connection != nullptr && connection->exchange(question) == TQ_MOM_OK ? TQ_MOM_TLS_NOT_SPOKEN : result;
+}
+
 std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int &result)
 {
-    auto connection = connect(where);
-    if (connection == nullptr) {
-        result = TQ_MOM_DISCONNECTED;
+    trouble why;
+    auto connection = connect(where, url_, why);
+    result = connection == nullptr ? explain(where, why) : log_in(*connection);
+    if (connection != nullptr && result == TQ_MOM_DISCONNECTED)
+        result = explain(where, connection->ended());
+    if (result != TQ_MOM_OK)
         return nullptr;
-    }
-    result = log_in(*connection);
-    counters_.connections += result == TQ_MOM_OK;
+    counters_.connections += 1;
     at_ = where;
-    return result == TQ_MOM_OK ? std::move(connection) : nullptr;
+    told_.clear();
+    return connection;
 }
 
 // A sentinel that knows the name tells where the master is; one that is down or does not know is passed over.
@@ -255,24 +271,34 @@ int redis_link::ask_sentinels(endpoint &master)
     question.command("SENTINEL", "get-master-addr-by-name", url_.name);
     int result = TQ_MOM_DISCONNECTED;
     for (const auto &sentinel : url_.hosts) {
-        const auto connection = connect(sentinel);
-        if (connection == nullptr || connection->exchange(question) != TQ_MOM_OK)
-            continue;
-        auto answer = connection->replies();
-        const int refused = result_of(answer);
-        if (question.commands() > 1)
-            answer = answer.next();
-        if (refused != TQ_MOM_OK || result_of(answer) != TQ_MOM_OK)
-            result = refused != TQ_MOM_OK ? refused : result_of(answer);
-        if (answer.size() != 2)
-            continue;
-        const auto port = answer.at(1).text();
-        master.host = answer.at(0).text();
-        const auto parsed = std::from_chars(port.data(), port.data() + port.size(), master.port);
-        if (parsed.ec == std::errc{} && master.port != 0 && !master.host.empty())
+        const int asked = ask_sentinel(sentinel, question, master);
+        if (asked == TQ_MOM_OK)
             return TQ_MOM_OK;
+        result = asked == TQ_MOM_DISCONNECTED ? result : asked;
     }
     return result;
+}
+
+int redis_link::ask_sentinel(const endpoint &sentinel, const command_buffer &question, endpoint &master)
+{
+    trouble why;
+    const auto connection = connect(sentinel, url_, why);
+    if (connection == nullptr)
+        return explain(sentinel, why);
+    if (connection->exchange(question) != TQ_MOM_OK)
+        return explain(sentinel, connection->ended());
+    auto answer = connection->replies();
+    const int refused = result_of(answer);
+    if (question.commands() > 1)
+        answer = answer.next();
+    if (refused != TQ_MOM_OK || result_of(answer) != TQ_MOM_OK)
+        return refused != TQ_MOM_OK ? refused : result_of(answer);
+    if (answer.size() != 2)
+        return TQ_MOM_DISCONNECTED;
+    const auto port = answer.at(1).text();
+    master.host = answer.at(0).text();
+    const auto parsed = std::from_chars(port.data(), port.data() + port.size(), master.port);
+    return parsed.ec == std::errc{} && master.port != 0 && !master.host.empty() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED;
 }
 
 // The last answer tells whether the server takes commands: it may be loading, or want a password that we have not.
@@ -303,7 +329,8 @@ bool redis_link::serves_strangers()
 {
     if (url_.server.empty())
         return true;
-    const auto stranger = connect(at_);
+    trouble why;
+    const auto stranger = connect(at_, url_, why);
     command_buffer question;
     question.command("PING");
     return stranger != nullptr && stranger->exchange(question) == TQ_MOM_OK &&
@@ -316,6 +343,10 @@ void redis_link::warn_about_server()
     if (warned_)
         return;
     warned_ = true;
+    const std::string store = "the policy store at " + name_of(url_);
+    if (!url_.tls && connection_->leaves_host())
+        warn_once(store +
+                  " is on another machine, without TLS: policy and passwords can be read and changed on their way");
     command_buffer question;
     for (const std::string_view section : {"server", "persistence", "memory"})
         question.command("INFO", section);
@@ -324,7 +355,6 @@ void redis_link::warn_about_server()
     std::string info;
     for (auto reply = replies(); !reply.at_end(); reply = reply.next())
         info.append(reply.is(reply_kind::text) ? reply.text() : std::string_view{});
-    const std::string store = "the policy store at " + name_of(url_);
     if (info_value(info, "aof_enabled") == "0")
         warn_once(store + " does not persist every write (appendonly no): a crash of its server loses policy");
     const auto limit = info_value(info, "maxmemory");

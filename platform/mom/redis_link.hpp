@@ -66,13 +66,16 @@ class redis_link {
     std::chrono::milliseconds pause() const;
 
   private:
-    std::unique_ptr<redis_connection> connect(const endpoint &where);
+    std::unique_ptr<redis_connection> connect(const endpoint &where, const store_url &how, trouble &why);
     std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
     [[nodiscard]] int ask_sentinels(endpoint &master);
+    [[nodiscard]] int ask_sentinel(const endpoint &sentinel, const command_buffer &question, endpoint &master);
     [[nodiscard]] int log_in(redis_connection &connection);
     [[nodiscard]] bool serves_strangers();
     void note(int result, std::chrono::milliseconds took);
     void warn_about_server();
+    [[nodiscard]] int explain(const endpoint &where, const trouble &why);
+    [[nodiscard]] int try_other_way(const endpoint &where, int result);
 
     store_url url_;
     tq_mom_counters &counters_;
@@ -84,6 +87,7 @@ class redis_link {
     name_lookup names_;
     endpoint at_; // of the server that we logged in to last
     bool warned_ = false;
+    std::string told_; ///< the trouble that was told last, until a connection succeeds
     std::chrono::milliseconds back_off_{0};
     steady_time next_attempt_{};
     int last_failure_ = 0;

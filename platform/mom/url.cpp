@@ -64,6 +64,16 @@ bool parse_login(store_url::login &login, std::string_view name, std::string_vie
     return name == "password-file" && !value.empty() && unescape(value, login.password_file);
 }
 
+bool parse_tls(store_url &url, std::string_view name, std::string_view value)
+{
+    std::string *const part = name == "ca"            ? &url.files.ca
+                              : name == "cert"        ? &url.files.cert
+                              : name == "key"         ? &url.files.key
+                              : name == "server-name" ? &url.server_name
+                                                      : nullptr;
+    return part != nullptr && unescape(value, *part) && !part->empty();
+}
+
 bool parse_option(store_url &url, std::string_view name, std::string_view value)
 {
     if (name == "log")
@@ -81,7 +91,7 @@ bool parse_option(store_url &url, std::string_view name, std::string_view value)
         return parse_number(value, url.wait_replicas) && url.wait_replicas <= 1000;
     if (name == "wait-timeout")
         return parse_number(value, url.wait_ms) && url.wait_ms > 0;
-    return parse_login(url.server, name, value) ||
+    return parse_login(url.server, name, value) || parse_tls(url, name, value) ||
            (take_prefix(name, "sentinel-") && parse_login(url.sentinels, name, value));
 }
 
@@ -156,9 +166,10 @@ bool parse_sentinel(store_url &url, std::string_view text)
 
 bool parse_address(store_url &url, std::string_view text)
 {
-    if (take_prefix(text, "redis://"))
+    url.tls = text.starts_with("rediss://") || text.starts_with("sentinels://");
+    if (take_prefix(text, url.tls ? "rediss://" : "redis://"))
         return parse_tcp(url, text);
-    if (take_prefix(text, "sentinel://"))
+    if (take_prefix(text, url.tls ? "sentinels://" : "sentinel://"))
         return parse_sentinel(url, text);
     if (take_prefix(text, "unix:")) {
         url.scheme = store_scheme::unix_socket;
@@ -183,10 +194,13 @@ std::optional<store_url> parse_store_url(std::string_view text)
         return std::nullopt;
     if (url.wait_ms == 0)
         url.wait_ms = (url.timeout_ms + 1) / 2;
-    // A server that waits says nothing meanwhile; and who has no sentinels does not log in to them.
+    // A server that waits says nothing meanwhile; who has no sentinels does not log in to them; a certificate is worth
+    // nothing without its key, and neither without TLS.
     const bool hears_in_time = url.wait_replicas == 0 || url.wait_ms < url.timeout_ms;
     const bool asked = url.scheme == store_scheme::sentinel || url.sentinels.empty();
-    return hears_in_time && asked ? std::optional(url) : std::nullopt;
+    const bool secured =
+        url.tls ? url.files.cert.empty() == url.files.key.empty() : url.files.empty() && url.server_name.empty();
+    return hears_in_time && asked && secured ? std::optional(url) : std::nullopt;
 }
 
 } // namespace mom

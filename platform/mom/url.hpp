@@ -8,6 +8,10 @@
 //   sentinel-user=, sentinel-password-file=  the same of the sentinels
 //   wait=N             a write succeeds when so many replicas have it,
 //   wait-timeout=MS    within this time
+// "rediss://" and "sentinels://" are the same over TLS, with the options
+//   ca=FILE            certificates of who may have issued the server's; without it those that the machine trusts
+//   cert=FILE, key=FILE  our own certificate and its key, for a server that asks for one
+//   server-name=NAME   what the server's certificate must be for, where that is not the address's host
 // Parsing touches neither files nor the network.
 #ifndef TQ_MOM_URL_HPP
 #define TQ_MOM_URL_HPP
@@ -33,6 +37,14 @@ struct endpoint {
 /// 50, or 0 for a process that has one CPU: there no answer comes while one looks for it.
 uint32_t usual_spin_us();
 
+/// Paths, in PEM; empty where none was given.
+struct tls_files {
+    std::string ca;
+    std::string cert;
+    std::string key;
+    bool empty() const { return ca.empty() && cert.empty() && key.empty(); }
+};
+
 struct store_url {
     store_scheme scheme = store_scheme::mem;
     std::string name; ///< of the embedded store; path of the socket; name of the master
@@ -45,6 +57,9 @@ struct store_url {
     };
     login server;
     login sentinels;
+    bool tls = false;
+    tls_files files;
+    std::string server_name; ///< empty: the host's
     std::optional<uint64_t> log_limit;
     std::optional<uint64_t> log_memory; ///< bytes
     uint32_t timeout_ms = 1000;

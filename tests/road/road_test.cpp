@@ -2,6 +2,7 @@
 // store server as it is shipped. The prompt names the user. More verbs:
 //
 //     store start | crash | erase  the server, which is not there at the beginning; erase takes its data away
+//     store tls                    it starts, and takes TLS connections at TLS_PORT, too
 //     store run COMMAND...      a command to it as its operator, and the answer
 #include "store/redis_server.hpp"
 #include "support/session.hpp"
@@ -25,6 +26,9 @@ class Road : public Session {
         setenv("PYTHONPATH", PYTHON, 1);
         setenv("LD_LIBRARY_PATH", LIBRARIES, 1);
         setenv("PYTHONDONTWRITEBYTECODE", "1", 1);
+        setenv("CERTIFICATES", redis_server::certificates().c_str(), 1);
+        setenv("PASSWORDS", server_.directory().c_str(), 1);
+        setenv("TLS_PORT", tls_port_.c_str(), 1);
         setenv("SOCKET", server_.socket().c_str(), 1);
         for (const std::string user : {"application", "node", "reader"})
             urls_[user] = server_.url("plx-" + user);
@@ -54,10 +58,13 @@ class Road : public Session {
         if (words[1] == "erase")
             server_.erase_data();
         else
-            words[1] == "crash" ? server_.crash() : server_.start();
+            words[1] == "crash"
+                ? server_.crash()
+                : server_.start(words[1] == "tls" ? redis_server::tls_options(tls_port_) : std::vector<std::string>());
         return {};
     }
 
+    const std::string tls_port_ = redis_server::free_port();
     redis_server server_;
     Environment urls_; // of the store, by user
 };

@@ -93,14 +93,18 @@ TEST_P(big_record, is_told_as_unreadable_and_the_others_are_told)
     EXPECT_TRUE(*field != '6' || sent_bytes() - before < 48'000'000) << "it was asked for again";
 }
 
-/// A master and its replica, and a sentinel that knows both.
-class failover : public crash {
+/// A master and its replica, and a sentinel that knows both; over TLS or without.
+class failover : public crash, public testing::WithParamInterface<bool> {
   protected:
     void SetUp() override
     {
         const auto start = [](redis_server &of, const std::string &port) {
-            of.start({"--appendfsync", "no", "--bind", "127.0.0.1", "--port", port, "--masteruser", "plx-replica",
-                      "--masterauth", "change-me-replica", "--repl-diskless-sync-delay", "0"});
+            lines options = {"--bind", "127.0.0.1", "--port", port};
+            if (GetParam())
+                options = redis_server::tls_options(port);
+            options.insert(options.end(), {"--appendfsync", "no", "--masteruser", "plx-replica", "--masterauth",
+                                           "change-me-replica", "--repl-diskless-sync-delay", "0"});
+            of.start(options);
         };
         start(server, ports[0]);
         start(second, ports[1]);
@@ -108,11 +112,13 @@ class failover : public crash {
         wait_for([&] {
             return second.run({"INFO", "replication"}).find("master_link_status:up") != std::string::npos;
         });
-        sentinel.start_sentinel(ports[2], ports[0]);
+        sentinel.start_sentinel(ports[2], ports[0], GetParam());
         wait_for([&] { return sentinel.run({"SENTINEL", "REPLICAS", "policy"}).find(ports[1]) != std::string::npos; });
         const auto login = sentinel.credentials("plx-operator");
-        writer = open_at("sentinel://localhost:" + ports[2] + "/policy?" + server.credentials("suite") + "&sentinel-" +
-                         std::string(login).insert(login.find('&') + 1, "sentinel-"));
+        const std::string scheme = GetParam() ? "sentinels://" : "sentinel://";
+        const std::string trust = GetParam() ? "ca=" + redis_server::certificates() + "/ca.pem&" : "";
+        writer = open_at(scheme + "localhost:" + ports[2] + "/policy?" + trust + server.credentials("suite") +
+                         "&sentinel-" + std::string(login).insert(login.find('&') + 1, "sentinel-"));
         subscribe(writer, ace, ace_record("a", 0, 0));
         ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
         wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });
@@ -129,8 +135,10 @@ class failover : public crash {
     const std::string ports[3] = {redis_server::free_port(), redis_server::free_port(), redis_server::free_port()};
     redis_server second, sentinel;
 };
+INSTANTIATE_TEST_SUITE_P(, failover, testing::Bool(),
+                         [](const auto &each) { return each.param ? "over_tls" : "plain"; });
 
-TEST_F(failover, is_followed_when_the_master_dies)
+TEST_P(failover, is_followed_when_the_master_dies)
 {
     server.crash();
     until_ok([&] { return put_ace(2, 2); });
@@ -139,7 +147,7 @@ TEST_F(failover, is_followed_when_the_master_dies)
     EXPECT_EQ("1", second.run({"EXISTS", "plx{8:ace}:a,a1,a2"}));
 }
 
-TEST_F(failover, leaves_no_connection_to_a_master_that_became_a_replica)
+TEST_P(failover, leaves_no_connection_to_a_master_that_became_a_replica)
 {
     ace.also = [&](const tq_mom_notification &) {
         stored(writer); // who makes calls from what it hears asks for changes along with the next one

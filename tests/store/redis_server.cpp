@@ -81,15 +81,50 @@ void redis_server::start(const std::vector<std::string> &options, const std::str
     launch(words, answer);
 }
 
-void redis_server::start_sentinel(const std::string &port, const std::string &master)
+const std::string &redis_server::certificates()
+{
+    static const plx::tool::TemporaryDirectory made;
+    static const auto result = plx::tool::run_program("sh", {PLX_CERTIFICATES, made.path()});
+    if (result.exit_code != 0)
+        throw std::runtime_error("no certificates: " + result.err);
+    return made.path();
+}
+
+std::vector<std::string> redis_server::tls_options(const std::string &port)
+{
+    const auto &files = certificates();
+    return {"--port",
+            "0",
+            "--bind",
+            "127.0.0.1",
+            "--tls-port",
+            port,
+            "--tls-auth-clients",
+            "no",
+            "--tls-replication",
+            "yes",
+            "--tls-cert-file",
+            files + "/server.pem",
+            "--tls-key-file",
+            files + "/server.key",
+            "--tls-ca-cert-file",
+            files + "/ca.pem"};
+}
+
+void redis_server::start_sentinel(const std::string &port, const std::string &master, bool tls)
 {
     const std::string file = directory() + "/sentinel.conf";
-    std::ofstream(file) << "port " << port << "\nbind 127.0.0.1\ndir " << directory() << "\nunixsocket " << socket_
-                        << "\nlogfile " << directory() << "/log\nsentinel monitor policy 127.0.0.1 " << master
+    std::ofstream(file) << "port " << (tls ? "0" : port) << "\nbind 127.0.0.1\ndir " << directory() << "\nunixsocket "
+                        << socket_ << "\nlogfile " << directory() << "/log\nsentinel monitor policy 127.0.0.1 "
+                        << master
                         << " 1\nsentinel auth-user policy plx-sentinel\nsentinel auth-pass policy change-me-sentinel\n"
                         << "user default off\nuser plx-operator on >change-me-operator allkeys allchannels +@all\n"
                         << "sentinel down-after-milliseconds policy 300\nsentinel failover-timeout policy 2000\n";
-    launch({file, "--sentinel"}, "PONG");
+    std::vector<std::string> words = {file, "--sentinel"};
+    if (tls)
+        for (const auto &word : tls_options(port))
+            words.push_back(word);
+    launch(words, "PONG");
 }
 
 std::string redis_server::free_port()

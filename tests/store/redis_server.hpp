@@ -17,7 +17,11 @@ class redis_server {
     /// Starts it and waits until its answer to a PING starts so; `options` go behind the configuration.
     void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
     /// Starts as a sentinel instead, which watches the master "policy" at this TCP port.
-    void start_sentinel(const std::string &port, const std::string &master);
+    void start_sentinel(const std::string &port, const std::string &master, bool tls = false);
+    /// Where the files of certificates.sh are: the same for all servers of a process.
+    static const std::string &certificates();
+    /// The options by which a server takes TLS connections, and no others, at this port.
+    static std::vector<std::string> tls_options(const std::string &port);
     /// A TCP port that nobody uses at the moment.
     static std::string free_port();
     /// kill -9, as a crash.

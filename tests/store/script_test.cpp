@@ -9,7 +9,9 @@
 //                                               does without telling, sofar without waiting
 //         l ace[a]: *4 ace[a,1,1] 8=1 11=3      event, * before that of an echo
 //
-// Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT stand for the server's.
+//     start tls --option value  the server over TLS on PORT, with files of certificates.sh in DIR
+//
+// Texts have %41 for odd bytes and x*9 for nine times x; SOCKET, PORT, DIR stand for the server's.
 #include "record_text.hpp"
 #include "suite.hpp"
 #include "support/transcript.hpp"
@@ -126,7 +128,8 @@ class scenario : public store_users, public plx::Transcript {
     void show(std::string text)
     {
         if (server_)
-            text = replaced(replaced(text, server_->socket(), "SOCKET"), port_, "PORT");
+            text = replaced(replaced(replaced(text, server_->socket(), "SOCKET"), port_, "PORT"),
+                            redis_server::certificates(), "DIR");
         out_ += text + '\n';
     }
 
@@ -143,11 +146,17 @@ class scenario : public store_users, public plx::Transcript {
         return server_ ? server_->url(user, rest) : "mem:script?" + rest;
     }
 
+    std::string placed(const std::string &text) const
+    {
+        return server_ ? replaced(replaced(replaced(text, "SOCKET", server_->socket()), "PORT", port_), "DIR",
+                                  redis_server::certificates())
+                       : text;
+    }
+
     void open(actor &who, const lines &options)
     {
         const bool whole = !options.empty() && options[0].find(':') != std::string::npos;
-        who.context = open_at(whole ? replaced(replaced(options[0], "SOCKET", server_->socket()), "PORT", port_)
-                                    : address(options));
+        who.context = open_at(whole ? placed(options[0]) : address(options));
     }
 
     void act(actor &who, lines words)
@@ -270,7 +279,7 @@ class scenario : public store_users, public plx::Transcript {
         const std::string verb = words[0];
         words.erase(words.begin());
         for (auto &word : words)
-            word = verb == "server" ? unescaped(word) : replaced(word, "PORT", port_);
+            word = verb == "server" ? unescaped(word) : placed(word);
         if (verb == "heard" || verb == "sofar" || verb == "settle")
             hear(words.empty() ? "" : words[0], verb);
         else if (verb == "log")
@@ -320,6 +329,11 @@ class scenario : public store_users, public plx::Transcript {
     void start(lines options)
     {
         std::string answer = "PONG";
+        if (!options.empty() && options[0] == "tls") {
+            options.erase(options.begin());
+            const auto usual = redis_server::tls_options(port_);
+            options.insert(options.begin(), usual.begin(), usual.end());
+        }
         if (!options.empty() && !options[0].starts_with("-"))
             answer = options[0], options.erase(options.begin());
         options.insert(options.end(), {"--appendfsync", "no"}); // the disk's own speed is not what this is about

@@ -130,12 +130,13 @@ constexpr char changes_of[] = "local n = 0 for _, each in ipairs(redis.call('XRA
                               "n = n + (each[2][1] == 'w' and #each[2] / 2 - 1 or 1) end return n";
 
 class client_life;
+constexpr char local[] = "unix:", over_tcp[] = "redis://", over_tls[] = "rediss://";
 
 struct scenario {
     const char *name;
     void (client_life::*live)();
-    bool tcp;
-    size_t stride; // of the bytes behind which the stream ends
+    const char *scheme; // of the address
+    size_t stride;      // of the bytes behind which the stream ends
 };
 
 class client_life : public faults, public testing::WithParamInterface<std::tuple<scenario, int>> {
@@ -190,11 +191,17 @@ class client_life : public faults, public testing::WithParamInterface<std::tuple
     void SetUp() override
     {
         const auto port = redis_server::free_port();
-        server.start({"--appendfsync", "no", "--bind", "127.0.0.1", "--port", mine.tcp ? port : "0"});
+        lines options = {"--bind", "127.0.0.1", "--port", mine.scheme == over_tcp ? port : "0"};
+        if (mine.scheme == over_tls)
+            options = redis_server::tls_options(port);
+        options.insert(options.end(), {"--appendfsync", "no"});
+        server.start(options);
         server.run({"ACL", "SETUSER", "suite", "-info"}); // the refusal has fewer bytes
         address = server.url("suite", "timeout=10000&spin=0");
-        if (mine.tcp)
-            address = "redis://127.0.0.1:" + port + "?timeout=10000&spin=0&" + server.credentials("suite");
+        if (mine.scheme != local)
+            address = mine.scheme + ("127.0.0.1:" + port) + "?timeout=10000&spin=0&" + server.credentials("suite");
+        if (mine.scheme == over_tls)
+            address += "&ca=" + redis_server::certificates() + "/ca.pem";
         const context_ptr writer(tq_context_new_on(address.c_str(), loop.get()));
         client = writer.get(), db = 8;
         std::vector<uint64_t> all(mine.live == &client_life::many_pages ? 2100 : 1);
@@ -312,16 +319,18 @@ const std::map<int, std::string> kinds = {
     {ETIMEDOUT, "ETIMEDOUT"}, {one_byte, "one_byte"}, {end_of_stream, "end_of_stream"}};
 INSTANTIATE_TEST_SUITE_P(
     with, client_life,
-    testing::Combine(testing::Values(scenario{"everyday", &client_life::everyday, false, 1},
-                                     scenario{"everyday_over_tcp", &client_life::everyday, true, 101},
-                                     scenario{"many_pages", &client_life::many_pages, false, 5003},
-                                     scenario{"rewrite", &client_life::rewrite, false, 1499}),
+    testing::Combine(testing::Values(scenario{"everyday", &client_life::everyday, local, 1},
+                                     scenario{"everyday_over_tcp", &client_life::everyday, over_tcp, 101},
+                                     scenario{"everyday_over_tls", &client_life::everyday, over_tls, 211},
+                                     scenario{"many_pages", &client_life::many_pages, local, 5003},
+                                     scenario{"rewrite", &client_life::rewrite, local, 1499}),
                      testing::Values(EINTR, EAGAIN, ECONNRESET, EPIPE, ETIMEDOUT, one_byte, end_of_stream)),
     [](const auto &each) { return std::get<0>(each.param).name + ("_" + kinds.at(std::get<1>(each.param))); });
 
 TEST_P(client_life, goes_on_wherever_a_socket_call_goes_wrong_once)
 {
-    for (size_t turn = 1; survive(turn); turn += kind == end_of_stream ? mine.stride : 1)
+    const size_t calls = mine.scheme == over_tls ? 11 : 1; // each connection takes ten times as long to make
+    for (size_t turn = 1; survive(turn); turn += kind == end_of_stream ? mine.stride : calls)
         ;
 }
 

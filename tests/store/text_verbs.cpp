@@ -40,6 +40,8 @@ std::string parts_of_address(const std::string &text)
         parts += " at " + host.host + " " + std::to_string(host.port);
     if (!url->sentinels.empty())
         parts += " asking as " + url->sentinels.user + " " + url->sentinels.password_file;
+    if (url->tls)
+        parts += " by TLS as " + url->server_name + ": " + url->files.ca + " " + url->files.cert + " " + url->files.key;
     if (url->wait_replicas > 0)
         parts += " waiting for " + std::to_string(url->wait_replicas) + " " + std::to_string(url->wait_ms) + " ms";
     return parts + (url->spin_us == 0 ? " without spinning" : "");
