@@ -260,7 +260,7 @@ void life::look(lines &is, lines &should)
         should.push_back(state(t, e.uuid, e.stat, e.count, e.is_req, e.request != 0, e.value_pri));
         const auto *ace = t.is_apply() ? nullptr : cached_ace(t.acl.type, t.acl.id, t.sn);
         const auto *apply = t.is_apply() ? cached_apply(t.acl.type, t.acl.id, t.apply_type, t.phyid, t.pri) : nullptr;
-        const auto &shown_as = [&](const auto &info, const void *node, const void *request, uint32_t pri) {
+        const auto &shown_as = [&, &t = t](const auto &info, const void *node, const void *request, uint32_t pri) {
             nodes[node] = &t;
             return state(t, info.uuid, info.stat, info.req_count, info.is_req, request != nullptr, pri);
         };

@@ -39,7 +39,7 @@ TEST(RecordKey, has_names_of_31_characters_at_most_and_takes_a_missing_one_for_a
     index.sn = 5;
     index.t_app_type = nullptr;
     EXPECT_EQ(Key(AceKey{"", 0, 5}), key_of(&ace.base));
-    for (const size_t length : {31, 32, 100'000}) {
+    for (const size_t length : {31U, 32U, 100'000U}) {
         std::string name(length, 'a');
         index.t_app_type = name.data();
         EXPECT_EQ(length <= 31, key_of(&ace.base).has_value()) << length;
