@@ -200,11 +200,12 @@ int redis_connection::exchange(const command_buffer &commands)
 
 bool redis_connection::take_in()
 {
+    const auto held = [this] { return reader_->len - reader_->pos + tape_.bytes(); };
     short needs = 0; // where that is to write, the next look goes on
     ssize_t size = read_once(needs);
-    while (size == ssize_t{read_size}) // a whole buffer: there may be more
+    while (size == ssize_t{read_size} && held() <= input_limit) // a whole buffer: there may be more
         size = read_once(needs);
-    return size != transport_ended && reader_->len - reader_->pos + tape_.bytes() <= input_limit;
+    return size != transport_ended && held() <= input_limit;
 }
 
 bool redis_connection::leaves_host() const

@@ -95,11 +95,6 @@ bool redis_delivery::has_enough() const
     return queue_bytes_ >= queue_enough;
 }
 
-bool redis_delivery::any_aside() const
-{
-    return std::any_of(audiences_.begin(), audiences_.end(), [](const auto &each) { return each->aside; });
-}
-
 redis_delivery::outcome redis_delivery::round()
 {
     const struct marker {

@@ -65,7 +65,6 @@ class redis_delivery {
     void lose(redis_audience &to, uint64_t base, uint64_t last, int reason);
     /// As long as so much waits, nothing more is asked for: the server keeps it.
     bool has_enough() const;
-    bool any_aside() const;
 
     /// A callback that runs the loop gets no second round inside its first.
     bool in_round() const { return in_round_; }

@@ -9,7 +9,8 @@
 namespace mom {
 namespace {
 
-constexpr unsigned believed_seconds = 60; // that a reader is where it said
+constexpr unsigned believed_seconds = 60;             // that a reader is where it said
+constexpr size_t longest_position = size_t{64} << 20; // more of an answer is not taken in to see where a log stands
 
 std::string log_id(uint64_t number)
 {
@@ -46,19 +47,40 @@ bool redis_follower::goes_first(const followed &of) const
     return &of == tables_.front().get() && of.table().ref.type->kind == record_kind::publication;
 }
 
-// Three questions about a table's log. Without a log, the first two have no answer; that is no error.
+// Where a log begins or ends with a change that is too big for the server to send, or for us, it is asked without that.
 int redis_follower::position(const redis_table &table, log_position &out)
 {
-    const int asked = calls_.ask([&](command_buffer &commands) {
+    int result = TQ_MOM_OK;
+    for (const asked what : {asked{.latest = true, .state = true}, {.latest = false, .state = true}, {true, false}}) {
+        result = ask_position(table, what);
+        if (result == TQ_MOM_OK)
+            return stands(what, out);
+        if (result != TQ_MOM_DISCONNECTED && result != TQ_MOM_CORRUPT)
+            break;
+    }
+    return result;
+}
+
+// A log's state has its first change in it.
+int redis_follower::ask_position(const redis_table &table, asked what)
+{
+    return calls_.ask([&](command_buffer &commands) {
         commands.command("HMGET", table.meta, "epoch", "format");
-        commands.command("XREVRANGE", table.log, "+", "-", "COUNT", "1");
-        commands.command("XINFO", "STREAM", table.log);
+        if (what.latest)
+            commands.command("XREVRANGE", table.log, "+", "-", "COUNT", "1");
+        if (what.state)
+            commands.command("XINFO", "STREAM", table.log, "FULL", "COUNT", "1");
+        commands.limit_answers(longest_position);
     });
-    if (asked != TQ_MOM_OK)
-        return asked;
+}
+
+// Without a log, it has no state; that is no error.
+int redis_follower::stands(asked what, log_position &out)
+{
     const auto epoch = calls_.link().replies();
-    const auto latest = epoch.next();
-    const auto info = latest.next();
+    const auto none = epoch.at(epoch.size());
+    const auto latest = what.latest ? epoch.next() : none;
+    const auto info = !what.state ? none : what.latest ? latest.next() : epoch.next();
     for (const auto &reply : {epoch, latest})
         if (const int result = calls_.link().judge(reply); result != TQ_MOM_OK)
             return result;
@@ -67,13 +89,14 @@ int redis_follower::position(const redis_table &table, log_position &out)
     const bool no_log = info.is(reply_kind::error) && info.text().starts_with("ERR no such key");
     if (const int result = no_log ? TQ_MOM_OK : calls_.link().judge(info); result != TQ_MOM_OK)
         return result;
-    out = {std::string(epoch.at(0).text()), 0, 0};
+    log_entry entry;
+    const bool known = entry.parse(latest.at(0));
+    out = {std::string(epoch.at(0).text()), entry.number, 0};
     auto item = info.first();
     for (size_t i = 0; i < info.size(); ++i, item = item.next())
         if (item.text() == "last-generated-id" && !parse_log_id(item.next().text(), out.last))
             return TQ_MOM_CORRUPT;
-    log_entry entry;
-    if (out.last != 0 && entry.parse(latest.at(0)) && entry.number == out.last)
+    if (known && entry.number == out.last)
         out.identity = entry.identity();
     return TQ_MOM_OK;
 }

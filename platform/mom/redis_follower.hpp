@@ -66,6 +66,12 @@ class redis_follower {
     followed *find(std::string_view log);
     bool goes_first(const followed &of) const;
     [[nodiscard]] int position(const redis_table &table, log_position &out);
+    struct asked {
+        bool latest; ///< change of the log
+        bool state;
+    };
+    [[nodiscard]] int ask_position(const redis_table &table, asked what);
+    [[nodiscard]] int stands(asked what, log_position &out);
     bool accept_stream(reply_view stream);
     bool accept_entry(followed &of, const log_entry &entry, bool ours);
     [[nodiscard]] int settle(followed &of);

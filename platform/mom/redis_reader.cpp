@@ -198,11 +198,11 @@ void redis_reader::take_in()
     take_answer();
 }
 
-// Perhaps the server found its answer too big for us, or we did.
+// Perhaps the server found its answer too big for us, or we did: entry by entry it tells which.
 void redis_reader::dropped()
 {
     pace_.dropped += pace_.entries == 1 && life_ == life::asked;
-    pace_.entries = std::max(pace_.entries / 2, 1u);
+    pace_.entries = 1;
     reconnect_in(at_once);
 }
 

@@ -33,6 +33,8 @@ struct {
     std::map<int, int> options = {}; // of sockets, for all levels
 } fault;
 
+int deaf = 0; // the socket on which nothing arrives; -1: the next that a question for changes is sent on
+
 int64_t milliseconds = 0; // the time, where it stands still
 int64_t skipped = 0;      // seconds that passed elsewhere
 
@@ -107,11 +109,15 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept
 
 ssize_t send(int fd, const void *bytes, size_t size, int flags)
 {
+    if (deaf == -1 && std::string_view(static_cast<const char *>(bytes), size).find("XREAD") != std::string_view::npos)
+        deaf = fd;
     return call("send", send, fd, bytes, allowed("send", size), flags);
 }
 
 ssize_t recv(int fd, void *bytes, size_t size, int flags)
 {
+    if (fd == deaf)
+        return errno = EAGAIN, -1;
     const bool counted = fault.armed && fault.kind == end_of_stream && (flags & MSG_PEEK) == 0;
     if (counted && fault.seen + 1 == fault.turn && strikes("recv"))
         return shutdown(fd, SHUT_RDWR);
@@ -332,6 +338,23 @@ TEST_P(client_life, goes_on_wherever_a_socket_call_goes_wrong_once)
     const size_t calls = mine.scheme == over_tls ? 11 : 1; // each connection takes ten times as long to make
     for (size_t turn = 1; survive(turn); turn += kind == end_of_stream ? mine.stride : calls)
         ;
+}
+
+TEST_F(faults, a_waiting_connection_that_is_silent_for_nine_seconds_is_made_anew)
+{
+    server.start();
+    hearing heard;
+    deaf = -1;
+    subscribe(open(), heard, ace_record("", 0, 0));
+    wait_for([] { return deaf > 0; });
+    EXPECT_EQ(TQ_MOM_OK, write_ace(open(), 8, ace_record("a", 1, 1)));
+    skipped += 8;
+    int turns = 0;
+    wait_for([&] { return ++turns > 20; });
+    EXPECT_TRUE(heard.lines.empty());
+    skipped += 2;
+    wait_for([&] { return !heard.lines.empty(); });
+    deaf = 0;
 }
 
 /// Where the clock stands still unless somebody waits.
