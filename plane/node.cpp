@@ -32,7 +32,8 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
             [this] { compare_timer_.start_unless_pending(milliseconds(0)); }),
       outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
               [this](const Key &key, uint64_t request) { return current(key, request); }),
-      report_(context_.get(), {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat}),
+      report_(context_.get(),
+              {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat, options_.token}),
       inquiries_(
           context_.get(), options_.db, name_of(options_), plane_,
           [this](const std::string &app) { return refused(app); }, [this] { report(); }),
@@ -84,6 +85,8 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
 {
     auto *self = static_cast<Node *>(arg);
     if (notification->event == TQ_MOM_EVENT_RESYNC) {
+        if (notification->result == TQ_MOM_NEW_HISTORY)
+            self->commits_.forget();
         self->compare_timer_.start(milliseconds(0));
         return 0;
     }
@@ -105,13 +108,7 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
 
 int32_t Node::on_marker(void *, const tq_mom_notification *notification, void *arg) noexcept
 {
-    auto *self = static_cast<Node *>(arg);
-    if (notification->event == TQ_MOM_EVENT_RESYNC) {
-        self->commits_.forget();
-        self->compare_timer_.start(milliseconds(0));
-        return 0;
-    }
-    self->commits_.take(*notification);
+    static_cast<Node *>(arg)->commits_.take(*notification);
     return 0;
 }
 

@@ -43,6 +43,7 @@ struct NodeOptions {
     uint32_t dev = 0;
     uint32_t slot = 0;
     uint32_t id = 0;
+    uint64_t token = 0;           // random; tells it from another node of the same name
     milliseconds heartbeat{5000}; // of the node's record: applications count a node out after 20 s without
     milliseconds counters{10000}; // between two publications of an entry's counters, at least
     uint32_t counter_rate = 200;  // counters published in a second, at most: the rest follow in turn

@@ -113,6 +113,7 @@ int Report::publish(Description plane, uint64_t backlog) const
     PlxNode__NodeReport &report = told.report;
     report.index = &index;
     report.plane = plane.kind.data();
+    report.token = author_.token;
     report.started_ms = started_ms_;
     report.time_ms = wall_clock_ms();
     report.heartbeat_ms = static_cast<uint32_t>(author_.heartbeat.count());

@@ -25,6 +25,7 @@ class Report {
     struct Author {
         uint32_t db, dev, slot, id;
         milliseconds heartbeat;
+        uint64_t token; // as in its claim to the name
     };
 
     // The context outlives it.

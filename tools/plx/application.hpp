@@ -37,7 +37,8 @@ class Application {
     int write(const std::function<void()> &pause, const std::function<bool()> &again);
 
     // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as
-    // it should be is not written: its rows end as unchanged. 0, or the store's code for what could not be read or
+    // it should be is not written: its rows end as unchanged; but all is, as by write(), where that was never done in
+    // the store's history. 0, or the store's code for what could not be read or
     // deleted.
     int write_changes(const std::function<void()> &pause, const std::function<bool()> &again);
 
@@ -110,6 +111,7 @@ class Application {
     int32_t compare_ace(const SPolicy__Ace &record);
     template <typename Message>
     int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &));
+    bool rewritten_before() const;
     void differs(size_t row, bool same);
     void know_unchanged();
     uint64_t store_failures() const;
@@ -156,6 +158,7 @@ class Application {
     int not_swept_ = 0;
     Changes changes_;
     Excess excess_;
+    bool whole_ = false; // what the store has already is written, too
 };
 
 } // namespace plx::tool

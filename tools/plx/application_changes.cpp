@@ -34,9 +34,19 @@ fp_udp_acl_info acl_of(const std::string &application, uint32_t id)
 
 } // namespace
 
+// What nodes hold of a history that is lost they hold until a rewrite has ended in this one. What cannot be asked is
+// left as it is.
+bool Application::rewritten_before() const
+{
+    Record selection(s_policy__ace__descriptor);
+    selection.set_key_text(0, policy_.application.c_str());
+    tq_mom_history history{};
+    return tq_mom_history_sync(context_, db_, selection.message(), 1, &history) != 0 || history.rewritten != 0;
+}
+
 void Application::differs(size_t row, bool same)
 {
-    if (same)
+    if (same && !whole_)
         ledger_.end(row, Outcome::unchanged, "");
     else
         ++changes_.changed;
@@ -162,10 +172,12 @@ void Application::remove_excess(const std::function<void()> &breathe)
         mgr_->del_acl(context_, &acl);
 }
 
+// Nobody has ended a rewrite in the store's history: then this is one.
 // What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
 // direction goes first, since the library tells them apart by port and priority alone.
 int Application::write_changes(const std::function<void()> &pause, const std::function<bool()> &again)
 {
+    whole_ = !rewritten_before();
     int result = compare(s_policy__acl__descriptor, &Application::compare_acl);
     result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply);
     result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace);
@@ -173,6 +185,8 @@ int Application::write_changes(const std::function<void()> &pause, const std::fu
         return result;
     changes_.added = ledger_.count(Outcome::unwritten) - changes_.changed;
     changes_.removed = excess_.entries.size() + excess_.applies.size() + excess_.turned.size() + excess_.acls.size();
+    if (whole_)
+        return write(pause, again);
     const uint64_t before = store_failures();
     remove(excess_.turned);
     know_unchanged();

@@ -25,6 +25,7 @@
 #include <optional>
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
+#include <random>
 #include <sched.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
@@ -45,7 +46,7 @@ struct NodeCommandOptions {
 
 class NodeRun {
   public:
-    explicit NodeRun(const NodeCommandOptions &options) : options_(options) {}
+    explicit NodeRun(NodeCommandOptions options) : options_(std::move(options)) {}
     int run();
 
   private:
@@ -58,6 +59,8 @@ class NodeRun {
     int wait_for_store(const StopOnSignal &stop);
     int start(const StopOnSignal &stop);
     int look_for_twin(const StopOnSignal &stop, bool &found);
+    int claim(const StopOnSignal &stop, bool &lost);
+    void run_until(milliseconds end, const StopOnSignal &stop, const bool &enough);
     Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
     Record record(const ProtobufCMessageDescriptor &table) const;
     void retire();
@@ -65,7 +68,7 @@ class NodeRun {
     int fail(int exit_code, const std::string &text) const;
     bool refuse(const std::string &text) const { return fail(EXIT_USAGE, text) == EXIT_DONE; }
 
-    const NodeCommandOptions &options_;
+    NodeCommandOptions options_;
     Loop loop_;
     std::unique_ptr<plane::Plane> plane_;
     plane::nftables::NftablesPlane *nftables_ = nullptr; // the plane, when it is one
@@ -183,6 +186,8 @@ void NodeRun::release()
 
 int NodeRun::run()
 {
+    std::random_device random;
+    options_.node.token = static_cast<uint64_t>(random()) << 32 | random();
     loop_.reset(tq_loop_new());
     if (loop_ == nullptr)
         return tell_no_context(options_.store);
@@ -230,12 +235,12 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
 // it is called, and at its next heartbeat in any case.
 int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
 {
-    constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000}, without_a_record{200};
+    constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000};
     const Context context = new_context();
     const Record own = record(s_policy__service_node__descriptor);
     const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
         tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
-    if (left == nullptr || left->status != 0)
+    if (left == nullptr || left->status != 0 || left->record == nullptr)
         return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
     const auto hear = [](void *, const tq_mom_notification *told, void *arg) -> int32_t {
         *static_cast<bool *>(arg) = *static_cast<bool *>(arg) || told->event == TQ_MOM_EVENT_PUBLISHED;
@@ -244,11 +249,34 @@ int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
     if (const int result = tq_mom_subscribe(context.get(), options_.node.db, own.message(), 3, hear, &found))
         return result;
     const bool called = call_nodes(context.get(), options_.node.db) == 0;
-    const milliseconds end = now() + (left->record == nullptr ? without_a_record
-                                      : called                ? until_an_answer
-                                                              : until_a_heartbeat);
-    while (!found && !stop.asked() && now() < end)
+    const milliseconds end = now() + (called ? until_an_answer : until_a_heartbeat);
+    run_until(end, stop, found);
+    return 0;
+}
+
+void NodeRun::run_until(milliseconds end, const StopOnSignal &stop, const bool &enough)
+{
+    while (!enough && !stop.asked() && now() < end)
         tq_loop_run_once(loop_.get(), static_cast<int>((end - now()).count()));
+}
+
+// Of those that start at the same moment none sees another live. Each leaves its token where its report will be, and
+// the last one's stays; one that runs already, whose record the store has lost, puts its own there when it is called.
+int NodeRun::claim(const StopOnSignal &stop, bool &lost)
+{
+    constexpr milliseconds until_all_have_claimed{250};
+    const Context context = new_context();
+    Record own = record(plx_node__node_report__descriptor);
+    own.set_number("token", options_.node.token);
+    if (const int result = tq_mom_set_sync(context.get(), options_.node.db, own.message()); result != 0)
+        return result;
+    (void)call_nodes(context.get(), options_.node.db);
+    run_until(now() + until_all_have_claimed, stop, false);
+    const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
+        tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
+    if (left == nullptr || left->status != 0)
+        return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
+    lost = left->record != nullptr && number_field(left->record, "token") != options_.node.token;
     return 0;
 }
 
@@ -256,18 +284,21 @@ int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
 // once.
 int NodeRun::start(const StopOnSignal &stop)
 {
-    if (const int result = look_for_twin(stop, twin_); result != 0 || twin_ || stop.asked())
+    int result = look_for_twin(stop, twin_);
+    if (result == 0 && !twin_)
+        result = claim(stop, twin_);
+    if (result != 0 || twin_ || stop.asked())
         return result;
-    if (const int result = tq_mom_set_sync(new_context().get(), options_.node.db,
-                                           record(s_policy__service_node__descriptor).message());
-        result != 0)
+    result =
+        tq_mom_set_sync(new_context().get(), options_.node.db, record(s_policy__service_node__descriptor).message());
+    if (result != 0)
         return result;
     plane::NodeOptions options = options_.node;
     options.tell = [this](const std::string &text) { log(text); };
     Context context = new_context();
     tq_context *const connection = context.get();
     node_.emplace(std::move(context), *plane_, std::move(options));
-    const int result = node_->start();
+    result = node_->start();
     if (result == 0)
         store_watch_.emplace(connection, options_.node.db, [this](const std::string &text) { log(text); });
     else
