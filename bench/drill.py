@@ -10,12 +10,12 @@ bounded; fails when a drill does.
 import collections
 import os
 import re
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
+
+from stage import Stage
 
 PLX = os.path.join(os.path.abspath(sys.argv[1]), "plx")
 ENTRIES = int(sys.argv[2]) if len(sys.argv) > 2 else 20000
@@ -24,39 +24,15 @@ LONGEST = 300
 ROW = re.compile(r"acl (\d+) sn (\d+) +(\w+(?: out)?)")
 
 
-def policy(path):
-    with open(path, "w", encoding="utf-8") as out:
-        out.write("application: drill\nacls:\n")
-        for acl in (1, 2):
-            out.write(f"- id: {acl}\n  class: 1\n  entries:\n")
-            for i in range(ENTRIES // 2):
-                out.write(f"  - {{sn: {i + 1}, match: {{etype: ipv4, ipv4_src: "
-                          f"{10 + (i >> 16)}.{i >> 8 & 255}.{i & 255}.0/24}}, action: {{fwd: deny}}}}\n")
-        out.write("applies:\n- {acl: 1, port: 1, direction: in}\n- {acl: 2, port: 2, direction: in}\n")
-
-
-class Drill:
+class Drill(Stage):
     def __init__(self, options):
-        self.directory = tempfile.mkdtemp(prefix="plx-drill-")
-        self.store = f"unix:{self.directory}/s{options}"
-        self.processes = []
-        self.start(["redis-server", "--port", "0", "--unixsocket", self.directory + "/s", "--dir", self.directory,
-                    "--save", ""], "server", "eady to accept")
+        super().__init__()
+        self.store = f"unix:{self.path('s')}{options}"
+        self.start(["redis-server", "--port", "0", "--unixsocket", self.path("s"), "--dir", self.folder, "--save", ""],
+                   "server", "eady to accept")
         self.nodes = [self.node(slot) for slot in (1, 2, 3)]
-        self.reader = self.start([PLX, "monitor", "--store", self.store, "ace", "apply"], "reader", "watching")
-        policy(self.directory + "/policy")
-
-    def start(self, command, name, ready):
-        log = os.path.join(self.directory, name)
-        with open(log, "w", encoding="utf-8") as out:
-            process = subprocess.Popen(command, stdout=subprocess.DEVNULL if name == "reader" else out, stderr=out)
-        self.processes.append(process)
-        until = time.monotonic() + 30
-        while ready not in open(log, encoding="utf-8").read():
-            if process.poll() is not None or time.monotonic() > until:
-                raise RuntimeError(f"{name} is not ready")
-            time.sleep(0.02)
-        return process
+        self.reader = self.start([PLX, "monitor", "--store", self.store, "ace", "apply"], "reader", "watching", quiet=True)
+        self.policy("policy", 2, ENTRIES // 2)
 
     def node(self, slot):
         refusing = ["--simulate", "refuse=drill/2"] if slot == 1 else []
@@ -64,14 +40,14 @@ class Drill:
         return self.start(command, f"node{slot}", "ready")
 
     def written(self):
-        shown = subprocess.run(["redis-cli", "-s", self.directory + "/s", "ZCARD", "plx{8:ace}/index"],
+        shown = subprocess.run(["redis-cli", "-s", self.path("s"), "ZCARD", "plx{8:ace}/index"],
                                capture_output=True, text=True, check=True)
         return int(shown.stdout)
 
     def run(self, happens):
         """What is wrong, or ''. `happens` when a third of the entries is written."""
-        with open(self.directory + "/outcomes", "w", encoding="utf-8") as out:
-            apply = subprocess.Popen([PLX, "apply", "--store", self.store, "--nodes", "3", self.directory + "/policy"],
+        with open(self.path("outcomes"), "w", encoding="utf-8") as out:
+            apply = subprocess.Popen([PLX, "apply", "--store", self.store, "--nodes", "3", self.path("policy")],
                                      stdout=out, stderr=subprocess.DEVNULL)
         self.processes.append(apply)
         until = time.monotonic() + LONGEST
@@ -86,21 +62,13 @@ class Drill:
 
     def judge(self, code):
         outcomes = collections.Counter()
-        with open(self.directory + "/outcomes", encoding="utf-8") as lines:
+        with open(self.path("outcomes"), encoding="utf-8") as lines:
             rows = [found.groups() for found in map(ROW.match, lines) if found]
         for acl, _, outcome in rows:
             outcomes[acl, outcome] += 1
         once = len({row[:2] for row in rows}) == len(rows) == 2 * (ENTRIES // 2)
         right = outcomes == {("1", "programmed"): ENTRIES // 2, ("2", "failed"): ENTRIES // 2}
         return "" if once and right and code == 3 else f"{len(rows)} rows, {dict(outcomes)}, exit {code}"
-
-    def end(self):
-        for process in reversed(self.processes):
-            if process.poll() is None:
-                process.send_signal(signal.SIGCONT)
-                process.kill()
-            process.wait()
-        shutil.rmtree(self.directory)
 
 
 def paused(process, seconds):
@@ -145,11 +113,8 @@ def main():
         if NAME not in what:
             continue
         begin = time.monotonic()
-        drill = Drill(options)
-        try:
+        with Drill(options) as drill:
             wrong = drill.run(happens)
-        finally:
-            drill.end()
         failed += wrong != ""
         print(f"{what}: {wrong or 'as it should be'} ({time.monotonic() - begin:.0f} s)", flush=True)
     return 1 if failed else 0
