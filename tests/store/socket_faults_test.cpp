@@ -71,6 +71,7 @@ int socket(int domain, int type, int protocol) noexcept
 int connect(int fd, const sockaddr *address, socklen_t size)
 {
     fault.connections += 1;
+    deaf = fd == deaf ? 0 : deaf;
     return call("connect", connect, fd, address, size);
 }
 
@@ -354,7 +355,6 @@ TEST_F(faults, a_waiting_connection_that_is_silent_for_nine_seconds_is_made_anew
     EXPECT_TRUE(heard.lines.empty());
     skipped += 2;
     wait_for([&] { return !heard.lines.empty(); });
-    deaf = 0;
 }
 
 /// Where the clock stands still unless somebody waits.
