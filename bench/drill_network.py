@@ -138,7 +138,7 @@ def big(place):
     subprocess.run(["ip", "netns", "exec", NEAR, sys.executable, "-c", code], input=text, check=True, stdout=subprocess.DEVNULL)
     begin = time.monotonic()
     code = place.apply("behind", 20, "--nodes", "1").wait(WORKS)
-    return f"programmed {time.monotonic() - begin:.1f} s after a change of 300 MB; plx apply ended with {code}"
+    return f"plx apply ended with {code} {time.monotonic() - begin:.1f} s after a change of 300 MB"
 
 
 WRITER = """
