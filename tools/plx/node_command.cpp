@@ -224,9 +224,7 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
         if (result != told)
             log("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
         told = result;
-        const milliseconds next = now() + between_tries;
-        while (!stop.asked() && now() < next)
-            tq_loop_run_once(loop_.get(), static_cast<int>((next - now()).count()));
+        run_until(now() + between_tries, stop, false);
     }
     return 0;
 }
