@@ -346,7 +346,7 @@ TEST_F(faults, a_waiting_connection_that_is_silent_for_nine_seconds_is_made_anew
     server.start();
     hearing heard;
     deaf = -1;
-    subscribe(open(), heard, ace_record("", 0, 0));
+    subscribe(open(), heard, ace_record("a", 0, 0));
     wait_for([] { return deaf > 0; });
     EXPECT_EQ(TQ_MOM_OK, write_ace(open(), 8, ace_record("a", 1, 1)));
     skipped += 8;
