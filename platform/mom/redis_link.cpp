@@ -223,7 +223,7 @@ int redis_link::explain(const endpoint &where, const trouble &why)
     if (why.text.empty())
         return why.result;
     const bool understood =
-        url_.scheme == store_scheme::unix_socket || why.result != TQ_MOM_TIMEOUT && why.result != TQ_MOM_DISCONNECTED;
+        url_.scheme == store_scheme::unix_socket || (why.result != TQ_MOM_TIMEOUT && why.result != TQ_MOM_DISCONNECTED);
     const int result = understood || generation_ > 0 ? why.result : try_other_way(where, why.result);
     if (std::exchange(told_, why.text) != why.text)
         report(TQ_ZLOG_ERROR, "the policy store at " + name_of(url_) + ": " + why.text);
