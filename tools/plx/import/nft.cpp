@@ -3,6 +3,7 @@
 
 #include "import/prefixes.hpp"
 #include <algorithm>
+#include <array>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -44,9 +45,11 @@ class Reader {
 
     void read(std::istream &in)
     {
-        std::string text(most_bytes, '\0');
-        in.read(text.data(), static_cast<std::streamsize>(text.size()));
-        text.resize(static_cast<size_t>(in.gcount()));
+        std::string text;
+        for (std::array<char, 65536> piece{}; in && text.size() < most_bytes;) {
+            in.read(piece.data(), piece.size());
+            text.append(piece.data(), static_cast<size_t>(in.gcount()));
+        }
         const json whole = json::parse(text, nullptr, false);
         if (!whole.is_object() || !whole.contains("nftables") || !whole["nftables"].is_array())
             throw Unsaid("this is not the output of 'nft -j list ruleset'");
