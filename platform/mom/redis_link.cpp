@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
 constexpr std::chrono::milliseconds longest_standstill{60'000};
 constexpr std::chrono::milliseconds idle{2};
-constexpr uint32_t longest_doubt_ms = 200;
+constexpr uint32_t longest_doubt_ms = 500;
 
 // The value of a line "name:value" of an INFO answer.
 std::string_view info_value(std::string_view info, std::string_view name)
