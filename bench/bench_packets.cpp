@@ -1,5 +1,6 @@
 // The plane in the Linux kernel, beside `nft -f` of the same rules in turns, in a network namespace of its own: the
-// time to load, and one change among many; and what a list costs a packet. Needs root; says so and ends without a verdict otherwise.
+// time to load, and one change among many; and what a list costs a packet. Needs root;
+// says so and ends without a verdict otherwise.
 #include "support/harness.hpp"
 
 #include "plane/nftables/nftables_plane.hpp"

@@ -38,8 +38,8 @@ struct SimulatedOptions {
     std::vector<Rule> rules;           // all that match take effect
     uint64_t packets_per_reading = 16; // traffic: each reading of an entry's counters finds so many more, of 64 bytes
 
-    // Reads one of: size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]. False when `text`
-    // is none of them.
+    // Reads one of: size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]. False when
+    // `text` is none of them.
     bool add(std::string_view text);
 };
 

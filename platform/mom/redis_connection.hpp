@@ -1,6 +1,7 @@
 // One connection to a server: bytes out, replies in, each bounded by a deadline.
 //
-// 1. It is opened, and with TLS made secure (transport.hpp), within the URL's time, for a redis_link (calls) or, by way of one, for the reader of changes.
+// 1. It is opened, and with TLS made secure (transport.hpp), within the URL's time, for a redis_link (calls) or, by
+//    way of one, for the reader of changes.
 // 2. What is sent is gone when send() returns. Replies are put on a tape in the order in which they come; who sent
 //    knows what each of them answers.
 // 3. Who waits for a reply polls for a moment, yielding the CPU, before it sleeps: the answer is mostly there sooner

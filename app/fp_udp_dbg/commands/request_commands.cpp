@@ -1,5 +1,5 @@
-// The debug commands that an application asks for: how requests ended so far, those that are waited for, and a digest of
-// the cache.
+// The debug commands that an application asks for: how requests ended so far, those that are waited for, and a digest
+// of the cache.
 #include "../../list.hpp"
 #include "shell.hpp"
 

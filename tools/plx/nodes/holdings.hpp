@@ -1,6 +1,6 @@
-// The records of an application as one party has them - a policy file, the store - in the form in which they are compared
-// with what others say that they have: a number for each key and for each content (records/digest.hpp). The file and
-// the store themselves are compared attribute by attribute, by policy_diff.hpp.
+// The records of an application as one party has them - a policy file, the store - in the form in which they are
+// compared with what others say that they have: a number for each key and for each content (records/digest.hpp). The
+// file and the store themselves are compared attribute by attribute, by policy_diff.hpp.
 #pragma once
 
 #include "policy.hpp"

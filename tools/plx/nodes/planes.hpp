@@ -1,5 +1,5 @@
-// What service nodes' planes have otherwise than they should: each node is asked for sums over parts of what it has, and
-// for the records of those parts alone whose sums are not the ones wanted.
+// What service nodes' planes have otherwise than they should: each node is asked for sums over parts of what it has,
+// and for the records of those parts alone whose sums are not the ones wanted.
 #pragma once
 
 #include "nodes/holdings.hpp"
