@@ -115,6 +115,7 @@ class Record {
   public:
     explicit Record(const ProtobufCMessageDescriptor &descriptor); // with an empty key, if its table has keys
     Record(const ProtobufCMessageDescriptor &descriptor, const Key &key);
+    Record(const ProtobufCMessageDescriptor &descriptor, Key &&key) = delete;
     Record(Record &&) = default; // the record points at its key: moving keeps both in place, a copy would not
 
     void set_number(const char *name, uint64_t value); // no field of that name: nothing happens

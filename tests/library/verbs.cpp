@@ -852,7 +852,11 @@ const std::map<std::string, verb> verbs = {
      })},
     // The clock; by microseconds no timer fires, and time may go back
     {"begin_waiting", number([](auto &, auto &) { return fp_udp_req_init(&context, g_req_para.handler); })},
-    {"timers", [](auto &, auto &) { return format("%d %d", fp_udp_expire(), fp_udp_req_check()); }},
+    {"timers",
+     [](auto &, auto &) {
+         const auto check = fp_udp_req_check(), expire = fp_udp_expire();
+         return format("%d %d", expire, check);
+     }},
     {"seconds", silent([](auto &, auto &a) { fake::clock.advance_seconds(static_cast<uint64_t>(a.number())); })},
     {"microseconds", silent([](auto &, auto &a) { fake::clock.now_us += static_cast<uint64_t>(a.number()); })},
     {"clock", silent([](auto &, auto &a) {

@@ -373,6 +373,13 @@ std::string Shell::of_other_user()
     return text;
 }
 
+bool asleep(pid_t pid)
+{
+    std::string line;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), line);
+    return line.find(") S ") != std::string::npos;
+}
+
 void interrupt(bool on)
 {
     struct sigaction ignored = {};
@@ -419,6 +426,8 @@ std::string Shell::perform(const std::string &line)
         later_error = text == "off" ? 0 : EAGAIN;
     } else if (verb == "limit") {
         const pid_t pid = servers_.front().process->pid();
+        while (!asleep(pid)) // it may still have something open for what it was asked last
+            poll(nullptr, 0, 1);
         rlim_t most = text == "none" ? 1024 : 0;
         for (int free = text == "none" ? 0 : std::stoi(text); free > 0; ++most)
             free -= std::filesystem::is_symlink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(most)) ? 0 : 1;

@@ -62,9 +62,10 @@ std::string Session::on_terminal(const std::string &verb, const std::string &res
 
 std::string Session::perform(const std::string &line)
 {
-    static const std::regex command("(\\w*)\\$ (?:(\\w+)& )?(.*)");
-    if (std::smatch found; std::regex_match(line, found, command)) {
-        const std::string script = "cd $DIR; " + (found[2].matched ? "exec " : std::string()) + found[3].str();
+    // Not the whole line: the library goes one call deeper for each character.
+    static const std::regex command("(\\w*)\\$ (?:(\\w+)& )?");
+    if (std::smatch found; std::regex_search(line, found, command, std::regex_constants::match_continuous)) {
+        const std::string script = "cd $DIR; " + (found[2].matched ? "exec " : std::string()) + found.suffix().str();
         if (!found[2].matched)
             return shown(tool::run_program("/bin/sh", {"-c", script}, environment(found[1])));
         started_[found[2]] =

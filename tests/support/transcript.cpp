@@ -13,7 +13,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string heading = "== ", came = "    ", varies = "    ~ ";
+// Known before anything runs: scenarios are registered while other files are initialised.
+constexpr std::string_view heading = "== ", came = "    ", varies = "    ~ ";
 
 Lines lines_of(std::istream &&text)
 {
@@ -100,7 +101,7 @@ bool Transcript::step(const Step &step, size_t number, Lines &written)
     Lines got;
     for (const std::string &line : lines_of(std::istringstream(perform(expanded(step.line)))))
         if (!line.empty())
-            got.push_back(came + shortened(line));
+            got.push_back(std::string(came) + shortened(line));
     const bool same = IsSkipped() || std::ranges::equal(step.expected, got, fits);
     written.insert(written.end(), same ? step.expected.begin() : got.begin(), same ? step.expected.end() : got.end());
     if (same || getenv("PLX_ACCEPT"))

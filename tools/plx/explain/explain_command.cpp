@@ -444,7 +444,8 @@ void ExplainRun::settle(const SceneAcl &acl, const NodeName &name, const Local &
 
 void ExplainRun::tell_counter(const SceneAcl &acl, const SceneEntry &entry) const
 {
-    const Record wanted(s_policy__ace_counter__descriptor, AceKey{acl.app, acl.id, entry.sn});
+    const Key key = AceKey{acl.app, acl.id, entry.sn};
+    const Record wanted(s_policy__ace_counter__descriptor, key);
     tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message());
     if (found != nullptr && found->record != nullptr) {
         const uint64_t packets = number_field(found->record, "counter_pkt");
