@@ -53,7 +53,8 @@ def lint(job):
     name, stamp = job
     if stamp.exists():
         return True
-    done = subprocess.run([TIDY, "-p", BUILD, "--quiet", name], capture_output=True, text=True)
+    only = ["--checks=-bugprone-suspicious-include"] if len(parts(name)) > 1 else []
+    done = subprocess.run([TIDY, "-p", BUILD, "--quiet", *only, name], capture_output=True, text=True)
     if done.returncode == 0:
         stamp.touch()
         return True
