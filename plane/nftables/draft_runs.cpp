@@ -33,7 +33,7 @@ int Draft::read_lookups(const std::string &page, Run &run)
     return error;
 }
 
-// The look-ups of a layer stand before those of the next.
+// Look-ups stand in the order of the places: those of a layer before those of the next, wherever one comes or goes.
 void Draft::write_maps(const std::string &page, const PageChange &change, size_t owner)
 {
     const RunPointer &run = change.after->run;
@@ -42,8 +42,7 @@ void Draft::write_maps(const std::string &page, const PageChange &change, size_t
             continue;
         const std::string part = map_part(*run->shape, place), map = map_name(page, part);
         setting_.table.add_map(batch_, map, run->shape->fields, map_data_of({*run->shape, place}), owner);
-        const auto next = std::find_if(run->maps.begin(), run->maps.end(),
-                                       [&](const auto &old) { return old.first.first > place.first; });
+        const auto next = run->maps.upper_bound(place);
         const Place where = next == run->maps.end() ? Place{} : Place{Place::before, next->second};
         nlmsghdr *rule = setting_.table.add_rule(batch_, page, where, echo_, owner);
         lookups_.emplace_back(batch_.size(), run, place);

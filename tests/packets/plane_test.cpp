@@ -285,9 +285,10 @@ TEST_F(NftablesPlaneTest, runs_of_entries_count_what_a_list_in_order_would)
     };
     std::map<std::pair<uint64_t, uint64_t>, Known> model; // by the priority's complement and number
     program({applied(apply_to(1))});
+    bool looked_up = false; // by a map, at least once
     for (uint64_t request = 1; request <= 16; ++request) {
         std::map<uint64_t, Change> changes;
-        for (uint64_t left = random() % (request % 4 == 0 ? 300 : 9) + 1; left-- > 0;) {
+        for (uint64_t left = request == 4 ? 300 : random() % (request % 4 == 0 ? 300 : 9) + 1; left-- > 0;) {
             const uint64_t sn = random() % 400;
             if (changes.contains(sn))
                 continue;
@@ -330,8 +331,9 @@ TEST_F(NftablesPlaneTest, runs_of_entries_count_what_a_list_in_order_would)
             ASSERT_EQ(known.packets, seen.at(ace(at.second)).packets) << "request " << request << ", " << at.second;
         ASSERT_EQ(model.size(), plane_->installed().size() - 1);
         ASSERT_EQ(model.size(), plane_->read_back("edge")->size() - 1);
+        looked_up = looked_up || ruleset().find("@nh,96,32 vmap @acl.edge.10.") != std::string::npos;
     }
-    EXPECT_THAT(ruleset(), testing::HasSubstr("@nh,96,32 vmap @acl.edge.10."));
+    EXPECT_TRUE(looked_up);
     EXPECT_EQ("", output_of("nft -j list ruleset 2>&1 >/dev/null"));
 }
 
