@@ -100,8 +100,8 @@ void add_store(CLI::App &command, ApplyOptions &options, Given &given)
 {
     given.store = command
                       .add_option("--store", options.store,
-                                  "address of the store: unix:/path, redis://host:port; mem: for one in this process, "
-                                  "with simulated nodes")
+                                  "address of the store: unix:/path, redis://host:port, rediss:// with TLS; mem: for "
+                                  "one in this process, with simulated nodes")
                       ->envname("PLX_STORE")
                       ->check([](const std::string &text) { return text.empty() ? "an empty address" : ""; })
                       ->capture_default_str();

@@ -333,7 +333,9 @@ void add_node_command(CLI::App &app, int &exit_code)
     const auto hold = std::make_shared<uint32_t>(options->node.hold.count() / 1000);
     CLI::App *command =
         app.add_subcommand("node", "Run a service node: take up what the store asks for, program it, and answer.");
-    command->add_option("--store", options->store, "address of the store: unix:/path, redis://host:port")
+    command
+        ->add_option("--store", options->store,
+                     "address of the store: unix:/path, redis://host:port, rediss:// with TLS")
         ->envname("PLX_STORE")
         ->capture_default_str();
     command->add_option("--db", options->node.db, "number of the policy database")->capture_default_str();

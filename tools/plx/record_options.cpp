@@ -65,7 +65,7 @@ const Kind *find_kind(const std::string &name)
 
 void StoreOptions::add_to(CLI::App &command)
 {
-    command.add_option("--store", store, "address of the store: unix:/path, redis://host:port")
+    command.add_option("--store", store, "address of the store: unix:/path, redis://host:port, rediss:// with TLS")
         ->envname("PLX_STORE")
         ->capture_default_str();
     command.add_option("--db", db, "number of the policy database")->capture_default_str();
