@@ -8,6 +8,7 @@ them.
 """
 
 import collections
+import ctypes
 import json
 import pathlib
 import signal
@@ -67,7 +68,9 @@ def check(line, number, valid):
 
 
 def main():
-    command = subprocess.Popen(sys.argv[2:], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    # The command ends with this, however this ends: 1 is PR_SET_PDEATHSIG.
+    command = subprocess.Popen(sys.argv[2:], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                               preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGTERM))
     signal.signal(signal.SIGTERM, lambda number, frame: command.send_signal(number))
     counts, rows, valid = collections.Counter(), [], None
     for number, line in enumerate(command.stdout):
