@@ -273,6 +273,24 @@ TEST_F(NftablesPlaneTest, random_changes_leave_the_order_that_is_asked_for)
 
 // Prefixes that overlap, and rules of other shapes between them: each frame counts for the first that matches it, on
 // counters that go on whatever happens to the entry and its neighbours.
+// A map comes to a layer that others stand behind already, whose own maps did not come in the order of their masks.
+TEST_F(NftablesPlaneTest, an_earlier_layer_is_looked_up_first_whenever_its_maps_came)
+{
+    const auto deny = [](uint64_t sn, const std::string &source, uint64_t priority) {
+        return entry(sn, "ipv4_src=" + source + " -> fwd=deny", priority);
+    };
+    std::vector<Change> hosts{applied(apply_to(1))};
+    for (uint64_t sn = 1; sn <= 200; ++sn)
+        hosts.push_back(deny(sn, "10.0.0." + std::to_string(sn), 9));
+    EXPECT_THAT(program(hosts), testing::Each(0));
+    EXPECT_THAT(program({deny(300, "10.0.0.7", 8)}), testing::Each(0));      // in a second layer, behind 7
+    EXPECT_THAT(program({deny(301, "10.0.0.16/28", 8)}), testing::Each(0));  // in it too, after that
+    EXPECT_THAT(program({deny(302, "10.0.0.96/29", 10)}), testing::Each(0)); // before 96 to 103, which move behind it
+    send_frame(0x0a000060);
+    EXPECT_EQ(1U, counters().at(ace(302)).packets) << ruleset();
+    EXPECT_EQ(0U, counters().at(ace(96)).packets);
+}
+
 TEST_F(NftablesPlaneTest, runs_of_entries_count_what_a_list_in_order_would)
 {
     const unsigned seed = std::random_device()();
