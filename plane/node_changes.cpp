@@ -93,7 +93,7 @@ void Node::drop_staged(std::vector<Change> &changes)
     });
 }
 
-// ---- comparing
+// ---- comparing ------------------------------------------------------------------------------------------------------
 
 void Node::compare()
 {
@@ -229,8 +229,7 @@ std::vector<Change> Node::removals(const Comparison &comparison)
     return changes;
 }
 
-// ---- what is left of entries that went
-// ------------------------------------------------------------------------------
+// ---- what is left of entries that went ------------------------------------------------------------------------------
 
 // Where a table cannot be read, later once more.
 void Node::clear_leftovers()
@@ -270,8 +269,7 @@ bool Node::is_leftover(const Key &key)
     return gone;
 }
 
-// ---- making
-// ---------------------------------------------------------------------------------------------------------
+// ---- making ---------------------------------------------------------------------------------------------------------
 
 void Node::make(std::vector<Change> changes)
 {

@@ -2,6 +2,7 @@
 #include "plane/report.hpp"
 
 #include "plane/messages.hpp"
+#include "records/node_report.hpp"
 #include <algorithm>
 #include <tq_mom.h>
 
@@ -11,7 +12,6 @@ namespace {
 
 constexpr size_t refusals_kept = 64; // so that there are some when those that were told are mended
 constexpr size_t refusals_told = 20;
-constexpr size_t applications_told = 256;
 constexpr size_t longest_text = 256;
 
 void put(std::vector<uint32_t> &numbers, size_t &count, uint32_t *&field)
@@ -78,7 +78,7 @@ void Report::tell_applications(Told &told) const
         told.report.programmed += application.programmed.count;
         told.report.refused += application.refused;
         told.report.last_request = std::max(told.report.last_request, application.last_request);
-        if (told.applications.size() == applications_told)
+        if (told.applications.size() == most_applications)
             continue;
         PlxNode__NodeApplication &one = told.applications.add();
         one.app = told.texts.keep(name);

@@ -76,6 +76,13 @@ std::optional<NodeName> node_of(const ProtobufCMessage *record)
     return std::nullopt;
 }
 
+std::optional<Digest> NodeReport::programmed_of(const std::string &app) const
+{
+    if (const auto own = applications.find(app); own != applications.end())
+        return own->second.programmed;
+    return applications.size() < most_applications ? std::optional(Digest()) : std::nullopt;
+}
+
 std::optional<NodeReport> report_of(const ProtobufCMessage *record)
 {
     if (record == nullptr || record->descriptor != &plx_node__node_report__descriptor)

@@ -44,6 +44,8 @@ struct NodeApplication {
 NodeEntry entry_of(const PlxNode__NodeEntry &entry);
 std::string bounded_text(const char *text); // of a record: "" for none, and at most 256 bytes
 
+constexpr size_t most_applications = 256; // that a report tells of
+
 // The fields of the record `node_report`, in its order and its units.
 struct NodeReport {
     std::string plane;
@@ -55,6 +57,9 @@ struct NodeReport {
     std::vector<uint32_t> ports{}, refused_attributes{};
     std::map<std::string, NodeApplication> applications{};
     std::vector<NodeEntry> refusals{};
+
+    // What it has programmed of an application. nullopt: it names as many as a report can, and not this one.
+    std::optional<Digest> programmed_of(const std::string &app) const;
 };
 
 // nullopt when it is no such record.

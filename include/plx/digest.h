@@ -2,8 +2,8 @@
  * an application's cache.
  *
  * A record adds two numbers to a sum, made of its key and of what stands under it, modulo 2^64. The order does not
- * matter, and every machine makes the same number of the same record. The sums tell mistakes and losses apart from
- * nothing, not forgeries.
+ * matter, and every machine makes the same number of the same record. The sums show mistakes and losses, not
+ * forgeries.
  *
  * A key's number begins with that of its table (PLX_DIGEST_ACE, PLX_DIGEST_APPLY) and goes through its fields in order:
  *   ace:   app_type, acl_id, sn
@@ -37,8 +37,8 @@ static inline uint64_t plx_digest_stir(uint64_t number)
     return number ^ number >> 31U;
 }
 
-/* A key's number with one field more: `hash` is the number so far, `number` the field. The order of fields
- * matters.
+/* A key's number with one field more: `hash` is the number so far, `number` the field. The order of
+ * fields matters.
  */
 static inline uint64_t plx_digest_number(uint64_t hash, uint64_t number)
 {

@@ -22,9 +22,8 @@ typedef struct tq_context {
 /* A context with a loop of its own and a store client that connects on first use. `store_url` is "mem:" or "mem:NAME"
  * for the embedded store, shared by name between the contexts of one thread, or the address of a server: "unix:/path",
  * "redis://[user[:password]@]host[:port]", with TLS "rediss://...?ca=FILE". NULL: the environment's PLX_STORE, else
- * "mem:". NULL is returned, with errno set, when the address is malformed (EINVAL),
- * memory is short (ENOMEM) or too few descriptors are left
- * (EMFILE, ENFILE). */
+ * "mem:". NULL is returned, with errno set, when the address is malformed (EINVAL), memory is short (ENOMEM) or too few
+ * descriptors are left (EMFILE, ENFILE). */
 tq_context *tq_context_new(const char *store_url);
 
 /* The same on a loop that stays the caller's, so that several contexts (say, an application and the service nodes

@@ -1,17 +1,11 @@
 // See transport.hpp.
 #include "transport.hpp"
 
-#include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace mom {
 namespace {
-
-bool later()
-{
-    return errno == EAGAIN || errno == EINTR;
-}
 
 class plain_transport : public transport {
   public:

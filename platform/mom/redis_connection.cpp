@@ -220,7 +220,9 @@ bool redis_connection::leaves_host() const
         getnameinfo(plain, size, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
         return std::string(text.data());
     };
-    return text_of(getpeername) != text_of(getsockname);
+    const std::string peer = text_of(getpeername);
+    const bool loopback = peer.starts_with("127.") || peer.starts_with("::ffff:127.");
+    return !loopback && peer != text_of(getsockname);
 }
 
 } // namespace mom

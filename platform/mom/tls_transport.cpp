@@ -4,7 +4,6 @@
 #include "small_file.hpp"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <climits>
 #include <new>
 #include <openssl/err.h>
@@ -40,11 +39,6 @@ template <typename Object> Object *made(Object *object)
 int fd_of(BIO *bio)
 {
     return static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
-}
-
-bool later()
-{
-    return errno == EAGAIN || errno == EINTR;
 }
 
 int write_below(BIO *bio, const char *bytes, int size)

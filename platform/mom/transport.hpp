@@ -9,6 +9,7 @@
 #ifndef TQ_MOM_TRANSPORT_HPP
 #define TQ_MOM_TRANSPORT_HPP
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,6 +20,12 @@
 namespace mom {
 
 constexpr ssize_t transport_ended = -1;
+
+/// Of a call on the socket that failed: it may go well the next time.
+inline bool later()
+{
+    return errno == EAGAIN || errno == EINTR;
+}
 
 /// Why there is no connection, or none any more.
 struct trouble {

@@ -1,6 +1,8 @@
-/* A service node that lies: it has a record and a report, and answers every question with what no node would say. */
+/* A service node and an application that lie: there is a record and a report of it, and a debug shell, and every question
+ * is answered with what nobody would say. */
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
+#include <ssat.h>
 #include <stdio.h>
 #include <string.h>
 #include <tq_context.h>
@@ -48,6 +50,13 @@ static int32_t on_query(void *handle, const tq_mom_notification *told, void *arg
     return 0;
 }
 
+static int on_digest(int argc, const ssat_value *argv)
+{
+    (void)argc, (void)argv;
+    (void)puts("0 1 1 1\n1 2 nothing");
+    return fflush(stdout);
+}
+
 int main(void)
 {
     tq_context *context = tq_context_new(NULL);
@@ -59,6 +68,9 @@ int main(void)
     PlxNode__NodeEntry refusal = PLX_NODE__NODE_ENTRY__INIT, *refusals[] = {&refusal};
     uint32_t ports[] = {UINT32_MAX, 5};
     memset(noise, '\033', sizeof noise - 1);
+    if (ssat_lib_init(context, "liar.plx") != 0 ||
+        ssat_reg_mod_cmd("liar.plx", "plx_cache_digest", 0, "app_type=%s, part=%d, $n", on_digest) != 0)
+        return 1;
     if (context == NULL || tq_mom_client_connect_sync(context, DB) != 0 ||
         tq_mom_subscribe(context, DB, &queries.base, 0, on_query, NULL) != 0)
         return 1;

@@ -300,6 +300,8 @@ class scenario : public store_users, public plx::Transcript {
             fs::copy(data(), data() + ".older", fs::copy_options::recursive);
         else if (verb == "older")
             fs::remove_all(data()), fs::rename(data() + ".older", data());
+        else if (verb == "abroad" || verb == "home")
+            peers_are_abroad = verb == "abroad";
         else if (verb == "stop" || verb == "go")
             server_->signal(verb == "stop" ? SIGSTOP : SIGCONT);
         else if (const auto text = text_verb(verb, words.at(0)); !text.empty())

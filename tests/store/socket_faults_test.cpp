@@ -17,6 +17,8 @@
 #include <set>
 #include <sys/socket.h>
 
+bool peers_are_abroad = false;
+
 namespace {
 
 // In place of an errno:
@@ -85,6 +87,14 @@ int setsockopt(int fd, int level, int name, const void *value, socklen_t size) n
     if (fault.armed && size == sizeof(int))
         fault.options[level == IPPROTO_TCP ? -name : name] = *static_cast<const int *>(value);
     return call("setsockopt", setsockopt, fd, level, name, value, size);
+}
+
+int getpeername(int fd, sockaddr *address, socklen_t *size) noexcept
+{
+    const int result = call("getpeername", getpeername, fd, address, size);
+    if (peers_are_abroad && result == 0 && address->sa_family == AF_INET)
+        reinterpret_cast<sockaddr_in *>(address)->sin_addr.s_addr = htonl(0xc0000201); // 192.0.2.1
+    return result;
 }
 
 int poll(pollfd *watched, nfds_t count, int timeout)

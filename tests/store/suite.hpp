@@ -60,6 +60,9 @@ struct hearing {
     bool ends_with(const std::string &line) const { return !lines.empty() && lines.back() == line; }
 };
 
+/// Sockets of the client say that they lead to another machine.
+extern bool peers_are_abroad;
+
 /// Contexts on one loop.
 class store_users {
   protected:

@@ -62,7 +62,7 @@ int NodesDiff::run()
         else
             ask(name, node);
     }
-    if (watch_.all().empty())
+    if (watch_.recorded() == 0)
         output().note("no service node has a record in the store");
     return silent_ ? EXIT_NO_ANSWER : differs_ ? EXIT_DIFFERS : EXIT_DONE;
 }
@@ -70,10 +70,7 @@ int NodesDiff::run()
 // As it reports.
 bool NodesDiff::same(const NodeWatch::Node &node) const
 {
-    if (!node.report || node.report->backlog != 0)
-        return false;
-    const auto own = node.report->applications.find(app_);
-    return (own == node.report->applications.end() ? Digest() : own->second.programmed) == sum(wanted_.parts());
+    return node.report && node.report->backlog == 0 && node.report->programmed_of(app_) == sum(wanted_.parts());
 }
 
 void NodesDiff::silent(const NodeName &name, const std::string &error)
@@ -92,11 +89,11 @@ void NodesDiff::ask(const NodeName &name, const NodeWatch::Node &node)
         asked_ = planes_.compare(name, wanted_, found, error);
     if (plane && asked_ == 0 && error.empty())
         return tell(name, plane->count, found);
-    if (asked_ == 0 || !node.report)
+    const auto reported = node.report ? node.report->programmed_of(app_) : std::nullopt;
+    if (asked_ == 0 || !reported)
         return silent(name, error.empty() ? tq_mom_strerror(asked_) : error);
-    const auto own = node.report->applications.find(app_);
     found.unnamed = 1;
-    tell(name, own == node.report->applications.end() ? 0 : own->second.programmed.count, found);
+    tell(name, reported->count, found);
 }
 
 void NodesDiff::tell(const NodeName &name, size_t has, const Differences &found)

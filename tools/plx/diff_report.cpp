@@ -41,8 +41,7 @@ void object_to_ports(const Policy &policy, const std::map<NodeName, NodeReport> 
 // What a node has of the application in entries, as far as its report tells.
 size_t entries_there(const std::string &app, size_t applies, const NodeReport &report)
 {
-    const auto own = report.applications.find(app);
-    const size_t records = own == report.applications.end() ? 0 : own->second.programmed.count;
+    const size_t records = report.programmed_of(app).value_or(Digest()).count;
     return records - std::min(records, applies);
 }
 

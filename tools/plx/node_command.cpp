@@ -42,6 +42,7 @@ struct NodeCommandOptions {
     std::optional<size_t> table_size;
     std::vector<std::string> simulate;
     NftablesFlags nftables;
+    bool json = false;
 };
 
 class NodeRun {
@@ -324,66 +325,83 @@ void NodeRun::retire()
             log("its " + table_name(*table) + " stays in the store: " + tq_mom_strerror(result));
 }
 
+// Who the node is, and where.
+void add_identity(CLI::App &command, NodeCommandOptions &options)
+{
+    command
+        .add_option("--store", options.store, "address of the store: unix:/path, redis://host:port, rediss:// with TLS")
+        ->envname("PLX_STORE")
+        ->capture_default_str();
+    command.add_option("--db", options.node.db, "number of the policy database")->capture_default_str();
+    command.add_option("--dev", options.node.dev, "device number")->capture_default_str();
+    command.add_option("--slot", options.node.slot, "slot number")->capture_default_str();
+    command.add_option("--id", options.node.id, "number of the service on its slot")->capture_default_str();
+}
+
+template <typename Unit>
+CLI::Option *add_time(CLI::App &command, const char *name, milliseconds &time, const char *text)
+{
+    return command
+        .add_option_function<uint32_t>(
+            name, [&time](uint32_t count) { time = Unit(count); }, text)
+        ->default_str(std::to_string(std::chrono::duration_cast<Unit>(time).count()));
+}
+
+void add_behaviour(CLI::App &command, NodeCommandOptions &options)
+{
+    add_time<milliseconds>(command, "--heartbeat", options.node.heartbeat,
+                           "milliseconds between two signs of life; applications count a node out after 20 s without")
+        ->check(CLI::Range(10U, 5000U));
+    add_time<std::chrono::seconds>(
+        command, "--hold", options.node.hold,
+        "seconds for which that stays programmed which the store has lost, if its application does not "
+        "write it again before; 0: until it has")
+        ->check(CLI::Range(0U, 31'536'000U));
+    command
+        .add_option("--counter-rate", options.node.counter_rate,
+                    "counters published in a second, at most; those of other entries follow in turn")
+        ->check(CLI::Range(1U, 1'000'000U))
+        ->capture_default_str();
+}
+
+void add_plane(CLI::App &command, NodeCommandOptions &options)
+{
+    command
+        .add_option("--plane", options.plane, "forwarding plane behind the node: sim, or nftables, the Linux kernel's")
+        ->check(CLI::IsMember({"sim", "nftables"}))
+        ->capture_default_str();
+    command.add_option("--table-size", options.table_size,
+                       "room of the plane in entries; 4096 of sim, 1000000 of nftables");
+    command.add_option("--simulate", options.simulate, "how the simulated plane behaves; see below")
+        ->allow_extra_args(false);
+    add_options(command, options.nftables);
+}
+
+constexpr char node_footer[] =
+    "Behaviour of the simulated plane (--simulate), any number of:\n"
+    "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]\n"
+    "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
+    "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
+    "A store that comes back without what it held withdraws nothing for a while (--hold). SIGUSR1 ends that.\n"
+    "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).";
+
 } // namespace
 
 void add_node_command(CLI::App &app, int &exit_code)
 {
     const auto options = std::make_shared<NodeCommandOptions>();
-    const auto heartbeat = std::make_shared<uint32_t>(options->node.heartbeat.count());
-    const auto hold = std::make_shared<uint32_t>(options->node.hold.count() / 1000);
     CLI::App *command =
         app.add_subcommand("node", "Run a service node: take up what the store asks for, program it, and answer.");
-    command
-        ->add_option("--store", options->store,
-                     "address of the store: unix:/path, redis://host:port, rediss:// with TLS")
-        ->envname("PLX_STORE")
-        ->capture_default_str();
-    command->add_option("--db", options->node.db, "number of the policy database")->capture_default_str();
-    command->add_option("--dev", options->node.dev, "device number")->capture_default_str();
-    command->add_option("--slot", options->node.slot, "slot number")->capture_default_str();
-    command->add_option("--id", options->node.id, "number of the service on its slot")->capture_default_str();
-    command
-        ->add_option("--heartbeat", *heartbeat,
-                     "milliseconds between two signs of life; applications count a node out after 20 s without")
-        ->check(CLI::Range(10U, 5000U))
-        ->capture_default_str();
-    command
-        ->add_option("--hold", *hold,
-                     "seconds for which that stays programmed which the store has lost, if its application does not "
-                     "write it again before; 0: until it has")
-        ->check(CLI::Range(0U, 31'536'000U))
-        ->capture_default_str();
-    command
-        ->add_option("--counter-rate", options->node.counter_rate,
-                     "counters published in a second, at most; those of other entries follow in turn")
-        ->check(CLI::Range(1U, 1'000'000U))
-        ->capture_default_str();
-    command
-        ->add_option("--plane", options->plane,
-                     "forwarding plane behind the node: sim, or nftables, the Linux kernel's")
-        ->check(CLI::IsMember({"sim", "nftables"}))
-        ->capture_default_str();
-    command->add_option("--table-size", options->table_size,
-                        "room of the plane in entries; 4096 of sim, 1000000 of nftables");
-    command->add_option("--simulate", options->simulate, "how the simulated plane behaves; see below")
-        ->allow_extra_args(false);
-    add_options(*command, options->nftables);
-    const auto json = std::make_shared<bool>(false);
-    command->add_flag("--json", *json, "what it tells, one JSON object a line, on standard output");
-    command->footer(
-        "Behaviour of the simulated plane (--simulate), any number of:\n"
-        "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]\n"
-        "  PATTERN is APP, APP/ACL or APP/ACL/SN, each part possibly *; none matches all.\n\n"
-        "The plane nftables is described in plx-nftables(7). SIGHUP reads the file of --ports again.\n"
-        "A store that comes back without what it held withdraws nothing for a while (--hold). SIGUSR1 ends that.\n"
-        "SIGTERM and SIGINT end the node. It tells systemd when it is ready (Type=notify).");
+    add_identity(*command, *options);
+    add_behaviour(*command, *options);
+    add_plane(*command, *options);
+    command->add_flag("--json", options->json, "what it tells, one JSON object a line, on standard output");
+    command->footer(node_footer);
     add_forget_command(*command, exit_code);
-    command->callback([options, heartbeat, hold, json, command, &exit_code] {
+    command->callback([options, command, &exit_code] {
         if (!command->get_subcommands().empty())
             return;
-        options->node.heartbeat = milliseconds(*heartbeat);
-        output().begin("node", *json);
-        options->node.hold = std::chrono::seconds(*hold);
+        output().begin("node", options->json);
         exit_code = NodeRun(*options).run();
     });
 }

@@ -248,10 +248,10 @@ void VerifyRun::compare_report(const NodeName &name, const Digest &plane)
     const auto report = reports_.find(name);
     if (report == reports_.end() || report->second.backlog != 0)
         return;
-    const Digest believed = report->second.applications[app_].programmed;
-    if (believed != plane)
+    const auto believed = report->second.programmed_of(app_);
+    if (believed && *believed != plane)
         tell("report", "node " + text_of(name),
-             "it reports " + std::to_string(believed.count) + ", its plane has " + std::to_string(plane.count),
+             "it reports " + std::to_string(believed->count) + ", its plane has " + std::to_string(plane.count),
              {{{"report", "not what the plane has"}}, 0});
 }
 

@@ -55,16 +55,16 @@ bool Cache::read(std::optional<PartDigests> &sums, std::string &error)
     if (!ask("-1", answer, error)) // a program without the type, or of an older library, has nothing to tell
         return answer.status == SSAT_FAILED || answer.status == SSAT_UNKNOWN || answer.error == ECONNREFUSED;
     std::istringstream lines(answer.text);
-    PartDigests &all = sums.emplace();
+    PartDigests all;
     uint32_t part = 0;
-    while (lines >> std::dec >> part) {
-        Digest sum;
-        if (part >= all.size() || !(lines >> sum.count >> std::hex >> sum.lo >> sum.hi)) {
-            error = "its answer is none";
-            return false;
-        }
-        all[part] = sum;
+    bool understood = true;
+    while (understood && lines >> std::dec >> part)
+        understood = part < all.size() && (lines >> all[part].count >> std::hex >> all[part].lo >> all[part].hi);
+    if (!understood || !lines.eof()) {
+        error = "its answer is none";
+        return false;
     }
+    sums = all;
     return true;
 }
 

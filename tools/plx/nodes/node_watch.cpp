@@ -12,7 +12,6 @@ namespace plx::tool {
 
 namespace {
 
-constexpr size_t most_applications = 256; // that a report has
 constexpr size_t most_listed = 8;
 
 // The field's bytes are a length and the text.
@@ -135,10 +134,9 @@ int32_t NodeWatch::on_report(void *, const tq_mom_notification *change, void *ar
     const auto report = change->result == 0 && name ? report_of(change->record) : std::nullopt;
     if (!report || change->event == TQ_MOM_EVENT_DELETED)
         return 0;
-    const auto told = report->applications.find(self->app_);
-    if (told == report->applications.end() && report->applications.size() >= most_applications)
+    const auto has = report->programmed_of(self->app_);
+    if (!has)
         return 0;
-    const Digest has = told == report->applications.end() ? Digest() : told->second.programmed;
     std::optional<Digest> &known = self->nodes_[*name].has;
     if (known != has)
         self->last_change_ = now();
