@@ -8,13 +8,11 @@ configuration that is shipped. Times are CPU time of whole processes, memory is 
 not told otherwise; a million takes minutes. With --applications so many processes write at once, each an application of its own. Fails when a goal is missed by more than its margin.
 """
 import os
-import shutil
 import subprocess
 import sys
-import tempfile
 import time
 
-from processes import PLX, Goals, Process, option
+from stage import PLX, Goals, Stage, cpu, memory, option
 
 
 def policy(path, entries, application="scale"):
@@ -27,68 +25,61 @@ def policy(path, entries, application="scale"):
         out.write("applies:\n- {acl: 1, port: 1-4, direction: in}\n")
 
 
-class Place:
+class Place(Stage):
     """A server and nodes, and the tool on them."""
 
     def __init__(self, entries, nodes):
+        super().__init__()
         self.entries = entries
-        self.directory = tempfile.mkdtemp(prefix="plx-scale-")
-        socket = self.directory + "/socket"
-        self.store = "unix:" + socket
         durable = ["--appendonly", "yes", "--appendfsync", "always"] if "--durable" in sys.argv else []
-        self.server = Process(["redis-server", "--port", "0", "--unixsocket", socket, "--dir", self.directory, "--save",
-                               "", "--hash-max-listpack-value", "256", *durable], self.directory + "/server")
-        while not os.path.exists(socket):
-            time.sleep(0.02)
+        self.address = self.local_store("--hash-max-listpack-value", "256", *durable)
         self.nodes = []
         for _ in range(nodes):
             self.add_node()
-        self.file = self.directory + "/policy.yaml"
+        self.file = self.path("policy.yaml")
         policy(self.file, entries)
         self.settle()
-        self.before = [each.memory() for each in (self.server, self.nodes[0])]
+        self.before = [memory(each) for each in (self.server, self.nodes[0])]
 
     def add_node(self):
         number = str(len(self.nodes) + 1)
-        node = Process([PLX, "node", "--store", self.store, "--id", number, "--table-size", "100000000"],
-                       self.directory + "/node" + number)
-        node.wait_for("ready")
-        self.nodes.append(node)
-        return node
+        self.nodes.append(self.start([PLX, "node", "--store", self.address, "--id", number, "--table-size", "100000000"],
+                                     "node" + number, "ready"))
+        return self.nodes[-1]
 
     def settle(self):
         """Until server and nodes have done what they do a while after a start."""
         quiet = 0
         while quiet < 5:
-            before = [each.cpu() for each in [self.server] + self.nodes]
+            before = [cpu(each) for each in [self.server] + self.nodes]
             time.sleep(1)
-            busy = max(each.cpu() - then for each, then in zip([self.server] + self.nodes, before))
+            busy = max(cpu(each) - then for each, then in zip([self.server] + self.nodes, before))
             quiet = quiet + 1 if busy < 0.1 else 0
 
     def apply(self, *arguments):
         """CPU time for each entry of application, server and nodes, in us; the application's memory; seconds."""
         beside = [self.server] + self.nodes
-        before = [each.cpu() for each in beside]
+        before = [cpu(each) for each in beside]
         begin = time.monotonic()
-        command = [PLX, "apply", "--store", self.store, "--nodes", str(len(self.nodes)), *arguments, self.file]
-        with open(self.directory + "/outcomes", "w") as out:
+        command = [PLX, "apply", "--store", self.address, "--nodes", str(len(self.nodes)), *arguments, self.file]
+        with open(self.path("outcomes"), "w") as out:
             child = subprocess.Popen(command, stdout=out)
             _, status, usage = os.wait4(child.pid, 0)
         if os.waitstatus_to_exitcode(status) != 0:
             print(f"  plx apply ended with {os.waitstatus_to_exitcode(status)}")
         seconds = time.monotonic() - begin
-        used = [usage.ru_utime + usage.ru_stime] + [each.cpu() - then for each, then in zip(beside, before)]
+        used = [usage.ru_utime + usage.ru_stime] + [cpu(each) - then for each, then in zip(beside, before)]
         each = [1e6 * time_used / self.entries for time_used in used]
         return [each[0], each[1], sum(each[2:])], usage.ru_maxrss * 1024, seconds
 
     def apply_at_once(self, applications):
         """The same CPU times for so many processes, each with the policy of an application of its own."""
-        files = [f"{self.directory}/policy{i}" for i in range(applications)]
+        files = [self.path(f"policy{i}") for i in range(applications)]
         for i, file in enumerate(files):
             policy(file, self.entries, f"scale{i}")
         beside = [self.server] + self.nodes
-        before = [each.cpu() for each in beside]
-        command = [PLX, "apply", "--store", self.store, "--nodes", str(len(self.nodes))]
+        before = [cpu(each) for each in beside]
+        command = [PLX, "apply", "--store", self.address, "--nodes", str(len(self.nodes))]
         children = [subprocess.Popen(command + [file], stdout=subprocess.DEVNULL) for file in files]
         used = 0
         for child in children:
@@ -96,14 +87,9 @@ class Place:
             used += usage.ru_utime + usage.ru_stime
             if status != 0:
                 print(f"  plx apply ended with {os.waitstatus_to_exitcode(status)}")
-        times = [used] + [each.cpu() - then for each, then in zip(beside, before)]
+        times = [used] + [cpu(each) - then for each, then in zip(beside, before)]
         each = [1e6 * time_used / self.entries / applications for time_used in times]
         return [each[0], each[1], sum(each[2:])]
-
-    def end(self):
-        for each in self.nodes + [self.server]:
-            each.end()
-        shutil.rmtree(self.directory)
 
 
 def cpu_rows(goals, what, used, goal=None):
@@ -115,33 +101,36 @@ def cpu_rows(goals, what, used, goal=None):
 def idle(place, seconds):
     beside = [place.server] + place.nodes
     place.settle()
-    before = [each.cpu() for each in beside]
+    before = [cpu(each) for each in beside]
     time.sleep(seconds)
-    return max(100 * (each.cpu() - then) / seconds for each, then in zip(beside, before))
+    return max(100 * (cpu(each) - then) / seconds for each, then in zip(beside, before))
 
 
 def measure(goals, entries, nodes):
     print(f"{entries} entries, {nodes} nodes", flush=True)
-    place = Place(entries, nodes)
+    with Place(entries, nodes) as place:
+        return rows(goals, place, entries, nodes)
+
+
+def rows(goals, place, entries, nodes):
     used, application, seconds = place.apply()
     cpu_rows(goals, "written anew", used, 25 if entries == 100_000 and nodes == 1 else None)
     goals.row("written anew, by the clock", seconds, "s")
     written = sum(used)
-    goals.row("memory of the server, an entry", (place.server.memory() - place.before[0]) / entries, "bytes")
-    goals.row("memory of a node, an entry", (place.nodes[0].memory() - place.before[1]) / entries, "bytes")
+    goals.row("memory of the server, an entry", (memory(place.server) - place.before[0]) / entries, "bytes")
+    goals.row("memory of a node, an entry", (memory(place.nodes[0]) - place.before[1]) / entries, "bytes")
     goals.row("memory of the application, an entry, at most", application / entries, "bytes")
     used, _, _ = place.apply("--changes-only")
     cpu_rows(goals, "again, --changes-only", used, written / 4 if entries == 100_000 else None)
     begin = time.monotonic()
-    subprocess.run([PLX, "show", "ace", "--store", place.store, "--app", "scale", "--acl", "1", "--sn", "5"],
+    subprocess.run([PLX, "show", "ace", "--store", place.address, "--app", "scale", "--acl", "1", "--sn", "5"],
                    stdout=subprocess.DEVNULL, check=True)
     goals.row("one entry shown", 1000 * (time.monotonic() - begin), "ms", 50)
     begin = time.monotonic()
     late = place.add_node()
     goals.row("a late node is ready", time.monotonic() - begin, "s", 6)
-    goals.row("its CPU time", late.cpu(), "s")
+    goals.row("its CPU time", cpu(late), "s")
     goals.row("busiest of server and nodes, idle", idle(place, 20), "%", 2)
-    place.end()
     return written
 
 
@@ -149,9 +138,8 @@ def main():
     goals = Goals()
     applications = int(option("--applications", "0"))
     if applications > 0:
-        place = Place(int(option("--entries", "1000")), int(option("--nodes", "1")))
-        cpu_rows(goals, f"{applications} applications at once", place.apply_at_once(applications))
-        place.end()
+        with Place(int(option("--entries", "1000")), int(option("--nodes", "1"))) as place:
+            cpu_rows(goals, f"{applications} applications at once", place.apply_at_once(applications))
         return 0
     sizes = [int(size) for size in option("--entries", "10000,100000").split(",")]
     written = [measure(goals, size, int(option("--nodes", "1"))) for size in sizes]

@@ -10,13 +10,11 @@ goal is missed by more than its margin.
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
-import tempfile
 import time
 
-from processes import PLX, Goals, Process, option
+from stage import PLX, Goals, Stage, memory, option
 
 
 def entries_of(count, other=None):
@@ -52,49 +50,36 @@ def run(arguments, output=subprocess.DEVNULL):
     return time.monotonic() - begin, usage.ru_maxrss * 1024
 
 
-class Wire:
+class Wire(Stage):
     """This namespace and another, a wire between them, a server, and a node that programs this end."""
 
     def __init__(self):
-        self.directory = tempfile.mkdtemp(prefix="plx-wire-")
-        self.far = subprocess.Popen(["unshare", "--net", "sleep", "infinity"])
-        self.at_far = ["nsenter", "--net", "--target", str(self.far.pid)]
+        super().__init__()
+        far = self.start(["unshare", "--net", "sleep", "infinity"], "far")
+        self.at_far = ["nsenter", "--net", "--target", str(far.pid)]
         own = os.readlink("/proc/self/ns/net")
-        while os.readlink(f"/proc/{self.far.pid}/ns/net") == own:
+        while os.readlink(f"/proc/{far.pid}/ns/net") == own:
             time.sleep(0.01)
-        for command in ("ip link add wire0 type veth peer name wire1", f"ip link set wire1 netns {self.far.pid}",
+        for command in ("ip link add wire0 type veth peer name wire1", f"ip link set wire1 netns {far.pid}",
                         "ip addr add 192.168.77.1/24 dev wire0", "ip link set wire0 up"):
             subprocess.run(command.split(), check=True)
         for command in ("ip addr add 192.168.77.2/24 dev wire1", "ip link set wire1 up"):
             subprocess.run(self.at_far + command.split(), check=True)
-        socket = self.directory + "/socket"
-        self.store = "unix:" + socket
-        self.server = Process(["redis-server", "--port", "0", "--unixsocket", socket, "--dir", self.directory, "--save",
-                               ""], self.directory + "/server")
-        while not os.path.exists(socket):
-            time.sleep(0.02)
-        self.node = Process([PLX, "node", "--store", self.store, "--plane", "nftables", "--port", "1=wire0"],
-                            self.directory + "/node")
-        self.node.wait_for("ready")
+        self.address = self.local_store()
+        self.node = self.start([PLX, "node", "--store", self.address, "--plane", "nftables", "--port", "1=wire0"], "node",
+                               "ready")
 
     def apply(self, policy, *options):
-        with open(self.directory + "/outcomes", "w") as out:
-            return run([PLX, "apply", "--store", self.store, "--json", *options, policy], out)[0]
+        with open(self.path("outcomes"), "w", encoding="utf-8") as out:
+            return run([PLX, "apply", "--store", self.address, "--json", *options, policy], out)[0]
 
     def outcome_us(self, entry):
-        with open(self.directory + "/outcomes") as lines:
+        with open(self.path("outcomes"), encoding="utf-8") as lines:
             return next(line["took_us"] for line in map(json.loads, lines) if line.get("entry") == entry)
 
     def ping(self):
         ping = ["ping", "-i", "0.002", "-w", "600", "-q", "192.168.77.1"]
         return subprocess.Popen(self.at_far + ping, stdout=subprocess.PIPE, text=True)
-
-    def end(self):
-        self.node.end()
-        self.server.end()
-        self.far.kill()
-        self.far.wait()
-        shutil.rmtree(self.directory)
 
 
 def lost(ping):
@@ -105,19 +90,23 @@ def lost(ping):
 
 def measure(goals, count):
     print(f"{count} entries", flush=True)
-    wire = Wire()
-    rules, policy, changed = (f"{wire.directory}/{name}" for name in ("rules", "policy.yaml", "changed.yaml"))
+    with Wire() as wire:
+        return rows(goals, wire, count)
+
+
+def rows(goals, wire, count):
+    rules, policy, changed = (wire.path(name) for name in ("rules", "policy.yaml", "changed.yaml"))
     write_rules(rules, count)
     write_policy(policy, count)
     write_policy(changed, count, other=count // 2)
     beside, nft_memory = run(["nft", "-f", rules])
     subprocess.run(["nft", "delete", "table", "netdev", "beside"], check=True)
-    before = wire.node.memory()
+    before = memory(wire.node)
     seconds = wire.apply(policy)
-    node_memory = wire.node.memory() - before
+    node_memory = memory(wire.node) - before
     goals.row("nft -f", beside, "s")
     goals.row("plx apply, from its start to its end", seconds, "s")
-    goals.row("plx apply beside nft -f", seconds / beside, "times", 1.5)
+    goals.row("plx apply beside nft -f", seconds / beside, "times", 1.5 if count >= 10_000 else None)
     goals.row("memory of the node beside that of nft", node_memory / nft_memory, "times", 0.2)
     wire.apply(changed, "--changes-only")
     goals.row("the first change of one entry, answered after", wire.outcome_us(f"acl 1 sn {count // 2 + 1}") / 1e3, "ms")
@@ -128,7 +117,6 @@ def measure(goals, count):
     wire.apply(policy)
     sent, missing = lost(ping)
     goals.row(f"lost of {sent} pings while all is written twice", missing, "", 0)
-    wire.end()
     return seconds / count
 
 

@@ -27,16 +27,14 @@ ROW = re.compile(r"acl (\d+) sn (\d+) +(\w+(?: out)?)")
 class Drill(Stage):
     def __init__(self, options):
         super().__init__()
-        self.store = f"unix:{self.path('s')}{options}"
-        self.start(["redis-server", "--port", "0", "--unixsocket", self.path("s"), "--dir", self.folder, "--save", ""],
-                   "server", "eady to accept")
+        self.address = self.local_store() + options
         self.nodes = [self.node(slot) for slot in (1, 2, 3)]
-        self.reader = self.start([PLX, "monitor", "--store", self.store, "ace", "apply"], "reader", "watching", quiet=True)
+        self.reader = self.start([PLX, "monitor", "--store", self.address, "ace", "apply"], "reader", "watching", quiet=True)
         self.policy("policy", 2, ENTRIES // 2)
 
     def node(self, slot):
         refusing = ["--simulate", "refuse=drill/2"] if slot == 1 else []
-        command = [PLX, "node", "--store", self.store, "--slot", str(slot), "--table-size", str(ENTRIES), *refusing]
+        command = [PLX, "node", "--store", self.address, "--slot", str(slot), "--table-size", str(ENTRIES), *refusing]
         return self.start(command, f"node{slot}", "ready")
 
     def written(self):
@@ -47,7 +45,7 @@ class Drill(Stage):
     def run(self, happens):
         """What is wrong, or ''. `happens` when a third of the entries is written."""
         with open(self.path("outcomes"), "w", encoding="utf-8") as out:
-            apply = subprocess.Popen([PLX, "apply", "--store", self.store, "--nodes", "3", self.path("policy")],
+            apply = subprocess.Popen([PLX, "apply", "--store", self.address, "--nodes", "3", self.path("policy")],
                                      stdout=out, stderr=subprocess.DEVNULL)
         self.processes.append(apply)
         until = time.monotonic() + LONGEST

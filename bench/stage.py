@@ -1,15 +1,39 @@
-"""What drills share: a folder of their own, the processes in it and what these say, and policies of as many entries as are asked for."""
+"""What drills, and benchmarks of whole processes, share: a folder of their own, the processes in it, what these say and take, policies of
+as many entries as are asked for, and goals."""
 import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
+
+BIN = os.path.dirname(os.path.abspath(__file__))  # of a benchmark, which is built beside the program
+PLX = os.path.join(BIN, "plx")
+TICK = os.sysconf("SC_CLK_TCK")
+MARGIN = 1.10
+
+
+def option(name, default):
+    return sys.argv[sys.argv.index(name) + 1] if name in sys.argv else default
+
+
+def cpu(process):
+    """Seconds that it took so far."""
+    with open(f"/proc/{process.pid}/stat", encoding="utf-8") as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / TICK
+
+
+def memory(process):
+    """Resident, in bytes."""
+    with open(f"/proc/{process.pid}/status", encoding="utf-8") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS")) * 1024
 
 
 class Stage:
     def __init__(self):
-        self.folder = tempfile.mkdtemp(prefix="plx-drill-")
+        self.folder = tempfile.mkdtemp(prefix="plx-stage-")
         self.processes = []
 
     def __enter__(self):
@@ -46,6 +70,12 @@ class Stage:
             time.sleep(0.02)
         return time.monotonic() - begin
 
+    def local_store(self, *options):
+        """A server on a socket of its own that keeps nothing on disk unless told; its address."""
+        self.server = self.start(["redis-server", "--port", "0", "--unixsocket", self.path("s"), "--dir", self.folder,
+                                  "--save", "", *options], "server", "eady to accept")
+        return f"unix:{self.path('s')}"
+
     def policy(self, name, acls, entries):
         """A file of so many ACLs with so many entries each, every one applied to a port of its own."""
         with open(self.path(name), "w", encoding="utf-8") as out:
@@ -58,3 +88,17 @@ class Stage:
             out.write("applies:\n")
             out.writelines(f"- {{acl: {acl}, port: {acl}, direction: in}}\n" for acl in range(1, acls + 1))
         return self.path(name)
+
+
+class Goals:
+    missed = 0
+
+    def row(self, what, figure, unit, goal=None):
+        """A figure; with a goal, which it may miss by the margin."""
+        verdict = ""
+        if goal is not None:
+            reached = figure <= goal
+            verdict = f"  goal {goal:g}: " + ("reached" if reached else
+                                             "within margin" if figure <= goal * MARGIN else "MISSED")
+            Goals.missed += figure > goal * MARGIN
+        print(f"  {what:<46}{figure:>10.2f} {unit}{verdict}", flush=True)

@@ -1,4 +1,5 @@
 // Keys and contents taken from records, hostile ones among them.
+#include "records/node_report.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
 
@@ -44,6 +45,17 @@ TEST(RecordKey, has_names_of_31_characters_at_most_and_takes_a_missing_one_for_a
         index.t_app_type = name.data();
         EXPECT_EQ(length <= 31, key_of(&ace.base).has_value()) << length;
     }
+}
+
+TEST(Report, that_names_as_many_applications_as_it_can_says_nothing_of_others)
+{
+    NodeReport report;
+    while (report.applications.size() + 1 < most_applications)
+        report.applications["a" + std::to_string(report.applications.size())].programmed.count = 1;
+    EXPECT_EQ(Digest(), report.programmed_of("other"));
+    report.applications["last"] = {};
+    EXPECT_EQ(std::nullopt, report.programmed_of("other"));
+    EXPECT_EQ(1U, report.programmed_of("a0")->count);
 }
 
 TEST(RecordContents, are_empty_where_bytes_are_missing)

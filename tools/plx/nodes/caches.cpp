@@ -55,16 +55,17 @@ bool Cache::read(std::optional<PartDigests> &sums, std::string &error)
     if (!ask("-1", answer, error)) // a program without the type, or of an older library, has nothing to tell
         return answer.status == SSAT_FAILED || answer.status == SSAT_UNKNOWN || answer.error == ECONNREFUSED;
     std::istringstream lines(answer.text);
-    PartDigests all;
-    uint32_t part = 0;
-    bool understood = true;
-    while (understood && lines >> std::dec >> part)
-        understood = part < all.size() && (lines >> all[part].count >> std::hex >> all[part].lo >> all[part].hi);
-    if (!understood || !lines.eof()) {
-        error = "its answer is none";
-        return false;
+    PartDigests &all = sums.emplace();
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream in(line);
+        uint32_t part = 0;
+        Digest sum;
+        if (!(in >> part >> sum.count >> std::hex >> sum.lo >> sum.hi) || part >= all.size()) {
+            error = "its answer is none";
+            return false;
+        }
+        all[part] = sum;
     }
-    sums = all;
     return true;
 }
 
