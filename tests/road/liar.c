@@ -1,5 +1,5 @@
-/* A service node and an application that lie: there is a record and a report of it, and a debug shell, and every question
- * is answered with what nobody would say. */
+/* A service node and an application that lie: there is a record and a report of it, and a debug shell, and every
+ * question is answered with what nobody would say. */
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <ssat.h>
