@@ -55,7 +55,7 @@ bool Cache::read(std::optional<PartDigests> &sums, std::string &error)
     if (!ask("-1", answer, error)) // a program without the type, or of an older library, has nothing to tell
         return answer.status == SSAT_FAILED || answer.status == SSAT_UNKNOWN || answer.error == ECONNREFUSED;
     std::istringstream lines(answer.text);
-    PartDigests &all = sums.emplace();
+    PartDigests all{};
     for (std::string line; std::getline(lines, line);) {
         std::istringstream in(line);
         uint32_t part = 0;
@@ -66,6 +66,7 @@ bool Cache::read(std::optional<PartDigests> &sums, std::string &error)
         }
         all[part] = sum;
     }
+    sums = all;
     return true;
 }
 
