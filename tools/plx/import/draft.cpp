@@ -5,6 +5,7 @@
 #include "import/prefixes.hpp"
 #include <algorithm>
 #include <ostream>
+#include <sstream>
 
 namespace plx::tool::import {
 
@@ -15,17 +16,65 @@ constexpr size_t most_entries = 1'000'000;
 constexpr size_t longest_name = 31;
 constexpr uint64_t first_sn = 10, step = 10;
 
-// The narrower of two values that a field must have at once; nullopt: none has both.
+// A value's bits, and which of them are asked for.
+struct Bits {
+    uint64_t value = 0, mask = 0;
+};
+
+std::string hex(uint64_t number)
+{
+    std::ostringstream text;
+    text << "0x" << std::hex << number;
+    return text.str();
+}
+
+// Both of a number's values, of which neither is within the other.
+std::string joined(const Form &form, const std::vector<uint8_t> &one, const std::vector<uint8_t> &other)
+{
+    if (form.kind != ValueKind::number)
+        throw Unsaid(std::string(form.name) + " is asked for twice");
+    Bits bits;
+    const size_t width = form.bytes();
+    for (const auto *value : {&one, &other}) {
+        Bits each;
+        for (size_t at = 0; at < width; ++at) {
+            each.value = each.value << 8U | (*value)[at];
+            each.mask = each.mask << 8U | (*value)[width + at];
+        }
+        bits = {bits.value | each.value, bits.mask | each.mask};
+    }
+    return hex(bits.value) + '/' + hex(bits.mask);
+}
+
+// The ports of two ranges.
+std::optional<std::string> both_ranges(const std::vector<uint8_t> &one, const std::vector<uint8_t> &other)
+{
+    const auto number = [](const std::vector<uint8_t> &range, size_t at) { return range[at] << 8U | range[at + 1]; };
+    const auto low = std::max(number(one, 0), number(other, 0)), high = std::min(number(one, 2), number(other, 2));
+    return low <= high ? std::optional(std::to_string(low) + '-' + std::to_string(high)) : std::nullopt;
+}
+
+// The value that a field has when it has both of two; nullopt: none has both. Both were checked.
 std::optional<std::string> both(const std::string &field, const std::string &one, const std::string &other)
 {
     if (one == other)
         return one;
-    const auto left = prefix_of(one), right = prefix_of(other);
-    if (!left || !right || !field.starts_with("ip"))
-        throw Unsaid(field + " is asked for twice");
-    if (left->contains(*right))
-        return other;
-    return right->contains(*left) ? std::optional(one) : std::nullopt;
+    const Form &form = *find_form(FP_UDP_ATTR_FIELD, field);
+    std::vector<uint8_t> left = encode(form, one).bytes, right = encode(form, other).bytes;
+    if (form.kind == ValueKind::range)
+        return both_ranges(left, right);
+    const size_t width = form.bytes();
+    left.resize(2 * width, left.size() == width ? 0xff : 0);
+    right.resize(2 * width, right.size() == width ? 0xff : 0);
+    bool left_within = true, right_within = true;
+    for (size_t at = 0; at < width; ++at) {
+        const unsigned asked = left[width + at] & right[width + at];
+        if (((left[at] ^ right[at]) & asked) != 0)
+            return std::nullopt;
+        left_within = left_within && asked == right[width + at];
+        right_within = right_within && asked == left[width + at];
+    }
+    return left_within ? one : right_within ? other : joined(form, left, right);
 }
 
 bool narrow_one(Match &match, const std::string &field, const std::string &value)
@@ -123,13 +172,13 @@ Matches Matches::none()
 }
 
 // What is outside of a match is outside of one of its fields.
-static Matches outside_of(const Match &match)
+static std::optional<Matches> outside_of(const Match &match)
 {
     Matches outside = Matches::none();
     for (const auto &[field, value] : match) {
         const auto block = field.starts_with("ipv") ? prefix_of(value) : std::nullopt;
         if (!block)
-            throw Unsaid("what is outside of its " + field + " cannot be said");
+            return std::nullopt;
         std::vector<std::string> others;
         for (const Prefix &other : complement(*block))
             others.push_back(other.text());
@@ -140,12 +189,16 @@ static Matches outside_of(const Match &match)
     return outside;
 }
 
-Matches Matches::outside() const
+std::optional<Matches> Matches::outside() const
 {
     Matches outside;
-    for (const Match &match : any_)
-        outside.narrow(outside_of(match));
-    return outside;
+    for (const Match &match : any_) {
+        const std::optional<Matches> one = outside_of(match);
+        if (!one)
+            return std::nullopt;
+        outside.narrow(*one);
+    }
+    return outside.any_.size() <= any_.size() ? std::optional(outside) : std::nullopt;
 }
 
 bool Matches::has(std::string_view beginning) const
@@ -177,7 +230,8 @@ void Draft::add_list(const std::string &field, const std::vector<std::string> &v
 
 void Draft::refuse(int line, const std::string &text, const std::string &why, std::optional<bool> permits)
 {
-    refused_.push_back({line, text, why, permits});
+    if (lines_refused_.insert(line).second)
+        refused_.push_back({line, text, why, permits});
 }
 
 void Draft::note(const std::string &text)

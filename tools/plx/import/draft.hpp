@@ -9,6 +9,7 @@
 #include <istream>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -33,8 +34,8 @@ class Matches {
     // Of them, those whose field has one of the values. Throws Unsaid.
     void narrow(const std::string &field, const std::vector<std::string> &values);
     void narrow(const Matches &other);
-    // All of the same family but these. Throws Unsaid.
-    Matches outside() const;
+    // All of the same family but these, where that can be said in no more alternatives.
+    std::optional<Matches> outside() const;
     // And those of the other.
     void widen(const Matches &other) { any_.insert(any_.end(), other.any_.begin(), other.any_.end()); }
     const std::vector<Match> &any() const { return any_; }
@@ -64,7 +65,7 @@ class Draft {
     // The same for one field with all of the values, as one entry with a list.
     void add_list(const std::string &field, const std::vector<std::string> &values, bool permits,
                   const std::string &name);
-    // A rule that cannot be said. `permits`: what it does to its frames, where that is known.
+    // A rule that cannot be said, told once. `permits`: what it does to its frames, where that is known.
     void refuse(int line, const std::string &text, const std::string &why, std::optional<bool> permits);
     // Told once, however often it is said.
     void note(const std::string &text);
@@ -86,6 +87,8 @@ class Draft {
     const std::vector<Refused> &refused() const { return refused_; }
     const std::vector<std::string> &notes() const { return notes_; }
     size_t entries() const { return entries_.size(); }
+    size_t impossible() const { return impossible_; } // rules that no frame can match, and that are no loss
+    void set_impossible(size_t rules) { impossible_ = rules; }
 
   private:
     struct Entry {
@@ -95,8 +98,9 @@ class Draft {
         std::string name;
     };
     std::vector<Entry> entries_;
-    size_t impossible_ = 0; // rules that no frame can match, and that are no loss
+    size_t impossible_ = 0;
     std::vector<Refused> refused_;
+    std::set<int> lines_refused_;
     std::vector<std::string> notes_;
     std::vector<std::pair<std::string, std::string>> applies_;
 };

@@ -1,5 +1,5 @@
 // Rules as iptables-save(8) and ip6tables-save(8) write them. Jumps to chains are written out in their places.
-#include "import/draft.hpp"
+#include "import/chains.hpp"
 
 #include "attribute_value.hpp"
 #include "import/prefixes.hpp"
@@ -10,8 +10,6 @@
 namespace plx::tool::import {
 
 namespace {
-
-constexpr int deepest = 16; // jumps
 
 struct Rule {
     int line;
@@ -34,20 +32,19 @@ struct Meaning {
     bool conditional = false;
 };
 
-class Reader {
+class Reader : Chains<Rule> {
   public:
-    Reader(const Options &options, Draft &draft) : options_(options), draft_(draft) {}
+    Reader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
 
     void read(std::istream &in)
     {
         std::string line;
         for (int number = 1; std::getline(in, line); ++number)
             read(number, line);
-        const std::string name = first_chain();
-        walk(chains_[name], Matches(), 0);
-        const std::string &policy = chains_[name].policy;
-        if (policy == "DROP")
-            draft_.add(family(Matches()), false, "policy-" + name);
+        first_ = first_chain();
+        walk(chains_[first_].rules, Matches());
+        if (!permits_rest())
+            decide(Matches());
     }
 
   private:
@@ -102,18 +99,13 @@ class Reader {
         return matches;
     }
 
-    void walk(const Chain &chain, Matches frames, int depth)
+    bool permits_rest() { return chains_[first_].policy != "DROP"; }
+
+    void decide(const Matches &frames) override { draft_.add(family(frames), permits_rest(), "policy-" + first_); }
+
+    void refuse(const Rule &rule, const std::string &why) override
     {
-        for (const Rule &rule : chain.rules) {
-            const size_t before = draft_.entries();
-            try {
-                if (!apply(rule, frames, depth))
-                    return;
-            } catch (const Unsaid &why) {
-                draft_.keep(before);
-                draft_.refuse(rule.line, rule.text, why.what(), permits(rule));
-            }
-        }
+        draft_.refuse(rule.line, rule.text, why, permits(rule));
     }
 
     static std::string target_of(const Rule &rule)
@@ -130,39 +122,36 @@ class Reader {
         return target == "DROP" || target == "REJECT" ? std::optional(false) : std::nullopt;
     }
 
-    // `frames`: those that the chain still sees. False: none are left.
-    bool apply(const Rule &rule, Matches &frames, int depth)
+    bool apply(const Rule &rule, Matches &frames) override
     {
         if (const std::string target = target_of(rule); target == "LOG" || target == "NFLOG") {
             draft_.note(target + " is left out: what is let through stays the same");
             return true;
         }
         Meaning meaning = meaning_of(rule.words);
-        if (meaning.target == "RETURN") {
-            if (meaning.established)
-                throw Unsaid("a switch does not track connections");
-            if (meaning.conditional)
-                frames.narrow(meaning.matches.outside());
-            return meaning.conditional;
-        }
         if (meaning.target == "REJECT")
             draft_.note("REJECT is a denial: the sender is not told");
+        const std::optional<Matches> others = meaning.target == "RETURN" ? meaning.matches.outside() : std::nullopt;
         meaning.matches.narrow(frames);
         const bool permits = meaning.target == "ACCEPT";
         if (permits || meaning.target == "DROP" || meaning.target == "REJECT") {
             add(meaning, permits);
             return true;
         }
+        if (meaning.established)
+            throw Unsaid("a switch does not track connections");
+        if (meaning.target == "RETURN") {
+            if (others && meaning.conditional)
+                frames.narrow(*others);
+            else if (meaning.conditional)
+                leave(meaning.matches);
+            return meaning.conditional;
+        }
         const auto chain = chains_.find(meaning.target);
         if (chain == chains_.end())
             throw Unsaid(meaning.target.empty() ? "it has no verdict"
                                                 : "the target " + meaning.target + " is no verdict");
-        if (depth == deepest)
-            throw Unsaid("jumps are nested too deeply");
-        if (meaning.is_goto || meaning.established)
-            throw Unsaid("it goes to " + meaning.target + " in a way that cannot be written out");
-        walk(chain->second, meaning.matches, depth + 1);
-        return true;
+        return jump(chain->second.rules, meaning.matches, meaning.is_goto, !meaning.conditional);
     }
 
     void add(const Meaning &meaning, bool permits)
@@ -223,7 +212,8 @@ class Reader {
     template <typename Next> void take(const std::string &word, bool negated, Next &&next, Meaning &meaning)
     {
         static const std::set<std::string> negatable = {
-            "-s", "-d", "--sport", "--dport", "--sports", "--dports", "--source-ports", "--destination-ports"};
+            "-s",       "-d",      "--sport", "--dport",        "--sports",
+            "--dports", "--ports", "--port",  "--source-ports", "--destination-ports"};
         if (negated && !negatable.contains(word))
             throw Unsaid("'! " + word + "' cannot be said");
         Matches &matches = meaning.matches;
@@ -236,6 +226,8 @@ class Reader {
             return take_ports("src", next(), negated, matches);
         if (word == "--dport" || word == "--dports" || word == "--destination-ports")
             return take_ports("dst", next(), negated, matches);
+        if (word == "--ports" || word == "--port")
+            return take_either_port(next(), negated, matches);
         if (word == "--icmp-type" || word == "--icmpv6-type")
             return take_icmp(next(), matches);
         if (word == "--syn")
@@ -292,7 +284,6 @@ class Reader {
 
     static void take_ports(const std::string &side, const std::string &text, bool negated, Matches &matches)
     {
-        const Matches before = matches;
         std::vector<std::pair<uint32_t, uint32_t>> ranges;
         for (size_t begin = 0; begin <= text.size();) {
             const size_t comma = std::min(text.find(',', begin), text.size());
@@ -323,6 +314,18 @@ class Reader {
         for (const auto &[low, high] : ranges)
             values.push_back(std::to_string(low) + '-' + std::to_string(high));
         matches.narrow(side + "_range", values);
+    }
+
+    // Of one of its two ports; negated, of none.
+    static void take_either_port(const std::string &text, bool negated, Matches &matches)
+    {
+        Matches source = matches;
+        take_ports("src", text, negated, source);
+        take_ports("dst", text, negated, negated ? source : matches);
+        if (negated)
+            matches = source;
+        else
+            matches.widen(source);
     }
 
     static uint32_t port(const std::string &text)
@@ -381,6 +384,7 @@ class Reader {
     Draft &draft_;
     std::string table_ = "filter";
     std::map<std::string, Chain> chains_;
+    std::string first_; // chain
     bool ipv6_ = false;
 };
 

@@ -1,7 +1,8 @@
 // Rules as `nft -j list ruleset` writes them. Jumps to chains are written out in their places.
-#include "import/draft.hpp"
+#include "import/chains.hpp"
 
 #include "import/prefixes.hpp"
+#include "records/attribute.hpp"
 #include <algorithm>
 #include <array>
 #include <map>
@@ -13,14 +14,25 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int deepest = 16;                // jumps
 constexpr size_t most_bytes = 256U << 20U; // of a file
+constexpr int deepest_text = 64;           // of its brackets
+
+struct Rule {
+    int number; // in the file
+    json text;
+};
 
 struct Chain {
     std::string policy = "accept";
     bool base = false;
-    std::vector<std::pair<int, json>> rules{}; // and their numbers in the file
+    std::vector<Rule> rules{};
 };
+
+const json &flags_of()
+{
+    static const json payload = {{"payload", {{"protocol", "tcp"}, {"field", "flags"}}}};
+    return payload;
+}
 
 // Throws Unsaid where nlohmann's own exceptions would end the program.
 std::string text_at(const json &object, const char *name)
@@ -39,9 +51,9 @@ std::string scalar(const json &value)
     throw Unsaid("the value " + value.dump().substr(0, 60) + " cannot be said");
 }
 
-class Reader {
+class Reader : Chains<Rule> {
   public:
-    Reader(const Options &options, Draft &draft) : options_(options), draft_(draft) {}
+    Reader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
 
     void read(std::istream &in)
     {
@@ -50,17 +62,21 @@ class Reader {
             in.read(piece.data(), piece.size());
             text.append(piece.data(), static_cast<size_t>(in.gcount()));
         }
-        const json whole = json::parse(text, nullptr, false);
+        const auto shallow = [](int depth, json::parse_event_t, const json &) {
+            if (depth > deepest_text)
+                throw Unsaid("it is nested too deeply");
+            return true;
+        };
+        const json whole = json::parse(text, shallow, false);
         if (!whole.is_object() || !whole.contains("nftables") || !whole["nftables"].is_array())
             throw Unsaid("this is not the output of 'nft -j list ruleset'");
         int number = 0;
         for (const json &object : whole["nftables"])
             take(++number, object);
-        const std::string name = first_chain();
-        walk(chains_[name], Matches(), 0);
-        table_ = name.substr(0, name.rfind(' ') + 1);
-        if (chains_[name].policy == "drop")
-            draft_.add(family(Matches()), false, "policy");
+        first_ = first_chain();
+        walk(chains_[first_].rules, Matches());
+        if (!permits_rest())
+            decide(Matches());
     }
 
   private:
@@ -77,7 +93,7 @@ class Reader {
             if (object["chain"].contains("policy"))
                 chain.policy = text_at(object["chain"], "policy");
         } else if (object.contains("rule")) {
-            chains_[key(object["rule"], "chain")].rules.emplace_back(number, object["rule"]);
+            chains_[key(object["rule"], "chain")].rules.push_back({number, object["rule"]});
         } else if (object.contains("set") || object.contains("map")) {
             const json &set = object.contains("set") ? object["set"] : object["map"];
             sets_[key(set, "name")] = set;
@@ -103,29 +119,23 @@ class Reader {
         return found[0];
     }
 
-    // False: the chain ends here.
-    bool walk(const Chain &chain, const Matches &outer, int depth)
+    bool permits_rest() { return chains_[first_].policy != "drop"; }
+
+    void decide(const Matches &frames) override
     {
-        for (const auto &[number, rule] : chain.rules) {
-            const size_t before = draft_.entries();
-            try {
-                table_ = text_at(rule, "family") + ' ' + text_at(rule, "table") + ' ';
-                if (!apply(rule, outer, depth))
-                    return false;
-            } catch (const json::exception &) {
-                draft_.keep(before);
-                draft_.refuse(number, rule.dump().substr(0, 200), "it is not as nft(8) writes it", std::nullopt);
-            } catch (const Unsaid &why) {
-                draft_.keep(before);
-                draft_.refuse(number, rule.value("expr", json()).dump().substr(0, 200), why.what(), verdict_of(rule));
-            }
-        }
-        return true;
+        table_ = first_.substr(0, first_.rfind(' ') + 1);
+        draft_.add(family(frames), permits_rest(), "policy");
     }
 
-    static std::optional<bool> verdict_of(const json &rule)
+    void refuse(const Rule &rule, const std::string &why) override
     {
-        for (const json &part : rule.value("expr", json::array())) {
+        const json parts = rule.text.value("expr", json::array());
+        draft_.refuse(rule.number, parts.dump().substr(0, 200), why, verdict_of(parts));
+    }
+
+    static std::optional<bool> verdict_of(const json &parts)
+    {
+        for (const json &part : parts) {
             if (part.is_object() && part.contains("accept"))
                 return true;
             if (part.is_object() && (part.contains("drop") || part.contains("reject")))
@@ -134,13 +144,14 @@ class Reader {
         return std::nullopt;
     }
 
-    bool apply(const json &rule, const Matches &outer, int depth)
-    {
+    bool apply(const Rule &rule, Matches &outer) override
+    try {
+        table_ = text_at(rule.text, "family") + ' ' + text_at(rule.text, "table") + ' ';
         Matches matches = outer;
-        const std::string name = rule.contains("comment") ? text_at(rule, "comment") : "";
+        const std::string name = rule.text.contains("comment") ? text_at(rule.text, "comment") : "";
         bool conditional = false;
         bool established = false;
-        for (const json &part : rule.value("expr", json::array())) {
+        for (const json &part : rule.text.value("expr", json::array())) {
             if (!part.is_object() || part.size() != 1)
                 throw Unsaid("it has a part that cannot be said");
             const std::string kind = part.begin().key();
@@ -153,13 +164,16 @@ class Reader {
                     draft_.note("'reject' is a denial: the sender is not told");
                 add(matches, established, kind == "accept", name);
             } else if (kind == "jump" || kind == "goto") {
-                jump(text_at(what, "target"), kind == "goto" && (depth > 0 || conditional), matches, depth);
+                untracked(established);
+                return go(text_at(what, "target"), matches, kind == "goto", !conditional);
             } else if (kind == "vmap") {
-                map(what, matches, depth);
+                untracked(established);
+                map(what, matches);
             } else if (kind == "return") {
+                untracked(established);
                 if (conditional)
-                    throw Unsaid("a return under a condition cannot be written out");
-                return false;
+                    leave(matches);
+                return conditional;
             } else if (kind == "log") {
                 draft_.note("'log' is left out: what is let through stays the same");
             } else if (kind != "counter" && kind != "comment") {
@@ -167,6 +181,14 @@ class Reader {
             }
         }
         return true;
+    } catch (const json::exception &) {
+        throw Unsaid("it is not as nft(8) writes it");
+    }
+
+    static void untracked(bool established)
+    {
+        if (established)
+            throw Unsaid("a switch does not track connections");
     }
 
     void add(const Matches &matches, bool established, bool permits, const std::string &name)
@@ -176,7 +198,7 @@ class Reader {
         if (!options_.tcp_flags)
             throw Unsaid("a switch does not track connections; --established-as tcp-flags takes TCP's flags for it");
         for (const bool ipv6 : {false, true}) {
-            if (!matches.has(ipv6 ? "ipv4_" : "ipv6_"))
+            if (!table_.starts_with(ipv6 ? "ip " : "ip6 ") && !matches.has(ipv6 ? "ipv4_" : "ipv6_"))
                 for (const Matches &each : import::established(matches, ipv6))
                     draft_.add(each, permits, name.empty() ? "established" : name);
         }
@@ -225,17 +247,15 @@ class Reader {
             narrow_protocol({header}, matches);
     }
 
-    void jump(const std::string &target, bool lost, const Matches &matches, int depth)
+    bool go(const std::string &target, const Matches &matches, bool for_good, bool all)
     {
         const auto chain = chains_.find(table_ + target);
-        if (chain == chains_.end() || depth == deepest || lost)
-            throw Unsaid("it goes to " + target + " in a way that cannot be written out");
-        const std::string table = table_;
-        walk(chain->second, matches, depth + 1);
-        table_ = table;
+        if (chain == chains_.end())
+            throw Unsaid("there is no chain " + target);
+        return jump(chain->second.rules, matches, for_good, all);
     }
 
-    void map(const json &map, const Matches &outer, int depth)
+    void map(const json &map, const Matches &outer)
     {
         if (!map.contains("key") || !map.contains("data"))
             throw Unsaid("its map cannot be said");
@@ -243,12 +263,17 @@ class Reader {
             if (!element.is_array() || element.size() != 2 || !element[1].is_object() || element[1].size() != 1)
                 throw Unsaid("its map cannot be said");
             Matches matches = outer;
-            narrow({{"op", "=="}, {"left", map["key"]}, {"right", element[0]}}, matches);
+            const bool established = narrow({{"op", "=="}, {"left", map["key"]}, {"right", element[0]}}, matches);
             const std::string verdict = element[1].begin().key();
-            if (verdict == "accept" || verdict == "drop")
-                draft_.add(family(matches), verdict == "accept", "");
-            else if (verdict == "jump")
-                jump(text_at(element[1]["jump"], "target"), false, matches, depth);
+            if (verdict == "accept" || verdict == "drop") {
+                add(matches, established, verdict == "accept", "");
+                continue;
+            }
+            untracked(established);
+            if (verdict == "jump" || verdict == "goto")
+                go(text_at(element[1][verdict], "target"), matches, verdict == "goto", false);
+            else if (verdict == "return")
+                leave(matches);
             else
                 throw Unsaid("its map cannot be said");
         }
@@ -284,25 +309,83 @@ class Reader {
         const json &left = match["left"];
         if (left.is_object() && left.contains("ct"))
             return is_established(left["ct"], match["right"]);
-        const auto [field, shape] = field_of(left);
+        if (const std::optional<uint64_t> mask = masked_flags(left)) {
+            narrow_to_header(flags_of(), matches);
+            matches.narrow("tcp_flag", flag_values(op, *mask, match["right"]));
+            return false;
+        }
+        const std::string field = field_of(left);
         std::vector<std::string> values;
         for (const json &element : elements(match["right"]))
             append(field, element, values);
-        const bool flags = field == "tcp_flag";
-        if (op != "==" && op != "!=" && !(op == "in" && (flags || values.size() != 1 || !shape)))
+        if (op != "==" && op != "!=" && !(op == "in" && values.size() != 1))
             throw Unsaid("the comparison " + op + " cannot be said");
         narrow_to_header(left, matches);
         if (op == "!=")
             negate(field, values);
         if (field == "l4proto")
             return narrow_protocol(values, matches), false;
-        if (flags && op == "in")
-            for (std::string &value : values)
-                value += '/' + value;
         if (field.ends_with("_l4port"))
             return narrow_some_ports(field.substr(0, 3), values, matches);
         matches.narrow(field, values);
         return false;
+    }
+
+    // Of TCP's flags, those that a match looks at.
+    static std::optional<uint64_t> masked_flags(const json &left)
+    {
+        if (left == flags_of())
+            return 0xff;
+        const json *parts = left.is_object() && left.contains("&") ? &left["&"] : nullptr;
+        if (parts == nullptr || !parts->is_array() || parts->size() != 2 || (*parts)[0] != flags_of())
+            return std::nullopt;
+        return flags((*parts)[1]);
+    }
+
+    static uint64_t flags(const json &value)
+    {
+        if (value.is_number_unsigned() && value.get<uint64_t>() <= UINT8_MAX)
+            return value.get<uint64_t>();
+        uint64_t all = 0;
+        if (value.is_object() && value.contains("|"))
+            return flags(value["|"]);
+        if (value.is_array())
+            for (const json &one : value)
+                all |= flags(one);
+        else
+            all = flag(scalar(value));
+        return all;
+    }
+
+    static uint64_t flag(const std::string &name)
+    {
+        for (const NamedValue &named : named_values(NameSet::tcp_flags))
+            if (named.name == name || (name == "ecn" && named.name == "ece"))
+                return named.value;
+        throw Unsaid("'" + name + "' is no flag of TCP");
+    }
+
+    // "in": any of the flags, as a comparison with none of them says too; "!": none. A list of flags is one value.
+    std::vector<std::string> flag_values(const std::string &op, uint64_t mask, const json &right) const
+    {
+        std::vector<std::string> values;
+        const auto put = [&values](uint64_t value, uint64_t of) {
+            values.push_back(std::to_string(value).append("/").append(std::to_string(of)));
+        };
+        const bool several = right.is_object() && right.contains("set");
+        for (const json &one : several ? elements(right) : std::vector{right}) {
+            const uint64_t value = flags(one);
+            if (op == "==" && (value & ~mask) == 0)
+                put(value, mask);
+            else if (op == "!" && !several)
+                put(0, value & mask);
+            else if (op == "in" || (op == "!=" && value == 0 && !several))
+                for (uint64_t left = op == "in" ? value & mask : mask; left != 0; left &= left - 1)
+                    put(left & -left, left & -left);
+            else
+                throw Unsaid("this comparison of TCP's flags cannot be said");
+        }
+        return values;
     }
 
     static bool narrow_some_ports(const std::string &side, const std::vector<std::string> &values, Matches &matches)
@@ -328,24 +411,18 @@ class Reader {
         return true;
     }
 
-    // The field; whether it is a number of which several can be asked for.
-    static std::pair<std::string, bool> field_of(const json &left)
+    static std::string field_of(const json &left)
     {
         static const std::map<std::string, std::string> fields = {
-            {"ip saddr", "ipv4_src"},         {"ip daddr", "ipv4_dst"},
-            {"ip protocol", "ipv4_proto"},    {"ip ttl", "ipv4_ttl"},
-            {"ip dscp", "ipv4_dscp"},         {"ip6 saddr", "ipv6_src"},
-            {"ip6 daddr", "ipv6_dst"},        {"ip6 nexthdr", "ipv6_next_hdr"},
-            {"ip6 hoplimit", "ipv6_hop_lmt"}, {"tcp sport", "src_l4port"},
-            {"tcp dport", "dst_l4port"},      {"udp sport", "src_l4port"},
-            {"udp dport", "dst_l4port"},      {"th sport", "src_l4port"},
-            {"th dport", "dst_l4port"},       {"sctp sport", "src_l4port"},
-            {"sctp dport", "dst_l4port"},     {"tcp flags", "tcp_flag"},
-            {"icmp type", "icmp_type"},       {"icmp code", "icmp_code"},
-            {"icmpv6 type", "icmp_type"},     {"icmpv6 code", "icmp_code"},
-            {"ether saddr", "src_mac"},       {"ether daddr", "dst_mac"},
-            {"ether type", "etype"},          {"vlan id", "vid"},
-            {"meta protocol", "etype"},       {"meta nfproto", "etype"},
+            {"ip saddr", "ipv4_src"},     {"ip daddr", "ipv4_dst"},         {"ip protocol", "ipv4_proto"},
+            {"ip ttl", "ipv4_ttl"},       {"ip dscp", "ipv4_dscp"},         {"ip6 saddr", "ipv6_src"},
+            {"ip6 daddr", "ipv6_dst"},    {"ip6 nexthdr", "ipv6_next_hdr"}, {"ip6 hoplimit", "ipv6_hop_lmt"},
+            {"tcp sport", "src_l4port"},  {"tcp dport", "dst_l4port"},      {"udp sport", "src_l4port"},
+            {"udp dport", "dst_l4port"},  {"th sport", "src_l4port"},       {"th dport", "dst_l4port"},
+            {"sctp sport", "src_l4port"}, {"sctp dport", "dst_l4port"},     {"icmp type", "icmp_type"},
+            {"icmp code", "icmp_code"},   {"icmpv6 type", "icmp_type"},     {"icmpv6 code", "icmp_code"},
+            {"ether saddr", "src_mac"},   {"ether daddr", "dst_mac"},       {"ether type", "etype"},
+            {"vlan id", "vid"},           {"meta protocol", "etype"},       {"meta nfproto", "etype"},
             {"meta l4proto", "l4proto"}};
         std::string name = "?";
         if (left.is_object() && left.contains("payload") && left["payload"].contains("protocol"))
@@ -355,7 +432,7 @@ class Reader {
         const auto found = fields.find(name);
         if (found == fields.end())
             throw Unsaid("'" + (name == "?" ? left.dump().substr(0, 60) : name) + "' cannot be said");
-        return {found->second, true};
+        return found->second;
     }
 
     static void append(const std::string &field, const json &element, std::vector<std::string> &values)
@@ -413,6 +490,7 @@ class Reader {
     std::map<std::string, Chain> chains_;
     std::map<std::string, json> sets_;
     std::string table_;
+    std::string first_; // chain
 };
 
 } // namespace
