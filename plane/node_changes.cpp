@@ -292,7 +292,8 @@ void Node::program(std::span<const Change> changes, size_t step)
             settle(now_made[i], answers.at(i));
         changes = changes.subspan(now_made.size());
         report_soon();
-        keep_beating();
+        if (!changes.empty()) // else the answers go first
+            keep_beating();
     }
 }
 

@@ -16,6 +16,7 @@ constexpr uint64_t changes_per_saying = 8192;
 constexpr unsigned tries_at_one_entry = 2;
 constexpr milliseconds between_questions{1};
 constexpr milliseconds busy_time{2}; // how long only the logs that tell something are asked for
+constexpr milliseconds busy_answer{3};
 constexpr milliseconds remind_pause{2};
 constexpr milliseconds sending_time{1000};
 constexpr milliseconds look_pause{1000};
@@ -181,7 +182,7 @@ void redis_reader::on_time()
         ask();
         break;
     case life::asked:
-        take_answer();
+        await_answer();
         break;
     case life::stale:
         take_answer();
@@ -219,6 +220,21 @@ void redis_reader::take_answer()
 {
     if (accept_answer())
         turn();
+}
+
+void redis_reader::await_answer()
+{
+    if (!line_.connection->take_in())
+        return dropped();
+    take_answer();
+    if (life_ != life::asked || !pace_.busy)
+        return;
+    if (steady_clock::now() - pace_.asked >= busy_answer) {
+        life_ = life::stale;
+        remind();
+    } else if (!timer_.start(busy_answer)) {
+        reconnect_in(after_lack_of_memory);
+    }
 }
 
 bool redis_reader::accept_answer()
@@ -273,9 +289,12 @@ bool redis_reader::question()
         return false;
     become(life::asked);
     pace_.asked = now;
-    if (scope == redis_follower::scope::all)
+    pace_.busy = scope == redis_follower::scope::busy;
+    if (!pace_.busy)
         pace_.asked_all = now;
-    return true;
+    else if (!timer_.start(busy_answer))
+        reconnect_in(after_lack_of_memory);
+    return life_ == life::asked;
 }
 
 void redis_reader::ask()
@@ -308,8 +327,11 @@ void redis_reader::rode(const ride &along, bool arrived)
     if (along.on == nullptr)
         return;
     if (!arrived)
-        reconnect_in(at_once);
-    else if (line_.connection->has_input() && !timer_.start(at_once))
+        return reconnect_in(at_once);
+    if (!line_.connection->has_input())
+        return;
+    timer_.stop();
+    if (!timer_.start(at_once))
         reconnect_in(after_lack_of_memory);
 }
 

@@ -8,8 +8,9 @@
 //    a call that is made before. As long as enough waits for delivery nothing is asked.
 // 3. asked: the server holds the question. Its answer is taken in, one round is delivered (redis_delivery), and the
 //    reader is idle again.
-// 4. stale: the same, and the question lacks a table that was added since. The server is made to answer at once; it may
-//    not have read the question yet, then again in a moment.
+// 4. stale: the same, and the question lacks a table: one that was added since, or was left out for a moment that is
+//    over, which a server without other work may notice a tenth of a second later. The server is made to answer at
+//    once; it may not have read the question yet, then again in a moment.
 // Whatever goes wrong, memory included, leads to 1, and from there on from the feeds' cursors.
 //
 // One timer serves the life above: what it does when it fires depends on where that stands. Another looks again at
@@ -53,6 +54,7 @@ class redis_reader {
         uint64_t calls = 0;     ///< how many there had been when it was last decided when to ask
         steady_time asked{};
         steady_time asked_all{};
+        bool busy = false;   ///< the latest question left tables out
         steady_time taken{}; ///< meanwhile
         steady_time said{};
         steady_time compared{};
@@ -73,6 +75,7 @@ class redis_reader {
     void on_time();
     void take_in();
     void take_answer();
+    void await_answer();
     bool accept_answer();
     void take_meanwhile();
     void dropped();

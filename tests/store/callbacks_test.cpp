@@ -81,6 +81,23 @@ TEST_P(store_suite, a_quiet_table_is_heard_beside_a_busy_one)
         EXPECT_EQ("*1 ace_psta[a,1," + at + "] 7=" + at, quiet.lines[std::stoul(at) / 20 - 1]);
 }
 
+// The server looks at the clock once in a second, when it has nothing else to do.
+TEST_F(faults, a_quiet_table_is_heard_beside_a_busy_one_from_a_server_without_work)
+{
+    server.start({"--hz", "1", "--dynamic-hz", "no", "--appendfsync", "no"});
+    auto *writer = open(), *listener = open();
+    hearing busy, quiet;
+    busy.also = [&](const tq_mom_notification &) { write_psta(writer, 8, psta_record("a", 1, 1, busy.lines.size())); };
+    subscribe(listener, busy, any_ace, 0);
+    subscribe(listener, quiet, psta_record("", 0, 0), 0);
+    const auto begin = std::chrono::steady_clock::now();
+    for (uint64_t round = 1; round <= 20; ++round) {
+        write_ace(writer, 8, ace_record("a", 1, 1, round));
+        wait_for([&] { return quiet.lines.size() == round; });
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+}
+
 TEST_P(store_suite, publications_that_were_subscribed_to_first_come_before_what_is_written_behind_them)
 {
     auto *listener = open();
