@@ -43,6 +43,7 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
       leftover_timer_(context_->master, [this] { clear_leftovers(); }),
       report_timer_(context_->master, [this] { report(); })
 {
+    plane_.set_alive([this] { show_life_when_due(); });
 }
 
 // The heartbeat comes first: an application that counts on this node waits for its answers, one that does not could
@@ -154,6 +155,12 @@ void Node::beat()
     outbox_.take_answers();
     look();
     report(); // before the sign of life: who hears that one finds this
+    show_life();
+}
+
+void Node::show_life()
+{
+    outbox_.take_answers();
     Record record(s_policy__service_node__descriptor);
     record.set_key_number(0, options_.dev);
     record.set_key_number(1, options_.slot);
@@ -183,6 +190,13 @@ void Node::report()
     next_report_ = now() + between_reports;
     if (backlog != 0)
         report_timer_.start(between_reports);
+}
+
+// From where the plane is at work, or its answers are.
+void Node::show_life_when_due()
+{
+    if (now() >= next_beat_)
+        show_life();
 }
 
 // From inside a long walk, which keeps the timer from running.

@@ -13,8 +13,8 @@
 //
 // What the store lost, rather than that somebody took it away, stays programmed for a while (hold.hpp).
 //
-// Nothing that it does grows with the number of entries between two signs of life: long walks beat on their way, and
-// counters are published so many in a second, in turns.
+// Nothing that it does grows with the number of entries between two signs of life: long walks and long calls of the
+// plane beat on their way, and counters are published so many in a second, in turns.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
 // are compared. How answers reach the store is in outbox.hpp, what the node says of itself in report.hpp and
@@ -58,6 +58,7 @@ class Node {
     Node(Context context, Plane &plane, NodeOptions options);
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
+    ~Node() { plane_.set_alive({}); }
 
     // Announces the node, subscribes, and reads what is in the store. The store client's result: when it is not 0 the
     // node does nothing, and is to be destroyed.
@@ -87,12 +88,18 @@ class Node {
         const std::string *app;
         uint32_t number;
         bool from_nothing;             // no entry was known: what is found is made at once
-        size_t records = 0;            // that were read
         size_t table = 0;              // the one that is being read
         std::set<size_t> unreadable{}; // tables in which a record could not be read: nothing of them is removed
         std::vector<Change> found{};   // that differ
     };
 
+    // What the store shows of requests that were answered.
+    struct Answered {
+        Node *node;
+        std::unordered_map<Key, uint64_t, KeyHash> requests;
+    };
+
+    static int32_t on_answered(void *handle, const tq_mom_notification *notification, void *arg);
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_call(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
@@ -124,7 +131,9 @@ class Node {
     void watch_plane();
 
     void beat();
+    void show_life();
     void keep_beating();
+    void show_life_when_due();
     void report_soon();
     void report();
     void publish_counters();

@@ -12,10 +12,8 @@ namespace plx::plane {
 
 namespace {
 
-// Changes that a plane is given together where they need not take effect together, and records between two looks at
-// the clock.
+// Changes that a plane is given together where they need not take effect together.
 constexpr size_t changes_per_step = 4096;
-constexpr size_t records_per_look = 256;
 
 struct SameKey {
     bool operator()(const Key *a, const Key *b) const { return *a == *b; }
@@ -35,32 +33,22 @@ std::vector<Change> last_of_each(std::vector<Change> changes)
     return changes;
 }
 
-struct Answered {
-    std::map<Key, uint64_t> requests;
-};
-
-int32_t note_answer(void *, const tq_mom_notification *notification, void *arg) noexcept
-{
-    if (const auto key = key_of(notification->record); key && notification->result == 0)
-        static_cast<Answered *>(arg)->requests[*key] = number_field(notification->record, "rep_uuid");
-    return 0;
-}
-
 } // namespace
 
 // What the plane has from a node before this one is not programmed again, and not answered again where the store
 // shows an answer to that very request.
 void Node::take_up_installed()
 {
-    Answered answered;
+    Answered answered{this, {}};
     const std::map<Key, Installed> installed = plane_.installed();
     if (installed.empty())
         return;
     for (const Table &table : tables()) {
         const Record whole(*table.status);
-        tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &note_answer, &answered);
+        tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &Node::on_answered, &answered);
     }
     for (const auto &[key, programmed] : installed) {
+        keep_beating();
         const auto answer = answered.requests.find(key);
         const bool settled = answer != answered.requests.end() && answer->second == programmed.request;
         Entry &entry = entries_[key];
@@ -69,6 +57,15 @@ void Node::take_up_installed()
         entry.counted = true;
         report_.enter(key, entry);
     }
+}
+
+int32_t Node::on_answered(void *, const tq_mom_notification *notification, void *arg)
+{
+    auto *answered = static_cast<Answered *>(arg);
+    answered->node->keep_beating();
+    if (const auto key = key_of(notification->record); key && notification->result == 0)
+        answered->requests[*key] = number_field(notification->record, "rep_uuid");
+    return 0;
 }
 
 void Node::take_changes()
@@ -154,6 +151,7 @@ int32_t Node::on_copy(void *, const tq_mom_notification *notification, void *arg
 {
     auto *comparison = static_cast<Comparison *>(arg);
     for_each_copied(notification->record, [comparison](const ProtobufCMessage &record) {
+        comparison->node->keep_beating();
         auto key = key_of(&record);
         if (!key)
             return;
@@ -180,8 +178,7 @@ int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg
 
 void Node::find(Comparison &comparison, Change change)
 {
-    if (++comparison.records % records_per_look == 0)
-        keep_beating();
+    keep_beating();
     const auto known = entries_.find(change.key);
     const bool is_new = known == entries_.end();
     if (!is_new)
@@ -288,8 +285,10 @@ void Node::program(std::span<const Change> changes, size_t step)
         const std::vector<Answer> answers = plane_.program(now_made);
         gather_until_ = now() + std::min(now() - begin, longest_gathering);
         report_.plane_called();
-        for (size_t i = 0; i < now_made.size(); ++i)
+        for (size_t i = 0; i < now_made.size(); ++i) {
+            show_life_when_due();
             settle(now_made[i], answers.at(i));
+        }
         changes = changes.subspan(now_made.size());
         report_soon();
         if (!changes.empty()) // else the answers go first

@@ -1,12 +1,14 @@
 // What a service node needs of the forwarding plane behind it.
 //
 // The node (node.hpp) knows the store: what is wanted, what has been answered, when changes take effect together. A
-// plane knows how to make it so. It is called on the event loop's thread only, and it does not call back.
+// plane knows how to make it so. It is called on the event loop's thread only, and it does not call back, but for a
+// sign of life.
 #pragma once
 
 #include "records/host.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -51,6 +53,9 @@ class Plane {
   public:
     virtual ~Plane() = default;
 
+    // Called from inside calls that take long, so that the node can show that it lives. It calls no plane.
+    void set_alive(std::function<void()> alive) { alive_ = std::move(alive); }
+
     // Makes the changes, in order, so that traffic sees all of them at once. One answer for each change: a change that
     // fails leaves what was programmed under its key before, and stops none of the others.
     virtual std::vector<Answer> program(std::span<const Change> changes) = 0;
@@ -84,6 +89,17 @@ class Plane {
     // Looks after what is programmed: when the descriptor is readable, and at every heartbeat. The keys that are not in
     // force any more, or that were refused and would not be now: the node programs them again.
     virtual std::vector<Key> look() { return {}; }
+
+  protected:
+    // At each step of what grows with the number of entries.
+    void step() const
+    {
+        if (alive_)
+            alive_();
+    }
+
+  private:
+    std::function<void()> alive_;
 };
 
 } // namespace plx::plane

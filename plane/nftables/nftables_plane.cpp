@@ -292,8 +292,10 @@ std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
 {
     std::vector<Judged> judged;
     judged.reserve(changes.size());
-    for (const Change &change : changes)
+    for (const Change &change : changes) {
+        step();
         judged.push_back(judge(change));
+    }
     judge_together(changes, judged);
     commit(changes, judged);
     std::vector<Answer> answers(changes.size());
@@ -317,6 +319,7 @@ Draft NftablesPlane::draft(std::span<const Change> changes, const std::vector<Ju
     Draft draft({model_, table_, netlink_, options_.config, links_, made_by_});
     for (size_t i = 0; i < changes.size(); ++i) {
         const Change &change = changes[i];
+        step();
         if (judged[i].status != Status::ok)
             continue;
         if (const auto *ace = std::get_if<AceKey>(&change.key))
@@ -392,9 +395,11 @@ std::map<Key, Installed> NftablesPlane::installed() const
 {
     std::map<Key, Installed> all;
     for (const auto &[key, acl] : model_.acls)
-        for (const auto &[sn, entry] : acl.entries)
+        for (const auto &[sn, entry] : acl.entries) {
+            step();
             if (!entry->unless_default) // what they ask for has to be known
                 all[AceKey{key.app, key.acl, sn}] = {entry->request, entry->fingerprint};
+        }
     for (const auto &[key, applied] : model_.hooks)
         all[key] = {applied.request, applied.interface == interface_of(key) ? applied.fingerprint : 0};
     return all;

@@ -106,6 +106,7 @@ std::vector<Answer> SimulatedPlane::program(std::span<const Change> changes)
     answers.reserve(changes.size());
     ++batches_;
     for (const Change &change : changes) {
+        step();
         ++touched_;
         answers.push_back(make(change));
     }
@@ -162,8 +163,10 @@ Status SimulatedPlane::judge(const Key &key, const Requested &wanted) const
 std::map<Key, Installed> SimulatedPlane::installed() const
 {
     std::map<Key, Installed> all;
-    for (const auto &[key, row] : rows_)
+    for (const auto &[key, row] : rows_) {
+        step();
         all.emplace_hint(all.end(), key, row.installed);
+    }
     return all;
 }
 

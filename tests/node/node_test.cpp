@@ -7,7 +7,7 @@
 //     set ace:edge/10/1 100 BYTES   a request by the application; del takes it away
 //     marker edge enable 60         an application's commit marker; unmark takes it away
 //     settle [NODES]                what was heard until all that was written before is dealt with, in order of keys
-//     until 3                       what was heard once there are so many answers
+//     until 3                       what was heard once there are so many answers; with "quietly" that they came
 //     intervals 1 1 1               of heartbeat, counters and retry in milliseconds, for the nodes to come
 //     counted 2; beats 10           the first counter records; that many heartbeats
 //     plane one                     what is on it, and how much it was asked to do since it was last looked at
@@ -16,6 +16,10 @@
 //                                   the last, and has no backlog
 //     plane one size=2              a plane without a node, for which
 //     make one ace:edge/10/1 BYTES  or "gone" for the bytes, tells the answer
+//     cost 20                       time that passes, by the clock alone, for each record that is read from here on;
+//                                   so does what a simulated plane is told to take
+//     fill 600 edge                 the application asks for so many entries
+//     silence 3000                  whether a node gave no sign of life for longer since this was asked last
 //     option TEXT; matches PATTERN  whether it is one; which of an entry, a binding and an uplink it matches
 #include "plane/node.hpp"
 #include "plane/simulated/simulated.hpp"
@@ -24,11 +28,53 @@
 #include "support/transcript.hpp"
 
 #include <chrono>
+#include <ctime>
+#include <dlfcn.h>
 #include <iterator>
 #include <numeric>
 #include <plx/s_policy.pb-c.h>
 #include <sstream>
 #include <tq_loop.h>
+
+extern "C" int64_t fast_clock_ahead_us;
+
+namespace {
+
+int64_t record_cost_us = 0;
+plx::milliseconds last_sign{0}, longest_silence{0};
+
+template <typename Func> Func real(const char *name)
+{
+    return reinterpret_cast<Func>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// In front of the libraries' own.
+extern "C" ProtobufCMessage *protobuf_c_message_unpack(const ProtobufCMessageDescriptor *descriptor,
+                                                       ProtobufCAllocator *allocator, size_t len, const uint8_t *data)
+{
+    static const auto next = real<decltype(&protobuf_c_message_unpack)>("protobuf_c_message_unpack");
+    fast_clock_ahead_us += record_cost_us;
+    return next(descriptor, allocator, len, data);
+}
+
+extern "C" int nanosleep(const timespec *time, timespec *)
+{
+    fast_clock_ahead_us += time->tv_sec * 1'000'000 + time->tv_nsec / 1000;
+    return 0;
+}
+
+extern "C" int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage *record)
+{
+    static const auto next = real<decltype(&tq_mom_set_sync)>("tq_mom_set_sync");
+    if (record->descriptor == &s_policy__service_node__descriptor) {
+        const plx::milliseconds before = std::exchange(last_sign, plx::now());
+        if (before.count() != 0)
+            longest_silence = std::max(longest_silence, last_sign - before);
+    }
+    return next(handle, db, record);
+}
 
 namespace plx::plane {
 namespace {
@@ -114,6 +160,8 @@ class NodeSession : public Transcript {
     std::string stored(const Words &words);
     std::string reported(const Words &words);
     std::string make(const Words &words);
+    std::string time(const Words &words);
+    std::string fill(const Words &words);
     std::string option(const Words &words);
     std::string matches(const Words &words);
 
@@ -165,7 +213,8 @@ std::string NodeSession::perform(const std::string &line)
         {"until", &NodeSession::until},       {"counted", &NodeSession::until}, {"beats", &NodeSession::until},
         {"programmed", &NodeSession::until},  {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
         {"reported", &NodeSession::reported}, {"make", &NodeSession::make},     {"option", &NodeSession::option},
-        {"matches", &NodeSession::matches}};
+        {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
+        {"fill", &NodeSession::fill}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -242,6 +291,23 @@ std::string NodeSession::make(const Words &words)
     if (plane.installed()[change.key].fingerprint != before)
         text << ", changed";
     return text.str();
+}
+
+std::string NodeSession::time(const Words &words)
+{
+    const int ms = std::stoi(words[1]);
+    if (words[0] == "silence")
+        return std::exchange(longest_silence, milliseconds(0)) > milliseconds(ms) ? "yes" : "no";
+    record_cost_us = ms * 1000;
+    last_sign = now();
+    return {};
+}
+
+std::string NodeSession::fill(const Words &words)
+{
+    for (uint64_t sn = 1; sn <= std::stoul(words[1]); ++sn)
+        write(AceKey{words.at(2), 10, sn}, sn);
+    return {};
 }
 
 std::string NodeSession::option(const Words &words)
@@ -353,10 +419,11 @@ std::string NodeSession::until(const Words &words)
                                    : places_.begin()->second.plane->entries() == wanted;
     };
     const bool in_time = run_until(reached);
-    const bool sooner = words.size() > 2 && now() - marked_ < std::chrono::seconds(std::stoi(words[2]));
+    const bool quietly = words.size() > 2 && words[2] == "quietly";
+    const bool sooner = words.size() > 2 && !quietly && now() - marked_ < std::chrono::seconds(std::stoi(words[2]));
     std::string text = in_time ? sooner ? "too soon\n" : "" : "not in time\n";
     if (verb == "until")
-        return text + take_heard();
+        return quietly ? (heard_.clear(), text) : text + take_heard();
     if (verb == "counted")
         for (size_t at = 0; at < std::min(wanted, counters_.size()); ++at)
             text += text_of(counters_[at].key) + ' ' + std::to_string(counters_[at].status) + " packets " +
