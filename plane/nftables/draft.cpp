@@ -368,10 +368,13 @@ void Draft::write_run(const AclKey &key, const ListDraft &list, const PageChange
         return map_name(page, map_part(*run.shape, {layer, entry.element.mask}));
     };
     write_maps(page, change, list.owner);
-    for (const auto &[entry, from, to] : change.placements)
+    for (const auto &[entry, from, to] : change.placements) {
+        setting_.netlink.step();
         if (from && run.layers.has({*from, entry->element.mask}))
             setting_.table.remove_element(batch_, map_of(*entry, *from), entry->element, list.owner);
+    }
     for (const auto &[entry, from, to] : change.placements) {
+        setting_.netlink.step();
         if (!to)
             continue;
         const auto prepared = list.prepared.find(entry->position.sn);
@@ -533,6 +536,7 @@ void Draft::take(const Outcome &outcome)
         acl.stands = list.stands;
         acl.list = std::move(list.arranged.list);
         for (const auto &[sn, entry] : list.changed) {
+            setting_.netlink.step();
             acl.defaults.erase(sn);
             model.entries -= acl.entries.erase(sn);
             if (entry == nullptr)

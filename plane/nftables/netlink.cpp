@@ -234,6 +234,7 @@ Outcome Netlink::commit(Batch &batch)
         message->nlmsg_seq = static_cast<uint32_t>(base + number);
         at += NLMSG_ALIGN(message->nlmsg_len);
     }
+    step();
     if (const int error = send({bytes, batch.used_}); error != 0) {
         outcome.errors[everybody] = error;
         return outcome;
@@ -307,6 +308,7 @@ int Netlink::take_answer(uint32_t sequence, const Take &take, const Take &others
     int error = 0;
     bool ended = false;
     while (!ended) {
+        step();
         const int received = receive(0, [&](const nlmsghdr &message) {
             if (message.nlmsg_seq != sequence)
                 return others(message);
@@ -323,7 +325,10 @@ int Netlink::take_answer(uint32_t sequence, const Take &take, const Take &others
             return received;
     }
     if (error == 0)
-        each_message(answer, take);
+        each_message(answer, [&](const nlmsghdr &message) {
+            step();
+            take(message);
+        });
     return error;
 }
 

@@ -104,6 +104,9 @@ class Netlink {
   public:
     // 0 or an errno. `bus`: NETLINK_NETFILTER or NETLINK_ROUTE; `groups`: multicast groups to hear of.
     int open(int bus, unsigned groups = 0);
+    // Called for each message of a long answer, and by who has as much to do for each of many.
+    void set_step(std::function<void()> step) { step_ = std::move(step); }
+    void step() const { step_(); }
     int descriptor() const { return mnl_socket_get_fd(socket_.get()); }
 
     Outcome commit(Batch &batch);
@@ -127,6 +130,7 @@ class Netlink {
     int take_answer(uint32_t sequence, const Take &take, const Take &others);
 
     std::unique_ptr<mnl_socket, Closer> socket_;
+    std::function<void()> step_ = [] {};
     std::vector<uint8_t> buffer_;
     uint32_t sequence_ = 0;
     bool lost_ = false; // something, since this was reset

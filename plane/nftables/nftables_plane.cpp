@@ -124,6 +124,7 @@ int NftablesPlane::start()
 {
     if (const int error = netlink_.open(NETLINK_NETFILTER); error != 0)
         return error;
+    netlink_.set_step([this] { step(); });
     if (const int error = links_.open(); error != 0)
         return error;
     if (const int error = create(); error != 0)
