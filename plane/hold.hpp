@@ -47,6 +47,7 @@ class Hold {
     // A record was heard of: the table has a history, whose name is learnt once.
     void heard(const Key &key);
     bool holds(const Key &key) const { return !held_.empty() && held_.contains(share_of(key)); }
+    size_t held() const { return held_.size(); } // shares
     void release();
 
   private:

@@ -99,7 +99,7 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
         return 0;
     }
     if (auto key = key_of(notification->record)) {
-        self->inbox_.push_back({std::move(*key), std::nullopt});
+        self->inbox_.push_back({std::move(*key), std::nullopt, now_us()});
         if (!deleted)
             self->inbox_.back().wanted = requested_of(notification->record);
         self->inbox_timer_.start_unless_pending(std::max(self->gather_until_ - now(), milliseconds(0)));
@@ -166,9 +166,12 @@ void Node::show_life()
     record.set_key_number(1, options_.slot);
     record.set_key_number(2, options_.id);
     // A failed one is as good as a late one. Who cannot hear what is asked for is not to be counted on.
-    if (tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
-        tq_mom_state_get(context_.get(), options_.db, 0) == 0)
-        tq_mom_set_sync(context_.get(), options_.db, record.message());
+    const bool beaten = tq_mom_client_connect_sync(context_.get(), options_.db) == 0 &&
+                        tq_mom_state_get(context_.get(), options_.db, 0) == 0 &&
+                        tq_mom_set_sync(context_.get(), options_.db, record.message()) == 0;
+    ++(beaten ? heartbeats_ : failed_heartbeats_);
+    if (beaten)
+        last_heartbeat_ = now();
     next_beat_ = now() + options_.heartbeat;
     heartbeat_timer_.start(options_.heartbeat);
 }
@@ -253,6 +256,31 @@ int Node::write(const Key &ace, const Counters &counters)
     record.set_number("counter_pkt", counters.packets);
     record.set_number("timestamp", wall_clock_ms());
     return tq_mom_set_sync(context_.get(), options_.db, record.message());
+}
+
+// ---- what it counts -------------------------------------------------------------------------------------------------
+
+Node::Numbers Node::numbers() const
+{
+    return {.plane = plane_.describe(),
+            .applications = report_.applications(),
+            .answers = outbox_.numbers(),
+            .plane_calls = plane_calls_,
+            .records = entries_.size(),
+            .held = hold_.held(),
+            .heard = inbox_.size(),
+            .answering = outbox_.size(),
+            .comparisons = comparisons_,
+            .heartbeats = heartbeats_,
+            .failed_heartbeats = failed_heartbeats_,
+            .since_heartbeat = now() - last_heartbeat_};
+}
+
+void Node::each_counted(const std::function<void(const AceKey &, const Counters &)> &callback) const
+{
+    for (const auto &[key, entry] : entries_)
+        if (const auto *ace = std::get_if<AceKey>(&key); ace != nullptr && entry.told)
+            callback(*ace, entry.published);
 }
 
 } // namespace plx::plane

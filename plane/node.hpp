@@ -72,6 +72,24 @@ class Node {
 
     size_t known() const { return entries_.size(); } // records taken up, programmed or refused
 
+    // What it has, and what it has counted. The references are good until the loop runs.
+    struct Numbers {
+        Description plane;
+        const Report::Applications &applications;
+        const AnswerNumbers &answers;
+        const Histogram &plane_calls; // how long each took
+        uint64_t records;             // taken up: beside those programmed and refused the plane lost some
+        uint64_t held;                // tables of an application of which something is held
+        uint64_t heard, answering;    // changes to be made, and answers to be given
+        uint64_t comparisons;
+        uint64_t heartbeats, failed_heartbeats;
+        milliseconds since_heartbeat; // that the store took; since the start where it took none
+    };
+    Numbers numbers() const;
+
+    // Calls back for each entry whose counters are in the store, in no order, with what is there.
+    void each_counted(const std::function<void(const AceKey &, const Counters &)> &callback) const;
+
   private:
     // What was last asked for under a key, and what became of it.
     struct Entry : Standing {
@@ -87,8 +105,9 @@ class Node {
         Node *node;
         const std::string *app;
         uint32_t number;
-        bool from_nothing;             // no entry was known: what is found is made at once
-        size_t table = 0;              // the one that is being read
+        bool from_nothing; // no entry was known: what is found is made at once
+        size_t table = 0;  // the one that is being read
+        uint64_t begun = now_us();
         std::set<size_t> unreadable{}; // tables in which a record could not be read: nothing of them is removed
         std::vector<Change> found{};   // that differ
     };
@@ -154,7 +173,9 @@ class Node {
     Report report_;
     Inquiries inquiries_;
     Watch watch_; // of the plane's descriptor
-    milliseconds next_beat_{0}, next_report_{0};
+    milliseconds next_beat_{0}, next_report_{0}, last_heartbeat_{now()};
+    uint64_t heartbeats_ = 0, failed_heartbeats_ = 0;
+    Histogram plane_calls_;
     std::vector<std::pair<AceKey, Counters>> read_; // counters that have not had their turn
     Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_, leftover_timer_, report_timer_;
 };

@@ -155,7 +155,7 @@ int32_t Node::on_copy(void *, const tq_mom_notification *notification, void *arg
         auto key = key_of(&record);
         if (!key)
             return;
-        Change change{std::move(*key), requested_of(&record)};
+        Change change{std::move(*key), requested_of(&record), comparison->begun};
         if (const auto known = comparison->node->entries_.find(change.key); known != comparison->node->entries_.end())
             known->second.seen = comparison->number;
         if (comparison->node->needs_plane(change))
@@ -170,7 +170,7 @@ int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg
     auto *comparison = static_cast<Comparison *>(arg);
     auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
     if (key)
-        comparison->node->find(*comparison, {std::move(*key), requested_of(notification->record)});
+        comparison->node->find(*comparison, {std::move(*key), requested_of(notification->record), comparison->begun});
     else
         comparison->unreadable.insert(comparison->table);
     return 0;
@@ -282,7 +282,9 @@ void Node::program(std::span<const Change> changes, size_t step)
     while (!changes.empty()) {
         const auto now_made = changes.first(std::min(step, changes.size()));
         const milliseconds begin = now();
+        const uint64_t begin_us = now_us();
         const std::vector<Answer> answers = plane_.program(now_made);
+        plane_calls_.add(now_us() - begin_us);
         gather_until_ = now() + std::min(now() - begin, longest_gathering);
         report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i) {
@@ -341,7 +343,7 @@ void Node::settle(const Change &change, const Answer &answer)
     entry.seen = comparisons_;
     entry.counted = entry.counted || !cleared_; // by the node that was here before
     if (!answer.silent && !told)
-        outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay);
+        outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay, change.heard);
 }
 
 std::vector<std::pair<Key, Standing>> Node::refused(const std::string &app) const

@@ -22,9 +22,9 @@ Outbox::Outbox(tq_context *context, uint32_t db, std::string name, milliseconds 
 {
 }
 
-void Outbox::answer(const Key &key, uint64_t request, Status status, milliseconds delay)
+void Outbox::answer(const Key &key, uint64_t request, Status status, milliseconds delay, uint64_t heard)
 {
-    Reply reply{key, tables()[key.index()].status, Verdict{request, status}};
+    Reply reply{key, tables()[key.index()].status, Verdict{request, status, heard}};
     if (delay.count() == 0)
         due_.push_back(std::move(reply));
     else
@@ -56,6 +56,7 @@ void Outbox::send()
     if (!std::exchange(batching_, true))
         tq_mom_batch_begin(context_);
     take_due();
+    const size_t first = sent_.size();
     while (!due_.empty() && sent_.size() < replies_per_batch) {
         Reply &reply = due_.front();
         const int result = send(reply);
@@ -68,6 +69,10 @@ void Outbox::send()
         due_.pop_front();
     }
     tq_mom_batch_send(context_);
+    const uint64_t time = now_us();
+    for (size_t i = first; i < sent_.size(); ++i)
+        if (sent_[i].verdict)
+            sent_[i].verdict->sent = time;
     if (sent_.size() >= replies_per_batch)
         take_answers();
     else
@@ -96,9 +101,17 @@ void Outbox::take_answers()
         return;
     std::vector<int> results(sent_.size());
     tq_mom_batch_end(context_, results.data(), static_cast<uint32_t>(results.size()));
-    for (size_t i = 0; i < sent_.size(); ++i)
-        if (results[i] != 0 && sent_[i].verdict)
+    for (size_t i = 0; i < sent_.size(); ++i) {
+        if (!sent_[i].verdict)
+            continue;
+        const Verdict &verdict = *sent_[i].verdict;
+        if (results[i] == 0) {
+            numbers_.add(verdict.status, verdict.sent - verdict.heard);
+        } else {
+            ++numbers_.failed;
             later_.emplace(now() + retry_, std::move(sent_[i]));
+        }
+    }
     sent_.clear();
     schedule();
 }

@@ -6,6 +6,7 @@
 // bounded.
 #pragma once
 
+#include "plane/numbers.hpp"
 #include "records/host.hpp"
 #include "records/record.hpp"
 #include "records/status.hpp"
@@ -26,7 +27,8 @@ class Outbox {
     // `name` is the node's: every answer carries it.
     Outbox(tq_context *context, uint32_t db, std::string name, milliseconds retry, Current current);
 
-    void answer(const Key &key, uint64_t request, Status status, milliseconds delay);
+    // `heard`: when the request was heard of, by now_us().
+    void answer(const Key &key, uint64_t request, Status status, milliseconds delay, uint64_t heard);
     void remove(const Key &key); // its status
     void remove(const Key &key, const ProtobufCMessageDescriptor &table);
 
@@ -35,6 +37,8 @@ class Outbox {
 
     size_t size() const { return due_.size() + later_.size() + sent_.size(); } // that the store may not have
 
+    const AnswerNumbers &numbers() const { return numbers_; }
+
     // Takes the store's word on what was sent.
     void take_answers();
 
@@ -42,6 +46,7 @@ class Outbox {
     struct Verdict {
         uint64_t request;
         Status status;
+        uint64_t heard, sent = 0; // by now_us()
     };
 
     struct Reply {
@@ -64,6 +69,7 @@ class Outbox {
     std::multimap<milliseconds, Reply> later_; // by the time at which they are due
     bool batching_ = false;
     std::vector<Reply> sent_; // in this batch
+    AnswerNumbers numbers_;
     Timer send_timer_, answer_timer_;
 };
 

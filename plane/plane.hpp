@@ -20,6 +20,7 @@ namespace plx::plane {
 struct Change {
     Key key;
     std::optional<Requested> wanted; // nullopt: remove what is programmed under the key
+    uint64_t heard = 0;              // when, by now_us(): the node's own matter
 };
 
 struct Answer {
@@ -47,6 +48,7 @@ struct Description {
     uint64_t entries = 0;                       // that are there
     std::vector<uint32_t> ports{};              // that are here; none of a plane that has all
     std::vector<uint32_t> refused_attributes{}; // that no entry may have: class << 16 | id, ascending
+    uint64_t errors = 0;                        // that what is behind it gave, since the start
 };
 
 class Plane {

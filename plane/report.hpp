@@ -22,6 +22,13 @@ struct Standing {
 
 class Report {
   public:
+    struct Application {
+        Digest programmed;
+        uint64_t refused = 0;
+        uint64_t last_request = 0;
+    };
+    using Applications = std::map<std::string, Application>;
+
     struct Author {
         uint32_t db, dev, slot, id;
         milliseconds heartbeat;
@@ -35,18 +42,13 @@ class Report {
     void withdraw(const Key &key, const Standing &standing); // as it was entered
     void plane_called() { ++generation_; }
 
+    const Applications &applications() const { return applications_; }
+
     // `backlog`: changes not yet answered. The store client's result.
     int publish(Description plane, uint64_t backlog) const;
 
   private:
     struct Told;
-    struct Application {
-        Digest programmed;
-        uint64_t refused = 0;
-        uint64_t last_request = 0;
-    };
-    using Applications = std::map<std::string, Application>;
-
     struct Refusal {
         Standing standing;
         std::string text;

@@ -341,6 +341,7 @@ void NftablesPlane::commit(std::span<const Change> changes, std::vector<Judged> 
         outcome.errors = next.write();
         if (outcome.errors.empty() && next.batch().size() != 0) {
             outcome = netlink_.commit(next.batch());
+            errors_ += outcome.errors.size() + (outcome.lost ? 1 : 0);
             generation_ = outcome.generation;
         }
         if (outcome.done())
@@ -368,13 +369,19 @@ void NftablesPlane::refuse(Judged &judged, const Key &key, int error) const
     judged.text = std::string(strerror(error)) + " (" + std::to_string(error) + ')';
 }
 
+void NftablesPlane::tell_error(const char *what, int error)
+{
+    ++errors_;
+    log_(std::string(what) + strerror(error));
+}
+
 // What the kernel has is what is in force, whatever was meant.
 void NftablesPlane::reread()
 {
     log_("reading the kernel's table again");
     Model model;
     if (const int error = take_up(netlink_, table_, made_by_, model); error != 0)
-        log_(std::string("cannot read it: ") + strerror(error));
+        tell_error("cannot read it: ", error);
     for (const auto &[key, acl] : model_.acls)
         if (!acl.conditional.empty())
             model.acls[key].conditional = acl.conditional;
@@ -411,7 +418,7 @@ std::optional<std::vector<std::pair<Key, Installed>>> NftablesPlane::read_back(c
     InForce found;
     const int error = nftables::read_back(netlink_, table_, made_by_, model_, app, found);
     if (error != 0)
-        log_(std::string("cannot read the kernel's table: ") + strerror(error));
+        tell_error("cannot read the kernel's table: ", error);
     return error == 0 ? std::optional(std::move(found)) : std::nullopt;
 }
 
@@ -421,6 +428,7 @@ Description NftablesPlane::describe() const
     for (const auto &[port, interface] : options_.config.ports)
         description.ports.push_back(port);
     description.refused_attributes = refused_attributes_;
+    description.errors = errors_;
     return description;
 }
 
@@ -532,7 +540,7 @@ void NftablesPlane::take_foreign_changes(std::set<Key> &keys)
         return;
     const std::map<Key, Installed> before = installed();
     if (const int error = create(); error != 0)
-        log_(std::string("cannot make the table anew: ") + strerror(error));
+        tell_error("cannot make the table anew: ", error);
     reread();
     generation_ = netlink_.generation();
     const std::map<Key, Installed> after = installed();

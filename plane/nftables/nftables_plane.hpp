@@ -67,6 +67,7 @@ class NftablesPlane final : public Plane {
     Draft draft(std::span<const Change> changes, const std::vector<Judged> &judged);
     void commit(std::span<const Change> changes, std::vector<Judged> &judged);
     void refuse(Judged &judged, const Key &key, int error) const;
+    void tell_error(const char *what, int error);
     void reread();
     void tell(const Key &key, const Judged &judged) const;
 
@@ -90,6 +91,7 @@ class NftablesPlane final : public Plane {
     std::vector<ShapePointer> shapes_; // of entries that were judged last
     bool owned_ = false;               // nobody else can change the table
     uint32_t generation_ = 0;
+    uint64_t errors_ = 0; // that the kernel gave
     bool ports_changed_ = false;
     std::map<std::string, uint32_t> named_;              // interfaces that the configuration names, and their numbers
     std::set<Key> waiting_;                              // refused for want of an interface, or of a port

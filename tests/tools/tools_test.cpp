@@ -4,9 +4,11 @@
 //     value NAME TEXT      the attribute's bytes, and what is shown of them where that is not the text
 //     shown NAME BYTES     what is shown of bytes
 //     nearest WORD OTHER...
+//     label TEXT           how numbers bear a name
 //     bounded              the rest bounds memory or open files, of which a sanitizer has its own
 #include "attribute_text.hpp"
 #include "attribute_value.hpp"
+#include "metrics/exposition.hpp"
 #include "policy.hpp"
 #include "support/session.hpp"
 
@@ -135,6 +137,8 @@ class Tools : public Session {
 #endif
         if (verb == "nearest")
             return closest(line.substr(verb.size() + 1));
+        if (verb == "label")
+            return std::move(Exposition(3).gauge("m", "h").add(1, {{"a", unescaped(line.substr(6))}})).take();
         if (verb != "value" && verb != "shown")
             return Session::perform(line);
         const std::string name = take_word(text);

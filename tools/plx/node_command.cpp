@@ -3,6 +3,8 @@
 // It starts before or after the store, waits for it, and says so; one that refuses it is not waited for. On SIGTERM
 // or SIGINT it takes its record out of the store and ends.
 #include "commands.hpp"
+#include "metrics/http_server.hpp"
+#include "metrics/numbers.hpp"
 #include "nftables_flags.hpp"
 #include "nodes/node_records.hpp"
 #include "nodes/node_watch.hpp"
@@ -42,6 +44,8 @@ struct NodeCommandOptions {
     std::optional<size_t> table_size;
     std::vector<std::string> simulate;
     NftablesFlags nftables;
+    std::string metrics; // where numbers are served; "": nowhere
+    size_t metrics_entries = 0;
     bool json = false;
 };
 
@@ -51,6 +55,8 @@ class NodeRun {
     int run();
 
   private:
+    bool serve_numbers();
+    std::string numbers() const;
     bool make_plane();
     bool make_simulated();
     bool make_nftables();
@@ -74,6 +80,8 @@ class NodeRun {
     std::unique_ptr<plane::Plane> plane_;
     plane::nftables::NftablesPlane *nftables_ = nullptr; // the plane, when it is one
     std::optional<plane::Node> node_;
+    tq_context *connection_ = nullptr; // the node's
+    std::optional<HttpServer> server_;
     std::optional<StoreWatch> store_watch_; // of the node's connection
     bool twin_ = false;                     // another node of this identity lives
 };
@@ -92,6 +100,31 @@ int NodeRun::fail(int exit_code, const std::string &text) const
         return output().error(exit_code, text);
     log(text);
     return exit_code;
+}
+
+bool NodeRun::serve_numbers()
+{
+    if (options_.metrics.empty())
+        return true;
+    server_.emplace(loop_.get(), [this] { return numbers(); });
+    if (const std::string error = server_->listen(options_.metrics); !error.empty())
+        return refuse("--metrics " + options_.metrics + ": " + error);
+    if (server_->beyond_this_machine())
+        log("everybody who reaches " + options_.metrics + " can read the numbers");
+    return true;
+}
+
+// While the store is waited for there are only those of the program.
+std::string NodeRun::numbers() const
+{
+    Exposition page;
+    add_program(page, loop_.get());
+    if (node_) {
+        const auto &id = options_.node;
+        add_store_client(page, connection_, id.db);
+        add_node(page, *node_, text_of(NodeName{id.dev, id.slot, id.id}), options_.metrics_entries);
+    }
+    return std::move(page).take();
 }
 
 bool NodeRun::make_plane()
@@ -192,7 +225,7 @@ int NodeRun::run()
     loop_.reset(tq_loop_new());
     if (loop_ == nullptr)
         return tell_no_context(options_.store);
-    if (!make_plane())
+    if (!serve_numbers() || !make_plane())
         return EXIT_USAGE;
     if (new_context() == nullptr)
         return tell_no_context(options_.store);
@@ -295,11 +328,11 @@ int NodeRun::start(const StopOnSignal &stop)
     plane::NodeOptions options = options_.node;
     options.tell = [this](const std::string &text) { log(text); };
     Context context = new_context();
-    tq_context *const connection = context.get();
+    connection_ = context.get();
     node_.emplace(std::move(context), *plane_, std::move(options));
     result = node_->start();
     if (result == 0)
-        store_watch_.emplace(connection, options_.node.db, [this](const std::string &text) { log(text); });
+        store_watch_.emplace(connection_, options_.node.db, [this](const std::string &text) { log(text); });
     else
         node_.reset();
     return result;
@@ -377,6 +410,16 @@ void add_plane(CLI::App &command, NodeCommandOptions &options)
     add_options(command, options.nftables);
 }
 
+void add_numbers(CLI::App &command, NodeCommandOptions &options)
+{
+    command.add_option("--metrics", options.metrics,
+                       "serve numbers for Prometheus there: PORT (of the loopback), ADDRESS:PORT or unix:/path");
+    command
+        .add_option("--metrics-entries", options.metrics_entries,
+                    "with the counters of so many entries, those that most packets hit; none when not given")
+        ->check(CLI::Range(0U, 10'000U));
+}
+
 constexpr char node_footer[] =
     "Behaviour of the simulated plane (--simulate), any number of:\n"
     "  size=N  refuse[=PATTERN]  silent[=PATTERN]  delay=MS[@PATTERN]  slow=MS[@PATTERN]\n"
@@ -395,6 +438,7 @@ void add_node_command(CLI::App &app, int &exit_code)
     add_identity(*command, *options);
     add_behaviour(*command, *options);
     add_plane(*command, *options);
+    add_numbers(*command, *options);
     command->add_flag("--json", options->json, "what it tells, one JSON object a line, on standard output");
     command->footer(node_footer);
     add_forget_command(*command, exit_code);
