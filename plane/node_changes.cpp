@@ -23,7 +23,7 @@ struct SameKey {
 // Of several changes of one key only the last counts.
 std::vector<Change> last_of_each(std::vector<Change> changes)
 {
-    std::unordered_set<const Key *, SameKey, SameKey> later;
+    std::unordered_set<const Key *, SameKey, SameKey> later(changes.size());
     std::vector<bool> last(changes.size());
     for (size_t at = changes.size(); at-- > 0;)
         last[at] = later.insert(&changes[at].key).second;
@@ -80,13 +80,17 @@ void Node::take_changes()
 void Node::drop_staged(std::vector<Change> &changes)
 {
     std::map<std::string, bool> by_application; // staged() may ask the store: once for each
+    auto known = by_application.end();
     std::erase_if(changes, [&](const Change &change) {
         if (!tables()[change.key.index()].by_application)
             return false;
         const std::string &app = application_of(change.key);
-        if (!by_application.contains(app))
-            by_application[app] = commits_.staged(app);
-        return by_application[app];
+        if (known == by_application.end() || known->first != app) { // most are of the same as the one before
+            known = by_application.find(app);
+            if (known == by_application.end())
+                known = by_application.emplace(app, commits_.staged(app)).first;
+        }
+        return known->second;
     });
 }
 
@@ -197,8 +201,14 @@ void Node::find(Comparison &comparison, Change change)
 Hold::Shares Node::programmed(const Comparison &comparison, bool lost_whole) const
 {
     Hold::Shares shares;
-    for (const auto &[key, entry] : entries_)
-        ++shares[Hold::share_of(key)];
+    auto share = shares.end();
+    for (const auto &[key, entry] : entries_) {
+        const bool same =
+            share != shares.end() && share->first.first == key.index() && share->first.second == application_of(key);
+        if (!same) // as of the one before, mostly
+            share = shares.try_emplace(Hold::share_of(key)).first;
+        ++share->second;
+    }
     if (!lost_whole)
         return shares;
     for (const auto &[key, entry] : entries_)

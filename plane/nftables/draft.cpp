@@ -413,6 +413,8 @@ void Draft::write_entry(const AclKey &key, const ListDraft &list, const std::str
 Counters Draft::counters_so_far(const AclKey &key, const ListDraft &list, uint64_t sn) const
 {
     Counters sum;
+    if (list.images.empty())
+        return sum;
     const Acl &acl = setting_.model.acls.at(key);
     const auto old = acl.entries.find(sn);
     const auto images = old == acl.entries.end() ? list.images.end() : list.images.find(old->second.get());

@@ -308,6 +308,8 @@ std::optional<MapTag> map_tag_of(std::span<const uint8_t> user_data)
 std::string user_data_of(const Tag &tag)
 {
     std::string bytes, packed;
+    packed.reserve(128);
+    bytes.reserve(256);
     Writer write(packed);
     write(static_cast<uint8_t>(tag.purpose));
     write(static_cast<uint8_t>(tag.key.index()));

@@ -147,10 +147,9 @@ class Compiler {
     Refusal take_bits(const Source &source, uint8_t shift, const Given &value)
     {
         const bool wide = value.form.bytes() > sizeof(uint64_t);
-        const std::vector<uint8_t> all(source.size, 0xff);
         const Bytes bits = wide ? Bytes(value.value) : Bytes(value.number() << shift, source.size);
         const Bytes mask = !wide                ? Bytes(value.number_mask() << shift, source.size)
-                           : value.mask.empty() ? Bytes(all)
+                           : value.mask.empty() ? ones(source.size)
                                                 : Bytes(value.mask);
         if (const auto test = bits_test(source, bits, mask))
             add({*test}, value.form);

@@ -47,6 +47,14 @@ Bytes::Bytes(uint64_t number, size_t width) : size(static_cast<uint8_t>(width))
         data[at] = static_cast<uint8_t>(number);
 }
 
+Bytes ones(size_t size)
+{
+    Bytes bytes;
+    bytes.size = static_cast<uint8_t>(std::min(size, bytes.data.size()));
+    std::fill_n(bytes.data.begin(), bytes.size, uint8_t{0xff});
+    return bytes;
+}
+
 bool holds(const Test &test, const Bytes &found)
 {
     switch (test.relation) {

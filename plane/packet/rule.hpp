@@ -28,6 +28,7 @@ struct Bytes {
     std::span<const uint8_t> span() const { return {data.data(), size}; }
     auto operator<=>(const Bytes &) const = default;
 };
+Bytes ones(size_t size); // every bit set, at most 16 bytes
 
 // Where a test's or a write's bytes are. What is not there is not compared: the test fails, whatever its relation.
 enum class Load : uint8_t {

@@ -37,15 +37,9 @@ bool is_field(const Test &test)
 
 void add_field(const Test &test, Mappable &into)
 {
-    const std::array<uint8_t, 16> ones = [] {
-        std::array<uint8_t, 16> all;
-        all.fill(0xff);
-        return all;
-    }();
     into.shape.fields.push_back(test.source);
     append(test.value, test.source, into.element.key);
-    append(test.mask.size != 0 ? test.mask : Bytes(std::span(ones).first(test.source.size)), test.source,
-           into.element.mask);
+    append(test.mask.size != 0 ? test.mask : ones(test.source.size), test.source, into.element.mask);
 }
 
 bool overlap(const Element &one, const Element &other)

@@ -3,7 +3,7 @@
 
 #include "plane/packet/fields.hpp"
 #include <algorithm>
-#include <map>
+#include <utility>
 
 namespace plx::plane::packet {
 
@@ -15,12 +15,18 @@ constexpr uint16_t ipv4_type = 0x0800, ipv6_type = 0x86dd, offset_bits = 0x1fff;
 
 Bytes full_mask(const Test &test)
 {
-    return test.mask.size != 0 ? test.mask : Bytes(std::vector<uint8_t>(test.source.size, 0xff));
+    return test.mask.size != 0 ? test.mask : ones(test.source.size);
 }
 
 bool transport_is_read(const Test &test)
 {
     return test.source.load == Load::transport || test.source.load == Load::l4proto;
+}
+
+auto find_place(auto &facts, const auto &place)
+{
+    return std::lower_bound(facts.begin(), facts.end(), place,
+                            [](const auto &fact, const auto &wanted) { return fact.first < wanted; });
 }
 
 // The bits that the tests for equality give away, byte by byte, and who asked for them.
@@ -31,7 +37,7 @@ class Facts {
     {
         const Bytes mask = full_mask(test);
         for (uint8_t at = 0; at < test.source.size; ++at) {
-            Fact &fact = facts_[place(test.source, at)];
+            Fact &fact = fact_at(place(test.source, at));
             if (((fact.value ^ test.value.data[at]) & fact.mask & mask.data[at]) != 0)
                 return fact.by;
             if (mask.data[at] != 0)
@@ -48,8 +54,8 @@ class Facts {
         Bytes bytes;
         bytes.size = source.size;
         for (uint8_t at = 0; at < source.size; ++at) {
-            const auto fact = facts_.find(place(source, at));
-            if (fact == facts_.end() || fact->second.mask != 0xff)
+            const auto fact = find_place(facts_, place(source, at));
+            if (fact == facts_.end() || fact->first != place(source, at) || fact->second.mask != 0xff)
                 return std::nullopt;
             bytes.data[at] = fact->second.value;
             if (by != nullptr)
@@ -66,7 +72,13 @@ class Facts {
     using Place = std::pair<Load, unsigned>;
     static Place place(const Source &source, uint8_t at) { return {source.load, unsigned{source.offset} + at}; }
 
-    std::map<Place, Fact> facts_;
+    Fact &fact_at(const Place &place)
+    {
+        const auto at = find_place(facts_, place);
+        return at != facts_.end() && at->first == place ? at->second : facts_.insert(at, {place, Fact()})->second;
+    }
+
+    std::vector<std::pair<Place, Fact>> facts_; // in order of their places
 };
 
 // One pass over the tests; each step is a member, so that a conflict ends the pass where it is found.
@@ -129,7 +141,7 @@ class Settling {
             mask.data[at] |= more.data[at];
             test.value.data[at] |= later.value.data[at];
         }
-        test.mask = mask == Bytes(std::vector<uint8_t>(mask.size, 0xff)) ? Bytes() : mask;
+        test.mask = mask == ones(mask.size) ? Bytes() : mask;
         return true;
     }
 

@@ -127,8 +127,10 @@ Answer SimulatedPlane::make(const Change &change)
     answer.status = judge(change.key, *change.wanted);
     if (answer.status != Status::ok)
         return answer;
-    const auto [row, added] = rows_.try_emplace(change.key);
+    const size_t before = rows_.size();
+    const auto row = rows_.try_emplace(rows_.end(), change.key); // a long walk comes in order
     row->second.installed = {change.wanted->request, change.wanted->fingerprint()};
+    const bool added = rows_.size() != before;
     entries_ += added && is_entry(change.key) ? 1 : 0;
     return answer;
 }

@@ -25,7 +25,7 @@ void command_batch::close()
     item &added = add_item(table, open_.records());
     if (open_.known_beforehand()) {
         const size_t before = commands_.commands();
-        open_.build_transaction(commands_, writer_.name);
+        open_.build_transaction(commands_, scripts_, writer_.name);
         added.answers = commands_.commands() - before;
         added.steps = open_.steps();
     } else {
@@ -145,14 +145,23 @@ command_batch::verdict command_batch::judge_call(redis_link &link, const item &e
     auto one = reply.first();
     for (size_t i = 0; i < std::min(reply.size(), results.size()); ++i, one = one.next()) {
         results[i] = link.judge(one);
-        if (results[i] == TQ_MOM_OK && parse_log_id(one.text(), each.table.latest))
-            each.table.alone = each.table.latest == each.number;
+        if (results[i] == TQ_MOM_OK)
+            take_number(each, one);
     }
     return verdict::done;
 }
 
+// Which entry of the log it was; false when that is before the one that was expected.
+bool command_batch::take_number(const item &each, reply_view entry)
+{
+    if (!parse_log_id(entry.text(), each.table.latest))
+        return true;
+    each.table.alone = each.table.latest == each.number;
+    return each.table.latest >= each.number;
+}
+
 // The answers: one to MULTI, one to each queued command, those of EXEC, among them first the metadata and behind the
-// records' steps the log and the index.
+// records' steps the log and the index, and what looks after the stamps.
 command_batch::verdict command_batch::judge_transaction(redis_link &link, const item &each, reply_view reply,
                                                         std::span<int> results) const
 {
@@ -172,8 +181,11 @@ command_batch::verdict command_batch::judge_transaction(redis_link &link, const 
         for (size_t i = 0; i < each.steps; ++i, step = step.next())
             result = result == TQ_MOM_OK ? link.judge(step) : result;
     }
+    const reply_view entry = step;
     for (int of_all = 0; of_all < 2; ++of_all, step = step.next())
         std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, link.judge(step));
+    if (!each.table.requested() && (!take_number(each, entry) || step.is(reply_kind::error)))
+        return verdict::again;
     return succeeded(results) ? verdict::done : verdict::partly;
 }
 
@@ -222,6 +234,7 @@ void command_batch::repeat(redis_link &link, std::span<const item> items, int *r
     command_buffer commands;
     int failed = scripts_.replace.load(link);
     failed = failed == TQ_MOM_OK ? scripts_.merge.load(link) : failed;
+    failed = failed == TQ_MOM_OK ? scripts_.stamp.load(link) : failed;
     failed = failed == TQ_MOM_OK ? scripts_.remove.load(link) : failed;
     failed = failed == TQ_MOM_OK ? scripts_.meta.load(link) : failed;
     for (const item &each : items) {

@@ -5,7 +5,8 @@
 // 2. send() sends what there is and does not wait. finish() sends the rest, where nothing went before along with a
 //    question that rides behind it, and takes all answers.
 // 3. A transaction reads the table's metadata along with what it does. If that is not what its records were built by,
-//    they may carry an old stamp, or their entries lack a field: the script writes them again, and after them, for the
+//    they may carry an old stamp, or their entries lack a field; and so where its entry of the log has a smaller number
+//    than they were stamped with: the script writes them again, and after them, for the
 //    order, whatever came later. Commands whose script the server has forgotten are sent again in the same way.
 // 4. A transaction cannot stop at a record in whose place something foreign lies: it was listed and told all the same,
 //    which is taken back.
@@ -61,6 +62,7 @@ class command_batch {
     void judge(redis_link &link, const reply_tape &answers, size_t complete, int *results);
     verdict judge_call(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
     verdict judge_transaction(redis_link &link, const item &each, reply_view reply, std::span<int> results) const;
+    static bool take_number(const item &each, reply_view entry);
     void undo(redis_link &link, const int *results) const;
     void build_undo(command_buffer &commands, const item &each, std::span<const int> results) const;
     void repeat(redis_link &link, std::span<const item> items, int *results) const;

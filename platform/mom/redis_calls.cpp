@@ -100,7 +100,7 @@ int redis_calls::load(redis_script &script)
 int redis_calls::ready_to_collect()
 {
     int result = ready();
-    for (auto *script : {&scripts_.replace, &scripts_.merge, &scripts_.remove, &scripts_.trim})
+    for (auto *script : {&scripts_.replace, &scripts_.merge, &scripts_.stamp, &scripts_.remove, &scripts_.trim})
         if (result == TQ_MOM_OK && script->digest().empty())
             result = load(*script);
     return result;

@@ -16,7 +16,7 @@ std::string list_of(const std::vector<uint32_t> &numbers)
 
 } // namespace
 
-constexpr size_t worth_asking = 8;        // for the number of the next entry: else they are stamped twice
+constexpr size_t worth_asking = 8;        // for the number of the next entry, or by what number it is stamped
 constexpr size_t records_per_group = 64;  // so that no command keeps the server from others for long,
 constexpr size_t bytes_per_group = 65536; // and no entry of the log is long to read
 
@@ -34,10 +34,12 @@ bool write_group::takes(const redis_table &table, write_mode mode, bool complete
 void write_group::add(redis_table &table, write_mode mode, bool complete, std::string_view key,
                       const encoded_fields &fields, const writer_identity &writer)
 {
+    if (records_++ == 0)
+        foreseen_ =
+            table.requested() ? complete || mode == write_mode::replace : table.alone && mode == write_mode::replace;
     table_ = &table;
     mode_ = mode;
     complete_ = complete;
-    ++records_;
     keys_.add(table.prefix, key);
     arguments_.add(key);
     if (mode_ == write_mode::replace) {
@@ -53,8 +55,13 @@ void write_group::add(redis_table &table, write_mode mode, bool complete, std::s
             arguments_.add(field.number).add(field.bytes);
         argument_count_ += 3 + 2 * fields.values.size();
     }
-    if (known_beforehand())
+    if (foreseen_)
         add_to_transaction(key, fields, writer);
+}
+
+bool write_group::known_beforehand() const
+{
+    return foreseen_ && (table_->requested() || records_ >= worth_asking);
 }
 
 void write_group::add_to_transaction(std::string_view key, const encoded_fields &fields, const writer_identity &writer)
@@ -66,7 +73,11 @@ void write_group::add_to_transaction(std::string_view key, const encoded_fields 
             steps_.add(number);
     }
     steps_.begin(4 + 2 * fields.values.size());
-    steps_.add("HSET").add(table_->prefix, key).add("#").add(table_->generation);
+    steps_.add("HSET").add(table_->prefix, key).add("#");
+    if (table_->requested())
+        steps_.add(table_->generation);
+    else
+        steps_.add(table_->latest + 1);
     for (const auto &field : fields.values)
         steps_.add(field.number).add(field.bytes);
     if (records_ == 1)
@@ -75,7 +86,7 @@ void write_group::add_to_transaction(std::string_view key, const encoded_fields 
     listed_.add("0").add(key);
 }
 
-void write_group::build_transaction(command_buffer &into, std::string_view writer) const
+void write_group::build_transaction(command_buffer &into, const redis_scripts &scripts, std::string_view writer) const
 {
     into.command("MULTI");
     into.command("HMGET", table_->meta, "gen", "fields");
@@ -88,6 +99,10 @@ void write_group::build_transaction(command_buffer &into, std::string_view write
     }
     into.begin(2 + 2 * records_);
     into.add("ZADD").add(table_->index).add_built(listed_.bytes());
+    if (!table_->requested()) {
+        scripts.stamp.begin(into, 1, 2);
+        into.add(table_->log).add(table_->latest + 2).add(table_->prefix);
+    }
     into.command("EXEC");
 }
 

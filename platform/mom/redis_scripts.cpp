@@ -239,6 +239,20 @@ end
 return results
 )";
 
+// KEYS log; ARGV the number behind the one that the latest entry was to get, record prefix.
+// Stamps the records of that entry, one of a group, with the number that it got where that is greater.
+constexpr char stamp_text[] = R"(
+if #redis.call('XRANGE', KEYS[1], '0-' .. ARGV[1], '+', 'COUNT', 1) == 0 then
+  return 0
+end
+local entry = redis.call('XREVRANGE', KEYS[1], '+', '-', 'COUNT', 1)[1]
+local number, fields = string.sub(entry[1], 3), entry[2]
+for i = 3, #fields, 2 do
+  redis.pcall('HSET', ARGV[2] .. string.sub(fields[i], 2), '#', number)
+end
+return 1
+)";
+
 // KEYS record, index, log; ARGV key, writer.
 constexpr char remove_text[] = R"(
 if redis.call('HEXISTS', KEYS[1], '#') == 0 then
@@ -334,8 +348,8 @@ return {gone, last}
 } // namespace
 
 redis_scripts::redis_scripts()
-    : meta(meta_text), mark(mark_text), replace(replace_text), merge(merge_text), remove(remove_text), undo(undo_text),
-      trim(trim_text), here(here_text), sweep(sweep_text)
+    : meta(meta_text), mark(mark_text), replace(replace_text), merge(merge_text), stamp(stamp_text),
+      remove(remove_text), undo(undo_text), trim(trim_text), here(here_text), sweep(sweep_text)
 {
 }
 

@@ -50,6 +50,7 @@ struct redis_scripts {
     redis_script mark;    ///< begins a rewrite
     redis_script replace; ///< writes records of one table, log entry with the whole record included
     redis_script merge;   ///< the same, and they keep what they have beside what is written
+    redis_script stamp;   ///< ends a transaction whose records were stamped with a number beforehand
     redis_script remove;  ///< deletes a record
     redis_script undo;    ///< takes back the index entry of a write that met a foreign key
     redis_script trim;    ///< trims a log to what is kept, or what readers that live have not read

@@ -5,6 +5,8 @@
 //     start one size=1 silent=edge  a node of that name on a simulated plane that behaves so
 //     stop one; restart one         the node alone: its plane stays; `fresh one` restarts it on an empty plane
 //     set ace:edge/10/1 100 BYTES   a request by the application; del takes it away
+//     drip one ace:edge/10/ 20      so many requests, each once the loop has delivered the one before: whether they were
+//                                   programmed one by one
 //     marker edge enable 60         an application's commit marker; unmark takes it away
 //     settle [NODES]                what was heard until all that was written before is dealt with, in order of keys
 //     until 3                       what was heard once there are so many answers; with "quietly" that they came
@@ -153,6 +155,7 @@ class NodeSession : public Transcript {
     std::string intervals(const Words &words);
     std::string start(const Words &words);
     std::string set(const Words &words);
+    std::string drip(const Words &words);
     std::string mark(const Words &words);
     std::string settle(const Words &words);
     std::string until(const Words &words);
@@ -214,7 +217,7 @@ std::string NodeSession::perform(const std::string &line)
         {"programmed", &NodeSession::until},  {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
         {"reported", &NodeSession::reported}, {"make", &NodeSession::make},     {"option", &NodeSession::option},
         {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
-        {"fill", &NodeSession::fill}};
+        {"fill", &NodeSession::fill},         {"drip", &NodeSession::drip}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -360,6 +363,22 @@ void NodeSession::write(const Key &key, uint64_t request, std::vector<uint8_t> v
         std::memcpy(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(message)) + field->offset, &bytes,
                     sizeof bytes);
     EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, message));
+}
+
+// A turn of the loop tells what was written, and a node that waits for no more has it programmed in the next.
+std::string NodeSession::drip(const Words &words)
+{
+    constexpr int turns = 4;
+    const SimulatedPlane &plane = *places_.at(words[1]).plane;
+    const uint64_t before = plane.batches();
+    const int count = std::stoi(words.at(3));
+    for (int sn = 1; sn <= count; ++sn) {
+        write(key(words[2] + std::to_string(sn)), 1);
+        for (int turn = 0; turn < turns; ++turn)
+            tq_loop_run_once(loop_.get(), 0);
+    }
+    run_until([&] { return plane.entries() == static_cast<size_t>(count); });
+    return plane.batches() - before < static_cast<uint64_t>(count) / 2 ? "gathered" : "one by one";
 }
 
 std::string NodeSession::mark(const Words &words)

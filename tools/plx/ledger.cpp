@@ -5,6 +5,7 @@
 #include "records/host.hpp"
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace plx::tool {
 
@@ -121,15 +122,22 @@ bool Ledger::listed(const Row &row, bool failed_only) const
 
 void Ledger::print_json(bool failed_only) const
 {
+    std::vector<std::string> statuses;
+    std::transform(statuses_.begin(), statuses_.end(), std::back_inserter(statuses), json_text);
+    std::string line;
     for (size_t row = 0; row < rows_.size(); ++row) {
         const Row &shown = rows_[row];
         if (!listed(shown, failed_only))
             continue;
-        tool::Row line = {
-            {"entry", label_(row)}, {"outcome", outcome_name(shown.outcome)}, {"status", statuses_[shown.status]}};
+        line = "\"entry\":";
+        line += json_text(label_(row));
+        line += ",\"outcome\":\"";
+        line += outcome_name(shown.outcome);
+        line += "\",\"status\":";
+        line += statuses[shown.status];
         if (shown.begun_us != 0 && ended(shown.outcome))
-            line["took_us"] = shown.took_us;
-        output().line("entry", std::move(line));
+            line += ",\"took_us\":" + std::to_string(shown.took_us);
+        output().made_line("entry", line);
     }
 }
 

@@ -58,6 +58,11 @@ void add_place(Row &row, const Place &place)
 
 } // namespace
 
+std::string json_text(const std::string &text)
+{
+    return Row(text).dump(-1, ' ', true, Row::error_handler_t::replace);
+}
+
 Output &output()
 {
     static Output only;
@@ -76,13 +81,29 @@ void Output::line(std::string_view type, Row row)
         return;
     Row line = {{"type", type}};
     if (!begun_)
-        line["schema"] = (command_.empty() ? "plx" : "plx." + command_) + "/1";
+        line["schema"] = schema();
     begun_ = true;
     auto &members = line.get_ref<Row::object_t &>();
     row = exact(row);
     for (auto &[name, value] : row.get_ref<Row::object_t &>())
         members.emplace_back(name == "type" ? "own_type" : name, std::move(value));
     std::cout << line.dump(-1, ' ', true, Row::error_handler_t::replace) << '\n';
+}
+
+void Output::made_line(std::string_view type, std::string_view members)
+{
+    if (!json_)
+        return;
+    std::cout << "{\"type\":\"" << type << "\",";
+    if (!begun_)
+        std::cout << "\"schema\":" << json_text(schema()) << ',';
+    begun_ = true;
+    std::cout << members << "}\n";
+}
+
+std::string Output::schema()
+{
+    return (command_.empty() ? "plx" : "plx." + command_) + "/1";
 }
 
 void Output::note(const std::string &text)

@@ -23,6 +23,9 @@ class Output {
 
     // An object, with --json; otherwise nothing. What a record calls "type" itself goes by "own_type".
     void line(std::string_view type, Row row);
+    // The same of members that are JSON already, none of them a "type" or a long number: `"entry":"acl 1"`. For lines by
+    // the hundred thousand.
+    void made_line(std::string_view type, std::string_view members);
     // "plx apply: TEXT" on standard error.
     void note(const std::string &text);
     // The same, for what leads to an exit code, which it returns. With a place its text is "FILE:LINE:COLUMN: TEXT".
@@ -38,11 +41,16 @@ class Output {
     int end(int exit_code);
 
   private:
+    std::string schema();
+
     std::string command_;
     bool json_ = false;
     bool begun_ = false;
     Row summary_ = Row::object();
 };
+
+// As lines have it: "\"a\\nb\"".
+std::string json_text(const std::string &text);
 
 // The program's.
 Output &output();
