@@ -1,8 +1,6 @@
 // See redis_connection.hpp.
 #include "redis_connection.hpp"
 
-#include "tls_transport.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -44,6 +42,21 @@ std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, 
 {
     why = {};
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(url.timeout_ms);
+    auto connection = begin(where, url);
+    short needs = POLLOUT;
+    for (int done = 0; connection != nullptr && done == 0;) {
+        const bool ready = connection->wait(needs, deadline);
+        if (!ready && connection->rising_ != nullptr)
+            why = {TQ_MOM_TIMEOUT, name + " does not go on with the TLS handshake in time"};
+        done = ready ? connection->establish(name, url, needs, why) : int{transport_ended};
+        if (done == transport_ended)
+            return nullptr;
+    }
+    return connection;
+}
+
+std::unique_ptr<redis_connection> redis_connection::begin(const endpoint &where, const store_url &url)
+{
     auto *context = where.port == 0 ? redisConnectUnixNonBlock(where.host.c_str())
                                     : redisConnectNonBlock(where.host.c_str(), where.port);
     if (context == nullptr || context->err != 0) {
@@ -54,36 +67,32 @@ std::unique_ptr<redis_connection> redis_connection::open(const endpoint &where, 
     fcntl(context->fd, F_SETFD, FD_CLOEXEC);
     if (where.port != 0)
         keep_alive(context->fd);
-    std::unique_ptr<redis_connection> connection(new redis_connection(context, url));
-    if (!connection->connects(deadline) || (url.tls && !connection->secure(name, url, deadline, why)))
-        return nullptr;
-    return connection;
+    return std::unique_ptr<redis_connection>(new redis_connection(context, url));
 }
 
-bool redis_connection::secure(const std::string &name, const store_url &url, steady_time deadline, trouble &why)
+int redis_connection::establish(const std::string &name, const store_url &url, short &needs, trouble &why)
 {
-    auto tls = make_tls_transport(fd(), url.server_name.empty() ? name : url.server_name, url.files, why);
-    for (int done = tls == nullptr; done == 0;) {
-        short needs = 0;
-        done = tls->handshake(needs);
-        if (done == 0 && !wait(needs, deadline)) {
-            why = {TQ_MOM_TIMEOUT, name + " does not go on with the TLS handshake in time"};
-            return false;
-        }
-        if (done == transport_ended) {
-            why = tls->trouble();
-            return false;
-        }
-    }
-    transport_ = std::move(tls);
-    return transport_ != nullptr;
+    if (rising_ == nullptr && !connects())
+        return transport_ended;
+    if (!url.tls)
+        return 1;
+    if (rising_ == nullptr)
+        rising_ = make_tls_transport(fd(), url.server_name.empty() ? name : url.server_name, url.files, why);
+    if (rising_ == nullptr)
+        return transport_ended;
+    const int done = rising_->handshake(needs);
+    if (done == transport_ended)
+        why = rising_->trouble();
+    if (done == 1)
+        transport_ = std::move(rising_);
+    return done;
 }
 
-bool redis_connection::connects(steady_time deadline) const
+bool redis_connection::connects() const
 {
     int error = 0;
     socklen_t size = sizeof error;
-    return wait(POLLOUT, deadline) && getsockopt(context_->fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+    return getsockopt(context_->fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 redis_connection::redis_connection(redisContext *context, const store_url &url)

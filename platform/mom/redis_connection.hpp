@@ -13,7 +13,7 @@
 
 #include "redis_command.hpp"
 #include "redis_reply.hpp"
-#include "transport.hpp"
+#include "tls_transport.hpp"
 #include "url.hpp"
 
 #include <chrono>
@@ -32,6 +32,17 @@ class redis_connection {
     /// With TLS the server's certificate must be for `name`.
     static std::unique_ptr<redis_connection> open(const endpoint &where, const std::string &name, const store_url &url,
                                                   trouble &why);
+    /// The same in steps, for who does not wait: begins, null when that fails at once; then, whenever the descriptor is
+    /// ready for what it needs, which is to write at first, goes on: 1 established, 0 not yet, or transport_ended.
+    static std::unique_ptr<redis_connection> begin(const endpoint &where, const store_url &url);
+    [[nodiscard]] int establish(const std::string &name, const store_url &url, short &needs, trouble &why);
+    /// Logged in at that server; from now on an exchange may take so long.
+    void use(const endpoint &server, uint32_t timeout_ms)
+    {
+        server_ = server;
+        timeout_ = std::chrono::milliseconds(timeout_ms);
+    }
+    const endpoint &server() const { return server_; }
 
     int fd() const { return context_->fd; }
     /// TQ_MOM_OK, or what ended the connection.
@@ -59,16 +70,17 @@ class redis_connection {
 
   private:
     redis_connection(redisContext *context, const store_url &url);
-    bool connects(steady_time deadline) const;
-    [[nodiscard]] bool secure(const std::string &name, const store_url &url, steady_time deadline, trouble &why);
+    bool connects() const;
     bool wait(short events, steady_time deadline) const;
     [[nodiscard]] int await_input(steady_time deadline);
     ssize_t read_once(short &needs);
 
     std::unique_ptr<redisContext, context_closer> context_;
     std::unique_ptr<transport> transport_;
+    std::unique_ptr<tls_transport> rising_; ///< until its handshake is done
     reply_tape tape_;
     reader_ptr reader_;
+    endpoint server_{};
     std::chrono::milliseconds timeout_;
     std::chrono::microseconds spin_;
     bool early_ = true; ///< the last answer that was looked for before waiting was there

@@ -17,6 +17,9 @@ using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
 constexpr std::chrono::milliseconds longest_standstill{60'000};
+constexpr std::chrono::milliseconds shortest_stand{50};
+constexpr unsigned patient_after = 4;   // attempts in vain, one may stand still for twice as long,
+constexpr unsigned most_doublings = 10; // and so on
 constexpr std::chrono::milliseconds idle{2};
 constexpr uint32_t longest_doubt_ms = 500;
 
@@ -84,7 +87,8 @@ int redis_link::ensure()
 {
     // A server that went away while nobody asked it is noticed before a write is risked on the old connection.
     const auto now = steady_clock::now();
-    if (connection_ != nullptr && now - last_use_ > idle && !connected())
+    const bool gone = elsewhere_ ? outstanding_ == 0 : now - last_use_ > idle && !connected();
+    if (connection_ != nullptr && gone)
         drop();
     last_use_ = now;
     if (connection_ != nullptr)
@@ -92,7 +96,7 @@ int redis_link::ensure()
     if (pause().count() > 0)
         return last_failure_;
     int result = TQ_MOM_OK;
-    connection_ = open(result);
+    connection_ = open(patient(), result);
     note(result, std::chrono::ceil<std::chrono::milliseconds>(steady_clock::now() - now));
     if (connection_ == nullptr)
         return result;
@@ -114,11 +118,40 @@ void redis_link::note(int result, std::chrono::milliseconds took)
     if (result == TQ_MOM_OK) {
         back_off_ = std::chrono::milliseconds{0};
         next_attempt_ = {};
+        usual_ = took;
+        in_vain_ = 0;
         return;
     }
+    in_vain_ += 1;
     last_failure_ = result;
     back_off_ = std::clamp(back_off_ * 2, shortest_pause, longest_pause);
     next_attempt_ = steady_clock::now() + std::max(back_off_, std::min(9 * took, longest_standstill));
+}
+
+// How to make the next attempt.
+store_url redis_link::patient() const
+{
+    store_url how = url_;
+    const auto stand = std::max(shortest_stand, 4 * usual_) * (1 << std::min(in_vain_ / patient_after, most_doublings));
+    if (generation_ > 0 && stand.count() < how.timeout_ms)
+        how.timeout_ms = static_cast<uint32_t>(stand.count());
+    return how;
+}
+
+void redis_link::told_of_master(const endpoint &master, const endpoint &sentinel)
+{
+    if (connection_ != nullptr && master == connection_->server())
+        return;
+    elsewhere_ = connection_ != nullptr;
+    back_off_ = std::chrono::milliseconds{0};
+    next_attempt_ = {};
+    ask_first(sentinel);
+}
+
+void redis_link::ask_first(const endpoint &sentinel)
+{
+    const auto at = std::find(url_.hosts.begin(), url_.hosts.end(), sentinel);
+    std::rotate(url_.hosts.begin(), at, at + (at != url_.hosts.end()));
 }
 
 int redis_link::exchange(const command_buffer &commands)
@@ -183,16 +216,21 @@ int redis_link::judge(reply_view reply)
 
 std::unique_ptr<redis_connection> redis_link::open(int &result)
 {
+    return open(url_, result);
+}
+
+std::unique_ptr<redis_connection> redis_link::open(const store_url &how, int &result)
+{
     result = TQ_MOM_DISCONNECTED;
     switch (url_.scheme) {
     case store_scheme::unix_socket:
-        return open_at({url_.name, 0}, result);
+        return open_at({url_.name, 0}, how, result);
     case store_scheme::tcp:
-        return open_at(url_.hosts.front(), result);
+        return open_at(url_.hosts.front(), how, result);
     case store_scheme::sentinel: {
         endpoint master;
-        result = ask_sentinels(master);
-        return result == TQ_MOM_OK ? open_at(master, result) : nullptr;
+        result = ask_sentinels(how, master);
+        return result == TQ_MOM_OK ? open_at(master, how, result) : nullptr;
     }
     case store_scheme::mem:
         break;
@@ -246,43 +284,49 @@ int redis_link::try_other_way(const endpoint &where, int result)
     return connection != nullptr && connection->exchange(question) == TQ_MOM_OK ? TQ_MOM_TLS_NOT_SPOKEN : result;
 }
 
-std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, int &result)
+std::unique_ptr<redis_connection> redis_link::open_at(const endpoint &where, const store_url &how, int &result)
 {
     trouble why;
-    auto connection = connect(where, url_, why);
+    auto connection = connect(where, how, why);
     result = connection == nullptr ? explain(where, why) : log_in(*connection);
     if (connection != nullptr && result == TQ_MOM_DISCONNECTED)
         result = explain(where, connection->ended());
     if (result != TQ_MOM_OK)
         return nullptr;
+    connection->use(where, url_.timeout_ms);
     counters_.connections += 1;
-    at_ = where;
     told_.clear();
     return connection;
 }
 
+int redis_link::greet_sentinel(command_buffer &commands) const
+{
+    return add_login(commands, url_.sentinels);
+}
+
 // A sentinel that knows the name tells where the master is; one that is down or does not know is passed over.
-int redis_link::ask_sentinels(endpoint &master)
+int redis_link::ask_sentinels(const store_url &how, endpoint &master)
 {
     command_buffer question;
-    const int logged_in = add_login(question, url_.sentinels);
+    const int logged_in = greet_sentinel(question);
     if (logged_in != TQ_MOM_OK)
         return logged_in;
     question.command("SENTINEL", "get-master-addr-by-name", url_.name);
     int result = TQ_MOM_DISCONNECTED;
-    for (const auto &sentinel : url_.hosts) {
-        const int asked = ask_sentinel(sentinel, question, master);
+    for (const auto &sentinel : how.hosts) {
+        const int asked = ask_sentinel(sentinel, how, question, master);
         if (asked == TQ_MOM_OK)
-            return TQ_MOM_OK;
+            return ask_first(sentinel), TQ_MOM_OK;
         result = asked == TQ_MOM_DISCONNECTED ? result : asked;
     }
     return result;
 }
 
-int redis_link::ask_sentinel(const endpoint &sentinel, const command_buffer &question, endpoint &master)
+int redis_link::ask_sentinel(const endpoint &sentinel, const store_url &how, const command_buffer &question,
+                             endpoint &master)
 {
     trouble why;
-    const auto connection = connect(sentinel, url_, why);
+    const auto connection = connect(sentinel, how, why);
     if (connection == nullptr)
         return explain(sentinel, why);
     if (connection->exchange(question) != TQ_MOM_OK)
@@ -295,10 +339,8 @@ int redis_link::ask_sentinel(const endpoint &sentinel, const command_buffer &que
         return refused != TQ_MOM_OK ? refused : result_of(answer);
     if (answer.size() != 2)
         return TQ_MOM_DISCONNECTED;
-    const auto port = answer.at(1).text();
     master.host = answer.at(0).text();
-    const auto parsed = std::from_chars(port.data(), port.data() + port.size(), master.port);
-    return parsed.ec == std::errc{} && master.port != 0 && !master.host.empty() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED;
+    return parse_port(answer.at(1).text(), master.port) && !master.host.empty() ? TQ_MOM_OK : TQ_MOM_DISCONNECTED;
 }
 
 // The last answer tells whether the server takes commands: it may be loading, or want a password that we have not.
@@ -330,7 +372,7 @@ bool redis_link::serves_strangers()
     if (url_.server.empty())
         return true;
     trouble why;
-    const auto stranger = connect(at_, url_, why);
+    const auto stranger = connect(connection_->server(), url_, why);
     command_buffer question;
     question.command("PING");
     return stranger != nullptr && stranger->exchange(question) == TQ_MOM_OK &&

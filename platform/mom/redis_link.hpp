@@ -4,8 +4,10 @@
 //    what an operator should know. generation() tells connections apart: what was read on one may not hold on the next.
 // 2. Calls are exchanges, or sent and received separately. A failed one drops the connection.
 // 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and
-//    everything in between fails at once with the reason of the last attempt.
-// 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master.
+//    everything in between fails at once with the reason of the last attempt. Where connecting went well before, a step
+//    of an attempt stands still for little longer than the whole took then, and for longer after a few in vain.
+// 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master: first the
+//    one that answered last. So does a sentinel's word that there is another one.
 // 5. Where the address asks for replicas, a write has succeeded when so many have it (await_replicas).
 //
 // The connection for changes is opened here, too, and belongs to its reader.
@@ -56,20 +58,35 @@ class redis_link {
     uint64_t generation() const { return generation_; }
     void drop()
     {
+        elsewhere_ = false;
         connection_.reset();
         outstanding_ = 0;
     }
 
     /// One more connection to the same server; null, with `result` telling why, when that fails.
     std::unique_ptr<redis_connection> open(int &result);
+    const store_url &url() const { return url_; }
+    /// What logs in at a sentinel, where there is anything.
+    [[nodiscard]] int greet_sentinel(command_buffer &commands) const;
+    /// A sentinel says where the master is: unless that is known, the next attempt is due, and asks that sentinel.
+    void told_of_master(const endpoint &master, const endpoint &sentinel);
+    /// Whether the connection is given up for that at its next use, or is to another server than that one.
+    bool elsewhere(const redis_connection &than) const
+    {
+        return elsewhere_ || (connection_ != nullptr && connection_->server() != than.server());
+    }
     /// How long until the next attempt is due.
     std::chrono::milliseconds pause() const;
 
   private:
     std::unique_ptr<redis_connection> connect(const endpoint &where, const store_url &how, trouble &why);
-    std::unique_ptr<redis_connection> open_at(const endpoint &where, int &result);
-    [[nodiscard]] int ask_sentinels(endpoint &master);
-    [[nodiscard]] int ask_sentinel(const endpoint &sentinel, const command_buffer &question, endpoint &master);
+    std::unique_ptr<redis_connection> open(const store_url &how, int &result);
+    std::unique_ptr<redis_connection> open_at(const endpoint &where, const store_url &how, int &result);
+    [[nodiscard]] int ask_sentinels(const store_url &how, endpoint &master);
+    [[nodiscard]] int ask_sentinel(const endpoint &sentinel, const store_url &how, const command_buffer &question,
+                                   endpoint &master);
+    store_url patient() const;
+    void ask_first(const endpoint &sentinel);
     [[nodiscard]] int log_in(redis_connection &connection);
     [[nodiscard]] bool serves_strangers();
     void note(int result, std::chrono::milliseconds took);
@@ -85,10 +102,12 @@ class redis_link {
     uint64_t generation_ = 0;
     steady_time last_use_{};
     name_lookup names_;
-    endpoint at_; // of the server that we logged in to last
+    bool elsewhere_ = false;
     bool warned_ = false;
     std::string told_; ///< the trouble that was told last, until a connection succeeds
     std::chrono::milliseconds back_off_{0};
+    std::chrono::milliseconds usual_{0}; ///< what the last attempt took that went well
+    unsigned in_vain_ = 0;               ///< attempts since then
     steady_time next_attempt_{};
     int last_failure_ = 0;
 };

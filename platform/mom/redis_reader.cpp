@@ -77,6 +77,8 @@ int redis_reader::subscribe(redis_table &table, const key_range &range, change_s
 {
     if (bell_ == nullptr)
         bell_ = std::make_unique<loop_bell>(master_, on_event<&redis_reader::hear_bell>, this);
+    if (sentinels_ == nullptr && calls_.link().url().scheme == store_scheme::sentinel)
+        sentinels_ = std::make_unique<sentinel_watch>(calls_.link(), master_, [this] { guard(&redis_reader::move); });
     bool added = false;
     const int result = follower_.subscribe(table, range, sink, added);
     if (result != TQ_MOM_OK)
@@ -389,6 +391,16 @@ bool redis_reader::compare()
     return follower_.compare(parted) == TQ_MOM_OK && !parted;
 }
 
+// Another server has become the master. Inside a round the next look does it.
+void redis_reader::move()
+{
+    const bool stays = life_ != life::off && !calls_.link().elsewhere(*line_.connection);
+    if (stays || delivery_.in_round() || !follower_.follows())
+        return;
+    disconnect();
+    reconnect_in(at_once);
+}
+
 // A table that is whole again comes in with a new connection; and so does everything after an answer that is overdue.
 void redis_reader::look()
 {
@@ -402,7 +414,8 @@ void redis_reader::look()
         take_answer();
     const bool silent =
         life_ != life::idle && life_ != life::off && steady_clock::now() - pace_.asked > longest_silence;
-    if (life_ != life::off && (silent || follower_.any_whole_again() || !compare()))
+    if (life_ != life::off &&
+        (silent || calls_.link().elsewhere(*line_.connection) || follower_.any_whole_again() || !compare()))
         return reconnect_in(at_once);
     say_where(steady_clock::now());
 }

@@ -23,6 +23,7 @@
 #include "loop_bell.hpp"
 #include "loop_timer.hpp"
 #include "redis_follower.hpp"
+#include "sentinel_watch.hpp"
 
 namespace mom {
 
@@ -88,6 +89,7 @@ class redis_reader {
     void hear_bell();
     void look();
     bool compare();
+    void move();
     void say_where(steady_time now);
 
     redis_calls &calls_;
@@ -99,6 +101,7 @@ class redis_reader {
     loop_timer timer_;
     loop_timer look_timer_;
     pace pace_;
+    std::unique_ptr<sentinel_watch> sentinels_;
     std::unique_ptr<loop_bell> bell_; ///< rung while there is something to deliver
     command_buffer commands_;
 };

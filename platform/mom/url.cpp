@@ -122,7 +122,7 @@ bool parse_endpoint(store_url &url, std::string_view text, uint16_t default_port
     } else {
         where.host = take_until(text, ':');
     }
-    if (where.host.empty() || (!text.empty() && (!parse_number(text, where.port) || where.port == 0)))
+    if (where.host.empty() || (!text.empty() && !parse_port(text, where.port)))
         return false;
     url.hosts.push_back(where);
     return true;
@@ -184,6 +184,11 @@ uint32_t usual_spin_us()
 {
     cpu_set_t ours;
     return sched_getaffinity(0, sizeof ours, &ours) == 0 && CPU_COUNT(&ours) == 1 ? 0 : 50;
+}
+
+bool parse_port(std::string_view text, uint16_t &port)
+{
+    return parse_number(text, port) && port != 0;
 }
 
 std::optional<store_url> parse_store_url(std::string_view text)

@@ -32,7 +32,11 @@ constexpr uint64_t usual_log_memory = uint64_t{128} << 20;
 struct endpoint {
     std::string host;
     uint16_t port;
+    bool operator==(const endpoint &) const = default;
 };
+
+/// False unless the text is a port's number.
+bool parse_port(std::string_view text, uint16_t &port);
 
 /// 50, or 0 for a process that has one CPU: there no answer comes while one looks for it.
 uint32_t usual_spin_us();

@@ -147,6 +147,19 @@ TEST_P(failover, is_followed_when_the_master_dies)
     EXPECT_EQ("1", second.run({"EXISTS", "plx{8:ace}:a,a1,a2"}));
 }
 
+TEST_P(failover, is_heard_of_from_the_sentinel_by_who_only_listens)
+{
+    wait_for([&] { return sentinel.run({"CLIENT", "LIST"}).find("cmd=subscribe") != std::string::npos; });
+    const auto now = std::chrono::steady_clock::now().time_since_epoch(); // so that nobody finds the old master silent:
+    clock_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    server.signal(SIGSTOP);
+    wait_for([&] { return ++clock_ms, second.run({"ROLE"}).starts_with("master"); });
+    EXPECT_EQ(TQ_MOM_OK, write_ace(open_at(second.url()), 8, ace_record("a", 1, 2, 2)));
+    wait_for([&] { return ++clock_ms, ace.ends_with("4 ace[a,1,2] 8=2"); });
+    clock_ms = 0;
+    server.signal(SIGCONT);
+}
+
 TEST_P(failover, leaves_no_connection_to_a_master_that_became_a_replica)
 {
     ace.also = [&](const tq_mom_notification &) {

@@ -62,6 +62,8 @@ struct hearing {
 
 /// Sockets of the client say that they lead to another machine.
 extern bool peers_are_abroad;
+/// The steady clock of the test's process, where it stands still but for who waits; 0: it goes.
+extern int64_t clock_ms;
 
 /// Contexts on one loop.
 class store_users {
