@@ -83,11 +83,11 @@ void redis_server::start(const std::vector<std::string> &options, const std::str
 
 const std::string &redis_server::certificates()
 {
-    static const plx::tool::TemporaryDirectory made;
-    static const auto result = plx::tool::run_program("sh", {PLX_CERTIFICATES, made.path()});
+    static const std::string made = PLX_CERTIFICATES_DIRECTORY;
+    static const auto result = plx::tool::run_program("sh", {PLX_CERTIFICATES, made});
     if (result.exit_code != 0)
         throw std::runtime_error("no certificates: " + result.err);
-    return made.path();
+    return made;
 }
 
 std::vector<std::string> redis_server::tls_options(const std::string &port)

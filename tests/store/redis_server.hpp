@@ -18,7 +18,7 @@ class redis_server {
     void start(const std::vector<std::string> &options = {}, const std::string &answer = "PONG");
     /// Starts as a sentinel instead, which watches the master "policy" at this TCP port.
     void start_sentinel(const std::string &port, const std::string &master, bool tls = false);
-    /// Where the files of certificates.sh are: the same for all servers of a process.
+    /// Where the files of certificates.sh are: the same for all servers.
     static const std::string &certificates();
     /// The options by which a server takes TLS connections, and no others, at this port.
     static std::vector<std::string> tls_options(const std::string &port);
