@@ -78,7 +78,7 @@ if(PLX_PLATFORM STREQUAL "reference")
     install(FILES ${completion}/plx.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME plx COMPONENT tool)
     install(FILES ${completion}/_plx DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tool)
     install(FILES ${completion}/plx.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
-    install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/plx COMPONENT tool)
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/schema ${PROJECT_SOURCE_DIR}/packaging/prometheus DESTINATION ${CMAKE_INSTALL_DATADIR}/plx COMPONENT tool)
     # For an operator to adapt and put in place. The prefix may be another than the one configured.
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/packaging/redis DESTINATION ${CMAKE_INSTALL_DATADIR}/plx COMPONENT store)
     install(CODE "set(PLX_SYSCONFDIR ${PLX_SYSCONFDIR})

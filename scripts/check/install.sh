@@ -29,7 +29,7 @@ cmake --build "$work/build" >"$work/ninja.log" || { cat "$work/ninja.log"; exit 
 for program in "$work/in_c" "$work/in_cxx" "$work/build/in_c" "$work/build/in_cxx" "$work/tree/bin/plx --help"; do
     $program >"$work/said" || { echo "install: $program failed" >&2; cat "$work/said"; exit 1; }
 done
-for file in man/man1/plx.1 man/man3/libplx.3 man/man5/plx-json.5 plx/schema/plx-1.json plx/redis/plx-store.conf plx/systemd/plx-node@.service; do
+for file in man/man1/plx.1 man/man3/libplx.3 man/man5/plx-json.5 plx/schema/plx-1.json plx/prometheus/plx-alerts.yml plx/prometheus/plx-dashboard.json plx/redis/plx-store.conf plx/systemd/plx-node@.service; do
     [ -f "$work/tree/share/$file" ] || { echo "install: no share/$file" >&2; exit 1; }
 done
 ./run demo >"$work/said" 2>&1 || { cat "$work/said" >&2; exit 1; }

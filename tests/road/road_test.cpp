@@ -23,6 +23,7 @@ class Road : public Session {
         setenv("POLICIES", POLICIES, 1);
         setenv("JSON", JSON_LINES, 1);
         setenv("SCRAPE", SCRAPE, 1);
+        setenv("SOURCES", SOURCES, 1);
         setenv("PYTHON", PYTHON, 1);
         setenv("PYTHONPATH", PYTHON, 1);
         setenv("LD_LIBRARY_PATH", LIBRARIES, 1);

@@ -5,8 +5,9 @@ scrape.py ADDRESS [PREFIX...]           the values whose names begin so
 scrape.py ADDRESS --ask TEXT [COUNT]    the status line to that request, and the body's first line; the last of so many
                                         connections, where the others ask and are gone
 scrape.py ADDRESS --crowd COUNT         the same as with a prefix that nothing has, while so many say nothing
-scrape.py ADDRESS --names FILE...       families that the page (FILE) lacks or has too much, and names in the other
-                                        files that no family has
+scrape.py ADDRESS --names ADDRESS FILE...  families of both that the page (FILE) lacks or has too much, and names in
+                                        the other files that no family has
+scrape.py ADDRESS --page                the page itself, once it was read
 """
 
 import collections
@@ -87,7 +88,8 @@ def scrape(address):
 
 
 def names(served, page, *files):
-    told = re.findall(rf"^\.It Cm (plx_{NAME})", pathlib.Path(page).read_text(), re.M)
+    items = re.findall(r"^\.It Cm plx_.*", pathlib.Path(page).read_text(), re.M)
+    told = re.findall("plx_[a-z_]+", "".join(items))
     yield from (f"{page} lacks {name}" for name in served if name not in told)
     yield from (f"{page} has {name}" for name in told if name not in served)
     for file in files:
@@ -104,12 +106,14 @@ def main(address, *words):
         head, body = ask(address, text)
         print(head[0], body.split("\n")[0], sep="\n")
         return
-    crowd = [connect(address) for _ in range(int(words[1]))] if words[:1] == ("--crowd",) else []
+    _crowd = [connect(address) for _ in range(int(words[1]))] if words[:1] == ("--crowd",) else []
     served = scrape(address)
     if words[:1] == ("--names",):
-        print(*names(served, *words[1:]), sep="\n")
+        print(*names({**served, **scrape(words[1])}, *words[2:]), sep="\n")
+    if words[:1] == ("--page",):
+        print(ask(address, GET)[1], end="")
     for lines in served.values():
-        print(*(line + "\n" for line in lines if not crowd and line.startswith(words)), sep="", end="")
+        print(*(line + "\n" for line in lines if words[:1] != ("--crowd",) and line.startswith(words)), sep="", end="")
 
 
 main(*sys.argv[1:])

@@ -61,7 +61,7 @@ int ApplyRun::prepare()
     policies_.emplace(context_.get(), options_.db, policy_.application);
     if (options_.embedded())
         return EXIT_DONE;
-    store_watch_.emplace(context_.get(), options_.db, [this](const std::string &text) { say(text); });
+    store_watch_.emplace(context_.get(), options_.db, [this](Grade, const std::string &text) { say(text); });
     if (const int code = take_lock(); code != EXIT_DONE)
         return code;
     const int code = take_back_what_was_left();

@@ -12,6 +12,7 @@ void add_diff_command(CLI::App &app, int &exit_code);
 void add_check_command(CLI::App &app, int &exit_code);
 void add_explain_command(CLI::App &app, int &exit_code);
 void add_import_command(CLI::App &app, int &exit_code);
+void add_metrics_command(CLI::App &app, int &exit_code);
 void add_monitor_command(CLI::App &app, int &exit_code);
 void add_node_command(CLI::App &app, int &exit_code);
 void add_shell_command(CLI::App &app, int &exit_code);

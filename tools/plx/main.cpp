@@ -57,6 +57,7 @@ int run(int argc, char **argv)
     add_node_command(app, exit_code);
     add_show_command(app, exit_code);
     add_monitor_command(app, exit_code);
+    add_metrics_command(app, exit_code);
     add_shell_command(app, exit_code);
     add_top_command(app, exit_code);
     add_verify_command(app, exit_code);

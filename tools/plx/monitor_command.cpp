@@ -71,7 +71,7 @@ int MonitorRun::run()
     const StopOnSignal stop(context_->master);
     if (const int result = subscribe(); result != 0)
         return tell_store_error("store", result);
-    const StoreWatch lost(context_.get(), options_.db, [](const std::string &text) { output().note(text); });
+    const StoreWatch lost(context_.get(), options_.db);
     output().note("watching " + std::to_string(feeds_.size()) + " tables");
     tq_loop_run(context_->master);
     return EXIT_DONE;

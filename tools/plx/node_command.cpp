@@ -37,6 +37,16 @@ namespace plx::tool {
 
 namespace {
 
+void log(const std::string &text)
+{
+    output().log(Grade::info, text);
+}
+
+void warn(const std::string &text)
+{
+    output().log(Grade::warning, text);
+}
+
 struct NodeCommandOptions {
     std::string store = "unix:/run/plx-store/store.sock";
     std::string plane = "sim";
@@ -71,9 +81,7 @@ class NodeRun {
     Context new_context() const { return Context(tq_context_new_on(options_.store.c_str(), loop_.get())); }
     Record record(const ProtobufCMessageDescriptor &table) const;
     void retire();
-    void log(const std::string &text) const;
-    int fail(int exit_code, const std::string &text) const;
-    bool refuse(const std::string &text) const { return fail(EXIT_USAGE, text) == EXIT_DONE; }
+    bool refuse(const std::string &text) const { return output().error(EXIT_USAGE, text) == EXIT_DONE; }
 
     NodeCommandOptions options_;
     Loop loop_;
@@ -86,22 +94,6 @@ class NodeRun {
     bool twin_ = false;                     // another node of this identity lives
 };
 
-void NodeRun::log(const std::string &text) const
-{
-    const auto &id = options_.node;
-    if (output().json())
-        return output().note(text);
-    std::cerr << "plx node " << id.dev << '/' << id.slot << '/' << id.id << ": " << text << std::endl;
-}
-
-int NodeRun::fail(int exit_code, const std::string &text) const
-{
-    if (output().json())
-        return output().error(exit_code, text);
-    log(text);
-    return exit_code;
-}
-
 bool NodeRun::serve_numbers()
 {
     if (options_.metrics.empty())
@@ -110,7 +102,7 @@ bool NodeRun::serve_numbers()
     if (const std::string error = server_->listen(options_.metrics); !error.empty())
         return refuse("--metrics " + options_.metrics + ": " + error);
     if (server_->beyond_this_machine())
-        log("everybody who reaches " + options_.metrics + " can read the numbers");
+        warn("everybody who reaches " + options_.metrics + " can read the numbers");
     return true;
 }
 
@@ -155,7 +147,7 @@ bool NodeRun::make_nftables()
     if (!config)
         return refuse(error);
     if (config->ports.empty())
-        log("no port is here: every apply belongs to another node (--port, --ports)");
+        warn("no port is here: every apply belongs to another node (--port, --ports)");
     for (const Form *form : config->ignored)
         log("ignoring " + std::string(form->name) + " of every entry, as told");
     const auto &id = options_.node;
@@ -164,8 +156,7 @@ bool NodeRun::make_nftables()
         options.table += (options.table.empty() ? "plx_" : "_") + std::to_string(part);
     options.config = std::move(*config);
     options.table_size = options_.table_size.value_or(options.table_size);
-    auto plane = std::make_unique<plane::nftables::NftablesPlane>(std::move(options),
-                                                                  [this](const std::string &text) { log(text); });
+    auto plane = std::make_unique<plane::nftables::NftablesPlane>(std::move(options), warn);
     nftables_ = plane.get();
     plane_ = std::move(plane);
     if (const int failure = start_nftables(); failure != 0) {
@@ -186,7 +177,7 @@ int NodeRun::start_nftables()
     const int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     const int there = open(("/run/netns/" + options_.nftables.netns).c_str(), O_RDONLY | O_CLOEXEC);
     if (there < 0)
-        log("there is no network namespace '" + options_.nftables.netns + "'");
+        warn("there is no network namespace '" + options_.nftables.netns + "'");
     int error = home < 0 || there < 0 || setns(there, CLONE_NEWNET) != 0 ? errno : 0;
     if (error == 0) {
         error = nftables_->start();
@@ -208,7 +199,7 @@ void NodeRun::read_ports()
         if (node_)
             node_->look();
     } else if (!error.empty()) {
-        log("the ports stay as they are: " + error);
+        warn("the ports stay as they are: " + error);
     }
 }
 
@@ -232,9 +223,9 @@ int NodeRun::run()
     const StopOnSignal stop(loop_.get(), [this](int signal) { signal == SIGHUP ? read_ports() : release(); });
     const int result = wait_for_store(stop);
     if (result != 0)
-        return fail(EXIT_UNREACHABLE, std::string("cannot start: ") + tq_mom_strerror(result));
+        return output().error(EXIT_UNREACHABLE, std::string("cannot start: ") + tq_mom_strerror(result));
     if (twin_)
-        return fail(EXIT_TWIN, "a node of this identity lives: give each its own --dev, --slot and --id");
+        return output().error(EXIT_TWIN, "a node of this identity lives: give each its own --dev, --slot and --id");
     if (node_) {
         log("ready");
         sd_notify(0, "READY=1");
@@ -256,7 +247,7 @@ int NodeRun::wait_for_store(const StopOnSignal &stop)
         if (result == 0 || result == TQ_MOM_DENIED || result == TQ_MOM_BAD_LOGIN || result == TQ_MOM_NO_PASSWORD)
             return result;
         if (result != told)
-            log("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
+            warn("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
         told = result;
         run_until(now() + between_tries, stop, false);
     }
@@ -326,13 +317,13 @@ int NodeRun::start(const StopOnSignal &stop)
     if (result != 0)
         return result;
     plane::NodeOptions options = options_.node;
-    options.tell = [this](const std::string &text) { log(text); };
+    options.tell = warn;
     Context context = new_context();
     connection_ = context.get();
     node_.emplace(std::move(context), *plane_, std::move(options));
     result = node_->start();
     if (result == 0)
-        store_watch_.emplace(connection_, options_.node.db, [this](const std::string &text) { log(text); });
+        store_watch_.emplace(connection_, options_.node.db);
     else
         node_.reset();
     return result;
@@ -355,7 +346,7 @@ void NodeRun::retire()
     const Context context = new_context();
     for (const auto *table : {&s_policy__service_node__descriptor, &plx_node__node_report__descriptor})
         if (const int result = tq_mom_del_sync(context.get(), options_.node.db, record(*table).message()); result != 0)
-            log("its " + table_name(*table) + " stays in the store: " + tq_mom_strerror(result));
+            warn("its " + table_name(*table) + " stays in the store: " + tq_mom_strerror(result));
 }
 
 // Who the node is, and where.
@@ -445,7 +436,8 @@ void add_node_command(CLI::App &app, int &exit_code)
     command->callback([options, command, &exit_code] {
         if (!command->get_subcommands().empty())
             return;
-        output().begin("node", options->json);
+        const auto &node = options->node;
+        output().begin("node", options->json, "node " + text_of(NodeName{node.dev, node.slot, node.id}));
         exit_code = NodeRun(*options).run();
     });
 }

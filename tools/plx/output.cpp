@@ -1,8 +1,12 @@
 // See output.hpp.
 #include "output.hpp"
 
+#include "records/host.hpp"
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace plx::tool {
 
@@ -46,6 +50,15 @@ std::string prefix(const Place &place, const std::string &command)
     return text;
 }
 
+// The journal tells who is connected to it which device and inode that is.
+bool is_journal()
+{
+    const char *told = std::getenv("JOURNAL_STREAM");
+    struct stat stream {};
+    return told != nullptr && fstat(STDERR_FILENO, &stream) == 0 &&
+           told == std::to_string(stream.st_dev) + ':' + std::to_string(stream.st_ino);
+}
+
 void add_place(Row &row, const Place &place)
 {
     if (!place.file.empty())
@@ -69,8 +82,9 @@ Output &output()
     return only;
 }
 
-void Output::begin(std::string command, bool json)
+void Output::begin(std::string command, bool json, std::string name)
 {
+    name_ = name.empty() ? command : std::move(name);
     command_ = std::move(command);
     json_ = json;
 }
@@ -112,8 +126,27 @@ void Output::note(const std::string &text)
         line("note", {{"text", text}});
         std::cout.flush();
     } else {
-        std::cerr << prefix({}, command_) << ": " << text << std::endl;
+        say(Grade::info, prefix({}, name_) + ": " + text);
     }
+}
+
+void Output::log(Grade grade, const std::string &text)
+{
+    if (!json_)
+        return say(grade, prefix({}, name_) + ": " + text);
+    const char *const level = grade == Grade::info ? "info" : grade == Grade::warning ? "warning" : "error";
+    line("note", {{"level", level}, {"time_ms", wall_clock_ms()}, {"text", text}});
+    std::cout.flush();
+}
+
+void Output::say(Grade grade, const std::string &text) const
+{
+    static const bool journal = is_journal();
+    const std::string mark = journal ? '<' + std::to_string(static_cast<int>(grade)) + '>' : "";
+    std::string lines = mark;
+    for (const char c : text)
+        (lines += c) += c == '\n' ? mark : "";
+    std::cerr << lines << std::endl;
 }
 
 int Output::error(int exit_code, const std::string &text, const Place &place, const char *hint)
@@ -124,8 +157,7 @@ int Output::error(int exit_code, const std::string &text, const Place &place, co
         row["hint"] = hint;
     line("error", std::move(row));
     if (!json_)
-        std::cerr << prefix(place, command_) << ": " << text << (hint != nullptr ? "\nhint: " : "")
-                  << (hint != nullptr ? hint : "") << std::endl;
+        say(Grade::error, prefix(place, name_) + ": " + text + (hint != nullptr ? std::string("\nhint: ") + hint : ""));
     return exit_code;
 }
 
@@ -135,7 +167,7 @@ void Output::warning(const std::string &text, const Place &place)
     add_place(row, place);
     line("warning", std::move(row));
     if (!json_)
-        std::cerr << prefix(place, command_) << ": warning: " << text << std::endl;
+        say(Grade::warning, prefix(place, name_) + ": warning: " + text);
 }
 
 // What was printed may still be on its way to a full disk.

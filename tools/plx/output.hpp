@@ -1,7 +1,8 @@
 // What a command says: text for people, or with --json lines of JSON on standard output and nothing else.
 //
 // A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with
-// the exit code. A failure is a line of type "error", a remark one of type "note". A number above 2^53, which readers
+// the exit code. A failure is a line of type "error", a remark one of type "note". Where standard error is the journal,
+// each line of text bears its grade, as the journal takes it. A number above 2^53, which readers
 // may round, has its text beside it, under its name and "_text". Within a schema's version there are only additions.
 #pragma once
 
@@ -15,10 +16,13 @@ namespace plx::tool {
 
 using Row = nlohmann::ordered_json;
 
+// As the system log numbers them.
+enum class Grade : uint8_t { error = 3, warning = 4, info = 6 };
+
 class Output {
   public:
-    // From here on it is `command` that speaks: "apply".
-    void begin(std::string command, bool json);
+    // From here on it is `command` that speaks: "apply"; of several on one standard error each has a name: "node 0/1/0".
+    void begin(std::string command, bool json, std::string name = {});
     bool json() const { return json_; }
 
     // An object, with --json; otherwise nothing. What a record calls "type" itself goes by "own_type".
@@ -28,7 +32,9 @@ class Output {
     void made_line(std::string_view type, std::string_view members);
     // "plx apply: TEXT" on standard error.
     void note(const std::string &text);
-    // The same, for what leads to an exit code, which it returns. With a place its text is "FILE:LINE:COLUMN: TEXT".
+    // The same, by a program that lives on: with --json a note that has its "level" and "time_ms", too.
+    void log(Grade grade, const std::string &text);
+    // The same as a note, for what leads to an exit code, which it returns. With a place its text is "FILE:LINE:COLUMN: TEXT".
     // `hint`: what can be done about it.
     int error(int exit_code, const std::string &text, const Place &place = {}, const char *hint = nullptr);
 
@@ -42,8 +48,9 @@ class Output {
 
   private:
     std::string schema();
+    void say(Grade grade, const std::string &text) const;
 
-    std::string command_;
+    std::string command_, name_;
     bool json_ = false;
     bool begun_ = false;
     Row summary_ = Row::object();

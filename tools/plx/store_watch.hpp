@@ -10,7 +10,10 @@ namespace plx::tool {
 class StoreWatch {
   public:
     // The context outlives it. `tell` says what happened.
-    StoreWatch(tq_context *context, uint32_t db, std::function<void(const std::string &)> tell)
+    StoreWatch(
+        tq_context *context, uint32_t db,
+        std::function<void(Grade, const std::string &)> tell =
+            [](Grade grade, const std::string &text) { output().log(grade, text); })
         : context_(context), db_(db), tell_(std::move(tell)), timer_(context->master, [this] { look(); })
     {
         timer_.start(between_looks);
@@ -23,14 +26,14 @@ class StoreWatch {
     {
         const bool there = tq_mom_state_get(context_, db_, 0) == 0;
         if (there != there_)
-            tell_(there ? "the store is back" : "the store is lost");
+            there ? tell_(Grade::info, "the store is back") : tell_(Grade::warning, "the store is lost");
         there_ = there;
         timer_.start(between_looks);
     }
 
     tq_context *context_;
     uint32_t db_;
-    std::function<void(const std::string &)> tell_;
+    std::function<void(Grade, const std::string &)> tell_;
     bool there_ = true;
     Timer timer_;
 };
