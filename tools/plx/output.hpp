@@ -27,8 +27,8 @@ class Output {
 
     // An object, with --json; otherwise nothing. What a record calls "type" itself goes by "own_type".
     void line(std::string_view type, Row row);
-    // The same of members that are JSON already, none of them a "type" or a long number: `"entry":"acl 1"`. For lines by
-    // the hundred thousand.
+    // The same of members that are JSON already, none of them a "type" or a long number: `"entry":"acl 1"`. For lines
+    // by the hundred thousand.
     void made_line(std::string_view type, std::string_view members);
     // "plx apply: TEXT" on standard error.
     void note(const std::string &text);
