@@ -49,11 +49,26 @@ struct Inquiries::Answer {
     }
 };
 
-Inquiries::Inquiries(tq_context *context, uint32_t db, std::string node, Plane &plane, Refused refused,
+// All of them: those that are bounded by their number are added here.
+struct Inquiries::Answers {
+    std::deque<Answer> records{1};
+    size_t entries = 0;
+
+    void add(const Key &key, const Standing &standing)
+    {
+        if (entries == most_entries)
+            return;
+        if (++entries > records.size() * entries_in_record)
+            records.emplace_back();
+        records.back().add(key, standing);
+    }
+};
+
+Inquiries::Inquiries(tq_context *context, uint32_t db, std::string node, Plane &plane, Refused refused, Trial trial,
                      std::function<void()> before_writing)
     : context_(context), db_(db), node_(std::move(node)), plane_(plane), refused_(std::move(refused)),
-      before_writing_(std::move(before_writing)), answer_timer_(context->master, [this] { answer(); }),
-      forget_timer_(context->master, [this] { forget(); })
+      trial_(std::move(trial)), before_writing_(std::move(before_writing)),
+      answer_timer_(context->master, [this] { answer(); }), forget_timer_(context->master, [this] { forget(); })
 {
 }
 
@@ -92,6 +107,7 @@ int32_t Inquiries::on_question(void *, const tq_mom_notification *notification, 
     question.app.assign(asked.app == nullptr ? "" : asked.app, length);
     for (size_t i = 0; i < std::min(asked.n_parts, most_parts); ++i)
         question.parts.insert(asked.parts[i]);
+    question.trial = asked.trial != 0;
     self->answer_timer_.start_unless_pending(milliseconds(0));
     return 0;
 }
@@ -103,24 +119,39 @@ void Inquiries::answer()
         return;
     const Question question = std::move(questions_.front());
     questions_.pop_front();
-    answer(question);
+    Answers answers;
+    if (question.trial)
+        try_out(question, answers);
+    else
+        read(question, answers);
+    before_writing_();
+    const auto count = static_cast<uint32_t>(answers.records.size());
+    for (uint32_t number = 0; number < count; ++number)
+        send(answers.records[number], question.nonce, number, count);
     if (!questions_.empty())
         answer_timer_.start(milliseconds(0));
 }
 
-void Inquiries::answer(const Question &question)
+void Inquiries::try_out(const Question &question, Answers &answers)
+{
+    Answer &first = answers.records.front();
+    first.record.tried = 1;
+    const auto refused = trial_(question.app);
+    if (!refused)
+        first.record.error = first.texts.keep("the store cannot be read");
+    for (const auto &[key, standing] : refused.value_or(std::vector<std::pair<Key, Standing>>()))
+        answers.add(key, standing);
+}
+
+void Inquiries::read(const Question &question, Answers &answers)
 {
     const auto there = plane_.read_back(question.app);
-    std::deque<Answer> records(1);
+    Answer &first = answers.records.front();
     if (!there)
-        records[0].record.error = records[0].texts.keep("the plane cannot be read");
-    size_t entries = 0;
+        first.record.error = first.texts.keep("the plane cannot be read");
     const auto add = [&](const Key &key, const Standing &standing) {
-        if (!question.parts.contains(static_cast<uint32_t>(part_of(digest_of(key)))) || entries == most_entries)
-            return;
-        if (++entries > records.size() * entries_in_record)
-            records.emplace_back();
-        records.back().add(key, standing);
+        if (question.parts.contains(static_cast<uint32_t>(part_of(digest_of(key)))))
+            answers.add(key, standing);
     };
     PartDigests parts;
     for (const auto &[key, programmed] : there.value_or(std::vector<std::pair<Key, Installed>>())) {
@@ -129,13 +160,10 @@ void Inquiries::answer(const Question &question)
         add(key, {Status::ok, programmed.fingerprint, programmed.request});
     }
     if (question.parts.empty())
-        records[0].add(parts);
+        first.add(parts);
     else
         for (const auto &[key, standing] : refused_(question.app))
             add(key, standing);
-    before_writing_();
-    for (uint32_t number = 0; number < records.size(); ++number)
-        send(records[number], question.nonce, number, static_cast<uint32_t>(records.size()));
 }
 
 void Inquiries::send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records)

@@ -18,10 +18,12 @@ class Inquiries {
   public:
     // What the node has refused of an application.
     using Refused = std::function<std::vector<std::pair<Key, Standing>>(const std::string &app)>;
+    // What the plane would refuse of its tables; nullopt when these cannot be read.
+    using Trial = std::function<std::optional<std::vector<std::pair<Key, Standing>>>(const std::string &app)>;
 
     // The context and the plane outlive it. `node` is the node's name, by which it is asked; `before_writing` ends what
     // else is on its way into the store.
-    Inquiries(tq_context *context, uint32_t db, std::string node, Plane &plane, Refused refused,
+    Inquiries(tq_context *context, uint32_t db, std::string node, Plane &plane, Refused refused, Trial trial,
               std::function<void()> before_writing);
 
     // Hears of questions from now on, and deletes answers of a node before. The store client's result.
@@ -32,6 +34,7 @@ class Inquiries {
         uint64_t nonce = 0;
         std::string app;
         std::set<uint32_t> parts;
+        bool trial = false;
     };
     struct Answered {
         uint64_t nonce;
@@ -39,11 +42,13 @@ class Inquiries {
         milliseconds until;
     };
     struct Answer;
+    struct Answers;
 
     static int32_t on_question(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_old_answer(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     void answer();
-    void answer(const Question &question);
+    void read(const Question &question, Answers &records);
+    void try_out(const Question &question, Answers &records);
     void send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records);
     void remove(uint64_t nonce, uint32_t number);
     void forget();
@@ -53,6 +58,7 @@ class Inquiries {
     std::string node_;
     Plane &plane_;
     Refused refused_;
+    Trial trial_;
     std::function<void()> before_writing_;
     std::deque<Question> questions_;
     std::deque<Answered> answered_; // in the order of time

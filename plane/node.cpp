@@ -36,7 +36,8 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
               {options_.db, options_.dev, options_.slot, options_.id, options_.heartbeat, options_.token}),
       inquiries_(
           context_.get(), options_.db, name_of(options_), plane_,
-          [this](const std::string &app) { return refused(app); }, [this] { report(); }),
+          [this](const std::string &app) { return refused(app); },
+          [this](const std::string &app) { return try_out(app); }, [this] { report(); }),
       inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); }), heartbeat_timer_(context_->master, [this] { beat(); }),
       counter_timer_(context_->master, [this] { publish_counters(); }),

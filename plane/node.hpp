@@ -105,8 +105,9 @@ class Node {
         Node *node;
         const std::string *app;
         uint32_t number;
-        bool from_nothing; // no entry was known: what is found is made at once
-        size_t table = 0;  // the one that is being read
+        bool from_nothing;  // no entry was known: what is found is made at once
+        bool trial = false; // nothing is made, and nobody answered
+        size_t table = 0;   // the one that is being read
         uint64_t begun = now_us();
         std::set<size_t> unreadable{}; // tables in which a record could not be read: nothing of them is removed
         std::vector<Change> found{};   // that differ
@@ -142,9 +143,11 @@ class Node {
     void drop_staged(std::vector<Change> &changes);
     void make(std::vector<Change> changes);
     void program(std::span<const Change> changes, size_t step);
+    bool differs(const Change &change) const;
     bool needs_plane(const Change &change);
     void settle(const Change &change, const Answer &answer);
     std::vector<std::pair<Key, Standing>> refused(const std::string &app) const;
+    std::optional<std::vector<std::pair<Key, Standing>>> try_out(const std::string &app);
     bool current(const Key &key, uint64_t request) const;
 
     void watch_plane();

@@ -187,6 +187,11 @@ void Node::find(Comparison &comparison, Change change)
     const bool is_new = known == entries_.end();
     if (!is_new)
         known->second.seen = comparison.number;
+    if (comparison.trial) {
+        if (differs(change))
+            comparison.found.push_back(std::move(change));
+        return;
+    }
     const bool may_be_staged = comparison.app == nullptr && tables()[change.key.index()].by_application;
     if ((may_be_staged && commits_.staged(application_of(change.key))) || (!is_new && !needs_plane(change)))
         return;
@@ -308,6 +313,16 @@ void Node::program(std::span<const Change> changes, size_t step)
     }
 }
 
+// Whether the plane has something else under the key, or has refused it.
+bool Node::differs(const Change &change) const
+{
+    const auto known = entries_.find(change.key);
+    if (known == entries_.end())
+        return change.wanted.has_value();
+    return !change.wanted || known->second.fingerprint != change.wanted->fingerprint() ||
+           known->second.status != Status::ok;
+}
+
 // A request that was seen is done with. A new request for what is programmed already is only answered.
 bool Node::needs_plane(const Change &change)
 {
@@ -363,6 +378,22 @@ std::vector<std::pair<Key, Standing>> Node::refused(const std::string &app) cons
         if (entry.status != Status::ok && application_of(key) == app)
             all.emplace_back(key, entry);
     return all;
+}
+
+// What an application has in its tables, whether it is held or not, against what is programmed.
+std::optional<std::vector<std::pair<Key, Standing>>> Node::try_out(const std::string &app)
+{
+    Comparison trial{.node = this, .app = &app, .number = ++comparisons_, .from_nothing = false, .trial = true};
+    if (!scan(trial))
+        return std::nullopt;
+    std::vector<Change> changes = removals(trial);
+    std::move(trial.found.begin(), trial.found.end(), std::back_inserter(changes));
+    const std::vector<Answer> answers = plane_.try_out(changes);
+    std::vector<std::pair<Key, Standing>> refused;
+    for (size_t i = 0; i < changes.size(); ++i)
+        if (answers.at(i).status != Status::ok)
+            refused.emplace_back(changes[i].key, Standing{answers[i].status, 0, 0});
+    return refused;
 }
 
 bool Node::current(const Key &key, uint64_t request) const

@@ -62,6 +62,9 @@ class Plane {
     // fails leaves what was programmed under its key before, and stops none of the others.
     virtual std::vector<Answer> program(std::span<const Change> changes) = 0;
 
+    // What program() would answer, as far as that can be known without a change. Nothing is changed.
+    virtual std::vector<Answer> try_out(std::span<const Change> changes) = 0;
+
     // What it says of an entry that is wanted again as it has it.
     virtual Answer confirm(const Key &) const { return {}; }
 

@@ -176,10 +176,12 @@ void Batch::take_back()
     owners_.pop_back();
 }
 
-void Batch::close()
+// A batch that is not whole lacks its end.
+void Batch::close(bool whole)
 {
-    const nlmsghdr *end = put(NFNL_MSG_BATCH_END, 0, everybody);
-    used_ += NLMSG_ALIGN(end->nlmsg_len);
+    if (whole)
+        put(NFNL_MSG_BATCH_END, 0, everybody);
+    used_ += NLMSG_ALIGN(reinterpret_cast<const nlmsghdr *>(bytes_.data() + last_)->nlmsg_len);
 }
 
 // ---- the socket -----------------------------------------------------------------------------------------------------
@@ -221,9 +223,9 @@ int Netlink::receive(int flags, const Take &take)
     return complete && whole == static_cast<size_t>(size) ? 0 : ENOBUFS;
 }
 
-Outcome Netlink::commit(Batch &batch)
+Outcome Netlink::send_batch(Batch &batch, bool whole)
 {
-    batch.close();
+    batch.close(whole);
     Outcome outcome;
     // What an earlier call left behind must not be taken for an answer to this one.
     const uint32_t base = sequence_ + 1;

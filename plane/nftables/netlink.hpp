@@ -80,7 +80,7 @@ class Batch {
   private:
     friend class Netlink;
     nlmsghdr *put(uint16_t type, uint16_t flags, size_t owner);
-    void close();
+    void close(bool whole);
 
     std::vector<uint8_t> bytes_;
     size_t used_ = 0, last_ = 0;
@@ -109,7 +109,9 @@ class Netlink {
     void step() const { step_(); }
     int descriptor() const { return mnl_socket_get_fd(socket_.get()); }
 
-    Outcome commit(Batch &batch);
+    Outcome commit(Batch &batch) { return send_batch(batch, true); }
+    // The kernel goes through all of it, and drops it for want of its end.
+    Outcome try_out(Batch &batch) { return send_batch(batch, false); }
     uint32_t generation(); // counts the changes of all of nf_tables, by anybody; 0 when it cannot be read
 
     using Take = std::function<void(const nlmsghdr &message)>;
@@ -125,6 +127,7 @@ class Netlink {
         void operator()(mnl_socket *socket) const { mnl_socket_close(socket); }
     };
 
+    Outcome send_batch(Batch &batch, bool whole);
     int send(std::span<const uint8_t> bytes);
     int receive(int flags, const Take &take);
     int take_answer(uint32_t sequence, const Take &take, const Take &others);

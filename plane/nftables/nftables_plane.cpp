@@ -110,6 +110,13 @@ std::string shown(const Key &key)
     return port_of(key) != nullptr ? "port " + std::to_string(*port_of(key)) : "record of another kind";
 }
 
+// What became of it, or would, is to be read: replies were lost, or the table is not what it was taken for.
+bool is_unknown(const Outcome &outcome)
+{
+    const auto stale = outcome.errors.find(everybody);
+    return outcome.lost || (stale != outcome.errors.end() && (stale->second == ESTALE || stale->second == ENOENT));
+}
+
 } // namespace
 
 NftablesPlane::NftablesPlane(NftablesOptions options, Log log)
@@ -289,7 +296,7 @@ void NftablesPlane::judge_together(std::span<const Change> changes, std::vector<
 
 // ---- programming ----------------------------------------------------------------------------------------------------
 
-std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
+std::vector<NftablesPlane::Judged> NftablesPlane::judge_all(std::span<const Change> changes)
 {
     std::vector<Judged> judged;
     judged.reserve(changes.size());
@@ -298,6 +305,30 @@ std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
         judged.push_back(judge(change));
     }
     judge_together(changes, judged);
+    return judged;
+}
+
+// The kernel's first word: what it would say of the rest without what it refuses is not asked.
+std::vector<Answer> NftablesPlane::try_out(std::span<const Change> changes)
+{
+    std::vector<Judged> judged = judge_all(changes);
+    Draft next = draft(changes, judged);
+    std::map<size_t, int> errors = next.write();
+    if (errors.empty() && next.batch().size() != 0)
+        if (const Outcome outcome = netlink_.try_out(next.batch()); !is_unknown(outcome))
+            errors = outcome.errors;
+    refuse(changes, judged, errors);
+    std::vector<Answer> answers(changes.size());
+    for (size_t i = 0; i < changes.size(); ++i) {
+        answers[i].status = judged[i].status;
+        answers[i].text = judged[i].text;
+    }
+    return answers;
+}
+
+std::vector<Answer> NftablesPlane::program(std::span<const Change> changes)
+{
+    std::vector<Judged> judged = judge_all(changes);
     commit(changes, judged);
     std::vector<Answer> answers(changes.size());
     size_t refused = 0;
@@ -346,27 +377,25 @@ void NftablesPlane::commit(std::span<const Change> changes, std::vector<Judged> 
         }
         if (outcome.done())
             return next.take(outcome);
-        const auto stale = outcome.errors.find(everybody);
-        const bool unknown =
-            outcome.lost || (stale != outcome.errors.end() && (stale->second == ESTALE || stale->second == ENOENT));
-        if (unknown && rereads++ == 0) {
+        if (is_unknown(outcome) && rereads++ == 0) {
             reread();
             continue;
         }
         if (outcome.errors.empty())
             outcome.errors[everybody] = ENOBUFS;
-        for (size_t i = 0; i < changes.size(); ++i)
-            for (const size_t owner : {i, everybody})
-                if (const auto error = outcome.errors.find(owner);
-                    error != outcome.errors.end() && judged[i].status == Status::ok)
-                    refuse(judged[i], changes[i].key, error->second);
+        refuse(changes, judged, outcome.errors);
     }
 }
 
-void NftablesPlane::refuse(Judged &judged, const Key &key, int error) const
+void NftablesPlane::refuse(std::span<const Change> changes, std::vector<Judged> &judged,
+                           const std::map<size_t, int> &errors)
 {
-    judged.status = status_of(error, key);
-    judged.text = std::string(strerror(error)) + " (" + std::to_string(error) + ')';
+    for (size_t i = 0; i < changes.size(); ++i)
+        for (const size_t owner : {i, everybody})
+            if (const auto error = errors.find(owner); error != errors.end() && judged[i].status == Status::ok) {
+                judged[i].status = status_of(error->second, changes[i].key);
+                judged[i].text = std::string(strerror(error->second)) + " (" + std::to_string(error->second) + ')';
+            }
 }
 
 void NftablesPlane::tell_error(const char *what, int error)

@@ -41,6 +41,7 @@ class NftablesPlane final : public Plane {
     void set_ports(std::map<uint32_t, std::string> ports);
 
     std::vector<Answer> program(std::span<const Change> changes) override;
+    std::vector<Answer> try_out(std::span<const Change> changes) override;
     std::map<Key, Installed> installed() const override;
     Description describe() const override;
     std::optional<std::vector<std::pair<Key, Installed>>> read_back(const std::string &app) override;
@@ -66,7 +67,9 @@ class NftablesPlane final : public Plane {
     uint8_t directions_used(const AclKey &acl) const;
     Draft draft(std::span<const Change> changes, const std::vector<Judged> &judged);
     void commit(std::span<const Change> changes, std::vector<Judged> &judged);
-    void refuse(Judged &judged, const Key &key, int error) const;
+    std::vector<Judged> judge_all(std::span<const Change> changes);
+    static void refuse(std::span<const Change> changes, std::vector<Judged> &judged,
+                       const std::map<size_t, int> &errors);
     void tell_error(const char *what, int error);
     void reread();
     void tell(const Key &key, const Judged &judged) const;

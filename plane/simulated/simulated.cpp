@@ -113,6 +113,13 @@ std::vector<Answer> SimulatedPlane::program(std::span<const Change> changes)
     return answers;
 }
 
+std::vector<Answer> SimulatedPlane::try_out(std::span<const Change> changes)
+{
+    SimulatedPlane other(*this);
+    std::erase_if(other.options_.rules, [](const Rule &rule) { return rule.effect == Effect::slow; });
+    return other.program(changes);
+}
+
 Answer SimulatedPlane::make(const Change &change)
 {
     for (const Rule &rule : options_.rules)

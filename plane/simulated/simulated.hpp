@@ -48,6 +48,7 @@ class SimulatedPlane final : public Plane {
     explicit SimulatedPlane(SimulatedOptions options) : options_(std::move(options)) {}
 
     std::vector<Answer> program(std::span<const Change> changes) override;
+    std::vector<Answer> try_out(std::span<const Change> changes) override;
     Answer confirm(const Key &key) const override;
     std::map<Key, Installed> installed() const override;
     Description describe() const override { return {"sim", options_.table_size, entries_}; }

@@ -140,12 +140,25 @@ class NftablesPlaneTest : public testing::Test {
         ASSERT_EQ(0, plane_->start());
     }
 
-    std::vector<int> program(const std::vector<Change> &changes)
+    static std::vector<int> statuses(const std::vector<Answer> &answers)
     {
         std::vector<int> statuses;
-        for (const Answer &answer : plane_->program(changes))
+        for (const Answer &answer : answers)
             statuses.push_back(static_cast<int>(answer.status));
         return statuses;
+    }
+
+    // A trial says the same before, where nothing comes between, and changes nothing.
+    std::vector<int> program(const std::vector<Change> &changes)
+    {
+        if (!tried_)
+            return statuses(plane_->program(changes));
+        const std::string before = ruleset();
+        const std::vector<int> tried = statuses(plane_->try_out(changes));
+        EXPECT_EQ(before, ruleset());
+        const std::vector<int> made = statuses(plane_->program(changes));
+        EXPECT_EQ(made, tried);
+        return made;
     }
 
     static std::string ruleset() { return output_of("nft -a list ruleset 2>&1"); }
@@ -192,6 +205,7 @@ class NftablesPlaneTest : public testing::Test {
     std::map<uint32_t, std::string> ports_{{1, "p0"}, {2, "p1"}};
     std::function<void(packet::Config &)> change_ = [](packet::Config &) {};
     size_t table_size_ = 1000000;
+    bool tried_ = true;
     std::vector<std::string> log_;
     std::optional<NftablesPlane> plane_;
 };
@@ -369,6 +383,7 @@ TEST_F(NftablesPlaneTest, a_change_that_fails_leaves_its_old_state_and_stops_no_
 // Each call of the kernel fails once, in each way: what is answered is what is in force.
 TEST_F(NftablesPlaneTest, an_answer_is_true_whatever_happens_to_a_message)
 {
+    tried_ = false;
     const std::vector<Change> changes{entry(10, "-> fwd=deny", 0, false, 2),
                                       entry(11, "-> fwd=deny", 9, false, 2),
                                       {ace(12), std::nullopt},
@@ -404,6 +419,7 @@ TEST_F(NftablesPlaneTest, an_answer_is_true_whatever_happens_to_a_message)
 
 TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes_are_mended)
 {
+    tried_ = false;
     fault.no_owner = true;
     plane_->program({});
     plane_.reset();

@@ -304,6 +304,28 @@ void Application::time_out()
             ledger_.end(row, Outcome::timed_out, "no answer in time" + missing(row));
 }
 
+bool Application::would_refuse(const std::string &node, const std::map<uint64_t, int32_t> &statuses)
+{
+    bool any = false;
+    for_each_record(policy_, [&](const Key &key, const Requested &) {
+        const auto status = statuses.find(digest_of(key));
+        const auto row = status == statuses.end() ? std::nullopt : find(key);
+        if (!row)
+            return;
+        refusers_[*row] = node;
+        refused(*row, status->second);
+        any = true;
+    });
+    return any;
+}
+
+void Application::withhold()
+{
+    for (size_t row = 0; row < ledger_.size(); ++row)
+        if (ledger_.outcome(row) == Outcome::waiting)
+            ledger_.put_back(row);
+}
+
 // What a node says that it has when it has all of the policy.
 Digest Application::digest() const
 {

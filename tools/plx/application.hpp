@@ -72,6 +72,10 @@ class Application {
     }
     // A node's status record, before the library hears of it.
     void answered(const ProtobufCMessage *status, const std::string &node);
+    // What a node would refuse, by the digests of keys, and why. True when it is of this policy.
+    bool would_refuse(const std::string &node, const std::map<uint64_t, int32_t> &statuses);
+    // What waits is not to be made.
+    void withhold();
     // Ends what waits, and says whose answers are missing.
     void time_out();
     // What a node has that has programmed all of the policy.

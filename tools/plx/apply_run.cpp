@@ -434,7 +434,32 @@ int ApplyRun::write(Application &application)
     return options_.only_changes() ? application.write_changes(pause, again) : application.write(pause, again);
 }
 
-// The nodes keep to the copy until all is written and released; what is refused then, or not confirmed, is undone.
+// Before anything is released: whether a node would refuse any of it. One that cannot say is not waited for longer than
+// for an answer.
+bool ApplyRun::nodes_object(Application &application)
+{
+    if (const int result = questions_.emplace(context_.get(), options_.db).start(); result != 0)
+        return false;
+    if (questions_->put_trial(policy_.application) != 0)
+        return false;
+    const milliseconds give_up = now() + options_.timeout();
+    while (!questions_->answered(nodes_->living()) && now() < give_up) {
+        progress_.show([] { return std::string("waiting for the service nodes to try it"); });
+        turn(give_up);
+    }
+    bool any = false;
+    for (const auto &[name, answer] : questions_->take()) {
+        std::map<uint64_t, int32_t> statuses;
+        for (const NodeEntry &entry : answer.entries)
+            if (answer.tried && entry.status != 0)
+                statuses[entry.key] = entry.status;
+        any = application.would_refuse(text_of(name), statuses) || any;
+    }
+    return any;
+}
+
+// The nodes keep to the copy until all is written, none of them objects, and it is released; what is refused then all
+// the same, or not confirmed, is undone.
 int ApplyRun::write_held(Application &application)
 {
     int result = policies_->hold(*copy_);
@@ -443,7 +468,8 @@ int ApplyRun::write_held(Application &application)
     holding_ = true;
     application.begin_commit();
     result = write(application);
-    const bool whole = result == 0 && !application.store_lost() && application.ledger().count(Outcome::failed) == 0;
+    bool whole = result == 0 && !application.store_lost() && application.ledger().count(Outcome::failed) == 0;
+    whole = whole && !nodes_object(application);
     application.end_commit(whole);
     if (whole) {
         result = policies_->release();
@@ -457,7 +483,10 @@ int ApplyRun::write_held(Application &application)
     if (whole && result == 0 && failures == 0 && without_.empty())
         return 0;
     undone_ = true;
-    if (application.store_lost() || put_back(*copy_, "not all of it could be made") != EXIT_DONE)
+    if (!whole)
+        application.withhold();
+    if (application.store_lost() ||
+        put_back(*copy_, whole ? "not all of it could be made" : "nothing of it was made") != EXIT_DONE)
         return result != 0 ? result : static_cast<int>(TQ_MOM_DISCONNECTED);
     wait_for_policy_before();
     return result;

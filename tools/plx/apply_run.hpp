@@ -8,6 +8,7 @@
 #include "apply_lock.hpp"
 #include "apply_options.hpp"
 #include "nodes/node_watch.hpp"
+#include "nodes/questions.hpp"
 #include "plane/simulated/fleet.hpp"
 #include "policy_store.hpp"
 #include "progress.hpp"
@@ -43,6 +44,7 @@ class ApplyRun {
     void catch_up();
     int write(Application &application);
     int write_held(Application &application);
+    bool nodes_object(Application &application);
     int put_back(uint32_t slot, const std::string &why);
     void wait_for_outcomes(Application &application);
     void wait_for_reports(const Digest &wanted);
@@ -67,6 +69,7 @@ class ApplyRun {
     std::optional<ApplyLock> lock_;
     std::optional<PolicyStore> policies_;
     std::optional<NodeWatch> nodes_;
+    std::optional<Questions> questions_;
     std::unique_ptr<plane::Fleet> fleet_;
     Progress progress_;
     milliseconds begun_{0}, next_progress_{0};

@@ -175,6 +175,15 @@ NodeWatch::Names NodeWatch::alive() const
     return names(&NodeWatch::lives);
 }
 
+std::set<NodeName> NodeWatch::living() const
+{
+    std::set<NodeName> found;
+    for (const auto &[name, node] : nodes_)
+        if (lives(node))
+            found.insert(name);
+    return found;
+}
+
 NodeWatch::Names NodeWatch::silent() const
 {
     return names([](const Node &node) { return node.recorded && !node.left && !heard(node); });

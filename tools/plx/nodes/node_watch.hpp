@@ -56,8 +56,9 @@ class NodeWatch {
 
     size_t recorded() const;
     Names alive() const;
-    Names silent() const;   // had a record when this began, and gave no sign of life
-    Names vanished() const; // lived, and went
+    std::set<NodeName> living() const; // the same
+    Names silent() const;              // had a record when this began, and gave no sign of life
+    Names vanished() const;            // lived, and went
     // Those alive that say that they have something else of the application than this. A node that says nothing of
     // itself is not among them.
     Names without(const Digest &wanted) const;

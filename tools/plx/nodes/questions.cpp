@@ -5,6 +5,7 @@
 #include <plx/plx_node.pb-c.h>
 #include <random>
 #include <tq_loop.h>
+#include <utility>
 
 namespace plx::tool {
 
@@ -20,8 +21,11 @@ int Questions::start()
     return tq_mom_subscribe(context_, db_, answers.message(), 0, &Questions::on_answer, this);
 }
 
-int Questions::write(const std::string &node, const std::string &app, std::span<const uint32_t> parts)
+int Questions::write(const std::string &node, const std::string &app, std::span<const uint32_t> parts, bool trial)
 {
+    std::random_device random;
+    nonce_ = uint64_t{random()} << 32U | random();
+    answers_.clear();
     std::vector<uint32_t> wanted(parts.begin(), parts.end());
     std::string name = node, application = app;
     PlxNode__NodeQuery query = PLX_NODE__NODE_QUERY__INIT;
@@ -30,24 +34,38 @@ int Questions::write(const std::string &node, const std::string &app, std::span<
     query.app = application.data();
     query.parts = wanted.data();
     query.n_parts = wanted.size();
+    query.trial = trial ? 1 : 0;
     return tq_mom_set_sync(context_, db_, &query.base);
+}
+
+int Questions::put_trial(const std::string &app)
+{
+    return write("", app, {}, true);
+}
+
+bool Questions::answered(const std::set<NodeName> &nodes) const
+{
+    return std::ranges::all_of(nodes, [this](const NodeName &name) {
+        const auto answer = answers_.find(name);
+        return answer != answers_.end() && answer->second.whole();
+    });
+}
+
+Questions::Answers Questions::take()
+{
+    std::erase_if(answers_, [](const auto &answer) { return !answer.second.whole(); });
+    return std::exchange(answers_, {});
 }
 
 int Questions::ask(const std::string &app, const std::set<NodeName> &nodes, std::span<const uint32_t> parts,
                    milliseconds longest, Answers &answers)
 {
-    std::random_device random;
-    nonce_ = uint64_t{random()} << 32U | random();
-    answers_.clear();
     const std::string node = nodes.size() == 1 ? text_of(*nodes.begin()) : "";
-    if (const int result = write(node, app, parts); result != 0)
+    if (const int result = write(node, app, parts, false); result != 0)
         return result;
-    const auto missing = [&](const NodeName &name) { return !answers_.contains(name) || !answers_[name].whole(); };
-    for (const milliseconds end = now() + longest; now() < end && std::ranges::any_of(nodes, missing);)
+    for (const milliseconds end = now() + longest; now() < end && !answered(nodes);)
         tq_loop_run_once(context_->master, static_cast<int>((end - now()).count()));
-    std::erase_if(answers_, [](const auto &answer) { return !answer.second.whole(); });
-    answers = std::move(answers_);
-    answers_ = {};
+    answers = take();
     return 0;
 }
 
@@ -72,6 +90,7 @@ int32_t Questions::on_answer(void *, const tq_mom_notification *notification, vo
     if (!answer.records.insert(told.index->number).second)
         return 0;
     answer.error += bounded_text(told.error);
+    answer.tried = answer.tried || told.tried != 0;
     for (size_t part = 0; part < std::min(told.n_sums, answer.sums.size()); ++part)
         answer.sums[part] = {told.sums[part]->count, told.sums[part]->digest_lo, told.sums[part]->digest_hi};
     for (size_t i = 0; i < told.n_entries; ++i)
