@@ -156,6 +156,7 @@ bool command_batch::take_number(const item &each, reply_view entry)
 {
     if (!parse_log_id(entry.text(), each.table.latest))
         return true;
+    each.table.own = each.table.latest;
     each.table.alone = each.table.latest == each.number;
     return each.table.latest >= each.number;
 }
@@ -184,6 +185,7 @@ command_batch::verdict command_batch::judge_transaction(redis_link &link, const 
     const reply_view entry = step;
     for (int of_all = 0; of_all < 2; ++of_all, step = step.next())
         std::replace(results.begin(), results.end(), int{TQ_MOM_OK}, link.judge(step));
+    parse_log_id(entry.text(), each.table.own);
     if (!each.table.requested() && (!take_number(each, entry) || step.is(reply_kind::error)))
         return verdict::again;
     return succeeded(results) ? verdict::done : verdict::partly;

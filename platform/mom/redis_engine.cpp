@@ -8,9 +8,13 @@
 
 namespace mom {
 
-redis_engine::redis_engine(const store_url &url, tq_thread_master *master)
-    : calls_(url, counters), reader_(std::make_unique<redis_reader>(calls_, master))
+redis_engine::redis_engine(const store_url &url, tq_thread_master *master) : calls_(url, counters)
 {
+    const auto look = [this] {
+        for (auto &[ref, table] : tables_)
+            look_for_own(table);
+    };
+    reader_ = std::make_unique<redis_reader>(calls_, master, look);
 }
 
 redis_engine::~redis_engine() = default;
@@ -71,11 +75,33 @@ int redis_engine::end_batch(std::span<int> results)
     return failed == all.end() ? TQ_MOM_OK : *failed;
 }
 
+// Whether the server that a new connection leads to has what another one, or it itself, has acknowledged. A log that
+// was trimmed beyond that, or cannot be asked, tells nothing.
+void redis_engine::look_for_own(redis_table &table)
+{
+    if (table.own_found == calls_.era() || table.own == 0)
+        return;
+    const auto number = "0-" + std::to_string(table.own);
+    const int asked =
+        calls_.ask([&](command_buffer &commands) { commands.command("XRANGE", table.log, number, "+", "COUNT", "1"); });
+    const uint64_t own = std::exchange(table.own, 0);
+    table.own_found = calls_.era();
+    if (asked != TQ_MOM_OK || calls_.link().judge(calls_.link().replies()) != TQ_MOM_OK)
+        return;
+    log_entry entry;
+    const bool none = calls_.link().replies().size() == 0;
+    entry.parse(calls_.link().replies().at(0));
+    if (none || (entry.number == own && entry.writer != calls_.writer().name))
+        return reader_->lost_own(table);
+    table.own = own;
+}
+
 // Makes sure that the metadata was read on this connection, and lists the fields.
 int redis_engine::know(redis_table &table, field_values fields)
 {
     if (table.known == calls_.era() && table.covers(fields))
         return TQ_MOM_OK;
+    look_for_own(table);
     int result =
         calls_.ask([&](command_buffer &commands) { commands.command("HMGET", table.meta, "gen", "fields", "format"); });
     result = result == TQ_MOM_OK ? calls_.link().judge(calls_.link().replies()) : result;
@@ -117,6 +143,7 @@ int redis_engine::remove(table_ref ref, std::string_view key)
     if (result != TQ_MOM_OK)
         return result;
     auto &table = table_of(ref);
+    look_for_own(table);
     calls_.collect([&](command_batch &batch) { batch.remove(table, key); });
     return collected();
 }

@@ -57,6 +57,7 @@ class redis_engine final : public engine {
 
     redis_table &table_of(table_ref ref);
     [[nodiscard]] int know(redis_table &table, field_values fields);
+    void look_for_own(redis_table &table);
     [[nodiscard]] int collected();
     void flush();
     [[nodiscard]] int ask_page(redis_table &table, const std::vector<std::string> &keys, const key_range &range,

@@ -270,6 +270,19 @@ int redis_follower::step_over()
     return TQ_MOM_OK;
 }
 
+int redis_follower::lose_answers()
+{
+    for (const auto &each : tables_) {
+        if (each->table().ref.type->kind != record_kind::status || each->audience.aside)
+            continue;
+        log_position now;
+        if (const int result = position(each->table(), now); result != TQ_MOM_OK)
+            return result;
+        lose(*each, each->feed.cursor(), now, TQ_MOM_NEW_HISTORY);
+    }
+    return TQ_MOM_OK;
+}
+
 // ---- what the store knows of this reader
 
 void redis_follower::say_where(uint64_t moved)

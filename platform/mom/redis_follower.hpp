@@ -51,6 +51,8 @@ class redis_follower {
     void say_where(uint64_t moved);
     /// Takes that back.
     void leave();
+    /// Tells those who follow answers that they are of another history: what these are to was lost.
+    [[nodiscard]] int lose_answers();
     /// Gives up what cannot be taken in: all that was not read yet is lost.
     [[nodiscard]] int step_over();
 

@@ -17,7 +17,7 @@ using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
 constexpr std::chrono::milliseconds longest_standstill{60'000};
-constexpr std::chrono::milliseconds shortest_stand{50};
+constexpr uint32_t shortest_part = 10;  // of the time of a call, which an attempt has at first
 constexpr unsigned patient_after = 4;   // attempts in vain, one may stand still for twice as long,
 constexpr unsigned most_doublings = 10; // and so on
 constexpr std::chrono::milliseconds idle{2};
@@ -132,7 +132,8 @@ void redis_link::note(int result, std::chrono::milliseconds took)
 store_url redis_link::patient() const
 {
     store_url how = url_;
-    const auto stand = std::max(shortest_stand, 4 * usual_) * (1 << std::min(in_vain_ / patient_after, most_doublings));
+    const auto shortest = std::chrono::milliseconds(how.timeout_ms / shortest_part);
+    const auto stand = std::max(shortest, 4 * usual_) * (1 << std::min(in_vain_ / patient_after, most_doublings));
     if (generation_ > 0 && stand.count() < how.timeout_ms)
         how.timeout_ms = static_cast<uint32_t>(stand.count());
     return how;

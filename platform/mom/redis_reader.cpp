@@ -1,6 +1,8 @@
 // See redis_reader.hpp.
 #include "redis_reader.hpp"
 
+#include "report.hpp"
+
 #include <algorithm>
 #include <utility>
 
@@ -58,8 +60,9 @@ template <void (redis_reader::*Step)()> int redis_reader::on_timer(tq_thread *ti
     return 0;
 }
 
-redis_reader::redis_reader(redis_calls &calls, tq_thread_master *master)
-    : calls_(calls), master_(master), timer_(master, on_timer<&redis_reader::on_time>, this, "tq_mom reader"),
+redis_reader::redis_reader(redis_calls &calls, tq_thread_master *master, std::function<void()> look)
+    : calls_(calls), look_for_own_(std::move(look)), master_(master),
+      timer_(master, on_timer<&redis_reader::on_time>, this, "tq_mom reader"),
       look_timer_(master, on_timer<&redis_reader::look>, this, "tq_mom look")
 {
 }
@@ -153,6 +156,10 @@ int redis_reader::prepare(line &next)
     next.connection->tape().clear();
     result = pace_.dropped > tries_at_one_entry ? step_over() : TQ_MOM_OK;
     result = result == TQ_MOM_OK ? follower_.settle() : result;
+    if (result == TQ_MOM_OK)
+        look_for_own_();
+    if (result == TQ_MOM_OK)
+        tell_own();
     if (result == TQ_MOM_OK)
         follower_.say_where(0);
     return result;
@@ -391,6 +398,18 @@ bool redis_reader::compare()
     return follower_.compare(parted) == TQ_MOM_OK && !parted;
 }
 
+void redis_reader::lost_own(const redis_table &table)
+{
+    report(TQ_ZLOG_WARN, "the policy store has lost what was written to " + table.log.substr(0, table.log.find('/')));
+    lost_own_ = follower_.follows();
+}
+
+void redis_reader::tell_own()
+{
+    if (lost_own_ && follower_.lose_answers() == TQ_MOM_OK)
+        lost_own_ = false;
+}
+
 // Another server has become the master. Inside a round the next look does it.
 void redis_reader::move()
 {
@@ -417,6 +436,7 @@ void redis_reader::look()
     if (life_ != life::off &&
         (silent || calls_.link().elsewhere(*line_.connection) || follower_.any_whole_again() || !compare()))
         return reconnect_in(at_once);
+    tell_own();
     say_where(steady_clock::now());
 }
 

@@ -29,7 +29,8 @@ namespace mom {
 
 class redis_reader {
   public:
-    redis_reader(redis_calls &calls, tq_thread_master *master);
+    /// `look` is called on each new connection, to look for what was written on those before.
+    redis_reader(redis_calls &calls, tq_thread_master *master, std::function<void()> look);
     ~redis_reader();
     redis_reader(const redis_reader &) = delete;
     redis_reader &operator=(const redis_reader &) = delete;
@@ -40,6 +41,8 @@ class redis_reader {
     void rode(const ride &along, bool arrived);
     /// Takes in what has come while the application makes calls and the loop does not run; calls no sink.
     void meanwhile();
+    /// The server has lost what we wrote to this table. Who counts on answers is told: a new history.
+    void lost_own(const redis_table &table);
     /// False while changes of what was subscribed to cannot be heard.
     bool hears() const { return life_ != life::off || !follower_.follows(); }
 
@@ -90,9 +93,12 @@ class redis_reader {
     void look();
     bool compare();
     void move();
+    void tell_own();
     void say_where(steady_time now);
 
     redis_calls &calls_;
+    std::function<void()> look_for_own_;
+    bool lost_own_ = false; ///< and nobody was told so far
     tq_thread_master *master_;
     redis_delivery delivery_{calls_};
     redis_follower follower_{calls_, delivery_};

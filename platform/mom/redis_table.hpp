@@ -73,6 +73,8 @@ struct redis_table {
     std::string field_list;                          ///< all fields that were ever written,
     std::vector<uint32_t> fields;                    ///< and their numbers, ascending
     uint64_t latest = 0;                             ///< number that one's own latest change has, or is likely to get
+    uint64_t own = 0;                                ///< number of one's own latest change that was acknowledged,
+    uint64_t own_found = 0;                          ///< which was looked for in this era of calls
     bool alone = true;                               ///< nobody else has written to it of late
     size_t untrimmed = changes_per_trim(UINT64_MAX); ///< changes of one's own since the log was trimmed,
     size_t untrimmed_entries = untrimmed;            ///< and in how many entries; and in the stretch before

@@ -123,10 +123,11 @@ class failover : public crash, public testing::WithParamInterface<bool> {
         ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
         wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });
     }
+    void replicate_no_more() { second.run({"REPLICAOF", "NO", "ONE"}); }
     // By hand, which leaves connections alone.
     void hand_over()
     {
-        second.run({"REPLICAOF", "NO", "ONE"});
+        replicate_no_more();
         server.run({"REPLICAOF", "127.0.0.1", ports[1]});
         sentinel.run({"SENTINEL", "REMOVE", "policy"});
         sentinel.run({"SENTINEL", "MONITOR", "policy", "127.0.0.1", ports[1], "1"});
@@ -158,6 +159,18 @@ TEST_P(failover, is_heard_of_from_the_sentinel_by_who_only_listens)
     wait_for([&] { return ++clock_ms, ace.ends_with("4 ace[a,1,2] 8=2"); });
     clock_ms = 0;
     server.signal(SIGCONT);
+}
+
+TEST_P(failover, that_loses_a_write_is_told_to_who_follows_only_answers)
+{
+    hearing answers;
+    subscribe(writer, answers, psta_record("a", 0, 0));
+    replicate_no_more();
+    EXPECT_EQ(TQ_MOM_OK, put_ace(2, 2));
+    hand_over();
+    until_ok([&] { return put_ace(3, 3); });
+    wait_for([&] { return answers.ends_with("29 19"); });
+    EXPECT_EQ(1u, answers.lines.size());
 }
 
 TEST_P(failover, leaves_no_connection_to_a_master_that_became_a_replica)
