@@ -21,7 +21,8 @@ enum class Grade : uint8_t { error = 3, warning = 4, info = 6 };
 
 class Output {
   public:
-    // From here on it is `command` that speaks: "apply"; of several on one standard error each has a name: "node 0/1/0".
+    // From here on it is `command` that speaks: "apply". Of several on one standard error each has a name: "node
+    // 0/1/0".
     void begin(std::string command, bool json, std::string name = {});
     bool json() const { return json_; }
 
@@ -34,7 +35,8 @@ class Output {
     void note(const std::string &text);
     // The same, by a program that lives on: with --json a note that has its "level" and "time_ms", too.
     void log(Grade grade, const std::string &text);
-    // The same as a note, for what leads to an exit code, which it returns. With a place its text is "FILE:LINE:COLUMN: TEXT".
+    // The same as a note, for what leads to an exit code, which it returns. With a place its text is
+    // "FILE:LINE:COLUMN: TEXT".
     // `hint`: what can be done about it.
     int error(int exit_code, const std::string &text, const Place &place = {}, const char *hint = nullptr);
 
