@@ -15,8 +15,8 @@ template <typename Rule> class Chains {
 
     explicit Chains(Draft &draft) : draft_(draft) {}
 
-    // What the rule does to those of the frames that it matches; takes away what need not meet the next one. False: none
-    // is left behind it. Throws Unsaid.
+    // What the rule does to those of the frames that it matches; takes away what need not meet the next one.
+    // False: none is left behind it. Throws Unsaid.
     virtual bool apply(const Rule &rule, Matches &frames) = 0;
     virtual void refuse(const Rule &rule, const std::string &why) = 0;
     // What frames get that no rule decides.
