@@ -50,7 +50,6 @@ void Outbox::take_due()
 
 void Outbox::send()
 {
-    milliseconds pause{0};
     if (sent_.size() >= answers_at_once)
         take_answers();
     if (!std::exchange(batching_, true))
@@ -61,7 +60,7 @@ void Outbox::send()
         Reply &reply = due_.front();
         const int result = send(reply);
         if (result != 0 && result != TQ_MOM_INVALID) {
-            pause = retry_;
+            not_before_ = now() + retry_;
             break;
         }
         if (result == 0)
@@ -77,20 +76,17 @@ void Outbox::send()
         take_answers();
     else
         answer_timer_.start_unless_pending(answer_pause);
-    schedule(pause);
+    schedule();
 }
 
+// Whoever asks for it: behind a failure not before its pause is over.
 void Outbox::schedule()
 {
-    schedule(milliseconds(0));
-}
-
-void Outbox::schedule(milliseconds pause)
-{
+    const milliseconds pause = std::max(not_before_ - now(), milliseconds(0));
     if (!due_.empty())
         send_timer_.start(pause);
     else if (!later_.empty())
-        send_timer_.start(std::max({pause, later_.begin()->first - now(), milliseconds(0)}));
+        send_timer_.start(std::max(pause, later_.begin()->first - now()));
 }
 
 // An answer that the store did not take comes again later, behind the others. A removal does not: the entry may have

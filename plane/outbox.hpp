@@ -55,7 +55,6 @@ class Outbox {
         std::optional<Verdict> verdict; // none: the entry is gone, and the record is to go
     };
 
-    void schedule(milliseconds pause);
     void take_due();
     int send(const Reply &reply);
     int write(const Reply &reply);
@@ -68,7 +67,8 @@ class Outbox {
     std::deque<Reply> due_;
     std::multimap<milliseconds, Reply> later_; // by the time at which they are due
     bool batching_ = false;
-    std::vector<Reply> sent_; // in this batch
+    milliseconds not_before_{0}; // the next try behind a failure
+    std::vector<Reply> sent_;    // in this batch
     AnswerNumbers numbers_;
     Timer send_timer_, answer_timer_;
 };

@@ -21,6 +21,7 @@
 //     cost 20                       time that passes, by the clock alone, for each record that is read from here on;
 //                                   so does what a simulated plane is told to take
 //     fill 600 edge                 the application asks for so many entries
+//     fail 3; paused 100            so many writes of answers fail; whether the node waited so long behind each
 //     silence 3000                  whether a node gave no sign of life for longer since this was asked last
 //     option TEXT; matches PATTERN  whether it is one; which of an entry, a binding and an uplink it matches
 #include "plane/node.hpp"
@@ -43,7 +44,8 @@ extern "C" int64_t fast_clock_ahead_us;
 namespace {
 
 int64_t record_cost_us = 0;
-plx::milliseconds last_sign{0}, longest_silence{0};
+plx::milliseconds last_sign{0}, longest_silence{0}, last_failure{0}, shortest_pause{0};
+int failures = 0; // of status records, that are to come
 
 template <typename Func> Func real(const char *name)
 {
@@ -75,6 +77,14 @@ extern "C" int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage
         if (before.count() != 0)
             longest_silence = std::max(longest_silence, last_sign - before);
     }
+    if (record->descriptor == &s_policy__ace_psta__descriptor && last_failure.count() != 0)
+        shortest_pause = std::min(shortest_pause, plx::now() - last_failure);
+    if (record->descriptor == &s_policy__ace_psta__descriptor && failures > 0) {
+        last_failure = plx::now();
+        return --failures, TQ_MOM_TIMEOUT;
+    }
+    if (record->descriptor == &s_policy__ace_psta__descriptor)
+        last_failure = plx::milliseconds(0);
     return next(handle, db, record);
 }
 
@@ -217,7 +227,8 @@ std::string NodeSession::perform(const std::string &line)
         {"programmed", &NodeSession::until},  {"plane", &NodeSession::plane},   {"stored", &NodeSession::stored},
         {"reported", &NodeSession::reported}, {"make", &NodeSession::make},     {"option", &NodeSession::option},
         {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
-        {"fill", &NodeSession::fill},         {"drip", &NodeSession::drip}};
+        {"fail", &NodeSession::time},         {"paused", &NodeSession::time},   {"fill", &NodeSession::fill},
+        {"drip", &NodeSession::drip}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -299,6 +310,13 @@ std::string NodeSession::make(const Words &words)
 std::string NodeSession::time(const Words &words)
 {
     const int ms = std::stoi(words[1]);
+    if (words[0] == "fail") {
+        failures = ms;
+        shortest_pause = std::chrono::hours(1);
+        return {};
+    }
+    if (words[0] == "paused")
+        return failures == 0 && shortest_pause >= milliseconds(ms) ? "yes" : "no";
     if (words[0] == "silence")
         return std::exchange(longest_silence, milliseconds(0)) > milliseconds(ms) ? "yes" : "no";
     record_cost_us = ms * 1000;
