@@ -33,6 +33,7 @@ class Place(Stage):
         self.entries = entries
         durable = ["--appendonly", "yes", "--appendfsync", "always"] if "--durable" in sys.argv else []
         self.address = self.local_store("--hash-max-listpack-value", "256", *durable)
+        self.alone = memory(self.server)
         self.nodes = []
         for _ in range(nodes):
             self.add_node()
@@ -46,6 +47,10 @@ class Place(Stage):
         self.nodes.append(self.start([PLX, "node", "--store", self.address, "--id", number, "--table-size", "100000000"],
                                      "node" + number, "ready"))
         return self.nodes[-1]
+
+    def connections(self):
+        shown = subprocess.run(["redis-cli", "-s", self.path("s"), "INFO", "clients"], capture_output=True, text=True, check=True)
+        return int(shown.stdout.split("connected_clients:")[1].split()[0])
 
     def settle(self):
         """Until server and nodes have done what they do a while after a start."""
@@ -134,11 +139,25 @@ def rows(goals, place, entries, nodes):
     return written
 
 
+def fleet_rows(goals, place):
+    """What each node costs, before anybody writes."""
+    nodes = len(place.nodes)
+    goals.row("connections of a node", (place.connections() - 1) / nodes, "")
+    goals.row("memory of the server, a node", (memory(place.server) - place.alone) / nodes / 1024, "KiB")
+    goals.row("memory of a node", memory(place.nodes[0]) / 1024, "KiB")
+    used = [cpu(each) for each in (place.server, *place.nodes)]
+    time.sleep(20)
+    spent = [cpu(each) - then for each, then in zip((place.server, *place.nodes), used)]
+    goals.row("idle: server, a node of it", 1e3 * spent[0] / 20 / nodes, "1/1000 of a CPU")
+    goals.row("idle: a node itself", 1e3 * sum(spent[1:]) / 20 / nodes, "1/1000 of a CPU")
+
+
 def main():
     goals = Goals()
     applications = int(option("--applications", "0"))
     if applications > 0:
         with Place(int(option("--entries", "1000")), int(option("--nodes", "1"))) as place:
+            fleet_rows(goals, place)
             cpu_rows(goals, f"{applications} applications at once", place.apply_at_once(applications))
         return 0
     sizes = [int(size) for size in option("--entries", "10000,100000").split(",")]

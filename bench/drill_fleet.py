@@ -238,7 +238,7 @@ class Fleet(Stage):
             self.inside("a2", self.plx, "node", "--slot", str(slot), "--table-size", "200000", log=f"node{slot}", PLX_STORE=self.store("node"))
         for slot in (1, 2, 3):
             self.says(f"node{slot}", "ready", 30)
-        self.applications = [Application(self, name, host) for name, host in (("drill1", "a1"), ("drill2", "a2"))]
+        self.applications = [Application(self, name, host) for name, host in ((f"drill{os.getpid()}-1", "a1"), (f"drill{os.getpid()}-2", "a2"))]
         for each in self.applications:
             until(f"{each.name} writes", lambda each=each: len(each.read()["o"]) > 100)
 
@@ -332,9 +332,8 @@ def split(fleet):
 
 
 def restarted(fleet, host):
-    """In place, as for another release of the server."""
-    fleet.ask(host, "SHUTDOWN")
-    fleet.servers[host].wait()
+    """In place, as for another release of the server. One that has just copied all does not end before it is on its disk."""
+    until(f"{host} ends", lambda: fleet.ask(host, "SHUTDOWN") is not None and fleet.servers[host].poll() is not None)
     fleet.start_server(host)
     until(f"{host} is a replica", lambda: fleet.is_replica(host))
 
@@ -343,7 +342,7 @@ def handed_over(fleet, to):
     """The sentinels choose; who is not meant may not be chosen."""
     for host in SERVERS:
         fleet.ask(host, "CONFIG", "SET", "replica-priority", "1" if host == to else "0")
-    until("the sentinels know", lambda: "slave-priority\n1" in fleet.ask_sentinel("s2", "SENTINEL", "REPLICAS", "policy"))
+    until("the sentinels know", lambda: "slave-priority\n1\n" in fleet.ask_sentinel("s2", "SENTINEL", "REPLICAS", "policy"))
     until("the sentinels begin", lambda: "OK" in fleet.ask_sentinel("s2", "SENTINEL", "FAILOVER", "policy"))
     return until(f"{to} is the master", lambda: fleet.master() == to, 0.02)
 
@@ -413,6 +412,7 @@ def drill(folder, kind, setting):
 def main():
     if os.getuid() != 0 or len(sys.argv) < 2:
         sys.exit(__doc__)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # leaves nothing behind then either
     wanted = sys.argv[2:] or list(KINDS)
     failed = 0
     for each in wanted:
