@@ -434,19 +434,15 @@ int ApplyRun::write(Application &application)
     return options_.only_changes() ? application.write_changes(pause, again) : application.write(pause, again);
 }
 
-// Before anything is released: whether a node would refuse any of it. One that cannot say is not waited for longer than
-// for an answer.
+// Before anything is released: whether a node would refuse any of it, as far as they say in time.
 bool ApplyRun::nodes_object(Application &application)
 {
-    if (const int result = questions_.emplace(context_.get(), options_.db).start(); result != 0)
-        return false;
-    if (questions_->put_trial(policy_.application) != 0)
+    questions_.emplace(context_.get(), options_.db);
+    if (questions_->start() != 0 || questions_->put_trial(policy_.application) != 0)
         return false;
     const milliseconds give_up = now() + options_.timeout();
-    while (!questions_->answered(nodes_->living()) && now() < give_up) {
-        progress_.show([] { return std::string("waiting for the service nodes to try it"); });
+    while (!questions_->answered(nodes_->living()) && now() < give_up)
         turn(give_up);
-    }
     bool any = false;
     for (const auto &[name, answer] : questions_->take()) {
         std::map<uint64_t, int32_t> statuses;
