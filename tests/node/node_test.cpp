@@ -5,8 +5,8 @@
 //     start one size=1 silent=edge  a node of that name on a simulated plane that behaves so
 //     stop one; restart one         the node alone: its plane stays; `fresh one` restarts it on an empty plane
 //     set ace:edge/10/1 100 BYTES   a request by the application; del takes it away
-//     until 3                       what was heard once there are so many answers; quietly: that they came
-//                                   programmed one by one
+//     drip one ace:edge/10/ 20      so many requests, each once the loop has delivered the one before: whether they
+//                                   were programmed one by one
 //     marker edge enable 60         an application's commit marker; unmark takes it away
 //     settle [NODES]                what was heard until all that was written before is dealt with, in order of keys
 //     until 3                       what was heard once there are so many answers; with "quietly" that they came
