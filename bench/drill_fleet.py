@@ -21,6 +21,7 @@ have. Then the fleet is whole again, applications that heard of a loss have writ
 caches and nodes. Fails when that finds a difference, or a goal is missed. Nothing is left behind. BIN is the folder of plx.
 """
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -338,20 +339,31 @@ def restarted(fleet, host):
     until(f"{host} is a replica", lambda: fleet.is_replica(host))
 
 
+def all_is_copied(fleet, master):
+    told = fleet.ask(master, "INFO", "replication")
+    offsets = re.findall(r"offset[=:](\d+)", told)  # of each replica, and its own
+    return told.count("state=online") == 2 and len(set(offsets[:3])) == 1
+
+
 def handed_over(fleet, to):
-    """The sentinels choose; who is not meant may not be chosen."""
+    """The sentinels choose; who is not meant may not be chosen. Nothing is written from when the replicas have all."""
+    before = fleet.master()
     for host in SERVERS:
         fleet.ask(host, "CONFIG", "SET", "replica-priority", "1" if host == to else "0")
     until("the sentinels know", lambda: "slave-priority\n1\n" in fleet.ask_sentinel("s2", "SENTINEL", "REPLICAS", "policy"))
+    fleet.ask(before, "CLIENT", "PAUSE", "20000", "WRITE")
+    until("the replicas have all", lambda: all_is_copied(fleet, before), 0.01)
     until("the sentinels begin", lambda: "OK" in fleet.ask_sentinel("s2", "SENTINEL", "FAILOVER", "policy"))
-    return until(f"{to} is the master", lambda: fleet.master() == to, 0.02)
+    whole = until(f"{to} is the master", lambda: fleet.master() == to, 0.02)
+    until("the old master is a replica", lambda: fleet.is_replica(before))
+    fleet.ask(before, "CLIENT", "UNPAUSE")
+    return whole
 
 
 def upgrade(fleet):
     for host in ("s2", "s3"):
         restarted(fleet, host)
     handed_over(fleet, "s2")
-    until("the old master is a replica", lambda: fleet.is_replica("s1"))
     restarted(fleet, "s1")
     yield handed_over(fleet, "s1")
 

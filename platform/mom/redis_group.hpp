@@ -4,7 +4,8 @@
 // 2. What each record adds is built at once, for both forms that the command may have: a transaction where log entry
 //    and stamp are known beforehand, else a call of the script. They are of requested state with all its fields, or
 //    replaced; and of many replaced records of a table that nobody else writes to: their stamp is the number that the
-//    entry will get, and a script behind them sees to it that it is. Either way one entry of the log tells all of them: that is most of what a record costs the server.
+//    entry will get, and a script behind them sees to it that it is. Either way one entry of the log tells all of them:
+//    that is most of what a record costs the server.
 // 3. The batch takes the command out, or both forms, where a transaction may have to be done by a call after all.
 // 4. Cleared, it keeps its buffers.
 #ifndef TQ_MOM_REDIS_GROUP_HPP

@@ -529,7 +529,9 @@ TEST_F(NftablesPlaneTest, interfaces_come_and_go_and_change_their_names)
     output_of("ip link del p0");
     EXPECT_THAT(plane_->look(), testing::Contains(Key(ace(11))));
     EXPECT_THAT(program({entry(11, "-> redirect=2", 0, false, 2)}), testing::ElementsAre(110));
-    output_of("ip link add p0 type veth peer name p1; ip link set p0 up; ip link set p1 up");
+    const std::string then_up =
+        " up; until ip link show p1 | grep -q 'state UP'; do sleep 0.01; done"; // sends before then are lost
+    output_of("ip link add p0 type veth peer name p1; ip link set p0 up; ip link set p1" + then_up);
     const auto again = plane_->look();
     EXPECT_THAT(again, testing::Contains(Key(ace(11))));
     program({entry(11, "-> redirect=2", 0, false, 2), applied(apply_to(1))});
@@ -538,7 +540,7 @@ TEST_F(NftablesPlaneTest, interfaces_come_and_go_and_change_their_names)
     plane_->set_ports({{1, "p2"}});
     EXPECT_THAT(plane_->look(), testing::Contains(Key(apply_to(1))));
     program({applied(apply_to(1))});
-    output_of("ip link set p0 down; ip link set p0 name p2; ip link set p2 up");
+    output_of("ip link set p0 down; ip link set p0 name p2; ip link set p2" + then_up);
     send_frame();
     EXPECT_EQ(2U, counters()[ace(10)].packets);
 }
