@@ -102,9 +102,10 @@ class redis_link {
     uint64_t generation_ = 0;
     steady_time last_use_{};
     name_lookup names_;
-    bool elsewhere_ = false;
+    bool elsewhere_ = false; ///< the master is another server
     bool warned_ = false;
-    std::string told_; ///< the trouble that was told last, until a connection succeeds
+    bool replicas_lag_ = false; ///< too few had what was written last
+    std::string told_;          ///< the trouble that was told last, until a connection succeeds
     std::chrono::milliseconds back_off_{0};
     std::chrono::milliseconds usual_{0}; ///< what the last attempt took that went well
     unsigned in_vain_ = 0;               ///< attempts since then

@@ -19,6 +19,7 @@
 
 bool peers_are_abroad = false;
 int64_t clock_ms = 0;
+std::string wait_sent; // the last WAIT
 
 namespace {
 
@@ -120,8 +121,11 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept
 
 ssize_t send(int fd, const void *bytes, size_t size, int flags)
 {
-    if (deaf == -1 && std::string_view(static_cast<const char *>(bytes), size).find("XREAD") != std::string_view::npos)
+    const std::string_view text(static_cast<const char *>(bytes), size);
+    if (deaf == -1 && text.find("XREAD") != std::string_view::npos)
         deaf = fd;
+    if (text.find("WAIT\r\n") != std::string_view::npos)
+        wait_sent = text.substr(text.find("WAIT\r\n"));
     return call("send", send, fd, bytes, allowed("send", size), flags);
 }
 
@@ -434,6 +438,16 @@ TEST_F(pace, of_calls_is_that_of_the_address)
             server.signal(SIGCONT);
             clock_ms += 5000;
         }
+    }
+}
+
+TEST_F(pace, of_waiting_for_replicas_is_a_tenth_after_it_was_in_vain)
+{
+    server.start();
+    auto *context = open("wait=1&wait-timeout=300");
+    for (const char *wait : {"WAIT\r\n$1\r\n1\r\n$3\r\n300\r\n", "WAIT\r\n$1\r\n1\r\n$2\r\n30\r\n"}) {
+        EXPECT_EQ(TQ_MOM_NOT_REPLICATED, write_ace(context, 8, ace_record("a", 1, 1)));
+        EXPECT_EQ(wait, wait_sent);
     }
 }
 

@@ -240,6 +240,13 @@ void Draft::note(const std::string &text)
         notes_.push_back(text);
 }
 
+void Draft::apply(const std::string &port, const std::string &direction)
+{
+    const std::pair apply(port, direction);
+    if (std::find(applies_.begin(), applies_.end(), apply) == applies_.end())
+        applies_.push_back(apply);
+}
+
 std::string Draft::Refused::effect() const
 {
     if (!permits)

@@ -71,7 +71,8 @@ class Draft {
     void note(const std::string &text);
     // Takes back what was added behind the first so many entries, of a rule that cannot be said after all.
     void keep(size_t entries) { entries_.resize(std::min(entries_.size(), entries)); }
-    void apply(const std::string &port, const std::string &direction) { applies_.emplace_back(port, direction); }
+    // Once, however often it is said.
+    void apply(const std::string &port, const std::string &direction);
 
     // The policy in YAML, what was refused in comments.
     void print(std::ostream &out, const Options &options) const;
