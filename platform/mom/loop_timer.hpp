@@ -21,7 +21,8 @@ class loop_timer {
     /// A running one goes on as it is. False when there was no memory.
     [[nodiscard]] bool start(std::chrono::milliseconds pause)
     {
-        const timeval interval{pause.count() / 1000, pause.count() % 1000 * 1000};
+        const timeval interval{static_cast<time_t>(pause.count() / 1000),
+                               static_cast<suseconds_t>(pause.count() % 1000 * 1000)};
         return running() || tq_thread_insert_timer_timeval(master_, &timer_, func_, arg_, &interval, name_) == 0;
     }
     void stop() { tq_thread_cancel(timer_); }

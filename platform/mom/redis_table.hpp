@@ -68,16 +68,16 @@ struct redis_table {
     bool covers(field_values values) const;
 
     // What the table's metadata said when it was last read; a write finds out whether it still does.
-    uint64_t known = 0;                              ///< the era of calls in which; 0: never
-    std::string generation;                          ///< stamp of the records being written
-    std::string field_list;                          ///< all fields that were ever written,
-    std::vector<uint32_t> fields;                    ///< and their numbers, ascending
-    uint64_t latest = 0;                             ///< number that one's own latest change has, or is likely to get
-    uint64_t own = 0;                                ///< number of one's own latest change that was acknowledged,
-    uint64_t own_found = 0;                          ///< which was looked for in this era of calls
-    bool alone = true;                               ///< nobody else has written to it of late
-    size_t untrimmed = changes_per_trim(UINT64_MAX); ///< changes of one's own since the log was trimmed,
-    size_t untrimmed_entries = untrimmed;            ///< and in how many entries; and in the stretch before
+    uint64_t known = 0;                                ///< the era of calls in which; 0: never
+    std::string generation;                            ///< stamp of the records being written
+    std::string field_list;                            ///< all fields that were ever written,
+    std::vector<uint32_t> fields;                      ///< and their numbers, ascending
+    uint64_t latest = 0;                               ///< number that one's own latest change has, or is likely to get
+    uint64_t own = 0;                                  ///< number of one's own latest change that was acknowledged,
+    uint64_t own_found = 0;                            ///< which was looked for in this era of calls
+    bool alone = true;                                 ///< nobody else has written to it of late
+    uint64_t untrimmed = changes_per_trim(UINT64_MAX); ///< changes of one's own since the log was trimmed,
+    uint64_t untrimmed_entries = untrimmed;            ///< and in how many entries; and in the stretch before
     size_t latest_changes = 1;
     size_t latest_entries = 1;
 };

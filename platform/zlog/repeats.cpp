@@ -49,7 +49,7 @@ message held_message::get() const
 bool repeats::admit(const message &said, uint64_t now_ms, std::optional<held_message> &told)
 {
     const uint64_t key = key_of(said);
-    slot &at = slots_[key % slots_.size()];
+    slot &at = slots_[static_cast<size_t>(key % slots_.size())];
     if (at.key != key || now_ms - at.start_ms >= second_ms) {
         if (at.held.times > 0)
             told = at.held;
