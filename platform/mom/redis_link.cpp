@@ -193,8 +193,8 @@ int redis_link::receive(reply_tape &into, size_t &complete, const ride &along, s
     return result;
 }
 
-// The server holds its answer until enough replicas have all that came before on this connection. Where they had not the
-// last time, that is the rule for a while: the loop is not held for as long each time.
+// The server holds its answer until enough replicas have all that came before on this connection. Where they had not
+// the last time, that is the rule for a while: the loop is not held for as long each time.
 int redis_link::await_replicas()
 {
     command_buffer question;
