@@ -47,8 +47,8 @@ class Inquiries {
     static int32_t on_question(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_old_answer(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     void answer();
-    void read(const Question &question, Answers &records);
-    void try_out(const Question &question, Answers &records);
+    void read(const Question &question, Answers &answers);
+    void try_out(const Question &question, Answers &answers);
     void send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records);
     void remove(uint64_t nonce, uint32_t number);
     void forget();

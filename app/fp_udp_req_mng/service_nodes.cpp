@@ -1,7 +1,6 @@
 // The forwarding plane's service nodes: those heard from recently. Their number is how many answers a request needs.
 //
-// A node is known by its first record, refreshed by each further one, and leaves by silence alone. Whoever may write
-// these records can make nodes up: so many are taken in, and those that are known keep their places.
+// A node is known by its first record, refreshed by each further one, and leaves by silence alone.
 #include "../list.hpp"
 #include "area.hpp"
 #include "descriptor.hpp"
@@ -19,8 +18,7 @@ namespace plx::req {
 namespace {
 
 constexpr uint64_t silence_seconds = 19; // a node silent for longer is gone
-constexpr int32_t most_nodes = 4096;
-uint32_t heartbeat_db = 0; // that was subscribed to last
+uint32_t heartbeat_db = 0;               // that was subscribed to last
 
 constexpr int32_t bad_notification = 4; // positive, unlike the library's other codes
 
@@ -53,17 +51,6 @@ void drop(fp_udp_service_node &node, const char *function = __builtin_FUNCTION()
                   "service node is: %d\n",
                   node.dev, node.slot, node.id, g_fp_service.count);
     std::free(&node);
-}
-
-// Told once until there is room again.
-bool has_room()
-{
-    static bool told = false;
-    const bool room = g_fp_service.count < most_nodes;
-    if (!room && !told)
-        report<Error>("more than %d service nodes: further ones are not counted.\n", most_nodes);
-    told = !room;
-    return room;
 }
 
 } // namespace
@@ -114,8 +101,6 @@ int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key)
         known->up_time = time_now();
         return FP_UDP_OK;
     }
-    if (!has_room())
-        return FP_UDP_NO_MEMORY;
     auto *added = static_cast<fp_udp_service_node *>(std::malloc(sizeof(fp_udp_service_node)));
     if (added == nullptr) {
         report<Error>("malloc for fp node fail.");

@@ -111,7 +111,7 @@ int32_t fp_udp_service_node_subscribe(void *g_ssd_fp_global, uint32_t db);
 
 /* The known node, or NULL. */
 fp_udp_service_node *fp_udp_fp_service_node_search(const fp_udp_service_node_key *key);
-/* Notes that a node is alive. 0, or -2 without memory and of a new node where 4096 are known. */
+/* Notes that a node is alive. 0 or -2. */
 int32_t fp_udp_fp_service_node_add(const fp_udp_service_node_key *key);
 /* Drops the nodes silent for 20 s or more and judges all pending requests again when there was one: what the remaining
  * nodes have confirmed is a success then. A silent node is so noticed after 20 to 35 seconds. */

@@ -6,8 +6,8 @@
 //    question that rides behind it, and takes all answers.
 // 3. A transaction reads the table's metadata along with what it does. If that is not what its records were built by,
 //    they may carry an old stamp, or their entries lack a field; and so where its entry of the log has a smaller number
-//    than they were stamped with: the script writes them again, and after them, for the
-//    order, whatever came later. Commands whose script the server has forgotten are sent again in the same way.
+//    than they were stamped with: the script writes them again, and after them, for the order, whatever came later.
+//    Commands whose script the server has forgotten are sent again in the same way.
 // 4. A transaction cannot stop at a record in whose place something foreign lies: it was listed and told all the same,
 //    which is taken back.
 // 5. Each record has its result, and the batch is empty again.

@@ -5,7 +5,8 @@
 // 2. Calls are exchanges, or sent and received separately. A failed one drops the connection.
 // 3. While the server is away, attempts are paced (50 ms doubling to 2 s, at least nine times what one took) and
 //    everything in between fails at once with the reason of the last attempt. Where connecting went well before, a step
-//    of an attempt stands still for little longer than the whole took then, and for longer after a few in vain.
+//    of an attempt stands still for four times what the whole took then, or a tenth of `timeout`, and for longer after
+//    a few in vain.
 // 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master: first the
 //    one that answered last. So does a sentinel's word that there is another one.
 // 5. Where the address asks for replicas, a write has succeeded when so many have it (await_replicas).

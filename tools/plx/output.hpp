@@ -2,8 +2,8 @@
 //
 // A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with
 // the exit code. A failure is a line of type "error", a remark one of type "note". Where standard error is the journal,
-// each line of text bears its grade, as the journal takes it. A number above 2^53, which readers
-// may round, has its text beside it, under its name and "_text". Within a schema's version there are only additions.
+// each line of text bears its grade, as the journal takes it. A number above 2^53, which readers may round, has its text
+// beside it, under its name and "_text". Within a schema's version there are only additions.
 #pragma once
 
 #include "exit_codes.hpp"
@@ -21,8 +21,8 @@ enum class Grade : uint8_t { error = 3, warning = 4, info = 6 };
 
 class Output {
   public:
-    // From here on it is `command` that speaks: "apply". Of several on one standard error each has a name: "node
-    // 0/1/0".
+    // From here on it is `command` that speaks: "apply". Of several on one standard error each has a name:
+    // "node 0/1/0".
     void begin(std::string command, bool json, std::string name = {});
     bool json() const { return json_; }
 
@@ -36,8 +36,7 @@ class Output {
     // The same, by a program that lives on: with --json a note that has its "level" and "time_ms", too.
     void log(Grade grade, const std::string &text);
     // The same as a note, for what leads to an exit code, which it returns. With a place its text is
-    // "FILE:LINE:COLUMN: TEXT".
-    // `hint`: what can be done about it.
+    // "FILE:LINE:COLUMN: TEXT". `hint`: what can be done about it.
     int error(int exit_code, const std::string &text, const Place &place = {}, const char *hint = nullptr);
 
     // "FILE:LINE:COLUMN: warning: TEXT", of type "warning": nothing fails for it.

@@ -1,8 +1,8 @@
 // See listening.hpp.
 #include "metrics/listening.hpp"
 
+#include "attribute_value.hpp"
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <memory>
 #include <netdb.h>
@@ -76,10 +76,8 @@ bool is_loopback(const sockaddr &address)
 
 bool is_port(const std::string &text)
 {
-    uint16_t port = 0;
-    const char *const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, port);
-    return error == std::errc() && rest == end && port != 0;
+    uint64_t port = 0;
+    return parse_number(text, port) && port != 0 && port <= UINT16_MAX;
 }
 
 // "[::1]" and "::1" are the same host; none is the loopback.
