@@ -2,8 +2,8 @@
 //
 // A line is an object with a "type"; the first of a command's also has "schema", and the last is its "summary", with
 // the exit code. A failure is a line of type "error", a remark one of type "note". Where standard error is the journal,
-// each line of text bears its grade, as the journal takes it. A number above 2^53, which readers may round, has its text
-// beside it, under its name and "_text". Within a schema's version there are only additions.
+// each line of text bears its grade, as the journal takes it. A number above 2^53, which readers may round, has its
+// text beside it, under its name and "_text". Within a schema's version there are only additions.
 #pragma once
 
 #include "exit_codes.hpp"
