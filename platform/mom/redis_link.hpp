@@ -9,7 +9,9 @@
 //    a few in vain.
 // 4. With sentinels, a replica's refusal drops the connection, and the next attempt asks them for the master: first the
 //    one that answered last. So does a sentinel's word that there is another one.
-// 5. Where the address asks for replicas, a write has succeeded when so many have it (await_replicas).
+// 5. Where the address asks for replicas, a write has succeeded when so many have it (await_replicas). After one that
+//    had not, writes of the same connection fail at once for nine times what was waited: the server gets them, and is
+//    not asked.
 //
 // The connection for changes is opened here, too, and belongs to its reader.
 #ifndef TQ_MOM_REDIS_LINK_HPP
@@ -105,7 +107,8 @@ class redis_link {
     name_lookup names_;
     bool elsewhere_ = false; ///< the master is another server
     bool warned_ = false;
-    bool replicas_lag_ = false; ///< too few had what was written last
+    bool replicas_lag_ = false; ///< too few had what was asked about last
+    steady_time next_wait_{};   ///< nobody is asked before
     std::string told_;          ///< the trouble that was told last, until a connection succeeds
     std::chrono::milliseconds back_off_{0};
     std::chrono::milliseconds usual_{0}; ///< what the last attempt took that went well

@@ -19,7 +19,8 @@
 
 bool peers_are_abroad = false;
 int64_t clock_ms = 0;
-std::string wait_sent; // the last WAIT
+std::string wait_sent;  // how long the last WAIT is to last
+int64_t wait_takes = 0; // by this clock
 
 namespace {
 
@@ -124,8 +125,10 @@ ssize_t send(int fd, const void *bytes, size_t size, int flags)
     const std::string_view text(static_cast<const char *>(bytes), size);
     if (deaf == -1 && text.find("XREAD") != std::string_view::npos)
         deaf = fd;
-    if (text.find("WAIT\r\n") != std::string_view::npos)
-        wait_sent = text.substr(text.find("WAIT\r\n"));
+    if (text.find("WAIT\r\n") != std::string_view::npos) {
+        wait_sent = text.substr(text.rfind('$') + 4, text.size() - text.rfind('$') - 6); // one digit tells its length
+        clock_ms += wait_takes;
+    }
     return call("send", send, fd, bytes, allowed("send", size), flags);
 }
 
@@ -445,10 +448,27 @@ TEST_F(pace, of_waiting_for_replicas_is_a_tenth_after_it_was_in_vain)
 {
     server.start();
     auto *context = open("wait=1&wait-timeout=300");
-    for (const char *wait : {"WAIT\r\n$1\r\n1\r\n$3\r\n300\r\n", "WAIT\r\n$1\r\n1\r\n$2\r\n30\r\n"}) {
-        EXPECT_EQ(TQ_MOM_NOT_REPLICATED, write_ace(context, 8, ace_record("a", 1, 1)));
-        EXPECT_EQ(wait, wait_sent);
+    const struct {
+        int64_t after;
+        const char *wait; // "": the write fails at once, and the server has it
+        int64_t took;
+    } writes[] = {{0, "300", 0}, {2699, "", 0}, {1, "30", 50}, {449, "", 0}, {1, "30", 0}, {0, "", 0}};
+    uint64_t sn = 0;
+    for (const auto &[after, wait, took] : writes) {
+        clock_ms += after;
+        wait_takes = took;
+        wait_sent.clear();
+        EXPECT_EQ(TQ_MOM_NOT_REPLICATED, write_ace(context, 8, ace_record("a", 1, ++sn)));
+        EXPECT_EQ(wait, wait_sent) << sn;
     }
+    requests found;
+    EXPECT_EQ(TQ_MOM_OK, find_stored(context, 8, found));
+    EXPECT_EQ(sn, found.size());
+    server.crash();
+    server.start();
+    clock_ms += 3; // another server is asked
+    EXPECT_EQ(TQ_MOM_NOT_REPLICATED, write_ace(context, 8, ace_record("a", 1, 1)));
+    EXPECT_EQ("30", wait_sent);
 }
 
 TEST_F(pace, of_keeping_connections_alive_tells_a_dead_peer_after_ten_seconds)
