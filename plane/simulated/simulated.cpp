@@ -100,6 +100,13 @@ bool SimulatedOptions::add(std::string_view text)
     return true;
 }
 
+bool add_simulated(std::span<SimulatedOptions> nodes, std::string_view text)
+{
+    size_t node = 0;
+    return text.find(':') != std::string_view::npos && parse_number(take_part(text, ':'), node) && node >= 1 &&
+           node <= nodes.size() && nodes[node - 1].add(text);
+}
+
 std::vector<Answer> SimulatedPlane::program(std::span<const Change> changes)
 {
     std::vector<Answer> answers;

@@ -43,6 +43,9 @@ struct SimulatedOptions {
     bool add(std::string_view text);
 };
 
+// The same for one of several: "2:silent" is for the second.
+bool add_simulated(std::span<SimulatedOptions> nodes, std::string_view text);
+
 class SimulatedPlane final : public Plane {
   public:
     explicit SimulatedPlane(SimulatedOptions options) : options_(std::move(options)) {}

@@ -36,15 +36,20 @@ class Application {
     // says that it answers. 0, or the store's code for the beginning of the bracket.
     int write(const std::function<void()> &pause, const std::function<bool()> &again);
 
-    // Writes what the store does not have as the policy has it, and deletes what the policy does not have. What is as
-    // it should be is not written: its rows end as unchanged; but all is, as by write(), where that was never done in
-    // the store's history. 0, or the store's code for what could not be read or
-    // deleted.
+    // Reads what the store has, handing each record to `take`, and finds what differs from the policy: what is as it
+    // should be is not to be written, and its rows end as unchanged; but all is, where write() was never done in the
+    // store's history. 0, or the store's code.
+    using Take = std::function<void(const ProtobufCMessage &)>;
+    int compare(const Take &take);
+
+    // Writes what the store does not have as the policy has it, and deletes what the policy does not have, as compared;
+    // or all, as by write(). 0, or the store's code for what could not be deleted.
     int write_changes(const std::function<void()> &pause, const std::function<bool()> &again);
 
-    // Of write_changes().
+    // That compare() has found.
     struct Changes {
         size_t added = 0, changed = 0, removed = 0;
+        bool none() const { return added + changed + removed == 0; }
     };
     const Changes &changes() const { return changes_; }
 
@@ -114,7 +119,8 @@ class Application {
     int32_t compare_apply(const SPolicy__Apply &record);
     int32_t compare_ace(const SPolicy__Ace &record);
     template <typename Message>
-    int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &));
+    int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &),
+                const Take &take);
     bool rewritten_before() const;
     void differs(size_t row, bool same);
     void know_unchanged();

@@ -103,20 +103,25 @@ int32_t Application::compare_ace(const SPolicy__Ace &record)
 
 // A record that cannot be read is written anew where the policy has it.
 template <typename Message>
-int Application::compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &))
+int Application::compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &),
+                         const Take &take)
 {
     struct Walk {
         Application *self;
         int32_t (Application::*with)(const Message &);
-    } walk{this, with};
-    const auto take = [](void *, const tq_mom_notification *found, void *arg) -> int32_t {
-        const auto &[self, compare_with] = *static_cast<Walk *>(arg);
+        const Take &take;
+    } walk{this, with, take};
+    const auto on_record = [](void *, const tq_mom_notification *found, void *arg) -> int32_t {
+        const auto &[self, compare_with, hand_on] = *static_cast<Walk *>(arg);
         const auto *record = reinterpret_cast<const Message *>(found->record);
-        return found->result != 0 || record == nullptr || record->index == nullptr ? 0 : (self->*compare_with)(*record);
+        if (found->result != 0 || record == nullptr || record->index == nullptr)
+            return 0;
+        hand_on(record->base);
+        return (self->*compare_with)(*record);
     };
     Record selection(table);
     selection.set_key_text(0, policy_.application.c_str());
-    return tq_mom_scan_sync(context_, db_, selection.message(), 1, take, &walk);
+    return tq_mom_scan_sync(context_, db_, selection.message(), 1, on_record, &walk);
 }
 
 // The library must know the ACLs that its entries belong to, and that they are applied.
@@ -173,18 +178,21 @@ void Application::remove_excess(const std::function<void()> &breathe)
 }
 
 // Nobody has ended a rewrite in the store's history: then this is one.
+int Application::compare(const Take &take)
+{
+    whole_ = !rewritten_before();
+    int result = compare(s_policy__acl__descriptor, &Application::compare_acl, take);
+    result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply, take);
+    result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace, take);
+    changes_.added = ledger_.count(Outcome::unwritten) - changes_.changed;
+    changes_.removed = excess_.entries.size() + excess_.applies.size() + excess_.turned.size() + excess_.acls.size();
+    return result;
+}
+
 // What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
 // direction goes first, since the library tells them apart by port and priority alone.
 int Application::write_changes(const std::function<void()> &pause, const std::function<bool()> &again)
 {
-    whole_ = !rewritten_before();
-    int result = compare(s_policy__acl__descriptor, &Application::compare_acl);
-    result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply);
-    result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace);
-    if (result != 0)
-        return result;
-    changes_.added = ledger_.count(Outcome::unwritten) - changes_.changed;
-    changes_.removed = excess_.entries.size() + excess_.applies.size() + excess_.turned.size() + excess_.acls.size();
     if (whole_)
         return write(pause, again);
     const uint64_t before = store_failures();

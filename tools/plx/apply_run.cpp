@@ -106,7 +106,7 @@ int ApplyRun::apply(Application &application)
         return code;
     if (const int code = wait_for_nodes(application); code != EXIT_DONE)
         return code;
-    if (const int code = keep_policy(); code != EXIT_DONE)
+    if (const int code = keep_policy(application); code != EXIT_DONE)
         return code;
     const int result = options_.atomic ? write_held(application) : write(application);
     if (!undone_)
@@ -219,16 +219,21 @@ int ApplyRun::take_back_what_was_left()
     return put_back(*slot, "an apply that did not end left its changes behind");
 }
 
-// The copy is what a hold keeps nodes to, and what --rollback goes back to.
-int ApplyRun::keep_policy()
+// The copy is what a hold keeps nodes to, and what --rollback goes back to. What differs is found on the same walk.
+int ApplyRun::keep_policy(Application &application)
 {
-    if (options_.embedded() && !options_.atomic)
+    PolicyStore::Copy there(options_.atomic ? SIZE_MAX : PolicyStore::most_kept);
+    const bool kept = !options_.embedded() || options_.atomic;
+    int result = 0;
+    if (options_.only_changes())
+        result = application.compare([&](const ProtobufCMessage &record) { kept ? there.add(record) : void(); });
+    else if (kept)
+        result = policies_->read(there);
+    if (result != 0)
+        return fail_store("nothing was written: what is there cannot be read: store", result);
+    if (!kept || (options_.only_changes() && application.changes().none() && !options_.atomic))
         return EXIT_DONE;
-    std::optional<uint32_t> used;
-    int result = policies_->kept(used);
-    result = result != 0 ? result : policies_->keep(used, options_.atomic, copy_);
-    if (result == 0 && copy_)
-        result = policies_->set_kept(*copy_);
+    result = policies_->keep_before(there, copy_);
     if (result != 0)
         return fail_store("nothing was written: the policy before cannot be kept: store", result);
     if (!copy_)
@@ -262,7 +267,9 @@ int ApplyRun::roll_back()
         return fail_store("store", result);
     if (!before)
         return fail(EXIT_USAGE, "the store keeps no policy of " + policy_.application + " to go back to");
-    result = policies_->keep(before, true, copy_);
+    PolicyStore::Copy there(SIZE_MAX);
+    result = policies_->read(there);
+    result = result != 0 ? result : policies_->keep(before, there, copy_);
     if (result != 0)
         return fail_store("nothing was written: store", result);
     nodes_.emplace(context_.get(), options_.db);
@@ -282,18 +289,6 @@ int ApplyRun::roll_back()
 
 // ---- service nodes --------------------------------------------------------------------------------------------------
 
-// "2:silent" is for the second node.
-static bool simulate(const std::string &text, std::vector<plane::SimulatedOptions> &nodes)
-{
-    const size_t colon = text.find(':');
-    const std::string number = text.substr(0, colon);
-    if (colon == std::string::npos || number.empty() || number.find_first_not_of("0123456789") != std::string::npos ||
-        number.size() > 4)
-        return false;
-    const size_t node = std::stoul(number);
-    return node >= 1 && node <= nodes.size() && nodes[node - 1].add(std::string_view(text).substr(colon + 1));
-}
-
 int ApplyRun::start_nodes()
 {
     if (!options_.embedded())
@@ -302,7 +297,7 @@ int ApplyRun::start_nodes()
     for (size_t node = 0; node < std::min(nodes.size(), options_.table_sizes.size()); ++node)
         nodes[node].table_size = options_.table_sizes[node];
     for (const std::string &text : options_.simulate) {
-        if (!simulate(text, nodes))
+        if (!plane::add_simulated(nodes, text))
             return fail(EXIT_USAGE, "--simulate: '" + text + "' is not NODE:WHAT; see plx apply --help");
     }
     plane::NodeOptions node_options;

@@ -34,7 +34,7 @@ class ApplyRun {
     int open_store();
     int connect();
     int take_lock();
-    int keep_policy();
+    int keep_policy(Application &application);
     int take_back_what_was_left();
     int roll_back();
     int start_nodes();

@@ -119,10 +119,16 @@ void set_request(const ProtobufCMessage &record, uint64_t request)
 
 } // namespace
 
-struct CopyPart {
-    std::array<std::vector<Bytes>, copied.size()> records;
-    size_t size = 0, count = 0;
-};
+void PolicyStore::Copy::add(const ProtobufCMessage &record)
+{
+    if (++count_ > most_)
+        return parts_.clear();
+    if (parts_.back().size >= part_size)
+        parts_.emplace_back();
+    Bytes bytes = packed(&record);
+    parts_.back().size += bytes.size();
+    parts_.back().records[table_of(record)].push_back(std::move(bytes));
+}
 
 int PolicyStore::held(std::optional<uint32_t> &slot) const
 {
@@ -176,17 +182,17 @@ int PolicyStore::clear(uint32_t slot)
     return result;
 }
 
-int PolicyStore::write(uint32_t slot, uint32_t part, const CopyPart &records)
+int PolicyStore::write(uint32_t slot, uint32_t number, const Copy::Part &part)
 {
     std::array<std::vector<ProtobufCBinaryData>, copied.size()> bytes;
     for (size_t table = 0; table < copied.size(); ++table)
-        for (const Bytes &record : records.records[table])
+        for (const Bytes &record : part.records[table])
             bytes[table].push_back({record.size(), const_cast<uint8_t *>(record.data())}); // is only read
     PlxNode__PolicyCopyIndex index = PLX_NODE__POLICY_COPY_INDEX__INIT;
     PlxNode__PolicyCopy copy = PLX_NODE__POLICY_COPY__INIT;
     index.app = app_.data();
     index.slot = slot;
-    index.part = part;
+    index.part = number;
     copy.index = &index;
     copy.acls = bytes[0].data();
     copy.n_acls = bytes[0].size();
@@ -197,28 +203,30 @@ int PolicyStore::write(uint32_t slot, uint32_t part, const CopyPart &records)
     return tq_mom_set_sync(context_, db_, &copy.base);
 }
 
-int PolicyStore::keep(std::optional<uint32_t> used, bool however_many, std::optional<uint32_t> &slot)
+int PolicyStore::read(Copy &copy) const
 {
-    std::vector<CopyPart> parts(1);
-    size_t count = 0;
-    int result = scan_application(context_, db_, app_, [&](const ProtobufCMessage &record) {
-        if (++count > most_kept && !however_many)
-            return;
-        if (parts.back().size >= part_size)
-            parts.emplace_back();
-        Bytes bytes = packed(&record);
-        parts.back().size += bytes.size();
-        parts.back().records[table_of(record)].push_back(std::move(bytes));
-    });
-    if (result != 0 || (count > most_kept && !however_many))
-        return result;
+    return scan_application(context_, db_, app_, [&copy](const ProtobufCMessage &record) { copy.add(record); });
+}
+
+int PolicyStore::keep(std::optional<uint32_t> used, const Copy &copy, std::optional<uint32_t> &slot)
+{
     const uint32_t other = used ? 1 - (*used & 1U) : 0;
-    result = clear(other);
-    for (size_t part = 0; part < parts.size() && result == 0; ++part)
-        result = write(other, static_cast<uint32_t>(part), parts[part]);
+    int result = clear(other);
+    for (size_t part = 0; part < copy.parts_.size() && result == 0; ++part)
+        result = write(other, static_cast<uint32_t>(part), copy.parts_[part]);
     if (result == 0)
         slot = other;
     return result;
+}
+
+int PolicyStore::keep_before(const Copy &copy, std::optional<uint32_t> &slot)
+{
+    if (!copy.whole())
+        return tq_mom_del_sync(context_, db_, kept_record(app_).message());
+    std::optional<uint32_t> used;
+    int result = kept(used);
+    result = result != 0 ? result : keep(used, copy, slot);
+    return result != 0 ? result : set_kept(*slot);
 }
 
 // What is there and should not be goes last, as where a policy is written.

@@ -6,8 +6,10 @@
 
 #include "records/digest.hpp"
 #include "records/host.hpp"
+#include <array>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace plx::tool {
 
@@ -16,6 +18,24 @@ class PolicyStore {
     // More records than this are not kept but for a hold.
     static constexpr size_t most_kept = 100'000;
 
+    // An application's records as they were read, packed, in the order of the tables.
+    class Copy {
+      public:
+        // Of more records it keeps none.
+        explicit Copy(size_t most) : most_(most) {}
+        void add(const ProtobufCMessage &record);
+        bool whole() const { return count_ <= most_; }
+
+      private:
+        friend PolicyStore;
+        struct Part {
+            std::array<std::vector<std::vector<uint8_t>>, 3> records;
+            size_t size = 0;
+        };
+        size_t most_, count_ = 0;
+        std::vector<Part> parts_ = std::vector<Part>(1);
+    };
+
     // The context outlives it.
     PolicyStore(tq_context *context, uint32_t db, std::string app) : context_(context), db_(db), app_(std::move(app)) {}
 
@@ -23,11 +43,16 @@ class PolicyStore {
 
     // The copy's slot when the application is held: by an apply that died, if by nobody else.
     int held(std::optional<uint32_t> &slot) const;
-    // Copies the tables as they are, into the slot that is not `used`; nullopt when there are too many.
-    int keep(std::optional<uint32_t> used, bool however_many, std::optional<uint32_t> &slot);
+    // Takes up the tables as they are.
+    int read(Copy &copy) const;
+    // Writes the copy into the slot that is not `used`.
+    int keep(std::optional<uint32_t> used, const Copy &copy, std::optional<uint32_t> &slot);
     // Which copy is the policy before the last.
     int kept(std::optional<uint32_t> &slot) const;
     int set_kept(uint32_t slot);
+    // Keeps the copy as the policy before the last. Where it is not whole there is none from then on: an older one
+    // would not be that.
+    int keep_before(const Copy &copy, std::optional<uint32_t> &slot);
 
     int hold(uint32_t slot);
     int release(); // from here on the tables are the policy
@@ -38,7 +63,7 @@ class PolicyStore {
     int digest(Digest &digest, bool others_alone) const;
 
   private:
-    int write(uint32_t slot, uint32_t part, const struct CopyPart &records);
+    int write(uint32_t slot, uint32_t number, const Copy::Part &part);
     int clear(uint32_t slot);
 
     tq_context *context_;
