@@ -251,7 +251,8 @@ void Application::refused(size_t row, int32_t status)
         timed_out_ = true;
         return ledger_.put_back(row);
     }
-    store_lost_ = store_lost_ || (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT));
+    if (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT))
+        lose_store(status);
     denied_ = denied_ || (setting_ && status == TQ_MOM_DENIED);
     const auto refuser = refusers_.find(row);
     const std::string where = refuser == refusers_.end() || refuser->second.empty() ? "" : " on " + refuser->second;
@@ -343,10 +344,11 @@ int Application::start()
     if (plx_initial() != 0 || fp_udp_register_app_type(policy_.application.c_str()) != 0)
         return FP_UDP_REFUSED;
     const fp_udp_acl_handler handler = Callbacks::table();
+    const uint64_t before = time_outs();
     const int result = fp_udp_register_acl_handler(context_, db_, &handler);
     (void)plx_register_debug_commands(context_); // a shell that does not open is reported, and nothing else
     mgr_ = fp_udp_get_mgr();
-    return result;
+    return time_outs() == before ? result : static_cast<int>(TQ_MOM_TIMEOUT);
 }
 
 int Application::bracket(std::initializer_list<Operation> operations)
@@ -363,11 +365,14 @@ int Application::bracket(std::initializer_list<Operation> operations)
 // nobody would hear what the service nodes say.
 int Application::write(const std::function<void()> &pause, const std::function<bool()> &again)
 {
-    if (const int result = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply}); result != 0)
-        return result;
+    int begun = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply});
+    if (begun == TQ_MOM_TIMEOUT && again())
+        begun = bracket({mgr_->expire_acl, mgr_->expire_ace, mgr_->expire_apply});
+    if (begun != 0)
+        return begun;
     write_unended(pause, again);
     for (const Operation sweep : {mgr_->del_expire_ace, mgr_->del_expire_acl, mgr_->del_expire_apply}) {
-        if (store_lost_)
+        if (store_lost())
             break;
         int result = bracket({sweep});
         if ((result == TQ_MOM_TIMEOUT || result == TQ_MOM_DISCONNECTED) && again())
@@ -406,7 +411,7 @@ void Application::write_unended(const std::function<void()> &pause, const std::f
     if (again())
         collect(pause, set);
     else
-        store_lost_ = true;
+        lose_store(TQ_MOM_TIMEOUT);
 }
 
 // All that did not turn out to be unchanged. What belongs to an ACL that is to be written once more waits for it.

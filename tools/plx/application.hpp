@@ -15,6 +15,7 @@
 #include <plx/s_policy.pb-c.h>
 #include <span>
 #include <tq_context.h>
+#include <tq_mom.h>
 #include <tuple>
 
 namespace plx::tool {
@@ -27,7 +28,8 @@ class Application {
     Application(const Application &) = delete;
     Application &operator=(const Application &) = delete;
 
-    // Registers with the library. 0, or the library's code.
+    // Registers with the library, also once more. 0, or the library's code; or a time-out, where one of the
+    // subscriptions ran into one.
     int start();
 
     // Rewrites the policy: everything in it is written, then what else the store holds of this application type is
@@ -60,8 +62,9 @@ class Application {
     // Service nodes that the library counts as alive.
     static int live_nodes() { return g_fp_service.count; }
 
-    // A write did not reach the store.
-    bool store_lost() const { return store_lost_; }
+    // A write did not reach the store; or, if that was silent, perhaps not.
+    bool store_lost() const { return store_lost_ != 0; }
+    bool store_silent() const { return store_lost_ == TQ_MOM_TIMEOUT; }
 
     // The store's code where what it held before was not all deleted, else 0.
     int not_swept() const { return not_swept_; }
@@ -125,8 +128,11 @@ class Application {
     void differs(size_t row, bool same);
     void know_unchanged();
     uint64_t store_failures() const;
+    uint64_t time_outs() const;
+    void lose_store(int result) { store_lost_ = store_lost_ != 0 ? store_lost_ : result; }
     void remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies);
     void remove_excess(const std::function<void()> &breathe);
+    void remove_surely(const std::function<bool()> &again, const std::function<void()> &remove_all);
     void write_unended(const std::function<void()> &pause, const std::function<bool()> &again);
     void set_unended(const std::function<void()> &breathe);
 
@@ -157,7 +163,8 @@ class Application {
     std::map<uint32_t, size_t> acl_numbers_; // where each is in acls_
     std::map<ApplyId, size_t> apply_rows_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
-    bool store_lost_ = false, denied_ = false;
+    int store_lost_ = 0;   // the store's code
+    bool denied_ = false;
     int expected_ = 0;
     std::vector<std::string> nodes_;
     bool unnamed_ = false;                              // a node answers that does not name itself
@@ -166,6 +173,7 @@ class Application {
     bool timed_out_ = false;                            // a write did, which is to be made once more
     bool last_try_ = false;
     int not_swept_ = 0;
+    int not_removed_ = 0; // the store's code where one of the deletions failed
     Changes changes_;
     Excess excess_;
     bool whole_ = false; // what the store has already is written, too

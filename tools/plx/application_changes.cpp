@@ -146,6 +146,13 @@ void Application::know_unchanged()
     }
 }
 
+uint64_t Application::time_outs() const
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context_, &counters);
+    return counters.results[TQ_MOM_TIMEOUT];
+}
+
 // The library's deletions do not tell of a store that fails; the store client counts it.
 uint64_t Application::store_failures() const
 {
@@ -181,6 +188,10 @@ void Application::remove_excess(const std::function<void()> &breathe)
 int Application::compare(const Take &take)
 {
     whole_ = !rewritten_before();
+    for (size_t row = 0; row < ledger_.size(); ++row) // of a comparison that was not finished
+        ledger_.put_back(row);
+    changes_ = {};
+    excess_ = {};
     int result = compare(s_policy__acl__descriptor, &Application::compare_acl, take);
     result = result != 0 ? result : compare(s_policy__apply__descriptor, &Application::compare_apply, take);
     result = result != 0 ? result : compare(s_policy__ace__descriptor, &Application::compare_ace, take);
@@ -195,13 +206,26 @@ int Application::write_changes(const std::function<void()> &pause, const std::fu
 {
     if (whole_)
         return write(pause, again);
-    const uint64_t before = store_failures();
-    remove(excess_.turned);
+    remove_surely(again, [this] { remove(excess_.turned); });
     know_unchanged();
     write_unended(pause, again);
-    if (!store_lost_)
-        collect(pause, [this](const Breathe &breathe) { remove_excess(breathe); });
-    return store_lost_ || store_failures() == before ? 0 : static_cast<int>(TQ_MOM_STORE_ERROR);
+    if (!store_lost())
+        remove_surely(again, [&] { collect(pause, [this](const Breathe &breathe) { remove_excess(breathe); }); });
+    return store_lost() ? 0 : not_removed_;
+}
+
+// Deleting what is gone already does nothing: all of it is deleted once more where the store did not answer in time.
+void Application::remove_surely(const std::function<bool()> &again, const std::function<void()> &remove_all)
+{
+    const uint64_t silent = time_outs();
+    uint64_t before = store_failures();
+    remove_all();
+    if (time_outs() != silent && again()) {
+        before = store_failures();
+        remove_all();
+    }
+    if (store_failures() != before)
+        not_removed_ = TQ_MOM_STORE_ERROR;
 }
 
 } // namespace plx::tool

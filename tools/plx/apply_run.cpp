@@ -20,12 +20,6 @@ constexpr milliseconds heartbeat_heard{6500};
 // A node that starts when the store does needs about half as long.
 constexpr milliseconds untold_wait{1000};
 
-// What may pass when a server starts or comes back. A refusal does not.
-bool may_pass(int result)
-{
-    return result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT || result == TQ_MOM_LOADING;
-}
-
 } // namespace
 
 int ApplyRun::run()
@@ -97,10 +91,10 @@ int ApplyRun::apply(Application &application)
     const auto answered = [&](const ProtobufCMessage *status, const std::string &node) {
         application.answered(status, node);
     };
-    if (const int result = nodes_.emplace(context_.get(), options_.db).follow(policy_.application, answered);
-        result != 0)
+    nodes_.emplace(context_.get(), options_.db);
+    if (const int result = ask([&] { return nodes_->follow(policy_.application, answered); }); result != 0)
         return fail_store("store", result);
-    if (const int result = application.start(); result != 0)
+    if (const int result = ask([&] { return application.start(); }); result != 0)
         return fail(EXIT_UNREACHABLE, "cannot register with the library: result " + std::to_string(result));
     if (const int code = start_nodes(); code != EXIT_DONE)
         return code;
@@ -155,136 +149,6 @@ bool ApplyRun::read_plan()
         output().error(EXIT_BAD_FILE, "this is not a plan: " + error, {.file = options_.plan});
     }
     return plan.has_value();
-}
-
-// ---- the store ------------------------------------------------------------------------------------------------------
-
-int ApplyRun::open_store()
-{
-    if (loop_ != nullptr)
-        context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
-    if (context_ == nullptr)
-        return tell_no_context(options_.store);
-    const int result = connect();
-    return result == 0 ? EXIT_DONE : fail_store("store " + shown_address(options_.store), result);
-}
-
-// A store that is not there yet is waited for.
-int ApplyRun::connect()
-{
-    const milliseconds give_up = now() + options_.wait();
-    int told = 0;
-    for (;;) {
-        const int result = tq_mom_client_connect_sync(context_.get(), options_.db);
-        if (!may_pass(result) || now() >= give_up)
-            return result;
-        if (result != told)
-            say("waiting for the store " + shown_address(options_.store) + ": " + tq_mom_strerror(result));
-        told = result;
-        turn(give_up);
-    }
-}
-
-int ApplyRun::take_lock()
-{
-    lock_.emplace(context_.get(), options_.db, policy_.application, std::chrono::seconds(options_.lock_s));
-    constexpr milliseconds between_tries{250};
-    const milliseconds give_up = now() + options_.wait_lock();
-    bool told = false;
-    for (;;) {
-        if (const int result = lock_->take(); result != 0)
-            return fail_store("nothing was written: the lock of " + policy_.application, result);
-        if (lock_->held())
-            return EXIT_DONE;
-        if (now() >= give_up && !lock_->next())
-            return fail(EXIT_LOCKED,
-                        "nothing was written: " + policy_.application + " is being written by " + lock_->other());
-        if (!told && !lock_->next())
-            say("waiting for " + lock_->other() + ", which writes " + policy_.application);
-        told = told || !lock_->next();
-        for (const milliseconds next = now() + between_tries; now() < next;)
-            turn(next);
-    }
-}
-
-// An apply that died left its application held: who has the lock now may know that nobody else will end it.
-int ApplyRun::take_back_what_was_left()
-{
-    std::optional<uint32_t> slot;
-    if (const int result = policies_->held(slot); result != 0)
-        return fail_store("nothing was written: store", result);
-    if (!slot)
-        return EXIT_DONE;
-    holding_ = true;
-    return put_back(*slot, "an apply that did not end left its changes behind");
-}
-
-// The copy is what a hold keeps nodes to, and what --rollback goes back to. What differs is found on the same walk.
-int ApplyRun::keep_policy(Application &application)
-{
-    PolicyStore::Copy there(options_.atomic ? SIZE_MAX : PolicyStore::most_kept);
-    const bool kept = !options_.embedded() || options_.atomic;
-    int result = 0;
-    if (options_.only_changes())
-        result = application.compare([&](const ProtobufCMessage &record) { kept ? there.add(record) : void(); });
-    else if (kept)
-        result = policies_->read(there);
-    if (result != 0)
-        return fail_store("nothing was written: what is there cannot be read: store", result);
-    if (!kept || (options_.only_changes() && application.changes().none() && !options_.atomic))
-        return EXIT_DONE;
-    result = policies_->keep_before(there, copy_);
-    if (result != 0)
-        return fail_store("nothing was written: the policy before cannot be kept: store", result);
-    if (!copy_)
-        say("what the store holds is too much to be kept: this cannot be rolled back");
-    return EXIT_DONE;
-}
-
-// Under a hold, so that nodes never see it half put back.
-int ApplyRun::put_back(uint32_t slot, const std::string &why)
-{
-    size_t changes = 0;
-    int result = holding_ ? 0 : policies_->hold(slot);
-    if (result != 0)
-        return fail_store("nothing was changed: the copy of the policy before: store", result);
-    holding_ = true;
-    result = policies_->put_back(slot, changes);
-    result = result != 0 ? result : policies_->release();
-    if (result != 0)
-        return fail_store(
-            why + "; the nodes keep to the policy before, but the tables are not put back: apply again: store", result);
-    holding_ = false;
-    say(why + ": the policy before is put back, " + std::to_string(changes) + " records changed");
-    return EXIT_DONE;
-}
-
-int ApplyRun::roll_back()
-{
-    std::optional<uint32_t> before;
-    int result = policies_->kept(before);
-    if (result != 0)
-        return fail_store("store", result);
-    if (!before)
-        return fail(EXIT_USAGE, "the store keeps no policy of " + policy_.application + " to go back to");
-    PolicyStore::Copy there(SIZE_MAX);
-    result = policies_->read(there);
-    result = result != 0 ? result : policies_->keep(before, there, copy_);
-    if (result != 0)
-        return fail_store("nothing was written: store", result);
-    nodes_.emplace(context_.get(), options_.db);
-    try {
-        if (result = nodes_->follow(policy_.application, [](auto &&...) {}); result != 0)
-            return fail_store("nothing was written: store", result);
-        wait_for_life(nodes_->recorded(), milliseconds(0), [this] { return nodes_->alive().size(); });
-        if (const int code = put_back(*before, "rolled back"); code != EXIT_DONE)
-            return code;
-        policies_->set_kept(*copy_);
-        wait_for_policy_before();
-    } catch (const Interrupted &) {
-        return stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED;
-    }
-    return tell_missing_nodes() ? EXIT_NO_ANSWER : EXIT_DONE;
 }
 
 // ---- service nodes --------------------------------------------------------------------------------------------------
@@ -433,7 +297,11 @@ int ApplyRun::write(Application &application)
 bool ApplyRun::nodes_object(Application &application)
 {
     questions_.emplace(context_.get(), options_.db);
-    if (questions_->start() != 0 || questions_->put_trial(policy_.application) != 0)
+    const int asked = ask([&] {
+        const int started = questions_->start();
+        return started != 0 ? started : questions_->put_trial(policy_.application);
+    });
+    if (asked != 0)
         return false;
     const milliseconds give_up = now() + options_.timeout();
     while (!questions_->answered(nodes_->living()) && now() < give_up)
@@ -453,7 +321,7 @@ bool ApplyRun::nodes_object(Application &application)
 // the same, or not confirmed, is undone.
 int ApplyRun::write_held(Application &application)
 {
-    int result = policies_->hold(*copy_);
+    int result = ask([&] { return policies_->hold(*copy_); });
     if (result != 0)
         return result;
     holding_ = true;
@@ -463,7 +331,7 @@ int ApplyRun::write_held(Application &application)
     whole = whole && !nodes_object(application);
     application.end_commit(whole);
     if (whole) {
-        result = policies_->release();
+        result = ask([&] { return policies_->release(); });
         holding_ = result != 0;
     }
     if (whole && result == 0)
@@ -573,9 +441,11 @@ int ApplyRun::exit_code(Application &application, int result)
 {
     const Ledger &ledger = application.ledger();
     if (application.store_lost())
-        return fail(EXIT_UNREACHABLE, holding_
-                                          ? "the store went away; the nodes keep to the policy before: apply again"
-                                          : "the store went away; what it held of this policy before is not swept");
+        return fail(EXIT_UNREACHABLE, std::string(application.store_silent()
+                                                      ? "the store did not answer in time, nor when asked once more"
+                                                      : "the store went away") +
+                                          (holding_ ? "; the nodes keep to the policy before: apply again"
+                                                    : "; what it held of this policy before is not swept"));
     if (result != 0)
         return fail(may_pass(result) || result == TQ_MOM_DENIED ? EXIT_UNREACHABLE : EXIT_SOME_FAILED,
                     std::string("cannot replace what the store held before: ") + tq_mom_strerror(result));

@@ -31,8 +31,10 @@ class ApplyRun {
     bool read_plan();
     int check_plan();
     int dry_run();
+    static bool may_pass(int result);
     int open_store();
     int connect();
+    int ask(const std::function<int()> &question);
     int take_lock();
     int keep_policy(Application &application);
     int take_back_what_was_left();

@@ -9,7 +9,7 @@ enum ExitCode : int {
     EXIT_BAD_FILE = 2,    // the policy file is invalid; nothing was written
     EXIT_SOME_FAILED = 3, // the forwarding plane or the store refused some entries; some records cannot be read
     EXIT_NO_ANSWER = 4,   // not every service node that is expected has answered: those are named
-    EXIT_UNREACHABLE = 5, // the store cannot be reached, refuses the user, or went away
+    EXIT_UNREACHABLE = 5, // the store cannot be reached, is silent, refuses the user, or went away
     EXIT_DIFFERS = 6,     // there are differences, and nothing else is wrong
     EXIT_STALE_PLAN = 7,  // the store is not what the plan was made from; nothing was written
     EXIT_NO_OUTPUT = 8,   // all went well, but what was to be printed of it could not be written

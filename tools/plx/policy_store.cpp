@@ -232,6 +232,7 @@ int PolicyStore::keep_before(const Copy &copy, std::optional<uint32_t> &slot)
 // What is there and should not be goes last, as where a policy is written.
 int PolicyStore::put_back(uint32_t slot, size_t &changes)
 {
+    changes = 0;
     Contents there;
     const auto content = [](const ProtobufCMessage &record) {
         set_request(record, 0);
