@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""json_lines.py SCHEMAS plx COMMAND...: runs it, and tells what kinds of lines it printed, and how many of each.
+"""json_lines.py SCHEMAS plx COMMAND... [AND plx COMMAND...]: runs each, and tells what kinds of lines it printed, and how
+many of each.
 
 All that it prints on standard output must be lines as the installed schemas describe them, without anything that they do
 not name; the first alone has the schema, the last alone is the summary, with the exit code that it ends with; beside a
@@ -9,6 +10,8 @@ them.
 
 import collections
 import ctypes
+import functools
+import itertools
 import json
 import pathlib
 import signal
@@ -49,6 +52,7 @@ def without_texts(value):
     return {name: without_texts(one) for name, one in value.items() if name not in texts}
 
 
+@functools.cache
 def validator(name):
     file = name.replace("/", "-") + ".json"
     store = {name: strict(schema) for name, schema in SCHEMAS.items()}
@@ -67,9 +71,9 @@ def check(line, number, valid):
     return row, valid
 
 
-def main():
+def run(words):
     # The command ends with this, however this ends: 1 is PR_SET_PDEATHSIG.
-    command = subprocess.Popen(sys.argv[2:], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+    command = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGTERM))
     signal.signal(signal.SIGTERM, lambda number, frame: command.send_signal(number))
     counts, rows, valid = collections.Counter(), [], None
@@ -86,7 +90,9 @@ def main():
     assert rows[-1]["type"] == "summary" and counts["summary"] == 1, "the last line alone is the summary"
     assert rows[-1]["exit_code"] == code, f"it ends with {code}: {rows[-1]}"
     told = [f"{kind} {count}" for kind, count in sorted(counts.items()) if count and kind != "summary"]
-    print(rows[0]["schema"] + ": " + ", ".join([*told, f"exit code {code}"]))
+    print(rows[0]["schema"] + ": " + ", ".join([*told, f"exit code {code}"]), flush=True)
 
 
-main()
+for separates, words in itertools.groupby(sys.argv[2:], "AND".__eq__):
+    if not separates:
+        run(list(words))
