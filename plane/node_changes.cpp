@@ -14,6 +14,8 @@ namespace {
 
 // Changes that a plane is given together where they need not take effect together.
 constexpr size_t changes_per_step = 4096;
+// Answers of the plane between two looks at the clock.
+constexpr size_t between_looks = 16;
 
 struct SameKey {
     bool operator()(const Key *a, const Key *b) const { return *a == *b; }
@@ -183,7 +185,7 @@ int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg
 void Node::find(Comparison &comparison, Change change)
 {
     keep_beating();
-    const auto known = entries_.find(change.key);
+    const auto known = comparison.from_nothing ? entries_.end() : entries_.find(change.key);
     const bool is_new = known == entries_.end();
     if (!is_new)
         known->second.seen = comparison.number;
@@ -206,6 +208,8 @@ void Node::find(Comparison &comparison, Change change)
 Hold::Shares Node::programmed(const Comparison &comparison, bool lost_whole) const
 {
     Hold::Shares shares;
+    if (comparison.from_nothing && lost_whole) // all that there is was found
+        return shares;
     auto share = shares.end();
     for (const auto &[key, entry] : entries_) {
         const bool same =
@@ -230,6 +234,8 @@ std::vector<Change> Node::removals(const Comparison &comparison)
 {
     const std::string *app = comparison.app;
     std::vector<Change> changes;
+    if (comparison.from_nothing)
+        return changes;
     for (const auto &[key, entry] : entries_) {
         const bool selected = app == nullptr || (tables()[key.index()].by_application && application_of(key) == *app);
         const bool found = entry.seen >= comparison.number || comparison.unreadable.contains(key.index());
@@ -303,7 +309,8 @@ void Node::program(std::span<const Change> changes, size_t step)
         gather_until_ = now() + std::min(now() - begin, longest_gathering);
         report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i) {
-            show_life_when_due();
+            if (i % between_looks == 0)
+                show_life_when_due();
             settle(now_made[i], answers.at(i));
         }
         changes = changes.subspan(now_made.size());
