@@ -1,9 +1,10 @@
 /* A service node and an application that lie: there is a record and a report of it, and a debug shell, and every
- * question is answered with what nobody would say. */
+ * question is answered with what nobody would say. With an argument it shows the life of so many more nodes. */
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <ssat.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <tq_context.h>
 #include <tq_loop.h>
@@ -57,7 +58,7 @@ static int on_digest(int argc, const ssat_value *argv)
     return fflush(stdout);
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
     tq_context *context = tq_context_new(NULL);
     PlxNode__NodeQuery queries = PLX_NODE__NODE_QUERY__INIT;
@@ -85,6 +86,11 @@ int main(void)
     report.refusals = refusals;
     report.n_refusals = 1;
     if (tq_mom_set_sync(context, DB, &node.base) != 0 || tq_mom_set_sync(context, DB, &report.base) != 0)
+        return 1;
+    (void)tq_mom_batch_begin(context);
+    for (key.dev = argc > 1 ? (uint32_t)atoi(argv[1]) : 0; key.dev > 0; --key.dev)
+        (void)tq_mom_set_sync(context, DB, &node.base);
+    if (tq_mom_batch_end(context, NULL, 0) != 0)
         return 1;
     (void)fprintf(stderr, "ready\n");
     return tq_loop_run(context->master);

@@ -1,12 +1,14 @@
 // See node_watch.hpp.
 #include "nodes/node_watch.hpp"
 
+#include "output.hpp"
 #include "records/record.hpp"
 #include <algorithm>
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <plx/status.h>
 #include <tq_loop.h>
+#include <utility>
 
 namespace plx::tool {
 
@@ -51,12 +53,23 @@ int NodeWatch::start()
     return tq_mom_subscribe(context_, db_, signs.message(), 0, &NodeWatch::on_node, this);
 }
 
+NodeWatch::Node *NodeWatch::known(const NodeName &name)
+{
+    if (nodes_.size() < most_nodes || nodes_.contains(name))
+        return &nodes_[name];
+    if (!std::exchange(told_, true))
+        output().note("more than " + std::to_string(most_nodes) +
+                      " service nodes show themselves: others do not count");
+    return nullptr;
+}
+
 int NodeWatch::read_recorded()
 {
     std::set<NodeName> names;
     const int result = read_nodes(context_, db_, names);
     for (const NodeName &name : names)
-        nodes_[name].recorded = true;
+        if (Node *node = known(name))
+            node->recorded = true;
     return result;
 }
 
@@ -98,8 +111,11 @@ int NodeWatch::look(milliseconds longest)
     result = read_reports(context_, db_, reports);
     const uint64_t time = wall_clock_ms();
     for (auto &[name, report] : reports) {
-        nodes_[name].age = milliseconds(time - std::min(time, report.time_ms));
-        nodes_[name].report = std::move(report);
+        Node *node = known(name);
+        if (node == nullptr)
+            continue;
+        node->age = milliseconds(time - std::min(time, report.time_ms));
+        node->report = std::move(report);
     }
     return result;
 }
@@ -120,10 +136,12 @@ int32_t NodeWatch::on_node(void *, const tq_mom_notification *change, void *arg)
     const bool gone = change->event == TQ_MOM_EVENT_DELETED;
     if (!name || change->result != 0 || (gone && !self->nodes_.contains(*name)))
         return 0;
-    Node &node = self->nodes_[*name];
-    node.left = gone;
+    Node *node = self->known(*name);
+    if (node == nullptr)
+        return 0;
+    node->left = gone;
     if (!gone)
-        node.seen = now();
+        node->seen = now();
     return 0;
 }
 
@@ -135,12 +153,12 @@ int32_t NodeWatch::on_report(void *, const tq_mom_notification *change, void *ar
     if (!report || change->event == TQ_MOM_EVENT_DELETED)
         return 0;
     const auto has = report->programmed_of(self->app_);
-    if (!has)
+    Node *node = has ? self->known(*name) : nullptr;
+    if (node == nullptr)
         return 0;
-    std::optional<Digest> &known = self->nodes_[*name].has;
-    if (known != has)
+    if (node->has != has)
         self->last_change_ = now();
-    known = has;
+    node->has = has;
     return 0;
 }
 

@@ -1,6 +1,7 @@
 // Which service nodes there are, and which of them live: those that have a record, who shows itself when called, what
 // each reported last; and, while an application's policy is applied, who went away, what each has answered and what it
-// says that it has.
+// says that it has. Who may write signs of life may make nodes up: so many are believed, and that there are more is
+// told once.
 #pragma once
 
 #include "records/host.hpp"
@@ -16,6 +17,8 @@ namespace plx::tool {
 
 // How long applications wait for a node's sign of life before they count it out.
 constexpr milliseconds counted_out{20000};
+
+constexpr size_t most_nodes = 4096;
 
 // Those that live show it at once. One that does not understand, or where this may not be written, is heard of at its
 // next sign of life. The store client's result.
@@ -74,6 +77,7 @@ class NodeWatch {
     static bool heard(const Node &node) { return node.seen != milliseconds(0); }
     static bool lives(const Node &node);
     int read_recorded();
+    Node *known(const NodeName &name); // null: there are too many
     template <typename Which> Names names(Which &&which) const;
 
     tq_context *context_;
@@ -81,6 +85,7 @@ class NodeWatch {
     std::string app_;
     OnAnswer on_answer_;
     bool called_ = false; // may be
+    bool told_ = false;   // that there are too many
     std::map<NodeName, Node> nodes_;
     milliseconds last_change_{0};
 };
