@@ -10,6 +10,7 @@
 #include "plane/simulated/simulated.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <plx/s_policy.pb-c.h>
 #include <tq_loop.h>
 
@@ -261,6 +262,21 @@ struct filled_servers {
         return {{"over raw", start / scan}};
     }
 
+    // How long registration and a resynchronisation keep the loop, by the clock.
+    figures longest_turns() const
+    {
+        std::optional<application> app;
+        const double start = bench::nanoseconds([&] { app.emplace(ours.url(), application::hears::changes); });
+        raw_client(ours, true).lose_changes();
+        double longest = 0;
+        for (int turn = 0; turn < 100 && app->outcomes() < records; ++turn)
+            longest = std::max(longest, bench::nanoseconds([&] { app->turn(); }));
+        require(app->outcomes() == records, "a resynchronisation");
+        return {{"registration, ms", start / 1e6},
+                {"resynchronisation, ms", longest / 1e6},
+                {"resynchronisation over registration", longest / start}};
+    }
+
     uint64_t records;
     quick_server base;
     quick_server ours;
@@ -270,6 +286,12 @@ template <uint64_t Records, uint64_t Foreign> void start_up(benchmark::State &st
 {
     static const filled_servers servers(Records, Foreign);
     bench::once(state, [&] { report(state, bench::in_process([&] { return servers.scan_ratio(); })); });
+}
+
+void turns_of_200k(benchmark::State &state)
+{
+    static const filled_servers servers(200'000, 0);
+    bench::once(state, [&] { report(state, bench::in_process([&] { return servers.longest_turns(); })); });
 }
 
 void server_memory(benchmark::State &state)
@@ -305,6 +327,7 @@ constexpr bench::goal goals[] = {
     {"start_up_100k", "over raw", 1 / 0.85, 0.10},
     {"start_up_1M", "over raw", 1 / 0.85, 0.10},
     {"start_up_among_others", "over raw", 1 / 2.5, 0.10},
+    {"turns_of_200k", "resynchronisation over registration", 1.3, 0.10},
     {"memory", "beyond 1.05 hashes, bytes", 80, 0.10},
 };
 
@@ -318,6 +341,7 @@ int main(int argc, char **argv)
     bench::add("start_up_100k", start_up<100'000, 0>);
     bench::add("start_up_1M", start_up<1'000'000, 0>);
     bench::add("start_up_among_others", start_up<100'000, 1'000'000>);
+    bench::add("turns_of_200k", turns_of_200k);
     bench::add("memory", server_memory);
     return bench::run(argc, argv, goals);
 }

@@ -60,6 +60,12 @@ int32_t on_acl_change(void *, const fp_udp_acl_info *, int32_t)
     return 0;
 }
 
+int32_t on_ace_change(void *, const fp_udp_acl_info *, uint64_t, int32_t)
+{
+    ++reported;
+    return 0;
+}
+
 } // namespace
 
 void require(bool done, const char *what)
@@ -139,7 +145,7 @@ application::application(const std::string &store, hears what)
         handler.ace_fail_cb = on_failure;
     }
     if (what == hears::changes)
-        handler.acl_change_cb = on_acl_change;
+        handler.acl_change_cb = on_acl_change, handler.ace_change_cb = on_ace_change;
     plx_initial();
     fp_udp_register_app_type(app_type);
     require(fp_udp_register_acl_handler(context_, policy_db, &handler) == 0, "registering");
@@ -264,6 +270,14 @@ uint64_t raw_client::scan(const char *prefix)
 void raw_client::trim_log()
 {
     freeReplyObject(redisCommand(context_.get(), "XTRIM plx{8:ace}/log MAXLEN 0"));
+}
+
+void raw_client::lose_changes()
+{
+    constexpr char change[] = "XADD plx{8:ace}/log 0-* k x w x d x";
+    freeReplyObject(redisCommand(context_.get(), change));
+    trim_log();
+    freeReplyObject(redisCommand(context_.get(), change));
 }
 
 double raw_client::used_memory()

@@ -73,7 +73,7 @@ class application {
     application &operator=(const application &) = delete;
 
     void set_ace(uint64_t sn);
-    uint64_t outcomes() const; // reported by callback so far
+    uint64_t outcomes() const; // or changes of ACEs, reported by callback so far
     void turn() const;         // of the loop
     tq_context *context() const { return context_; }
 
@@ -106,6 +106,7 @@ class raw_client {
     uint64_t scan(const char *prefix);
     double used_memory();
     void trim_log(); // of the ACEs, away
+    void lose_changes();
 
   private:
     void append(const char *prefix, uint64_t sn);

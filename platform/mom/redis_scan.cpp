@@ -17,7 +17,7 @@ namespace mom {
 namespace {
 
 constexpr unsigned scan_page_size = 1000;
-constexpr unsigned sweep_page_size = 200;
+constexpr unsigned sweep_page_size = 64; // as many as a group of writes
 constexpr uint64_t longest_mark_seconds = uint64_t{366} * 86'400;
 constexpr size_t part_limit = size_t{1} << 20;
 constexpr size_t answer_limit = size_t{32} << 20; // of a page; a record of a common size takes a few hundred bytes
@@ -217,10 +217,10 @@ int redis_engine::mark(table_ref ref, const key_range &range, uint64_t bound_sec
     const std::string token = random_name();
     table.known = 0;
     const int result = calls_.run(calls_.scripts().mark, [&](command_buffer &commands) {
-        calls_.scripts().mark.begin(commands, 3, 6);
+        calls_.scripts().mark.begin(commands, 3, 7);
         commands.add(table.meta).add(table.log).add(table.index);
         commands.add(calls_.writer().name + token).add(token).add(table.stamp_kind());
-        commands.add(lex_from(range, {}, false)).add(lex_to(range)).add(seconds);
+        commands.add(lex_from(range, {}, false)).add(lex_to(range)).add(seconds).add(table_format);
     });
     if (result != TQ_MOM_OK)
         return result;
@@ -251,7 +251,7 @@ int redis_engine::sweep_page(redis_table &table, const key_range &range, mark_st
     const auto gone = static_cast<size_t>(reply.at(0).integer());
     mark.begun = last.is(reply_kind::text);
     mark.after = last.text();
-    if (gone > 0 && table.trim_due(gone, gone, calls_.writer().log_limit)) // a longer log is no reason to fail
+    if (gone > 0 && table.trim_due(gone, 1, calls_.writer().log_limit)) // a longer log is no reason to fail
         std::ignore = calls_.run(calls_.scripts().trim, [&](command_buffer &commands) {
             calls_.scripts().trim_log(commands, table, calls_.writer());
         });

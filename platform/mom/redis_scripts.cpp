@@ -40,13 +40,16 @@ return redis.call('HMGET', meta, 'gen', 'fields')
 )";
 
 // KEYS meta, log, index; ARGV epoch-if-new, token, 'number' or 'generation', the selection from, to, seconds until the
-// mark is of no more use.
+// mark is of no more use, format.
 // Returns epoch, new generation, its mark, the stamp below which a record was not written since, and whether there is
 // any record of the selection. Marks that are of no more use go now and then; too many of them are others' making.
 constexpr char mark_text[] = R"(
 local meta = KEYS[1]
 if redis.call('HSETNX', meta, 'epoch', ARGV[1]) == 1 then
   redis.call('HSET', meta, 'gen', 1, 'fields', '')
+end
+if tonumber(redis.call('HGET', meta, 'format') or 1) < tonumber(ARGV[7]) then
+  redis.call('HSET', meta, 'format', ARGV[7])
 end
 local gen = redis.call('HINCRBY', meta, 'gen', 1)
 local now = tonumber(redis.call('TIME')[1])
@@ -319,6 +322,7 @@ return redis.call('HSET', KEYS[1], ARGV[1], ARGV[2] .. ' ' .. string.format('%.0
 
 // KEYS index, log, meta; ARGV writer, record prefix, from, to, page, stamp, epoch, generation, token, the field that
 // tells of this selection's latest rewrite.
+// One entry of the log tells all deletions of a page.
 // Returns how many records were deleted, and the last key looked at, or nil when the page was the last, which ends the
 // rewrite. Selections that are told of are many only where somebody makes them up.
 constexpr char sweep_text[] = R"(
@@ -326,7 +330,7 @@ local index, log, meta = KEYS[1], KEYS[2], KEYS[3]
 if redis.call('HGET', meta, 'epoch') ~= ARGV[7] or redis.call('HGET', meta, 'mark:' .. ARGV[8]) ~= ARGV[9] then
   return redis.error_reply('NOMARK the mark is gone')
 end
-local limit, page, gone = tonumber(ARGV[6]), tonumber(ARGV[5]), 0
+local limit, page, gone, told = tonumber(ARGV[6]), tonumber(ARGV[5]), 0, {}
 local keys = redis.call('ZRANGEBYLEX', index, ARGV[3], ARGV[4], 'LIMIT', 0, page)
 for _, key in ipairs(keys) do
   local record = ARGV[2] .. key
@@ -334,9 +338,13 @@ for _, key in ipairs(keys) do
   if type(stamp) == 'string' and tonumber(stamp) and tonumber(stamp) < limit then
     redis.call('DEL', record)
     redis.call('ZREM', index, key)
-    redis.call('XADD', log, '0-*', 'k', key, 'w', ARGV[1], 'd', '')
     gone = gone + 1
+    told[2 * gone - 1] = 'd' .. key
+    told[2 * gone] = ''
   end
+end
+if gone > 0 then
+  redis.call('XADD', log, '0-*', 'w', ARGV[1], unpack(told))
 end
 local last = #keys == page and keys[#keys] or false
 if not last and redis.call('HLEN', meta) < 8192 then
