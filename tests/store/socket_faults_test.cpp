@@ -483,6 +483,7 @@ TEST_F(pace, of_keeping_connections_alive_tells_a_dead_peer_after_ten_seconds)
     EXPECT_EQ(1, options[-TCP_NODELAY]);
     EXPECT_GT(options[-TCP_KEEPCNT], 1) << "a single lost packet is no death";
     EXPECT_EQ(10, options[-TCP_KEEPIDLE] + options[-TCP_KEEPINTVL] * options[-TCP_KEEPCNT]);
+    EXPECT_EQ(8000, options[-TCP_USER_TIMEOUT]) << "what was sent and is not taken keeps those from asking";
     fault.armed = false;
 }
 
