@@ -22,6 +22,9 @@
 //                                   so does what a simulated plane is told to take
 //     fill 600 edge                 the application asks for so many entries
 //     fail 3; paused 100            so many writes of answers fail; whether the node waited so long behind each
+//     unreadable 1                  so many scans by the nodes fail
+//     lose 2                        so many counter records never arrive, as their bracket tells at its end
+//     called 200                    asks so many times who lives, with turns between: whether fewer signs of life came
 //     silence 3000                  whether a node gave no sign of life for longer since this was asked last
 //     option TEXT; matches PATTERN  whether it is one; which of an entry, a binding and an uplink it matches
 #include "plane/node.hpp"
@@ -35,6 +38,7 @@
 #include <dlfcn.h>
 #include <iterator>
 #include <numeric>
+#include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <sstream>
 #include <tq_loop.h>
@@ -46,6 +50,8 @@ namespace {
 int64_t record_cost_us = 0;
 plx::milliseconds last_sign{0}, longest_silence{0}, last_failure{0}, shortest_pause{0};
 int failures = 0; // of status records, that are to come
+int unreadable = 0;
+size_t to_lose = 0, lost = 0; // counter records; of the bracket
 
 template <typename Func> Func real(const char *name)
 {
@@ -77,6 +83,8 @@ extern "C" int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage
         if (before.count() != 0)
             longest_silence = std::max(longest_silence, last_sign - before);
     }
+    if (record->descriptor == &s_policy__ace_counter__descriptor && to_lose > 0)
+        return --to_lose, ++lost, TQ_MOM_OK;
     if (record->descriptor == &s_policy__ace_psta__descriptor && last_failure.count() != 0)
         shortest_pause = std::min(shortest_pause, plx::now() - last_failure);
     if (record->descriptor == &s_policy__ace_psta__descriptor && failures > 0) {
@@ -86,6 +94,22 @@ extern "C" int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage
     if (record->descriptor == &s_policy__ace_psta__descriptor)
         last_failure = plx::milliseconds(0);
     return next(handle, db, record);
+}
+
+extern "C" int tq_mom_scan_sync(void *handle, uint32_t db, const ProtobufCMessage *selection, uint32_t given,
+                                tq_mom_callback on_record, void *arg)
+{
+    static const auto next = real<decltype(&tq_mom_scan_sync)>("tq_mom_scan_sync");
+    return unreadable > 0 ? --unreadable, TQ_MOM_TIMEOUT : next(handle, db, selection, given, on_record, arg);
+}
+
+// What was lost stood first.
+extern "C" int tq_mom_batch_end(void *handle, int *results, uint32_t count)
+{
+    static const auto next = real<decltype(&tq_mom_batch_end)>("tq_mom_batch_end");
+    const int result = next(handle, results, count);
+    std::fill_n(results, std::exchange(lost, 0), int{TQ_MOM_DISCONNECTED});
+    return result;
 }
 
 namespace plx::plane {
@@ -175,6 +199,7 @@ class NodeSession : public Transcript {
     std::string make(const Words &words);
     std::string time(const Words &words);
     std::string fill(const Words &words);
+    std::string called(const Words &words);
     std::string option(const Words &words);
     std::string matches(const Words &words);
 
@@ -228,7 +253,8 @@ std::string NodeSession::perform(const std::string &line)
         {"reported", &NodeSession::reported}, {"make", &NodeSession::make},     {"option", &NodeSession::option},
         {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
         {"fail", &NodeSession::time},         {"paused", &NodeSession::time},   {"fill", &NodeSession::fill},
-        {"drip", &NodeSession::drip}};
+        {"drip", &NodeSession::drip},         {"lose", &NodeSession::time},     {"called", &NodeSession::called},
+        {"unreadable", &NodeSession::time}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -315,6 +341,10 @@ std::string NodeSession::time(const Words &words)
         shortest_pause = std::chrono::hours(1);
         return {};
     }
+    if (words[0] == "lose")
+        return to_lose = static_cast<size_t>(ms), "";
+    if (words[0] == "unreadable")
+        return unreadable = ms, "";
     if (words[0] == "paused")
         return failures == 0 && shortest_pause >= milliseconds(ms) ? "yes" : "no";
     if (words[0] == "silence")
@@ -397,6 +427,18 @@ std::string NodeSession::drip(const Words &words)
     }
     run_until([&] { return plane.entries() == static_cast<size_t>(count); });
     return plane.batches() - before < static_cast<uint64_t>(count) / 2 ? "gathered" : "one by one";
+}
+
+std::string NodeSession::called(const Words &words)
+{
+    const int before = heartbeats_, count = std::stoi(words[1]);
+    const Record call_record(plx_node__node_call__descriptor);
+    for (int call = 0; call < count; ++call) {
+        EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, call_record.message()));
+        tq_loop_run_once(loop_.get(), 0);
+        tq_loop_run_once(loop_.get(), 0);
+    }
+    return heartbeats_ - before < count / 2 ? "yes" : "no";
 }
 
 std::string NodeSession::mark(const Words &words)
