@@ -22,6 +22,7 @@
 //                                   so does what a simulated plane is told to take
 //     fill 600 edge                 the application asks for so many entries
 //     fail 3; paused 100            so many writes of answers fail; whether the node waited so long behind each
+//     ask 40; answers 16            so many questions about its plane at once; waits until there are so many answers
 //     unreadable 1                  so many scans by the nodes fail
 //     lose 2                        so many counter records never arrive, as their bracket tells at its end
 //     called 200                    asks so many times who lives, with turns between: whether fewer signs of life came
@@ -200,6 +201,7 @@ class NodeSession : public Transcript {
     std::string time(const Words &words);
     std::string fill(const Words &words);
     std::string called(const Words &words);
+    std::string ask(const Words &words);
     std::string option(const Words &words);
     std::string matches(const Words &words);
 
@@ -254,7 +256,7 @@ std::string NodeSession::perform(const std::string &line)
         {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
         {"fail", &NodeSession::time},         {"paused", &NodeSession::time},   {"fill", &NodeSession::fill},
         {"drip", &NodeSession::drip},         {"lose", &NodeSession::time},     {"called", &NodeSession::called},
-        {"unreadable", &NodeSession::time}};
+        {"unreadable", &NodeSession::time},   {"ask", &NodeSession::ask},       {"answers", &NodeSession::until}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -441,6 +443,18 @@ std::string NodeSession::called(const Words &words)
     return heartbeats_ - before < count / 2 ? "yes" : "no";
 }
 
+std::string NodeSession::ask(const Words &words)
+{
+    Record question(plx_node__node_query__descriptor);
+    for (int number = std::stoi(words[1]); number > 0; --number) {
+        question.set_number("nonce", static_cast<uint64_t>(number));
+        EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, question.message()));
+    }
+    for (int turn = 0; turn < 100; ++turn)
+        tq_loop_run_once(loop_.get(), 0);
+    return {};
+}
+
 std::string NodeSession::mark(const Words &words)
 {
     const std::string app = words[1] == "nobody" ? "" : words[1];
@@ -495,6 +509,7 @@ std::string NodeSession::until(const Words &words)
         return verb == "until"     ? heard_.size() >= wanted
                : verb == "counted" ? counters_.size() >= wanted
                : verb == "beats"   ? static_cast<size_t>(heartbeats_) >= wanted
+               : verb == "answers" ? stored({"", verb}).size() == wanted * std::strlen("a node\n")
                                    : places_.begin()->second.plane->entries() == wanted;
     };
     const bool in_time = run_until(reached);
@@ -516,6 +531,7 @@ std::string NodeSession::stored(const Words &words)
 {
     const auto &table = words[1] == "status"     ? s_policy__ace_psta__descriptor
                         : words[1] == "counters" ? s_policy__ace_counter__descriptor
+                        : words[1] == "answers"  ? plx_node__node_answer__descriptor
                                                  : s_policy__service_node__descriptor;
     std::string keys;
     EXPECT_EQ(0, tq_mom_scan_sync(application_.get(), db, Record(table).message(), 0, on_stored, &keys));
