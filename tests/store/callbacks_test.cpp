@@ -139,6 +139,9 @@ TEST_P(store_suite, arguments_that_are_no_records_are_refused)
     EXPECT_EQ(TQ_MOM_INVALID, tq_mom_set_sync(nullptr, 8, ace));
     for (const auto *record : std::initializer_list<const ProtobufCMessage *>{nullptr, &blank.base, &crossed.base})
         EXPECT_EQ(TQ_MOM_INVALID, tq_mom_set_sync(context, 8, record));
+    ace_record big("a", 1, 2);
+    big.set_value(std::string(size_t{16} << 20, 'x'));
+    EXPECT_EQ(TQ_MOM_TOO_BIG, tq_mom_set_sync(context, 8, big));
     EXPECT_EQ(TQ_MOM_INVALID, tq_mom_hmset_sync(context, 8, ace, nullptr, 1));
     EXPECT_EQ(TQ_MOM_INVALID, tq_mom_scan_sync(context, 8, ace, 0, nullptr, nullptr));
     EXPECT_EQ(TQ_MOM_INVALID, tq_mom_subscribe(context, 8, ace, 0, nullptr, nullptr));

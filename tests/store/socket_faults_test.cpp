@@ -10,6 +10,7 @@
 #include <csignal>
 #include <dlfcn.h>
 #include <filesystem>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <numeric>
@@ -37,6 +38,8 @@ struct {
     size_t connections = 0;
     std::map<int, int> options = {}; // of sockets, for all levels
 } fault;
+
+bool names_are_silent = false;
 
 int deaf = 0; // the socket on which nothing arrives; -1: the next that a question for changes is sent on
 
@@ -118,6 +121,19 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept
         now->tv_nsec = clock_ms == 0 ? now->tv_nsec : clock_ms % 1000 * 1'000'000;
     }
     return result;
+}
+
+int gai_suspend(const gaicb *const asked[], int count, const timespec *most)
+{
+    if (!names_are_silent)
+        return call("gai_suspend", gai_suspend, asked, count, most);
+    clock_ms += most->tv_sec * 1000 + most->tv_nsec / 1'000'000;
+    return EAI_AGAIN;
+}
+
+int gai_error(gaicb *asked) noexcept
+{
+    return names_are_silent ? EAI_INPROGRESS : call("gai_error", gai_error, asked);
 }
 
 ssize_t send(int fd, const void *bytes, size_t size, int flags)
@@ -383,6 +399,20 @@ TEST_F(faults, a_waiting_connection_that_is_silent_for_nine_seconds_is_made_anew
     wait_for([&] { return !heard.lines.empty(); });
 }
 
+TEST_F(faults, a_store_that_was_flushed_is_noticed_after_five_seconds_though_nobody_writes)
+{
+    server.start();
+    auto *context = open();
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 1)));
+    hearing heard;
+    subscribe(context, heard, ace_record("a", 0, 0));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace_record("a", 1, 1)));
+    wait_for([&] { return !heard.lines.empty(); });
+    server.run({"FLUSHALL"});
+    skipped += 5;
+    wait_for([&] { return heard.ends_with("29 19"); });
+}
+
 /// Where the clock stands still unless somebody waits.
 class pace : public faults {
   protected:
@@ -473,6 +503,23 @@ TEST_F(pace, of_waiting_for_replicas_is_a_tenth_after_it_was_in_vain)
     EXPECT_EQ("30", wait_sent);
 }
 
+TEST_F(pace, of_looking_a_name_up_is_100_ms_and_the_addresses_found_before_are_taken)
+{
+    const auto port = redis_server::free_port();
+    const lines options = {"--bind", "127.0.0.1", "--port", port};
+    server.start(options);
+    auto *context = open_at("redis://localhost:" + port + "?" + server.credentials("suite"));
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
+    server.crash();
+    server.start(options);
+    clock_ms += 3;
+    names_are_silent = true;
+    const int64_t begin = clock_ms;
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
+    EXPECT_EQ(100, clock_ms - begin);
+    names_are_silent = false;
+}
+
 TEST_F(pace, of_keeping_connections_alive_tells_a_dead_peer_after_ten_seconds)
 {
     const auto port = redis_server::free_port();
@@ -484,6 +531,9 @@ TEST_F(pace, of_keeping_connections_alive_tells_a_dead_peer_after_ten_seconds)
     EXPECT_EQ(1, options[SO_KEEPALIVE]);
     EXPECT_EQ(1, options[-TCP_NODELAY]);
     EXPECT_GT(options[-TCP_KEEPCNT], 1) << "a single lost packet is no death";
+    EXPECT_GT(options[-TCP_USER_TIMEOUT], 1000);
+    EXPECT_LE(options[-TCP_USER_TIMEOUT], 10'000)
+        << "where what was sent is not acknowledged there are no signs of life";
     EXPECT_EQ(10, options[-TCP_KEEPIDLE] + options[-TCP_KEEPINTVL] * options[-TCP_KEEPCNT]);
     EXPECT_EQ(8000, options[-TCP_USER_TIMEOUT]) << "what was sent and is not taken keeps those from asking";
     fault.armed = false;

@@ -2,6 +2,7 @@
 #include "text_verbs.hpp"
 
 #include "mom/key_text.hpp"
+#include "mom/redis_reply.hpp"
 #include "mom/url.hpp"
 #include "mom/wire.hpp"
 #include "record_text.hpp"
@@ -61,5 +62,7 @@ std::string text_verb(const std::string &verb, const std::string &word)
         return mom::holds_only_field(unescaped(word), 6) ? "= yes" : "= no";
     if (verb == "address")
         return parts_of_address(word);
+    if (verb == "error")
+        return "= " + std::to_string(mom::result_of_error(unescaped(word)));
     return verb == "result" ? tq_mom_strerror(std::stoi(word)) : "";
 }
