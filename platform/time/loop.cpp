@@ -217,17 +217,18 @@ bool alive(const tq_thread_master &master)
     return !master.timers.empty() || uv_loop_alive(&master.loop);
 }
 
-// The first loop of a process has libuv open a descriptor for polling and a pipe for signals; without one it aborts.
+// The first loop of a process has libuv open so many descriptors. It aborts without the first ones, and leaves some of
+// them open where others are missing.
 bool enough_descriptors()
 {
-    int spare[3];
+    int spare[6];
     for (int &fd : spare)
         fd = epoll_create1(EPOLL_CLOEXEC);
     const int error = errno;
     for (const int fd : spare)
         close(fd);
     errno = error;
-    return spare[2] >= 0;
+    return spare[5] >= 0;
 }
 
 int milliseconds_since(uint64_t start)

@@ -23,6 +23,7 @@
 #include <map>
 #include <poll.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -290,6 +291,23 @@ void Time::act(const Words &words)
         tell(words);
     else if (enough(words, 1))
         tq_loop_stop(master);
+}
+
+// The first of a process needs the most.
+TEST(Loop, is_refused_where_descriptors_have_run_out)
+{
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    tq_thread_master *loop = nullptr;
+    for (rlim_t most = 0; loop == nullptr && most < before.rlim_cur; ++most) {
+        const rlimit files{most, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &files);
+        loop = tq_loop_new();
+        EXPECT_TRUE(loop != nullptr || errno == EMFILE) << most;
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_NE(nullptr, loop);
+    tq_loop_free(loop);
 }
 
 const bool registered = plx::register_transcripts(PLX_TRANSCRIPTS "/time", [] { return new Time; });
