@@ -142,8 +142,9 @@ int ApplyRun::roll_back()
     if (result != 0)
         return fail_store("nothing was written: store", result);
     nodes_.emplace(context_.get(), options_.db);
+    const auto follow = [&] { return nodes_->follow(policy_.application, [](auto &&...) {}); };
     try {
-        if (result = ask([&] { return nodes_->follow(policy_.application, [](auto &&...) {}); }); result != 0)
+        if (result = ask(follow); result != 0)
             return fail_store("nothing was written: store", result);
         wait_for_life(nodes_->recorded(), milliseconds(0), [this] { return nodes_->alive().size(); });
         if (const int code = put_back(*before, "rolled back"); code != EXIT_DONE)
