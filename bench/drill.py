@@ -100,6 +100,7 @@ DRILLS = [
     ("a node stands still for 4 s", "", lambda drill, apply: paused(drill.nodes[1], 4)),
     ("a node is slow", "", lambda drill, apply: slowed(drill.nodes[1])),
     ("a node is killed and comes back", "", lambda drill, apply: restarted(drill)),
+    ("the store stands still for 3 s", "", lambda drill, apply: paused(drill.server, 3)),
     ("the application stands still, and answers are lost", SMALL_LOG, lambda drill, apply: paused(apply, 4)),
     ("a node stands still, and requests are lost", SMALL_LOG, lambda drill, apply: paused(drill.nodes[1], 4)),
 ]

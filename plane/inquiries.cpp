@@ -15,6 +15,7 @@ constexpr size_t most_parts = 8;
 constexpr size_t entries_in_record = 2048;
 constexpr size_t most_entries = 32 * entries_in_record; // of an answer
 constexpr milliseconds kept{60000};
+constexpr milliseconds pause_after_failure{1000};
 
 bool is(const char *text, const std::string &wanted)
 {
@@ -108,6 +109,7 @@ int32_t Inquiries::on_question(void *, const tq_mom_notification *notification, 
     for (size_t i = 0; i < std::min(asked.n_parts, most_parts); ++i)
         question.parts.insert(asked.parts[i]);
     question.trial = asked.trial != 0;
+    question.heard = now();
     self->answer_timer_.start_unless_pending(milliseconds(0));
     return 0;
 }
@@ -126,10 +128,15 @@ void Inquiries::answer()
         read(question, answers);
     before_writing_();
     const auto count = static_cast<uint32_t>(answers.records.size());
-    for (uint32_t number = 0; number < count; ++number)
-        send(answers.records[number], question.nonce, number, count);
-    if (!questions_.empty())
+    bool sent = true;
+    for (uint32_t number = 0; number < count && sent; ++number)
+        sent = send(answers.records[number], question.nonce, number, count);
+    if (!sent && now() < question.heard + kept) {
+        questions_.push_front(question);
+        answer_timer_.start(pause_after_failure);
+    } else if (!questions_.empty()) {
         answer_timer_.start(milliseconds(0));
+    }
 }
 
 void Inquiries::try_out(const Question &question, Answers &answers)
@@ -166,7 +173,7 @@ void Inquiries::read(const Question &question, Answers &answers)
             add(key, standing);
 }
 
-void Inquiries::send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records)
+bool Inquiries::send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records)
 {
     PlxNode__NodeAnswerIndex index = PLX_NODE__NODE_ANSWER_INDEX__INIT;
     index.nonce = nonce;
@@ -176,9 +183,11 @@ void Inquiries::send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t r
     answer.record.records = records;
     answer.sums.put(answer.record.n_sums, answer.record.sums);
     answer.entries.put(answer.record.n_entries, answer.record.entries);
-    if (tq_mom_set_sync(context_, db_, &answer.record.base) == 0)
+    const bool sent = tq_mom_set_sync(context_, db_, &answer.record.base) == 0;
+    if (sent)
         answered_.push_back({nonce, number, now() + kept});
     forget_timer_.start_unless_pending(kept);
+    return sent;
 }
 
 void Inquiries::remove(uint64_t nonce, uint32_t number)

@@ -1,7 +1,7 @@
 // Questions about what is in a node's plane: it is read for each, so that the answer holds whatever the node believes.
 //
 // A question and its answer are bounded: sums over 256 parts, or the entries of a few parts. Answers are the asker's to
-// delete; what is left after a minute goes.
+// delete; what is left after a minute goes. An answer that the store does not take is made anew, for as long.
 #pragma once
 
 #include "plane/plane.hpp"
@@ -35,6 +35,7 @@ class Inquiries {
         std::string app;
         std::set<uint32_t> parts;
         bool trial = false;
+        milliseconds heard{0};
     };
     struct Answered {
         uint64_t nonce;
@@ -49,7 +50,7 @@ class Inquiries {
     void answer();
     void read(const Question &question, Answers &answers);
     void try_out(const Question &question, Answers &answers);
-    void send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records);
+    bool send(Answer &answer, uint64_t nonce, uint32_t number, uint32_t records);
     void remove(uint64_t nonce, uint32_t number);
     void forget();
 
