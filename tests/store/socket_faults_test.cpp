@@ -369,8 +369,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(client_life, goes_on_wherever_a_socket_call_goes_wrong_once)
 {
-    // Over TLS each connection takes ten times as long to make, and with sanitizers everything does; CI has the time for
-    // every call and byte.
+    // Over TLS each connection takes ten times as long to make, and with sanitizers everything does. CI has the
+    // time for every call and byte.
     const size_t stride = getenv("CI") != nullptr ? 1 : 3;
 #ifdef PLX_UNDER_SANITIZER
     const size_t calls = 5;
