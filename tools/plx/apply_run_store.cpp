@@ -42,7 +42,8 @@ int ApplyRun::connect()
     }
 }
 
-// A store that stood still for longer than a call waits has perhaps not gone away: it is asked once more when it answers.
+// A store that stood still for longer than a call waits has perhaps not gone away: it is asked once more when it
+// answers.
 int ApplyRun::ask(const std::function<int()> &question)
 {
     const int result = question();
