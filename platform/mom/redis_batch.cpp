@@ -30,7 +30,7 @@ void command_batch::close()
         added.steps = open_.steps();
     } else {
         added.start = commands_.bytes().size();
-        open_.build_call(commands_, scripts_, writer_.name, table.alone);
+        open_.build_call(commands_, scripts_, writer_.name, table.alone());
         added.size = commands_.bytes().size() - added.start;
     }
     added.number = ++table.latest;
@@ -46,7 +46,7 @@ void command_batch::make_room()
         return;
     if (item &last = items_.back(); last.steps > 0) {
         last.start = calls_.bytes().size();
-        open_.build_call(calls_, scripts_, writer_.name, last.table.alone);
+        open_.build_call(calls_, scripts_, writer_.name, last.table.alone());
         last.size = calls_.bytes().size() - last.start;
     }
     open_.clear();
@@ -157,7 +157,7 @@ bool command_batch::take_number(const item &each, reply_view entry)
     if (!parse_log_id(entry.text(), each.table.latest))
         return true;
     each.table.own = each.table.latest;
-    each.table.alone = each.table.latest == each.number;
+    each.table.in_a_row = each.table.latest == each.number ? std::min(each.table.in_a_row, enough_in_a_row - 1) + 1 : 0;
     return each.table.latest >= each.number;
 }
 

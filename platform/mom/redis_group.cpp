@@ -36,7 +36,7 @@ void write_group::add(redis_table &table, write_mode mode, bool complete, std::s
 {
     if (records_++ == 0)
         foreseen_ =
-            table.requested() ? complete || mode == write_mode::replace : table.alone && mode == write_mode::replace;
+            table.requested() ? complete || mode == write_mode::replace : table.alone() && mode == write_mode::replace;
     table_ = &table;
     mode_ = mode;
     complete_ = complete;

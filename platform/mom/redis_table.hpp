@@ -25,6 +25,7 @@ constexpr uint64_t changes_per_trim(uint64_t limit)
 /// What writers of this release may put into a table's log, and readers understand: 1 (or none named), one change an
 /// entry; 2, groups.
 constexpr unsigned table_format = 2;
+constexpr unsigned enough_in_a_row = 512; // changes of one's own, to count as the only writer of a table
 /// TQ_MOM_OK, or TQ_MOM_NEWER_FORMAT for what the metadata's field says.
 [[nodiscard]] int check_format(std::string_view field);
 
@@ -62,6 +63,8 @@ struct redis_table {
         latest_entries = std::exchange(untrimmed_entries, 0);
         return true;
     }
+    /// Whether nobody else writes to it, by what came of late. Several that write in turns have their luck now and then.
+    bool alone() const { return in_a_row >= enough_in_a_row; }
     /// Takes over an answer of the metadata's fields `gen` and `fields`.
     void take_meta(reply_view answer);
     /// Whether the metadata lists all these fields.
@@ -75,7 +78,7 @@ struct redis_table {
     uint64_t latest = 0;                               ///< number that one's own latest change has, or is likely to get
     uint64_t own = 0;                                  ///< number of one's own latest change that was acknowledged,
     uint64_t own_found = 0;                            ///< which was looked for in this era of calls
-    bool alone = true;                                 ///< nobody else has written to it of late
+    unsigned in_a_row = enough_in_a_row;               ///< of one's own changes, nobody else's being between
     uint64_t untrimmed = changes_per_trim(UINT64_MAX); ///< changes of one's own since the log was trimmed,
     uint64_t untrimmed_entries = untrimmed;            ///< and in how many entries; and in the stretch before
     size_t latest_changes = 1;
