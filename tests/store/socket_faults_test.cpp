@@ -22,6 +22,7 @@ bool peers_are_abroad = false;
 int64_t clock_ms = 0;
 std::string wait_sent;  // how long the last WAIT is to last
 int64_t wait_takes = 0; // by this clock
+int64_t thin = 0;       // how long 1000 bytes take to come
 
 namespace {
 
@@ -150,14 +151,17 @@ ssize_t send(int fd, const void *bytes, size_t size, int flags)
 
 ssize_t recv(int fd, void *bytes, size_t size, int flags)
 {
-    if (fd == deaf)
+    static bool nothing_yet = false;
+    if (fd == deaf || (thin != 0 && (nothing_yet = !nothing_yet)))
         return errno = EAGAIN, -1;
+    size = thin != 0 ? std::min<size_t>(size, 1000) : size;
     const bool counted = fault.armed && fault.kind == end_of_stream && (flags & MSG_PEEK) == 0;
     if (counted && fault.seen + 1 == fault.turn && strikes("recv"))
         return shutdown(fd, SHUT_RDWR);
     size = counted && fault.seen < fault.turn ? std::min(size, fault.turn - fault.seen - 1) : size;
     const ssize_t moved = call("recv", recv, fd, bytes, allowed("recv", size), flags);
     fault.seen += counted && moved > 0 ? static_cast<size_t>(moved) : 0;
+    clock_ms += moved > 0 ? thin : 0;
     return moved;
 }
 
@@ -473,6 +477,21 @@ TEST_F(pace, of_calls_is_that_of_the_address)
             server.signal(SIGCONT);
             clock_ms += 5000;
         }
+    }
+}
+
+TEST_F(pace, of_an_answer_that_goes_on_coming_is_ten_times_as_long)
+{
+    server.start();
+    auto *context = open("spin=0&timeout=1000");
+    for (const auto &[size, result] : {std::pair(30'000, TQ_MOM_OK), std::pair(60'000, TQ_MOM_TIMEOUT)}) {
+        ace_record ace("a", 1, 1);
+        ace.set_value(std::string(static_cast<size_t>(size), 'x'));
+        EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
+        thin = 300;
+        requests found;
+        EXPECT_EQ(result, find_stored(context, 8, found)) << size;
+        thin = 0;
     }
 }
 
