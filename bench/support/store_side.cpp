@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <numeric>
 #include <plx/s_policy.pb-c.h>
 #include <span>
 #include <string_view>
@@ -210,16 +211,26 @@ void raw_client::adopt(const redis_server &server)
     freeReplyObject(reply);
 }
 
+static std::string raw_key(uint64_t sn)
+{
+    return "security_app,a1," + std::to_string(sn);
+}
+
+void raw_client::append(const std::vector<std::string> &command, const std::vector<std::string> &more)
+{
+    std::vector<const char *> words;
+    std::vector<size_t> sizes;
+    for (const auto *part : {&command, &more})
+        for (const std::string &word : *part) {
+            words.push_back(word.data());
+            sizes.push_back(word.size());
+        }
+    redisAppendCommandArgv(context_.get(), static_cast<int>(words.size()), words.data(), sizes.data());
+}
+
 void raw_client::append(const char *prefix, uint64_t sn)
 {
-    const std::string key = std::string(prefix) + ":security_app,a1," + std::to_string(sn);
-    std::vector<const char *> words = {"HMSET", key.c_str()};
-    std::vector<size_t> sizes = {5, key.size()};
-    for (const std::string &word : fields_) {
-        words.push_back(word.data());
-        sizes.push_back(word.size());
-    }
-    redisAppendCommandArgv(context_.get(), static_cast<int>(words.size()), words.data(), sizes.data());
+    append({"HMSET", std::string(prefix) + ':' + raw_key(sn)}, fields_);
 }
 
 void raw_client::take(size_t answers)
@@ -235,6 +246,21 @@ void raw_client::write(const char *prefix, uint64_t sn)
 {
     append(prefix, sn);
     take(1);
+}
+
+void raw_client::write_group(const char *prefix, uint64_t first, uint64_t end)
+{
+    const std::string bytes = std::accumulate(fields_.begin(), fields_.end(), std::string());
+    std::vector<std::string> index = {"ZADD", prefix + std::string("/index")};
+    std::vector<std::string> log = {"XADD", prefix + std::string("/log"), "MAXLEN", "~", "100000", "*"};
+    for (uint64_t sn = first; sn < end; ++sn) {
+        append(prefix, sn);
+        index.insert(index.end(), {"0", raw_key(sn)});
+        log.insert(log.end(), {raw_key(sn), bytes});
+    }
+    append(index, {});
+    append(log, {});
+    take(end - first + 2);
 }
 
 void raw_client::fill(const char *prefix, uint64_t count)

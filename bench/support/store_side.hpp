@@ -101,6 +101,8 @@ class raw_client {
     // Reads ACE 0 of an application from a server: what every write writes.
     void adopt(const redis_server &server);
     void write(const char *prefix, uint64_t sn); // one round trip
+    // Also their members of an index, and one entry of a log for all: at one go, with nothing that makes it safe.
+    void write_group(const char *prefix, uint64_t first, uint64_t end);
     void fill(const char *prefix, uint64_t count);
     // SCAN COUNT 1000 over all keys, and pipelined HGETALLs of those with this prefix. How many there were.
     uint64_t scan(const char *prefix);
@@ -109,6 +111,7 @@ class raw_client {
     void lose_changes();
 
   private:
+    void append(const std::vector<std::string> &command, const std::vector<std::string> &more);
     void append(const char *prefix, uint64_t sn);
     void take(size_t answers);
 
