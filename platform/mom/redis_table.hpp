@@ -63,7 +63,7 @@ struct redis_table {
         latest_entries = std::exchange(untrimmed_entries, 0);
         return true;
     }
-    /// Whether nobody else writes to it, by what came of late. Several that write in turns have their luck now and then.
+    /// Whether nobody else writes to it, by what came of late. Of several each has its luck now and then.
     bool alone() const { return in_a_row >= enough_in_a_row; }
     /// Takes over an answer of the metadata's fields `gen` and `fields`.
     void take_meta(reply_view answer);
