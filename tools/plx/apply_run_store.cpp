@@ -5,6 +5,7 @@
 #include "output.hpp"
 #include "record_options.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <tq_mom.h>
 
@@ -116,7 +117,12 @@ int ApplyRun::put_back(uint32_t slot, const std::string &why)
     if (result != 0)
         return fail_store("nothing was changed: the copy of the policy before: store", result);
     holding_ = true;
-    result = ask([&] { return policies_->put_back(slot, changes); });
+    result = ask([&] { // what the first attempt did is no change for the second
+        size_t made = 0;
+        const int put = policies_->put_back(slot, made);
+        changes = std::max(changes, made);
+        return put;
+    });
     result = result != 0 ? result : ask([&] { return policies_->release(); });
     if (result != 0)
         return fail_store(
