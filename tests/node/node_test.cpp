@@ -23,6 +23,7 @@
 //     fill 600 edge                 the application asks for so many entries
 //     fail 3; paused 100            so many writes of answers fail; whether the node waited so long behind each
 //     ask 40; answers 16            so many questions about its plane at once; waits until there are so many answers
+//     unsent 1                      so many answers to questions are not taken
 //     unreadable 1                  so many scans by the nodes fail
 //     lose 2                        so many counter records never arrive, as their bracket tells at its end
 //     called 200                    asks so many times who lives, with turns between: whether fewer signs of life came
@@ -51,7 +52,7 @@ namespace {
 int64_t record_cost_us = 0;
 plx::milliseconds last_sign{0}, longest_silence{0}, last_failure{0}, shortest_pause{0};
 int failures = 0; // of status records, that are to come
-int unreadable = 0;
+int unreadable = 0, unsent = 0;
 size_t to_lose = 0, lost = 0; // counter records; of the bracket
 
 template <typename Func> Func real(const char *name)
@@ -84,6 +85,8 @@ extern "C" int tq_mom_set_sync(void *handle, uint32_t db, const ProtobufCMessage
         if (before.count() != 0)
             longest_silence = std::max(longest_silence, last_sign - before);
     }
+    if (record->descriptor == &plx_node__node_answer__descriptor && unsent > 0)
+        return --unsent, TQ_MOM_TIMEOUT;
     if (record->descriptor == &s_policy__ace_counter__descriptor && to_lose > 0)
         return --to_lose, ++lost, TQ_MOM_OK;
     if (record->descriptor == &s_policy__ace_psta__descriptor && last_failure.count() != 0)
@@ -256,7 +259,8 @@ std::string NodeSession::perform(const std::string &line)
         {"matches", &NodeSession::matches},   {"cost", &NodeSession::time},     {"silence", &NodeSession::time},
         {"fail", &NodeSession::time},         {"paused", &NodeSession::time},   {"fill", &NodeSession::fill},
         {"drip", &NodeSession::drip},         {"lose", &NodeSession::time},     {"called", &NodeSession::called},
-        {"unreadable", &NodeSession::time},   {"ask", &NodeSession::ask},       {"answers", &NodeSession::until}};
+        {"unreadable", &NodeSession::time},   {"ask", &NodeSession::ask},       {"answers", &NodeSession::until},
+        {"unsent", &NodeSession::time}};
     std::istringstream stream(line);
     Words words{std::istream_iterator<std::string>(stream), {}};
     const auto verb = verbs.find(words.at(0));
@@ -345,6 +349,8 @@ std::string NodeSession::time(const Words &words)
     }
     if (words[0] == "lose")
         return to_lose = static_cast<size_t>(ms), "";
+    if (words[0] == "unsent")
+        return unsent = ms, "";
     if (words[0] == "unreadable")
         return unreadable = ms, "";
     if (words[0] == "paused")
