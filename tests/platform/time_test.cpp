@@ -6,7 +6,8 @@
 //     again; unwatch NAME; events NAME r; read NAME; wake NAME [of MOST]; cancel NAME|this|none
 //     handle NAME; flags NAME; timeout            what is there
 //     stop [N], unwatch NAME [N]                  only once so many callbacks have run
-//     run [SECONDS]; once MS; nested N            run until stopped, which takes so long; poll(2) around the loop
+//     run [MS]; once MS; nested N                 run until stopped, so long after the last timer was inserted;
+//                                                 poll(2) around the loop
 //     ahead MS                                    the loop's clock passes over a time in which the process stood still
 //     busy                                        the next timer of libuv starts when its time is already over
 //     free; refusals                              another loop instead; what cannot be done
@@ -114,6 +115,7 @@ class Time : public plx::Transcript {
     tq_thread_master *master = tq_loop_new();
     std::string heard;
     int ran = 0; // callbacks
+    uint64_t inserted_ms = 0;
     std::list<Timer> timers;
     std::map<std::string, tq_thread *> handles;
     std::map<std::string, Watch> watches;
@@ -152,6 +154,7 @@ void Time::act_all(const std::string &actions)
 
 int Time::insert(Timer &timer)
 {
+    inserted_ms = clock_ms();
     return tq_thread_insert_timer_timeval(master, &handles[timer.handle], fire, &timer, &timer.interval, "test");
 }
 
@@ -203,7 +206,6 @@ void Time::open(const std::string &name, const std::string &events, const std::s
 
 void Time::run(const Words &words)
 {
-    const uint64_t begin = clock_ms();
     int result = 0;
     if (words[0] == "nested")
         for (int round = 0; !enough(words, 1) && round < 100 && result == 0; ++round) {
@@ -214,7 +216,7 @@ void Time::run(const Words &words)
     else
         result = words[0] == "run" ? tq_loop_run(master) : tq_loop_run_once(master, std::stoi(words[1]));
     machine_is_busy = false;
-    if (words[0] == "run" && words.size() > 1 && clock_ms() - begin < std::stoul(words[1]))
+    if (words[0] == "run" && words.size() > 1 && clock_ms() - inserted_ms < std::stoul(words[1]))
         say("too soon");
     if (result != 0)
         say(result == ENOENT ? "and nothing is left" : strerror(result));
