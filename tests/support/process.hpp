@@ -50,7 +50,7 @@ class Process {
 
     // Waits until something is so, looking whenever a file of `directory` changes (of its outputs when none is given).
     // False when it does not become so in time or before the process ends.
-    bool wait_for(const std::function<bool()> &done, int seconds = 20, const std::string &directory = "");
+    bool wait_for(const std::function<bool()> &done, int seconds = 60, const std::string &directory = "");
     // Waits for a text on its standard error.
     bool says(const std::string &text);
 

@@ -88,7 +88,7 @@ std::string Session::perform(const std::string &line)
         process.signal(std::stoi(rest));
     if (verb != "end")
         return {};
-    const bool ended = process.wait_for([&] { return !process.running(); }, 15);
+    const bool ended = process.wait_for([&] { return !process.running(); });
     return (ended ? "" : "it still runs\n") + shown({ended ? process.wait() : 0, process.out(), process.err()});
 }
 
