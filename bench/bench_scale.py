@@ -1,25 +1,33 @@
 #!/usr/bin/env python3
 """bench_scale: a policy of many entries on its way: the tool, a Redis server, and service nodes.
 
-    bench_scale [--entries N[,N...]] [--nodes N] [--applications N] [--durable]
+    bench_scale [--entries N[,N...]] [--nodes N[,N...]] [--applications N] [--durable]
 
 The server keeps nothing on disk but with --durable: then every write is there before it is acknowledged, as with the
 configuration that is shipped. Times are CPU time of whole processes, memory is resident memory, both for each entry.
 10,000 and 100,000 entries when not told otherwise; a million takes minutes. What writing takes is compared with what the
 same server and a client without this library (raw_writer) take in the same run for as many hashes, members of an index and
-entries of a log of the same bytes, in a pipeline. With --applications so many processes write at once, each an application
-of its own. Fails when a goal is missed by more than its margin.
+entries of a log of the same bytes, in a pipeline. With several numbers of nodes it is compared, too, what each node beyond
+those of the first number adds to the server's part. With --applications so many processes write at once, each an
+application of its own. Fails when a goal is missed by more than its margin.
 """
+import json
 import os
 import subprocess
 import sys
 import time
+from typing import NamedTuple
 
 from stage import BIN, PLX, Goals, Stage, cpu, memory, option
 
 
 # All processes and every answer were to take 25 us on the machine on which hash, index and log alone took 6.7 us.
 OVER_RAW = 25 / 6.7
+# The server's part was to grow by 4 us with each node there.
+NODE_OVER_RAW = 4 / 6.7
+# Ms by the server's clock that 999 of 1000 steps may take while many entries go. The clock runs on where another process has
+# the CPU, so that the longest one of all says more of the machine.
+LONGEST_STEP = 10
 
 
 def policy(path, entries, application="scale"):
@@ -55,9 +63,29 @@ class Place(Stage):
                                      "node" + number, "ready"))
         return self.nodes[-1]
 
+    def ask_server(self, *command):
+        return subprocess.run(["redis-cli", "-s", self.path("s"), *command], capture_output=True, errors="replace",
+                              check=True).stdout
+
     def connections(self):
-        shown = subprocess.run(["redis-cli", "-s", self.path("s"), "INFO", "clients"], capture_output=True, text=True, check=True)
-        return int(shown.stdout.split("connected_clients:")[1].split()[0])
+        return int(self.ask_server("INFO", "clients").split("connected_clients:")[1].split()[0])
+
+    def sweep(self):
+        """Until ten entries are in the place of all: seconds by the clock, ms that 999 of 1000 of the server's scripts took
+        at most, and the longest command with its ms, where any took one."""
+        few = self.path("few.yaml")
+        policy(few, 10)
+        self.ask_server("CONFIG", "SET", "slowlog-log-slower-than", "1000", "slowlog-max-len", "100000")
+        self.ask_server("SLOWLOG", "RESET")
+        self.ask_server("CONFIG", "RESETSTAT")
+        begin = time.monotonic()
+        subprocess.run([PLX, "apply", "--store", self.address, "--nodes", str(len(self.nodes)), few],
+                       stdout=subprocess.DEVNULL, check=True)
+        took = time.monotonic() - begin
+        times = self.ask_server("INFO", "latencystats").split("latency_percentiles_usec_evalsha:")[1]
+        logged = json.loads(self.ask_server("--json", "SLOWLOG", "GET", "-1"))
+        longest = max(logged, key=lambda entry: entry[2], default=[0, 0, 0, ["none"]])
+        return took, float(times.split("p99.9=")[1].split()[0]) / 1000, longest[3][0].lower(), longest[2] / 1000
 
     def settle(self):
         """Until server and nodes have done what they do a while after a start."""
@@ -114,6 +142,13 @@ class Place(Stage):
         return [each[0], each[1], sum(each[2:])]
 
 
+class Written(NamedTuple):
+    """Us for each entry: of all processes, of the server, of hash, index and log alone."""
+    together: float
+    server: float
+    raw: float
+
+
 def cpu_rows(goals, what, used, goal=None):
     for who, time_used in zip(("application", "server", "nodes"), used):
         goals.row(f"{what}: {who}", time_used, "us")
@@ -138,7 +173,7 @@ def rows(goals, place, entries, nodes):
     used, application, seconds = place.apply()
     cpu_rows(goals, "written anew", used)
     goals.row("written anew, by the clock", seconds, "s")
-    written = sum(used)
+    written, server = sum(used), used[1]
     goals.row("memory of the server, an entry", (memory(place.server) - place.before[0]) / entries, "bytes")
     goals.row("memory of a node, an entry", (memory(place.nodes[0]) - place.before[1]) / entries, "bytes")
     goals.row("memory of the application, an entry, at most", application / entries, "bytes")
@@ -156,7 +191,11 @@ def rows(goals, place, entries, nodes):
     raw = place.write_raw()
     goals.row("hash, index and log alone: together", raw, "us")
     goals.row("written anew to that", written / raw, "times", OVER_RAW if entries == 100_000 and nodes == 1 else None)
-    return written
+    took, step, command, longest = place.sweep()
+    goals.row("ten entries in their place, by the clock", took, "s")
+    goals.row("meanwhile: 999 of 1000 steps of the server", step, "ms", LONGEST_STEP)
+    goals.row(f"meanwhile: its longest command, {command}", longest, "ms")
+    return Written(written, server, raw)
 
 
 def fleet_rows(goals, place):
@@ -172,6 +211,15 @@ def fleet_rows(goals, place):
     goals.row("idle: a node itself", 1e3 * sum(spent[1:]) / 20 / nodes, "1/1000 of a CPU")
 
 
+def grown_rows(goals, sizes, fleets, written):
+    """What a node more costs the server: the raw limit is that of both runs, as the machine was in them."""
+    for size in sizes:
+        few, many = written[size, fleets[0]], written[size, fleets[-1]]
+        grown = (many.server - few.server) / (fleets[-1] - fleets[0])
+        goals.row(f"{size} entries: server's part, each node more", grown, "us")
+        goals.row("that to hash, index and log alone", 2 * grown / (few.raw + many.raw), "times", NODE_OVER_RAW)
+
+
 def main():
     goals = Goals()
     applications = int(option("--applications", "0"))
@@ -181,9 +229,13 @@ def main():
             cpu_rows(goals, f"{applications} applications at once", place.apply_at_once(applications))
         return 0
     sizes = [int(size) for size in option("--entries", "10000,100000").split(",")]
-    written = [measure(goals, size, int(option("--nodes", "1"))) for size in sizes]
-    if len(written) > 1:
-        goals.row("an entry of the largest to one of the smallest", written[-1] / written[0], "times", 1.2)
+    fleets = [int(nodes) for nodes in option("--nodes", "1").split(",")]
+    written = {(size, nodes): measure(goals, size, nodes) for size in sizes for nodes in fleets}
+    if len(sizes) > 1:
+        ends = [written[size, fleets[0]].together for size in (sizes[0], sizes[-1])]
+        goals.row("an entry of the largest to one of the smallest", ends[1] / ends[0], "times", 1.2)
+    if len(fleets) > 1:
+        grown_rows(goals, sizes, fleets, written)
     return 1 if goals.missed else 0
 
 
