@@ -14,7 +14,7 @@ SCRIPTS = "platform/mom/redis_scripts.cpp"
 # The server compares in this order, at every command: the busiest stand first.
 REQUESTED = ["ace", "apply", "acl", "port_off", "port_bindinfo", "uplink", "svi_router"]
 MARKERS = ["app_commit", "acl_refresh", "topic", "node_call", "node_query", "apply_lock", "policy_copy",
-           "policy_kept"]
+           "policy_kept", "policy_file"]
 STATUS = [name + "_psta" for name in REQUESTED if name != "acl"]
 OF_NODES = ["ace_counter", "service_node", "node_report"]
 ANSWERS = ["node_answer"]  # written by nodes, deleted by who asked

@@ -327,14 +327,12 @@ void Application::withhold()
             ledger_.put_back(row);
 }
 
-// What a node says that it has when it has all of the policy.
-Digest Application::digest() const
+void Application::keep(const PolicySum &there)
 {
-    Digest digest;
-    for_each_record(policy_, [&digest](const Key &key, const Requested &wanted) {
-        digest.add(digest_of(key), wanted.fingerprint());
-    });
-    return digest;
+    kept_ = there;
+    ledger_ = Ledger(there.all().count, {});
+    for (size_t row = 0; row < ledger_.size(); ++row)
+        ledger_.end(row, Outcome::unchanged, "");
 }
 
 // ---- what the library is told ---------------------------------------------------------------------------------------

@@ -7,7 +7,8 @@
 #include "ledger.hpp"
 #include "nodes/node_watch.hpp"
 #include "policy.hpp"
-#include "records/digest.hpp"
+#include "policy_store.hpp"
+#include "policy_sum.hpp"
 #include <functional>
 #include <map>
 #include <optional>
@@ -86,8 +87,11 @@ class Application {
     void withhold();
     // Ends what waits, and says whose answers are missing.
     void time_out();
-    // What a node has that has programmed all of the policy.
-    Digest digest() const;
+    // Over what the policy asks for.
+    PolicySum sum() const { return kept_ ? *kept_ : PolicySum(policy_); }
+    // The store was found to have all that is asked for, which adds up to that: there is nothing to write, and the
+    // policy need not be known.
+    void keep(const PolicySum &there);
 
     Ledger &ledger() { return ledger_; }
 
@@ -124,7 +128,6 @@ class Application {
     template <typename Message>
     int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &),
                 const Take &take);
-    bool rewritten_before() const;
     void differs(size_t row, bool same);
     void know_unchanged();
     uint64_t store_failures() const;
@@ -176,6 +179,7 @@ class Application {
     int not_removed_ = 0; // the store's code where one of the deletions failed
     Changes changes_;
     Excess excess_;
+    std::optional<PolicySum> kept_;
     bool whole_ = false; // what the store has already is written, too
 };
 

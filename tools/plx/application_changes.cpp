@@ -34,16 +34,6 @@ fp_udp_acl_info acl_of(const std::string &application, uint32_t id)
 
 } // namespace
 
-// What nodes hold of a history that is lost they hold until a rewrite has ended in this one. What cannot be asked is
-// left as it is.
-bool Application::rewritten_before() const
-{
-    Record selection(s_policy__ace__descriptor);
-    selection.set_key_text(0, policy_.application.c_str());
-    tq_mom_history history{};
-    return tq_mom_history_sync(context_, db_, selection.message(), 1, &history) != 0 || history.rewritten != 0;
-}
-
 void Application::differs(size_t row, bool same)
 {
     if (same && !whole_)
@@ -187,7 +177,7 @@ void Application::remove_excess(const std::function<void()> &breathe)
 // Nobody has ended a rewrite in the store's history: then this is one.
 int Application::compare(const Take &take)
 {
-    whole_ = !rewritten_before();
+    whole_ = !rewritten_before(context_, db_, policy_.application);
     for (size_t row = 0; row < ledger_.size(); ++row) // of a comparison that was not finished
         ledger_.put_back(row);
     changes_ = {};

@@ -25,9 +25,9 @@ constexpr milliseconds untold_wait{1000};
 int ApplyRun::run()
 {
     policy_.application = options_.rollback_app;
-    if (!options_.rollback && !(options_.plan.empty() ? read(policy_) : read_plan()))
+    if (!options_.rollback && !know_file() && !(options_.plan.empty() ? read(policy_) : read_plan()))
         return EXIT_BAD_FILE;
-    loop_.reset(tq_loop_new());
+    make_context();
     if (loop_ != nullptr)
         stop_.emplace(loop_.get());
     try {
@@ -37,12 +37,16 @@ int ApplyRun::run()
             return dry_run();
         if (const int code = prepare(); code != EXIT_DONE)
             return code;
+        if (const int code = compare_known(); code != EXIT_DONE)
+            return code;
     } catch (const Interrupted &) {
         return fail(stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED, "interrupted; nothing was written");
     }
     if (options_.rollback)
         return roll_back();
     Application application(context_.get(), options_.db, policy_);
+    if (known_)
+        application.keep(sum_);
     try {
         return apply(application);
     } catch (const Interrupted &) {
@@ -105,6 +109,8 @@ int ApplyRun::apply(Application &application)
     const int result = options_.atomic ? write_held(application) : write(application);
     if (!undone_)
         wait_for_outcomes(application);
+    if (!undone_)
+        keep_file(application);
     return report(application, result);
 }
 
@@ -371,7 +377,8 @@ void ApplyRun::wait_for_outcomes(Application &application)
     }
     application.time_out();
     progress_.clear();
-    Digest wanted = application.digest();
+    sum_ = application.sum();
+    Digest wanted = sum_.on_nodes();
     const bool all = ledger.count(Outcome::failed) + ledger.count(Outcome::aged) + ledger.count(Outcome::timed_out) +
                          ledger.count(Outcome::unwritten) ==
                      0;

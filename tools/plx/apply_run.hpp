@@ -26,12 +26,16 @@ class ApplyRun {
     struct Interrupted {};
 
     int prepare();
+    bool know_file();
+    int compare_known();
+    void keep_file(const Application &application);
     int apply(Application &application);
     bool read(Policy &policy);
     bool read_plan();
     int check_plan();
     int dry_run();
     static bool may_pass(int result);
+    bool make_context();
     int open_store();
     int connect();
     int ask(const std::function<int()> &question);
@@ -63,7 +67,9 @@ class ApplyRun {
 
     const ApplyOptions &options_;
     Policy policy_;
-    uint64_t planned_from_ = 0; // the state of the store
+    uint64_t planned_from_ = 0;      // the state of the store
+    std::optional<KnownFile> known_; // the policy's, which was not read
+    PolicySum sum_;                  // over what is asked for
     Loop loop_;
     Context context_;
     std::optional<StopOnSignal> stop_;

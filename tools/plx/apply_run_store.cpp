@@ -17,11 +17,18 @@ bool ApplyRun::may_pass(int result)
     return result == TQ_MOM_DISCONNECTED || result == TQ_MOM_TIMEOUT || result == TQ_MOM_LOADING;
 }
 
+bool ApplyRun::make_context()
+{
+    if (loop_ == nullptr)
+        loop_.reset(tq_loop_new());
+    if (loop_ != nullptr && context_ == nullptr)
+        context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
+    return context_ != nullptr;
+}
+
 int ApplyRun::open_store()
 {
-    if (loop_ != nullptr)
-        context_.reset(tq_context_new_on(options_.store.c_str(), loop_.get()));
-    if (context_ == nullptr)
+    if (!make_context())
         return tell_no_context(options_.store);
     const int result = connect();
     return result == 0 ? EXIT_DONE : fail_store("store " + shown_address(options_.store), result);
@@ -49,6 +56,48 @@ int ApplyRun::ask(const std::function<int()> &question)
 {
     const int result = question();
     return result == TQ_MOM_TIMEOUT && connect() == 0 ? question() : result;
+}
+
+// Whether the store knows what the file asks for, which is then not read, as that takes longer than all the rest of
+// finding that nothing has changed. A store that is not there is waited for later.
+bool ApplyRun::know_file()
+{
+    if (!options_.changes_only || options_.atomic || options_.dry_run || options_.embedded())
+        return false;
+    const auto file = digest_of_file(options_.file);
+    if (!file || !make_context() || tq_mom_client_connect_sync(context_.get(), options_.db) != 0 ||
+        find_file(context_.get(), options_.db, *file, known_) != 0 || !known_)
+        return false;
+    policy_.application = known_->application;
+    return true;
+}
+
+// Where the store has not what the file asks for, it is read all the same.
+int ApplyRun::compare_known()
+{
+    if (!known_)
+        return EXIT_DONE;
+    const int result = ask([&] {
+        sum_ = {};
+        return policies_->sum(sum_);
+    });
+    if (result != 0)
+        return fail_store("nothing was written: what is there cannot be read: store", result);
+    if (sum_.all() == known_->sum && rewritten_before(context_.get(), options_.db, known_->application))
+        return EXIT_DONE;
+    const std::string locked = known_->application;
+    known_.reset();
+    if (!read(policy_))
+        return EXIT_BAD_FILE;
+    return policy_.application == locked ? EXIT_DONE
+                                         : fail(EXIT_BAD_FILE, "nothing was written: the file has changed meanwhile");
+}
+
+// Without it the file is read the next time.
+void ApplyRun::keep_file(const Application &application)
+{
+    if (policy_.file && !options_.embedded() && !application.store_lost())
+        (void)tool::keep_file(context_.get(), options_.db, {*policy_.file, policy_.application, sum_.all()});
 }
 
 int ApplyRun::take_lock()
@@ -88,6 +137,8 @@ int ApplyRun::take_back_what_was_left()
 // The copy is what a hold keeps nodes to, and what --rollback goes back to. What differs is found on the same walk.
 int ApplyRun::keep_policy(Application &application)
 {
+    if (known_)
+        return EXIT_DONE; // there is nothing to change
     const size_t most = options_.atomic ? SIZE_MAX : PolicyStore::most_kept;
     PolicyStore::Copy there(most);
     const bool kept = !options_.embedded() || options_.atomic;

@@ -232,7 +232,12 @@ std::optional<Policy> read_policy(const std::string &path, Errors &errors)
         errors.add({}, file_error("cannot be opened"));
         return std::nullopt;
     }
-    return read_policy(file, path.substr(0, path.rfind('/') + 1), errors);
+    DigestedBuffer digested(*file.rdbuf());
+    std::istream in(&digested);
+    auto policy = read_policy(in, path.substr(0, path.rfind('/') + 1), errors);
+    if (policy && !policy->names_files)
+        policy->file = digested.result();
+    return policy;
 }
 
 const uint8_t *BytePool::add(std::span<const uint8_t> first, std::span<const uint8_t> second)

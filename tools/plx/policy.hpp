@@ -2,6 +2,7 @@
 #pragma once
 
 #include "document.hpp"
+#include "file_digest.hpp"
 #include "records/attribute.hpp"
 #include <deque>
 #include <memory>
@@ -55,6 +56,8 @@ struct Policy {
     std::vector<PolicyAcl> acls;
     std::vector<PolicyApply> applies;
     BytePool pool;
+    bool names_files = false;         // of values
+    std::optional<FileDigest> file{}; // that it is, where that is a file and names no other
 };
 
 // The policy that a stream holds; nullopt, with all that is wrong, when anything is. Files that it names are looked for

@@ -200,6 +200,7 @@ void PolicyReader::values_of_file(const Form &form, const Event &map)
     fields(map, form.name, file_fields, named);
     if (named.path.empty())
         return;
+    policy_.names_files = true;
     const std::string path = named.path[0] == '/' ? named.path : directory_ + named.path;
     std::ifstream file(path, std::ios::binary);
     if (!file)

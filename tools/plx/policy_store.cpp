@@ -119,6 +119,14 @@ void set_request(const ProtobufCMessage &record, uint64_t request)
 
 } // namespace
 
+bool rewritten_before(tq_context *context, uint32_t db, const std::string &app)
+{
+    Record selection(s_policy__ace__descriptor);
+    selection.set_key_text(0, app.c_str());
+    tq_mom_history history{};
+    return tq_mom_history_sync(context, db, selection.message(), 1, &history) != 0 || history.rewritten != 0;
+}
+
 void PolicyStore::Copy::add(const ProtobufCMessage &record)
 {
     if (++count_ > most_)
@@ -206,6 +214,11 @@ int PolicyStore::write(uint32_t slot, uint32_t number, const Copy::Part &part)
 int PolicyStore::read(Copy &copy) const
 {
     return scan_application(context_, db_, app_, [&copy](const ProtobufCMessage &record) { copy.add(record); });
+}
+
+int PolicyStore::sum(PolicySum &sum) const
+{
+    return scan_application(context_, db_, app_, [&sum](const ProtobufCMessage &record) { sum.add(record); });
 }
 
 int PolicyStore::keep(std::optional<uint32_t> used, const Copy &copy, std::optional<uint32_t> &slot)

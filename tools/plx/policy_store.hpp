@@ -4,7 +4,7 @@
 // application is held (records/policy_copy.hpp) nodes keep to the copy, whatever happens to the tables and to us.
 #pragma once
 
-#include "records/digest.hpp"
+#include "policy_sum.hpp"
 #include "records/host.hpp"
 #include <array>
 #include <optional>
@@ -12,6 +12,10 @@
 #include <vector>
 
 namespace plx::tool {
+
+// Whether the application's entries were written as a whole since the store's history began. What nodes hold of a
+// history that is lost they hold until then. What cannot be asked is left as it is.
+bool rewritten_before(tq_context *context, uint32_t db, const std::string &app);
 
 class PolicyStore {
   public:
@@ -61,6 +65,8 @@ class PolicyStore {
     // Adds what nodes have that have programmed all that the tables ask for; or of those tables alone that are not
     // kept.
     int digest(Digest &digest, bool others_alone) const;
+    // Over the tables that a policy is in.
+    int sum(PolicySum &sum) const;
 
   private:
     int write(uint32_t slot, uint32_t number, const Copy::Part &part);

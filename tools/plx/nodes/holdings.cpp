@@ -16,6 +16,7 @@ void for_each_record(const Policy &policy, const std::function<void(const Key &,
             wanted.value.assign(entry.attributes().begin(), entry.attributes().end());
             wanted.priority = entry.priority;
             wanted.default_entry = entry.is_default;
+            wanted.name = entry.name();
             callback(AceKey{policy.application, acl.id, entry.sn}, wanted);
         }
     }
