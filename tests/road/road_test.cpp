@@ -18,6 +18,7 @@ class Road : public Session {
     Road()
     {
         setenv("FAST", "env LD_PRELOAD=" FAST_CLOCK " ASAN_OPTIONS=verify_asan_link_order=0", 1);
+        setenv("UNWILLING", "env LD_PRELOAD=" UNWILLING_STORE " ASAN_OPTIONS=verify_asan_link_order=0", 1);
         setenv("GUIDE", GUIDE_PROGRAM, 1);
         setenv("LIAR", LIAR_PROGRAM, 1);
         setenv("POLICIES", POLICIES, 1);

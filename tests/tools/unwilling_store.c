@@ -1,6 +1,6 @@
 /* A store client in front of the real one, for LD_PRELOAD: sweeps, and the ends of batches, fail with the results that
  * PLX_SWEEPS and PLX_BATCHES list, one after the other; 0, and all behind the list, are the real ones. A batch fails by
- * its first write, which is made nevertheless. */
+ * its first write, which is made nevertheless; PLX_BLIND_BATCHES is for those whose results nobody takes. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -39,15 +39,13 @@ int tq_mom_dsend_sync(void *handle, uint32_t db, const ProtobufCMessage *record,
 
 int tq_mom_batch_end(void *handle, int *results, uint32_t count)
 {
-    static const char *at;
+    static const char *at[2];
     end_func real;
-    int result;
+    int result, failed;
     find_real("tq_mom_batch_end", &real);
     result = real(handle, results, count);
-    if (count > 0) {
-        const int failed = next_of("PLX_BATCHES", &at);
-        results[0] = failed ? failed : results[0];
-        result = failed ? failed : result;
-    }
-    return result;
+    failed = next_of(count > 0 ? "PLX_BATCHES" : "PLX_BLIND_BATCHES", &at[count > 0]);
+    if (failed && count > 0)
+        results[0] = failed;
+    return failed ? failed : result;
 }

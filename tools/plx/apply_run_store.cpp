@@ -207,12 +207,15 @@ int ApplyRun::roll_back()
         wait_for_life(nodes_->recorded(), milliseconds(0), [this] { return nodes_->alive().size(); });
         if (const int code = put_back(*before, "rolled back"); code != EXIT_DONE)
             return code;
-        ask([&] { return policies_->set_kept(*copy_); });
+        result = ask([&] { return policies_->set_kept(*copy_); });
+        if (result != 0)
+            fail_store("rolled back, but this cannot be taken back by going back once more: store", result);
         wait_for_policy_before();
     } catch (const Interrupted &) {
         return stop_->signal() == SIGINT ? EXIT_INTERRUPTED : EXIT_TERMINATED;
     }
-    return tell_missing_nodes() ? EXIT_NO_ANSWER : EXIT_DONE;
+    const int code = tell_missing_nodes() ? EXIT_NO_ANSWER : EXIT_DONE;
+    return result != 0 ? EXIT_UNREACHABLE : code;
 }
 
 } // namespace plx::tool
