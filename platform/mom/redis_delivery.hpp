@@ -5,8 +5,8 @@
 // 2. Changes wait in one queue of bounded size, in the order in which the reader put them, and leave it in rounds that
 //    take a bounded time.
 // 3. Of lost changes an audience of requested state is told to scan again. For any other table the records whose stamp
-//    is beyond what was seen are listed, page by page, and then delivered in the order of their writing, while the
-//    queue waits; then it is told that there may have been more.
+//    is beyond what was seen are listed, page by page, and then delivered in the order of their writing. What the queue
+//    had before the loss leaves it first, and the rest waits; then it is told that there may have been more.
 // 4. A table that is damaged, or not ours to read, is set aside with what was lost of it, so that the others go on.
 #ifndef TQ_MOM_REDIS_DELIVERY_HPP
 #define TQ_MOM_REDIS_DELIVERY_HPP
@@ -98,6 +98,7 @@ class redis_delivery {
     std::vector<std::unique_ptr<redis_audience>> audiences_;
     std::deque<queued> queue_;
     size_t queue_bytes_ = 0;
+    size_t first_ = 0; ///< changes in the queue that came before what is lost
     bool in_round_ = false;
 };
 

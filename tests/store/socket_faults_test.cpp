@@ -228,6 +228,37 @@ class client_life : public faults, public testing::WithParamInterface<std::tuple
         finish();
     }
 
+    // What the log loses before it was read is read from the records, page by page.
+    void lost_answers()
+    {
+        std::vector<uint64_t> told, wanted;
+        answers.also = [&told](const tq_mom_notification &each) {
+            if (each.record != nullptr)
+                told.push_back(reinterpret_cast<const SPolicy__AcePsta *>(each.record)->rep_uuid);
+        };
+        const auto answer = [this](uint64_t sn) {
+            return write_psta(client, db, psta_record("a", 1, sn, latest[sn] = ++request));
+        };
+        attempt([&] { return tq_mom_subscribe(client, db, psta_record("a", 0, 0), 1, hearing::callback, &answers); });
+        attempt([&] {
+            int result = tq_mom_batch_begin(client);
+            for (uint64_t sn = 1; sn <= 200; ++sn)
+                result = std::max(result, answer(sn));
+            return std::max(result, tq_mom_batch_end(client, nullptr, 0));
+        });
+        fault.armed = false; // the test's own call
+        server.run({"XTRIM", "plx{" + std::to_string(db) + ":ace_psta}/log", "MAXLEN", "0"});
+        fault.armed = true;
+        attempt([&] { return answer(1); });
+        wait_for([&] { return !told.empty() && told.back() == request; });
+        answers.also = {};
+        EXPECT_TRUE(std::is_sorted(told.begin(), told.end(), std::less_equal<>{})) << "out of order, or twice";
+        for (const auto &[sn, last] : latest)
+            wanted.push_back(last);
+        std::sort(wanted.begin(), wanted.end());
+        EXPECT_TRUE(std::includes(told.begin(), told.end(), wanted.begin(), wanted.end())) << "not at all";
+    }
+
   protected:
     const scenario mine = std::get<0>(GetParam());
     const int kind = std::get<1>(GetParam());
@@ -261,7 +292,7 @@ class client_life : public faults, public testing::WithParamInterface<std::tuple
         const size_t descriptors = open_descriptors();
         context_ptr owner(tq_context_new_on(address.c_str(), loop.get()));
         client = owner.get(), ++db, request = 0, failed = 0;
-        kept.clear(), heard.lines.clear();
+        kept.clear(), heard.lines.clear(), answers.lines.clear();
         fault = {true, kind, turn, 0, {}, 0, {}};
         (this->*mine.live)();
         fault.armed = false;
@@ -352,8 +383,8 @@ class client_life : public faults, public testing::WithParamInterface<std::tuple
     size_t connections = 0, usual = 0; // that a life took; that one takes without faults
     tq_context *client = nullptr;
     uint32_t db = 8;
-    hearing heard;
-    requests kept; // the table as it must be: sn -> request
+    hearing heard, answers;
+    requests kept, latest; // the table as it must be: sn -> request; of answers
     uint64_t request = 0;
     int failed = 0;
 };
@@ -367,7 +398,8 @@ INSTANTIATE_TEST_SUITE_P(
                                      scenario{"everyday_over_tcp", &client_life::everyday, over_tcp, 101},
                                      scenario{"everyday_over_tls", &client_life::everyday, over_tls, 211},
                                      scenario{"many_pages", &client_life::many_pages, local, 5003},
-                                     scenario{"rewrite", &client_life::rewrite, local, 1499}),
+                                     scenario{"rewrite", &client_life::rewrite, local, 1499},
+                                     scenario{"lost_answers", &client_life::lost_answers, local, 2003}),
                      testing::Values(EINTR, EAGAIN, ECONNRESET, EPIPE, ETIMEDOUT, one_byte, end_of_stream)),
     [](const auto &each) { return std::get<0>(each.param).name + ("_" + kinds.at(std::get<1>(each.param))); });
 
@@ -414,7 +446,11 @@ TEST_F(faults, a_store_that_was_flushed_is_noticed_after_five_seconds_though_nob
     wait_for([&] { return !heard.lines.empty(); });
     server.run({"FLUSHALL"});
     skipped += 5;
+    fault = {};
     wait_for([&] { return heard.ends_with("29 19"); });
+    int turns = 0;
+    wait_for([&] { return fault.connections > 0 || ++turns > 20; });
+    EXPECT_GT(fault.connections, 0) << "it still waits for what comes behind the old number";
 }
 
 /// Where the clock stands still unless somebody waits.
