@@ -117,11 +117,19 @@ class failover : public crash, public testing::WithParamInterface<bool> {
         const auto login = sentinel.credentials("plx-operator");
         const std::string scheme = GetParam() ? "sentinels://" : "sentinel://";
         const std::string trust = GetParam() ? "ca=" + redis_server::certificates() + "/ca.pem&" : "";
-        writer = open_at(scheme + "localhost:" + ports[2] + "/policy?" + trust + server.credentials("suite") +
-                         "&sentinel-" + std::string(login).insert(login.find('&') + 1, "sentinel-"));
+        url = scheme + "localhost:" + ports[2] + "/policy?" + trust + server.credentials("suite") + "&sentinel-" +
+              std::string(login).insert(login.find('&') + 1, "sentinel-");
+        writer = open_at(url);
         subscribe(writer, ace, ace_record("a", 0, 0));
         ASSERT_EQ(TQ_MOM_OK, put_ace(1, 1));
         wait_for([&] { return second.run({"EXISTS", "plx{8:ace}:a,a1,a1"}) == "1"; });
+    }
+    // Once the sentinel is listened to.
+    void stop_clock()
+    {
+        wait_for([&] { return sentinel.run({"CLIENT", "LIST"}).find("cmd=subscribe") != std::string::npos; });
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
+        clock_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     }
     void replicate_no_more() { second.run({"REPLICAOF", "NO", "ONE"}); }
     // By hand, which leaves connections alone.
@@ -129,20 +137,29 @@ class failover : public crash, public testing::WithParamInterface<bool> {
     {
         replicate_no_more();
         server.run({"REPLICAOF", "127.0.0.1", ports[1]});
+        name_second();
+    }
+    void name_second()
+    {
         sentinel.run({"SENTINEL", "REMOVE", "policy"});
         sentinel.run({"SENTINEL", "MONITOR", "policy", "127.0.0.1", ports[1], "1"});
     }
 
     const std::string ports[3] = {redis_server::free_port(), redis_server::free_port(), redis_server::free_port()};
     redis_server second, sentinel;
+    std::string url; // by the sentinel
 };
 INSTANTIATE_TEST_SUITE_P(, failover, testing::Bool(),
                          [](const auto &each) { return each.param ? "over_tls" : "plain"; });
 
-TEST_P(failover, is_followed_when_the_master_dies)
+TEST_P(failover, is_followed_when_the_master_dies_and_ends_the_pause_before_the_next_attempt)
 {
+    stop_clock();
     server.crash();
-    until_ok([&] { return put_ace(2, 2); });
+    int turns = 0;
+    wait_for([&] { return put_ace(2, 2) == TQ_MOM_OK || ++turns > 1000; });
+    EXPECT_LE(turns, 1000) << "the pause went on";
+    clock_ms = 0;
     wait_for([&] { return ace.lines.size() > 1; });
     EXPECT_EQ((lines{"*4 ace[a,1,1] 8=1", "*4 ace[a,1,2] 8=2"}), ace.lines);
     EXPECT_EQ("1", second.run({"EXISTS", "plx{8:ace}:a,a1,a2"}));
@@ -150,15 +167,19 @@ TEST_P(failover, is_followed_when_the_master_dies)
 
 TEST_P(failover, is_heard_of_from_the_sentinel_by_who_only_listens)
 {
-    wait_for([&] { return sentinel.run({"CLIENT", "LIST"}).find("cmd=subscribe") != std::string::npos; });
-    const auto now = std::chrono::steady_clock::now().time_since_epoch(); // so that nobody finds the old master silent:
-    clock_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    stop_clock(); // so that nobody finds the old master silent
     server.signal(SIGSTOP);
     wait_for([&] { return ++clock_ms, second.run({"ROLE"}).starts_with("master"); });
     EXPECT_EQ(TQ_MOM_OK, write_ace(open_at(second.url()), 8, ace_record("a", 1, 2, 2)));
     wait_for([&] { return ++clock_ms, ace.ends_with("4 ace[a,1,2] 8=2"); });
     clock_ms = 0;
     server.signal(SIGCONT);
+}
+
+TEST_P(failover, to_what_is_still_a_replica_is_not_believed)
+{
+    name_second();
+    EXPECT_EQ(TQ_MOM_READ_ONLY, tq_mom_client_connect_sync(open_at(url), 8));
 }
 
 TEST_P(failover, that_loses_a_write_is_told_to_who_follows_only_answers)
