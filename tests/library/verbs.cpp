@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <plx/attribute.h>
 #include <regex>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -329,6 +330,27 @@ std::string attribute(session &s, arguments &a)
         memset(attr.name, 'x', sizeof attr.name);
     push(&s.entry->tlv, attr);
     return described(s.entry);
+}
+
+// "push_all 1:vid:0102 2:fwd:01:1 times=3": class, name, bytes and, where it is not theirs, a length.
+std::string push_all(session &s, arguments &a)
+{
+    static std::deque<lines> kept;
+    static std::deque<std::vector<uint8_t>> values;
+    std::vector<plx_attribute> all;
+    for (; a.at < a.words.size(); a.at++) {
+        const lines &parts = kept.emplace_back(split(a.words[a.at], ':'));
+        const auto &value = values.emplace_back(bytes_of(parts[2]));
+        const size_t len = parts.size() > 3 ? static_cast<size_t>(std::stoll(parts[3])) : value.size();
+        all.insert(all.end(), a.has("times") ? a.as<size_t>("times") : 1,
+                   {static_cast<uint32_t>(std::stoul(parts[0])), or_null(parts[1]),
+                    parts[2] == "null" ? nullptr : value.data(), len});
+    }
+    const char *failed = "none";
+    fp_udp_ace_tlv *&tlv = s.entry->tlv;
+    const int32_t result = plx_push_all(a.option("to") == "null" ? nullptr : &tlv, all.data(), all.size(), &failed);
+    return format("%d failed %s, ", result, failed ? failed : "null") +
+           (tlv ? format("len %d", tlv->len) : "no buffer");
 }
 
 std::string copy(session &s, arguments &a)
@@ -818,6 +840,7 @@ const std::map<std::string, verb> verbs = {
     {"get", read_entry},
     {"entry", make_entry},
     {"attr", attribute},
+    {"push_all", push_all},
     {"copy", copy},
     {"new_apply", new_apply},
     // The store and the service nodes

@@ -3,6 +3,7 @@
 // Where the kernel can be had (see kernel_test.cpp) it does the same, or the line tells what it did.
 //
 //     entry vid=100 -> fwd=deny        compiles it: "2 rules", with what they cannot be used for; or why not
+//     shape ENTRY; ENTRY               whether they can be elements of one map
 //     frame eth tag(vid=100) ip4 udp   "drop", "pass", "redirect m0", "no match"; what else was done to it
 #include "packets/entry.hpp"
 #include "packets/frames.hpp"
@@ -52,10 +53,20 @@ class Packets : public Transcript {
         std::string rest = line;
         const std::string verb = take_word(rest);
         try {
-            return verb == "entry" ? compile_entry(rest) : show(frame(rest));
+            return verb == "entry" ? compile_entry(rest) : verb == "shape" ? shape(rest) : show(frame(rest));
         } catch (const std::invalid_argument &error) {
             return error.what();
         }
+    }
+
+    static std::string shape(const std::string &entries)
+    {
+        const auto of = [](const std::string &entry) {
+            return mappable(compile(test::entry_of(entry), test::configuration()).rules.at(0));
+        };
+        const size_t end = entries.find(';');
+        const auto one = of(entries.substr(0, end)), other = of(entries.substr(end + 1));
+        return one && other && one->shape == other->shape ? "one" : "two";
     }
 
     std::string compile_entry(const std::string &text)

@@ -3,6 +3,7 @@
 //     policy TEXT          what it means, or its errors; entry and applies put a part into a small policy
 //     value NAME TEXT      the attribute's bytes, and what is shown of them where that is not the text
 //     shown NAME BYTES     what is shown of bytes
+//     each TEXT            how many forms take it and give it back; for "words", each word of each form
 //     nearest WORD OTHER...
 //     label TEXT           how numbers bear a name
 //     bounded              the rest bounds memory or open files, of which a sanitizer has its own
@@ -47,6 +48,33 @@ std::string shown_bytes(const std::string &name, const std::string &digits)
     for (size_t at = 0; at + 1 < digits.size(); at += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(at, 2), nullptr, 16)));
     return format_value(form(name), bytes);
+}
+
+// What is encoded is of the form's own size and kind, and is shown as text for the same bytes.
+bool is_given_back(const Form &form, const std::string &text, const std::vector<uint8_t> &bytes)
+{
+    bool known = false;
+    const Encoding again = encode(form, format_value(&form, bytes));
+    return form.bytes() * (text.find('/') == text.npos ? 1 : 2) == bytes.size() && again.error.empty() &&
+           again.bytes == bytes && form_of({form.cls, attribute_id(form), bytes}, known) == &form;
+}
+
+std::string each(const std::string &text)
+{
+    size_t taken = 0;
+    std::string wrong;
+    for (const Form &form : forms()) {
+        std::vector<std::string> texts{text};
+        for (const NamedValue &named : named_values(form.names))
+            texts.emplace_back(named.name);
+        for (const std::string &one : text == "words" ? std::span(texts).subspan(1) : std::span(texts).first(1)) {
+            const auto [bytes, error] = encode(form, one);
+            taken += error.empty() ? 1 : 0;
+            if (error.empty() ? !is_given_back(form, one, bytes) : text == "words")
+                wrong += std::string(form.name) + ' ' + one + '\n';
+        }
+    }
+    return wrong + std::to_string(taken);
 }
 
 void describe(const PolicyEntry &entry, std::ostream &out)
@@ -135,6 +163,8 @@ class Tools : public Session {
         if (verb == "bounded")
             return {};
 #endif
+        if (verb == "each")
+            return each(text);
         if (verb == "nearest")
             return closest(line.substr(verb.size() + 1));
         if (verb == "label")
