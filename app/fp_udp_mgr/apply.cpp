@@ -32,7 +32,7 @@ fp_udp_apply_info descriptor_of(const fp_udp_apply &apply)
     return info;
 }
 
-void settle_removal(void *, const bulk::call &, int result)
+void settle_apply_removal(void *, const bulk::call &, int result)
 {
     if (result != 0)
         report<Error>("apply entry del failed.\n");
@@ -49,7 +49,7 @@ void fp_udp_del_mom_apply(void *ctx, const fp_udp_acl_info &acl, const fp_udp_ap
 {
     store_record<SPolicy__Apply> record;
     fill(record.key, acl, info);
-    if (record.del(ctx, {settle_removal, {}, {}, 0, 0, 0}) != 0)
+    if (record.del(ctx, {settle_apply_removal, {}, {}, 0, 0, 0}) != 0)
         report<Error>("apply entry del failed.\n");
     store_record<SPolicy__ApplyPsta> status;
     fill(status.key, acl, info);
@@ -143,7 +143,7 @@ bulk::call made_of(const apply_call &call)
 }
 
 // A write that went to the store, or should have.
-struct written {
+struct written_apply {
     void *ctx;
     const fp_udp_acl_info &acl;
     const fp_udp_apply_info &info;
@@ -151,7 +151,7 @@ struct written {
 };
 
 // Tells the application of a write that failed; without a callback the operation's result is `fallback`.
-[[nodiscard]] int32_t fail(const written &apply, int32_t fallback, int32_t result)
+[[nodiscard]] int32_t fail(const written_apply &apply, int32_t fallback, int32_t result)
 {
     (void)bulk::settle(); // what came before is told before
     bulk::note(result);
@@ -163,7 +163,7 @@ struct written {
 }
 
 // Goes on from a write that reached the store.
-[[nodiscard]] int32_t track(const written &apply, fp_udp_apply_node *node)
+[[nodiscard]] int32_t track(const written_apply &apply, fp_udp_apply_node *node)
 {
     if (para.handler.apply_reply_ok_cb == nullptr)
         return FP_UDP_OK;
@@ -183,7 +183,7 @@ void settle_apply(void *ctx, const bulk::call &made, int result)
         return;
     info.uuid = made.uuid;
     std::memcpy(info.priv, node->apply.priv, sizeof info.priv);
-    const written apply = {ctx, acl, info, info.priv};
+    const written_apply apply = {ctx, acl, info, info.priv};
     if (result != 0) {
         report<Error>("apply entry hmset failed.\n");
         (void)fail(apply, fp_udp_acldb_del_apply(&acl, &info), result);
@@ -214,7 +214,7 @@ int32_t fp_udp_set_apply(void *ctx, const fp_udp_acl_info *acl, uint32_t acl_cls
         call.acl.app_type, call.acl.acl_id, apply->apply_type, apply->phyid, apply->priority, apply->direction);
 
     call.info.uuid = bulk::request_id();
-    const written told = {ctx, call.acl, call.info, apply->priv};
+    const written_apply told = {ctx, call.acl, call.info, apply->priv};
     int32_t result = FP_UDP_OK;
     fp_udp_apply_node *node = cache(call, &result);
     if (node == nullptr)

@@ -17,9 +17,9 @@ namespace {
 using namespace packet;
 
 // Attributes at the end of a message. Once one has found no room, the others do nothing.
-class Attributes {
+class Expressions {
   public:
-    Attributes(nlmsghdr *message, size_t capacity) : message_(message), capacity_(capacity) {}
+    Expressions(nlmsghdr *message, size_t capacity) : message_(message), capacity_(capacity) {}
 
     void number(uint16_t type, uint32_t value) { put(type, htonl(value)); }
     void wide(uint16_t type, uint64_t value) { put(type, htobe64(value)); }
@@ -107,7 +107,7 @@ uint32_t meta_key(Load load)
                                    : NFT_META_OIFNAME;
 }
 
-void put_payload(Attributes &out, const Source &source, uint32_t target)
+void put_payload(Expressions &out, const Source &source, uint32_t target)
 {
     out.expression("payload", [&] {
         out.number(NFTA_PAYLOAD_DREG, target);
@@ -117,7 +117,7 @@ void put_payload(Attributes &out, const Source &source, uint32_t target)
     });
 }
 
-void put_extension(Attributes &out, const Source &source, uint32_t target)
+void put_extension(Expressions &out, const Source &source, uint32_t target)
 {
     out.expression("exthdr", [&] {
         const auto type = static_cast<uint8_t>(source.offset);
@@ -130,7 +130,7 @@ void put_extension(Attributes &out, const Source &source, uint32_t target)
     });
 }
 
-void put_load(Attributes &out, const Source &source, uint32_t target)
+void put_load(Expressions &out, const Source &source, uint32_t target)
 {
     if (source.load == Load::link || source.load == Load::network || source.load == Load::transport)
         return put_payload(out, source, target);
@@ -142,7 +142,7 @@ void put_load(Attributes &out, const Source &source, uint32_t target)
     });
 }
 
-void put_bitwise(Attributes &out, const Bytes &mask, const Bytes &flip, uint32_t target = value_register)
+void put_bitwise(Expressions &out, const Bytes &mask, const Bytes &flip, uint32_t target = value_register)
 {
     out.expression("bitwise", [&] {
         out.number(NFTA_BITWISE_SREG, target);
@@ -153,7 +153,7 @@ void put_bitwise(Attributes &out, const Bytes &mask, const Bytes &flip, uint32_t
     });
 }
 
-void put_comparison(Attributes &out, uint32_t operation, std::span<const uint8_t> value)
+void put_comparison(Expressions &out, uint32_t operation, std::span<const uint8_t> value)
 {
     out.expression("cmp", [&] {
         out.number(NFTA_CMP_SREG, value_register);
@@ -162,7 +162,7 @@ void put_comparison(Attributes &out, uint32_t operation, std::span<const uint8_t
     });
 }
 
-void put_range(Attributes &out, const Test &test)
+void put_range(Expressions &out, const Test &test)
 {
     out.expression("range", [&] {
         out.number(NFTA_RANGE_SREG, value_register);
@@ -172,7 +172,7 @@ void put_range(Attributes &out, const Test &test)
     });
 }
 
-void put_test(Attributes &out, const Test &test)
+void put_test(Expressions &out, const Test &test)
 {
     put_load(out, test.source, value_register);
     if (test.set != nullptr) {
@@ -191,7 +191,7 @@ void put_test(Attributes &out, const Test &test)
                    in_register(test.source, test.value).span());
 }
 
-void put_object(Attributes &out, uint32_t type, const std::string &name)
+void put_object(Expressions &out, uint32_t type, const std::string &name)
 {
     out.expression("objref", [&] {
         out.number(NFTA_OBJREF_IMM_TYPE, type);
@@ -199,7 +199,7 @@ void put_object(Attributes &out, uint32_t type, const std::string &name)
     });
 }
 
-void put_sampling(Attributes &out, uint32_t one_in)
+void put_sampling(Expressions &out, uint32_t one_in)
 {
     out.expression("numgen", [&] {
         out.number(NFTA_NG_DREG, value_register);
@@ -209,7 +209,7 @@ void put_sampling(Attributes &out, uint32_t one_in)
     put_comparison(out, NFT_CMP_EQ, host_bytes(0));
 }
 
-void put_number(Attributes &out, uint32_t number)
+void put_number(Expressions &out, uint32_t number)
 {
     out.expression("immediate", [&] {
         out.number(NFTA_IMMEDIATE_DREG, value_register);
@@ -217,7 +217,7 @@ void put_number(Attributes &out, uint32_t number)
     });
 }
 
-void put_verdict(Attributes &out, int32_t code, const std::string &chain = {})
+void put_verdict(Expressions &out, int32_t code, const std::string &chain = {})
 {
     const auto put_code = [&] {
         out.number(NFTA_VERDICT_CODE, static_cast<uint32_t>(code));
@@ -232,7 +232,7 @@ void put_verdict(Attributes &out, int32_t code, const std::string &chain = {})
 }
 
 // Whatever a device's index is needed for: dup and fwd.
-void put_device(Attributes &out, const char *what, uint16_t attribute, std::optional<uint32_t> index)
+void put_device(Expressions &out, const char *what, uint16_t attribute, std::optional<uint32_t> index)
 {
     if (!index)
         return out.fail();
@@ -242,7 +242,7 @@ void put_device(Attributes &out, const char *what, uint16_t attribute, std::opti
 
 // Visits the actions of a rule.
 struct ActionWriter {
-    Attributes &out;
+    Expressions &out;
     const Interfaces &interfaces;
 
     void operator()(const CountOn &on) const { put_object(out, NFT_OBJECT_COUNTER, counter_name(on.counter)); }
@@ -280,7 +280,7 @@ struct ActionWriter {
     }
 };
 
-void put_counter(Attributes &out, const Counters &start)
+void put_counter(Expressions &out, const Counters &start)
 {
     out.expression("counter", [&] {
         out.wide(NFTA_COUNTER_BYTES, start.bytes);
@@ -288,7 +288,7 @@ void put_counter(Attributes &out, const Counters &start)
     });
 }
 
-void put_rule(Attributes &out, const Rule &rule, const Interfaces &interfaces, const Counters &start)
+void put_rule(Expressions &out, const Rule &rule, const Interfaces &interfaces, const Counters &start)
 {
     for (const Test &test : rule.tests)
         put_test(out, test);
@@ -310,7 +310,7 @@ void put_rule(Attributes &out, const Rule &rule, const Interfaces &interfaces, c
 template <typename Fill> bool put_expressions(nlmsghdr *message, size_t capacity, Fill fill)
 {
     const uint32_t before = message->nlmsg_len;
-    Attributes out(message, capacity);
+    Expressions out(message, capacity);
     out.nest(NFTA_RULE_EXPRESSIONS, [&] { fill(out); });
     if (!out.good())
         message->nlmsg_len = before;
@@ -322,12 +322,12 @@ template <typename Fill> bool put_expressions(nlmsghdr *message, size_t capacity
 bool put_rule_expressions(nlmsghdr *message, size_t capacity, const Rule &rule, const Interfaces &interfaces,
                           const Counters &start)
 {
-    return put_expressions(message, capacity, [&](Attributes &out) { put_rule(out, rule, interfaces, start); });
+    return put_expressions(message, capacity, [&](Expressions &out) { put_rule(out, rule, interfaces, start); });
 }
 
 bool put_jump_expressions(nlmsghdr *message, size_t capacity, std::span<const Test> guards, const std::string &chain)
 {
-    return put_expressions(message, capacity, [&](Attributes &out) {
+    return put_expressions(message, capacity, [&](Expressions &out) {
         for (const Test &guard : guards)
             put_test(out, guard);
         put_verdict(out, NFT_JUMP, chain);
@@ -335,7 +335,7 @@ bool put_jump_expressions(nlmsghdr *message, size_t capacity, std::span<const Te
 }
 
 // A field of a map's key, of which only the mask's bits count.
-static void put_masked_load(Attributes &out, const Source &field, const uint8_t *bits, uint32_t target)
+static void put_masked_load(Expressions &out, const Source &field, const uint8_t *bits, uint32_t target)
 {
     put_load(out, field, target);
     if (std::any_of(bits, bits + field.size, [](uint8_t byte) { return byte != 0xff; }))
@@ -345,7 +345,7 @@ static void put_masked_load(Attributes &out, const Source &field, const uint8_t 
 bool put_lookup_expressions(nlmsghdr *message, size_t capacity, std::span<const Source> fields, const std::string &mask,
                             const std::string &map)
 {
-    return put_expressions(message, capacity, [&](Attributes &out) {
+    return put_expressions(message, capacity, [&](Expressions &out) {
         uint32_t target = NFT_REG32_00;
         size_t at = 0;
         for (const Source &field : fields) {

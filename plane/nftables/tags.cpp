@@ -33,9 +33,9 @@ class Writer {
     std::string &bytes_;
 };
 
-class Reader {
+class TagReader {
   public:
-    explicit Reader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
+    explicit TagReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
     template <typename Number> void operator()(Number &number)
     {
         number = 0;
@@ -225,7 +225,7 @@ void write_source(Writer &write, const packet::Source &source)
 // Numbers that are none of ours are left to be found by whole().
 class ShapeReader {
   public:
-    explicit ShapeReader(Reader &read) : read_(read) {}
+    explicit ShapeReader(TagReader &read) : read_(read) {}
     uint8_t number(uint8_t most)
     {
         uint8_t number = 0;
@@ -261,7 +261,7 @@ class ShapeReader {
     bool good() const { return good_; }
 
   private:
-    Reader &read_;
+    TagReader &read_;
     bool good_ = true;
 };
 
@@ -291,7 +291,7 @@ std::string map_data_of(const MapTag &tag)
 
 std::optional<MapTag> map_tag_of(std::span<const uint8_t> user_data)
 {
-    Reader read(part_of(user_data, tag_type));
+    TagReader read(part_of(user_data, tag_type));
     ShapeReader shape(read);
     MapTag tag;
     tag.place.first = shape.number(UINT8_MAX);
@@ -323,7 +323,7 @@ std::string user_data_of(const Tag &tag)
 
 std::optional<Tag> tag_of(std::span<const uint8_t> user_data)
 {
-    Reader read(part_of(user_data, tag_type));
+    TagReader read(part_of(user_data, tag_type));
     Tag tag;
     uint8_t purpose = 0, index = 0, flags = 0;
     read(purpose);

@@ -23,13 +23,11 @@ constexpr Source transport(uint16_t offset, uint8_t size)
 {
     return {Load::transport, size, offset};
 }
-constexpr Source protocol{Load::protocol, 2, 0};
-constexpr Source l4proto{Load::l4proto, 1, 0};
 constexpr Source mark{Load::mark, 4, 0};
 constexpr Source input_name{Load::input, 16, 0};
 constexpr Source output_name{Load::output, 16, 0};
 
-constexpr uint32_t ipv4_type = 0x0800, ipv6_type = 0x86dd, arp_type = 0x0806;
+constexpr uint32_t arp_type = 0x0806;
 
 // clang-format off
 constexpr Field fields[] = {
@@ -159,7 +157,7 @@ constexpr Need among(Source source, Common set, Relation relation = Relation::on
 }
 
 constexpr uint32_t bottom = 1; // of an MPLS label stack, in the third byte of a label
-constexpr uint32_t offset_bits = 0x1fff, fragment_bits = 0x3fff, more_fragments = 0x2000;
+constexpr uint32_t fragment_bits = 0x3fff, more_fragments = 0x2000;
 
 struct GuardRow {
     Guard parent = Guard::none;

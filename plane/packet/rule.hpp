@@ -49,6 +49,9 @@ struct Source {
     uint16_t offset = 0; // at most 255
     auto operator<=>(const Source &) const = default;
 };
+inline constexpr Source protocol{Load::protocol, 2, 0}, l4proto{Load::l4proto, 1, 0};
+inline constexpr uint16_t ipv4_type = 0x0800, ipv6_type = 0x86dd; // values of the former
+inline constexpr uint16_t offset_bits = 0x1fff; // of an IPv4 header's fragment word: zero in a first fragment
 
 // A set of values that entries have in common. A plane makes each once, under this name.
 struct ConstantSet {

@@ -9,9 +9,7 @@ namespace plx::plane::packet {
 
 namespace {
 
-constexpr Source protocol{Load::protocol, 2, 0}, l4proto{Load::l4proto, 1, 0}, ipv4_protocol{Load::network, 1, 9},
-    fragment_word{Load::network, 2, 6}, second_type{Load::link, 2, 16};
-constexpr uint16_t ipv4_type = 0x0800, ipv6_type = 0x86dd, offset_bits = 0x1fff;
+constexpr Source ipv4_protocol{Load::network, 1, 9}, fragment_word{Load::network, 2, 6}, second_type{Load::link, 2, 16};
 
 Bytes full_mask(const Test &test)
 {

@@ -9,8 +9,7 @@ using namespace plane::packet;
 
 namespace {
 
-constexpr Source protocol{Load::protocol, 2, 0}, l4proto{Load::l4proto, 1, 0}, ipv4_protocol{Load::network, 1, 9};
-constexpr uint16_t ipv4_type = 0x0800, ipv6_type = 0x86dd;
+constexpr Source ipv4_protocol{Load::network, 1, 9};
 constexpr unsigned link_size = 14, ipv4_size = 20, ipv6_size = 40;
 
 bool is_payload(Load load)
