@@ -329,7 +329,7 @@ std::string attribute(session &s, arguments &a)
     if (a.has("name"))
         memset(attr.name, 'x', sizeof attr.name);
     push(&s.entry->tlv, attr);
-    return described(s.entry);
+    return a.option("shown") == "no" ? "" : described(s.entry);
 }
 
 // "push_all 1:vid:0102 2:fwd:01:1 times=3": class, name, bytes and, where it is not theirs, a length.
