@@ -468,9 +468,9 @@ TEST(registration, refuses_what_cannot_work)
     const struct {
         const char *name, *description;
         ssat_handler handler;
-    } refused[] = {{"pid", "$n", print_pid},   {"help", "$n", print_pid}, {"two words", "$n", print_pid},
-                   {"a", "a=%f", print_pid},   {"a", "$n", nullptr},      {"a", "two\nlines", print_pid},
-                   {nullptr, "$n", print_pid}, {"a", nullptr, print_pid}};
+    } refused[] = {{"pid", "$n", print_pid},    {"help", "$n", print_pid},  {"two words", "$n", print_pid},
+                   {"a", "a=%f", print_pid},    {"a", "$n", nullptr},       {"a", "two\nlines", print_pid},
+                   {"a", "del\x7f", print_pid}, {nullptr, "$n", print_pid}, {"a", nullptr, print_pid}};
     for (const auto &[name, description, handler] : refused)
         EXPECT_NE(ssat_reg_mod_cmd("direct", name, 0, description, handler), 0);
     tq_loop_free(own.master);
