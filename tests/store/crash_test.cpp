@@ -156,9 +156,9 @@ TEST_P(failover, is_followed_when_the_master_dies_and_ends_the_pause_before_the_
 {
     stop_clock();
     server.crash();
-    int turns = 0;
-    wait_for([&] { return put_ace(2, 2) == TQ_MOM_OK || ++turns > 1000; });
-    EXPECT_LE(turns, 1000) << "the pause went on";
+    const auto end = std::chrono::system_clock::now() + std::chrono::seconds(20);
+    while (put_ace(2, 2) != TQ_MOM_OK && std::chrono::system_clock::now() < end) // the steady clock stands
+        tq_loop_run_once(loop.get(), 0);
     clock_ms = 0;
     wait_for([&] { return ace.lines.size() > 1; });
     EXPECT_EQ((lines{"*4 ace[a,1,1] 8=1", "*4 ace[a,1,2] 8=2"}), ace.lines);
