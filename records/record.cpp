@@ -8,6 +8,7 @@
 #include <functional>
 #include <plx/s_policy.pb-c.h>
 #include <plx/types.h>
+#include <utility>
 
 namespace plx {
 
@@ -102,13 +103,38 @@ std::optional<Key> read_key_of_table(size_t table, const ProtobufCMessage *index
     return known ? key : std::nullopt;
 }
 
-std::vector<uint8_t> byte_field(const ProtobufCMessage *record, const char *name)
+uint64_t number_in(const ProtobufCMessage *record, const ProtobufCFieldDescriptor *field)
 {
-    const ProtobufCFieldDescriptor *field = find_field(record, name);
+    return field == nullptr ? 0 : load_number(record, *field);
+}
+
+std::span<const uint8_t> bytes_in(const ProtobufCMessage *record, const ProtobufCFieldDescriptor *field)
+{
     if (field == nullptr || field->type != PROTOBUF_C_TYPE_BYTES)
         return {};
     const auto bytes = load<ProtobufCBinaryData>(record, *field);
-    return bytes.data == nullptr ? std::vector<uint8_t>() : std::vector<uint8_t>(bytes.data, bytes.data + bytes.len);
+    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
+}
+
+// Where a table has what its records ask for: no field, where it has none.
+struct RequestedFields {
+    explicit RequestedFields(const ProtobufCMessage *record)
+        : request(find_field(record, "req_uuid")), value(find_field(record, "value")),
+          priority(find_field(record, "ace_pri")), acl_cls(find_field(record, "acl_cls")),
+          default_entry(find_field(record, "default_ace")), priv(find_field(record, "priv"))
+    {
+    }
+    const ProtobufCFieldDescriptor *request, *value, *priority, *acl_cls, *default_entry, *priv;
+};
+
+// Looked up once for records of one table in a row, as walks meet them.
+const RequestedFields &requested_fields(const ProtobufCMessage *record)
+{
+    thread_local const ProtobufCMessageDescriptor *of = record->descriptor;
+    thread_local RequestedFields fields(record);
+    if (std::exchange(of, record->descriptor) != record->descriptor)
+        fields = RequestedFields(record);
+    return fields;
 }
 
 // The lowest byte first, on every machine.
@@ -162,7 +188,7 @@ std::optional<Key> key_of(const ProtobufCMessage *record)
 namespace {
 
 // What an application keeps with its records may be a text, and may be anything.
-std::string printable(const std::vector<uint8_t> &bytes)
+std::string printable(std::span<const uint8_t> bytes)
 {
     const auto end = std::find(bytes.begin(), bytes.end(), 0);
     const bool text = std::all_of(
@@ -174,13 +200,15 @@ std::string printable(const std::vector<uint8_t> &bytes)
 
 Requested requested_of(const ProtobufCMessage *record)
 {
+    const RequestedFields &fields = requested_fields(record);
+    const auto value = bytes_in(record, fields.value);
     Requested requested;
-    requested.request = number_field(record, "req_uuid");
-    requested.value = byte_field(record, "value");
-    requested.priority = number_field(record, "ace_pri");
-    requested.acl_cls = static_cast<uint32_t>(number_field(record, "acl_cls"));
-    requested.default_entry = number_field(record, "default_ace") != 0;
-    requested.name = printable(byte_field(record, "priv"));
+    requested.request = number_in(record, fields.request);
+    requested.value.assign(value.begin(), value.end());
+    requested.priority = number_in(record, fields.priority);
+    requested.acl_cls = static_cast<uint32_t>(number_in(record, fields.acl_cls));
+    requested.default_entry = number_in(record, fields.default_entry) != 0;
+    requested.name = printable(bytes_in(record, fields.priv));
     return requested;
 }
 
@@ -216,8 +244,7 @@ const std::string &application_of(const Key &key)
 
 uint64_t number_field(const ProtobufCMessage *record, const char *name)
 {
-    const ProtobufCFieldDescriptor *field = find_field(record, name);
-    return field == nullptr ? 0 : load_number(record, *field);
+    return number_in(record, find_field(record, name));
 }
 
 Record::Record(const ProtobufCMessageDescriptor &descriptor)
