@@ -84,6 +84,8 @@ TEST_F(awkward, a_null_result_pointer_is_refused_and_a_null_type_is_empty)
     EXPECT_EQ(fp_udp_ace_node_hash_traverse_with_index(nullptr, 0, 1, nullptr), -4);
     EXPECT_EQ(fp_udp_acl_node_traverse_op(nullptr, nullptr), 0);
     EXPECT_EQ(fp_udp_dbg_get_proc_name(nullptr), -4);
+    for (uint32_t bit = 0; bit < std::size(lib_plx_dbg_flag); bit++)
+        EXPECT_EQ(lib_plx_dbg_flag[bit], 1U << bit);
     EXPECT_EQ(mgr->get_acl_cls(&context, 1, nullptr), -4);
     EXPECT_EQ(mgr->iterator_ace(&context, &key, nullptr, &count), nullptr);
     EXPECT_EQ(mgr->iterator_ace(&context, &key, &numbers, nullptr), nullptr);
