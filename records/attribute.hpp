@@ -26,6 +26,12 @@ enum class ValueKind : uint8_t {
     octets      // as many bytes as the form says, without a number's meaning
 };
 
+constexpr bool is_address(ValueKind kind)
+{
+    return kind == ValueKind::mac || kind == ValueKind::ipv4 || kind == ValueKind::ipv6 ||
+           kind == ValueKind::ipv6_upper;
+}
+
 // The words that may stand for a number.
 enum class NameSet : uint8_t {
     none,

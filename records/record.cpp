@@ -112,8 +112,7 @@ std::span<const uint8_t> bytes_in(const ProtobufCMessage *record, const Protobuf
 {
     if (field == nullptr || field->type != PROTOBUF_C_TYPE_BYTES)
         return {};
-    const auto bytes = load<ProtobufCBinaryData>(record, *field);
-    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
+    return span_of(load<ProtobufCBinaryData>(record, *field));
 }
 
 // Where a table has what its records ask for: no field, where it has none.

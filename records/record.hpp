@@ -99,6 +99,12 @@ struct Requested {
     uint64_t fingerprint() const;
 };
 
+// A field of bytes, which may have none.
+inline std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
+{
+    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
+}
+
 // The key of a requested-state, status or counter record; nullopt when the record has none, is of another table, or
 // carries a name of more than 31 characters.
 std::optional<Key> key_of(const ProtobufCMessage *record);

@@ -12,8 +12,7 @@ namespace {
 
 bool same(const ProtobufCBinaryData &stored, std::span<const uint8_t> wanted)
 {
-    const std::span<const uint8_t> bytes(stored.data, stored.data == nullptr ? 0 : stored.len);
-    return std::equal(bytes.begin(), bytes.end(), wanted.begin(), wanted.end());
+    return std::ranges::equal(span_of(stored), wanted);
 }
 
 // Private bytes are a name and zeros.

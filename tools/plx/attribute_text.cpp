@@ -118,12 +118,6 @@ std::string plain_text(const Form &form, Bytes bytes)
     return "0x" + hex(bytes);
 }
 
-bool is_address(ValueKind kind)
-{
-    return kind == ValueKind::mac || kind == ValueKind::ipv4 || kind == ValueKind::ipv6 ||
-           kind == ValueKind::ipv6_upper;
-}
-
 // The number of leading ones when no other bit is set, else -1.
 int prefix_length(Bytes mask)
 {

@@ -13,7 +13,7 @@ namespace plx::tool {
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using Buffer = std::vector<uint8_t>;
 using Failure = std::optional<std::string>; // what is wrong
 
 constexpr uint32_t switch_ports = 256; // that a `ports` value has bits for
@@ -31,7 +31,7 @@ bool all_digits(std::string_view text)
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-void put_number(Bytes &out, uint64_t number, uint32_t bytes)
+void put_number(Buffer &out, uint64_t number, uint32_t bytes)
 {
     for (uint32_t left = bytes; left > 0; --left)
         out.push_back(static_cast<uint8_t>(number >> (8 * (left - 1))));
@@ -99,7 +99,7 @@ Failure number_value(NameSet set, std::string_view text, uint32_t bits, uint64_t
     return std::nullopt;
 }
 
-Failure put_flag(std::string_view text, Bytes &out)
+Failure put_flag(std::string_view text, Buffer &out)
 {
     bool value = text == "1";
     if (text != "0" && text != "1" && !parse_bool(text, value))
@@ -116,7 +116,7 @@ std::optional<uint8_t> hex_byte(std::string_view text)
     return whole ? std::optional(byte) : std::nullopt;
 }
 
-Failure put_mac(std::string_view text, Bytes &out)
+Failure put_mac(std::string_view text, Buffer &out)
 {
     const std::string wrong = quoted(text) + " is not a MAC address such as 00:11:22:33:44:55";
     if (text.size() != 17)
@@ -130,7 +130,7 @@ Failure put_mac(std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_address(int family, std::string_view text, Bytes &out)
+Failure put_address(int family, std::string_view text, Buffer &out)
 {
     std::array<uint8_t, 16> address{};
     const std::string terminated(text);
@@ -140,9 +140,9 @@ Failure put_address(int family, std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_upper_half(std::string_view text, Bytes &out)
+Failure put_upper_half(std::string_view text, Buffer &out)
 {
-    Bytes address;
+    Buffer address;
     if (Failure failure = put_address(AF_INET6, text, address))
         return failure;
     if (std::any_of(address.begin() + 8, address.end(), [](uint8_t byte) { return byte != 0; }))
@@ -152,7 +152,7 @@ Failure put_upper_half(std::string_view text, Bytes &out)
 }
 
 // A word may have hyphens of its own, so every hyphen is tried as the one between the ends.
-Failure put_range(const Form &form, std::string_view text, Bytes &out)
+Failure put_range(const Form &form, std::string_view text, Buffer &out)
 {
     constexpr size_t longest = 64; // two words
     uint64_t low = 0;
@@ -174,7 +174,7 @@ Failure put_range(const Form &form, std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_ports(std::string_view text, Bytes &out)
+Failure put_ports(std::string_view text, Buffer &out)
 {
     std::array<uint8_t, switch_ports / 8> bits{};
     while (true) {
@@ -196,7 +196,7 @@ Failure put_ports(std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_octets(const Form &form, std::string_view text, Bytes &out)
+Failure put_octets(const Form &form, std::string_view text, Buffer &out)
 {
     std::string_view digits = text;
     if (digits.starts_with("0x"))
@@ -213,7 +213,7 @@ Failure put_octets(const Form &form, std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_plain(const Form &form, std::string_view text, Bytes &out)
+Failure put_plain(const Form &form, std::string_view text, Buffer &out)
 {
     switch (form.kind) {
     case ValueKind::number: {
@@ -242,13 +242,7 @@ Failure put_plain(const Form &form, std::string_view text, Bytes &out)
     return "has a form that is not known";
 }
 
-bool is_address(ValueKind kind)
-{
-    return kind == ValueKind::mac || kind == ValueKind::ipv4 || kind == ValueKind::ipv6 ||
-           kind == ValueKind::ipv6_upper;
-}
-
-Failure put_prefix(const Form &form, std::string_view text, Bytes &out)
+Failure put_prefix(const Form &form, std::string_view text, Buffer &out)
 {
     uint64_t length = 0;
     if (!parse_number(text, length) || length > form.bits)
@@ -260,14 +254,14 @@ Failure put_prefix(const Form &form, std::string_view text, Bytes &out)
     return std::nullopt;
 }
 
-Failure put_mask(const Form &form, std::string_view text, Bytes &out)
+Failure put_mask(const Form &form, std::string_view text, Buffer &out)
 {
     const Failure failure =
         is_address(form.kind) && all_digits(text) ? put_prefix(form, text, out) : put_plain(form, text, out);
     return failure ? "mask " + *failure : failure;
 }
 
-Failure put(const Form &form, std::string_view text, Bytes &out)
+Failure put(const Form &form, std::string_view text, Buffer &out)
 {
     const size_t slash = text.find('/');
     if (slash == std::string_view::npos)

@@ -39,11 +39,6 @@ std::string text_of(const ProtobufCBinaryData &name)
     return name.data == nullptr ? "" : std::string(text, strnlen(text, name.len));
 }
 
-std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
-{
-    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
-}
-
 // Of what is in the record but the identifier of its last request.
 uint64_t number_of(const ProtobufCMessage &record)
 {

@@ -298,7 +298,7 @@ int PolicyStore::digest(Digest &digest, bool others_alone) const
             continue;
         selection.set_key_text(0, app_.c_str());
         result = scan(context_, db_, selection, 1, [&digest](const ProtobufCMessage &record) {
-            if (const auto key = key_of(&record))
+            if (const auto key = plx::key_of(&record))
                 digest.add(digest_of(*key), requested_of(&record).fingerprint());
         });
     }

@@ -16,11 +16,6 @@ namespace {
 
 constexpr uint64_t acl_key = 0xac1; // what the numbers of their keys begin with, beside those of nodes' tables
 
-std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
-{
-    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
-}
-
 // As the library keeps it: with zeros behind.
 std::array<uint8_t, FP_UDP_PRIV_SIZE> kept_name(std::string_view name)
 {
@@ -64,7 +59,7 @@ void PolicySum::add(const ProtobufCMessage &record)
             add_acl(acl.index->acl_id, acl.acl_cls, span_of(acl.priv));
         return;
     }
-    const auto key = key_of(&record);
+    const auto key = plx::key_of(&record);
     if (!key)
         return;
     const auto name = record.descriptor == &s_policy__ace__descriptor

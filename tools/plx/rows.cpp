@@ -3,6 +3,7 @@
 
 #include "attribute_text.hpp"
 #include "field.hpp"
+#include "records/record.hpp"
 
 #include <algorithm>
 #include <array>
@@ -16,11 +17,6 @@ namespace {
 
 constexpr size_t longest_text = 256;        // bytes of one value that are shown
 constexpr size_t longest_attributes = 4096; // packed
-
-std::span<const uint8_t> span_of(const ProtobufCBinaryData &bytes)
-{
-    return {bytes.data, bytes.data == nullptr ? 0 : bytes.len};
-}
 
 // Private bytes are mostly a short text in a long field.
 std::span<const uint8_t> without_padding(std::span<const uint8_t> bytes)
