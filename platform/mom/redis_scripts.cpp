@@ -1,6 +1,7 @@
 // See redis_scripts.hpp. In all of them `log(...)` appends a change; entries are numbered 0-1, 0-2, ... by the server.
 #include "redis_scripts.hpp"
 
+#include <algorithm>
 #include <random>
 #include <tq_mom.h>
 
@@ -274,9 +275,17 @@ redis.call('XADD', KEYS[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
 return 1
 )";
 
-// KEYS log, readers; ARGV how many changes are kept, how many bytes of them for readers that live.
+// KEYS log, readers; ARGV how many entries are kept, how many bytes of them for readers that live, how many go at most: nobody
+// else is served meanwhile.
 // A reader's field holds the number up to which it has read, and when it is taken for dead, by the server's clock.
 constexpr char trim_text[] = R"(
+local function trim(how, to, surplus)
+  local gone = redis.call('XTRIM', KEYS[1], how, '~', to, 'LIMIT', ARGV[3])
+  if gone == 0 and surplus > tonumber(ARGV[3]) then -- the server packs more of them together, and takes out whole packs
+    gone = redis.call('XTRIM', KEYS[1], how, '~', to)
+  end
+  return gone
+end
 local info = redis.pcall('XINFO', 'STREAM', KEYS[1])
 local keep, length, last = tonumber(ARGV[1]), 0, 0
 for i = 1, #info, 2 do
@@ -302,12 +311,12 @@ end
 if last - lowest > keep then
   local bytes = redis.pcall('MEMORY', 'USAGE', KEYS[1])
   if type(bytes) == 'number' and bytes <= tonumber(ARGV[2]) then
-    return redis.call('XTRIM', KEYS[1], 'MINID', '~', '0-' .. string.format('%.0f', lowest + 1))
+    return trim('MINID', '0-' .. string.format('%.0f', lowest + 1), length - keep)
   elseif type(bytes) == 'number' then
     keep = math.max(keep, math.floor(length * ARGV[2] / bytes))
   end
 end
-return redis.call('XTRIM', KEYS[1], 'MAXLEN', '~', string.format('%.0f', keep))
+return trim('MAXLEN', string.format('%.0f', keep), length - keep)
 )";
 
 // KEYS readers; ARGV name, the number up to which it has read, seconds for which it is to be believed.
@@ -382,13 +391,15 @@ void redis_scripts::make_sure(command_buffer &commands, const redis_table &table
 
 void redis_scripts::trim_log(command_buffer &commands, const redis_table &table, const writer_identity &writer) const
 {
-    trim.begin(commands, 2, 2);
+    trim.begin(commands, 2, 3);
     // The limit's changes, in entries like the latest ones.
     const uint64_t changes = table.latest_changes;
     const uint64_t entries = table.latest_entries;
     const uint64_t keep =
         writer.log_limit / changes * entries + (writer.log_limit % changes * entries + changes - 1) / changes;
     commands.add(table.log).add(table.readers).add(keep).add(writer.log_memory);
+    // More than are added until the next time, so that a log that became too long gets shorter.
+    commands.add(std::max<uint64_t>(2 * entries, 200));
 }
 
 void redis_script::begin(command_buffer &commands, size_t keys, size_t arguments) const
