@@ -275,8 +275,8 @@ redis.call('XADD', KEYS[3], '0-*', 'k', ARGV[1], 'w', ARGV[2], 'd', '')
 return 1
 )";
 
-// KEYS log, readers; ARGV how many entries are kept, how many bytes of them for readers that live, how many go at most: nobody
-// else is served meanwhile.
+// KEYS log, readers; ARGV how many entries are kept, how many bytes of them for readers that live, how many go at most:
+// nobody else is served meanwhile.
 // A reader's field holds the number up to which it has read, and when it is taken for dead, by the server's clock.
 constexpr char trim_text[] = R"(
 local function trim(how, to, surplus)
