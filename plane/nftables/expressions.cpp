@@ -16,7 +16,8 @@ namespace {
 
 using namespace packet;
 
-// Attributes at the end of a message. Once one has found no room, the others do nothing.
+// What a rule's expressions are made of: attributes at the end of a message. Once one has found no room, the others do
+// nothing.
 class Expressions {
   public:
     Expressions(nlmsghdr *message, size_t capacity) : message_(message), capacity_(capacity) {}

@@ -14,11 +14,18 @@ constexpr uint16_t lowest_type = 0x600;
 // What stands for the type of a frame that has a length instead: raw, or with a link control header.
 constexpr uint16_t raw_frame = 1, llc_frame = 4;
 
-enum Extension : uint8_t { hop_by_hop = 0, routing = 43, split = 44, authentication = 51, none = 59, options = 60 };
+enum Extension : uint8_t {
+    hop_by_hop = 0,
+    routing = 43,
+    fragment_header = 44,
+    authentication = 51,
+    none = 59,
+    options = 60
+};
 
 bool is_extension(uint8_t type)
 {
-    return type == hop_by_hop || type == routing || type == split || type == authentication || type == none ||
+    return type == hop_by_hop || type == routing || type == fragment_header || type == authentication || type == none ||
            type == options;
 }
 
@@ -151,9 +158,9 @@ class View {
                 walk.found = !wanted || walk.type == *wanted;
                 return walk;
             }
-            if (!has(walk.at, walk.type == routing || walk.type == split ? 4 : 2))
+            if (!has(walk.at, walk.type == routing || walk.type == fragment_header ? 4 : 2))
                 return {};
-            if (walk.type == split && (word(walk.at + 2) & ~7U) != 0)
+            if (walk.type == fragment_header && (word(walk.at + 2) & ~7U) != 0)
                 return end_at_later_fragment(walk, wanted);
             if (wanted ? walk.type == *wanted : walk.type == authentication) {
                 walk.found = true;
@@ -168,7 +175,7 @@ class View {
     {
         const uint8_t next = bytes_[walk.at];
         walk.later_fragment = true;
-        walk.found = wanted ? *wanted == split : !is_extension(next) || next == none;
+        walk.found = wanted ? *wanted == fragment_header : !is_extension(next) || next == none;
         walk.type = next;
         return walk;
     }
@@ -176,7 +183,9 @@ class View {
     void pass_header(Walk &walk) const
     {
         const size_t units = bytes_[walk.at + 1];
-        const size_t size = walk.type == split ? 8 : walk.type == authentication ? (units + 2) * 4 : (units + 1) * 8;
+        const size_t size = walk.type == fragment_header  ? 8
+                            : walk.type == authentication ? (units + 2) * 4
+                                                          : (units + 1) * 8;
         walk.type = bytes_[walk.at];
         walk.at += size;
     }

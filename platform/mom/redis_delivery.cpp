@@ -82,7 +82,7 @@ void redis_delivery::lose(redis_audience &to, uint64_t base, uint64_t last, int 
                                        .reason = more ? std::max(reason, to.lost->reason) : reason,
                                        .after = {},
                                        .found = {}};
-    first_ = queue_.size();
+    older_ = queue_.size();
 }
 
 void redis_delivery::tell_loss(redis_audience &to, uint64_t last, int reason)
@@ -103,7 +103,7 @@ redis_delivery::outcome redis_delivery::round()
         ~marker() { in_round = false; }
         bool &in_round;
     } mark(in_round_);
-    const bool older = first_ > 0;
+    const bool older = older_ > 0;
     bool recovering = false;
     int result = TQ_MOM_OK;
     for (size_t i = 0; !older && i < audiences_.size(); ++i) {
@@ -117,7 +117,7 @@ redis_delivery::outcome redis_delivery::round()
             result = recovered;
     }
     const auto end = std::chrono::steady_clock::now() + round_time;
-    for (unsigned told = 0; older ? first_ > 0 : !recovering && !queue_.empty(); deliver_next())
+    for (unsigned told = 0; older ? older_ > 0 : !recovering && !queue_.empty(); deliver_next())
         if (++told % changes_per_clock_read == 0 && std::chrono::steady_clock::now() >= end)
             break;
     return {older || recovering || !queue_.empty(), result};
@@ -133,7 +133,7 @@ void redis_delivery::deliver_next()
                     next.told);
     queue_bytes_ -= next.bytes();
     queue_.pop_front();
-    first_ -= first_ > 0 ? 1 : 0;
+    older_ -= older_ > 0 ? 1 : 0;
 }
 
 // One page of making up for lost changes. Where the store does not answer, the rest waits for the reconnection, which

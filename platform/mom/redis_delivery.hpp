@@ -98,7 +98,7 @@ class redis_delivery {
     std::vector<std::unique_ptr<redis_audience>> audiences_;
     std::deque<queued> queue_;
     size_t queue_bytes_ = 0;
-    size_t first_ = 0; ///< changes in the queue that came before what is lost
+    size_t older_ = 0; ///< changes in the queue that came before what is lost
     bool in_round_ = false;
 };
 
