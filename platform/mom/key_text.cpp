@@ -96,7 +96,7 @@ bool fits(ProtobufCType type, bool negative, uint64_t magnitude)
     return negative ? magnitude <= limit : magnitude < limit;
 }
 
-bool parse_number(std::string_view text, ProtobufCType type, uint64_t &raw)
+bool parse_key_number(std::string_view text, ProtobufCType type, uint64_t &raw)
 {
     if (text.size() < 2 || text.size() > 21)
         return false;
@@ -147,7 +147,7 @@ bool append_field_wire(std::string &out, const ProtobufCFieldDescriptor &field, 
 {
     if (is_number(field.type)) {
         uint64_t raw = 0;
-        if (!parse_number(text, field.type, raw))
+        if (!parse_key_number(text, field.type, raw))
             return false;
         if (raw != 0 || field.label == PROTOBUF_C_LABEL_REQUIRED)
             append_number_field(out, field, raw);

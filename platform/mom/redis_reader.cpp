@@ -31,7 +31,7 @@ constexpr milliseconds between_comparisons{5000};
 // Until the next attempt after a failure of this kind.
 constexpr milliseconds at_once{0};
 constexpr milliseconds after_attempt{50};
-constexpr milliseconds longest_pause{60'000};
+constexpr milliseconds longest_after_attempt{60'000};
 constexpr milliseconds after_refusal{50};
 constexpr milliseconds after_recovery{100};
 constexpr milliseconds after_lack_of_memory{1000};
@@ -120,7 +120,7 @@ void redis_reader::attempt()
     if (connect() == TQ_MOM_OK)
         return;
     const auto took = std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
-    reconnect_in(std::max({calls_.link().pause(), after_attempt, std::min(9 * took, longest_pause)}));
+    reconnect_in(std::max({calls_.link().pause(), after_attempt, std::min(9 * took, longest_after_attempt)}));
 }
 
 int redis_reader::connect()

@@ -146,7 +146,7 @@ bool take_key(SSL_CTX *context, const tls_files &files, trouble &why)
     return false;
 }
 
-context_ptr make_context(const tls_files &files, trouble &why)
+context_ptr make_tls_context(const tls_files &files, trouble &why)
 {
     context_ptr context(made(SSL_CTX_new(TLS_client_method())));
     SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
@@ -161,7 +161,7 @@ context_ptr make_context(const tls_files &files, trouble &why)
     return usable ? std::move(context) : nullptr;
 }
 
-bool is_numeric(const std::string &name)
+bool is_address(const std::string &name)
 {
     in6_addr address{};
     return inet_pton(AF_INET, name.c_str(), &address) == 1 || inet_pton(AF_INET6, name.c_str(), &address) == 1;
@@ -169,7 +169,7 @@ bool is_numeric(const std::string &name)
 
 void expect_name(SSL *ssl, const std::string &name)
 {
-    const bool set = is_numeric(name)
+    const bool set = is_address(name)
                          ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name.c_str()) == 1
                          : SSL_set1_host(ssl, name.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, name.c_str()) == 1;
     if (!set)
@@ -298,7 +298,7 @@ class openssl_transport : public tls_transport {
 std::unique_ptr<tls_transport> make_tls_transport(int fd, const std::string &server_name, const tls_files &files,
                                                   trouble &why)
 {
-    const auto context = make_context(files, why);
+    const auto context = make_tls_context(files, why);
     return context == nullptr ? nullptr : std::make_unique<openssl_transport>(fd, server_name, context);
 }
 

@@ -16,7 +16,7 @@ template <typename Number> bool parse_number(std::string_view text, Number &valu
     return parsed.ec == std::errc{} && parsed.ptr == text.data() + text.size();
 }
 
-int hex_digit(char digit)
+int hex_value(char digit)
 {
     int value = 0;
     return std::from_chars(&digit, &digit + 1, value, 16).ec == std::errc{} ? value : -1;
@@ -30,8 +30,8 @@ bool unescape(std::string_view text, std::string &out)
             out.push_back(text[i]);
             continue;
         }
-        const int high = i + 2 < text.size() ? hex_digit(text[i + 1]) : -1;
-        const int low = high >= 0 ? hex_digit(text[i + 2]) : -1;
+        const int high = i + 2 < text.size() ? hex_value(text[i + 1]) : -1;
+        const int low = high >= 0 ? hex_value(text[i + 2]) : -1;
         if (low < 0 || (high == 0 && low == 0))
             return false;
         out.push_back(static_cast<char>(high << 4 | low));

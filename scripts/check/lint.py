@@ -1,9 +1,8 @@
 #!/usr/bin/env -S python3 -B
 """clang-tidy finds nothing in app/, platform/, records/, plane/ and tools/.
 
-Most of its time goes into the headers that files include, so files of one folder and one compile command are looked at one
-behind the other, as a single text. What such a group is found guilty of counts only if a file of it is found guilty alone;
-nor do files stay together that have the same name for things of their own.
+Most of its time goes into the headers that files include, so the files that the build compiles together are looked at one
+behind the other, as a single text. What such a group is found guilty of counts only if a file of it is found guilty alone.
 
 A file that passed is not looked at again until it, a header of ours that it includes, its compile command, .clang-tidy,
 one of a room or clang-tidy itself changes: build-clang/lint/ keeps a stamp for each.
@@ -22,31 +21,33 @@ import sys
 from includes import closure, graph
 
 BUILD = "build-clang"
+TOGETHER = "build"
 ROOMS = ("app/", "platform/", "records/", "plane/", "tools/")
 TIDY = "clang-tidy-14"
-BYTES = 60_000  # of a group
 INCLUDE = re.compile(r'^ *# *include .*$', re.MULTILINE)
 
 
-def parts(name):
-    """the files of ours that are compiled with this one: what is compiled together is looked at together"""
-    if "/Unity/" not in name:
-        return [name]
+def database(build):
+    """(file from here, compile command) of everything that is built there"""
     root = os.getcwd() + os.sep
-    text = pathlib.Path(name).read_text(encoding="utf-8")
-    return [part.removeprefix(root) for part in re.findall(r'^#include "(.*)"$', text, re.MULTILINE)]
+    with open(f"{build}/compile_commands.json", encoding="utf-8") as file:
+        return [(entry["file"].removeprefix(root), entry["command"]) for entry in json.load(file)]
 
 
 def entries():
     """(file, compile command) of everything that the rooms build; generated headers are there once it is built"""
-    root = os.getcwd() + os.sep
     found = {}
-    with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as database:
-        for entry in json.load(database):
-            name = entry["file"].removeprefix(root)
-            if all(part.startswith(ROOMS) for part in parts(name)):
-                found.setdefault(name, entry["command"])  # tests compile some once more
+    for name, command in database(BUILD):
+        if name.startswith(ROOMS):
+            found.setdefault(name, command)  # tests compile some once more
     return sorted(found.items())
+
+
+def units():
+    """file -> the text that includes it, of those that are compiled together"""
+    root = os.getcwd() + os.sep
+    return {part.removeprefix(root): name for name, _ in database(TOGETHER) if "/Unity/" in name
+            for part in re.findall(r'^#include "(.*)"$', pathlib.Path(name).read_text(encoding="utf-8"), re.MULTILINE)}
 
 
 def flags(command):
@@ -61,53 +62,39 @@ def flags(command):
 
 def stamp_of(name, command, edges, common):
     digest = hashlib.sha256(common + command.encode())
-    for part in sorted(set().union(*(closure(part, edges) for part in parts(name)))):
+    for part in sorted(closure(name, edges)):
         digest.update(pathlib.Path(part).read_bytes())
     return pathlib.Path(BUILD, "lint", digest.hexdigest())
 
 
 def groups(jobs):
     """lists of (file, compile command, stamp), the largest first"""
-    alike = collections.defaultdict(list)
+    together, unit = collections.defaultdict(list), units()
     for job in jobs:
         name, command, _ = job
-        alone = name if len(parts(name)) > 1 else None
-        alike[os.path.dirname(name), os.path.splitext(name)[1], tuple(flags(command)), alone].append(job)
-    found = []
-    for together in alike.values():
-        group, size = [], 0
-        for job in together:
-            if size > BYTES:
-                found.append(group)
-                group, size = [], 0
-            group.append(job)
-            size += os.path.getsize(job[0])
-        found.append(group)
-    weight = {id(group): sum(os.path.getsize(part) for job in group for part in parts(job[0])) for group in found}
-    return sorted(found, key=lambda group: -weight[id(group)])
+        together[unit.get(name, name), tuple(flags(command))].append(job)
+    return sorted(together.values(), key=lambda group: -sum(os.path.getsize(name) for name, _, _ in group))
 
 
 def tidy_alone(name):
-    only = ["--checks=-bugprone-suspicious-include"] if len(parts(name)) > 1 else []
-    return subprocess.run([TIDY, "-p", BUILD, "--quiet", *only, name], capture_output=True, text=True)
+    return subprocess.run([TIDY, "-p", BUILD, "--quiet", name], capture_output=True, text=True)
 
 
 def passes_together(group):
-    """The text stands, for clang-tidy, in the files' own folder, whose settings hold. What a file declares for itself shadows
+    """The text stands, for clang-tidy, in the first file's own folder, whose settings hold. What a file declares for itself shadows
     nothing of its neighbour's: that is the compiler's to tell, which sees each alone."""
     first, command, stamp = group[0]
-    folder, suffix = os.path.dirname(os.path.abspath(first)), os.path.splitext(first)[1]
+    folders = list(dict.fromkeys(os.path.dirname(os.path.abspath(name)) for name, _, _ in group))
+    suffix = os.path.splitext(first)[1]
     text = stamp.absolute().with_suffix(suffix)
     text.write_text("\n".join(pathlib.Path(name).read_text(encoding="utf-8") for name, _, _ in group), encoding="utf-8")
-    words, seen = [*flags(command), "-iquote", folder], f"{folder}/together{suffix}"
-    overlay = stamp.with_suffix(".yaml").absolute()
+    seen, overlay = f"{folders[0]}/together{suffix}", stamp.with_suffix(".yaml").absolute()
     overlay.write_text(json.dumps({"version": 0, "roots": [
         {"type": "file", "name": seen, "external-contents": str(text)}]}), encoding="utf-8")
-    compiler = "clang++-14" if suffix == ".cpp" else "clang-14"
-    run = {"cwd": BUILD, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-    passed = not subprocess.run([compiler, *words, "-w", "-fsyntax-only", text], **run).returncode and not subprocess.run(
-        [TIDY, "--quiet", f"--vfsoverlay={overlay}", "--checks=-readability-duplicate-include", seen, "--", *words, "-Wno-shadow"],
-        **run).returncode
+    quoted = [word for folder in folders for word in ("-iquote", folder)]
+    passed = not subprocess.run(
+        [TIDY, "--quiet", f"--vfsoverlay={overlay}", "--checks=-readability-duplicate-include", seen, "--", *flags(command), *quoted,
+         "-Wno-shadow"], cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
     text.unlink()
     overlay.unlink()
     return passed
@@ -139,8 +126,9 @@ def included_twice(edges):
 
 
 def main():
-    if subprocess.run(["scripts/clang-build", "plx_program"], stdout=subprocess.DEVNULL).returncode:
-        return 1
+    for command in ["scripts/configure", "release", TOGETHER], ["scripts/clang-build", "plx_program"]:
+        if subprocess.run(command, stdout=subprocess.DEVNULL).returncode:
+            return 1
     edges, _ = graph()
     version = subprocess.run([TIDY, "--version"], capture_output=True, check=True).stdout
     common = version + b"".join(pathlib.Path(p).read_bytes() for p in (".clang-tidy", "app/.clang-tidy", "platform/.clang-tidy"))
@@ -149,7 +137,7 @@ def main():
     fresh = groups(job for job in jobs if not job[2].exists())
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         bad = sum(pool.map(lint, fresh)) + included_twice(edges)
-    print(f"lint: {sum(len(parts(name)) for name, _, _ in jobs)} files, {len(fresh)} groups to look at, {bad} with findings")
+    print(f"lint: {len(jobs)} files, {len(fresh)} groups to look at, {bad} with findings")
     return 1 if bad or not jobs else 0
 
 

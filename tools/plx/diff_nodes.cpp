@@ -14,7 +14,6 @@ namespace plx::tool {
 namespace {
 
 constexpr milliseconds longest_call{500}, longest_answer{5000};
-constexpr size_t item_width = 32;
 
 class NodesDiff {
   public:

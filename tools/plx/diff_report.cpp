@@ -16,8 +16,6 @@ namespace plx::tool {
 
 namespace {
 
-constexpr size_t item_width = 32;
-
 void object(const std::string &text)
 {
     output().line("objection", {{"text", text}});

@@ -7,6 +7,8 @@
 
 namespace plx::tool {
 
+constexpr size_t item_width = 32; // characters, of the column that names what differs
+
 // "edge_filter: 2 to add, 1 to change, 1 to remove, 70 unchanged", and a line for each; with --json the same as lines
 // of type "change". EXIT_DIFFERS, or EXIT_DONE where there are none.
 int tell_changes(const std::string &application, const std::vector<ItemChange> &changes, size_t unchanged);

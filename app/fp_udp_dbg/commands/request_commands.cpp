@@ -82,7 +82,7 @@ int on_dump_pending(int, const ssat_value *)
     return 0;
 }
 
-constexpr command commands[] = {
+constexpr command request_commands[] = {
     {"plx_counters", "$n", on_counters},
     {"plx_dump_pending", "$n", on_dump_pending},
     {"plx_cache_digest", "app_type=%s, part=%d, $n", on_cache_digest},
@@ -105,7 +105,7 @@ extern "C" int32_t plx_register_debug_commands(void *g_ssd_fp_global)
         report<Error>("ssat lib init fail");
         return FP_UDP_REFUSED;
     }
-    for (const command &c : commands)
+    for (const command &c : request_commands)
         if (ssat_reg_mod_cmd(module.text, c.name, 0, c.arguments, c.handler) != 0) {
             report<Error>("ssat does not take the command %s", c.name);
             return FP_UDP_REFUSED;

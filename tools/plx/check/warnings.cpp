@@ -13,7 +13,15 @@ using namespace plane::packet;
 namespace {
 
 // In the order of their names.
-enum class Kind : uint8_t { contradiction, refused, no_verdict, no_match, shadowed, default_shadowed, one_range };
+enum class WarningKind : uint8_t {
+    contradiction,
+    refused,
+    no_verdict,
+    no_match,
+    shadowed,
+    default_shadowed,
+    one_range
+};
 
 bool has(const PolicyEntry &entry, fp_udp_attr_class cls, std::initializer_list<std::string_view> names)
 {
@@ -73,13 +81,13 @@ class Finder {
         const CompiledEntry whole = compile_entry(entry.attributes(), numbers_.config());
         const Compiled &compiled = whole.compiled;
         if (compiled.status == Status::contradiction)
-            warn(entry, Kind::contradiction, "no frame can match: " + compiled.text);
+            warn(entry, WarningKind::contradiction, "no frame can match: " + compiled.text);
         else if (compiled.status == Status::out_of_range)
-            warn(entry, Kind::refused, "nodes refuse it: " + compiled.text);
+            warn(entry, WarningKind::refused, "nodes refuse it: " + compiled.text);
         if (!has(entry, FP_UDP_ATTR_ACTION, {"fwd", "redirect", "trap_id"}))
-            warn(entry, Kind::no_verdict, "no verdict, so it permits; 'fwd: permit' says that it is meant");
+            warn(entry, WarningKind::no_verdict, "no verdict, so it permits; 'fwd: permit' says that it is meant");
         if (!entry.is_default && !has(entry, FP_UDP_ATTR_FIELD, {}))
-            warn(entry, Kind::no_match, "matches every frame; 'default: true' says that it is meant");
+            warn(entry, WarningKind::no_match, "matches every frame; 'default: true' says that it is meant");
         note_ports(entry);
         if (compiled.status != Status::ok || compiled.rules.empty() || (compiled.unless_default && has_default))
             return;
@@ -97,7 +105,7 @@ class Finder {
                 return false;
             first = first == nullptr ? decider : first;
         }
-        warn(entry, entry.is_default ? Kind::default_shadowed : Kind::shadowed,
+        warn(entry, entry.is_default ? WarningKind::default_shadowed : WarningKind::shadowed,
              std::string(entry.is_default ? "the default entry is " : "") + "never asked: " + line_of(*first->entry) +
                  " comes first and takes all that it matches (" + std::string(verdict_word(first->verdict)) + ')');
         return true;
@@ -112,7 +120,7 @@ class Finder {
     }
 
     // One of each kind at a place: there may be many entries.
-    void warn(const PolicyEntry &entry, Kind kind, const std::string &text)
+    void warn(const PolicyEntry &entry, WarningKind kind, const std::string &text)
     {
         const std::string &name = kinds_of_warnings()[static_cast<size_t>(kind)];
         if (std::find(ignored_.begin(), ignored_.end(), name) == ignored_.end() && told_.emplace(entry.at, kind).second)
@@ -161,7 +169,7 @@ class Finder {
             entry = other->at < entry->at ? other : entry;
         const std::string text =
             std::string(range) + ": " + std::to_string(ports.front().first) + '-' + std::to_string(ports.back().first);
-        warn(*entry, Kind::one_range,
+        warn(*entry, WarningKind::one_range,
              "one of " + std::to_string(ports.size()) + " that differ in the port alone; '" + text +
                  "' says it in one");
     }
@@ -170,7 +178,7 @@ class Finder {
     const std::vector<std::string> &ignored_; // kinds
     Numbers numbers_;
     Warnings warnings_;
-    std::set<std::pair<Position, Kind>> told_;
+    std::set<std::pair<Position, WarningKind>> told_;
     std::unordered_map<std::string, Alike> alike_;
 };
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int deepest = 16; // groups in groups
 
-struct Rule {
+struct CiscoRule {
     int line;
     std::string text;
     std::vector<std::string> words; // from "permit" or "deny" on
@@ -20,7 +20,7 @@ struct Rule {
 
 struct List {
     bool ipv6 = false, standard = false;
-    std::map<uint64_t, std::vector<Rule>> rules{}; // by sequence number
+    std::map<uint64_t, std::vector<CiscoRule>> rules{}; // by sequence number
     uint64_t last = 0;
     std::string remark{};
 };
@@ -89,9 +89,9 @@ const std::map<std::string, std::pair<int, int>> &icmpv6_words()
     return words;
 }
 
-class Reader {
+class CiscoReader {
   public:
-    Reader(const Options &options, Draft &draft) : options_(options), draft_(draft) {}
+    CiscoReader(const Options &options, Draft &draft) : options_(options), draft_(draft) {}
 
     void read(std::istream &in)
     {
@@ -101,7 +101,7 @@ class Reader {
         const std::string name = list_name();
         const List &list = lists_[name];
         for (const auto &[sequence, rules] : list.rules)
-            for (const Rule &rule : rules)
+            for (const CiscoRule &rule : rules)
                 add(list, rule);
         for (const char *type : {"135", "136"}) { // neighbours find each other before IPv6 is denied
             Matches neighbours;
@@ -211,7 +211,7 @@ class Reader {
     // Where the list is applied, unless the command says where.
     void apply(const std::string &name)
     {
-        for (const Rule &applied : applied_) {
+        for (const CiscoRule &applied : applied_) {
             const std::string &direction = applied.words[1], &interface = applied.words[2];
             if (applied.words[0] != name || !options_.port.empty())
                 continue;
@@ -226,7 +226,7 @@ class Reader {
         }
     }
 
-    void add(const List &list, const Rule &rule)
+    void add(const List &list, const CiscoRule &rule)
     {
         std::optional<bool> permits;
         try {
@@ -489,7 +489,7 @@ class Reader {
     Draft &draft_;
     std::map<std::string, List> lists_;
     std::string current_, interface_;
-    std::vector<Rule> applied_;
+    std::vector<CiscoRule> applied_;
     std::map<std::string, Group> groups_;
     Group *group_ = nullptr; // the one that is being defined
 };
@@ -498,7 +498,7 @@ class Reader {
 
 void read_cisco(std::istream &in, const Options &options, Draft &draft)
 {
-    Reader(options, draft).read(in);
+    CiscoReader(options, draft).read(in);
 }
 
 } // namespace plx::tool::import

@@ -11,15 +11,15 @@ namespace plx::tool::import {
 
 namespace {
 
-struct Rule {
+struct IptablesRule {
     int line;
     std::string text;
     std::vector<std::string> words; // behind the chain's name
 };
 
-struct Chain {
+struct IptablesChain {
     std::string policy; // "-" of a user's chain
-    std::vector<Rule> rules{};
+    std::vector<IptablesRule> rules{};
 };
 
 // What a rule's words come to.
@@ -32,9 +32,9 @@ struct Meaning {
     bool conditional = false;
 };
 
-class Reader : Chains<Rule> {
+class IptablesReader : Chains<IptablesRule> {
   public:
-    Reader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
+    IptablesReader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
 
     void read(std::istream &in)
     {
@@ -103,18 +103,18 @@ class Reader : Chains<Rule> {
 
     void decide(const Matches &frames) override { draft_.add(family(frames), permits_rest(), "policy-" + first_); }
 
-    void refuse(const Rule &rule, const std::string &why) override
+    void refuse(const IptablesRule &rule, const std::string &why) override
     {
         draft_.refuse(rule.line, rule.text, why, permits(rule));
     }
 
-    static std::string target_of(const Rule &rule)
+    static std::string target_of(const IptablesRule &rule)
     {
         const auto jump = std::find(rule.words.begin(), rule.words.end(), "-j");
         return jump == rule.words.end() || jump + 1 == rule.words.end() ? "" : jump[1];
     }
 
-    static std::optional<bool> permits(const Rule &rule)
+    static std::optional<bool> permits(const IptablesRule &rule)
     {
         const std::string target = target_of(rule);
         if (target == "ACCEPT")
@@ -122,7 +122,7 @@ class Reader : Chains<Rule> {
         return target == "DROP" || target == "REJECT" ? std::optional(false) : std::nullopt;
     }
 
-    bool apply(const Rule &rule, Matches &frames) override
+    bool apply(const IptablesRule &rule, Matches &frames) override
     {
         if (const std::string target = target_of(rule); target == "LOG" || target == "NFLOG") {
             draft_.note(target + " is left out: what is let through stays the same");
@@ -383,7 +383,7 @@ class Reader : Chains<Rule> {
     const Options &options_;
     Draft &draft_;
     std::string table_ = "filter";
-    std::map<std::string, Chain> chains_;
+    std::map<std::string, IptablesChain> chains_;
     std::string first_; // chain
     bool ipv6_ = false;
 };
@@ -392,7 +392,7 @@ class Reader : Chains<Rule> {
 
 void read_iptables(std::istream &in, const Options &options, Draft &draft)
 {
-    Reader(options, draft).read(in);
+    IptablesReader(options, draft).read(in);
 }
 
 } // namespace plx::tool::import

@@ -17,15 +17,15 @@ using nlohmann::json;
 constexpr size_t most_bytes = 256U << 20U; // of a file
 constexpr int deepest_text = 64;           // of its brackets
 
-struct Rule {
+struct NftRule {
     int number; // in the file
     json text;
 };
 
-struct Chain {
+struct NftChain {
     std::string policy = "accept";
     bool base = false;
-    std::vector<Rule> rules{};
+    std::vector<NftRule> rules{};
 };
 
 const json &flags_of()
@@ -51,9 +51,9 @@ std::string scalar(const json &value)
     throw Unsaid("the value " + value.dump().substr(0, 60) + " cannot be said");
 }
 
-class Reader : Chains<Rule> {
+class NftReader : Chains<NftRule> {
   public:
-    Reader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
+    NftReader(const Options &options, Draft &draft) : Chains(draft), options_(options), draft_(draft) {}
 
     void read(std::istream &in)
     {
@@ -88,7 +88,7 @@ class Reader : Chains<Rule> {
     void take(int number, const json &object)
     try {
         if (object.contains("chain")) {
-            Chain &chain = chains_[key(object["chain"], "name")];
+            NftChain &chain = chains_[key(object["chain"], "name")];
             chain.base = object["chain"].contains("hook");
             if (object["chain"].contains("policy"))
                 chain.policy = text_at(object["chain"], "policy");
@@ -127,7 +127,7 @@ class Reader : Chains<Rule> {
         draft_.add(family(frames), permits_rest(), "policy");
     }
 
-    void refuse(const Rule &rule, const std::string &why) override
+    void refuse(const NftRule &rule, const std::string &why) override
     {
         const json parts = rule.text.value("expr", json::array());
         draft_.refuse(rule.number, parts.dump().substr(0, 200), why, verdict_of(parts));
@@ -144,7 +144,7 @@ class Reader : Chains<Rule> {
         return std::nullopt;
     }
 
-    bool apply(const Rule &rule, Matches &outer) override
+    bool apply(const NftRule &rule, Matches &outer) override
     try {
         table_ = text_at(rule.text, "family") + ' ' + text_at(rule.text, "table") + ' ';
         Matches matches = outer;
@@ -487,7 +487,7 @@ class Reader : Chains<Rule> {
 
     const Options &options_;
     Draft &draft_;
-    std::map<std::string, Chain> chains_;
+    std::map<std::string, NftChain> chains_;
     std::map<std::string, json> sets_;
     std::string table_;
     std::string first_; // chain
@@ -497,7 +497,7 @@ class Reader : Chains<Rule> {
 
 void read_nft(std::istream &in, const Options &options, Draft &draft)
 {
-    Reader(options, draft).read(in);
+    NftReader(options, draft).read(in);
 }
 
 } // namespace plx::tool::import
