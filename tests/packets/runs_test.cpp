@@ -72,6 +72,9 @@ TEST(Layers, keep_the_order_where_it_matters)
             }
         }
     }
+    for (const auto &each : all)
+        layers.remove(*each);
+    EXPECT_TRUE(layers.places().empty());
     EXPECT_GT(taken, 500U);
     EXPECT_GT(moved, 100U);
 }
