@@ -215,6 +215,7 @@ int register_commands()
         {"throw", "$n", throw_error},
         {"die", "$n", [](int, const ssat_value *) -> int { _exit(0); }},
         {"loop", "$n", run_loop},
+        {"mute", "$n", [](int, const ssat_value *) { return close(STDERR_FILENO); }},
         {"straight", "$n", [](int, const ssat_value *) { return write(STDOUT_FILENO, "straight", 8) == 8 ? 0 : -1; }}};
     for (const auto &[name, description, handler] : commands)
         if (const int error = ssat_reg_mod_cmd(module_name, name, 0, description, handler))

@@ -11,6 +11,7 @@
 //     ahead MS                                    the loop's clock passes over a time in which the process stood still
 //     busy                                        the next timer of libuv starts when its time is already over
 //     free; refusals                              another loop instead; what cannot be done
+//     no_input                                    standard input is closed: what is opened next has its number
 //     timeval S,US; text SIZE                     in us, ms, s; the time as text
 #include "support/transcript.hpp"
 #include "tq_loop.h"
@@ -88,6 +89,8 @@ class Time : public plx::Transcript {
         tq_loop_free(master);
         for (auto &[name, watch] : watches)
             close(watch.fd[0]), close(watch.fd[1]);
+        if (input >= 0)
+            dup2(input, STDIN_FILENO), close(input);
     }
 
   private:
@@ -114,7 +117,8 @@ class Time : public plx::Transcript {
 
     tq_thread_master *master = tq_loop_new();
     std::string heard;
-    int ran = 0; // callbacks
+    int ran = 0;    // callbacks
+    int input = -1; // what was standard input
     uint64_t inserted_ms = 0;
     std::list<Timer> timers;
     std::map<std::string, tq_thread *> handles;
@@ -287,6 +291,8 @@ void Time::act(const Words &words)
         tq_loop_free(std::exchange(master, tq_loop_new()));
     else if (verb == "refusals")
         refusals();
+    else if (verb == "no_input")
+        input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), close(STDIN_FILENO);
     else if (verb == "run" || verb == "once" || verb == "nested")
         run(words);
     else if (verb != "stop")
