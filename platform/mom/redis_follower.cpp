@@ -51,7 +51,7 @@ bool redis_follower::goes_first(const followed &of) const
 int redis_follower::position(const redis_table &table, log_position &out)
 {
     int result = TQ_MOM_OK;
-    for (const asked what : {asked{.latest = true, .state = true}, {.latest = false, .state = true}, {true, false}}) {
+    for (const facts what : {facts{.latest = true, .state = true}, {.latest = false, .state = true}, {true, false}}) {
         result = ask_position(table, what);
         if (result == TQ_MOM_OK)
             return stands(what, out);
@@ -62,7 +62,7 @@ int redis_follower::position(const redis_table &table, log_position &out)
 }
 
 // A log's state has its first change in it.
-int redis_follower::ask_position(const redis_table &table, asked what)
+int redis_follower::ask_position(const redis_table &table, facts what)
 {
     return calls_.ask([&](command_buffer &commands) {
         commands.command("HMGET", table.meta, "epoch", "format");
@@ -75,7 +75,7 @@ int redis_follower::ask_position(const redis_table &table, asked what)
 }
 
 // Without a log, it has no state; that is no error.
-int redis_follower::stands(asked what, log_position &out)
+int redis_follower::stands(facts what, log_position &out)
 {
     const auto epoch = calls_.link().replies();
     const auto none = epoch.at(epoch.size());
@@ -105,7 +105,7 @@ int redis_follower::stands(asked what, log_position &out)
 
 // Each log that a client waits for costs the server time with every answer: while some tell changes, the others are
 // left out for a moment.
-redis_follower::scope redis_follower::question(command_buffer &into, unsigned entries,
+redis_follower::scope redis_follower::question(command_buffer &into, unsigned entries, std::chrono::milliseconds wait,
                                                std::chrono::milliseconds busy_wait)
 {
     const auto tells = [this](const auto &each) { return !each->audience.aside && each->heard >= whole_question_; };
@@ -119,7 +119,7 @@ redis_follower::scope redis_follower::question(command_buffer &into, unsigned en
     into.clear();
     into.begin(6 + 2 * read.size());
     into.add("XREAD").add("COUNT").add(entries).add("BLOCK");
-    into.add(busy ? static_cast<unsigned>(busy_wait.count()) : longest_wait_ms).add("STREAMS");
+    into.add(static_cast<unsigned>((busy ? busy_wait : wait).count())).add("STREAMS");
     for (const auto *each : read)
         into.add(each->table().log);
     for (const auto *each : read)

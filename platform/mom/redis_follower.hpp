@@ -23,7 +23,7 @@
 namespace mom {
 
 /// The server answers a question after so long, whether there is a change or not.
-constexpr unsigned longest_wait_ms = 4000;
+constexpr std::chrono::milliseconds longest_wait{4000};
 
 class redis_follower {
   public:
@@ -34,9 +34,11 @@ class redis_follower {
     [[nodiscard]] int subscribe(redis_table &table, const key_range &range, change_sink &sink, bool &added);
 
     enum class scope : uint8_t { nothing, busy, all };
-    /// Puts a question into the buffer, unless there is nothing to ask. With a `busy_wait` it names only the logs that
-    /// have told something since all were asked, if any has, and waits for them no longer than that.
-    scope question(command_buffer &into, unsigned entries, std::chrono::milliseconds busy_wait);
+    /// Puts a question into the buffer, unless there is nothing to ask: the server holds it for as long as `wait`. With
+    /// a `busy_wait` it names only the logs that have told something since all were asked, if any has, and waits for
+    /// them no longer than that.
+    scope question(command_buffer &into, unsigned entries, std::chrono::milliseconds wait,
+                   std::chrono::milliseconds busy_wait);
     /// Takes the latest question's answer in; false when it is none.
     bool accept(reply_view reply);
 
@@ -68,12 +70,12 @@ class redis_follower {
     followed *find(std::string_view log);
     bool goes_first(const followed &of) const;
     [[nodiscard]] int position(const redis_table &table, log_position &out);
-    struct asked {
+    struct facts {
         bool latest; ///< change of the log
         bool state;
     };
-    [[nodiscard]] int ask_position(const redis_table &table, asked what);
-    [[nodiscard]] int stands(asked what, log_position &out);
+    [[nodiscard]] int ask_position(const redis_table &table, facts what);
+    [[nodiscard]] int stands(facts what, log_position &out);
     bool accept_stream(reply_view stream);
     bool accept_entry(followed &of, const log_entry &entry, bool ours);
     [[nodiscard]] int settle(followed &of);

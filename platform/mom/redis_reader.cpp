@@ -22,7 +22,7 @@ constexpr milliseconds busy_answer{3};
 constexpr milliseconds remind_pause{2};
 constexpr milliseconds sending_time{1000};
 constexpr milliseconds look_pause{1000};
-constexpr milliseconds longest_silence{longest_wait_ms + 5000};
+constexpr milliseconds longest_silence = longest_wait + milliseconds{5000};
 constexpr milliseconds between_takes{1};
 constexpr milliseconds between_sayings{5000};
 constexpr milliseconds between_quick_sayings{100};
@@ -33,6 +33,7 @@ constexpr milliseconds at_once{0};
 constexpr milliseconds after_attempt{50};
 constexpr milliseconds longest_after_attempt{60'000};
 constexpr milliseconds after_refusal{50};
+constexpr milliseconds wait_after_refusal{1};
 constexpr milliseconds after_recovery{100};
 constexpr milliseconds after_lack_of_memory{1000};
 
@@ -251,7 +252,8 @@ bool redis_reader::accept_answer()
     const int parsed = line_.connection->parse();
     if (parsed == 0)
         return false;
-    if (parsed < 0 || !follower_.accept(line_.connection->replies()))
+    refused_ = parsed < 0 || !follower_.accept(line_.connection->replies());
+    if (refused_)
         return reconnect_in(after_refusal), false;
     const bool usual = line_.connection->tape().bytes() <= usual_answer;
     pace_.entries = usual ? std::min(pace_.entries * 2, entries_per_read) : std::max(pace_.entries / 2, 1u);
@@ -292,10 +294,12 @@ bool redis_reader::question()
     if (life_ != life::idle || delivery_.has_enough())
         return false;
     const auto now = steady_clock::now();
-    const auto scope =
-        follower_.question(commands_, pace_.entries, now - pace_.asked_all < busy_time ? busy_time : milliseconds{0});
-    if (scope == redis_follower::scope::nothing)
+    const auto scope = follower_.question(commands_, pace_.entries, refused_ ? wait_after_refusal : longest_wait,
+                                          now - pace_.asked_all < busy_time ? busy_time : milliseconds{0});
+    if (scope == redis_follower::scope::nothing) {
+        refused_ = false;
         return false;
+    }
     become(life::asked);
     pace_.asked = now;
     pace_.busy = scope == redis_follower::scope::busy;

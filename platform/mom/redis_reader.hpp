@@ -44,7 +44,7 @@ class redis_reader {
     /// The server has lost what we wrote to this table. Who counts on answers is told: a new history.
     void lost_own(const redis_table &table);
     /// False while changes of what was subscribed to cannot be heard.
-    bool hears() const { return life_ != life::off || !follower_.follows(); }
+    bool hears() const { return (life_ != life::off && !refused_) || !follower_.follows(); }
 
   private:
     enum class life : uint8_t { off, idle, asked, stale };
@@ -98,6 +98,7 @@ class redis_reader {
 
     redis_calls &calls_;
     std::function<void()> look_for_own_;
+    bool refused_ = false;  ///< the latest question was, and none was answered since
     bool lost_own_ = false; ///< and nobody was told so far
     tq_thread_master *master_;
     redis_delivery delivery_{calls_};

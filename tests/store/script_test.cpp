@@ -191,6 +191,8 @@ class scenario : public store_users, public plx::Transcript {
             return tq_mom_client_connect_sync(context, 8);
         if (verb == "state")
             return tq_mom_state_get(context, 8, 0) != TQ_MOM_OK;
+        if (verb == "deaf")
+            return hears_within(context, 50);
         if (verb == "batch")
             return who.collected = 0, who.batching = true, tq_mom_batch_begin(context);
         if (verb == "send")
@@ -203,6 +205,17 @@ class scenario : public store_users, public plx::Transcript {
         if (verb == "set" || verb == "merge" || verb == "del")
             return write(who, verb, record);
         return select(who, verb, record, words);
+    }
+
+    // How often in so many turns of the loop.
+    static int hears_within(tq_context *context, int turns)
+    {
+        int times = 0;
+        while (turns-- > 0) {
+            tq_loop_run_once(context->master, 10);
+            times += tq_mom_state_get(context, 8, 0) == TQ_MOM_OK;
+        }
+        return times;
     }
 
     int write(actor &who, const std::string &verb, const text_record &record)
