@@ -425,6 +425,7 @@ TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes
     plane_.reset();
     output_of("nft flush ruleset");
     start();
+    EXPECT_EQ("", plane_->holder());
     const std::vector<Change> changes{entry(10, "-> fwd=deny"), entry(20, "-> fwd=permit"), applied(apply_to(1))};
     program(changes);
     EXPECT_THAT(plane_->look(), IsEmpty());
