@@ -22,7 +22,8 @@
 //                                   so does what a simulated plane is told to take
 //     fill 600 edge                 the application asks for so many entries
 //     fail 3; paused 100            so many writes of answers fail; whether the node waited so long behind each
-//     ask 40; answers 16            so many questions about its plane at once; waits until there are so many answers
+//     ask 40 [0/9/0]; answers 16    so many questions at once about each plane, or that of the node of this name; waits
+//                                   until there are so many answers
 //     unsent 1                      so many answers to questions are not taken
 //     unreadable 1                  so many scans by the nodes fail
 //     lose 2                        so many counter records never arrive, as their bracket tells at its end
@@ -451,11 +452,11 @@ std::string NodeSession::called(const Words &words)
 
 std::string NodeSession::ask(const Words &words)
 {
-    Record question(plx_node__node_query__descriptor);
-    for (int number = std::stoi(words[1]); number > 0; --number) {
-        question.set_number("nonce", static_cast<uint64_t>(number));
-        EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, question.message()));
-    }
+    PlxNode__NodeQuery question = PLX_NODE__NODE_QUERY__INIT;
+    std::string node = words.size() > 2 ? words[2] : "";
+    question.node = node.data();
+    for (question.nonce = std::stoul(words[1]); question.nonce > 0; --question.nonce)
+        EXPECT_EQ(0, tq_mom_set_sync(application_.get(), db, &question.base));
     for (int turn = 0; turn < 100; ++turn)
         tq_loop_run_once(loop_.get(), 0);
     return {};
