@@ -8,8 +8,8 @@
 // plane for as long as that took (take_changes): each call has its price, and a change in quiet times does not wait.
 // Where notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call,
 // when the plane lost something - the node reads the tables and makes only what differs (compare). A request is
-// answered once, however often it is seen. What the node wrote about an entry goes with it; what is left of entries
-// that went while no node was there is looked for a while after the start.
+// answered once, however often it is seen. What the node wrote about an entry goes with it, and so does what another
+// node left of one that went (leftovers.hpp).
 //
 // What the store lost, rather than that somebody took it away, stays programmed for a while (hold.hpp).
 //
@@ -17,13 +17,16 @@
 // plane beat on their way, and counters are published so many in a second, in turns.
 //
 // Changes that an application stages are left alone until they are to be made together (commits.hpp); then the tables
-// are compared. How answers reach the store is in outbox.hpp, what the node says of itself in report.hpp and
-// inquiries.hpp.
+// are compared. How answers reach the store is in outbox.hpp, counters in counter_records.hpp; what the node says of
+// itself is in life.hpp, report.hpp and inquiries.hpp.
 #pragma once
 
 #include "plane/commits.hpp"
+#include "plane/counter_records.hpp"
 #include "plane/hold.hpp"
 #include "plane/inquiries.hpp"
+#include "plane/leftovers.hpp"
+#include "plane/life.hpp"
 #include "plane/outbox.hpp"
 #include "plane/plane.hpp"
 #include "plane/report.hpp"
@@ -92,11 +95,8 @@ class Node {
 
   private:
     // What was last asked for under a key, and what became of it.
-    struct Entry : Standing {
-        Counters published{};
-        uint32_t seen = 0;    // the last comparison that found it in the store
-        bool told = false;    // `published` is what its counter record holds
-        bool counted = false; // there may be such a record
+    struct Entry : Standing, CounterRecord {
+        uint32_t seen = 0; // the last comparison that found it in the store
     };
     using Entries = std::unordered_map<Key, Entry, KeyHash>;
 
@@ -124,14 +124,11 @@ class Node {
     static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_call(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg);
-    static int32_t on_leftover(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
 
     int subscribe();
     void take_up_installed();
     void take_changes();
 
-    void clear_leftovers();
-    bool is_leftover(const Key &key);
     void compare();
     bool compare(const std::string *app);
     bool scan(Comparison &comparison);
@@ -151,16 +148,8 @@ class Node {
     bool current(const Key &key, uint64_t request) const;
 
     void watch_plane();
-
-    void beat();
-    void show_life();
-    void keep_beating();
-    void show_life_when_due();
-    void report_soon();
-    void report();
-    void publish_counters();
-    Entry *publish(const AceKey &ace, const Counters &counters);
-    int write(const Key &ace, const Counters &counters);
+    std::optional<uint64_t> publish_report();
+    CounterRecord *counter_record(const Key &key);
 
     NodeOptions options_;
     Plane &plane_;
@@ -169,18 +158,17 @@ class Node {
     uint32_t comparisons_ = 0;
     std::vector<Change> inbox_;
     milliseconds gather_until_{0}; // changes that come before wait for each other
-    bool cleared_ = false;         // what entries had left that went before this node was there
     Commits commits_;
     Hold hold_;
     Outbox outbox_;
     Report report_;
+    Life life_;
+    Leftovers leftovers_;
+    CounterRecords counter_records_;
     Inquiries inquiries_;
     Watch watch_; // of the plane's descriptor
-    milliseconds next_beat_{0}, next_report_{0}, last_heartbeat_{now()};
-    uint64_t heartbeats_ = 0, failed_heartbeats_ = 0;
     Histogram plane_calls_;
-    std::vector<std::pair<AceKey, Counters>> read_; // counters that have not had their turn
-    Timer inbox_timer_, compare_timer_, heartbeat_timer_, counter_timer_, leftover_timer_, report_timer_;
+    Timer inbox_timer_, compare_timer_;
 };
 
 } // namespace plx::plane

@@ -50,7 +50,7 @@ void Node::take_up_installed()
         tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &Node::on_answered, &answered);
     }
     for (const auto &[key, programmed] : installed) {
-        keep_beating();
+        life_.keep_beating();
         const auto answer = answered.requests.find(key);
         const bool settled = answer != answered.requests.end() && answer->second == programmed.request;
         Entry &entry = entries_[key];
@@ -64,7 +64,7 @@ void Node::take_up_installed()
 int32_t Node::on_answered(void *, const tq_mom_notification *notification, void *arg)
 {
     auto *answered = static_cast<Answered *>(arg);
-    answered->node->keep_beating();
+    answered->node->life_.keep_beating();
     if (const auto key = key_of(notification->record); key && notification->result == 0)
         answered->requests[*key] = number_field(notification->record, "rep_uuid");
     return 0;
@@ -117,8 +117,8 @@ bool Node::compare(const std::string *app)
     std::move(comparison.found.begin(), comparison.found.end(), std::back_inserter(changes));
     program(changes, app != nullptr ? changes.size() : changes_per_step);
     outbox_.send();
-    if (app == nullptr && !cleared_)
-        leftover_timer_.start_unless_pending(options_.leftovers);
+    if (app == nullptr)
+        leftovers_.compared();
     return true;
 }
 
@@ -157,7 +157,7 @@ int32_t Node::on_copy(void *, const tq_mom_notification *notification, void *arg
 {
     auto *comparison = static_cast<Comparison *>(arg);
     for_each_copied(notification->record, [comparison](const ProtobufCMessage &record) {
-        comparison->node->keep_beating();
+        comparison->node->life_.keep_beating();
         auto key = key_of(&record);
         if (!key)
             return;
@@ -184,7 +184,7 @@ int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg
 
 void Node::find(Comparison &comparison, Change change)
 {
-    keep_beating();
+    life_.keep_beating();
     const auto known = comparison.from_nothing ? entries_.end() : entries_.find(change.key);
     const bool is_new = known == entries_.end();
     if (!is_new)
@@ -247,46 +247,6 @@ std::vector<Change> Node::removals(const Comparison &comparison)
     return changes;
 }
 
-// ---- what is left of entries that went ------------------------------------------------------------------------------
-
-// Where a table cannot be read, later once more.
-void Node::clear_leftovers()
-{
-    outbox_.take_answers();
-    int result = 0;
-    for (const Table &table : tables())
-        for (const auto *record : {table.status, table.counters})
-            if (record != nullptr && result == 0)
-                result = tq_mom_scan_keys_sync(context_.get(), options_.db, Record(*record).message(), 0,
-                                               &Node::on_leftover, this);
-    outbox_.schedule();
-    cleared_ = result == 0;
-    if (!cleared_)
-        leftover_timer_.start(options_.retry);
-}
-
-int32_t Node::on_leftover(void *, const tq_mom_notification *notification, void *arg) noexcept
-{
-    auto *self = static_cast<Node *>(arg);
-    self->keep_beating();
-    const auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
-    if (key && self->is_leftover(*key))
-        self->outbox_.remove(*key, *notification->record->descriptor);
-    return 0;
-}
-
-// The store is asked about what this node does not know: it may be staged.
-bool Node::is_leftover(const Key &key)
-{
-    if (entries_.contains(key))
-        return false;
-    tq_mom_hash_res *found =
-        tq_mom_hgetall_sync(context_.get(), options_.db, Record(*tables()[key.index()].requested, key).message());
-    const bool gone = found != nullptr && found->status == 0 && found->record == nullptr;
-    tq_mom_hash_res_free(found);
-    return gone;
-}
-
 // ---- making ---------------------------------------------------------------------------------------------------------
 
 void Node::make(std::vector<Change> changes)
@@ -310,13 +270,13 @@ void Node::program(std::span<const Change> changes, size_t step)
         report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i) {
             if (i % between_looks == 0)
-                show_life_when_due();
+                life_.show_when_due();
             settle(now_made[i], answers.at(i));
         }
         changes = changes.subspan(now_made.size());
-        report_soon();
+        life_.report_soon();
         if (!changes.empty()) // else the answers go first
-            keep_beating();
+            life_.keep_beating();
     }
 }
 
@@ -346,7 +306,7 @@ bool Node::needs_plane(const Change &change)
     if (entry.status != Status::ok)
         return true;
     settle(change, plane_.confirm(change.key));
-    report_soon();
+    life_.report_soon();
     return false;
 }
 
@@ -373,7 +333,7 @@ void Node::settle(const Change &change, const Answer &answer)
     entry.status = answer.status;
     report_.enter(change.key, entry, answer.text);
     entry.seen = comparisons_;
-    entry.counted = entry.counted || !cleared_; // by the node that was here before
+    entry.counted = entry.counted || !leftovers_.cleared(); // by the node that was here before
     if (!answer.silent && !told)
         outbox_.answer(change.key, change.wanted->request, answer.status, answer.delay, change.heard);
 }
