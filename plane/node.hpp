@@ -102,28 +102,18 @@ class Node {
 
     // A walk over the tables, of one application or whole.
     struct Comparison {
-        Node *node;
         const std::string *app;
         uint32_t number;
         bool from_nothing;  // no entry was known: what is found is made at once
         bool trial = false; // nothing is made, and nobody answered
-        size_t table = 0;   // the one that is being read
         uint64_t begun = now_us();
         std::set<size_t> unreadable{}; // tables in which a record could not be read: nothing of them is removed
         std::vector<Change> found{};   // that differ
     };
 
-    // What the store shows of requests that were answered.
-    struct Answered {
-        Node *node;
-        std::unordered_map<Key, uint64_t, KeyHash> requests;
-    };
-
-    static int32_t on_answered(void *handle, const tq_mom_notification *notification, void *arg);
     static int32_t on_change(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_marker(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
     static int32_t on_call(void *handle, const tq_mom_notification *notification, void *arg) noexcept;
-    static int32_t on_scan(void *handle, const tq_mom_notification *notification, void *arg);
 
     int subscribe();
     void take_up_installed();
@@ -133,7 +123,6 @@ class Node {
     bool compare(const std::string *app);
     bool scan(Comparison &comparison);
     bool take_copies(Comparison &comparison);
-    static int32_t on_copy(void *handle, const tq_mom_notification *notification, void *arg);
     void find(Comparison &comparison, Change change);
     Hold::Shares programmed(const Comparison &comparison, bool lost_whole) const;
     std::vector<Change> removals(const Comparison &comparison);

@@ -1,10 +1,9 @@
 // How a node's changes are made: those heard of, and those found by comparing the tables with what was taken up.
 #include "plane/node.hpp"
 
-#include "records/policy_copy.hpp"
+#include "plane/reading.hpp"
 #include <algorithm>
 #include <iterator>
-#include <plx/plx_node.pb-c.h>
 #include <unordered_set>
 #include <utility>
 
@@ -41,33 +40,20 @@ std::vector<Change> last_of_each(std::vector<Change> changes)
 // shows an answer to that very request.
 void Node::take_up_installed()
 {
-    Answered answered{this, {}};
     const std::map<Key, Installed> installed = plane_.installed();
     if (installed.empty())
         return;
-    for (const Table &table : tables()) {
-        const Record whole(*table.status);
-        tq_mom_scan_sync(context_.get(), options_.db, whole.message(), 0, &Node::on_answered, &answered);
-    }
+    const AnsweredRequests answered = read_answered(context_.get(), options_.db, [this] { life_.keep_beating(); });
     for (const auto &[key, programmed] : installed) {
         life_.keep_beating();
-        const auto answer = answered.requests.find(key);
-        const bool settled = answer != answered.requests.end() && answer->second == programmed.request;
+        const auto answer = answered.find(key);
+        const bool settled = answer != answered.end() && answer->second == programmed.request;
         Entry &entry = entries_[key];
         entry.request = settled ? programmed.request : 0;
         entry.fingerprint = programmed.fingerprint;
         entry.counted = true;
         report_.enter(key, entry);
     }
-}
-
-int32_t Node::on_answered(void *, const tq_mom_notification *notification, void *arg)
-{
-    auto *answered = static_cast<Answered *>(arg);
-    answered->node->life_.keep_beating();
-    if (const auto key = key_of(notification->record); key && notification->result == 0)
-        answered->requests[*key] = number_field(notification->record, "rep_uuid");
-    return 0;
 }
 
 void Node::take_changes()
@@ -107,7 +93,7 @@ void Node::compare()
 // be read; then it is tried again. Removals stand first, so that what they free is there for the rest.
 bool Node::compare(const std::string *app)
 {
-    Comparison comparison{.node = this, .app = app, .number = ++comparisons_, .from_nothing = entries_.empty() && !app};
+    Comparison comparison{.app = app, .number = ++comparisons_, .from_nothing = entries_.empty() && !app};
     const auto programmed = [&](bool lost_whole) { return this->programmed(comparison, lost_whole); };
     if (!scan(comparison) || (app == nullptr && !take_copies(comparison)) || !hold_.look(app == nullptr, programmed)) {
         compare_timer_.start_unless_pending(options_.retry);
@@ -124,62 +110,27 @@ bool Node::compare(const std::string *app)
 
 bool Node::scan(Comparison &comparison)
 {
-    for (size_t table = 0; table < tables().size(); ++table) {
-        if (comparison.app != nullptr && !tables()[table].by_application)
-            continue;
-        Record selection(*tables()[table].requested);
-        if (comparison.app != nullptr)
-            selection.set_key_text(0, comparison.app->c_str());
-        comparison.table = table;
-        if (tq_mom_scan_sync(context_.get(), options_.db, selection.message(), comparison.app != nullptr ? 1 : 0,
-                             &Node::on_scan, &comparison) != 0)
-            return false;
-    }
-    return true;
+    const auto take = [&](Key key, Requested wanted) {
+        find(comparison, {std::move(key), std::move(wanted), comparison.begun});
+    };
+    return read_tables(context_.get(), options_.db, comparison.app, take,
+                       [&](size_t table) { comparison.unreadable.insert(table); });
 }
 
 // What is wanted of an application that is held is not in its tables.
 bool Node::take_copies(Comparison &comparison)
 {
     std::map<std::string, uint32_t> slots;
-    int result = commits_.held(slots);
-    for (const auto &[held, slot] : slots) {
-        Record copy(plx_node__policy_copy__descriptor);
-        copy.set_key_text(0, held.c_str());
-        copy.set_key_number(1, slot);
-        if (result == 0)
-            result = tq_mom_scan_sync(context_.get(), options_.db, copy.message(), 2, &Node::on_copy, &comparison);
-    }
-    return result == 0;
-}
-
-int32_t Node::on_copy(void *, const tq_mom_notification *notification, void *arg)
-{
-    auto *comparison = static_cast<Comparison *>(arg);
-    for_each_copied(notification->record, [comparison](const ProtobufCMessage &record) {
-        comparison->node->life_.keep_beating();
-        auto key = key_of(&record);
-        if (!key)
-            return;
-        Change change{std::move(*key), requested_of(&record), comparison->begun};
-        if (const auto known = comparison->node->entries_.find(change.key); known != comparison->node->entries_.end())
-            known->second.seen = comparison->number;
-        if (comparison->node->needs_plane(change))
-            comparison->found.push_back(std::move(change));
+    if (commits_.held(slots) != 0)
+        return false;
+    return read_copies(context_.get(), options_.db, slots, [&](Key key, Requested wanted) {
+        life_.keep_beating();
+        Change change{std::move(key), std::move(wanted), comparison.begun};
+        if (const auto known = entries_.find(change.key); known != entries_.end())
+            known->second.seen = comparison.number;
+        if (needs_plane(change))
+            comparison.found.push_back(std::move(change));
     });
-    return 0;
-}
-
-// An exception ends the scan with a result, and the comparison is made again.
-int32_t Node::on_scan(void *, const tq_mom_notification *notification, void *arg)
-{
-    auto *comparison = static_cast<Comparison *>(arg);
-    auto key = notification->result == 0 ? key_of(notification->record) : std::nullopt;
-    if (key)
-        comparison->node->find(*comparison, {std::move(*key), requested_of(notification->record), comparison->begun});
-    else
-        comparison->unreadable.insert(comparison->table);
-    return 0;
 }
 
 void Node::find(Comparison &comparison, Change change)
@@ -350,7 +301,7 @@ std::vector<std::pair<Key, Standing>> Node::refused(const std::string &app) cons
 // What an application has in its tables, whether it is held or not, against what is programmed.
 std::optional<std::vector<std::pair<Key, Standing>>> Node::try_out(const std::string &app)
 {
-    Comparison trial{.node = this, .app = &app, .number = ++comparisons_, .from_nothing = false, .trial = true};
+    Comparison trial{.app = &app, .number = ++comparisons_, .from_nothing = false, .trial = true};
     if (!scan(trial))
         return std::nullopt;
     std::vector<Change> changes = removals(trial);
