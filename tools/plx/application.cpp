@@ -50,6 +50,21 @@ std::string node_error(int32_t status)
     return std::string(status_text(status)) + " (" + std::to_string(status) + ")";
 }
 
+uint64_t time_outs(tq_context *context)
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context, &counters);
+    return counters.results[TQ_MOM_TIMEOUT];
+}
+
+// The library's deletions do not tell of a store that fails; the store client counts it.
+uint64_t store_failures(tq_context *context)
+{
+    tq_mom_counters counters{};
+    tq_mom_counters_get(context, &counters);
+    return std::accumulate(counters.results + 1, std::end(counters.results), uint64_t{0});
+}
+
 // Calls `pause` now and then.
 std::function<void()> breathing(const std::function<void()> &pause)
 {
@@ -64,10 +79,11 @@ std::function<void()> breathing(const std::function<void()> &pause)
 Application *Application::current_ = nullptr;
 
 Application::Application(tq_context *context, uint32_t db, const Policy &policy)
-    : context_(context), db_(db), policy_(policy)
+    : context_(context), db_(db), policy_(policy), rows_(policy),
+      ledger_(rows_.size(), [this](size_t row) { return rows_.label(row); }),
+      difference_(context, db, policy, rows_, ledger_)
 {
     current_ = this;
-    ledger_ = Ledger(number_rows(), [this](size_t row) { return label(row); });
 }
 
 Application::~Application()
@@ -75,85 +91,20 @@ Application::~Application()
     current_ = nullptr;
 }
 
-size_t Application::number_rows()
-{
-    acls_.reserve(policy_.acls.size());
-    for (const PolicyAcl &acl : policy_.acls) {
-        acl_numbers_[acl.id] = acls_.size();
-        acls_.push_back({.policy = &acl, .row = 0});
-    }
-    for (const PolicyApply &apply : policy_.applies)
-        acls_[acl_numbers_.at(apply.acl)].applies.push_back(&apply);
-    size_t rows = 0;
-    for (Acl &acl : acls_) {
-        acl.row = rows;
-        rows = acl.first_entry() + acl.policy->entries.size();
-        sort_entries(acl);
-        for (size_t apply = 0; apply < acl.applies.size(); ++apply) {
-            const PolicyApply &bound = *acl.applies[apply];
-            apply_rows_[{bound.acl, bound.port, bound.priority}] = acl.row + 1 + apply;
-        }
-    }
-    return rows;
-}
-
-void Application::sort_entries(Acl &acl) const
-{
-    const auto &entries = acl.policy->entries;
-    const auto by_sn = [](const PolicyEntry &a, const PolicyEntry &b) { return a.sn < b.sn; };
-    if (std::is_sorted(entries.begin(), entries.end(), by_sn))
-        return;
-    acl.order.resize(entries.size());
-    std::iota(acl.order.begin(), acl.order.end(), 0U);
-    std::sort(acl.order.begin(), acl.order.end(),
-              [&](uint32_t a, uint32_t b) { return by_sn(entries[a], entries[b]); });
-}
-
-std::string apply_label(const PolicyApply &apply)
-{
-    std::string label = " on port " + std::to_string(apply.port) + ' ';
-    label += direction_name(apply.direction);
-    if (apply.priority != 0)
-        label += " priority " + std::to_string(apply.priority);
-    return label;
-}
-
-std::string Application::label(size_t row) const
-{
-    const auto behind =
-        std::upper_bound(acls_.begin(), acls_.end(), row, [](size_t at, const Acl &acl) { return at < acl.row; });
-    const Acl &acl = *std::prev(behind);
-    std::string label = "acl " + std::to_string(acl.policy->id);
-    const auto named = [&label](std::string_view name) {
-        if (!name.empty())
-            (label += ' ') += name;
-    };
-    if (row == acl.row) {
-        named(acl.policy->name);
-    } else if (row < acl.first_entry()) {
-        label += apply_label(*acl.applies[row - acl.row - 1]);
-    } else {
-        const PolicyEntry &entry = acl.policy->entries[row - acl.first_entry()];
-        label += " sn " + std::to_string(entry.sn);
-        named(entry.name());
-    }
-    return label;
-}
-
 // ---- what the library tells -----------------------------------------------------------------------------------------
 
 struct Application::Callbacks {
     static int32_t acl_ok(void *, const fp_udp_acl *acl, const uint8_t *) noexcept
     {
-        if (const auto known = current_->acl_numbers_.find(acl->acl_id); known != current_->acl_numbers_.end())
-            current_->ledger_.end(current_->acls_[known->second].row, Outcome::stored, "ok");
+        if (const auto *known = current_->rows_.find_acl(acl->acl_id))
+            current_->ledger_.end(known->row, Outcome::stored, "ok");
         return 0;
     }
 
     static int32_t acl_fail(void *, const fp_udp_acl *acl, int32_t result, const uint8_t *) noexcept
     {
-        if (const auto known = current_->acl_numbers_.find(acl->acl_id); known != current_->acl_numbers_.end())
-            current_->refused(current_->acls_[known->second].row, result);
+        if (const auto *known = current_->rows_.find_acl(acl->acl_id))
+            current_->refused(known->row, result);
         return 0;
     }
 
@@ -163,14 +114,14 @@ struct Application::Callbacks {
         key.sn = sn;
         fp_udp_ace_node *node = nullptr;
         const bool cached = fp_udp_acldb_get_ace(acl, &key, &node) == 0;
-        if (const auto row = current_->find_ace(acl->acl_id, sn))
+        if (const auto row = current_->rows_.find_ace(acl->acl_id, sn))
             current_->succeeded(*row, cached ? node->ace.req_count : 0);
         return 0;
     }
 
     static int32_t ace_fail(void *, const fp_udp_acl_info *acl, uint64_t sn, int32_t status, const uint8_t *) noexcept
     {
-        if (const auto row = current_->find_ace(acl->acl_id, sn))
+        if (const auto row = current_->rows_.find_ace(acl->acl_id, sn))
             current_->refused(*row, status);
         return 0;
     }
@@ -178,7 +129,7 @@ struct Application::Callbacks {
     static int32_t apply_ok(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply,
                             const uint8_t *) noexcept
     {
-        if (const auto row = current_->find_apply(acl, apply->phyid, apply->pri))
+        if (const auto row = current_->rows_.find_apply(acl->acl_id, apply->phyid, apply->pri))
             current_->succeeded(*row, apply->req_count);
         return 0;
     }
@@ -186,7 +137,7 @@ struct Application::Callbacks {
     static int32_t apply_fail(void *, const fp_udp_acl_info *acl, const fp_udp_apply_info *apply, int32_t status,
                               const uint8_t *) noexcept
     {
-        if (const auto row = current_->find_apply(acl, apply->phyid, apply->pri))
+        if (const auto row = current_->rows_.find_apply(acl->acl_id, apply->phyid, apply->pri))
             current_->refused(*row, status);
         return 0;
     }
@@ -204,32 +155,6 @@ struct Application::Callbacks {
     }
 };
 
-std::optional<size_t> Application::find_ace(uint32_t acl, uint64_t sn) const
-{
-    const auto known = acl_numbers_.find(acl);
-    if (known == acl_numbers_.end())
-        return std::nullopt;
-    const Acl &owner = acls_[known->second];
-    const auto &entries = owner.policy->entries;
-    size_t at = 0;
-    if (owner.order.empty()) {
-        const auto entry = std::lower_bound(entries.begin(), entries.end(), sn,
-                                            [](const PolicyEntry &each, uint64_t wanted) { return each.sn < wanted; });
-        at = static_cast<size_t>(entry - entries.begin());
-    } else {
-        const auto place = std::lower_bound(owner.order.begin(), owner.order.end(), sn,
-                                            [&](uint32_t each, uint64_t wanted) { return entries[each].sn < wanted; });
-        at = place == owner.order.end() ? entries.size() : *place;
-    }
-    return at < entries.size() && entries[at].sn == sn ? std::optional(owner.first_entry() + at) : std::nullopt;
-}
-
-std::optional<size_t> Application::find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const
-{
-    const auto row = apply_rows_.find({acl->acl_id, port, priority});
-    return row == apply_rows_.end() ? std::nullopt : std::optional(row->second);
-}
-
 // The library also tells of success when it has waited long enough without hearing of a failure; how many nodes have
 // answered shows which of the two it is.
 void Application::succeeded(size_t row, int answers)
@@ -238,11 +163,12 @@ void Application::succeeded(size_t row, int answers)
         return ledger_.put_back(row);
     if (setting_)
         return ledger_.end(row, Outcome::stored, "not applied to a port");
-    const int expected = std::max(live_nodes(), expected_);
+    const int expected = std::max(live_nodes(), static_cast<int>(answers_.expected()));
     if (answers > 0 && answers >= expected)
         return ledger_.end(row, Outcome::programmed, "ok");
     ledger_.end(row, Outcome::aged,
-                std::to_string(answers) + " of " + std::to_string(expected) + " nodes answered" + missing(row));
+                std::to_string(answers) + " of " + std::to_string(expected) + " nodes answered" +
+                    answers_.missing(row));
 }
 
 void Application::refused(size_t row, int32_t status)
@@ -254,55 +180,30 @@ void Application::refused(size_t row, int32_t status)
     if (setting_ && (status == TQ_MOM_DISCONNECTED || status == TQ_MOM_TIMEOUT))
         lose_store(status);
     denied_ = denied_ || (setting_ && status == TQ_MOM_DENIED);
-    const auto refuser = refusers_.find(row);
-    const std::string where = refuser == refusers_.end() || refuser->second.empty() ? "" : " on " + refuser->second;
-    ledger_.end(row, Outcome::failed, setting_ ? write_error(status) : node_error(status) + where);
+    ledger_.end(row, Outcome::failed,
+                setting_ ? write_error(status) : node_error(status) + answers_.where_refused(row));
 }
 
 // Heard before the library hears it.
 void Application::answered(const ProtobufCMessage *status, const std::string &node)
 {
+    if (node.empty())
+        return answers_.unnamed();
     const auto key = key_of(status);
-    const auto row = key ? find(*key) : std::nullopt;
-    unnamed_ = unnamed_ || node.empty();
-    if (!row || node.empty())
+    const auto row = key ? rows_.find(*key) : std::nullopt;
+    if (!row)
         return;
-    if (number_field(status, "p_status") != 0) {
-        refusers_[*row] = node;
-        return;
-    }
-    std::vector<bool> &rows = answered_[node];
-    rows.resize(ledger_.size());
-    rows[*row] = true;
-}
-
-std::optional<size_t> Application::find(const Key &key) const
-{
-    if (const auto *ace = std::get_if<AceKey>(&key))
-        return find_ace(ace->acl, ace->sn);
-    const auto *apply = std::get_if<ApplyKey>(&key);
-    const auto row =
-        apply == nullptr ? apply_rows_.end() : apply_rows_.find({apply->acl, apply->phyid, apply->priority});
-    return row == apply_rows_.end() ? std::nullopt : std::optional(row->second);
-}
-
-// Of the nodes that lived when writing began and name themselves, those that have not answered.
-std::string Application::missing(size_t row) const
-{
-    std::vector<std::string> names;
-    for (const std::string &node : nodes_) {
-        const auto rows = answered_.find(node);
-        if (rows == answered_.end() || !rows->second[row])
-            names.push_back(node);
-    }
-    return names.empty() || unnamed_ ? "" : "; none from " + listed(names);
+    if (number_field(status, "p_status") != 0)
+        answers_.refused(*row, node);
+    else
+        answers_.confirmed(*row, node);
 }
 
 void Application::time_out()
 {
     for (size_t row = 0; row < ledger_.size(); ++row)
         if (ledger_.outcome(row) == Outcome::waiting)
-            ledger_.end(row, Outcome::timed_out, "no answer in time" + missing(row));
+            ledger_.end(row, Outcome::timed_out, "no answer in time" + answers_.missing(row));
 }
 
 bool Application::would_refuse(const std::string &node, const std::map<uint64_t, int32_t> &statuses)
@@ -310,10 +211,10 @@ bool Application::would_refuse(const std::string &node, const std::map<uint64_t,
     bool any = false;
     for_each_record(policy_, [&](const Key &key, const Requested &) {
         const auto status = statuses.find(digest_of(key));
-        const auto row = status == statuses.end() ? std::nullopt : find(key);
+        const auto row = status == statuses.end() ? std::nullopt : rows_.find(key);
         if (!row)
             return;
-        refusers_[*row] = node;
+        answers_.refused(*row, node);
         refused(*row, status->second);
         any = true;
     });
@@ -342,11 +243,11 @@ int Application::start()
     if (plx_initial() != 0 || fp_udp_register_app_type(policy_.application.c_str()) != 0)
         return FP_UDP_REFUSED;
     const fp_udp_acl_handler handler = Callbacks::table();
-    const uint64_t before = time_outs();
+    const uint64_t before = time_outs(context_);
     const int result = fp_udp_register_acl_handler(context_, db_, &handler);
     (void)plx_register_debug_commands(context_); // a shell that does not open is reported, and nothing else
     mgr_ = fp_udp_get_mgr();
-    return time_outs() == before ? result : static_cast<int>(TQ_MOM_TIMEOUT);
+    return time_outs(context_) == before ? result : static_cast<int>(TQ_MOM_TIMEOUT);
 }
 
 int Application::bracket(std::initializer_list<Operation> operations)
@@ -378,6 +279,35 @@ int Application::write(const std::function<void()> &pause, const std::function<b
         not_swept_ = not_swept_ != 0 ? not_swept_ : result;
     }
     return 0;
+}
+
+// What goes, goes last, as with a rewrite, and stays where a write failed; but of the applies what only has another
+// direction goes first, since the library tells them apart by port and priority alone.
+int Application::write_changes(const std::function<void()> &pause, const std::function<bool()> &again)
+{
+    if (difference_.whole())
+        return write(pause, again);
+    remove_surely(again, [this] { difference_.remove_turned(); });
+    difference_.know_unchanged();
+    write_unended(pause, again);
+    if (!store_lost())
+        remove_surely(again,
+                      [&] { collect(pause, [this](const Breathe &breathe) { difference_.remove_excess(breathe); }); });
+    return store_lost() ? 0 : not_removed_;
+}
+
+// Deleting what is gone already does nothing: all of it is deleted once more where the store did not answer in time.
+void Application::remove_surely(const std::function<bool()> &again, const std::function<void()> &remove_all)
+{
+    const uint64_t silent = time_outs(context_);
+    uint64_t before = store_failures(context_);
+    remove_all();
+    if (time_outs(context_) != silent && again()) {
+        before = store_failures(context_);
+        remove_all();
+    }
+    if (store_failures(context_) != before)
+        not_removed_ = TQ_MOM_STORE_ERROR;
 }
 
 // What `write` does goes to the store in groups, each before the loop is run. Refusals are told by the callbacks.
@@ -416,20 +346,20 @@ void Application::write_unended(const std::function<void()> &pause, const std::f
 void Application::set_unended(const std::function<void()> &breathe)
 {
     const auto unended = [this](size_t row) { return ledger_.outcome(row) == Outcome::unwritten; };
-    for (const Acl &acl : acls_) {
+    for (const PolicyRows::Acl &acl : rows_.acls()) {
         if (!unended(acl.row))
             continue;
         set(*acl.policy);
         breathe();
     }
     for (const PolicyApply &apply : policy_.applies) {
-        const bool waits = unended(acls_[acl_numbers_.at(apply.acl)].row);
-        if (waits || !unended(apply_rows_.at({apply.acl, apply.port, apply.priority})))
+        const bool waits = unended(rows_.owner(apply).row);
+        if (waits || !unended(rows_.of(apply)))
             continue;
         set(apply);
         breathe();
     }
-    for (const Acl &acl : acls_) {
+    for (const PolicyRows::Acl &acl : rows_.acls()) {
         for (size_t at = 0; at < acl.policy->entries.size() && !unended(acl.row); ++at) {
             if (!unended(acl.first_entry() + at))
                 continue;
@@ -472,7 +402,7 @@ void Application::set(const PolicyAcl &acl)
     object.acl_id = acl.id;
     object.acl_cls = acl.cls;
     copy_name(object.priv, acl.name);
-    set_row(acls_[acl_numbers_.at(acl.id)].row, [&] { return mgr_->set_acl(context_, &object); });
+    set_row(rows_.of(acl).row, [&] { return mgr_->set_acl(context_, &object); });
 }
 
 void Application::set(const PolicyApply &apply)
@@ -486,8 +416,8 @@ void Application::set(const PolicyApply &apply)
     fp_udp_acl_info acl{};
     copy_name(acl.app_type, policy_.application);
     acl.acl_id = apply.acl;
-    const uint8_t cls = acls_[acl_numbers_.at(apply.acl)].policy->cls;
-    set_row(apply_rows_.at({apply.acl, apply.port, apply.priority}), [&]() -> int32_t {
+    const uint8_t cls = rows_.owner(apply).policy->cls;
+    set_row(rows_.of(apply), [&]() -> int32_t {
         return object == nullptr ? FP_UDP_NO_MEMORY : mgr_->set_apply(context_, &acl, cls, object.get());
     });
 }

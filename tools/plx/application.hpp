@@ -5,19 +5,17 @@
 #pragma once
 
 #include "ledger.hpp"
-#include "nodes/node_watch.hpp"
+#include "node_answers.hpp"
 #include "policy.hpp"
-#include "policy_store.hpp"
+#include "policy_rows.hpp"
 #include "policy_sum.hpp"
+#include "store_difference.hpp"
 #include <functional>
 #include <map>
 #include <optional>
 #include <plx/libplx.h>
-#include <plx/s_policy.pb-c.h>
-#include <span>
 #include <tq_context.h>
 #include <tq_mom.h>
-#include <tuple>
 
 namespace plx::tool {
 
@@ -42,19 +40,15 @@ class Application {
     // Reads what the store has, handing each record to `take`, and finds what differs from the policy: what is as it
     // should be is not to be written, and its rows end as unchanged; but all is, where write() was never done in the
     // store's history. 0, or the store's code.
-    using Take = std::function<void(const ProtobufCMessage &)>;
-    int compare(const Take &take);
+    int compare(const StoreDifference::Take &take) { return difference_.compare(take); }
 
     // Writes what the store does not have as the policy has it, and deletes what the policy does not have, as compared;
     // or all, as by write(). 0, or the store's code for what could not be deleted.
     int write_changes(const std::function<void()> &pause, const std::function<bool()> &again);
 
     // That compare() has found.
-    struct Changes {
-        size_t added = 0, changed = 0, removed = 0;
-        bool none() const { return added + changed + removed == 0; }
-    };
-    const Changes &changes() const { return changes_; }
+    using Changes = StoreDifference::Changes;
+    const Changes &changes() const { return difference_.changes(); }
 
     // The application's own commit markers around a write, for nodes that know no hold. They wait for a minute at most.
     int begin_commit();
@@ -74,11 +68,7 @@ class Application {
     bool denied() const { return denied_; }
 
     // The nodes that live when writing begins: an entry is programmed when as many have confirmed it.
-    void expect(std::vector<std::string> nodes)
-    {
-        nodes_ = std::move(nodes);
-        expected_ = static_cast<int>(nodes_.size());
-    }
+    void expect(std::vector<std::string> nodes) { answers_.expect(std::move(nodes)); }
     // A node's status record, before the library hears of it.
     void answered(const ProtobufCMessage *status, const std::string &node);
     // What a node would refuse, by the digests of keys, and why. True when it is of this policy.
@@ -96,45 +86,11 @@ class Application {
     Ledger &ledger() { return ledger_; }
 
   private:
-    using ApplyId = std::tuple<uint32_t, uint32_t, uint32_t>; // ACL, port, priority
     using Operation = int32_t (*)(void *context, const char *app_type);
 
     struct Callbacks;
 
-    // Where an ACL's rows are: its own, its applies', its entries'.
-    struct Acl {
-        const PolicyAcl *policy;
-        size_t row;
-        std::vector<const PolicyApply *> applies{};
-        std::vector<uint32_t> order{}; // of the entries by their sn, where that is not the file's
-        size_t first_entry() const { return row + 1 + applies.size(); }
-    };
-
-    size_t number_rows();
-    void sort_entries(Acl &acl) const;
-    std::string label(size_t row) const;
-
-    // What the store has that is to be deleted.
-    struct Excess {
-        std::vector<fp_udp_acl_key> acls;
-        std::vector<std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies;
-        std::vector<std::pair<fp_udp_acl_info, fp_udp_apply_key>> turned; // that the policy has in another direction
-        std::vector<std::pair<uint32_t, uint64_t>> entries;               // ACL, sn
-    };
-
-    int32_t compare_acl(const SPolicy__Acl &record);
-    int32_t compare_apply(const SPolicy__Apply &record);
-    int32_t compare_ace(const SPolicy__Ace &record);
-    template <typename Message>
-    int compare(const ProtobufCMessageDescriptor &table, int32_t (Application::*with)(const Message &),
-                const Take &take);
-    void differs(size_t row, bool same);
-    void know_unchanged();
-    uint64_t store_failures() const;
-    uint64_t time_outs() const;
     void lose_store(int result) { store_lost_ = store_lost_ != 0 ? store_lost_ : result; }
-    void remove(std::span<const std::pair<fp_udp_acl_info, fp_udp_apply_key>> applies);
-    void remove_excess(const std::function<void()> &breathe);
     void remove_surely(const std::function<bool()> &again, const std::function<void()> &remove_all);
     void write_unended(const std::function<void()> &pause, const std::function<bool()> &again);
     void set_unended(const std::function<void()> &breathe);
@@ -149,11 +105,6 @@ class Application {
 
     void succeeded(size_t row, int answers);
     void refused(size_t row, int32_t status);
-    std::optional<size_t> find_ace(uint32_t acl, uint64_t sn) const;
-    std::optional<size_t> find_apply(const fp_udp_acl_info *acl, uint32_t port, uint32_t priority) const;
-
-    std::optional<size_t> find(const Key &key) const;
-    std::string missing(size_t row) const;
 
     static Application *current_;
 
@@ -161,26 +112,18 @@ class Application {
     uint32_t db_;
     const Policy &policy_;
     fp_udp_mgr *mgr_ = nullptr;
+    PolicyRows rows_;
     Ledger ledger_;
-    std::vector<Acl> acls_;                  // in the order of the file, that of rows
-    std::map<uint32_t, size_t> acl_numbers_; // where each is in acls_
-    std::map<ApplyId, size_t> apply_rows_;
+    StoreDifference difference_;
+    NodeAnswers answers_;
     bool setting_ = false; // inside a set operation: what is told now is the write's own result
     int store_lost_ = 0;   // the store's code
     bool denied_ = false;
-    int expected_ = 0;
-    std::vector<std::string> nodes_;
-    bool unnamed_ = false;                              // a node answers that does not name itself
-    std::map<std::string, std::vector<bool>> answered_; // rows that a node has confirmed
-    std::map<size_t, std::string> refusers_;            // of a row, the last
-    bool timed_out_ = false;                            // a write did, which is to be made once more
+    bool timed_out_ = false; // a write did, which is to be made once more
     bool last_try_ = false;
     int not_swept_ = 0;
     int not_removed_ = 0; // the store's code where one of the deletions failed
-    Changes changes_;
-    Excess excess_;
     std::optional<PolicySum> kept_;
-    bool whole_ = false; // what the store has already is written, too
 };
 
 } // namespace plx::tool
