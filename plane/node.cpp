@@ -2,7 +2,6 @@
 // and changes are made is in node_changes.cpp.
 #include "plane/node.hpp"
 
-#include <algorithm>
 #include <plx/plx_node.pb-c.h>
 #include <plx/s_policy.pb-c.h>
 #include <utility>
@@ -21,6 +20,7 @@ std::string name_of(const NodeOptions &options)
 
 Node::Node(Context context, Plane &plane, NodeOptions options)
     : options_(std::move(options)), plane_(plane), context_(std::move(context)),
+      inbox_(context_.get(), [this](std::vector<Change> changes) { take_changes(std::move(changes)); }),
       commits_(context_.get(), options_.db, [this](const std::string &app) { return compare(&app); }),
       hold_(context_.get(), {options_.db, options_.hold, options_.heartbeat, options_.tell},
             [this] { compare_timer_.start_unless_pending(milliseconds(0)); }),
@@ -39,7 +39,6 @@ Node::Node(Context context, Plane &plane, NodeOptions options)
           context_.get(), options_.db, name_of(options_), plane_,
           [this](const std::string &app) { return refused(app); },
           [this](const std::string &app) { return try_out(app); }, [this] { life_.report(); }),
-      inbox_timer_(context_->master, [this] { take_changes(); }),
       compare_timer_(context_->master, [this] { compare(); })
 {
     plane_.set_alive([this] { life_.show_when_due(); });
@@ -97,12 +96,8 @@ int32_t Node::on_change(void *, const tq_mom_notification *notification, void *a
         self->compare_timer_.start_unless_pending(self->options_.retry);
         return 0;
     }
-    if (auto key = key_of(notification->record)) {
-        self->inbox_.push_back({std::move(*key), std::nullopt, now_us()});
-        if (!deleted)
-            self->inbox_.back().wanted = requested_of(notification->record);
-        self->inbox_timer_.start_unless_pending(std::max(self->gather_until_ - now(), milliseconds(0)));
-    }
+    if (auto key = key_of(notification->record))
+        self->inbox_.hear(std::move(*key), deleted ? std::nullopt : std::optional(requested_of(notification->record)));
     return 0;
 }
 

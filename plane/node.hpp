@@ -4,8 +4,7 @@
 // The node owns its store context, and with it the subscriptions that call it; the plane is the caller's and may
 // outlive the node. Everything runs on the event loop of the context; store calls block as the store client says.
 //
-// Changes are taken from notifications and gathered until the loop has delivered what it had, and after a call of the
-// plane for as long as that took (take_changes): each call has its price, and a change in quiet times does not wait.
+// Changes are taken from notifications, gathered (inbox.hpp), and made.
 // Where notifications may be missing - at the start, when the store says so, when a commit ends, after a failed call,
 // when the plane lost something - the node reads the tables and makes only what differs (compare). A request is
 // answered once, however often it is seen. What the node wrote about an entry goes with it, and so does what another
@@ -24,6 +23,7 @@
 #include "plane/commits.hpp"
 #include "plane/counter_records.hpp"
 #include "plane/hold.hpp"
+#include "plane/inbox.hpp"
 #include "plane/inquiries.hpp"
 #include "plane/leftovers.hpp"
 #include "plane/life.hpp"
@@ -117,7 +117,7 @@ class Node {
 
     int subscribe();
     void take_up_installed();
-    void take_changes();
+    void take_changes(std::vector<Change> changes);
 
     void compare();
     bool compare(const std::string *app);
@@ -145,8 +145,7 @@ class Node {
     Context context_;
     Entries entries_;
     uint32_t comparisons_ = 0;
-    std::vector<Change> inbox_;
-    milliseconds gather_until_{0}; // changes that come before wait for each other
+    Inbox inbox_;
     Commits commits_;
     Hold hold_;
     Outbox outbox_;
@@ -157,7 +156,7 @@ class Node {
     Inquiries inquiries_;
     Watch watch_; // of the plane's descriptor
     Histogram plane_calls_;
-    Timer inbox_timer_, compare_timer_;
+    Timer compare_timer_;
 };
 
 } // namespace plx::plane

@@ -4,7 +4,6 @@
 #include "plane/reading.hpp"
 #include <algorithm>
 #include <iterator>
-#include <unordered_set>
 #include <utility>
 
 namespace plx::plane {
@@ -15,24 +14,6 @@ namespace {
 constexpr size_t changes_per_step = 4096;
 // Answers of the plane between two looks at the clock.
 constexpr size_t between_looks = 16;
-
-struct SameKey {
-    bool operator()(const Key *a, const Key *b) const { return *a == *b; }
-    size_t operator()(const Key *key) const { return KeyHash()(*key); }
-};
-
-// Of several changes of one key only the last counts.
-std::vector<Change> last_of_each(std::vector<Change> changes)
-{
-    std::unordered_set<const Key *, SameKey, SameKey> later(changes.size());
-    std::vector<bool> last(changes.size());
-    for (size_t at = changes.size(); at-- > 0;)
-        last[at] = later.insert(&changes[at].key).second;
-    later.clear();
-    size_t at = 0;
-    std::erase_if(changes, [&](const Change &) { return !last[at++]; });
-    return changes;
-}
 
 } // namespace
 
@@ -56,9 +37,8 @@ void Node::take_up_installed()
     }
 }
 
-void Node::take_changes()
+void Node::take_changes(std::vector<Change> changes)
 {
-    std::vector<Change> changes = last_of_each(std::exchange(inbox_, {}));
     for (const Change &change : changes)
         hold_.heard(change.key);
     drop_staged(changes);
@@ -210,14 +190,13 @@ void Node::make(std::vector<Change> changes)
 // In steps of so many, none when there is nothing to make. What the node has to say of them waits to be sent.
 void Node::program(std::span<const Change> changes, size_t step)
 {
-    constexpr milliseconds longest_gathering{50};
     while (!changes.empty()) {
         const auto now_made = changes.first(std::min(step, changes.size()));
         const milliseconds begin = now();
         const uint64_t begin_us = now_us();
         const std::vector<Answer> answers = plane_.program(now_made);
         plane_calls_.add(now_us() - begin_us);
-        gather_until_ = now() + std::min(now() - begin, longest_gathering);
+        inbox_.plane_called(now() - begin);
         report_.plane_called();
         for (size_t i = 0; i < now_made.size(); ++i) {
             if (i % between_looks == 0)
