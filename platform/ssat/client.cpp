@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <dirent.h>
 #include <memory>
@@ -19,7 +20,7 @@
 
 namespace {
 
-constexpr int silence_ms = 10000;
+constexpr std::chrono::milliseconds longest_silence{10000};
 constexpr size_t longest_header = 64;
 
 struct header {
@@ -52,13 +53,18 @@ std::optional<header> parse_header(std::string_view line)
     return header;
 }
 
+// A signal makes the wait no longer.
 bool wait_for(int fd, short events)
 {
+    using namespace std::chrono;
     pollfd waited{fd, events, 0};
-    int ready;
-    do
-        ready = poll(&waited, 1, silence_ms);
-    while (ready < 0 && errno == EINTR);
+    const auto end = steady_clock::now() + longest_silence;
+    int ready = -1;
+    for (auto left = longest_silence; ready < 0; left = ceil<milliseconds>(end - steady_clock::now())) {
+        ready = poll(&waited, 1, static_cast<int>(std::max(left, 0ms).count()));
+        if (ready < 0 && errno != EINTR)
+            return false;
+    }
     if (ready == 0)
         errno = ETIMEDOUT;
     return ready > 0;

@@ -11,6 +11,7 @@
 //     other_user                 what the module tells one
 //     interrupted on|off         signals all the time
 //     later EAGAIN|off           every second call that sends or receives finds that it must wait, though poll says no
+//     silent CLIENT LINE         what comes of it where nothing ever arrives and signals do, and when
 //     limit N|none               how many descriptors more the last module may have
 //     accepts N                  waits for its N-th try to take a connection
 //     root                       the rest is for root alone
@@ -67,6 +68,26 @@ extern "C" ssize_t send(int fd, const void *bytes, size_t size, int flags)
 extern "C" ssize_t recv(int fd, void *bytes, size_t size, int flags)
 {
     return now_or_later("recv", recv, fd, bytes, size, flags);
+}
+
+static int64_t silence_ms = -1; // that has passed, where nothing arrives
+
+extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
+{
+    static const auto real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
+    if (silence_ms < 0 || count == 0 || watched->events != POLLIN)
+        return real(watched, count, timeout);
+    silence_ms += std::min(timeout, 400);
+    return errno = EINTR, timeout > 400 ? -1 : 0;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    if (silence_ms < 0)
+        return real(clock, now);
+    *now = {silence_ms / 1000, silence_ms % 1000 * 1000000};
+    return 0;
 }
 
 extern "C" int accept4(int fd, sockaddr *address, socklen_t *size, int flags)
@@ -352,6 +373,11 @@ std::string Shell::client(const std::string &verb, const std::string &name, cons
     const int fd = clients_.at(name);
     if (verb == "ask")
         return ask(fd, text);
+    if (verb == "silent") {
+        silence_ms = 0;
+        const std::string came = ask(fd, text);
+        return came + " after " + std::to_string(std::exchange(silence_ms, -1)) + " ms";
+    }
     if (verb == "raw" && send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
         return strerror(errno);
     if (verb == "all") {
@@ -445,7 +471,8 @@ std::string Shell::perform(const std::string &line)
     } else if (verb == "environment") {
         const std::string name = take_word(text), path = directory_.path() + '/' + text;
         text.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), path.c_str(), 1);
-    } else if (verb == "open" || verb == "ask" || verb == "raw" || verb == "all" || verb == "close") {
+    } else if (verb == "open" || verb == "ask" || verb == "raw" || verb == "all" || verb == "close" ||
+               verb == "silent") {
         const std::string name = take_word(text);
         return readable(client(verb, name, unescaped(text)));
     } else {
