@@ -24,10 +24,18 @@ const SPolicy__AppCommit *marker_of(const tq_mom_notification &notification)
     return marker->index == nullptr || marker->index->apply_type == nullptr ? nullptr : marker;
 }
 
+// What cannot be read as a marker is none.
+bool answered(const tq_mom_hash_res *found)
+{
+    return found != nullptr && found->status != TQ_MOM_DISCONNECTED && found->status != TQ_MOM_TIMEOUT &&
+           found->status != TQ_MOM_LOADING;
+}
+
 } // namespace
 
-Commits::Commits(tq_context *context, uint32_t db, Make make)
-    : context_(context), db_(db), make_(std::move(make)), timer_(context->master, [this] { end_due(); })
+Commits::Commits(tq_context *context, uint32_t db, Make make, std::function<void()> unknown)
+    : context_(context), db_(db), make_(std::move(make)), unknown_(std::move(unknown)),
+      timer_(context->master, [this] { end_due(); })
 {
 }
 
@@ -66,8 +74,12 @@ void Commits::forget()
 
 bool Commits::staged(const std::string &app)
 {
-    if (!commits_.contains(app))
-        look_up(app);
+    const auto known = commits_.find(app);
+    if ((known == commits_.end() || known->second.state == State::unknown) && !look_up(app)) {
+        commits_[app].state = State::unknown;
+        unknown_();
+        return true;
+    }
     const auto commit = commits_.find(app);
     return commit != commits_.end() && (commit->second.state == State::staging || commit->second.state == State::held);
 }
@@ -99,31 +111,25 @@ void Commits::release(const std::string &app)
     make_(app);
 }
 
-tq_mom_hash_res *Commits::read(const std::string &app, uint32_t marker)
+std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> Commits::read(const std::string &app, uint32_t marker)
 {
     Record wanted(s_policy__app_commit__descriptor);
     wanted.set_key_text(0, app.c_str());
     wanted.set_key_number(1, marker);
-    return tq_mom_hgetall_sync(context_, db_, wanted.message());
+    return {tq_mom_hgetall_sync(context_, db_, wanted.message()), tq_mom_hash_res_free};
 }
 
-// Once: what the application writes later is heard of.
-void Commits::look_up(const std::string &app)
+// Once: what the application writes later is heard of. False when the store did not answer.
+bool Commits::look_up(const std::string &app)
 {
-    tq_mom_hash_res *hold = read(app, hold_marker);
-    const bool stands = hold != nullptr && hold->record != nullptr;
-    tq_mom_hash_res_free(hold);
-    if (stands) {
-        commits_[app] = {State::held, {}};
-        return;
-    }
-    tq_mom_hash_res *found = read(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
-    if (found != nullptr && found->status == 0) {
-        commits_[app] = {};
-        if (found->record != nullptr)
-            open(app, number_field(found->record, "tm_val"));
-    }
-    tq_mom_hash_res_free(found);
+    const auto hold = read(app, hold_marker);
+    const auto enable = read(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
+    if (!answered(hold.get()) || !answered(enable.get()))
+        return false;
+    commits_[app] = {hold->record != nullptr ? State::held : State::none, {}};
+    if (hold->record == nullptr && enable->record != nullptr)
+        open(app, number_field(enable->record, "tm_val"));
+    return true;
 }
 
 // A marker that is written again starts its seconds anew. Seconds beyond the bound that applications are held to are
@@ -140,7 +146,7 @@ void Commits::finish(const std::string &app, bool stands)
     const auto commit = commits_.find(app);
     if (commit == commits_.end())
         return;
-    const bool staging = commit->second.state == State::staging;
+    const bool staging = commit->second.state == State::staging || commit->second.state == State::unknown;
     if (!stands)
         commit->second.state = State::none;
     if (staging && !make_(app) && stands)

@@ -24,8 +24,9 @@ class Commits {
     using Make = std::function<bool(const std::string &app)>;
 
     // The context outlives it. The node subscribes to the markers before all other tables, so that they are heard of
-    // before the changes that they are for.
-    Commits(tq_context *context, uint32_t db, Make make);
+    // before the changes that they are for. `unknown` is called where the store does not tell whether changes wait:
+    // they do, until they are looked at again.
+    Commits(tq_context *context, uint32_t db, Make make, std::function<void()> unknown);
 
     void take(const tq_mom_notification &notification);
     void forget(); // notifications were missed: each marker is read again when it matters
@@ -40,7 +41,8 @@ class Commits {
         none,    // there is no enable marker
         staging, // there is one, and its seconds have not passed
         held,    // until its hold goes
-        spent    // they have: it means nothing until it is written again
+        spent,   // they have: it means nothing until it is written again
+        unknown  // the store did not tell
     };
 
     struct Commit {
@@ -49,8 +51,8 @@ class Commits {
     };
 
     static int32_t on_held(void *handle, const tq_mom_notification *entry, void *arg);
-    tq_mom_hash_res *read(const std::string &app, uint32_t marker);
-    void look_up(const std::string &app);
+    std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> read(const std::string &app, uint32_t marker);
+    [[nodiscard]] bool look_up(const std::string &app);
     void release(const std::string &app);
     void open(const std::string &app, uint64_t seconds);
     void finish(const std::string &app, bool stands);
@@ -59,6 +61,7 @@ class Commits {
     tq_context *context_;
     uint32_t db_;
     Make make_;
+    std::function<void()> unknown_;
     std::map<std::string, Commit> commits_; // of the applications that were heard of or looked up
     Timer timer_;
 };

@@ -21,7 +21,9 @@ std::string name_of(const NodeOptions &options)
 Node::Node(Context context, Plane &plane, NodeOptions options)
     : options_(std::move(options)), plane_(plane), context_(std::move(context)),
       inbox_(context_.get(), [this](std::vector<Change> changes) { take_changes(std::move(changes)); }),
-      commits_(context_.get(), options_.db, [this](const std::string &app) { return compare(&app); }),
+      commits_(
+          context_.get(), options_.db, [this](const std::string &app) { return compare(&app); },
+          [this] { compare_timer_.start_unless_pending(options_.retry); }),
       hold_(context_.get(), {options_.db, options_.hold, options_.heartbeat, options_.tell},
             [this] { compare_timer_.start_unless_pending(milliseconds(0)); }),
       outbox_(context_.get(), options_.db, name_of(options_), options_.retry,
