@@ -117,7 +117,8 @@ class failover : public crash, public testing::WithParamInterface<bool> {
         const auto login = sentinel.credentials("plx-operator");
         const std::string scheme = GetParam() ? "sentinels://" : "sentinel://";
         const std::string trust = GetParam() ? "ca=" + redis_server::certificates() + "/ca.pem&" : "";
-        url = scheme + "localhost:" + ports[2] + "/policy?" + trust + server.credentials("suite") + "&sentinel-" +
+        const std::string hosts = "localhost:" + redis_server::free_port() + ",localhost:" + ports[2];
+        url = scheme + hosts + "/policy?" + trust + server.credentials("suite") + "&sentinel-" +
               std::string(login).insert(login.find('&') + 1, "sentinel-");
         writer = open_at(url);
         subscribe(writer, ace, ace_record("a", 0, 0));

@@ -40,7 +40,7 @@ struct {
     std::map<int, int> options = {}; // of sockets, for all levels
 } fault;
 
-bool names_are_silent = false;
+bool names_are_silent = false, names_are_unknown = false;
 
 int deaf = 0; // the socket on which nothing arrives; -1: the next that a question for changes is sent on
 
@@ -124,6 +124,12 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept
     return result;
 }
 
+int getaddrinfo_a(int mode, gaicb *list[], int count, sigevent *event)
+{
+    list[0]->ar_service = names_are_unknown ? "nobody's" : nullptr;
+    return call("getaddrinfo_a", getaddrinfo_a, mode, list, count, event);
+}
+
 int gai_suspend(const gaicb *const asked[], int count, const timespec *most)
 {
     if (!names_are_silent)
@@ -146,7 +152,11 @@ ssize_t send(int fd, const void *bytes, size_t size, int flags)
         wait_sent = text.substr(text.rfind('$') + 4, text.size() - text.rfind('$') - 6); // one digit tells its length
         clock_ms += wait_takes;
     }
-    return call("send", send, fd, bytes, allowed("send", size), flags);
+    static bool not_now = false;
+    if (thin != 0 && (not_now = !not_now))
+        return errno = EAGAIN, -1;
+    clock_ms += thin;
+    return call("send", send, fd, bytes, allowed("send", thin != 0 ? std::min<size_t>(size, 1000) : size), flags);
 }
 
 ssize_t recv(int fd, void *bytes, size_t size, int flags)
@@ -491,6 +501,13 @@ TEST_F(pace, of_calls_is_that_of_the_address)
     server.start();
     for (const int64_t limit : {70, 250}) {
         auto *context = open("spin=0&timeout=" + std::to_string(limit));
+        thin = limit / 3; // a first login that took long is forgotten
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
+        thin = 0;
+        server.crash();
+        server.start();
+        clock_ms += 3;
+        EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
         for (const size_t size : {10u, 4'000'000u}) { // an answer that does not come, and a socket that takes no more
             ace_record ace("a", 1, 1);
             ace.set_value(std::string(size, 'x'));
@@ -528,6 +545,22 @@ TEST_F(pace, of_an_answer_that_goes_on_coming_is_ten_times_as_long)
         EXPECT_EQ(result, find_stored(context, 8, found)) << size;
         thin = 0;
     }
+}
+
+TEST_F(pace, of_what_goes_out_or_shakes_hands_bit_by_bit_is_the_time_of_a_call)
+{
+    const auto port = redis_server::free_port();
+    server.start(redis_server::tls_options(port));
+    auto *context = open("spin=0&timeout=1000");
+    ace_record ace("a", 1, 1);
+    ace.set_value(std::string(60'000, 'x'));
+    EXPECT_EQ(TQ_MOM_OK, write_ace(context, 8, ace));
+    thin = 300;
+    EXPECT_EQ(TQ_MOM_TIMEOUT, write_ace(context, 8, ace));
+    const std::string trust = "&ca=" + redis_server::certificates() + "/ca.pem&" + server.credentials("suite");
+    auto *other = open_at("rediss://127.0.0.1:" + port + "?spin=0&timeout=1000" + trust);
+    EXPECT_EQ(TQ_MOM_TIMEOUT, tq_mom_client_connect_sync(other, 8));
+    thin = 0;
 }
 
 TEST_F(pace, of_waiting_for_replicas_is_a_tenth_after_it_was_in_vain)
@@ -572,6 +605,12 @@ TEST_F(pace, of_looking_a_name_up_is_100_ms_and_the_addresses_found_before_are_t
     EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(context, 8));
     EXPECT_EQ(100, clock_ms - begin);
     names_are_silent = false;
+    names_are_unknown = true;
+    auto *other = open_at("redis://localhost:" + port + "?timeout=10000&" + server.credentials("suite"));
+    EXPECT_EQ(TQ_MOM_DISCONNECTED, tq_mom_client_connect_sync(other, 8));
+    names_are_unknown = false;
+    clock_ms += 2000;
+    EXPECT_EQ(TQ_MOM_OK, tq_mom_client_connect_sync(other, 8)) << "it is asked for anew";
 }
 
 TEST_F(pace, of_keeping_connections_alive_tells_a_dead_peer_after_ten_seconds)
