@@ -21,8 +21,12 @@ struct Fault {
     bool sending = false;  // else receiving
     int calls_before = -1; // so many go well; -1: all of them
     bool no_owner = false; // the kernel is asked for an owned table in a way that it does not know
+    bool for_good = false; // all others after it fail, too
 
-    bool now(bool send) { return send == sending && calls_before >= 0 && calls_before-- == 0; }
+    bool now(bool send)
+    {
+        return send == sending && calls_before >= 0 && (for_good ? calls_before == 0 : calls_before-- == 0);
+    }
 } fault;
 
 } // namespace
@@ -415,6 +419,11 @@ TEST_F(NftablesPlaneTest, an_answer_is_true_whatever_happens_to_a_message)
             if (!happened)
                 break;
         }
+    ASSERT_THAT(program(undo), testing::Each(0));
+    fault = {.error = ENOBUFS, .sending = true, .calls_before = 0, .for_good = true};
+    EXPECT_THAT(program(changes), testing::Each(testing::Ne(0)));
+    fault = {};
+    EXPECT_EQ(old, kernel_order());
 }
 
 TEST_F(NftablesPlaneTest, where_a_table_cannot_outlive_its_owner_foreign_changes_are_mended)
