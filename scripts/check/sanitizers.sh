@@ -7,7 +7,7 @@ ASAN_OPTIONS=strict_string_checks=1:detect_stack_use_after_return=1:check_initia
 UBSAN_OPTIONS=print_stacktrace=1
 export ASAN_OPTIONS UBSAN_OPTIONS
 log=build-clang/tests.log status=0
-scripts/run-tests build-clang >"$log" 2>&1 || status=$?
+scripts/run-tests build-clang -j $(($(nproc) * 3)) >"$log" 2>&1 || status=$?
 [ "$status" -eq 0 ] || cat "$log"
 echo "sanitizers: $(tail -n 1 "$log")"
 exit "$status"
