@@ -7,7 +7,7 @@ set(CMAKE_C_STANDARD 99)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # Files of a target are compiled several at a time: most of the time of each goes into headers that all of them include. No two
-# of a target may have the same name for a thing of their own. With OFF, which the second compiler's build has, each stands alone.
+# that are together may have the same name for a thing of their own. With OFF, which the second compiler's build has, each stands alone.
 option(CMAKE_UNITY_BUILD "Compile the files of a target several at a time" ON)
 # A program is not linked again for another shared library of the same interface: they bind all of it at their start.
 set(CMAKE_LINK_DEPENDS_NO_SHARED ON)

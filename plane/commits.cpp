@@ -25,7 +25,7 @@ const SPolicy__AppCommit *marker_of(const tq_mom_notification &notification)
 }
 
 // What cannot be read as a marker is none.
-bool answered(const tq_mom_hash_res *found)
+bool answered(const Found &found)
 {
     return found != nullptr && found->status != TQ_MOM_DISCONNECTED && found->status != TQ_MOM_TIMEOUT &&
            found->status != TQ_MOM_LOADING;
@@ -111,12 +111,12 @@ void Commits::release(const std::string &app)
     make_(app);
 }
 
-std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> Commits::read(const std::string &app, uint32_t marker)
+Found Commits::read(const std::string &app, uint32_t marker)
 {
     Record wanted(s_policy__app_commit__descriptor);
     wanted.set_key_text(0, app.c_str());
     wanted.set_key_number(1, marker);
-    return {tq_mom_hgetall_sync(context_, db_, wanted.message()), tq_mom_hash_res_free};
+    return Found(tq_mom_hgetall_sync(context_, db_, wanted.message()));
 }
 
 // Once: what the application writes later is heard of. False when the store did not answer.
@@ -124,7 +124,7 @@ bool Commits::look_up(const std::string &app)
 {
     const auto hold = read(app, hold_marker);
     const auto enable = read(app, S_POLICY__APP_COMMIT_OP_TYPE_T__APP_COMMIT_ENABLE);
-    if (!answered(hold.get()) || !answered(enable.get()))
+    if (!answered(hold) || !answered(enable))
         return false;
     commits_[app] = {hold->record != nullptr ? State::held : State::none, {}};
     if (hold->record == nullptr && enable->record != nullptr)

@@ -51,7 +51,7 @@ class Commits {
     };
 
     static int32_t on_held(void *handle, const tq_mom_notification *entry, void *arg);
-    std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> read(const std::string &app, uint32_t marker);
+    Found read(const std::string &app, uint32_t marker);
     [[nodiscard]] bool look_up(const std::string &app);
     void release(const std::string &app);
     void open(const std::string &app, uint64_t seconds);

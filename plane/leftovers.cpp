@@ -47,11 +47,9 @@ bool Leftovers::is_leftover(const Key &key) const
 {
     if (node_.knows(key))
         return false;
-    tq_mom_hash_res *found =
-        tq_mom_hgetall_sync(context_, options_.db, Record(*tables()[key.index()].requested, key).message());
-    const bool gone = found != nullptr && found->status == 0 && found->record == nullptr;
-    tq_mom_hash_res_free(found);
-    return gone;
+    const Record wanted(*tables()[key.index()].requested, key);
+    const Found found(tq_mom_hgetall_sync(context_, options_.db, wanted.message()));
+    return found != nullptr && found->status == 0 && found->record == nullptr;
 }
 
 } // namespace plx::plane

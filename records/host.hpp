@@ -8,6 +8,7 @@
 #include <memory>
 #include <tq_context.h>
 #include <tq_loop.h>
+#include <tq_mom.h>
 #include <tq_time.h>
 
 namespace plx {
@@ -16,10 +17,12 @@ struct HostDeleter {
     void operator()(tq_thread_master *loop) const { tq_loop_free(loop); }
     void operator()(tq_context *context) const { tq_context_free(context); }
     void operator()(tq_loop_watch *watch) const { tq_loop_unwatch(watch); }
+    void operator()(tq_mom_hash_res *found) const { tq_mom_hash_res_free(found); }
 };
 using Loop = std::unique_ptr<tq_thread_master, HostDeleter>; // outlives the contexts and timers on it
 using Context = std::unique_ptr<tq_context, HostDeleter>;
-using Watch = std::unique_ptr<tq_loop_watch, HostDeleter>; // the descriptor stays the caller's
+using Watch = std::unique_ptr<tq_loop_watch, HostDeleter>;   // the descriptor stays the caller's
+using Found = std::unique_ptr<tq_mom_hash_res, HostDeleter>; // the answer to tq_mom_hgetall_sync()
 
 using milliseconds = std::chrono::milliseconds;
 

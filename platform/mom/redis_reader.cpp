@@ -22,6 +22,7 @@ constexpr milliseconds busy_answer{3};
 constexpr milliseconds remind_pause{2};
 constexpr milliseconds sending_time{1000};
 constexpr milliseconds look_pause{1000};
+constexpr milliseconds wait_after_refusal{1}; // for the answer that tells whether it is over
 constexpr milliseconds longest_silence = longest_wait + milliseconds{5000};
 constexpr milliseconds between_takes{1};
 constexpr milliseconds between_sayings{5000};
@@ -33,7 +34,6 @@ constexpr milliseconds at_once{0};
 constexpr milliseconds after_attempt{50};
 constexpr milliseconds longest_after_attempt{60'000};
 constexpr milliseconds after_refusal{50};
-constexpr milliseconds wait_after_refusal{1};
 constexpr milliseconds after_recovery{100};
 constexpr milliseconds after_lack_of_memory{1000};
 

@@ -13,7 +13,7 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds between_attempts{100};
 constexpr milliseconds after_failure{2000};
-constexpr milliseconds after_no{60'000};
+constexpr milliseconds after_its_refusal{60'000};
 
 int loop_events(short needs)
 {
@@ -128,7 +128,7 @@ void sentinel_watch::take_words(line &of)
     int parsed = 0;
     while ((parsed = of.connection->parse()) == 1) {
         if (of.connection->replies().is(reply_kind::error))
-            return give_up(of, after_no);
+            return give_up(of, after_its_refusal);
         take_word(of, of.connection->replies());
         of.connection->tape().clear();
     }

@@ -261,8 +261,7 @@ int NodeRun::look_for_twin(const StopOnSignal &stop, bool &found)
     constexpr milliseconds until_an_answer{1000}, until_a_heartbeat{6000};
     const Context context = new_context();
     const Record own = record(s_policy__service_node__descriptor);
-    const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
-        tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
+    const Found left(tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()));
     if (left == nullptr || left->status != 0 || left->record == nullptr)
         return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
     const auto hear = [](void *, const tq_mom_notification *told, void *arg) -> int32_t {
@@ -295,8 +294,7 @@ int NodeRun::claim(const StopOnSignal &stop, bool &lost)
         return result;
     (void)call_nodes(context.get(), options_.node.db);
     run_until(now() + until_all_have_claimed, stop, false);
-    const std::unique_ptr<tq_mom_hash_res, void (*)(tq_mom_hash_res *)> left(
-        tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()), tq_mom_hash_res_free);
+    const Found left(tq_mom_hgetall_sync(context.get(), options_.node.db, own.message()));
     if (left == nullptr || left->status != 0)
         return left == nullptr ? int{TQ_MOM_DISCONNECTED} : left->status;
     lost = left->record != nullptr && number_field(left->record, "token") != options_.node.token;

@@ -84,11 +84,10 @@ Record kept_record(const std::string &app)
 // Calls back with the record, if it is there.
 template <typename Take> int read_record(tq_context *context, uint32_t db, const Record &wanted, Take take)
 {
-    tq_mom_hash_res *found = tq_mom_hgetall_sync(context, db, wanted.message());
+    const Found found(tq_mom_hgetall_sync(context, db, wanted.message()));
     const int result = found == nullptr ? static_cast<int>(TQ_MOM_DISCONNECTED) : found->status;
     if (found != nullptr && found->record != nullptr)
         take(*found->record);
-    tq_mom_hash_res_free(found);
     return result;
 }
 

@@ -88,13 +88,12 @@ void ShowRun::scan(const ProtobufCMessageDescriptor &table, tq_mom_callback on_e
 // The one record whose key is known whole.
 int ShowRun::read(const Record &wanted, tq_mom_callback on_entry)
 {
-    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message());
+    const Found found(tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message()));
     const int status = found == nullptr ? static_cast<int>(TQ_MOM_DISCONNECTED) : found->status;
     const tq_mom_notification entry{TQ_MOM_EVENT_SET, found == nullptr ? nullptr : found->record, status, 0};
     const bool there = entry.record != nullptr || status == TQ_MOM_CORRUPT;
     if (there)
         on_entry(context_.get(), &entry, this);
-    tq_mom_hash_res_free(found);
     return there ? 0 : status;
 }
 

@@ -446,7 +446,7 @@ void ExplainRun::tell_counter(const SceneAcl &acl, const SceneEntry &entry) cons
 {
     const Key key = AceKey{acl.app, acl.id, entry.sn};
     const Record wanted(s_policy__ace_counter__descriptor, key);
-    tq_mom_hash_res *found = tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message());
+    const Found found(tq_mom_hgetall_sync(context_.get(), options_.db, wanted.message()));
     if (found != nullptr && found->record != nullptr) {
         const uint64_t packets = number_field(found->record, "counter_pkt");
         const uint64_t bytes = number_field(found->record, "counter_byte");
@@ -455,7 +455,6 @@ void ExplainRun::tell_counter(const SceneAcl &acl, const SceneEntry &entry) cons
         if (!output().json())
             std::cout << "      " << packets << " packets, " << bytes << " bytes\n";
     }
-    tq_mom_hash_res_free(found);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "explain/scene.hpp"
 
 #include "explain/entries.hpp"
+#include "records/host.hpp"
 #include <algorithm>
 #include <plx/s_policy.pb-c.h>
 #include <tq_mom.h>
@@ -95,10 +96,9 @@ int read_acl(tq_context *context, uint32_t db, Walk &walk, SceneAcl &acl)
 {
     walk.acl = &acl;
     const Record named = wanted_of(s_policy__acl__descriptor, acl);
-    tq_mom_hash_res *found = tq_mom_hgetall_sync(context, db, named.message());
+    const Found found(tq_mom_hgetall_sync(context, db, named.message()));
     if (found != nullptr && found->record != nullptr)
         acl.name = private_text(reinterpret_cast<const SPolicy__Acl *>(found->record)->priv);
-    tq_mom_hash_res_free(found);
     const Record entries = wanted_of(s_policy__ace__descriptor, acl);
     return tq_mom_scan_sync(context, db, entries.message(), 2, &take_entry, &walk);
 }
