@@ -559,7 +559,9 @@ TEST_F(pace, of_what_goes_out_or_shakes_hands_bit_by_bit_is_the_time_of_a_call)
     EXPECT_EQ(TQ_MOM_TIMEOUT, write_ace(context, 8, ace));
     const std::string trust = "&ca=" + redis_server::certificates() + "/ca.pem&" + server.credentials("suite");
     auto *other = open_at("rediss://127.0.0.1:" + port + "?spin=0&timeout=1000" + trust);
+    const int64_t begin = clock_ms;
     EXPECT_EQ(TQ_MOM_TIMEOUT, tq_mom_client_connect_sync(other, 8));
+    EXPECT_LT(clock_ms - begin, 2000) << "with the look whether it speaks without TLS";
     thin = 0;
 }
 
