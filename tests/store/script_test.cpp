@@ -193,6 +193,8 @@ class scenario : public store_users, public plx::Transcript {
             return tq_mom_state_get(context, 8, 0) != TQ_MOM_OK;
         if (verb == "deaf")
             return hears_within(context, 50);
+        if (verb == "hears") // before the server would have answered a question that nothing comes to
+            return hears_within(context, 300) == 0;
         if (verb == "batch")
             return who.collected = 0, who.batching = true, tq_mom_batch_begin(context);
         if (verb == "send")
